@@ -1,0 +1,33 @@
+// Interface identifiers.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+#include "runtime/vel/Export.h"
+#include "runtime/vel/Hash.h"
+
+namespace Dova {
+
+/// Identifies an interface by its name. The default, which the empty name gives too, identifies none.
+class VEL_API IntfId {
+ public:
+  IntfId() = default;
+  explicit IntfId(std::string_view name) : name_(name) {}
+
+  std::string const& name() const { return name_; }
+  Vel::U32 hash() const { return Vel::hashText(name_); }
+
+  friend bool operator==(IntfId const& a, IntfId const& b) = default;
+  friend bool operator<(IntfId const& a, IntfId const& b) { return a.name_ < b.name_; }
+
+ private:
+  std::string name_;  // IFNAMSIZ leaves 15 characters, which std::string holds without the heap.
+};
+
+/// The name.
+VEL_API std::ostream& operator<<(std::ostream& os, IntfId const& id);
+VEL_API bool fromText(std::string_view text, IntfId& id);
+
+}  // namespace Dova

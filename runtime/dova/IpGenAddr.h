@@ -1,0 +1,149 @@
+// Network addresses.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cstring>
+#include <iosfwd>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "runtime/vel/Export.h"
+#include "runtime/vel/HashTable.h"
+#include "runtime/vel/Types.h"
+
+namespace Dova {
+
+using Vel::U16;
+using Vel::U32;
+using Vel::U64;
+using Vel::U8;
+
+/// The family of an address. The numbers order addresses of different families.
+enum class AddressFamily : U32 { unknown = 0, ipv4 = 1, ipv6 = 2 };
+
+/// The family of the default address, which belongs to neither protocol.
+constexpr AddressFamily ipunknown() { return AddressFamily::unknown; }
+
+/// "unknown", "IPv4", "IPv6".
+VEL_API std::ostream& operator<<(std::ostream& os, AddressFamily af);
+
+/// Sixteen bytes of an IPv6 address, in network order.
+class Ip6Addr {
+ public:
+  constexpr Ip6Addr() = default;
+  explicit Ip6Addr(std::array<U8, 16> const& bytes) { std::memcpy(words_, bytes.data(), 16); }
+
+  std::array<U8, 16> bytes() const { return std::bit_cast<std::array<U8, 16>>(*this); }
+
+  /// 30 bits, seeded by `Vel::hashSeedIs`.
+  U32 hash() const {
+    U64 high, low;
+    std::memcpy(&high, words_, 8);
+    std::memcpy(&low, words_ + 2, 8);
+    return Vel::hash128(high, low);
+  }
+
+  friend bool operator==(Ip6Addr const& a, Ip6Addr const& b) = default;
+  friend bool operator<(Ip6Addr const& a, Ip6Addr const& b) {
+    return std::memcmp(a.words_, b.words_, sizeof a.words_) < 0;
+  }
+
+ private:
+  U32 words_[4] = {};
+};
+
+/// An IPv4 or IPv6 address with its family; the key of neighbors, groups and sources.
+///
+/// The default is the unspecified address of unknown family: it equals neither 0.0.0.0 nor "::". An IPv4
+/// address is held in its IPv6 form (::ffff:a.b.c.d), which is also what the hash is made of; equality and
+/// order look at the family first.
+class VEL_API IpGenAddr {
+ public:
+  constexpr IpGenAddr() = default;
+
+  /// From dotted or RFC 5952 text, or "unknown" for the default. Nothing for any other text.
+  static std::optional<IpGenAddr> fromText(std::string_view text);
+
+  /// From text that is known to be an address. Throws Vel::RangeException that quotes it if it is not.
+  explicit IpGenAddr(std::string_view text);
+
+  /// From an IPv4 address in host order.
+  static IpGenAddr ipv4(U32 hostOrder);
+
+  /// From 4 or 16 bytes in network order. Any other size gives the default.
+  static IpGenAddr fromBytes(std::span<U8 const> bytes);
+
+  /// The address of a family whose bits are all zero; the default for an unknown family.
+  static IpGenAddr zero(AddressFamily af);
+
+  constexpr AddressFamily af() const { return af_; }
+  bool isIpv4() const { return af_ == AddressFamily::ipv4; }
+  bool isIpv6() const { return af_ == AddressFamily::ipv6; }
+
+  /// True for the default address and for a family's all-zero address.
+  bool isZero() const { return *this == zero(af_); }
+
+  /// The address in IPv6 form.
+  Ip6Addr const& ip6Addr() const { return ip6_; }
+
+  /// The bytes on the wire: 4, 16 or none. They lie within this object.
+  std::span<U8 const> bytes() const;
+
+  /// How many bits a prefix of this family can have: 32, 128 or 0.
+  U8 width() const { return isIpv4() ? 32 : isIpv6() ? 128 : 0; }
+
+  U32 hash() const { return ip6_.hash(); }
+
+  friend bool operator==(IpGenAddr const& a, IpGenAddr const& b) = default;
+
+  /// By family, then numerically.
+  friend bool operator<(IpGenAddr const& a, IpGenAddr const& b) {
+    return a.af_ != b.af_ ? a.af_ < b.af_ : a.ip6_ < b.ip6_;
+  }
+
+ private:
+  friend class AddressSlot;
+  IpGenAddr(Ip6Addr const& ip6, AddressFamily af) : ip6_(ip6), af_(af) {}
+
+  Ip6Addr ip6_;
+  AddressFamily af_ = AddressFamily::unknown;
+};
+
+/// IPv4 dotted, IPv6 as in RFC 5952, "unknown" for the default address.
+VEL_API std::ostream& operator<<(std::ostream& os, IpGenAddr const& address);
+VEL_API std::string toText(IpGenAddr const& address);
+
+/// For attributes that are set by name.
+VEL_API bool fromText(std::string_view text, IpGenAddr& address);
+
+/// An address in a hash table: the two low bits that a 30-bit hash leaves free hold the family, so that a
+/// slot is no larger than the address.
+class AddressSlot {
+ public:
+  using Key = IpGenAddr;
+
+  AddressSlot() = default;
+  explicit AddressSlot(Key const& key)
+      : ip6_(key.ip6_), orderAndFamily_(orderOf(key) | (static_cast<U32>(key.af_) + 1)) {}
+
+  bool used() const { return orderAndFamily_ != 0; }
+  U32 order() const { return orderAndFamily_ & ~3u; }
+  Key key() const { return Key(ip6_, static_cast<AddressFamily>((orderAndFamily_ & 3) - 1)); }
+  static U32 orderOf(Key const& key) { return Vel::bitReverse(key.hash()); }
+
+ private:
+  Ip6Addr ip6_;
+  U32 orderAndFamily_ = 0;
+};
+
+static_assert(sizeof(AddressSlot) == sizeof(IpGenAddr));
+
+}  // namespace Dova
+
+template <>
+struct Vel::SlotOf<Dova::IpGenAddr> {
+  using Type = Dova::AddressSlot;
+};

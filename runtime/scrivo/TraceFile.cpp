@@ -1,0 +1,250 @@
+#include "runtime/scrivo/TraceFile.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <system_error>
+
+#include "runtime/scrivo/CycleCounter.h"
+#include "runtime/vel/Exception.h"
+
+namespace Scrivo {
+
+constinit TraceFile* TraceFile::current_ = nullptr;
+
+namespace {
+
+void store(U64& shared, U64 value, std::memory_order order) {
+  std::atomic_ref<U64>(shared).store(value, order);
+}
+
+[[noreturn]] void refuse(std::string const& path, std::string const& reason) {
+  throw Vel::RangeException(path + ": " + reason);
+}
+
+[[noreturn]] void refuse(std::string const& path, int error) {
+  refuse(path, std::generic_category().message(error));
+}
+
+void requireSize(std::string const& path, char const* name, U64 bytes, U64 least, U64 most) {
+  if (bytes >= least && bytes <= most) return;
+  refuse(path, std::string(name) + " is " + std::to_string(bytes) + ", not " + std::to_string(least) +
+                   " to " + std::to_string(most));
+}
+
+// A file that is being made. It goes away again unless it is moved to its name.
+class NewFile {
+ public:
+  NewFile(std::string const& path, U64 bytes) : path_(path), temporary_(path + ".XXXXXX"), bytes_(bytes) {
+    descriptor_ = mkostemp(temporary_.data(), O_CLOEXEC);
+    if (descriptor_ < 0) refuse(path_, errno);
+  }
+  NewFile(NewFile const&) = delete;
+  NewFile& operator=(NewFile const&) = delete;
+  ~NewFile() {
+    ::close(descriptor_);
+    if (!named_) unlink(temporary_.c_str());
+  }
+
+  void takeSpace() {
+    int const error = posix_fallocate(descriptor_, 0, static_cast<off_t>(bytes_));
+    if (error != 0) refuse(path_, error);
+  }
+
+  U8* map() {
+    void* const mapping = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0);
+    if (mapping == MAP_FAILED) refuse(path_, errno);
+    return static_cast<U8*>(mapping);
+  }
+
+  void name() {
+    if (std::rename(temporary_.c_str(), path_.c_str()) != 0) refuse(path_, errno);
+    named_ = true;
+  }
+
+ private:
+  std::string const& path_;
+  std::string temporary_;
+  U64 bytes_;
+  int descriptor_ = -1;
+  bool named_ = false;
+};
+
+constexpr U64 oneSecond = 1'000'000'000;  // in nanoseconds
+
+U64 rate(U64 counts, U64 nanoseconds) {
+  double const perSecond = static_cast<double>(counts) * oneSecond / static_cast<double>(nanoseconds);
+  return static_cast<U64>(std::clamp(perSecond, 1.0, 1e12));
+}
+
+// Good for four digits; the file's own age soon gives more.
+U64 measureCountsPerSecond() {
+#if defined(__x86_64__)
+  constexpr U64 measuringTime = 2'000'000;
+  U64 const start = clockNanoseconds(CLOCK_MONOTONIC), counter = cycleCounter();
+  U64 now = start;
+  while (now - start < measuringTime) now = clockNanoseconds(CLOCK_MONOTONIC);
+  return rate(cycleCounter() - counter, now - start);
+#elif defined(__aarch64__)
+  U64 frequency;
+  asm("mrs %0, cntfrq_el0" : "=r"(frequency));
+  return frequency;
+#else
+  return oneSecond;
+#endif
+}
+
+TraceOptions roundedUp(TraceOptions const& options) {
+  return {.messageBytes = Format::roundUp8(options.messageBytes),
+          .timerBytes = Format::roundUp8(options.timerBytes),
+          .descriptorBytes = Format::roundUp8(options.descriptorBytes)};
+}
+
+}  // namespace
+
+TraceFile& TraceFile::open(std::string const& path, TraceOptions const& options) {
+  requireSize(path, "messageBytes", options.messageBytes, Format::minRingBytes, Format::maxRingBytes);
+  requireSize(path, "timerBytes", options.timerBytes, Format::minRingBytes, Format::maxRingBytes);
+  requireSize(path, "descriptorBytes", options.descriptorBytes, 0, Format::maxDescriptorAreaBytes);
+  TraceOptions const rounded = roundedUp(options);
+  U64 const bytes = Format::headerBytes + rounded.descriptorBytes + rounded.messageBytes + rounded.timerBytes;
+
+  // The child would write into the same memory, at positions of its own.
+  static int const childKnows = pthread_atfork(nullptr, nullptr, &TraceFile::abandonInChild);
+  if (childKnows != 0) refuse(path, childKnows);
+
+  NewFile file(path, bytes);
+  file.takeSpace();
+  auto const destroy = [](TraceFile* made) { delete made; };
+  U8* const mapping = file.map();
+  std::unique_ptr<TraceFile, decltype(destroy)> made(new (std::nothrow) TraceFile(mapping, bytes, rounded));
+  if (!made) {
+    munmap(mapping, bytes);
+    refuse(path, ENOMEM);
+  }
+  file.name();
+  close();
+  current_ = made.release();
+  return *current_;
+}
+
+void TraceFile::close() noexcept {
+  if (current_ == nullptr) return;
+  current_->refineClock();
+  delete current_;
+  current_ = nullptr;
+}
+
+void TraceFile::abandonInChild() noexcept {
+  delete current_;
+  current_ = nullptr;
+}
+
+TraceFile::TraceFile(U8* mapping, U64 bytes, TraceOptions const& options) noexcept
+    : header_(new (mapping) Format::FileHeader{}), bytes_(bytes) {
+  static constinit U64 generations = 0;
+  generation_ = ++generations;
+  static U64 const measuredCountsPerSecond = measureCountsPerSecond();
+
+  std::memcpy(header_->magic, Format::magic, sizeof header_->magic);
+  header_->version = Format::version;
+  header_->byteOrder = Format::byteOrder;
+  header_->fileBytes = bytes;
+  header_->descriptors = {Format::headerBytes, options.descriptorBytes};
+  U64 const messages = Format::headerBytes + options.descriptorBytes;
+  header_->rings[Format::ringIndex(EventKind::message)] = {messages, options.messageBytes};
+  header_->rings[Format::ringIndex(EventKind::blockTimer)] = {messages + options.messageBytes,
+                                                              options.timerBytes};
+  descriptorRoom_ = {mapping + Format::headerBytes, options.descriptorBytes};
+  header_->realtimeAtOpen = clockNanoseconds(CLOCK_REALTIME);
+  header_->monotonicAtOpen = clockNanoseconds(CLOCK_MONOTONIC);
+  header_->counterAtOpen = cycleCounter();
+  header_->countsPerSecond = measuredCountsPerSecond;
+  for (int i = 0; i < 2; ++i)
+    rings_[i] = {&header_->ringStates[i], mapping + header_->rings[i].offset, header_->rings[i].bytes, {}};
+}
+
+TraceFile::~TraceFile() { munmap(header_, bytes_); }
+
+U32 TraceFile::registerDescriptor(std::span<U8> descriptor) noexcept {
+  if (descriptor.size() > descriptorRoom_.size()) {
+    refuseDescriptor();
+    return 0;
+  }
+  U32 const id = ++descriptorCount_;
+  std::memcpy(descriptor.data() + offsetof(Format::DescriptorHeader, id), &id, sizeof id);
+  std::memcpy(descriptorRoom_.data(), descriptor.data(), descriptor.size());
+  descriptorRoom_ = descriptorRoom_.subspan(descriptor.size());
+  store(header_->descriptorCount, id, std::memory_order_release);
+  return id;
+}
+
+void TraceFile::refuseDescriptor() noexcept {
+  store(header_->refusedCallSites, header_->refusedCallSites + 1, std::memory_order_relaxed);
+}
+
+U8* TraceFile::reserve(Detail::Ring& ring, U32 id, U64 counter, U32 bytes) noexcept {
+  U64 place = ring.own.head % ring.size;
+  U64 const left = ring.size - place;
+  bool const wraps = left < bytes;
+  advanceTail(ring, wraps ? left + bytes : bytes);
+  if (wraps) {
+    U32 const filler[2] = {static_cast<U32>(left), Format::fillerId};
+    std::memcpy(ring.bytes + place, filler, sizeof filler);
+    ring.own.head += left;
+    place = 0;
+    refineClock();
+  }
+  U8* const record = ring.bytes + place;
+  // The record's last word may end in padding.
+  std::memset(record + bytes - 8, 0, 8);
+  Format::RecordHeader const header = {bytes, id, counter};
+  std::memcpy(record, &header, sizeof header);
+  return record + sizeof header;
+}
+
+void TraceFile::publish(Detail::Ring& ring, U32 bytes) noexcept {
+  ring.own.head += bytes;
+  store(ring.shared->head, ring.own.head, std::memory_order_release);
+}
+
+void TraceFile::advanceTail(Detail::Ring& ring, U64 needed) noexcept {
+  Format::RingState& own = ring.own;
+  if (own.head + needed - own.tail <= ring.size) return;
+  do {
+    U64 const place = own.tail % ring.size;
+    U32 oldest[2];
+    std::memcpy(oldest, ring.bytes + place, sizeof oldest);
+    auto const [bytes, id] = oldest;
+    // Someone else's scribble in the file must not lead the writer out of the ring or around it for ever.
+    if (bytes < 8 || bytes % 8 != 0 || bytes > ring.size - place || bytes > own.head - own.tail) {
+      own.tail = own.head;
+      break;
+    }
+    own.tail += bytes;
+    if (id != Format::fillerId) ++own.overwritten;
+  } while (own.head + needed - own.tail > ring.size);
+  store(ring.shared->overwritten, own.overwritten, std::memory_order_relaxed);
+  store(ring.shared->tail, own.tail, std::memory_order_relaxed);
+  // A release store orders only what precedes it; what must not overtake the tail here is what follows.
+  std::atomic_thread_fence(std::memory_order_release);
+}
+
+void TraceFile::refineClock() noexcept {
+  U64 const nanoseconds = clockNanoseconds(CLOCK_MONOTONIC) - header_->monotonicAtOpen;
+  U64 const counts = cycleCounter() - header_->counterAtOpen;
+  // The first measurement is better than that of a file's first moments.
+  if (nanoseconds < oneSecond / 10) return;
+  store(header_->countsPerSecond, rate(counts, nanoseconds), std::memory_order_relaxed);
+}
+
+}  // namespace Scrivo

@@ -1,0 +1,148 @@
+// The trace file that this process writes.
+//
+//     Scrivo::TraceFile::open("/var/run/jpagent.trace", {.messageBytes = 4 << 20});
+//     ...                           // SCRIVO_MESSAGE and SCRIVO_BLOCK_TIMER write from here on,
+//     Scrivo::TraceFile::close();   // and cost one flag test from here on.
+//
+// A process that ends without closing loses nothing: the file is what has been written.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "runtime/dova/IpGenAddr.h"
+#include "runtime/scrivo/Format.h"
+#include "runtime/scrivo/Kinds.h"
+#include "runtime/vel/Export.h"
+
+namespace Scrivo {
+
+/// Sizes of the parts of a trace file, in bytes; rounded up to a multiple of 8. The file has their sum and
+/// one page, and never grows.
+struct TraceOptions {
+  U64 messageBytes = 1 << 20;       // 8 KiB to 1 GiB
+  U64 timerBytes = 512 << 10;       // 8 KiB to 1 GiB
+  U64 descriptorBytes = 256 << 10;  // up to 64 MiB; a call site needs 100 to 200
+};
+
+namespace Detail {
+
+/// A piece of a message that is written once, in the descriptor.
+struct Literal {
+  char const* text;
+};
+
+// The size and the bytes of an argument in a record. A literal has none.
+constexpr U32 encodedBytes(Literal) { return 0; }
+constexpr U32 encodedBytes(std::int64_t) { return 8; }
+inline U32 encodedBytes(std::string_view text) {
+  return 1 + static_cast<U32>(text.size() < maxStringBytes ? text.size() : maxStringBytes);
+}
+inline U32 encodedBytes(Dova::IpGenAddr const& address) {
+  return 1 + static_cast<U32>(address.bytes().size());
+}
+
+inline U8* encode(U8* to, Literal) { return to; }
+inline U8* encode(U8* to, std::int64_t number) {
+  std::memcpy(to, &number, 8);
+  return to + 8;
+}
+inline U8* encodeBytes(U8* to, void const* bytes, U32 size) {
+  *to++ = static_cast<U8>(size);
+  if (size != 0) std::memcpy(to, bytes, size);
+  return to + size;
+}
+inline U8* encode(U8* to, std::string_view text) {
+  return encodeBytes(to, text.data(), encodedBytes(text) - 1);
+}
+inline U8* encode(U8* to, Dova::IpGenAddr const& address) {
+  return encodeBytes(to, address.bytes().data(), encodedBytes(address) - 1);
+}
+
+/// One ring of the mapped file, seen by its writer. Positions are kept here too, so that the writer never
+/// depends on what someone else may have scribbled over them.
+struct Ring {
+  Format::RingState* shared;
+  U8* bytes;
+  U64 size;
+  Format::RingState own;
+};
+
+}  // namespace Detail
+
+class VEL_API TraceFile {
+ public:
+  /// Makes the file and directs all tracing of this process to it; a file that was open is closed. The file
+  /// appears under its name when it is complete and replaces any file there, so a reader of the old one is
+  /// not disturbed. Its space is taken at once: a full disk is noticed here and not by the first record.
+  ///
+  /// Open after the process has become a daemon: a child of fork(2) starts with no file open.
+  ///
+  /// Throws Vel::RangeException "<path>: <reason>", where the reason is a size that is out of range or the
+  /// text of errno. Nothing was changed then: an earlier file is still open, a file of this name is still
+  /// there.
+  static TraceFile& open(std::string const& path, TraceOptions const& options = {});
+
+  /// Ends tracing. Does nothing if no file is open.
+  static void close() noexcept;
+
+  /// The open file, valid until the next open() or close(); null if there is none.
+  static TraceFile* current() { return current_; }
+
+  TraceFile(TraceFile const&) = delete;
+  TraceFile& operator=(TraceFile const&) = delete;
+
+  /// A number that no other file of this process has, and never 0. Identifiers are valid in one generation.
+  U64 generation() const { return generation_; }
+
+  /// Appends a descriptor, which MessageDescriptor composes, and gives it its identifier. Returns 0 if the
+  /// area is full; the call site then writes nothing, and the file counts it.
+  U32 registerDescriptor(std::span<U8> descriptor) noexcept;
+
+  /// Counts a call site whose descriptor does not fit anywhere.
+  void refuseDescriptor() noexcept;
+
+  /// Appends a record to the ring of `kind`, overwriting as many of the oldest records as it needs room for.
+  /// Does not allocate and does not fail.
+  ///
+  /// REQUIRES: `id` is of a descriptor of this kind in this file, and the arguments (IpGenAddr,
+  /// std::string_view, std::int64_t) are of its kinds in its order. Literals may stand among them.
+  template <class... Arguments>
+  void record(EventKind kind, U32 id, U64 counter, Arguments const&... arguments) noexcept {
+    Detail::Ring& ring = rings_[Format::ringIndex(kind)];
+    U32 const bytes = Format::roundUp8(
+        (static_cast<U32>(sizeof(Format::RecordHeader)) + ... + Detail::encodedBytes(arguments)));
+    [[maybe_unused]] U8* to = reserve(ring, id, counter, bytes);
+    ((to = Detail::encode(to, arguments)), ...);
+    publish(ring, bytes);
+  }
+
+ private:
+  TraceFile(U8* mapping, U64 bytes, TraceOptions const& options) noexcept;
+  ~TraceFile();
+
+  // Both act on the record that is being written. The reserved bytes begin behind the record's header.
+  U8* reserve(Detail::Ring& ring, U32 id, U64 counter, U32 bytes) noexcept;
+  void publish(Detail::Ring& ring, U32 bytes) noexcept;
+
+  void advanceTail(Detail::Ring& ring, U64 needed) noexcept;
+  void refineClock() noexcept;
+
+  static void abandonInChild() noexcept;
+
+  static constinit TraceFile* current_;
+
+  // Fixed at construction.
+  Format::FileHeader* header_;
+  U64 bytes_;
+  U64 generation_;
+  // Changed by registerDescriptor.
+  std::span<U8> descriptorRoom_;
+  U32 descriptorCount_ = 0;
+  // Changed by record.
+  Detail::Ring rings_[2];
+};
+
+}  // namespace Scrivo

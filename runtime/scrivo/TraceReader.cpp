@@ -1,0 +1,424 @@
+#include "runtime/scrivo/TraceReader.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <ostream>
+#include <span>
+#include <system_error>
+#include <type_traits>
+#include <utility>
+
+#include "runtime/scrivo/Format.h"
+#include "runtime/vel/Exception.h"
+
+namespace Scrivo {
+
+namespace {
+
+// Takes values from the front of some bytes. What is not there reads as zero and spoils the result for good.
+class Cursor {
+ public:
+  explicit Cursor(std::span<U8 const> bytes) : left_(bytes) {}
+
+  std::span<U8 const> bytes(std::size_t size) {
+    if (size > left_.size()) {
+      good_ = false;
+      left_ = {};
+      return {};
+    }
+    std::span<U8 const> const taken = left_.first(size);
+    left_ = left_.subspan(size);
+    return taken;
+  }
+
+  template <class Value>
+  Value value() {
+    static_assert(std::is_trivially_copyable_v<Value>);
+    Value result{};
+    std::span<U8 const> const taken = bytes(sizeof result);
+    if (!taken.empty()) std::memcpy(&result, taken.data(), sizeof result);
+    return result;
+  }
+
+  template <class Length>
+  std::string text() {
+    std::span<U8 const> const taken = bytes(value<Length>());
+    return {taken.begin(), taken.end()};
+  }
+
+  bool good() const { return good_; }
+
+  // Everything was there, and nothing is left but the padding.
+  bool doneBut8() const { return good_ && left_.size() < 8; }
+
+ private:
+  std::span<U8 const> left_;
+  bool good_ = true;
+};
+
+bool isEventKind(U8 kind) {
+  return kind == static_cast<U8>(EventKind::message) || kind == static_cast<U8>(EventKind::blockTimer);
+}
+
+bool isArgumentKind(U8 kind) {
+  return kind == static_cast<U8>(ArgumentKind::address) || kind == static_cast<U8>(ArgumentKind::string) ||
+         kind == static_cast<U8>(ArgumentKind::integer);
+}
+
+bool isTimer(std::vector<Piece> const& pieces) {
+  return pieces.size() == 2 && std::holds_alternative<std::string>(pieces[0]) &&
+         pieces[1] == Piece(ArgumentKind::integer);
+}
+
+std::optional<Descriptor> parseDescriptor(std::span<U8 const> bytes) {
+  Cursor cursor(bytes);
+  auto const header = cursor.value<Format::DescriptorHeader>();
+  if (!isEventKind(header.kind)) return {};
+  Descriptor descriptor{
+      header.id, static_cast<EventKind>(header.kind), cursor.text<Format::U16>(), header.line, {}};
+  for (unsigned i = 0; i < header.pieces && cursor.good(); ++i) {
+    U8 const kind = cursor.value<U8>();
+    if (kind == Format::literalPiece)
+      descriptor.pieces.emplace_back(cursor.text<Format::U16>());
+    else if (isArgumentKind(kind))
+      descriptor.pieces.emplace_back(static_cast<ArgumentKind>(kind));
+    else
+      return {};
+  }
+  if (!cursor.doneBut8()) return {};
+  if (descriptor.kind == EventKind::blockTimer && !isTimer(descriptor.pieces)) return {};
+  return descriptor;
+}
+
+std::optional<Argument> parseArgument(Cursor& cursor, ArgumentKind kind) {
+  switch (kind) {
+    case ArgumentKind::address: {
+      std::span<U8 const> const bytes = cursor.bytes(cursor.value<U8>());
+      if (!bytes.empty() && bytes.size() != 4 && bytes.size() != 16) return {};
+      return Dova::IpGenAddr::fromBytes(bytes);
+    }
+    case ArgumentKind::string:
+      return cursor.text<U8>();
+    case ArgumentKind::integer:
+      return cursor.value<std::int64_t>();
+  }
+  return {};
+}
+
+std::string escaped(std::string_view text) {
+  std::string line;
+  for (char const c : text) {
+    if (c == '\n') {
+      line += "\\n";
+    } else if (c == '\t') {
+      line += "\\t";
+    } else if (c == '\\') {
+      line += "\\\\";
+    } else if (static_cast<U8>(c) < 0x20 || c == 0x7f) {
+      char octal[8];
+      std::snprintf(octal, sizeof octal, "\\%03o", static_cast<U8>(c));
+      line += octal;
+    } else {
+      line += c;
+    }
+  }
+  return line;
+}
+
+std::string secondsText(double seconds) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.9f", seconds);
+  return text;
+}
+
+}  // namespace
+
+// The open file. The bytes of the areas are copied by read(2), which is an error and not a signal where the
+// file has become shorter; the header is mapped, since its numbers must be loaded whole while they change.
+class TraceReader::Source {
+ public:
+  explicit Source(std::string const& path) : path_(path), file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+    if (file_ < 0) refuse(errno);
+    try {
+      mapHeader();
+      check();
+    } catch (...) {
+      release();
+      throw;
+    }
+  }
+  Source(Source const&) = delete;
+  Source& operator=(Source const&) = delete;
+  ~Source() { release(); }
+
+  // What does not change while the file is written.
+  Format::FileHeader const& header() const { return fixed_; }
+
+  static U64 load(U64 const& changing) { return __atomic_load_n(&changing, __ATOMIC_ACQUIRE); }
+  U64 countsPerSecond() const { return load(mapped_->countsPerSecond); }
+  U64 descriptorCount() const { return load(mapped_->descriptorCount); }
+  U64 refusedCallSites() const { return load(mapped_->refusedCallSites); }
+
+  std::vector<U8> read(Format::Area const& area) const {
+    std::vector<U8> bytes(area.bytes);
+    for (U64 done = 0; done < area.bytes;) {
+      ssize_t const got =
+          pread(file_, bytes.data() + done, area.bytes - done, static_cast<off_t>(area.offset + done));
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) refuse(errno);
+      if (got == 0) refuse("truncated while being read");
+      done += static_cast<U64>(got);
+    }
+    return bytes;
+  }
+
+  struct RingCopy {
+    std::vector<U8> bytes;
+    Format::RingState state;
+  };
+
+  // What lies between tail and head of the copy is whole.
+  RingCopy readRing(EventKind kind) const {
+    U32 const index = Format::ringIndex(kind);
+    Format::Area const& area = fixed_.rings[index];
+    Format::RingState const& shared = mapped_->ringStates[index];
+    // The writer may lap a copy that takes long, so there are several attempts; it does not lap many.
+    for (int attempt = 0;; ++attempt) {
+      U64 const head = load(shared.head);
+      std::vector<U8> bytes = read(area);
+      __atomic_thread_fence(__ATOMIC_ACQUIRE);
+      U64 const tail = load(shared.tail), headNow = load(shared.head);
+      bool const lapped = tail > head && tail <= headNow;
+      if (lapped && attempt < 100) continue;
+      if (!lapped && (tail > head || head - tail > area.bytes || head % 8 != 0 || tail % 8 != 0)) {
+        std::string const name = kind == EventKind::message ? "messages" : "block timers";
+        refuse("the ring of " + name + " lies between " + std::to_string(tail) + " and " +
+               std::to_string(head));
+      }
+      return {std::move(bytes), {lapped ? tail : head, tail, load(shared.overwritten)}};
+    }
+  }
+
+ private:
+  [[noreturn]] void refuse(std::string const& reason) const {
+    throw Vel::RangeException(path_ + ": " + reason);
+  }
+  [[noreturn]] void refuse(int error) const { refuse(std::generic_category().message(error)); }
+
+  void mapHeader() {
+    struct stat status;
+    if (fstat(file_, &status) != 0) refuse(errno);
+    if (S_ISDIR(status.st_mode)) refuse(EISDIR);
+    if (!S_ISREG(status.st_mode)) refuse("not a trace file: not a regular file");
+    fileBytes_ = static_cast<U64>(status.st_size);
+    if (fileBytes_ < Format::headerBytes)
+      refuse("not a trace file: " + std::to_string(fileBytes_) + " bytes have no room for a header");
+    void* const mapping = mmap(nullptr, Format::headerBytes, PROT_READ, MAP_SHARED, file_, 0);
+    if (mapping == MAP_FAILED) refuse(errno);
+    mapped_ = static_cast<Format::FileHeader const*>(mapping);
+    std::memcpy(&fixed_, mapped_, sizeof fixed_);
+  }
+
+  void check() const {
+    if (std::memcmp(fixed_.magic, Format::magic, sizeof fixed_.magic) != 0)
+      refuse("not a trace file: it does not begin like one");
+    if (fixed_.byteOrder != Format::byteOrder) refuse("written by a machine of another byte order");
+    if (fixed_.version != Format::version)
+      refuse("version " + std::to_string(fixed_.version) + " is not known here, only " +
+             std::to_string(Format::version));
+    if (fixed_.fileBytes != fileBytes_)
+      refuse(std::to_string(fileBytes_) + " bytes, but the header says " + std::to_string(fixed_.fileBytes));
+    checkArea("descriptors", fixed_.descriptors, 0, Format::maxDescriptorAreaBytes);
+    checkArea("messages", fixed_.rings[0], Format::minRingBytes, Format::maxRingBytes);
+    checkArea("block timers", fixed_.rings[1], Format::minRingBytes, Format::maxRingBytes);
+    if (countsPerSecond() == 0) refuse("the header gives no rate of the cycle counter");
+  }
+
+  void checkArea(char const* name, Format::Area const& area, U64 least, U64 most) const {
+    bool const within = area.offset >= Format::headerBytes && area.offset <= fileBytes_ &&
+                        area.bytes <= fileBytes_ - area.offset;
+    if (within && area.bytes >= least && area.bytes <= most && area.offset % 8 == 0 && area.bytes % 8 == 0)
+      return;
+    refuse("the area of " + std::string(name) + " has " + std::to_string(area.bytes) + " bytes at " +
+           std::to_string(area.offset) + " in a file of " + std::to_string(fileBytes_));
+  }
+
+  void release() {
+    if (mapped_ != nullptr) munmap(const_cast<Format::FileHeader*>(mapped_), Format::headerBytes);
+    ::close(file_);
+  }
+
+  std::string const& path_;
+  int file_;
+  U64 fileBytes_ = 0;
+  Format::FileHeader const* mapped_ = nullptr;
+  Format::FileHeader fixed_ = {};
+};
+
+TraceReader::TraceReader(std::string const& path) {
+  Source const source(path);
+  counterAtOpen_ = source.header().counterAtOpen;
+  realtimeAtOpen_ = source.header().realtimeAtOpen;
+  countsPerSecond_ = source.countsPerSecond();
+
+  // Rings first: whatever a record in the copy refers to is registered by now.
+  Source::RingCopy const messages = source.readRing(EventKind::message);
+  Source::RingCopy const timers = source.readRing(EventKind::blockTimer);
+  U64 const descriptorCount = source.descriptorCount();
+  readDescriptors(source.read(source.header().descriptors), descriptorCount);
+  refusedCallSites_ = source.refusedCallSites();
+  lost_[Format::ringIndex(EventKind::message)] = messages.state.overwritten;
+  lost_[Format::ringIndex(EventKind::blockTimer)] = timers.state.overwritten;
+  readRing(messages.bytes, messages.state.tail, messages.state.head, EventKind::message);
+  readRing(timers.bytes, timers.state.tail, timers.state.head, EventKind::blockTimer);
+  sortByTime();
+}
+
+void TraceReader::sortByTime() {
+  std::vector<std::pair<U64, std::size_t>> order;
+  for (Event const& event : events_) order.emplace_back(event.counter, order.size());
+  std::sort(order.begin(), order.end());
+  std::vector<Event> sorted;
+  sorted.reserve(events_.size());
+  for (auto const& [counter, index] : order) sorted.push_back(std::move(events_[index]));
+  events_ = std::move(sorted);
+}
+
+U64 TraceReader::lost(EventKind kind) const { return lost_[Format::ringIndex(kind)]; }
+
+void TraceReader::readDescriptors(std::vector<U8> const& area, U64 count) {
+  std::span<U8 const> left = area;
+  for (U64 id = 1; id <= count; ++id) {
+    U32 bytes = 0;
+    if (left.size() >= sizeof(Format::DescriptorHeader)) std::memcpy(&bytes, left.data(), sizeof bytes);
+    if (bytes < sizeof(Format::DescriptorHeader) || bytes % 8 != 0 || bytes > left.size()) {
+      ++damaged_;
+      return;
+    }
+    std::optional<Descriptor> descriptor = parseDescriptor(left.first(bytes));
+    if (descriptor && descriptor->id == id)
+      descriptors_.push_back(*std::move(descriptor));
+    else
+      ++damaged_;
+    left = left.subspan(bytes);
+  }
+}
+
+void TraceReader::readRing(std::vector<U8> const& ring, U64 tail, U64 head, EventKind kind) {
+  while (tail != head) {
+    U64 const place = tail % ring.size();
+    U32 start[2];
+    std::memcpy(start, ring.data() + place, sizeof start);
+    auto const [bytes, id] = start;
+    bool const filler = id == Format::fillerId;
+    if (bytes < (filler ? 8 : sizeof(Format::RecordHeader)) || bytes % 8 != 0 ||
+        bytes > ring.size() - place || bytes > head - tail) {
+      ++damaged_;
+      return;
+    }
+    if (!filler) readRecord(ring.data() + place, bytes, kind);
+    tail += bytes;
+  }
+}
+
+void TraceReader::readRecord(U8 const* record, U32 bytes, EventKind kind) {
+  Cursor cursor({record, bytes});
+  auto const header = cursor.value<Format::RecordHeader>();
+  auto const descriptor = std::lower_bound(descriptors_.begin(), descriptors_.end(), header.id,
+                                           [](Descriptor const& d, U32 id) { return d.id < id; });
+  if (descriptor == descriptors_.end() || descriptor->id != header.id || descriptor->kind != kind) {
+    ++damaged_;
+    return;
+  }
+  double const countsPerSecond = static_cast<double>(countsPerSecond_);
+  double const sinceOpen = static_cast<double>(static_cast<std::int64_t>(header.counter - counterAtOpen_));
+  Event event{header.counter,
+              sinceOpen / countsPerSecond,
+              kind,
+              header.id,
+              descriptor->source,
+              descriptor->line,
+              {},
+              {},
+              0,
+              0};
+  for (Piece const& piece : descriptor->pieces) {
+    if (auto const* literal = std::get_if<std::string>(&piece)) {
+      event.text += *literal;
+      continue;
+    }
+    std::optional<Argument> argument = parseArgument(cursor, std::get<ArgumentKind>(piece));
+    if (!argument) {
+      ++damaged_;
+      return;
+    }
+    if (kind == EventKind::message) event.text += toText(*argument);
+    event.arguments.push_back(*std::move(argument));
+  }
+  if (!cursor.doneBut8()) {
+    ++damaged_;
+    return;
+  }
+  if (kind == EventKind::blockTimer) {
+    event.elapsed = static_cast<U64>(std::get<std::int64_t>(event.arguments.front()));
+    event.elapsedSeconds = static_cast<double>(event.elapsed) / countsPerSecond;
+  }
+  events_.push_back(std::move(event));
+}
+
+ArgumentKind kindOf(Argument const& argument) {
+  static_assert(std::is_same_v<std::variant_alternative_t<0, Argument>, Dova::IpGenAddr>);
+  static_assert(std::is_same_v<std::variant_alternative_t<1, Argument>, std::string>);
+  static_assert(std::is_same_v<std::variant_alternative_t<2, Argument>, std::int64_t>);
+  return static_cast<ArgumentKind>(argument.index() + 1);
+}
+
+std::string toText(Argument const& argument) {
+  if (auto const* address = std::get_if<Dova::IpGenAddr>(&argument)) return Dova::toText(*address);
+  if (auto const* text = std::get_if<std::string>(&argument)) return *text;
+  return std::to_string(std::get<std::int64_t>(argument));
+}
+
+std::string toText(Descriptor const& descriptor) {
+  std::string text = descriptor.source + " " + std::to_string(descriptor.line) + ": ";
+  for (Piece const& piece : descriptor.pieces) {
+    if (auto const* literal = std::get_if<std::string>(&piece)) {
+      text += *literal;
+      continue;
+    }
+    switch (std::get<ArgumentKind>(piece)) {
+      case ArgumentKind::address:
+        text += "<address>";
+        break;
+      case ArgumentKind::string:
+        text += "<string>";
+        break;
+      case ArgumentKind::integer:
+        text += "<integer>";
+        break;
+    }
+  }
+  return escaped(text);
+}
+
+std::ostream& operator<<(std::ostream& os, Descriptor const& descriptor) { return os << toText(descriptor); }
+
+std::string toText(Event const& event) {
+  std::string line =
+      secondsText(event.seconds) + " " + escaped(event.source) + " " + std::to_string(event.line) + ": ";
+  if (event.kind == EventKind::blockTimer)
+    line += "[" + std::to_string(event.elapsed) + " counts, " + secondsText(event.elapsedSeconds) + " s] ";
+  return line + escaped(event.text);
+}
+
+std::ostream& operator<<(std::ostream& os, Event const& event) { return os << toText(event); }
+
+}  // namespace Scrivo

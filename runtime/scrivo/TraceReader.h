@@ -1,0 +1,120 @@
+// From a trace file back to events.
+//
+//     Scrivo::TraceReader const reader("/var/run/jpagent.trace");
+//     for (Scrivo::Event const& event : reader.events()) std::cout << event << "\n";
+//     std::cout << reader.lost(Scrivo::EventKind::message) << " older messages were overwritten\n";
+//
+// The file may be open in another process or in this one, and may be what a killed process left. A reader is
+// a snapshot: to follow a file, make another.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "runtime/dova/IpGenAddr.h"
+#include "runtime/scrivo/Kinds.h"
+#include "runtime/vel/Export.h"
+
+namespace Scrivo {
+
+/// An argument of a message, with the alternatives in the order of ArgumentKind.
+using Argument = std::variant<Dova::IpGenAddr, std::string, std::int64_t>;
+
+VEL_API ArgumentKind kindOf(Argument const& argument);
+
+/// The argument as it stands in the text of its message.
+VEL_API std::string toText(Argument const& argument);
+
+/// A piece of a descriptor: a literal or the place of an argument.
+using Piece = std::variant<std::string, ArgumentKind>;
+
+/// A call site, as the file knows it.
+struct Descriptor {
+  U32 id;  // 1 for the first that was registered
+  EventKind kind;
+  std::string source;
+  U32 line;
+  std::vector<Piece> pieces;  // of a block timer: the signature and an integer
+};
+
+/// The descriptor with its arguments by kind: "JoinPruneSm 12: Sending to <address>, Groups: <integer>".
+VEL_API std::string toText(Descriptor const& descriptor);
+VEL_API std::ostream& operator<<(std::ostream& os, Descriptor const& descriptor);
+
+/// Something that happened.
+struct Event {
+  U64 counter;     // cycle counter; of a block timer: at the end of the block
+  double seconds;  // since the file was opened
+  EventKind kind;
+  U32 descriptor;  // its id
+  std::string source;
+  U32 line;
+  std::string text;                 // the message with its arguments, or the signature of the block timer
+  std::vector<Argument> arguments;  // of a block timer: the elapsed counts
+  U64 elapsed;                      // counts; 0 for a message
+  double elapsedSeconds;            // the same in seconds
+};
+
+/// One line, whatever the arguments contain: control characters and backslashes are escaped as in C.
+///
+///   "0.004127310 JoinPruneSm 12: Sending to 10.0.0.2"
+///   "0.004131902 JoinPruneSm 11: [10420 counts, 0.000004585 s] void JoinPruneSm::sendTriggered()"
+VEL_API std::string toText(Event const& event);
+VEL_API std::ostream& operator<<(std::ostream& os, Event const& event);
+
+/// Reads whatever the bytes are: nothing in the file is believed before it was checked.
+class VEL_API TraceReader {
+ public:
+  /// Reads the file. Throws Vel::RangeException "<path>: <reason>" if it is not a trace file, is shorter than
+  /// it says, or its header contradicts itself. Damage further inside is skipped and counted.
+  explicit TraceReader(std::string const& path);
+
+  /// The whole records of both rings by time; equal times in the order of recording, messages first.
+  /// A reader that is about to go gives them away, so `for (auto& e : TraceReader(path).events())` is sound.
+  std::vector<Event> const& events() const& { return events_; }
+  std::vector<Event> events() && { return std::move(events_); }
+
+  /// In the order of registration.
+  std::vector<Descriptor> const& descriptors() const& { return descriptors_; }
+  std::vector<Descriptor> descriptors() && { return std::move(descriptors_); }
+
+  /// How many events of this kind were overwritten by newer ones.
+  U64 lost(EventKind kind) const;
+
+  /// How many call sites write nothing because the file has no room for their descriptors.
+  U64 refusedCallSites() const { return refusedCallSites_; }
+
+  /// How many descriptors and records were damaged. Where the size of one is, the rest of its area cannot be
+  /// found any more, and all of that counts as one. 0 in a file that only Scrivo wrote to.
+  U64 damaged() const { return damaged_; }
+
+  /// The rate of the cycle counter, and the time (CLOCK_REALTIME, nanoseconds) from which events count.
+  U64 countsPerSecond() const { return countsPerSecond_; }
+  U64 realtimeAtOpen() const { return realtimeAtOpen_; }
+
+ private:
+  class Source;
+
+  void readDescriptors(std::vector<U8> const& area, U64 count);
+  void readRing(std::vector<U8> const& ring, U64 tail, U64 head, EventKind kind);
+  void readRecord(U8 const* record, U32 bytes, EventKind kind);
+  void sortByTime();
+
+  // Fixed by the header.
+  U64 counterAtOpen_ = 0;
+  U64 countsPerSecond_ = 0;
+  U64 realtimeAtOpen_ = 0;
+  // Filled area by area.
+  std::vector<Descriptor> descriptors_;
+  std::vector<Event> events_;
+  U64 lost_[2] = {};
+  U64 refusedCallSites_ = 0;
+  U64 damaged_ = 0;
+};
+
+}  // namespace Scrivo

@@ -1,0 +1,241 @@
+// One line per attribute.
+//
+// An entity class reads from top to bottom: the attributes' numbers, its reactor's callbacks (written out by
+// hand), its attributes (one macro line each), its own operations. A whole one:
+//
+//   class Lamp final : public Vel::Entity {
+//    public:
+//     enum Attribute : Vel::AttributeId { brightnessId = Vel::firstAttributeId, socketId, guestId };
+//
+//     class NotifieeConst : public Vel::ReactorOn<Lamp> {
+//      public:
+//       virtual void onBrightness() { handleNotification(brightnessId); }
+//       virtual void onSocket() { handleNotification(socketId); }
+//       virtual void onGuest(Dova::IpGenAddr) {}
+//       virtual void onGuestvelImmediate() {}
+//       virtual void onGuest() { handleDefault("guest"); }
+//     };
+//     using Notifiee = Vel::WritableReactor<NotifieeConst, Lamp>;
+//
+//     VEL_VALUE(Vel::U32, brightness, Brightness) = 100;
+//     VEL_POINTER(Socket, socket, Socket);
+//     VEL_SET(Vel::HashSet<Dova::IpGenAddr>, guest, Guest);
+//
+//    public:
+//     bool lit() const { return brightness() != 0; }
+//     Vel::AttributeTable const& attributeTable() const override;
+//   };
+//
+// and in the source file, for access by name:
+//
+//   Vel::AttributeTable const& Lamp::attributeTable() const {
+//     using Self = Lamp;
+//     static Vel::AttributeTable const table{VEL_ROW(brightness), VEL_ROW_FIXED(socket),
+//     VEL_ROW_FIXED(guest)}; return table;
+//   }
+//
+// A macro declares nothing but named functions of a line or two, which forward to the templates in Entity.h
+// and Collection.h; a debugger stops in a function with the attribute's name. Each mutator has a const
+// overload that throws "attempting to modify a const instance", so a call through Vel::Ptr<Lamp const> fails
+// when it is made. After a macro the class is `private`, where the macro has put its member.
+#pragma once
+
+#include "runtime/vel/Collection.h"
+#include "runtime/vel/Text.h"
+
+/// foo(), fooIs(value). The default can follow: VEL_VALUE(bool, foo, Foo) = true;
+#define VEL_VALUE(Type, foo, Foo)                                                                            \
+ public:                                                                                                     \
+  ::Vel::Read<Type> foo() const { return foo##_; }                                                           \
+  void foo##Is(Type const& value) {                                                                          \
+    this->template velValueIs<NotifieeConst>(foo##_, value, foo##Id, [](NotifieeConst& r) { r.on##Foo(); }); \
+  }                                                                                                          \
+  void foo##Is(Type const&) const { ::Vel::throwConstInstance(); }                                           \
+                                                                                                             \
+ private:                                                                                                    \
+  Type foo##_
+
+/// As VEL_VALUE for a number that counts, with fooInc(n) and fooDec(n): modulo 2^32, and they return the new
+/// value.
+#define VEL_COUNTER(foo, Foo)                                            \
+ public:                                                                 \
+  ::Vel::U32 foo##Inc(::Vel::U32 n) {                                    \
+    ::Vel::U32 const value = foo##_ + n;                                 \
+    foo##Is(value);                                                      \
+    return value;                                                        \
+  }                                                                      \
+  ::Vel::U32 foo##Inc(::Vel::U32) const { ::Vel::throwConstInstance(); } \
+  ::Vel::U32 foo##Dec(::Vel::U32 n) { return foo##Inc(0u - n); }         \
+  ::Vel::U32 foo##Dec(::Vel::U32) const { ::Vel::throwConstInstance(); } \
+  VEL_VALUE(::Vel::U32, foo, Foo)
+
+/// A counted reference to another entity: foo(), fooIs(ptr). Null until set.
+#define VEL_POINTER(Target, foo, Foo)                                                                      \
+ public:                                                                                                   \
+  ::Vel::Ptr<Target> foo() const { return foo##_; }                                                        \
+  void foo##Is(::Vel::Ptr<Target> const& ptr) {                                                            \
+    this->template velValueIs<NotifieeConst>(foo##_, ptr, foo##Id, [](NotifieeConst& r) { r.on##Foo(); }); \
+  }                                                                                                        \
+  void foo##Is(::Vel::Ptr<Target> const&) const { ::Vel::throwConstInstance(); }                           \
+                                                                                                           \
+ private:                                                                                                  \
+  ::Vel::Ptr<Target> foo##_
+
+/// A constructor parameter: foo() alone. The constructor sets the member foo_.
+#define VEL_FIXED(Type, foo)                       \
+ public:                                           \
+  ::Vel::Read<Type> foo() const { return foo##_; } \
+                                                   \
+ private:                                          \
+  Type const foo##_
+
+/// What every keyed collection delivers. fooNotify(key): onFoo(key), then onFoo(), on each reactor.
+#define VEL_COLLECTION_NOTIFY(Key, foo, Foo)                                                                \
+ public:                                                                                                    \
+  void foo##Notify(Key key) {                                                                               \
+    this->template velDeliverKey<NotifieeConst>(                                                            \
+        foo##Id, [&key](NotifieeConst& r) { r.on##Foo(Key(key)); }, [](NotifieeConst& r) { r.on##Foo(); }); \
+  }                                                                                                         \
+  void foo##Notify(Key) const { ::Vel::throwConstInstance(); }                                              \
+  /** Tells the reactors that the collection as a whole may have changed. */                                \
+  void foo##NotifyImmediate() {                                                                             \
+    this->template velDeliver<NotifieeConst>(foo##Id, [](NotifieeConst& r) { r.on##Foo##velImmediate(); }); \
+  }                                                                                                         \
+  void foo##NotifyImmediate() const { ::Vel::throwConstInstance(); }
+
+/// The reading half of a collection of entities, for one whose mutators are written by hand:
+/// foo(key), fooCount(), fooIterator(), and the notifications.
+#define VEL_ENTITIES_READ(Key, Element, foo, Foo)                                  \
+  VEL_COLLECTION_NOTIFY(Key, foo, Foo)                                             \
+  using Foo##Iterator = ::Vel::EntityIterator<Key, Element, Element>;              \
+  using Foo##IteratorConst = ::Vel::EntityIterator<Key, Element, Element const>;   \
+  ::Vel::Ptr<Element> foo(Key const& key) { return foo##_.find(key); }             \
+  ::Vel::Ptr<Element const> foo(Key const& key) const { return foo##_.find(key); } \
+  ::Vel::U32 foo##Count() const { return foo##_.size(); }                          \
+  Foo##Iterator foo##Iterator() { return {this, foo##_}; }                         \
+  Foo##IteratorConst foo##Iterator() const { return {this, foo##_}; }              \
+  Foo##IteratorConst foo##IteratorConst() const { return {this, foo##_}; }         \
+                                                                                   \
+ private:                                                                          \
+  ::Vel::EntityMap<Key, Element> foo##_
+
+/// The removing half: fooDel(key) and fooDel(iterator) return the element or null; fooDelAll() removes what
+/// was there at its start. One notification for each element that went.
+#define VEL_ENTITIES_DEL(Key, Element, foo, Foo)                                            \
+ public:                                                                                    \
+  ::Vel::Ptr<Element> foo##Del(Key const& key) {                                            \
+    ::Vel::Ptr<Element> removed = foo##_.remove(key);                                       \
+    if (removed) foo##Notify(removed->velKey());                                            \
+    return removed;                                                                         \
+  }                                                                                         \
+  ::Vel::Ptr<Element> foo##Del(::Vel::EntityIterator<Key, Element, Element> const& i) {     \
+    return foo##Del(i.key());                                                               \
+  }                                                                                         \
+  void foo##DelAll() {                                                                      \
+    for (auto const& element : foo##_.elements())                                           \
+      if (foo##_.find(element->velKey()) == element.get()) foo##Del(element->velKey());     \
+  }                                                                                         \
+  ::Vel::Ptr<Element> foo##Del(Key const&) const { ::Vel::throwConstInstance(); }           \
+  ::Vel::Ptr<Element> foo##Del(::Vel::EntityIterator<Key, Element, Element> const&) const { \
+    ::Vel::throwConstInstance();                                                            \
+  }                                                                                         \
+  void foo##DelAll() const { ::Vel::throwConstInstance(); }
+
+/// Putting elements that were made elsewhere: fooIs(element) inserts it, replaces another element with its
+/// key, or finds it there and does nothing; fooIs(key, element) is the same, and removes the key if the
+/// element is null. An element under a key that is not its own throws InvalidArgumentException, as does
+/// fooIs(null).
+#define VEL_ENTITIES_PUT(Key, Element, foo, Foo, Class)                                                 \
+ public:                                                                                                \
+  void foo##Is(::Vel::Ptr<Element> const& element) {                                                    \
+    if (!element) ::Vel::throwNullParameter("_" #foo, #Class "::" #foo);                                \
+    Element* const present = foo##_.find(element->velKey());                                            \
+    if (present == element.get()) return;                                                               \
+    ::Vel::Ptr<Element> displaced;                                                                      \
+    if (present)                                                                                        \
+      displaced = foo##_.replace(element);                                                              \
+    else                                                                                                \
+      foo##_.insert(element);                                                                           \
+    foo##Notify(element->velKey());                                                                     \
+  }                                                                                                     \
+  void foo##Is(Key const& key, ::Vel::Ptr<Element> const& element) {                                    \
+    if (element && !(element->velKey() == key))                                                         \
+      throw ::Vel::InvalidArgumentException("_" #foo " has another key than it is put under in " #Class \
+                                            "::" #foo);                                                 \
+    if (element)                                                                                        \
+      foo##Is(element);                                                                                 \
+    else                                                                                                \
+      foo##Del(key);                                                                                    \
+  }                                                                                                     \
+  void foo##Is(::Vel::Ptr<Element> const&) const { ::Vel::throwConstInstance(); }                       \
+  void foo##Is(Key const&, ::Vel::Ptr<Element> const&) const { ::Vel::throwConstInstance(); }
+
+/// A collection of entities that are constructed from their key: the above, and fooIs(key), which finds or
+/// creates (newFoo(key), then the notification).
+#define VEL_ENTITIES(Key, Element, foo, Foo)                                         \
+  VEL_ENTITIES_DEL(Key, Element, foo, Foo)                                           \
+  ::Vel::Ptr<Element> foo##Is(Key const& key) {                                      \
+    if (Element* const present = foo##_.find(key)) return present;                   \
+    ::Vel::Ptr<Element> const added = ::Vel::valid(new##Foo(key));                   \
+    foo##Notify(added->velKey());                                                    \
+    return added;                                                                    \
+  }                                                                                  \
+  /** Constructs and inserts without a notification. REQUIRES: the key is absent. */ \
+  ::Vel::Ptr<Element> new##Foo(Key const& key) {                                     \
+    ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                   \
+    foo##_.insert(added);                                                            \
+    return added;                                                                    \
+  }                                                                                  \
+  ::Vel::Ptr<Element> foo##Is(Key const&) const { ::Vel::throwConstInstance(); }     \
+  ::Vel::Ptr<Element> new##Foo(Key const&) const { ::Vel::throwConstInstance(); }    \
+  VEL_ENTITIES_READ(Key, Element, foo, Foo)
+
+/// A collection of keys without elements, a HashSet or an OrderedSet: foo(key) says whether the key is there,
+/// fooIs(key) adds and fooDel(key) removes; each returns whether it changed anything, and notifies if so.
+#define VEL_SET(Set, foo, Foo)                                               \
+  VEL_COLLECTION_NOTIFY(Set::Key, foo, Foo)                                  \
+  using Foo##Iterator = ::Vel::SetIterator<Set>;                             \
+  using Foo##IteratorConst = Foo##Iterator;                                  \
+  bool foo(Set::Key const& key) const { return foo##_.contains(key); }       \
+  ::Vel::U32 foo##Count() const { return foo##_.size(); }                    \
+  Foo##Iterator foo##Iterator() const { return {this, foo##_}; }             \
+  Foo##Iterator foo##IteratorConst() const { return {this, foo##_}; }        \
+  bool foo##Is(Set::Key key) {                                               \
+    bool const changed = foo##_.insert(key);                                 \
+    if (changed) foo##Notify(key);                                           \
+    return changed;                                                          \
+  }                                                                          \
+  bool foo##Del(Set::Key key) {                                              \
+    bool const changed = foo##_.remove(key);                                 \
+    if (changed) foo##Notify(key);                                           \
+    return changed;                                                          \
+  }                                                                          \
+  bool foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }        \
+  void foo##DelAll() {                                                       \
+    std::vector<Set::Key> all;                                               \
+    all.reserve(foo##Count());                                               \
+    for (auto i = foo##Iterator(); i; ++i) all.push_back(i.key());           \
+    for (auto const& key : all) foo##Del(key);                               \
+  }                                                                          \
+  bool foo##Is(Set::Key) const { ::Vel::throwConstInstance(); }              \
+  bool foo##Del(Set::Key) const { ::Vel::throwConstInstance(); }             \
+  bool foo##Del(Foo##Iterator const&) const { ::Vel::throwConstInstance(); } \
+  void foo##DelAll() const { ::Vel::throwConstInstance(); }                  \
+                                                                             \
+ private:                                                                    \
+  Set foo##_
+
+/// Rows of an attribute table: one that can be set by name, and one that can only be read.
+#define VEL_ROW(foo)                                                                                       \
+  ::Vel::AttributeRow {                                                                                    \
+#foo, foo##Id, [](::Vel::Entity const& e) { return ::Vel::textOf(static_cast<Self const&>(e).foo##_); }, \
+        [](::Vel::Entity& e, std::string_view text) {                                                       \
+          Self& self = static_cast<Self&>(e);                                                               \
+          return ::Vel::setFromText(text, self.foo##_, [&self](auto const& value) { self.foo##Is(value); }); \
+        } \
+  }
+#define VEL_ROW_FIXED(foo)                                                                                \
+  ::Vel::AttributeRow {                                                                                   \
+#foo, foo##Id,                                                                                        \
+        [](::Vel::Entity const& e) { return ::Vel::textOf(static_cast<Self const&>(e).foo##_); }, nullptr \
+  }

@@ -1,0 +1,307 @@
+// Keyed collections, and iterators that survive every change.
+//
+//   EntityMap<Key, Element>   counted elements that carry their key (Element::velKey())
+//   HashSet<Key>              keys alone, in the hash's order
+//   OrderedSet<Key>           keys alone, in ascending order
+//
+// All sizes are O(1). An iterator may stand while anything happens to the collection: its own element is
+// removed, others come and go, the table grows, the entity that holds it is dropped (the iterator holds that
+// entity). Every element that is there during the whole walk is visited exactly once; so a walk copies no
+// keys.
+//
+//   for (auto i = status->pimNeighborIterator(); i; ++i)
+//     if (i->intf() == gone) status->pimNeighborDel(i);
+#pragma once
+
+#include <iterator>
+#include <memory>
+#include <ostream>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "runtime/vel/Entity.h"
+#include "runtime/vel/HashTable.h"
+
+namespace Vel {
+
+/// An element of an entity collection in the table: the pointer, beside as much of the key as searching
+/// mostly needs.
+template <class K, class Element>
+class EntitySlot {
+ public:
+  using Key = K;
+
+  EntitySlot() = default;
+  explicit EntitySlot(Element* element) : element_(element), order_(orderOf(element->velKey())) {}
+
+  bool used() const { return element_ != nullptr; }
+  U32 order() const { return order_; }
+  decltype(auto) key() const { return element_->velKey(); }
+  Element* element() const { return element_; }
+  static U32 orderOf(Key const& key) { return bitReverse(key.hash() & hashMask); }
+
+ private:
+  Element* element_ = nullptr;
+  U32 order_ = 0;
+};
+
+/// A collection of counted elements by key.
+template <class Key, class Element>
+class EntityMap {
+ public:
+  using Table = HashTable<EntitySlot<Key, Element>>;
+
+  EntityMap() = default;
+  ~EntityMap() {
+    for (U32 i = table_.first(); i != Table::end(); i = table_.next(i)) table_.at(i).element()->deleteRef();
+  }
+
+  Element* find(Key const& key) const {
+    auto const* const slot = table_.find(key);
+    return slot ? slot->element() : nullptr;
+  }
+
+  /// REQUIRES: the element's key is absent. Throws std::bad_alloc, and then nothing has changed.
+  void insert(Ptr<Element> const& element) {
+    table_.insert(EntitySlot<Key, Element>(element.get()));
+    element->newRef();
+  }
+
+  /// Puts an element where another one with the same key is. REQUIRES: there is one. The displaced element.
+  Ptr<Element> replace(Ptr<Element> const& element) {
+    auto* const slot = table_.find(element->velKey());
+    Ptr<Element> const displaced(slot->element());
+    element->newRef();
+    *slot = EntitySlot<Key, Element>(element.get());
+    displaced->deleteRef();
+    return displaced;
+  }
+
+  /// The removed element, or null if the key is absent.
+  Ptr<Element> remove(Key const& key) {
+    auto* const slot = table_.find(key);
+    if (!slot) return nullptr;
+    Ptr<Element> const element(table_.remove(slot).element());
+    element->deleteRef();  // the collection's
+    return element;
+  }
+
+  U32 size() const { return table_.size(); }
+  Table const& table() const { return table_; }
+
+  /// Counted copies of all elements, for operations on "what is here now".
+  std::vector<Ptr<Element>> elements() const {
+    std::vector<Ptr<Element>> all;
+    all.reserve(size());
+    for (U32 i = table_.first(); i != Table::end(); i = table_.next(i))
+      all.emplace_back(table_.at(i).element());
+    return all;
+  }
+
+ private:
+  Table table_;
+};
+
+/// What makes an iterator a range of its own: `for (auto& neighbor : status->pimNeighborIterator())`.
+template <class Iterator>
+class IteratorRange {
+ public:
+  Iterator begin() const { return static_cast<Iterator const&>(*this); }
+  std::default_sentinel_t end() const { return {}; }
+  friend bool operator==(Iterator const& i, std::default_sentinel_t) { return !i; }
+};
+
+/// Walks an EntityMap in the order of its table. View is Element or Element const.
+template <class Key, class Element, class View>
+class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> {
+ public:
+  using Map = EntityMap<Key, Element>;
+
+  EntityIterator() = default;
+  EntityIterator(Ptr<Entity const> owner, Map const& map) : owner_(std::move(owner)), map_(&map) {
+    arriveAt(map.table().first());
+  }
+
+  explicit operator bool() const { return static_cast<bool>(current_); }
+
+  /// The element, also after it was removed. REQUIRES: true.
+  View& operator*() const { return *current_; }
+  View* operator->() const { return current_.operator->(); }
+  Ptr<View> ptr() const { return current_; }
+  decltype(auto) key() const { return current_->velKey(); }
+
+  EntityIterator& operator++() {
+    auto const& table = map_->table();
+    if (table.epoch() == epoch_) {
+      arriveAt(table.next(position_));
+    } else {
+      Key const passed = current_->velKey();
+      current_ = nullptr;  // may be the last reference, and its end may change the collection
+      arriveAt(table.after(EntitySlot<Key, Element>::orderOf(passed), passed));
+    }
+    return *this;
+  }
+
+ private:
+  void arriveAt(U32 position) {
+    position_ = position;
+    epoch_ = map_->table().epoch();
+    current_ = position == Map::Table::end() ? nullptr : Ptr<Element>(map_->table().at(position).element());
+  }
+
+  Ptr<Entity const> owner_;
+  Map const* map_ = nullptr;
+  Ptr<Element> current_;
+  U32 position_ = 0;
+  U32 epoch_ = 0;
+};
+
+/// A set of keys in the order of their reversed hash.
+template <class K>
+class HashSet {
+ public:
+  using Key = K;
+  using Slot = typename SlotOf<Key>::Type;
+
+  class Cursor {
+   public:
+    bool first(HashSet const& set) { return arriveAt(set, set.table_.first()); }
+    bool next(HashSet const& set) {
+      auto const& table = set.table_;
+      return arriveAt(
+          set, table.epoch() == epoch_ ? table.next(position_) : table.after(Slot::orderOf(key_), key_));
+    }
+    Key const& key() const { return key_; }
+
+   private:
+    bool arriveAt(HashSet const& set, U32 position) {
+      position_ = position;
+      epoch_ = set.table_.epoch();
+      if (position == HashTable<Slot>::end()) return false;
+      key_ = set.table_.at(position).key();
+      return true;
+    }
+
+    Key key_;
+    U32 position_ = 0;
+    U32 epoch_ = 0;
+  };
+
+  bool contains(Key const& key) const { return table_.find(key) != nullptr; }
+  /// True if the key was absent.
+  bool insert(Key const& key) {
+    if (contains(key)) return false;
+    table_.insert(Slot(key));
+    return true;
+  }
+  /// True if the key was present.
+  bool remove(Key const& key) {
+    Slot* const slot = table_.find(key);
+    if (slot) table_.remove(slot);
+    return slot != nullptr;
+  }
+  U32 size() const { return table_.size(); }
+
+ private:
+  HashTable<Slot> table_;
+};
+
+/// A set of keys in ascending order. An empty one has no heap.
+template <class K>
+class OrderedSet {
+ public:
+  using Key = K;
+
+  class Cursor {
+   public:
+    bool first(OrderedSet const& set) { return set.set_ && arriveAt(set, set.set_->begin()); }
+    bool next(OrderedSet const& set) {
+      if (!set.set_) return false;
+      return arriveAt(set, set.epoch_ == epoch_ ? std::next(position_) : set.set_->upper_bound(key_));
+    }
+    Key const& key() const { return key_; }
+
+   private:
+    bool arriveAt(OrderedSet const& set, typename std::set<Key>::const_iterator position) {
+      position_ = position;
+      epoch_ = set.epoch_;
+      if (position == set.set_->end()) return false;
+      key_ = *position;
+      return true;
+    }
+
+    Key key_;
+    typename std::set<Key>::const_iterator position_;
+    U64 epoch_ = 0;
+  };
+
+  bool contains(Key const& key) const { return set_ && set_->contains(key); }
+  bool insert(Key const& key) {
+    if (!set_) set_ = std::make_unique<std::set<Key>>();
+    bool const inserted = set_->insert(key).second;
+    epoch_ += inserted;
+    return inserted;
+  }
+  bool remove(Key const& key) {
+    if (!set_ || set_->erase(key) == 0) return false;
+    ++epoch_;
+    if (set_->empty()) set_.reset();
+    return true;
+  }
+  U32 size() const { return set_ ? static_cast<U32>(set_->size()) : 0; }
+
+ private:
+  std::unique_ptr<std::set<Key>> set_;
+  U64 epoch_ = 0;
+};
+
+/// Walks a HashSet or an OrderedSet.
+template <class Set>
+class SetIterator : public IteratorRange<SetIterator<Set>> {
+ public:
+  using Key = typename Set::Key;
+
+  SetIterator() = default;
+  SetIterator(Ptr<Entity const> owner, Set const& set)
+      : owner_(std::move(owner)), set_(&set), valid_(cursor_.first(set)) {}
+
+  explicit operator bool() const { return valid_; }
+
+  /// The key, also after it was removed. REQUIRES: true.
+  Key const& operator*() const { return cursor_.key(); }
+  Key const* operator->() const { return &cursor_.key(); }
+  Key const& key() const { return cursor_.key(); }
+
+  SetIterator& operator++() {
+    valid_ = cursor_.next(*set_);
+    return *this;
+  }
+
+ private:
+  Ptr<Entity const> owner_;
+  Set const* set_ = nullptr;
+  typename Set::Cursor cursor_;
+  bool valid_ = false;
+};
+
+/// A collection in text: its keys, separated by ", ".
+template <class Iterator>
+std::ostream& writeKeys(std::ostream& os, Iterator i) {
+  for (char const* separator = ""; i; ++i, separator = ", ") os << separator << i.key();
+  return os;
+}
+template <class Key, class Element>
+std::ostream& operator<<(std::ostream& os, EntityMap<Key, Element> const& map) {
+  return writeKeys(os, EntityIterator<Key, Element, Element const>(nullptr, map));
+}
+template <class Key>
+std::ostream& operator<<(std::ostream& os, HashSet<Key> const& set) {
+  return writeKeys(os, SetIterator<HashSet<Key>>(nullptr, set));
+}
+template <class Key>
+std::ostream& operator<<(std::ostream& os, OrderedSet<Key> const& set) {
+  return writeKeys(os, SetIterator<OrderedSet<Key>>(nullptr, set));
+}
+
+}  // namespace Vel

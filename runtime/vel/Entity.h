@@ -1,0 +1,128 @@
+// Entities: counted objects whose attributes can be watched.
+//
+// What an entity class looks like, top to bottom, is shown in Attribute.h. This header has what the generated
+// operations forward to.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "runtime/vel/Reactor.h"
+
+namespace Vel {
+
+/// A copy of an entity's reactors, taken before the first callback: counted, in the order of registration,
+/// each released as the walk passes it. Up to 16 of them need no heap.
+class VEL_API SnapshotIterator {
+ public:
+  explicit SnapshotIterator(Entity const& entity);
+  SnapshotIterator(SnapshotIterator const&) = delete;
+  SnapshotIterator& operator=(SnapshotIterator const&) = delete;
+  ~SnapshotIterator();
+
+  explicit operator bool() const { return position_ < count_; }
+  Reactor& operator*() const { return *reactors_[position_]; }
+  SnapshotIterator& operator++() {
+    reactors_[position_++]->deleteRef();
+    return *this;
+  }
+
+ private:
+  static constexpr U32 inlineCapacity = 16;
+  Reactor* inline_[inlineCapacity];
+  Reactor** reactors_ = inline_;
+  U32 count_ = 0;
+  U32 position_ = 0;
+};
+
+/// One row of an entity type's attribute table; see VEL_ROW in Attribute.h.
+struct AttributeRow {
+  std::string_view name;
+  AttributeId id;
+  std::string (*text)(Entity const& entity);
+  /// False if the text does not fit. Null if the attribute cannot be set by name.
+  bool (*textIs)(Entity& entity, std::string_view text);
+};
+
+/// The attributes of a type, its base's first, in the order of their declaration.
+using AttributeTable = std::vector<AttributeRow>;
+
+/// Base of everything that can be watched.
+class VEL_API Entity : public Counted {
+ public:
+  /// The text of an attribute. An unknown name throws RangeException that names type and attribute.
+  std::string attribute(std::string_view name) const;
+
+  /// Sets an attribute from text. An unknown name, one that cannot be set, and a text that does not fit throw
+  /// RangeException that says which; nothing is changed then.
+  void attributeIs(std::string_view name, std::string_view text);
+  void attributeIs(std::string_view, std::string_view) const { throwConstInstance(); }
+
+  /// The type's attributes; empty for a type that has none.
+  virtual AttributeTable const& attributeTable() const;
+
+  /// Calls `onZeroReferences()` on each reactor, before destruction.
+  void zeroReferencesIs(bool zero) override;
+
+ protected:
+  Entity() = default;
+  /// Reactors that are still registered are detached: their notifier reads null.
+  ~Entity() override;
+
+  /// Calls `call(reactor)` on each reactor of type R in a snapshot, each under its own guard, and keeps this
+  /// entity alive meanwhile. `id` is what a throwing reactor is told.
+  template <class R, class Call>
+  void velDeliver(AttributeId id, Call const& call) {
+    if (!notifiees_) return;
+    Ptr<Entity> const keep(this);
+    if (notifiees_->next_ == notifiees_) {
+      Ptr<Reactor> const only(notifiees_);
+      velCall<R>(*only, id, call);
+      return;
+    }
+    for (SnapshotIterator i(*this); i; ++i) velCall<R>(*i, id, call);
+  }
+
+  /// The same for a key of a collection: two callbacks on each reactor, each under its own guard.
+  template <class R, class KeyCall, class Call>
+  void velDeliverKey(AttributeId id, KeyCall const& keyCall, Call const& call) {
+    if (!notifiees_) return;
+    Ptr<Entity> const keep(this);
+    for (SnapshotIterator i(*this); i; ++i) {
+      velCall<R>(*i, id, keyCall);
+      velCall<R>(*i, id, call);
+    }
+  }
+
+  /// Sets a value or pointer attribute: equal is nothing, different is stored, then delivered. True if
+  /// changed.
+  template <class R, class Value, class Call>
+  bool velValueIs(Value& stored, Value const& value, AttributeId id, Call const& call) {
+    if (stored == value) return false;
+    [[maybe_unused]] Value const displaced =
+        std::exchange(stored, value);  // dropped only when everybody has been told
+    velDeliver<R>(id, call);
+    return true;
+  }
+
+ private:
+  friend class Reactor;
+  friend class SnapshotIterator;
+
+  template <class R, class Call>
+  void velCall(Reactor& reactor, AttributeId id, Call const& call) {
+    if (!reactor.velAccepts(this)) return;
+    R* const typed = R::velMixedTypes ? dynamic_cast<R*>(&reactor) : static_cast<R*>(&reactor);
+    if (!typed) return;
+    try {
+      call(*typed);
+    } catch (...) {
+      reactor.handleNotificationException(id);
+    }
+  }
+
+  Reactor* notifiees_ = nullptr;  // the first of a ring in the order of registration
+};
+
+}  // namespace Vel

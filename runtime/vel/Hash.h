@@ -1,0 +1,54 @@
+// Hashing of collection keys. Keys come from the network, so the hash is seeded: who cannot guess the seed
+// cannot choose addresses that collide.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "runtime/vel/Export.h"
+#include "runtime/vel/Types.h"
+
+namespace Vel {
+
+/// Sets the seed of every hash in the process. REQUIRES: no collection holds anything yet. The default is
+/// fixed, so that walks repeat from run to run; an agent that faces strangers seeds from `getrandom(2)`.
+VEL_API void hashSeedIs(U64 seed);
+
+VEL_API U64 hashSeed();
+
+namespace Detail {
+VEL_API extern U64 hashSeed;
+
+inline U64 foldedMultiply(U64 a, U64 b) {
+  __extension__ using U128 = unsigned __int128;
+  U128 const product = static_cast<U128>(a) * b;
+  return static_cast<U64>(product) ^ static_cast<U64>(product >> 64);
+}
+}  // namespace Detail
+
+/// Collections keep 30 bits of a hash, so that a slot has room for two bits of its own.
+inline constexpr U32 hashMask = 0x3fffffff;
+
+/// Mixes 16 bytes into a 30-bit hash.
+inline U32 hash128(U64 high, U64 low) {
+  U64 const mixed = Detail::foldedMultiply(high ^ Detail::hashSeed, low ^ 0xe7037ed1a0b428dbULL);
+  U64 const done = Detail::foldedMultiply(mixed ^ Detail::hashSeed, 0x8ebc6af09c88c6e3ULL);
+  return static_cast<U32>(done ^ (done >> 32)) & hashMask;
+}
+
+/// Mixes a text into a 30-bit hash.
+VEL_API U32 hashText(std::string_view text);
+
+/// Combines two 30-bit hashes; the order matters.
+inline U32 hashCombine(U32 a, U32 b) { return hash128(a, b); }
+
+/// The bits of a hash in reverse: collections are walked in ascending order of this. A hash of 30 bits leaves
+/// the two lowest bits of the result zero.
+constexpr U32 bitReverse(U32 v) {
+  v = ((v >> 1) & 0x55555555u) | ((v & 0x55555555u) << 1);
+  v = ((v >> 2) & 0x33333333u) | ((v & 0x33333333u) << 2);
+  v = ((v >> 4) & 0x0f0f0f0fu) | ((v & 0x0f0f0f0fu) << 4);
+  return __builtin_bswap32(v);
+}
+
+}  // namespace Vel

@@ -1,0 +1,46 @@
+#include "runtime/vel/Ptr.h"
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <memory>
+#include <typeinfo>
+
+namespace Vel {
+
+namespace Detail {
+bool threadSafe = false;
+}
+
+void threadSafeIs(bool on) { Detail::threadSafe = on; }
+
+Counted::~Counted() = default;
+
+void Counted::zeroReferencesIs(bool) {}
+
+void Counted::doTeardown() {}
+
+void Counted::handleZeroRef() {
+  word_ |= zeroHandlingBit;
+  zeroReferencesIs(true);
+  if (references() == 0) try {
+      doTeardown();
+    } catch (...) {
+      // Out of memory at worst; the destructors release what is left.
+    }
+  if (references() == 0) {
+    delete this;
+    return;
+  }
+  word_ &= ~zeroHandlingBit;
+  zeroReferencesIs(false);
+}
+
+std::string Counted::fwkType() const {
+  int status = 0;
+  std::unique_ptr<char, decltype(&std::free)> const name(
+      abi::__cxa_demangle(typeid(*this).name(), nullptr, nullptr, &status), &std::free);
+  return status == 0 ? name.get() : typeid(*this).name();
+}
+
+}  // namespace Vel

@@ -1,0 +1,168 @@
+// Counted objects and the references that keep them alive.
+//
+//   Vel::Ptr<Intf> intf = Vel::create<Intf>(Dova::IntfId("eth0"));   // count 1
+//   Vel::Ptr<Intf const> view = intf;                                // count 2, read-only
+//   intf = nullptr;                                                  // count 1
+//
+// A counted object lives on the heap and goes when its last Ptr does. There is one count per object, inside
+// it: a plain pointer can be turned into a Ptr at any time.
+#pragma once
+
+#include <atomic>
+#include <concepts>
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "runtime/vel/Exception.h"
+#include "runtime/vel/Export.h"
+#include "runtime/vel/Types.h"
+
+namespace Vel {
+
+namespace Detail {
+VEL_API extern bool threadSafe;
+}
+
+/// True if counting is atomic. Everything else stays single-threaded.
+inline bool threadSafe() { return Detail::threadSafe; }
+
+/// Switches atomic counting on or off for the whole process. REQUIRES: no other thread holds a Ptr yet.
+VEL_API void threadSafeIs(bool on);
+
+/// An object with a reference count. A new one has a count of 1, which belongs to its creator.
+///
+/// At zero, in this order: `zeroReferencesIs(true)`; then, if nobody took a reference that lasts,
+/// `doTeardown()` while the object is whole; then, if still nobody did, destruction. A reference that is
+/// taken and dropped meanwhile changes nothing; one that is kept revives the object
+/// (`zeroReferencesIs(false)`).
+class VEL_API Counted {
+ public:
+  Counted(Counted const&) = delete;
+  Counted& operator=(Counted const&) = delete;
+
+  void newRef() const {
+    if (threadSafe())
+      std::atomic_ref(word_).fetch_add(1, std::memory_order_relaxed);
+    else
+      ++word_;
+  }
+
+  void deleteRef() const {
+    U32 const left =
+        threadSafe() ? std::atomic_ref(word_).fetch_sub(1, std::memory_order_acq_rel) - 1 : --word_;
+    if ((left & (countMask | zeroHandlingBit)) == 0) [[unlikely]]
+      const_cast<Counted*>(this)->handleZeroRef();
+  }
+
+  /// How many references there are.
+  U32 references() const {
+    return (threadSafe() ? std::atomic_ref(word_).load(std::memory_order_relaxed) : word_) & countMask;
+  }
+
+  /// Told true when the count has dropped to zero, false when the object was revived meanwhile.
+  virtual void zeroReferencesIs(bool zero);
+
+  /// The name of the object's own type, in full.
+  virtual std::string fwkType() const;
+
+ protected:
+  Counted() = default;
+  virtual ~Counted();
+
+  /// The last chance to call out: runs after `zeroReferencesIs(true)`, outside the destructor, so that
+  /// overrides and members are all there. It may run again if somebody revives the object in the middle.
+  virtual void doTeardown();
+
+  bool zombie() const { return (word_ & zombieBit) != 0; }
+  void zombieIs(bool zombie) { word_ = zombie ? word_ | zombieBit : word_ & ~zombieBit; }
+
+ private:
+  static constexpr U32 zombieBit = 1u << 31;
+  static constexpr U32 zeroHandlingBit = 1u << 29;
+  static constexpr U32 countMask = 0x5fffffff;
+
+  void handleZeroRef();
+
+  mutable U32 word_ = 1;
+};
+
+/// A counted reference to a T, or null. Dereferencing null throws RangeException "null ValidPtr".
+template <class T>
+class Ptr {
+ public:
+  using Element = T;
+
+  constexpr Ptr() = default;
+  constexpr Ptr(std::nullptr_t) {}
+  Ptr(T* object) : object_(object) { take(); }
+  Ptr(Ptr const& other) : object_(other.object_) { take(); }
+  Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+
+  template <class U>
+  requires std::convertible_to<U*, T*> Ptr(Ptr<U> const& other) : object_(other.get()) { take(); }
+
+  ~Ptr() { drop(); }
+
+  Ptr& operator=(Ptr other) noexcept {
+    std::swap(object_, other.object_);  // the old object is dropped last, when this already holds the new one
+    return *this;
+  }
+
+  T* get() const { return object_; }
+  explicit operator bool() const { return object_ != nullptr; }
+
+  T* operator->() const { return valid(); }
+  T& operator*() const { return *valid(); }
+
+  friend bool operator==(Ptr const& a, Ptr const& b) { return a.object_ == b.object_; }
+  friend bool operator==(Ptr const& a, std::nullptr_t) { return a.object_ == nullptr; }
+  friend bool operator==(Ptr const& a, T const* b) { return a.object_ == b; }
+
+ private:
+  T* valid() const {
+    if (!object_) [[unlikely]]
+      throwNullPtr();
+    return object_;
+  }
+  void take() const {
+    if (object_) object_->newRef();
+  }
+  void drop() const {
+    if (object_) object_->deleteRef();
+  }
+
+  T* object_ = nullptr;
+};
+
+/// The address, "0" for null.
+template <class T>
+std::ostream& operator<<(std::ostream& os, Ptr<T> const& ptr) {
+  return os << static_cast<void const*>(ptr.get());
+}
+
+/// Constructs an object and hands it over with a count of exactly 1.
+template <class T, class... Args>
+Ptr<T> create(Args&&... args) {
+  T* const object = new T(std::forward<Args>(args)...);
+  Ptr<T> ptr(object);
+  object->deleteRef();  // the creator's reference
+  return ptr;
+}
+
+/// The pointer itself; throws "null ValidPtr" instead of handing out null. What factories and creators end
+/// with.
+template <class T>
+Ptr<T> valid(Ptr<T> ptr) {
+  if (!ptr) throwNullPtr();
+  return ptr;
+}
+
+/// Casts down; null if the object is no T.
+template <class T, class U>
+Ptr<T> dynamicCast(Ptr<U> const& ptr) {
+  return Ptr<T>(dynamic_cast<T*>(ptr.get()));
+}
+
+}  // namespace Vel

@@ -1,0 +1,122 @@
+#include "runtime/vel/Reactor.h"
+
+#include "runtime/vel/Entity.h"
+#include "runtime/vel/Trace.h"
+
+namespace Vel {
+
+namespace {
+
+// What is being handled right now, in words.
+std::string currentError() {
+  try {
+    throw;
+  } catch (std::exception const& error) {
+    return error.what();
+  } catch (...) {
+    return "not a std::exception";
+  }
+}
+
+}  // namespace
+
+Reactor::~Reactor() { velNotifierIs(nullptr); }
+
+// Before the derived parts go: a callback must not find a half-destroyed reactor.
+void Reactor::doTeardown() { velNotifierIs(nullptr); }
+
+void Reactor::hasNotificationActiveIs(bool active) {
+  flags_ = active ? flags_ & ~inactive : flags_ | inactive;
+}
+
+U32 Reactor::auditErrors() const {
+  if (!next_) return 0;
+  U32 errors = 0;
+  if (!notifier_) ++errors;
+  if (next_->previous_ != this || previous_->next_ != this) ++errors;
+  return errors;
+}
+
+void Reactor::isNondestructingIs(bool on) {
+  if (on == isNondestructing()) return;
+  flags_ ^= nondestructing;
+  if (!notifier_) return;
+  if (on)
+    notifier_->deleteRef();
+  else
+    notifier_->newRef();
+}
+
+void Reactor::isRegisteredNotifieeIs(bool registered) {
+  if (registered == isRegisteredNotifiee() || !notifier_) return;
+  Reactor*& first = notifier_->notifiees_;
+  if (registered) {
+    if (!first) {
+      previous_ = next_ = first = this;
+      return;
+    }
+    next_ = first;
+    previous_ = first->previous_;
+    previous_->next_ = next_->previous_ = this;
+    return;
+  }
+  if (next_ == this) {
+    first = nullptr;
+  } else {
+    previous_->next_ = next_;
+    next_->previous_ = previous_;
+    if (first == this) first = next_;
+  }
+  previous_ = next_ = nullptr;
+}
+
+bool Reactor::velNotifierIs(Entity* notifier) {
+  if (notifier == notifier_) return false;
+  // Raised before the old one is dropped, which may end it and call out.
+  if (notifier && !isNondestructing()) notifier->newRef();
+  Reactor::isRegisteredNotifieeIs(false);
+  Entity* const old = std::exchange(notifier_, notifier);
+  Reactor::isRegisteredNotifieeIs(true);
+  if (old && !isNondestructing()) old->deleteRef();
+  return true;
+}
+
+std::string Reactor::name() const { return fwkType(); }
+
+void Reactor::handleNotification(AttributeId id) { onAttribute(id); }
+void Reactor::handleDefault(std::string_view collection) { onCollectionNotification(collection); }
+void Reactor::onAttribute(AttributeId) { onNotification(); }
+void Reactor::onNotification() {}
+void Reactor::onCollectionNotification(std::string_view) { onNotification(); }
+
+void Reactor::onNotificationException() {
+  VEL_TRACE(frameTrace(), 1, "Vel", "", name() << ": " << currentError());
+}
+
+void Reactor::onNotificationException(AttributeId id) {
+  VEL_TRACE(frameTrace(), 1, "Vel", "", name() << ", attribute " << id << ": " << currentError());
+}
+
+void Reactor::handleNotificationException(AttributeId id) noexcept {
+  try {
+    onNotificationException(id);
+  } catch (...) {
+  }
+}
+
+void Reactor::handleNotificationException() noexcept {
+  try {
+    onNotificationException();
+  } catch (...) {
+  }
+}
+
+void Reactor::onZeroReferences() {}
+
+void Reactor::velDoZombieReactors(bool zombie) {
+  if (zombie == isZombie()) return;
+  if (notifier_) hasNotificationActiveIs(!zombie);
+  zombieIs(zombie);
+}
+
+}  // namespace Vel

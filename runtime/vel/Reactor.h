@@ -1,0 +1,141 @@
+// Reactors: objects that are told when an entity changes.
+//
+// Every entity type T has a reactor base T::NotifieeConst with one callback per attribute (see Entity.h), and
+// T::Notifiee, the same with a writable notifier. Derive, override what you need, create on the heap, point
+// it at an entity:
+//
+//   class Counter : public JoinPruneMessageInfo::NotifieeConst {
+//     void onRxCount() override { ++entries; }
+//    public:
+//     int entries = 0;
+//   };
+//   auto counter = Vel::create<Counter>();
+//   counter->notifierIs(record);          // from here on; keeps the record alive
+//
+// Callbacks run inside the mutator that caused them, in the order of registration, over a snapshot of the
+// reactors: one that is removed meanwhile is still called in that pass (unless it was switched off, retired
+// or pointed elsewhere), one that is added is not. A callback may do anything: change the entity, remove
+// reactors, drop the last reference to anything. What it throws is contained and goes to its own
+// `onNotificationException`; the others are still called.
+#pragma once
+
+#include <string_view>
+
+#include "runtime/vel/Export.h"
+#include "runtime/vel/Ptr.h"
+
+namespace Vel {
+
+class Entity;
+
+/// What all reactors have in common. Names with `on` are for overriding, names with `handle` are the
+/// framework's side of them.
+class VEL_API Reactor : public Counted {
+ public:
+  /// True where an entity's list can hold reactors that know only its base type; see PeriodicTimerSm.
+  static constexpr bool velMixedTypes = false;
+
+  /// Switches callbacks on (the default) or off. What was missed is not made up for.
+  virtual void hasNotificationActiveIs(bool active);
+  bool hasNotificationActive() const { return (flags_ & inactive) == 0; }
+
+  /// How many inconsistencies there are between this reactor and its notifier; 0 in a healthy process.
+  virtual U32 auditErrors() const;
+
+  /// A nondestructing reactor does not keep its notifier alive: it gets `onZeroReferences()` when the
+  /// notifier goes, and its notifier reads null afterwards. Off by default.
+  virtual void isNondestructingIs(bool nondestructing);
+  bool isNondestructing() const { return (flags_ & nondestructing) != 0; }
+
+  ~Reactor() override;
+
+  /// Puts this reactor into its notifier's list (at the end) or takes it out, without changing the notifier.
+  virtual void isRegisteredNotifieeIs(bool registered);
+  bool isRegisteredNotifiee() const { return next_ != nullptr; }
+
+  /// A name for traces; the type's unless overridden.
+  virtual std::string name() const;
+
+  /// A plain attribute changed whose own callback is not overridden: calls `onAttribute(id)`.
+  virtual void handleNotification(AttributeId id);
+  /// A collection changed whose own callback is not overridden: calls `onCollectionNotification(name)`.
+  virtual void handleDefault(std::string_view collection);
+  /// Any attribute without a callback of its own; by default `onNotification()`.
+  virtual void onAttribute(AttributeId id);
+  /// Whatever has no other callback.
+  virtual void onNotification();
+  /// Any collection without a callback of its own; by default `onNotification()`.
+  virtual void onCollectionNotification(std::string_view name);
+
+  /// A callback that belongs to no attribute (a timer's) threw. Call from a handler: the exception is
+  /// current. By default writes a level-1 trace with this reactor's type and the error.
+  virtual void onNotificationException();
+  /// The callback of an attribute threw. By default writes a level-1 trace with this reactor's type, the
+  /// attribute's number and the error.
+  virtual void onNotificationException(AttributeId id);
+  /// Call the above; what they throw themselves is swallowed.
+  virtual void handleNotificationException(AttributeId id) noexcept;
+  virtual void handleNotificationException() noexcept;
+
+  /// The notifier has no references left. It can be read, and revived by keeping a Ptr to it.
+  virtual void onZeroReferences();
+
+  /// Retires the reactor (true: callbacks stop) or revives it. Nothing happens if it is in that state
+  /// already. Does not touch back pointers.
+  virtual void velDoZombieReactors(bool zombie);
+  bool isZombie() const { return zombie(); }
+
+ protected:
+  Reactor() = default;
+  void doTeardown() override;
+
+  Entity* velNotifier() const { return notifier_; }
+  /// Points the reactor at another entity or at none, and registers it there. False if it is the same one.
+  bool velNotifierIs(Entity* notifier);
+
+ private:
+  friend class Entity;
+  friend class SnapshotIterator;
+
+  static constexpr U32 inactive = 1;
+  static constexpr U32 nondestructing = 2;
+
+  /// Whether a pass over `entity`'s reactors still concerns this one. One that was unbound in the pass is
+  /// called all the same, as one that was only unregistered.
+  bool velAccepts(Entity const* entity) const {
+    return (flags_ & inactive) == 0 && !zombie() && (notifier_ == entity || notifier_ == nullptr);
+  }
+
+  U32 flags_ = 0;
+  Entity* notifier_ = nullptr;
+  Reactor* previous_ = nullptr;  // neighbors in the notifier's list, a ring; null while not registered
+  Reactor* next_ = nullptr;
+};
+
+/// The reactor base of an entity type that has no base entity with reactors of its own.
+template <class T>
+class ReactorOn : public Reactor {
+ public:
+  /// The entity watched, or null.
+  Ptr<T const> notifier() const { return Ptr<T const>(static_cast<T const*>(velNotifier())); }
+
+  /// Watches another entity, or none. The same one again: nothing.
+  virtual void notifierIs(Ptr<T const> const& entity) { velNotifierIs(const_cast<T*>(entity.get())); }
+};
+
+/// The writable form of an entity type's reactor base: T::Notifiee is WritableReactor<T::NotifieeConst, T>.
+template <class Base, class T>
+class WritableReactor : public Base {
+ public:
+  Ptr<T> notifier() const { return Ptr<T>(static_cast<T*>(this->velNotifier())); }
+
+  virtual void notifierIs(Ptr<T> const& entity) { this->velNotifierIs(entity.get()); }
+  /// A const view cannot become a writable notifier: throws "attempting to modify a const instance".
+  void notifierIs(Ptr<T const> const& entity) final {
+    if (entity) throwConstInstance();
+    this->velNotifierIs(nullptr);
+  }
+  void notifierIs(std::nullptr_t) { notifierIs(Ptr<T>()); }
+};
+
+}  // namespace Vel

@@ -1,0 +1,105 @@
+// Level-filtered text traces.
+//
+// A trace handle is found by its name and is off until levels are switched on, one by one:
+//
+//   Vel::TraceHandle::find("Pim::JoinPrune").levelIs(7, true);
+//   Vel::traceSinkIs([](Vel::TraceLine const& line) { syslog(LOG_DEBUG, "%s", line.text.c_str()); });
+//
+// Levels by custom: 8 entry of a handler, 7 activity per entry, 4 detail, 2 events, 1 errors. A line that is
+// off costs the test of a flag: nothing is formatted. The exception is the coverage stream, which is for
+// exercising every formatting path in a test: while one is set, lines that are off are formatted too and go
+// there alone.
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "runtime/vel/Export.h"
+#include "runtime/vel/Types.h"
+
+namespace Vel {
+
+class VEL_API TraceHandle {
+ public:
+  /// The handle of that name, made when it is first asked for; it lives as long as the process.
+  static TraceHandle& find(std::string_view name);
+
+  std::string const& name() const { return name_; }
+
+  /// REQUIRES: level <= 30; a higher one throws InvalidArgumentException.
+  void levelIs(U32 level, bool on);
+  bool level(U32 level) const { return level <= maxLevel && (levels_ >> level & 1) != 0; }
+  /// All levels off.
+  void levelsDel();
+
+  /// Whether a line of that level must be formatted at all.
+  bool wanted(U32 level) const { return (levels_ & (1u << level | coverageBit)) != 0; }
+
+ private:
+  friend void coverageStreamIs(std::ostream* stream);
+  friend struct TraceRegistry;
+
+  static constexpr U32 maxLevel = 30;
+  static constexpr U32 coverageBit = 1u << 31;
+
+  explicit TraceHandle(std::string_view name) : name_(name) {}
+
+  std::string name_;
+  U32 levels_ = 0;  // bit n is level n, so that one test answers for both ways to want a line
+};
+
+/// One line, as it is handed to the sink.
+struct TraceLine {
+  std::string_view handle;
+  std::string_view context;
+  std::string text;
+  U32 level;
+  bool enabled;
+  std::string_view source;
+  int line;
+  std::string_view function;
+};
+
+using TraceSink = std::function<void(TraceLine const&)>;
+
+/// Where enabled lines go, for the whole process. An empty sink restores the default, standard error. What a
+/// sink throws is swallowed: a trace must not change what the traced code does.
+VEL_API void traceSinkIs(TraceSink sink);
+
+/// Where lines go that the levels filter out; null (the default) for nowhere. REQUIRES: the stream outlives
+/// this.
+VEL_API void coverageStreamIs(std::ostream* stream);
+
+/// Delivers a composed line.
+VEL_API void traceHelper(TraceHandle& handle, std::string_view context, std::ostringstream const& text,
+                         U32 level, bool enabled, std::string_view source, int line,
+                         std::string_view function);
+
+/// The framework's own handle, "Vel". Its level 1 is on from the start: a contained error is never silent.
+VEL_API TraceHandle& frameTrace();
+
+namespace Detail {
+/// The stream that a line is composed in: numbers with 12 digits.
+class VEL_API TraceStream : public std::ostringstream {
+ public:
+  TraceStream() { precision(12); }
+  ~TraceStream() override;
+};
+}  // namespace Detail
+
+}  // namespace Vel
+
+/// Writes the stream expression `pieces` as one line. Nothing in it is evaluated while the level is off.
+#define VEL_TRACE(handle, traceLevel, source, function, pieces)                                            \
+  do {                                                                                                     \
+    ::Vel::TraceHandle& velHandle = (handle);                                                              \
+    if (velHandle.wanted(traceLevel)) [[unlikely]] {                                                       \
+      ::Vel::Detail::TraceStream velText;                                                                  \
+      velText << pieces;                                                                                   \
+      ::Vel::traceHelper(velHandle, "<unknown>", velText, traceLevel, velHandle.level(traceLevel), source, \
+                         __LINE__, function);                                                              \
+    }                                                                                                      \
+  } while (false)

@@ -1,0 +1,276 @@
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <random>
+#include <sstream>
+
+#include "tests/runtime/scrivo/TraceFixture.h"
+
+namespace Scrivo::Test {
+namespace {
+
+using Dova::IpGenAddr;
+
+class TraceReaderTest : public TraceFixture {
+ protected:
+  // A file with all kinds of pieces and a ring that has wrapped around.
+  void writeExample() {
+    TraceFile::open(path(), smallest);
+    for (int i = 0; i < 400; ++i) {
+      SCRIVO_BLOCK_TIMER("Sm", __PRETTY_FUNCTION__);
+      SCRIVO_MESSAGE("Sm", "to ", IpGenAddr("10.0.0.2"), " on ", std::string("eth0"), " holds ", i);
+      SCRIVO_MESSAGE("Sm", "from ", IpGenAddr("fe80::1"));
+    }
+    TraceFile::close();
+    example_ = bytesOf();
+  }
+
+  // A file of two messages, "first 1" and "second 2".
+  void writeTwo() {
+    TraceFile::open(path(), smallest);
+    SCRIVO_MESSAGE("Sm", "first ", 1);
+    SCRIVO_MESSAGE("Sm", "second ", 2);
+    TraceFile::close();
+    example_ = bytesOf();
+  }
+
+  Format::FileHeader header() const {
+    Format::FileHeader header;
+    std::memcpy(&header, example_.data(), sizeof header);
+    return header;
+  }
+
+  template <class Value>
+  void patch(std::size_t offset, Value value) {
+    std::string patched = example_;
+    ASSERT_LE(offset + sizeof value, patched.size());
+    std::memcpy(patched.data() + offset, &value, sizeof value);
+    write("trace", patched);
+  }
+
+  std::string example_;
+};
+
+TEST_F(TraceReaderTest, SaysWhichFileIsMissing) {
+  EXPECT_EQ(verdict("missing"), "No such file or directory");
+}
+
+TEST_F(TraceReaderTest, RefusesWhatIsNoFile) {
+  std::filesystem::create_directory(path("folder"));
+  EXPECT_EQ(verdict("folder"), "Is a directory");
+  EXPECT_THROW(TraceReader("/dev/null"), Vel::RangeException);
+}
+
+TEST_F(TraceReaderTest, RefusesWhatIsNoTraceFile) {
+  write("empty", "");
+  EXPECT_EQ(verdict("empty"), "not a trace file: 0 bytes have no room for a header");
+  write("short", "Scrivo\r\n");
+  EXPECT_EQ(verdict("short"), "not a trace file: 8 bytes have no room for a header");
+  write("zeros", std::string(100000, '\0'));
+  EXPECT_EQ(verdict("zeros"), "not a trace file: it does not begin like one");
+  write("text", std::string(100000, 'x'));
+  EXPECT_EQ(verdict("text"), "not a trace file: it does not begin like one");
+}
+
+TEST_F(TraceReaderTest, RefusesAFileThatIsNotAsLongAsItSays) {
+  writeExample();
+  ASSERT_EQ(verdict(), "read");
+  for (std::size_t const size :
+       {std::size_t(4096), std::size_t(5000), example_.size() / 2, example_.size() - 1}) {
+    write("trace", example_.substr(0, size));
+    EXPECT_EQ(verdict(),
+              std::to_string(size) + " bytes, but the header says " + std::to_string(example_.size()));
+  }
+  write("trace", example_ + "x");
+  EXPECT_EQ(verdict(), std::to_string(example_.size() + 1) + " bytes, but the header says " +
+                           std::to_string(example_.size()));
+}
+
+TEST_F(TraceReaderTest, RefusesOtherVersionsAndByteOrders) {
+  writeTwo();
+  patch(offsetof(Format::FileHeader, version), U32(2));
+  EXPECT_EQ(verdict(), "version 2 is not known here, only 1");
+  patch(offsetof(Format::FileHeader, byteOrder), U32(0x04030201));
+  EXPECT_EQ(verdict(), "written by a machine of another byte order");
+}
+
+TEST_F(TraceReaderTest, RefusesAreasThatDoNotFit) {
+  writeTwo();
+  std::string const size = std::to_string(example_.size());
+  patch(offsetof(Format::FileHeader, descriptors.offset), ~U64(7));
+  EXPECT_EQ(verdict(),
+            "the area of descriptors has 16384 bytes at 18446744073709551608 in a file of " + size);
+  patch(offsetof(Format::FileHeader, rings[0].bytes), U64(1) << 40);
+  EXPECT_EQ(verdict(), "the area of messages has 1099511627776 bytes at 20480 in a file of " + size);
+  patch(offsetof(Format::FileHeader, rings[1].offset), U64(28676));
+  EXPECT_EQ(verdict(), "the area of block timers has 8192 bytes at 28676 in a file of " + size);
+  patch(offsetof(Format::FileHeader, rings[1].bytes), U64(0));
+  EXPECT_EQ(verdict(), "the area of block timers has 0 bytes at 28672 in a file of " + size);
+}
+
+TEST_F(TraceReaderTest, RefusesRingPositionsThatCannotBe) {
+  writeTwo();
+  U64 const head = header().ringStates[0].head;
+  patch(offsetof(Format::FileHeader, ringStates[0].tail), head + 8);
+  EXPECT_EQ(verdict(), "the ring of messages lies between 56 and 48");
+  patch(offsetof(Format::FileHeader, ringStates[0].head), U64(8200));
+  EXPECT_EQ(verdict(), "the ring of messages lies between 0 and 8200");
+  patch(offsetof(Format::FileHeader, ringStates[1].head), U64(4));
+  EXPECT_EQ(verdict(), "the ring of block timers lies between 0 and 4");
+  patch(offsetof(Format::FileHeader, countsPerSecond), U64(0));
+  EXPECT_EQ(verdict(), "the header gives no rate of the cycle counter");
+}
+
+TEST_F(TraceReaderTest, SkipsAndCountsARecordOfAnUnknownCallSite) {
+  writeTwo();
+  std::size_t const record = header().rings[0].offset;
+  patch(record + offsetof(Format::RecordHeader, id), U32(99));
+  EXPECT_THAT(messages(), ElementsAre("second 2"));
+  EXPECT_EQ(TraceReader(path()).damaged(), 1u);
+}
+
+TEST_F(TraceReaderTest, SkipsTheRestOfARingAfterARecordOfDamagedSize) {
+  writeTwo();
+  std::size_t const record = header().rings[0].offset;
+  for (U32 const bytes : {0u, 8u, 12u, 72u, 8192u, 0xfffffff8u, 0xffffffffu}) {
+    patch(record + offsetof(Format::RecordHeader, bytes), bytes);
+    EXPECT_THAT(messages(), IsEmpty()) << bytes;
+    EXPECT_EQ(TraceReader(path()).damaged(), 1u) << bytes;
+  }
+}
+
+TEST_F(TraceReaderTest, SkipsARecordThatIsLongerThanItsArguments) {
+  writeTwo();
+  // It covers the second record as well.
+  patch(header().rings[0].offset + offsetof(Format::RecordHeader, bytes), U32(64));
+  EXPECT_THAT(messages(), IsEmpty());
+  EXPECT_EQ(TraceReader(path()).damaged(), 1u);
+}
+
+TEST_F(TraceReaderTest, SkipsARecordWhoseCallSiteBelongsToTheOtherRing) {
+  writeTwo();
+  patch(header().descriptors.offset + offsetof(Format::DescriptorHeader, kind), U8(EventKind::blockTimer));
+  // The descriptor has become one of a block timer, and its pieces allow that.
+  TraceReader const reader(path());
+  EXPECT_THAT(messages(), ElementsAre("second 2"));
+  EXPECT_EQ(reader.descriptors()[0].kind, EventKind::blockTimer);
+  EXPECT_EQ(reader.damaged(), 1u);
+}
+
+TEST_F(TraceReaderTest, SkipsADamagedDescriptorAndItsRecords) {
+  writeTwo();
+  std::size_t const descriptor = header().descriptors.offset;
+  std::size_t const source = descriptor + sizeof(Format::DescriptorHeader);
+  std::size_t const firstPiece = source + 2 + 2;
+  auto const onlySecondIsLeft = [this] {
+    EXPECT_THAT(messages(), ElementsAre("second 2"));
+    EXPECT_EQ(TraceReader(path()).descriptors().size(), 1u);
+    EXPECT_EQ(TraceReader(path()).damaged(), 2u);
+  };
+  patch(descriptor + offsetof(Format::DescriptorHeader, id), U32(2));
+  onlySecondIsLeft();
+  patch(descriptor + offsetof(Format::DescriptorHeader, kind), U8(3));
+  onlySecondIsLeft();
+  patch(descriptor + offsetof(Format::DescriptorHeader, pieces), Format::U16(60000));
+  onlySecondIsLeft();
+  patch(source, Format::U16(0xffff));
+  onlySecondIsLeft();
+  patch(firstPiece, U8(4));
+  onlySecondIsLeft();
+  patch(firstPiece + 1, Format::U16(300));
+  onlySecondIsLeft();
+}
+
+TEST_F(TraceReaderTest, SkipsTheRestOfTheDescriptorsAfterOneOfDamagedSize) {
+  writeTwo();
+  for (U32 const bytes : {0u, 8u, 12u, 16400u, 0xfffffff8u}) {
+    patch(header().descriptors.offset + offsetof(Format::DescriptorHeader, bytes), bytes);
+    TraceReader const reader(path());
+    EXPECT_THAT(reader.descriptors(), IsEmpty()) << bytes;
+    EXPECT_THAT(reader.events(), IsEmpty()) << bytes;
+    EXPECT_EQ(reader.damaged(), 3u) << bytes;
+  }
+}
+
+TEST_F(TraceReaderTest, DoesNotBelieveACountOfDescriptors) {
+  writeTwo();
+  patch(offsetof(Format::FileHeader, descriptorCount), ~U64(0));
+  EXPECT_THAT(messages(), ElementsAre("first 1", "second 2"));
+  EXPECT_EQ(TraceReader(path()).damaged(), 1u);
+  patch(offsetof(Format::FileHeader, descriptorCount), U64(1));
+  EXPECT_THAT(messages(), ElementsAre("first 1"));
+}
+
+TEST_F(TraceReaderTest, StandsExtremeNumbersAnywhereInTheHeader) {
+  writeExample();
+  int refused = 0, read = 0;
+  for (std::size_t offset = 0; offset < sizeof(Format::FileHeader); offset += 4)
+    for (U64 const value :
+         {U64(0), U64(1), U64(7), U64(8), U64(4096), U64(8192), U64(1) << 31, U64(1) << 32, U64(1) << 62,
+          U64(1) << 63, ~U64(0), ~U64(7), static_cast<U64>(example_.size())}) {
+      if (offset + sizeof value > sizeof(Format::FileHeader)) continue;
+      patch(offset, value);
+      ++(verdict() == "read" ? read : refused);
+    }
+  EXPECT_GT(refused, 100);
+  EXPECT_GT(read, 50);
+}
+
+TEST_F(TraceReaderTest, StandsRandomDamageAnywhere) {
+  writeExample();
+  Format::FileHeader const layout = header();
+  std::size_t const starts[] = {0, layout.descriptors.offset, layout.rings[0].offset, layout.rings[1].offset};
+  std::size_t const sizes[] = {sizeof layout, 300, layout.rings[0].bytes, layout.rings[1].bytes};
+  int refused = 0, damaged = 0;
+  for (unsigned seed = 1; seed <= 3000; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    std::string bytes = example_;
+    for (unsigned count = 1 + random() % 16; count > 0; --count) {
+      // The header seldom, as hardly any damage there goes unrefused.
+      unsigned const area = random() % 16 == 0 ? 0 : 1 + random() % 3;
+      bytes[starts[area] + random() % sizes[area]] = static_cast<char>(random());
+    }
+    write("trace", bytes);
+    if (verdict() != "read") {
+      ++refused;
+      continue;
+    }
+    TraceReader const reader(path());
+    if (reader.damaged() > 0) ++damaged;
+    std::ostringstream text;
+    for (Descriptor const& descriptor : reader.descriptors()) text << descriptor << "\n";
+    for (Event const& event : reader.events()) text << event << "\n";
+    std::string const lines = text.str();
+    ASSERT_EQ(static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n')),
+              reader.descriptors().size() + reader.events().size());
+  }
+  EXPECT_GT(refused, 300);
+  EXPECT_GT(damaged, 1000);
+}
+
+TEST_F(TraceReaderTest, NamesKindsInText) {
+  std::ostringstream text;
+  text << EventKind::message << ", " << EventKind::blockTimer << ", " << EventKind(9) << ", "
+       << ArgumentKind::address << ", " << ArgumentKind::string << ", " << ArgumentKind::integer << ", "
+       << ArgumentKind(0);
+  EXPECT_EQ(text.str(), "message, block timer, EventKind(9), address, string, integer, ArgumentKind(0)");
+}
+
+TEST_F(TraceReaderTest, PutsAMessageOnOneLineWithTimeSourceAndLine) {
+  TraceFile::open(path());
+  U32 const line = __LINE__ + 1;
+  SCRIVO_MESSAGE("JoinPruneSm", "Sending to ", IpGenAddr("10.0.0.2"));
+  TraceReader const reader(path());
+  ASSERT_EQ(reader.events().size(), 1u);
+  EXPECT_THAT(toText(reader.events()[0]),
+              testing::MatchesRegex("0\\.[0-9]{9} JoinPruneSm " + std::to_string(line) +
+                                    ": Sending to 10\\.0\\.0\\.2"));
+  std::ostringstream stream;
+  stream << reader.events()[0] << reader.descriptors()[0];
+  EXPECT_EQ(stream.str(),
+            toText(reader.events()[0]) + "JoinPruneSm " + std::to_string(line) + ": Sending to <address>");
+}
+
+}  // namespace
+}  // namespace Scrivo::Test

@@ -1,0 +1,299 @@
+#include "runtime/zanth/TimerWheel.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <random>
+#include <vector>
+
+namespace Zanth {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Vel::never;
+
+class Timer final : public TimerWheel::Notifiee {
+ public:
+  explicit Timer(std::function<void(Timer&)> call) : call_(std::move(call)) {}
+  void onTime() override { call_(*this); }
+  void onNotificationException() override { ++exceptions; }
+  int exceptions = 0;
+
+ private:
+  std::function<void(Timer&)> call_;
+};
+
+class TimerWheelTest : public testing::Test {
+ protected:
+  // A timer that notes its number when it fires.
+  Vel::Ptr<Timer> timer(int number, Seconds at = never) {
+    return timer([this, number](Timer&) { fired.push_back(number); }, at);
+  }
+  Vel::Ptr<Timer> timer(std::function<void(Timer&)> call, Seconds at = never) {
+    auto made = Vel::create<Timer>(std::move(call));
+    made->notifierIs(wheel);
+    made->timeMinIs(at);
+    return made;
+  }
+  void expireAt(Seconds now) {
+    time = now;
+    wheel->expire();
+  }
+
+  Seconds time = 100;
+  Vel::Ptr<TimerWheel> wheel = Vel::create<TimerWheel>([this] { return time; });
+  std::vector<int> fired;
+};
+
+TEST_F(TimerWheelTest, ATimerIsCalledAtItsTimeAndNotBefore) {
+  auto const one = timer(1, 160);
+  expireAt(std::nextafter(160, 0));
+  EXPECT_THAT(fired, IsEmpty());
+  expireAt(160);
+  EXPECT_THAT(fired, ElementsAre(1));
+}
+
+TEST_F(TimerWheelTest, AFiredTimerReadsAsUnarmedInsideItsCallback) {
+  Seconds seen = 0;
+  auto const one = timer([&](Timer& self) { seen = self.timeMin(); }, 101);
+  expireAt(101);
+  EXPECT_EQ(seen, never);
+}
+
+TEST_F(TimerWheelTest, InfinityDisarmsAndTheLargestFiniteTimeCountsAsArmed) {
+  auto const one = timer(1, 101);
+  one->timeMinIs(never);
+  EXPECT_FALSE(one->armed());
+  EXPECT_EQ(wheel->armedCount(), 0u);
+  expireAt(102);
+  EXPECT_THAT(fired, IsEmpty());
+  one->timeMinIs(std::numeric_limits<double>::max());
+  EXPECT_TRUE(one->armed());
+  EXPECT_EQ(wheel->timeMin(), std::numeric_limits<double>::max());
+  expireAt(1e15);
+  EXPECT_THAT(fired, IsEmpty());
+}
+
+TEST_F(TimerWheelTest, NaNIsRefusedAndTheTimerKeepsWhatItHad) {
+  auto const one = timer(1, 101);
+  EXPECT_THROW(one->timeMinIs(std::nan("")), Vel::InvalidArgumentException);
+  EXPECT_EQ(one->timeMin(), 101);
+  expireAt(101);
+  EXPECT_THAT(fired, ElementsAre(1));
+}
+
+TEST_F(TimerWheelTest, ATimerReArmedForNowOrEarlierWaitsForTheNextExpire) {
+  int calls = 0;
+  auto const one = timer([&](Timer& self) { self.timeMinIs(++calls == 1 ? time : time - 50); }, 101);
+  expireAt(101);
+  EXPECT_EQ(calls, 1);
+  expireAt(101);
+  EXPECT_EQ(calls, 2);
+  expireAt(101);
+  EXPECT_EQ(calls, 3);
+}
+
+TEST_F(TimerWheelTest, TimersFireInTheOrderOfTimeAndThenOfArming) {
+  auto const c = timer(3, 103), a = timer(1, 101), b2 = timer(22, 102), b1 = timer(21, 102);
+  a->timeMinIs(102);  // armed last of those at 102
+  expireAt(110);
+  EXPECT_THAT(fired, ElementsAre(22, 21, 1, 3));
+}
+
+TEST_F(TimerWheelTest, TimesThatDifferInTheLastBitFireInOrderAndSeparately) {
+  Seconds const later = std::nextafter(101, 200);
+  auto const b = timer(2, later), a = timer(1, 101);
+  expireAt(101);
+  EXPECT_THAT(fired, ElementsAre(1));
+  expireAt(later);
+  EXPECT_THAT(fired, ElementsAre(1, 2));
+}
+
+TEST_F(TimerWheelTest, NowMovesOnWithTheClockDuringAPass) {
+  std::vector<Seconds> seen;
+  auto const one = timer(
+      [&](Timer&) {
+        time += 5;
+        seen.push_back(wheel->now());
+      },
+      101);
+  auto const two = timer([&](Timer&) { seen.push_back(wheel->now()); }, 101);
+  expireAt(101);
+  EXPECT_THAT(seen, ElementsAre(106, 106));
+}
+
+TEST_F(TimerWheelTest, WhatBecomesDueDuringAPassWaitsForTheNext) {
+  auto const one = timer([&](Timer&) { time = 105; }, 101);
+  auto const two = timer(2, 104);
+  expireAt(101);
+  EXPECT_THAT(fired, IsEmpty());
+  wheel->expire();
+  EXPECT_THAT(fired, ElementsAre(2));
+}
+
+TEST_F(TimerWheelTest, ATimerThatAnotherOneDestroysMovesOrDisarmsIsNotCalled) {
+  Vel::Ptr<Timer> destroyed, moved, disarmed;
+  auto const first = timer(
+      [&](Timer&) {
+        destroyed = nullptr;
+        moved->timeMinIs(200);
+        disarmed->timeMinIs(never);
+      },
+      101);
+  destroyed = timer(1, 101);
+  moved = timer(2, 101);
+  disarmed = timer(3, 101);
+  auto const last = timer(4, 101);
+  expireAt(101);
+  EXPECT_THAT(fired, ElementsAre(4));
+  expireAt(200);
+  EXPECT_THAT(fired, ElementsAre(4, 2));
+}
+
+TEST_F(TimerWheelTest, ATimerMayDropItsOwnLastReferenceInItsCallback) {
+  Vel::Ptr<Timer> one;
+  one = timer(
+      [&](Timer&) {
+        one = nullptr;
+        fired.push_back(1);
+      },
+      101);
+  expireAt(101);
+  EXPECT_THAT(fired, ElementsAre(1));
+  EXPECT_FALSE(one);
+}
+
+TEST_F(TimerWheelTest, AZombieOrInactiveTimerIsNotCalled) {
+  auto const zombie = timer(1, 101), inactive = timer(2, 101), live = timer(3, 101);
+  zombie->velDoZombieReactors(true);
+  inactive->hasNotificationActiveIs(false);
+  expireAt(101);
+  EXPECT_THAT(fired, ElementsAre(3));
+  EXPECT_FALSE(zombie->armed());
+}
+
+TEST_F(TimerWheelTest, AThrowingTimerIsToldSoAndTheOthersAreStillCalled) {
+  auto const bad = timer([](Timer&) { throw 1; }, 101);
+  auto const good = timer(2, 101);
+  expireAt(101);
+  EXPECT_EQ(bad->exceptions, 1);
+  EXPECT_THAT(fired, ElementsAre(2));
+}
+
+TEST_F(TimerWheelTest, TimeMinIsTheEarliestArmedTimeAtEveryMoment) {
+  EXPECT_EQ(wheel->timeMin(), never);
+  auto const a = timer(1, 5000), b = timer(2, 110.25);
+  EXPECT_EQ(wheel->timeMin(), 110.25);
+  b->timeMinIs(9000);
+  EXPECT_EQ(wheel->timeMin(), 5000);
+  a->timeMinIs(never);
+  EXPECT_EQ(wheel->timeMin(), 9000);
+  b->timeMinIs(50);  // in the past
+  EXPECT_EQ(wheel->timeMin(), 50);
+}
+
+TEST_F(TimerWheelTest, AnExpireFromInsideACallbackDoesNothing) {
+  auto const one = timer(
+      [&](Timer&) {
+        fired.push_back(1);
+        wheel->expire();
+        fired.push_back(2);
+      },
+      101);
+  auto const two = timer(3, 101);
+  expireAt(101);
+  EXPECT_THAT(fired, ElementsAre(1, 2, 3));
+}
+
+TEST_F(TimerWheelTest, TheWheelMayBeDroppedInsideACallback) {
+  Vel::Ptr<Timer> one = timer(
+      [&](Timer& self) {
+        wheel = nullptr;
+        self.notifierIs(nullptr);
+        fired.push_back(1);
+      },
+      101);
+  time = 101;
+  wheel->expire();
+  EXPECT_THAT(fired, ElementsAre(1));
+}
+
+TEST_F(TimerWheelTest, AnArmedTimerThatDoesNotHoldTheWheelOutlivesIt) {
+  auto const one = timer(1, 101);
+  one->isNondestructingIs(true);
+  wheel = nullptr;
+  EXPECT_FALSE(one->notifier());
+  one->timeMinIs(102);
+  one->timeMinIs(never);
+  EXPECT_THAT(fired, IsEmpty());
+}
+
+TEST_F(TimerWheelTest, ATimerTakesItsTimeAlongToAnotherWheel) {
+  auto const other = Vel::create<TimerWheel>([this] { return time; });
+  auto const one = timer(1, 101);
+  one->notifierIs(other);
+  expireAt(101);
+  EXPECT_THAT(fired, IsEmpty());
+  other->expire();
+  EXPECT_THAT(fired, ElementsAre(1));
+}
+
+TEST_F(TimerWheelTest, AConstTimerCannotBeArmed) {
+  Vel::Ptr<Timer const> const one = timer(1);
+  EXPECT_THROW(one->timeMinIs(1), Vel::RangeException);
+}
+
+TEST_F(TimerWheelTest, RandomOperationsAgreeWithASortedList) {
+  for (unsigned seed = 1; seed <= 30; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    struct Model {
+      Seconds at = never;
+      U64 order = 0;
+    };
+    constexpr int count = 200;
+    std::vector<Model> model(count);
+    std::vector<Vel::Ptr<Timer>> timers;
+    U64 order = 0;
+    fired.clear();
+    time = seed * 1000;
+    wheel = Vel::create<TimerWheel>([this] { return time; });
+    for (int i = 0; i < count; ++i) timers.push_back(timer(i));
+    for (int step = 0; step < 2000; ++step) {
+      int const i = static_cast<int>(random() % count);
+      Seconds const scales[] = {1e-6, 1e-3, 0.1, 60, 5000, 1e7};
+      Seconds const at = random() % 8 == 0 ? never
+                         : random() % 8 == 0
+                             ? time - 1
+                             : time + scales[random() % 6] * static_cast<Seconds>(random() % 1000) / 500;
+      timers[i]->timeMinIs(at);
+      model[i] = {at, ++order};
+      Seconds earliest = never;
+      for (Model const& m : model) earliest = std::min(earliest, m.at);
+      ASSERT_EQ(wheel->timeMin(), earliest);
+      if (random() % 5 != 0) continue;
+      time += scales[random() % 5] * static_cast<Seconds>(random() % 1000) / 1000;
+      std::vector<int> due;
+      for (int k = 0; k < count; ++k)
+        if (model[k].at <= time) due.push_back(k);
+      std::sort(due.begin(), due.end(), [&](int a, int b) {
+        return std::tie(model[a].at, model[a].order) < std::tie(model[b].at, model[b].order);
+      });
+      for (int const k : due) model[k].at = never;
+      fired.clear();
+      wheel->expire();
+      ASSERT_EQ(fired, due);
+      U32 armed = 0;
+      for (Model const& m : model) armed += m.at != never;
+      ASSERT_EQ(wheel->armedCount(), armed);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Zanth
