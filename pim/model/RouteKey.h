@@ -1,0 +1,67 @@
+// Keys of multicast routes.
+#pragma once
+
+#include <iosfwd>
+
+#include "runtime/dova/IntfId.h"
+#include "runtime/dova/IpGenAddr.h"
+
+namespace Routing::Pim {
+
+using Vel::Seconds;
+using Vel::U16;
+using Vel::U32;
+using Vel::U64;
+using Vel::U8;
+
+/// A source and a group. A source of all zeros means any: the route is (*,G).
+class VEL_API RouteKey {
+ public:
+  RouteKey() = default;
+  RouteKey(Dova::IpGenAddr const& source, Dova::IpGenAddr const& group) : source_(source), group_(group) {}
+
+  Dova::IpGenAddr const& source() const { return source_; }
+  Dova::IpGenAddr const& group() const { return group_; }
+  U32 hash() const { return Vel::hashCombine(source_.hash(), group_.hash()); }
+
+  friend bool operator==(RouteKey const& a, RouteKey const& b) = default;
+  friend bool operator<(RouteKey const& a, RouteKey const& b) {
+    return a.source_ == b.source_ ? a.group_ < b.group_ : a.source_ < b.source_;
+  }
+
+ private:
+  Dova::IpGenAddr source_;
+  Dova::IpGenAddr group_;
+};
+
+/// "(10.0.0.1,239.1.1.1)", "(*,239.1.1.1)".
+VEL_API std::ostream& operator<<(std::ostream& os, RouteKey const& key);
+
+/// A route on an interface.
+class VEL_API RouteIntfKey {
+ public:
+  RouteIntfKey() = default;
+  RouteIntfKey(RouteKey const& route, Dova::IntfId const& intfId) : route_(route), intfId_(intfId) {}
+  RouteIntfKey(Dova::IpGenAddr const& source, Dova::IpGenAddr const& group, Dova::IntfId const& intfId)
+      : RouteIntfKey(RouteKey(source, group), intfId) {}
+
+  RouteKey const& routeKey() const { return route_; }
+  Dova::IpGenAddr const& source() const { return route_.source(); }
+  Dova::IpGenAddr const& group() const { return route_.group(); }
+  Dova::IntfId const& intfId() const { return intfId_; }
+  U32 hash() const { return Vel::hashCombine(route_.hash(), intfId_.hash()); }
+
+  friend bool operator==(RouteIntfKey const& a, RouteIntfKey const& b) = default;
+  friend bool operator<(RouteIntfKey const& a, RouteIntfKey const& b) {
+    return a.route_ == b.route_ ? a.intfId_ < b.intfId_ : a.route_ < b.route_;
+  }
+
+ private:
+  RouteKey route_;
+  Dova::IntfId intfId_;
+};
+
+/// The route's form, and "@eth0" if there is an interface.
+VEL_API std::ostream& operator<<(std::ostream& os, RouteIntfKey const& key);
+
+}  // namespace Routing::Pim

@@ -1,0 +1,9 @@
+#include "pim/model/RpHashComputeStatus.h"
+
+namespace Routing::Pim {
+
+Dova::IpGenAddr RpHashComputeStatus::rpHashCompute(Dova::IpGenAddr const&, Dova::IpGenAddr const& rp) {
+  return rp;
+}
+
+}  // namespace Routing::Pim

@@ -1,0 +1,49 @@
+// What PIM knows about its surroundings.
+#pragma once
+
+#include "pim/model/Neighbor.h"
+
+namespace Routing::Pim {
+
+/// The PIM interfaces and neighbors of the router. The agent keeps it in step with the world; the Join/Prune
+/// machines follow it.
+class VEL_API Status final : public Vel::Entity {
+ public:
+  enum Attribute : Vel::AttributeId { pimIntfId = Vel::firstAttributeId, pimNeighborId };
+
+  class NotifieeConst : public Vel::ReactorOn<Status> {
+   public:
+    virtual void onPimIntf(Dova::IntfId) {}
+    virtual void onPimIntfvelImmediate() {}
+    virtual void onPimIntf() { handleDefault("pimIntf"); }
+    virtual void onPimNeighbor(Dova::IpGenAddr) {}
+    virtual void onPimNeighborvelImmediate() {}
+    virtual void onPimNeighbor() { handleDefault("pimNeighbor"); }
+  };
+  using Notifiee = Vel::WritableReactor<NotifieeConst, Status>;
+
+  /// The interfaces. `pimIntfIs(id)` makes one without an address; one that is configured first can be put
+  /// with `pimIntfIs(intf)`.
+  VEL_ENTITIES_PUT(Dova::IntfId, Intf, pimIntf, PimIntf, Routing::Pim::Status)
+  VEL_ENTITIES(Dova::IntfId, Intf, pimIntf, PimIntf);
+
+  /// The neighbors, by address.
+  VEL_ENTITIES_PUT(Dova::IpGenAddr, Neighbor, pimNeighbor, PimNeighbor, Routing::Pim::Status)
+  VEL_ENTITIES_DEL(Dova::IpGenAddr, Neighbor, pimNeighbor, PimNeighbor)
+  VEL_ENTITIES_READ(Dova::IpGenAddr, Neighbor, pimNeighbor, PimNeighbor);
+
+ public:
+  /// Finds the neighbor, or makes it on that interface. One that is there on another interface throws the
+  /// range exception "Reinstantiating the pointer interface ...".
+  Vel::Ptr<Neighbor> pimNeighborIs(Dova::IpGenAddr const& address, Vel::Ptr<Intf const> const& intf);
+  Vel::Ptr<Neighbor> pimNeighborIs(Dova::IpGenAddr const&, Vel::Ptr<Intf const> const&) const {
+    Vel::throwConstInstance();
+  }
+
+  Vel::AttributeTable const& attributeTable() const override;
+
+ protected:
+  void doTeardown() override;
+};
+
+}  // namespace Routing::Pim

@@ -1,0 +1,91 @@
+// One group's joins and prunes.
+#pragma once
+
+#include "pim/model/RouteKey.h"
+#include "runtime/vel/Attribute.h"
+
+namespace Routing::Pim::Packet {
+
+/// The (*,G) entry of a group: the RP, and whether it is a join or a prune. It does not change; a group whose
+/// entry changes is given another one.
+class VEL_API WcSourceData final : public Vel::Entity {
+ public:
+  WcSourceData(Dova::IpGenAddr const& address, bool join) : address_(address), join_(join) {}
+
+  /// The RP named in the entry.
+  Dova::IpGenAddr const& address() const { return address_; }
+  /// True for a (*,G) join, false for a (*,G) prune.
+  bool join() const { return join_; }
+
+ private:
+  Dova::IpGenAddr const address_;
+  bool const join_;
+};
+
+/// One group set of a Join/Prune message (RFC 7761, 4.9.5.1), or what is pending for a group: the sources of
+/// each kind of entry, and at most one wildcard entry.
+class VEL_API JoinPruneGroupData final : public Vel::Entity {
+ public:
+  enum Attribute : Vel::AttributeId {
+    groupId = Vel::firstAttributeId,
+    joinedSourceId,
+    prunedSourceId,
+    joinedRptSourceId,
+    prunedRptSourceId,
+    wcSourceDataId
+  };
+
+  class NotifieeConst : public Vel::ReactorOn<JoinPruneGroupData> {
+   public:
+    virtual void onJoinedSource(Dova::IpGenAddr) {}
+    virtual void onJoinedSourcevelImmediate() {}
+    virtual void onJoinedSource() { handleDefault("joinedSource"); }
+    virtual void onPrunedSource(Dova::IpGenAddr) {}
+    virtual void onPrunedSourcevelImmediate() {}
+    virtual void onPrunedSource() { handleDefault("prunedSource"); }
+    virtual void onJoinedRptSource(Dova::IpGenAddr) {}
+    virtual void onJoinedRptSourcevelImmediate() {}
+    virtual void onJoinedRptSource() { handleDefault("joinedRptSource"); }
+    virtual void onPrunedRptSource(Dova::IpGenAddr) {}
+    virtual void onPrunedRptSourcevelImmediate() {}
+    virtual void onPrunedRptSource() { handleDefault("prunedRptSource"); }
+    virtual void onWcSourceData() { handleNotification(wcSourceDataId); }
+  };
+  using Notifiee = Vel::WritableReactor<NotifieeConst, JoinPruneGroupData>;
+
+  explicit JoinPruneGroupData(Dova::IpGenAddr const& group) : group_(group) {}
+
+  /// The group's address, its key.
+  VEL_FIXED(Dova::IpGenAddr, group);
+
+  /// (S,G) joins and prunes.
+  VEL_SET(Vel::HashSet<Dova::IpGenAddr>, joinedSource, JoinedSource);
+  VEL_SET(Vel::HashSet<Dova::IpGenAddr>, prunedSource, PrunedSource);
+
+  /// (S,G,rpt) joins and prunes. The prunes are walked in ascending order: where they cannot all be sent with
+  /// a
+  /// (*,G) join, the numerically smallest go (RFC 7761, 4.9.5.1).
+  VEL_SET(Vel::HashSet<Dova::IpGenAddr>, joinedRptSource, JoinedRptSource);
+  VEL_SET(Vel::OrderedSet<Dova::IpGenAddr>, prunedRptSource, PrunedRptSource);
+
+  /// The (*,G) entry, or null. Setting another record notifies, whatever it holds.
+  VEL_POINTER(WcSourceData, wcSourceData, WcSourceData);
+
+ public:
+  void wcSourceDataDel() { wcSourceDataIs(nullptr); }
+  void wcSourceDataDel() const { Vel::throwConstInstance(); }
+
+  /// How many entries there are; O(1). The wildcard entry is one.
+  U32 routes() const {
+    return joinedSourceCount() + prunedSourceCount() + joinedRptSourceCount() + prunedRptSourceCount() +
+           (wcSourceData_ ? 1 : 0);
+  }
+
+  /// True if there is no entry of any kind; O(1).
+  bool empty() const { return routes() == 0; }
+
+  Dova::IpGenAddr const& velKey() const { return group_; }
+  Vel::AttributeTable const& attributeTable() const override;
+};
+
+}  // namespace Routing::Pim::Packet
