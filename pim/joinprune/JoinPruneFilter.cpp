@@ -1,0 +1,9 @@
+#include "pim/joinprune/JoinPruneFilter.h"
+
+namespace Routing::Pim {
+
+bool JoinPruneFilter::deny(Dova::IpGenAddr const&) const { return false; }
+
+Vel::Ptr<JoinPruneFilter> joinPruneFilterFactory() { return Vel::valid(Vel::create<JoinPruneFilter>()); }
+
+}  // namespace Routing::Pim

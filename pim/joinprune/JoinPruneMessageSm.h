@@ -1,0 +1,294 @@
+// The Join/Prune engine: the object that the agent makes.
+//
+// Which file does what:
+//
+//   JoinPruneMessageSm.h        the top: follows interfaces and neighbors, takes received messages apart
+//   JoinPruneNeighborSm.h       one for each upstream target: what is to be sent to it, and when
+//   JoinPrunePeriodicTimerSm.h  one for each of those: the periodic refresh
+//   JoinPruneStatus.h           what is to be sent, by target; filled by the agent's route state machines
+//   JoinPruneMessageInfo.h      the record of the latest received entry; watched by the agent
+//   JoinPruneFilter.h           the policy on received entries
+//
+// How they hang together: the agent makes the inputs (interfaces and neighbors in a Status, a
+// JoinPruneStatus, two records, a receive channel, a packet manager, a timer wheel) and hands them to
+// `joinPruneMessageSmFactory`. From then on everything happens inside the agent's own calls: a change of an
+// input, or TimerWheel::expire().
+//
+//   auto machine = joinPruneMessageSmFactory(status, filter, pimStatus, rpHash, rxJoin, rxPrune, channel,
+//   manager,
+//                                            wheel);
+//   manager->txMessageInfoIs();                       // before the first timer fires
+//   pimStatus->pimNeighborIs(address, intf);          // the machine for this neighbor exists when this
+//   returns status->triggeredGroup(address)->joinPruneGroupDataIs(group)->joinedSourceIs(source);  // goes
+//   out in 0.1 s
+#pragma once
+
+#include "pim/joinprune/JoinPruneFilter.h"
+#include "pim/joinprune/JoinPruneNeighborSm.h"
+#include "pim/joinprune/JoinPruneStatus.h"
+#include "pim/model/RpHashComputeStatus.h"
+#include "pim/model/Status.h"
+
+namespace Routing::Pim {
+
+/// The top-level machine. It keeps one JoinPruneNeighborSm for every upstream target: each PIM neighbor, and
+/// each PIM interface's own address. An address has one machine: a neighbor never displaces one that is
+/// there, an interface always does.
+///
+/// A target's three data sets (triggered, override, periodic) are made and removed with its machine. The
+/// machine of a neighbor that goes down stays until its periodic data has no groups any more; that of an
+/// interface goes with the interface or its address, whatever is pending.
+///
+/// When the last reference to it is dropped, it retires its interfaces (with their targets) and all neighbor
+/// machines; the neighbors' data sets stay in the status for its successor. It is safe to drop it, or any
+/// input, from inside any callback.
+class VEL_API JoinPruneMessageSm final : public Vel::Machine {
+ public:
+  enum Attribute : Vel::AttributeId {
+    joinPruneStatusId = Vel::firstAttributeId,
+    joinPruneFilterId,
+    pimStatusId,
+    rpHashComputeStatusId,
+    rxJoinId,
+    rxPruneId,
+    rxMessageInfoId,
+    txMessageId,
+    pimPamManagerId,
+    timerWheelId,
+    diagUpJoinCountId,
+    joinPruneNeighborSmId,
+    pimIntfId,
+    initializedId
+  };
+
+  class NotifieeConst : public Vel::ReactorOn<JoinPruneMessageSm> {
+   public:
+    virtual void onTxMessage() { handleNotification(txMessageId); }
+    virtual void onDiagUpJoinCount() { handleNotification(diagUpJoinCountId); }
+    virtual void onJoinPruneNeighborSm(Dova::IpGenAddr) {}
+    virtual void onJoinPruneNeighborSmvelImmediate() {}
+    virtual void onJoinPruneNeighborSm() { handleDefault("joinPruneNeighborSm"); }
+    virtual void onPimIntf(Dova::IntfId) {}
+    virtual void onPimIntfvelImmediate() {}
+    virtual void onPimIntf() { handleDefault("pimIntf"); }
+    virtual void onInitialized() { handleNotification(initializedId); }
+  };
+  using Notifiee = Vel::WritableReactor<NotifieeConst, JoinPruneMessageSm>;
+
+  // --- Nested reactors
+  // -------------------------------------------------------------------------------------------
+
+  /// What the nested reactors have in common: the back pointer, null once the machine has let go.
+  template <class Base>
+  class Owned : public Base {
+   public:
+    JoinPruneMessageSm* joinPruneMessageSm() const { return joinPruneMessageSm_; }
+    void joinPruneMessageSmIs(JoinPruneMessageSm* sm) { joinPruneMessageSm_ = sm; }
+
+   protected:
+    explicit Owned(JoinPruneMessageSm* sm) : joinPruneMessageSm_(sm) {}
+
+   private:
+    JoinPruneMessageSm* joinPruneMessageSm_;
+  };
+
+  /// Follows the interfaces and neighbors. Pointed at another Status, it brings the interfaces into line.
+  class VEL_API VelPimStatus final : public Owned<Status::NotifieeConst> {
+   public:
+    VelPimStatus(Vel::Ptr<Status const> const& status, JoinPruneMessageSm* sm);
+    void notifierIs(Vel::Ptr<Status const> const& status) override;
+    void onPimIntf(Dova::IntfId intfId) override;
+    void onPimIntfvelImmediate() override;
+    void onPimNeighbor(Dova::IpGenAddr address) override;
+  };
+
+  /// Follows the receive channel. Pointed at another channel, it takes the message that is there.
+  class VEL_API VelRxMessageInfo final : public Owned<IO::MessageInfo::Notifiee> {
+   public:
+    using Owned::notifierIs;
+    VelRxMessageInfo(Vel::Ptr<IO::MessageInfo> const& channel, JoinPruneMessageSm* sm);
+    void notifierIs(Vel::Ptr<IO::MessageInfo> const& channel) override;
+    void onCount() override;
+  };
+
+  /// Holds the packet manager.
+  class VEL_API VelPimPamManager final : public Owned<IO::PamManager::Notifiee> {
+   public:
+    VelPimPamManager(Vel::Ptr<IO::PamManager> const& manager, JoinPruneMessageSm* sm) : Owned(sm) {
+      notifierIs(manager);
+    }
+  };
+
+  /// Holds the timer wheel.
+  class VEL_API VelTimerWheel final : public Owned<Zanth::TimerWheel::Notifiee> {
+   public:
+    VelTimerWheel(Vel::Ptr<Zanth::TimerWheel> const& wheel, JoinPruneMessageSm* sm) : Owned(sm) {
+      notifierIs(wheel);
+    }
+  };
+
+  /// Follows one interface and keeps the machine of its own address.
+  class VEL_API VelPimIntf final : public Owned<Intf::NotifieeConst> {
+   public:
+    VelPimIntf(Vel::Ptr<Intf const> const& intf, JoinPruneMessageSm* sm);
+
+    /// The interface's identifier.
+    Dova::IntfId const& velKey() const { return intfId_; }
+    /// The address under which the interface's machine was made.
+    Dova::IpGenAddr address() const { return address_; }
+    void addressIs(Dova::IpGenAddr const& address) { address_ = address; }
+
+    /// Another object with the same identifier is another interface: the machine is rebuilt on it. An object
+    /// with another identifier throws Vel::InvalidArgumentException.
+    void notifierIs(Vel::Ptr<Intf const> const& intf) override;
+    void onUsedAddressWithMask() override;
+    /// Kept: the machine goes on every change of state, also when a retired reactor is revived.
+    void velDoZombieReactors(bool zombie) override;
+
+    void handleNew();
+    void handleDel();
+    void handleUsedAddress();
+    void createJoinPruneSm(Dova::IpGenAddr const& address);
+    void deleteJoinPruneSm(Dova::IpGenAddr const& address);
+
+   private:
+    bool live() const { return joinPruneMessageSm() && !isZombie() && notifier(); }
+
+    Dova::IntfId const intfId_;
+    Dova::IpGenAddr address_;
+  };
+
+  // --- Attributes fixed at construction
+  // --------------------------------------------------------------------------
+
+  Vel::Ptr<JoinPruneStatus> const& joinPruneStatus() const { return joinPruneStatus_; }
+  Vel::Ptr<JoinPruneFilter const> const& joinPruneFilter() const { return joinPruneFilter_; }
+  Vel::Ptr<RpHashComputeStatus> const& rpHashComputeStatus() const { return rpHashComputeStatus_; }
+  Vel::Ptr<JoinPruneMessageInfo> const& rxJoin() const { return rxJoin_; }
+  Vel::Ptr<JoinPruneMessageInfo> const& rxPrune() const { return rxPrune_; }
+
+  // Reactors on the other constructor arguments; null where the argument was.
+  Vel::Ptr<VelPimStatus> const& pimStatus() const { return pimStatus_; }
+  Vel::Ptr<VelRxMessageInfo> const& rxMessageInfo() const { return rxMessageInfo_; }
+  Vel::Ptr<VelPimPamManager> const& pimPamManager() const { return pimPamManager_; }
+  Vel::Ptr<VelTimerWheel> const& timerWheel() const { return timerWheel_; }
+
+  // --- Attributes that change
+  // ------------------------------------------------------------------------------------
+
+  /// The one outgoing message, shared by all neighbor machines.
+  Vel::Ptr<Packet::JoinPruneMessage> txMessage() const { return txMessage_; }
+  /// Returns it, made if it is missing.
+  Vel::Ptr<Packet::JoinPruneMessage> txMessageIs();
+  Vel::Ptr<Packet::JoinPruneMessage> txMessageIs() const { Vel::throwConstInstance(); }
+
+  /// Whether the neighbor machines check their route counts against their data. Meant for hunting a caller
+  /// that breaks the rules: a wrong count stops the process, and each check walks all groups.
+  VEL_VALUE(bool, diagUpJoinCount, DiagUpJoinCount)
+  = false;
+
+  /// The neighbor machines, by target address.
+  VEL_ENTITIES_READ(Dova::IpGenAddr, JoinPruneNeighborSm, joinPruneNeighborSm, JoinPruneNeighborSm);
+
+  /// The interface reactors.
+  VEL_ENTITIES_READ(Dova::IntfId, VelPimIntf, pimIntf, PimIntf);
+
+  /// True once `handleInitialized()` has run.
+  VEL_VALUE(bool, initialized, Initialized)
+  = false;
+
+ public:
+  /// Finds the machine of a target, or makes it. One that is there with other parameters throws the range
+  /// exception "Reinstantiating the pointer interface ..." for the first that differs.
+  Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmIs(
+      JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
+      Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
+      Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
+      Vel::Ptr<Zanth::TimerWheel> timerWheel, double const& overrideInterval,
+      Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
+  /// Removes and retires the machine of a target; its data sets stay. The removed machine, or null.
+  Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(Dova::IpGenAddr const& neighborAddr);
+  Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(JoinPruneNeighborSmIterator const& i);
+  void joinPruneNeighborSmDelAll();
+
+  /// Finds the interface's reactor, points it at `intf` if it watches another object, or makes it. Null
+  /// throws the invalid-argument exception "null _pimIntf parameter to mutator for ...".
+  Vel::Ptr<VelPimIntf> pimIntfIs(Vel::Ptr<Intf const> const& intf);
+  /// Retires and removes an interface's reactor, and with it the machine of its address. The reactor, or
+  /// null.
+  Vel::Ptr<VelPimIntf> pimIntfDel(Dova::IntfId const& intfId);
+  Vel::Ptr<VelPimIntf> pimIntfDel(PimIntfIterator const& i);
+  void pimIntfDelAll();
+
+  // --- Reactions and steps
+  // ---------------------------------------------------------------------------------------
+
+  void handleInitialized() override;
+  /// Takes up every neighbor that is listed.
+  void handleNeighbor();
+  /// Takes up a neighbor that is listed, or lets go of one that is not.
+  void handleNeighbor(Dova::IpGenAddr const& address);
+  /// Removes a neighbor's machine and data sets, unless the neighbor is listed, the target is an interface's
+  /// own address, or there is periodic data that is still to be sent. Called again by the neighbor machine
+  /// when its periodic data has run empty.
+  void doMaybeDeleteNeighbor(Dova::IpGenAddr const& address);
+  /// Takes the channel's message apart, entry by entry, into `rxJoin` and `rxPrune`.
+  void handleRxMessage();
+  /// An interface reactor was retired or revived.
+  void vel_handlePimIntf(VelPimIntf* reactor);
+
+  Vel::AttributeTable const& attributeTable() const override;
+
+  /// Constructs only; `joinPruneMessageSmFactory` is what makes a working machine.
+  JoinPruneMessageSm(
+      Vel::Ptr<JoinPruneStatus> const& joinPruneStatus,
+      Vel::Ptr<JoinPruneFilter const> const& joinPruneFilter, Vel::Ptr<Status const> const& pimStatus,
+      Vel::Ptr<RpHashComputeStatus> const& rpHashComputeStatus, Vel::Ptr<JoinPruneMessageInfo> const& rxJoin,
+      Vel::Ptr<JoinPruneMessageInfo> const& rxPrune, Vel::Ptr<IO::MessageInfo> const& rxMessageInfo,
+      Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Zanth::TimerWheel> const& timerWheel);
+
+  /// The second half of construction, apart because it calls out: the interfaces, then `handleInitialized()`.
+  void velStart();
+
+ protected:
+  ~JoinPruneMessageSm() override;
+  void doTeardown() override;
+  void velVisitReactors(ReactorVisitor const& visit) override;
+
+ private:
+  struct Target;
+
+  void syncPimIntf();
+  Vel::Ptr<Packet::JoinPruneStatus> periodicStatus() const;
+  Vel::Ptr<Neighbor const> listedNeighbor(Dova::IpGenAddr const& address) const;
+  template <class Wanted>
+  bool openTarget(Target& target, Dova::IpGenAddr const& address, Wanted const& wanted);
+  template <class Wanted>
+  void closeTarget(Dova::IpGenAddr const& address, Wanted const& wanted);
+  void startTarget(Target const& target, Dova::IpGenAddr const& address,
+                   Vel::Ptr<Neighbor const> const& neighbor, Vel::Ptr<Intf const> const& intf);
+
+  Vel::Ptr<JoinPruneStatus> const joinPruneStatus_;
+  Vel::Ptr<JoinPruneFilter const> const joinPruneFilter_;
+  Vel::Ptr<RpHashComputeStatus> const rpHashComputeStatus_;
+  Vel::Ptr<JoinPruneMessageInfo> const rxJoin_;
+  Vel::Ptr<JoinPruneMessageInfo> const rxPrune_;
+  Vel::Ptr<VelPimStatus> pimStatus_;
+  Vel::Ptr<VelRxMessageInfo> rxMessageInfo_;
+  Vel::Ptr<VelPimPamManager> pimPamManager_;
+  Vel::Ptr<VelTimerWheel> timerWheel_;
+  Vel::Ptr<Packet::JoinPruneMessage> txMessage_;
+};
+
+/// Makes a working machine with a count of 1. Any argument may be null; what belongs to it is then left out.
+VEL_API Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
+    Vel::Ptr<JoinPruneStatus> joinPruneStatus, Vel::Ptr<JoinPruneFilter const> joinPruneFilter,
+    Vel::Ptr<Status const> pimStatus, Vel::Ptr<RpHashComputeStatus> rpHashComputeStatus,
+    Vel::Ptr<JoinPruneMessageInfo> rxJoin, Vel::Ptr<JoinPruneMessageInfo> rxPrune,
+    Vel::Ptr<IO::MessageInfo> rxMessageInfo, Vel::Ptr<IO::PamManager> pimPamManager,
+    Vel::Ptr<Zanth::TimerWheel> timerWheel);
+
+/// "JoinPruneMessageSm::".
+VEL_API std::ostream& operator<<(std::ostream& os, JoinPruneMessageSm const* sm);
+
+}  // namespace Routing::Pim

@@ -1,0 +1,801 @@
+#include "pim/joinprune/JoinPruneNeighborSm.h"
+
+#include <array>
+#include <cstdlib>
+
+#include "pim/joinprune/JoinPruneMessageSm.h"
+#include "pim/joinprune/JoinPruneTrace.h"
+#include "runtime/vel/Assert.h"
+
+namespace Routing::Pim {
+
+namespace {
+
+using GroupData = Packet::JoinPruneGroupData;
+
+// A text put together at compile time, for names that differ from channel to channel in one word.
+template <std::size_t... N>
+consteval auto joined(char const (&... parts)[N]) {
+  std::array<char, (N + ...) - sizeof...(N) + 1> text{};
+  std::size_t length = 0;
+  auto const append = [&](char const* part) {
+    for (; *part; ++part) text[length++] = *part;
+  };
+  (append(parts), ...);
+  return text;
+}
+
+// The kinds of sources: what the group data calls them.
+struct JoinedSource {
+  static constexpr char name[] = "JoinedSource";
+  static constexpr bool join = true;
+  static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
+    return group.joinedSource(source);
+  }
+};
+struct PrunedSource {
+  static constexpr char name[] = "PrunedSource";
+  static constexpr bool join = false;
+  static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
+    return group.prunedSource(source);
+  }
+};
+struct JoinedRptSource {
+  static constexpr char name[] = "JoinedRptSource";
+  static constexpr bool join = true;
+  static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
+    return group.joinedRptSource(source);
+  }
+};
+struct PrunedRptSource {
+  static constexpr char name[] = "PrunedRptSource";
+  static constexpr bool join = false;
+  static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
+    return group.prunedRptSource(source);
+  }
+};
+
+// Zombie first, then the back pointer: in between nothing is delivered.
+template <class OwnedReactor>
+void unhook(OwnedReactor& reactor) {
+  reactor.velDoZombieReactors(true);
+  reactor.joinPruneNeighborSmIs(nullptr);
+}
+
+template <class Reactor, class Notifier>
+Vel::Ptr<Reactor> reactorOn(Vel::Ptr<Notifier> const& notifier, JoinPruneNeighborSm* sm) {
+  return notifier ? Vel::create<Reactor>(notifier, sm) : nullptr;
+}
+
+}  // namespace
+
+// --- What differs between the channels
+// -----------------------------------------------------------------------------
+
+struct JoinPruneNeighborSm::Triggered {
+  using GroupReactor = VelTriggeredGroupData;
+  static constexpr char name[] = "Triggered";
+  static constexpr char word[] = "triggered";
+  static constexpr char parameter[] = "_triggeredGroupData";
+  static constexpr char mutator[] = "Routing::Pim::JoinPruneNeighborSm::triggeredGroupData";
+  static constexpr bool counted = false;
+  static constexpr bool tracesFinishedJoins =
+      false;  // Kept: the join handlers retire a group without a word.
+  static auto& group(JoinPruneNeighborSm const& sm) { return sm.triggeredGroup_; }
+  static auto& groupData(JoinPruneNeighborSm& sm) { return sm.triggeredGroupData_; }
+  static void notify(JoinPruneNeighborSm& sm, Dova::IpGenAddr const& group) {
+    sm.triggeredGroupDataNotify(group);
+  }
+  static auto& timer(JoinPruneNeighborSm& sm) { return sm.triggeredTimer_; }
+  static Seconds delay(JoinPruneNeighborSm const& sm) { return sm.triggeredInterval_; }
+};
+
+struct JoinPruneNeighborSm::Override {
+  using GroupReactor = VelOverrideGroupData;
+  static constexpr char name[] = "Override";
+  static constexpr char word[] = "override";
+  static constexpr char parameter[] = "_overrideGroupData";
+  static constexpr char mutator[] = "Routing::Pim::JoinPruneNeighborSm::overrideGroupData";
+  static constexpr bool counted = false;
+  static constexpr bool tracesFinishedJoins = true;
+  static auto& group(JoinPruneNeighborSm const& sm) { return sm.overrideGroup_; }
+  static auto& groupData(JoinPruneNeighborSm& sm) { return sm.overrideGroupData_; }
+  static void notify(JoinPruneNeighborSm& sm, Dova::IpGenAddr const& group) {
+    sm.overrideGroupDataNotify(group);
+  }
+  static auto& timer(JoinPruneNeighborSm& sm) { return sm.overrideTimer_; }
+  static Seconds delay(JoinPruneNeighborSm const& sm) { return randomDelay(sm.overrideInterval_); }
+};
+
+struct JoinPruneNeighborSm::Periodic {
+  using GroupReactor = VelPeriodicGroupData;
+  static constexpr char name[] = "Periodic";
+  static constexpr char parameter[] = "_periodicGroupData";
+  static constexpr char mutator[] = "Routing::Pim::JoinPruneNeighborSm::periodicGroupData";
+  static constexpr bool counted = true;
+  static constexpr bool tracesFinishedJoins = true;
+  static auto& group(JoinPruneNeighborSm const& sm) { return sm.periodicGroup_; }
+  static auto& groupData(JoinPruneNeighborSm& sm) { return sm.periodicGroupData_; }
+  static void notify(JoinPruneNeighborSm& sm, Dova::IpGenAddr const& group) {
+    sm.periodicGroupDataNotify(group);
+  }
+};
+
+// --- Group reactors
+// ------------------------------------------------------------------------------------------------
+
+template <class Channel>
+JoinPruneNeighborSm::ChannelGroup<Channel>::ChannelGroup(Vel::Ptr<Packet::JoinPruneData> const& data,
+                                                         JoinPruneNeighborSm* sm)
+    : Base(sm) {
+  Base::notifierIs(data);
+}
+
+template <class Channel>
+void JoinPruneNeighborSm::ChannelGroup<Channel>::notifierIs(Vel::Ptr<Packet::JoinPruneData> const& data) {
+  if (data == this->notifier()) return;
+  Base::notifierIs(data);
+  onJoinPruneGroupDatavelImmediate();
+}
+
+template <class Channel>
+void JoinPruneNeighborSm::ChannelGroup<Channel>::onJoinPruneGroupData(Dova::IpGenAddr group) {
+  JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
+  if (!sm) return;
+  Vel::Ptr<ChannelGroup> const keep(this);
+  Hold const hold(sm);
+  if (Vel::Ptr<Packet::JoinPruneData> const data = this->notifier()) {
+    if (Vel::Ptr<GroupData> const groupData = data->joinPruneGroupData(group))
+      sm->groupDataIs<Channel>(groupData);
+    else
+      sm->groupDataDel<Channel>(group);
+  }
+  if (!this->hasNotificationActive() || !this->joinPruneNeighborSm()) return;
+  if constexpr (std::is_same_v<Channel, Triggered>)
+    sm->vel_handleTriggeredGroup_joinPruneGroupData(group);
+  else if constexpr (std::is_same_v<Channel, Override>)
+    sm->vel_handleOverrideGroup_joinPruneGroupData(group);
+  else
+    sm->vel_handlePeriodicGroup_joinPruneGroupData(group);
+}
+
+template <class Channel>
+void JoinPruneNeighborSm::ChannelGroup<Channel>::onJoinPruneGroupDatavelImmediate() {
+  JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
+  if (!sm) return;
+  Vel::Ptr<ChannelGroup> const keep(this);
+  Hold const hold(sm);
+  sm->reconcile<Channel>();
+  if constexpr (Channel::counted)
+    if (this->hasNotificationActive() && this->joinPruneNeighborSm()) sm->handlePeriodicGroup();
+}
+
+// --- Source reactors
+// -----------------------------------------------------------------------------------------------
+
+template <class Channel>
+JoinPruneNeighborSm::ChannelGroupData<Channel>::ChannelGroupData(Vel::Ptr<GroupData> const& groupData,
+                                                                 JoinPruneNeighborSm* sm)
+    : Owned(sm), group_(groupData->group()) {
+  notifierIs(groupData);
+}
+
+template <class Channel>
+template <class Kind>
+void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAddr const& source) {
+  static constexpr auto handler = joined("handle", Kind::name);
+  static constexpr auto signature = joined("void Routing::Pim::JoinPruneNeighborSm::Vel", Channel::name,
+                                           "GroupData::handle", Kind::name, "(const Dova::IpGenAddr&)");
+  JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
+  if (!sm) return;
+  SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
+  Vel::Ptr<ChannelGroupData> const keep(this);
+  Hold const hold(sm);
+  Vel::Ptr<GroupData> const groupData = this->notifier();
+  if (!groupData) return;
+  auto const* const subject = static_cast<typename Channel::GroupReactor const*>(this);
+
+  if constexpr (Channel::counted) {
+    if (Kind::present(*groupData, source)) {
+      sm->numPeriodicRoutesInc(1);
+      JOIN_PRUNE_TRACE_AS(7, subject, handler.data(),
+                          '(' << source << "), added, sources: " << sm->numPeriodicRoutes());
+      return;
+    }
+    JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << "), Deleted");
+    sm->numPeriodicRoutesDec(1);
+  } else {
+    JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << ')');
+    if (Kind::present(*groupData, source)) {
+      sm->doUpdateTimer<Channel>();
+      return;
+    }
+    JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << "), Sent");
+  }
+  retireGroup(handler.data(), !Kind::join || Channel::tracesFinishedJoins);
+}
+
+template <class Channel>
+void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleWcSource() {
+  static constexpr auto signature =
+      joined("void Routing::Pim::JoinPruneNeighborSm::Vel", Channel::name, "GroupData::handleWcSource()");
+  JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
+  if (!sm) return;
+  SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
+  Vel::Ptr<ChannelGroupData> const keep(this);
+  Hold const hold(sm);
+  Vel::Ptr<GroupData> const groupData = this->notifier();
+  if (!groupData) return;
+  auto const* const subject = static_cast<typename Channel::GroupReactor const*>(this);
+  Vel::Ptr<Packet::WcSourceData> const wildcard = groupData->wcSourceData();
+
+  if constexpr (Channel::counted) {
+    if (wildcard) {
+      if (wcSourceSet_) return;
+      wcSourceSet_ = true;  // before the count calls out
+      sm->numPeriodicRoutesInc(1);
+      JOIN_PRUNE_TRACE(7, subject,
+                       '(' << wildcard->address() << "), added, sources: " << sm->numPeriodicRoutes());
+      return;
+    }
+    JOIN_PRUNE_TRACE(7, subject, "(*,G), Deleted");
+    wcSourceSet_ = false;
+    sm->numPeriodicRoutesDec(1);  // Kept: also if the entry was never counted.
+  } else {
+    if (wildcard) {
+      sm->doUpdateTimer<Channel>();
+      return;
+    }
+    JOIN_PRUNE_TRACE(7, subject, "(*,G), Sent");
+  }
+  retireGroup("handleWcSource", true);
+}
+
+// If nothing is left in the group, takes it out of its data set, which takes this reactor out of the machine.
+template <class Channel>
+void JoinPruneNeighborSm::ChannelGroupData<Channel>::retireGroup(char const* handler, bool traced) {
+  JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
+  Vel::Ptr<GroupData> const groupData = this->notifier();
+  if (!sm || !groupData || !groupData->empty()) return;
+  if (traced)
+    JOIN_PRUNE_TRACE_AS(7, static_cast<typename Channel::GroupReactor const*>(this), handler,
+                        (Channel::counted ? "(): Deleted group " : "(): Finished group ")
+                            << groupData->group());
+  if (Vel::Ptr<Packet::JoinPruneData> const data = sm->data<Channel>())
+    data->joinPruneGroupDataDel(groupData->group());
+}
+
+template <class Channel>
+void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleJoinedSource(Dova::IpGenAddr const& source) {
+  handleSource<JoinedSource>(source);
+}
+template <class Channel>
+void JoinPruneNeighborSm::ChannelGroupData<Channel>::handlePrunedSource(Dova::IpGenAddr const& source) {
+  handleSource<PrunedSource>(source);
+}
+template <class Channel>
+void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleJoinedRptSource(Dova::IpGenAddr const& source) {
+  handleSource<JoinedRptSource>(source);
+}
+template <class Channel>
+void JoinPruneNeighborSm::ChannelGroupData<Channel>::handlePrunedRptSource(Dova::IpGenAddr const& source) {
+  handleSource<PrunedRptSource>(source);
+}
+
+#define JOIN_PRUNE_TRACE_ONLY(handler)                        \
+  void JoinPruneNeighborSm::VelPeriodicGroupData::handler() { \
+    if (!joinPruneNeighborSm()) return;                       \
+    JOIN_PRUNE_BLOCK_TIMER();                                 \
+    JOIN_PRUNE_TRACE(7, this, "()");                          \
+  }
+JOIN_PRUNE_TRACE_ONLY(handleJoinedSource)
+JOIN_PRUNE_TRACE_ONLY(handlePrunedSource)
+JOIN_PRUNE_TRACE_ONLY(handleJoinedRptSource)
+JOIN_PRUNE_TRACE_ONLY(handlePrunedRptSource)
+#undef JOIN_PRUNE_TRACE_ONLY
+
+// --- Timers
+// --------------------------------------------------------------------------------------------------------
+
+template <class Channel>
+JoinPruneNeighborSm::ChannelTimer<Channel>::ChannelTimer(Vel::Ptr<Zanth::TimerWheel> const& wheel,
+                                                         JoinPruneNeighborSm* sm)
+    : Owned(sm) {
+  Owned<Zanth::TimerWheel::Notifiee>::notifierIs(wheel);
+}
+
+template <class Channel>
+void JoinPruneNeighborSm::ChannelTimer<Channel>::onTime() {
+  JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
+  if (!sm) return;
+  Hold const hold(sm);
+  try {
+    sm->handleTimerExpiry<Channel>();
+  } catch (...) {
+    // What is pending must not wait for the next change to be tried again.
+    if (!hold.gone()) sm->doUpdateTimer<Channel>();
+    throw;
+  }
+}
+
+Seconds randomDelay(Seconds interval) {
+  double r = drand48();
+  VEL_ASSERT(JOIN_PRUNE_SOURCE, r <= 1.0);
+  if (r < 0.1) r += 0.1;  // Kept: once, no clamp.
+  return r * interval;
+}
+
+Seconds JoinPruneNeighborSm::now() const {
+  Vel::Ptr<Zanth::TimerWheel> const wheel = timerWheel_ ? timerWheel_->notifier() : nullptr;
+  return wheel ? wheel->now() : 0;
+}
+
+template <class Channel>
+Vel::Ptr<Packet::JoinPruneData> JoinPruneNeighborSm::data() const {
+  auto const& group = Channel::group(*this);
+  return group ? group->notifier() : nullptr;
+}
+
+template <class Channel>
+void JoinPruneNeighborSm::doUpdateTimer() {
+  static constexpr auto function = joined("doUpdate", Channel::name, "Timer");
+  static constexpr auto signature =
+      joined("void Routing::Pim::JoinPruneNeighborSm::doUpdate", Channel::name, "Timer()");
+  Hold const hold(this);
+  auto const timer = Channel::timer(*this);
+  if (!timer || hold.gone()) return;
+  SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
+  if (timer->armed()) {
+    JOIN_PRUNE_TRACE_AS(7, this, function.data(), "(): Timer running");
+    return;
+  }
+  Vel::Ptr<Packet::JoinPruneData> const pending = data<Channel>();
+  if (!pending || pending->joinPruneGroupDataCount() == 0) {
+    JOIN_PRUNE_TRACE_AS(7, this, function.data(), "(): Disarming timer");
+    timer->timeMinIs(Vel::never);
+    return;
+  }
+  U16 const holdTime = intf_ ? intf_->joinPruneHoldTime() : pending->holdTime();
+  JOIN_PRUNE_TRACE_AS(7, this, function.data(), "(): Arming timer, setting holdtime to " << holdTime);
+  pending->holdTimeIs(holdTime);
+  if (hold.gone() || timer->armed()) return;
+  timer->timeMinIs(now() + Channel::delay(*this));
+}
+
+template <class Channel>
+void JoinPruneNeighborSm::handleTimerExpiry() {
+  static constexpr auto function = joined("handle", Channel::name, "TimerExpiry");
+  static constexpr auto signature =
+      joined("void Routing::Pim::JoinPruneNeighborSm::handle", Channel::name, "TimerExpiry()");
+  static constexpr auto sending = joined("JoinPruneNeighborSm: Sending ", Channel::word, " joins/prunes to ");
+  static constexpr auto suspending =
+      joined("JoinPruneNeighborSm: Suspending sending ", Channel::word, " joins/prunes to ");
+  static constexpr auto finished =
+      joined("JoinPruneNeighborSm: Finished sending ", Channel::word, " joins/prunes to ");
+  SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
+  Hold const hold(this);
+  JOIN_PRUNE_TRACE_AS(7, this, function.data(), "()");
+  if (!initialized_ || hold.gone()) return;
+
+  Vel::Ptr<Packet::JoinPruneData> const pending = data<Channel>();
+  auto const groups = [&pending] { return pending ? pending->joinPruneGroupDataCount() : 0; };
+  Dova::IntfId const outgoing = intf_ ? intf_->intfId() : Dova::IntfId();
+  SCRIVO_MESSAGE(JOIN_PRUNE_SOURCE, sending.data(), neighborAddr_, ", Intf: ", outgoing.name(),
+                 ", Groups: ", groups());
+
+  Seconds const deadline = now() + loopQuantum_;
+  Vel::Ptr<IO::PamManager> const manager = pimPamManager_ ? pimPamManager_->notifier() : nullptr;
+  Vel::Ptr<IO::MessageInfo> const info = manager ? manager->txMessageInfo() : nullptr;
+  if (info) {
+    info->joinPruneMessageIs(txMessage_);
+    info->intfIdIs(outgoing);
+  }
+  if (txMessage_) txMessage_->joinPruneDataIs(pending);
+  if (hold.gone()) return;
+
+  Packet::JoinPruneMessage::Report report;
+  for (bool done = false; !done && groups() != 0;) {
+    if (txMessage_) txMessage_->reportIs({});
+    if (info && !hold.gone()) info->countInc(1);
+    if (hold.gone()) return;
+    // Without a message or a transmit record this was a step without progress.
+    report = txMessage_ ? txMessage_->report() : Packet::JoinPruneMessage::Report();
+    // Kept: suppressed sources do not count as progress here.
+    done = (report.sources == 0 && report.filteredSources == 0) || now() >= deadline;
+  }
+  if (groups() != 0) {
+    SCRIVO_MESSAGE(JOIN_PRUNE_SOURCE, suspending.data(), neighborAddr_, ", Intf: ", outgoing.name(),
+                   ", Groups remaining: ", groups());
+    JOIN_PRUNE_TRACE_AS(7, this, function.data(),
+                        "(): Suspending TX after " << report.sources << " sources, " << report.filteredSources
+                                                   << " filtered sources");
+  } else {
+    SCRIVO_MESSAGE(JOIN_PRUNE_SOURCE, finished.data(), neighborAddr_, ", Intf: ", outgoing.name(),
+                   ", Groups remaining: ", groups());
+  }
+  doUpdateTimer<Channel>();
+}
+
+void JoinPruneNeighborSm::doUpdateTriggeredTimer() { doUpdateTimer<Triggered>(); }
+void JoinPruneNeighborSm::doUpdateOverrideTimer() { doUpdateTimer<Override>(); }
+void JoinPruneNeighborSm::handleTriggeredTimerExpiry() { handleTimerExpiry<Triggered>(); }
+void JoinPruneNeighborSm::handleOverrideTimerExpiry() { handleTimerExpiry<Override>(); }
+
+void JoinPruneNeighborSm::triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
+  auto const displaced = std::exchange(triggeredTimer_, reactorOn<VelTriggeredTimer>(wheel, this));
+  if (displaced) unhook(*displaced);
+  velDeliver<NotifieeConst>(triggeredTimerId, [](NotifieeConst& r) { r.onTriggeredTimer(); });
+}
+
+void JoinPruneNeighborSm::overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
+  auto const displaced = std::exchange(overrideTimer_, reactorOn<VelOverrideTimer>(wheel, this));
+  if (displaced) unhook(*displaced);
+  velDeliver<NotifieeConst>(overrideTimerId, [](NotifieeConst& r) { r.onOverrideTimer(); });
+}
+
+Vel::Ptr<IO::MessageInfo> JoinPruneNeighborSm::txMessageInfoIs() {
+  return (pimPamManager_ ? pimPamManager_->notifier() : nullptr)->txMessageInfoIs();
+}
+
+// --- Life
+// ----------------------------------------------------------------------------------------------------------
+
+JoinPruneNeighborSm::JoinPruneNeighborSm(JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr,
+                                         Vel::Ptr<Neighbor const> const& neighbor,
+                                         Vel::Ptr<Intf const> const& intf,
+                                         Vel::Ptr<Packet::JoinPruneData> const& triggeredGroup,
+                                         Vel::Ptr<Packet::JoinPruneData> const& overrideGroup,
+                                         Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
+                                         Vel::Ptr<Zanth::TimerWheel> const& timerWheel,
+                                         Seconds const& overrideInterval,
+                                         Vel::Ptr<IO::PamManager> const& pimPamManager,
+                                         Vel::Ptr<Packet::JoinPruneMessage> const& txMessage)
+    : parentSm_(parentSm),
+      neighborAddr_(neighborAddr),
+      neighbor_(neighbor),
+      intf_(intf),
+      overrideInterval_(overrideInterval),
+      txMessage_(txMessage),
+      triggeredGroup_(reactorOn<VelTriggeredGroup>(triggeredGroup, this)),
+      overrideGroup_(reactorOn<VelOverrideGroup>(overrideGroup, this)),
+      periodicGroup_(reactorOn<VelPeriodicGroup>(periodicGroup, this)),
+      timerWheel_(reactorOn<VelTimerWheel>(timerWheel, this)),
+      pimPamManager_(reactorOn<VelPimPamManager>(pimPamManager, this)) {}
+
+Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
+    JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
+    Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
+    Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
+    Vel::Ptr<Zanth::TimerWheel> timerWheel, Seconds const& overrideInterval,
+    Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage) {
+  auto const sm = Vel::valid(Vel::create<JoinPruneNeighborSm>(
+      parentSm, neighborAddr, neighbor, intf, triggeredGroup, overrideGroup, periodicGroup, timerWheel,
+      overrideInterval, pimPamManager, txMessage));
+  sm->velStart();
+  return sm;
+}
+
+void JoinPruneNeighborSm::velStart() {
+  Hold const hold(this);
+  reconcile<Triggered>();
+  reconcile<Override>();
+  reconcile<Periodic>();
+  if (!hold.gone()) handleInitialized();
+}
+
+void JoinPruneNeighborSm::handleInitialized() {
+  JOIN_PRUNE_BLOCK_TIMER();
+  Hold const hold(this);
+  Vel::Ptr<Packet::JoinPruneData> const periodic = data<Periodic>();
+  if (periodic) periodic->periodicIs(true);
+  if (hold.gone()) return;
+  Vel::Ptr<Zanth::TimerWheel> const wheel = timerWheel_ ? timerWheel_->notifier() : nullptr;
+  triggeredTimerIs(wheel);
+  overrideTimerIs(wheel);
+  doUpdateTriggeredTimer();
+  doUpdateOverrideTimer();
+  if (hold.gone()) return;
+  joinPrunePeriodicTimerSmIs(wheel, this, loopQuantum_, periodic, intf_,
+                             pimPamManager_ ? pimPamManager_->notifier() : nullptr, txMessage_);
+  if (periodic) {
+    for (auto i = periodic->joinPruneGroupDataIterator(); i && !hold.gone(); ++i) {
+      // The (*,G) entry is counted here, so its reactor must not count it again when the record is replaced.
+      if (VelPeriodicGroupData* const reactor =
+              i->wcSourceData() ? periodicGroupData_.find(i.key()) : nullptr)
+        reactor->wcSourceSetIs(true);
+      numPeriodicRoutesInc(i->routes());
+    }
+  }
+  if (hold.gone()) return;
+  JOIN_PRUNE_TRACE(2, this, "(), total number of periodic joins and prunes is " << numPeriodicRoutes_);
+  initializedIs(true);
+}
+
+void JoinPruneNeighborSm::velRetire() {
+  if (!retire()) return;
+  auto const unhookAll = [](auto const&... reactors) { ((reactors ? unhook(*reactors) : void()), ...); };
+  for (auto i = triggeredGroupDataIterator(); i; ++i) unhook(*i);
+  for (auto i = overrideGroupDataIterator(); i; ++i) unhook(*i);
+  for (auto i = periodicGroupDataIterator(); i; ++i) unhook(*i);
+  unhookAll(triggeredGroup_, overrideGroup_, periodicGroup_, timerWheel_, pimPamManager_, triggeredTimer_,
+            overrideTimer_);
+  if (triggeredTimer_) triggeredTimer_->timeMinIs(Vel::never);
+  if (overrideTimer_) overrideTimer_->timeMinIs(Vel::never);
+  if (joinPrunePeriodicTimerSm_) joinPrunePeriodicTimerSm_->handleRetired();
+  parentSm_ = nullptr;
+}
+
+JoinPruneNeighborSm::~JoinPruneNeighborSm() { velRetire(); }
+
+void JoinPruneNeighborSm::doTeardown() { velRetire(); }
+
+void JoinPruneNeighborSm::velVisitReactors(ReactorVisitor const& visit) {
+  auto const visitAll = [&visit](auto const... reactors) { ((reactors ? visit(*reactors) : void()), ...); };
+  visitAll(triggeredGroup_, overrideGroup_, periodicGroup_, timerWheel_, pimPamManager_, triggeredTimer_,
+           overrideTimer_);
+  for (auto i = triggeredGroupDataIterator(); i; ++i) visit(*i);
+  for (auto i = overrideGroupDataIterator(); i; ++i) visit(*i);
+  for (auto i = periodicGroupDataIterator(); i; ++i) visit(*i);
+}
+
+void JoinPruneNeighborSm::hasNotificationActiveIs(bool active) {
+  Machine::hasNotificationActiveIs(active);
+  if (joinPrunePeriodicTimerSm_) joinPrunePeriodicTimerSm_->hasNotificationActiveIs(active);
+}
+
+void JoinPruneNeighborSm::velDoZombieReactors(bool zombie) {
+  Machine::velDoZombieReactors(zombie);
+  if (joinPrunePeriodicTimerSm_) joinPrunePeriodicTimerSm_->velDoZombieReactors(zombie);
+}
+
+Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPruneNeighborSm::joinPrunePeriodicTimerSmIs(
+    Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
+    Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
+    Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage) {
+  if (!joinPrunePeriodicTimerSm_) {
+    joinPrunePeriodicTimerSm_ = joinPrunePeriodicTimerSmFactory(
+        timerWheel, parentSm, loopQuantum, periodicGroup, intf, pimPamManager, txMessage);
+    joinPrunePeriodicTimerSm_->hasNotificationActiveIs(hasNotificationActive());
+    velDeliver<NotifieeConst>(joinPrunePeriodicTimerSmId,
+                              [](NotifieeConst& r) { r.onJoinPrunePeriodicTimerSm(); });
+  }
+  return joinPrunePeriodicTimerSm_;
+}
+
+void JoinPruneNeighborSm::joinPrunePeriodicTimerSmDel() {
+  auto const removed = std::exchange(joinPrunePeriodicTimerSm_, nullptr);
+  if (!removed) return;
+  removed->handleRetired();
+  velDeliver<NotifieeConst>(joinPrunePeriodicTimerSmId,
+                            [](NotifieeConst& r) { r.onJoinPrunePeriodicTimerSm(); });
+}
+
+// --- Groups
+// --------------------------------------------------------------------------------------------------------
+
+// Brings the group reactors into line with the data.
+template <class Channel>
+void JoinPruneNeighborSm::reconcile() {
+  Hold const hold(this);
+  Vel::Ptr<Packet::JoinPruneData> const groups = data<Channel>();
+  if (!groups) return;
+  for (auto i = groups->joinPruneGroupDataIterator(); i && !hold.gone(); ++i) groupDataIs<Channel>(i.ptr());
+  using Iterator =
+      Vel::EntityIterator<Dova::IpGenAddr, typename Channel::GroupReactor, typename Channel::GroupReactor>;
+  for (Iterator i(this, Channel::groupData(*this)); i && !hold.gone(); ++i)
+    if (!groups->joinPruneGroupData(i.key())) groupDataDel<Channel>(i.key());
+}
+
+template <class Channel>
+auto JoinPruneNeighborSm::groupDataIs(Vel::Ptr<GroupData> const& groupData) {
+  using Reactor = typename Channel::GroupReactor;
+  if (!groupData) Vel::throwNullParameter(Channel::parameter, Channel::mutator);
+  Vel::Ptr<Reactor> reactor(Channel::groupData(*this).find(groupData->group()));
+  if (reactor && reactor->notifier() == groupData) return reactor;
+  if (reactor) {
+    reactor->notifierIs(groupData);
+  } else {
+    reactor = Vel::create<Reactor>(groupData, this);
+    Channel::groupData(*this).insert(reactor);
+  }
+  reactor->hasNotificationActiveIs(hasNotificationActive());
+  Channel::notify(*this, groupData->group());
+  return reactor;
+}
+
+template <class Channel>
+auto JoinPruneNeighborSm::groupDataDel(Dova::IpGenAddr const& group) {
+  auto const removed = Channel::groupData(*this).remove(group);
+  if (removed) {
+    unhook(*removed);
+    Channel::notify(*this, removed->velKey());
+  }
+  return removed;
+}
+
+template <class Channel>
+void JoinPruneNeighborSm::groupDataDelAll() {
+  for (auto const& reactor : Channel::groupData(*this).elements())
+    if (Channel::groupData(*this).find(reactor->velKey()) == reactor.get())
+      groupDataDel<Channel>(reactor->velKey());
+}
+
+#define JOIN_PRUNE_GROUP_DATA(Channel, foo, Foo)                                                          \
+  Vel::Ptr<JoinPruneNeighborSm::Vel##Foo> JoinPruneNeighborSm::foo##Is(Vel::Ptr<GroupData> const& data) { \
+    return groupDataIs<Channel>(data);                                                                    \
+  }                                                                                                       \
+  Vel::Ptr<JoinPruneNeighborSm::Vel##Foo> JoinPruneNeighborSm::foo##Del(Dova::IpGenAddr const& group) {   \
+    return groupDataDel<Channel>(group);                                                                  \
+  }                                                                                                       \
+  Vel::Ptr<JoinPruneNeighborSm::Vel##Foo> JoinPruneNeighborSm::foo##Del(Foo##Iterator const& i) {         \
+    return groupDataDel<Channel>(i.key());                                                                \
+  }                                                                                                       \
+  void JoinPruneNeighborSm::foo##DelAll() { groupDataDelAll<Channel>(); }
+JOIN_PRUNE_GROUP_DATA(Triggered, triggeredGroupData, TriggeredGroupData)
+JOIN_PRUNE_GROUP_DATA(Override, overrideGroupData, OverrideGroupData)
+JOIN_PRUNE_GROUP_DATA(Periodic, periodicGroupData, PeriodicGroupData)
+#undef JOIN_PRUNE_GROUP_DATA
+
+template <class Channel>
+void JoinPruneNeighborSm::handleGroup(Dova::IpGenAddr const& group) {
+  static constexpr auto function = joined("handle", Channel::name, "Group");
+  static constexpr auto signature = joined("void Routing::Pim::JoinPruneNeighborSm::handle", Channel::name,
+                                           "Group(const Dova::IpGenAddr&)");
+  SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
+  Hold const hold(this);
+  JOIN_PRUNE_TRACE_AS(7, this, function.data(), '(' << group << ')');
+  Vel::Ptr<Packet::JoinPruneData> const groups = data<Channel>();
+  if (Vel::Ptr<GroupData> const found = groups ? groups->joinPruneGroupData(group) : nullptr) {
+    if (!found->empty()) doUpdateTimer<Channel>();
+    return;
+  }
+  JOIN_PRUNE_TRACE_AS(7, this, function.data(), '(' << group << "): Deleted");
+}
+
+void JoinPruneNeighborSm::handleTriggeredGroup(Dova::IpGenAddr const& group) {
+  handleGroup<Triggered>(group);
+}
+void JoinPruneNeighborSm::handleOverrideGroup(Dova::IpGenAddr const& group) { handleGroup<Override>(group); }
+
+void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
+  JOIN_PRUNE_BLOCK_TIMER();
+  Hold const hold(this);
+  JOIN_PRUNE_TRACE(7, this, '(' << group << ')');
+  Vel::Ptr<Packet::JoinPruneData> const groups = data<Periodic>();
+  if (Vel::Ptr<GroupData> const found = groups ? groups->joinPruneGroupData(group) : nullptr) {
+    if (!found->empty()) numPeriodicRoutesInc(found->routes());
+    return;
+  }
+  JOIN_PRUNE_TRACE(7, this, '(' << group << "): Deleted");
+  if (hold.gone() || (groups && groups->joinPruneGroupDataCount() != 0)) return;
+  if (numPeriodicRoutes_ != 0) {
+    // A group was removed before its sources: what this machine counts is no longer what there is.
+    JOIN_PRUNE_TRACE(1, this, '(' << group << "), Num routes: " << numPeriodicRoutes_);
+    VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
+  }
+  if (parentSm_) parentSm_->doMaybeDeleteNeighbor(neighborAddr_);
+}
+
+void JoinPruneNeighborSm::handlePeriodicGroup() {
+  JOIN_PRUNE_BLOCK_TIMER();
+  JOIN_PRUNE_TRACE(7, this, "()");
+}
+
+#define JOIN_PRUNE_FORWARD(Foo)                                                                          \
+  void JoinPruneNeighborSm::vel_handle##Foo##_joinPruneGroupData(Dova::IpGenAddr const&) {               \
+    handle##Foo(neighborAddr_);                                                                          \
+  }                                                                                                      \
+  void JoinPruneNeighborSm::vel_handle##Foo##_joinPruneGroupData(Vel::Ptr<GroupData> const& groupData) { \
+    vel_handle##Foo##_joinPruneGroupData(groupData->group());                                            \
+  }
+JOIN_PRUNE_FORWARD(TriggeredGroup)
+JOIN_PRUNE_FORWARD(OverrideGroup)
+JOIN_PRUNE_FORWARD(PeriodicGroup)
+#undef JOIN_PRUNE_FORWARD
+
+// --- The route count
+// -----------------------------------------------------------------------------------------------
+
+void JoinPruneNeighborSm::numPeriodicRoutesIs(U32 n) {
+  if (n == numPeriodicRoutes_) return;
+  Hold const hold(this);
+  numPeriodicRoutes_ = n;
+  vel_handleNumPeriodicRoutes();
+  velDeliver<NotifieeConst>(numPeriodicRoutesId, [](NotifieeConst& r) { r.onNumPeriodicRoutes(); });
+}
+
+U32 JoinPruneNeighborSm::numPeriodicRoutesInc(U32 n) {
+  U32 const value = numPeriodicRoutes_ + n;
+  numPeriodicRoutesIs(value);
+  return value;
+}
+
+void JoinPruneNeighborSm::vel_handleNumPeriodicRoutes() {
+  Hold const hold(this);
+  if (retired()) return;
+  if (Vel::Ptr<JoinPrunePeriodicTimerSm> const periodic = joinPrunePeriodicTimerSm_)
+    periodic->doUpdatePeriodicTimer();
+  if (!retired()) validateNumPeriodicRoutes();
+}
+
+void JoinPruneNeighborSm::validateNumPeriodicRoutes() {
+  JOIN_PRUNE_BLOCK_TIMER();
+  Hold const hold(this);
+  JOIN_PRUNE_TRACE(8, this, '(' << numPeriodicRoutes_ << ')');
+  if (!initialized_ || retired() || (parentSm_ && !parentSm_->diagUpJoinCount())) return;
+  U32 sum = 0;
+  if (Vel::Ptr<Packet::JoinPruneData> const groups = data<Periodic>())
+    for (auto i = groups->joinPruneGroupDataIterator(); i; ++i) sum += i->routes();
+  if (sum == numPeriodicRoutes_) return;
+  JOIN_PRUNE_TRACE(1, this, ", expected: " << sum << ", got: " << numPeriodicRoutes_);
+  VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
+}
+
+// --- Text
+// ----------------------------------------------------------------------------------------------------------
+
+std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm const* sm) {
+  if (!sm) return os << "null";
+  os << "JoinPruneNeighborSm(";
+  if (sm->intf()) os << sm->intf()->intfId();
+  return os << "::" << sm->neighborAddr() << ")::@" << static_cast<void const*>(sm) << "::";
+}
+
+namespace {
+
+template <class Reactor>
+std::ostream& writeGroupForm(std::ostream& os, Reactor const* reactor, char const* kind) {
+  if (!reactor) return os << "null";
+  Vel::Ptr<GroupData> const groupData = reactor->notifier();
+  return os << reactor->joinPruneNeighborSm() << kind << '('
+            << (groupData ? groupData->group() : Dova::IpGenAddr()) << ")::";
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm::VelTriggeredGroupData const* reactor) {
+  return writeGroupForm(os, reactor, "Triggered");
+}
+std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm::VelOverrideGroupData const* reactor) {
+  return writeGroupForm(os, reactor, "Override");
+}
+std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm::VelPeriodicGroupData const* reactor) {
+  return writeGroupForm(os, reactor, "Periodic");
+}
+
+Vel::AttributeTable const& JoinPruneNeighborSm::attributeTable() const {
+  using Self = JoinPruneNeighborSm;
+  static Vel::AttributeTable const table{VEL_ROW_FIXED(parentSm),
+                                         VEL_ROW_FIXED(neighborAddr),
+                                         VEL_ROW_FIXED(neighbor),
+                                         VEL_ROW_FIXED(intf),
+                                         VEL_ROW_FIXED(triggeredGroup),
+                                         VEL_ROW_FIXED(overrideGroup),
+                                         VEL_ROW_FIXED(periodicGroup),
+                                         VEL_ROW_FIXED(timerWheel),
+                                         VEL_ROW_FIXED(overrideInterval),
+                                         VEL_ROW_FIXED(pimPamManager),
+                                         VEL_ROW_FIXED(txMessage),
+                                         VEL_ROW_FIXED(triggeredTimer),
+                                         VEL_ROW_FIXED(overrideTimer),
+                                         VEL_ROW(loopQuantum),
+                                         VEL_ROW(triggeredInterval),
+                                         VEL_ROW_FIXED(joinPrunePeriodicTimerSm),
+                                         VEL_ROW_FIXED(triggeredGroupData),
+                                         VEL_ROW_FIXED(overrideGroupData),
+                                         VEL_ROW_FIXED(numPeriodicRoutes),
+                                         VEL_ROW_FIXED(periodicGroupData),
+                                         VEL_ROW(initialized)};
+  return table;
+}
+
+template class JoinPruneNeighborSm::ChannelTimer<JoinPruneNeighborSm::Triggered>;
+template class JoinPruneNeighborSm::ChannelTimer<JoinPruneNeighborSm::Override>;
+template class JoinPruneNeighborSm::ChannelGroup<JoinPruneNeighborSm::Triggered>;
+template class JoinPruneNeighborSm::ChannelGroup<JoinPruneNeighborSm::Override>;
+template class JoinPruneNeighborSm::ChannelGroup<JoinPruneNeighborSm::Periodic>;
+template class JoinPruneNeighborSm::ChannelGroupData<JoinPruneNeighborSm::Triggered>;
+template class JoinPruneNeighborSm::ChannelGroupData<JoinPruneNeighborSm::Override>;
+template class JoinPruneNeighborSm::ChannelGroupData<JoinPruneNeighborSm::Periodic>;
+
+}  // namespace Routing::Pim

@@ -1,0 +1,430 @@
+// Everything that is sent to one upstream target.
+#pragma once
+
+#include "pim/joinprune/JoinPrunePeriodicTimerSm.h"
+#include "pim/model/Neighbor.h"
+#include "pim/model/io/PamManager.h"
+#include "runtime/vel/Attribute.h"
+#include "runtime/vel/Machine.h"
+#include "runtime/zanth/TimerWheel.h"
+
+namespace Routing::Pim {
+
+class JoinPruneMessageSm;
+
+/// The transmit machine of one upstream target: a PIM neighbor, or an interface's own address.
+///
+/// It watches three sets of joins and prunes that others fill, group by group and source by source, and sends
+/// them in three ways:
+///
+///   triggered   what a route change calls for (RFC 7761, 4.5): `triggeredInterval` after the first change
+///   override    joins that override a prune seen on the LAN (RFC 7761, 4.5, t_override): after a random
+///   delay periodic    the standing state (RFC 7761, 4.5, t_periodic): every interval, by
+///   JoinPrunePeriodicTimerSm
+///
+/// Triggered and override entries leave their set as they are sent; their disappearance is what tells this
+/// machine that they went out. A group that is empty then is removed from its set, and with it the machine's
+/// reactor.
+///
+/// The message machine makes these machines, keeps them by address and retires them. A retired machine that
+/// somebody still holds does nothing any more.
+class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
+ public:
+  enum Attribute : Vel::AttributeId {
+    parentSmId = Vel::firstAttributeId,
+    neighborAddrId,
+    neighborId,
+    intfId,
+    triggeredGroupId,
+    overrideGroupId,
+    periodicGroupId,
+    timerWheelId,
+    overrideIntervalId,
+    pimPamManagerId,
+    txMessageId,
+    triggeredTimerId,
+    overrideTimerId,
+    loopQuantumId,
+    triggeredIntervalId,
+    joinPrunePeriodicTimerSmId,
+    triggeredGroupDataId,
+    overrideGroupDataId,
+    numPeriodicRoutesId,
+    periodicGroupDataId,
+    initializedId
+  };
+
+  class NotifieeConst : public Vel::ReactorOn<JoinPruneNeighborSm> {
+   public:
+    virtual void onTriggeredTimer() { handleNotification(triggeredTimerId); }
+    virtual void onOverrideTimer() { handleNotification(overrideTimerId); }
+    virtual void onLoopQuantum() { handleNotification(loopQuantumId); }
+    virtual void onTriggeredInterval() { handleNotification(triggeredIntervalId); }
+    virtual void onJoinPrunePeriodicTimerSm() { handleNotification(joinPrunePeriodicTimerSmId); }
+    virtual void onTriggeredGroupData(Dova::IpGenAddr) {}
+    virtual void onTriggeredGroupDatavelImmediate() {}
+    virtual void onTriggeredGroupData() { handleDefault("triggeredGroupData"); }
+    virtual void onOverrideGroupData(Dova::IpGenAddr) {}
+    virtual void onOverrideGroupDatavelImmediate() {}
+    virtual void onOverrideGroupData() { handleDefault("overrideGroupData"); }
+    virtual void onNumPeriodicRoutes() { handleNotification(numPeriodicRoutesId); }
+    virtual void onPeriodicGroupData(Dova::IpGenAddr) {}
+    virtual void onPeriodicGroupDatavelImmediate() {}
+    virtual void onPeriodicGroupData() { handleDefault("periodicGroupData"); }
+    virtual void onInitialized() { handleNotification(initializedId); }
+  };
+  using Notifiee = Vel::WritableReactor<NotifieeConst, JoinPruneNeighborSm>;
+
+  // --- Nested reactors
+  // -------------------------------------------------------------------------------------------
+
+  /// What the nested reactors have in common: the back pointer, null once the machine has let go.
+  template <class Base>
+  class Owned : public Base {
+   public:
+    JoinPruneNeighborSm* joinPruneNeighborSm() const { return joinPruneNeighborSm_; }
+    void joinPruneNeighborSmIs(JoinPruneNeighborSm* sm) { joinPruneNeighborSm_ = sm; }
+
+   protected:
+    explicit Owned(JoinPruneNeighborSm* sm) : joinPruneNeighborSm_(sm) {}
+
+   private:
+    JoinPruneNeighborSm* joinPruneNeighborSm_;
+  };
+
+  /// Holds the timer wheel.
+  class VEL_API VelTimerWheel final : public Owned<Zanth::TimerWheel::Notifiee> {
+   public:
+    VelTimerWheel(Vel::Ptr<Zanth::TimerWheel> const& wheel, JoinPruneNeighborSm* sm) : Owned(sm) {
+      notifierIs(wheel);
+    }
+  };
+
+  /// Holds the packet manager.
+  class VEL_API VelPimPamManager final : public Owned<IO::PamManager::Notifiee> {
+   public:
+    VelPimPamManager(Vel::Ptr<IO::PamManager> const& manager, JoinPruneNeighborSm* sm) : Owned(sm) {
+      notifierIs(manager);
+    }
+  };
+
+  // The three ways to send. The handlers of the channels are templates over these; what differs stands in the
+  // source file, in one place for each channel.
+  struct Triggered;
+  struct Override;
+  struct Periodic;
+
+  /// The timer of a channel that sends once.
+  template <class Channel>
+  class VEL_API ChannelTimer : public Owned<Zanth::TimerWheel::Notifiee> {
+   public:
+    ChannelTimer(Vel::Ptr<Zanth::TimerWheel> const& wheel, JoinPruneNeighborSm* sm);
+    void onTime() override;
+  };
+
+  /// Follows the groups of a data set. Adding a group makes a reactor for it, removing it removes the
+  /// reactor.
+  template <class Channel>
+  class VEL_API ChannelGroup : public Owned<Packet::JoinPruneData::Notifiee> {
+   public:
+    using Base = Owned<Packet::JoinPruneData::Notifiee>;
+    using Base::notifierIs;
+
+    ChannelGroup(Vel::Ptr<Packet::JoinPruneData> const& data, JoinPruneNeighborSm* sm);
+    void notifierIs(Vel::Ptr<Packet::JoinPruneData> const& data) override;
+    void onJoinPruneGroupData(Dova::IpGenAddr group) override;
+    void onJoinPruneGroupDatavelImmediate() override;
+  };
+
+  /// Follows the sources of one group. Made for a filled group it does nothing until the next change.
+  template <class Channel>
+  class VEL_API ChannelGroupData : public Owned<Packet::JoinPruneGroupData::Notifiee> {
+   public:
+    ChannelGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData, JoinPruneNeighborSm* sm);
+
+    /// The group under which the machine holds this.
+    Dova::IpGenAddr const& velKey() const { return group_; }
+
+    // Without a machine they do nothing.
+    void handleJoinedSource(Dova::IpGenAddr const& source);
+    void handlePrunedSource(Dova::IpGenAddr const& source);
+    void handleJoinedRptSource(Dova::IpGenAddr const& source);
+    void handlePrunedRptSource(Dova::IpGenAddr const& source);
+    void handleWcSource();
+
+    void onJoinedSource(Dova::IpGenAddr source) override { handleJoinedSource(source); }
+    void onPrunedSource(Dova::IpGenAddr source) override { handlePrunedSource(source); }
+    void onJoinedRptSource(Dova::IpGenAddr source) override { handleJoinedRptSource(source); }
+    void onPrunedRptSource(Dova::IpGenAddr source) override { handlePrunedRptSource(source); }
+    void onWcSourceData() override { handleWcSource(); }
+
+   private:
+    template <class Kind>
+    void handleSource(Dova::IpGenAddr const& source);
+    void retireGroup(char const* handler, bool traced);
+
+    Dova::IpGenAddr const group_;
+
+   protected:
+    bool wcSourceSet_ = false;  // periodic: the (*,G) entry is counted
+  };
+
+  class VEL_API VelTriggeredTimer final : public ChannelTimer<Triggered> {
+    using ChannelTimer::ChannelTimer;
+  };
+  class VEL_API VelOverrideTimer final : public ChannelTimer<Override> {
+    using ChannelTimer::ChannelTimer;
+  };
+  class VEL_API VelTriggeredGroup final : public ChannelGroup<Triggered> {
+    using ChannelGroup::ChannelGroup;
+  };
+  class VEL_API VelOverrideGroup final : public ChannelGroup<Override> {
+    using ChannelGroup::ChannelGroup;
+  };
+  class VEL_API VelPeriodicGroup final : public ChannelGroup<Periodic> {
+    using ChannelGroup::ChannelGroup;
+  };
+  class VEL_API VelTriggeredGroupData final : public ChannelGroupData<Triggered> {
+    using ChannelGroupData::ChannelGroupData;
+  };
+  class VEL_API VelOverrideGroupData final : public ChannelGroupData<Override> {
+    using ChannelGroupData::ChannelGroupData;
+  };
+  class VEL_API VelPeriodicGroupData final : public ChannelGroupData<Periodic> {
+   public:
+    using ChannelGroupData::ChannelGroupData;
+
+    /// True while the group's (*,G) entry is counted in `numPeriodicRoutes`.
+    bool wcSourceSet() const { return wcSourceSet_; }
+    void wcSourceSetIs(bool set) { wcSourceSet_ = set; }
+
+    // A collection as a whole may have changed: a trace, nothing else.
+    void handleJoinedSource();
+    void handlePrunedSource();
+    void handleJoinedRptSource();
+    void handlePrunedRptSource();
+    using ChannelGroupData::handleJoinedRptSource;
+    using ChannelGroupData::handleJoinedSource;
+    using ChannelGroupData::handlePrunedRptSource;
+    using ChannelGroupData::handlePrunedSource;
+
+    void onJoinedSourcevelImmediate() override { handleJoinedSource(); }
+    void onPrunedSourcevelImmediate() override { handlePrunedSource(); }
+    void onJoinedRptSourcevelImmediate() override { handleJoinedRptSource(); }
+    void onPrunedRptSourcevelImmediate() override { handlePrunedRptSource(); }
+  };
+
+  // --- Attributes fixed at construction
+  // --------------------------------------------------------------------------
+
+  /// The machine that owns this one; null without one and after this one was retired.
+  JoinPruneMessageSm* parentSm() const { return parentSm_; }
+  /// The target's address, the key.
+  Dova::IpGenAddr const& neighborAddr() const { return neighborAddr_; }
+  /// Null if the target is an interface's own address.
+  Vel::Ptr<Neighbor const> const& neighbor() const { return neighbor_; }
+  /// The interface towards the target.
+  Vel::Ptr<Intf const> const& intf() const { return intf_; }
+  /// The upper bound of the override delay, in seconds.
+  Seconds overrideInterval() const { return overrideInterval_; }
+  /// The message that is sent through; it carries the report.
+  Vel::Ptr<Packet::JoinPruneMessage> const& txMessage() const { return txMessage_; }
+
+  // Reactors on the other constructor arguments; null where the argument was.
+  Vel::Ptr<VelTriggeredGroup> const& triggeredGroup() const { return triggeredGroup_; }
+  Vel::Ptr<VelOverrideGroup> const& overrideGroup() const { return overrideGroup_; }
+  Vel::Ptr<VelPeriodicGroup> const& periodicGroup() const { return periodicGroup_; }
+  Vel::Ptr<VelTimerWheel> const& timerWheel() const { return timerWheel_; }
+  Vel::Ptr<VelPimPamManager> const& pimPamManager() const { return pimPamManager_; }
+
+  // --- Attributes that change
+  // ------------------------------------------------------------------------------------
+
+  /// The timers; null without a wheel.
+  Vel::Ptr<VelTriggeredTimer> triggeredTimer() const { return triggeredTimer_; }
+  Vel::Ptr<VelOverrideTimer> overrideTimer() const { return overrideTimer_; }
+
+  /// The machine of the periodic refresh.
+  Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSm() const { return joinPrunePeriodicTimerSm_; }
+
+  /// Longest time that one expiry may spend sending, in seconds. The periodic machine keeps the value that it
+  /// was made with.
+  VEL_VALUE(Seconds, loopQuantum, LoopQuantum)
+  = 0.1;
+
+  /// Delay from the first triggered change to its message, in seconds; takes effect when the timer is armed
+  /// next.
+  VEL_VALUE(Seconds, triggeredInterval, TriggeredInterval)
+  = 0.1;
+
+  /// The reactors of the groups, by group address.
+  VEL_ENTITIES_READ(Dova::IpGenAddr, VelTriggeredGroupData, triggeredGroupData, TriggeredGroupData);
+  VEL_ENTITIES_READ(Dova::IpGenAddr, VelOverrideGroupData, overrideGroupData, OverrideGroupData);
+  VEL_ENTITIES_READ(Dova::IpGenAddr, VelPeriodicGroupData, periodicGroupData, PeriodicGroupData);
+
+  /// True once `handleInitialized()` has run. While false, expiries do nothing.
+  VEL_VALUE(bool, initialized, Initialized)
+  = false;
+
+ public:
+  /// How many entries the periodic data has, as counted source by source, modulo 2^32.
+  U32 numPeriodicRoutes() const { return numPeriodicRoutes_; }
+  void numPeriodicRoutesIs(U32 n);
+  void numPeriodicRoutesIs(U32) const { Vel::throwConstInstance(); }
+  /// Both return the new value; below zero it wraps.
+  U32 numPeriodicRoutesInc(U32 n);
+  U32 numPeriodicRoutesInc(U32) const { Vel::throwConstInstance(); }
+  U32 numPeriodicRoutesDec(U32 n) { return numPeriodicRoutesInc(0u - n); }
+  U32 numPeriodicRoutesDec(U32) const { Vel::throwConstInstance(); }
+
+  /// Finds the group's reactor, points it at `groupData` if it watches another object, or makes it. Null
+  /// throws the invalid-argument exception "null _triggeredGroupData parameter to mutator for ...".
+  Vel::Ptr<VelTriggeredGroupData> triggeredGroupDataIs(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
+  Vel::Ptr<VelOverrideGroupData> overrideGroupDataIs(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
+  Vel::Ptr<VelPeriodicGroupData> periodicGroupDataIs(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
+  /// Unhooks and removes a group's reactor; the route count stays as it is. The removed reactor, or null.
+  Vel::Ptr<VelTriggeredGroupData> triggeredGroupDataDel(Dova::IpGenAddr const& group);
+  Vel::Ptr<VelTriggeredGroupData> triggeredGroupDataDel(TriggeredGroupDataIterator const& i);
+  void triggeredGroupDataDelAll();
+  Vel::Ptr<VelOverrideGroupData> overrideGroupDataDel(Dova::IpGenAddr const& group);
+  Vel::Ptr<VelOverrideGroupData> overrideGroupDataDel(OverrideGroupDataIterator const& i);
+  void overrideGroupDataDelAll();
+  Vel::Ptr<VelPeriodicGroupData> periodicGroupDataDel(Dova::IpGenAddr const& group);
+  Vel::Ptr<VelPeriodicGroupData> periodicGroupDataDel(PeriodicGroupDataIterator const& i);
+  void periodicGroupDataDelAll();
+
+  /// Make a channel's timer on a wheel; null removes it.
+  void triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  void overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+
+  /// Finds the periodic machine, or makes it.
+  Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmIs(
+      Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm,
+      Seconds const& loopQuantum, Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
+      Vel::Ptr<Intf const> const& intf, Vel::Ptr<IO::PamManager> const& pimPamManager,
+      Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
+  /// Retires and removes it.
+  void joinPrunePeriodicTimerSmDel();
+
+  /// The manager's transmit record, made if it is missing. Without a manager it throws "null ValidPtr". The
+  /// agent calls this before the first timer fires: the expiries never make the record.
+  Vel::Ptr<IO::MessageInfo> txMessageInfoIs();
+
+  // --- Reactions and steps
+  // ---------------------------------------------------------------------------------------
+
+  void handleInitialized() override;
+  void handleTriggeredGroup(Dova::IpGenAddr const& group);
+  void handleOverrideGroup(Dova::IpGenAddr const& group);
+  void handlePeriodicGroup(Dova::IpGenAddr const& group);
+  void handlePeriodicGroup();
+  void handleTriggeredTimerExpiry();
+  void handleOverrideTimerExpiry();
+  void doUpdateTriggeredTimer();
+  void doUpdateOverrideTimer();
+
+  // Kept: they pass on the neighbor's address, not the group's.
+  void vel_handleTriggeredGroup_joinPruneGroupData(Dova::IpGenAddr const& group);
+  void vel_handleTriggeredGroup_joinPruneGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
+  void vel_handleOverrideGroup_joinPruneGroupData(Dova::IpGenAddr const& group);
+  void vel_handleOverrideGroup_joinPruneGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
+  void vel_handlePeriodicGroup_joinPruneGroupData(Dova::IpGenAddr const& group);
+  void vel_handlePeriodicGroup_joinPruneGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
+
+  void vel_handleNumPeriodicRoutes();
+
+  /// Sums up the periodic data and stops the process if the count differs. Done after each change of the
+  /// count, but only when the parent's `diagUpJoinCount` is on or there is no parent: it costs a walk over
+  /// all groups.
+  void validateNumPeriodicRoutes();
+
+  void hasNotificationActiveIs(bool active) override;
+  void velDoZombieReactors(bool zombie) override;
+
+  Dova::IpGenAddr const& velKey() const { return neighborAddr_; }
+  Vel::AttributeTable const& attributeTable() const override;
+
+  /// Constructs only; `joinPruneNeighborSmFactory` is what makes a working machine.
+  JoinPruneNeighborSm(JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr,
+                      Vel::Ptr<Neighbor const> const& neighbor, Vel::Ptr<Intf const> const& intf,
+                      Vel::Ptr<Packet::JoinPruneData> const& triggeredGroup,
+                      Vel::Ptr<Packet::JoinPruneData> const& overrideGroup,
+                      Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
+                      Vel::Ptr<Zanth::TimerWheel> const& timerWheel, Seconds const& overrideInterval,
+                      Vel::Ptr<IO::PamManager> const& pimPamManager,
+                      Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
+
+  /// The second half of construction, apart because it calls out: a reactor for each group that is there,
+  /// then `handleInitialized()`. The owner has put the machine into its collection before, so that whoever is
+  /// called can find it, and take it away.
+  void velStart();
+
+  /// Lets go of everything that could call this machine: timers are disarmed, reactors lose their back
+  /// pointer, and the parent is forgotten. What the owner does when it removes the machine.
+  void velRetire();
+
+ protected:
+  ~JoinPruneNeighborSm() override;
+  void doTeardown() override;
+  void velVisitReactors(ReactorVisitor const& visit) override;
+
+ private:
+  template <class Channel>
+  Vel::Ptr<Packet::JoinPruneData> data() const;
+  template <class Channel>
+  void reconcile();
+  template <class Channel>
+  void forward(bool active);
+  template <class Channel>
+  auto groupDataIs(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
+  template <class Channel>
+  auto groupDataDel(Dova::IpGenAddr const& group);
+  template <class Channel>
+  void groupDataDelAll();
+  template <class Channel>
+  void handleGroup(Dova::IpGenAddr const& group);
+  template <class Channel>
+  void doUpdateTimer();
+  template <class Channel>
+  void handleTimerExpiry();
+  Seconds now() const;
+
+  JoinPruneMessageSm* parentSm_;
+  Dova::IpGenAddr const neighborAddr_;
+  Vel::Ptr<Neighbor const> const neighbor_;
+  Vel::Ptr<Intf const> const intf_;
+  Seconds const overrideInterval_;
+  Vel::Ptr<Packet::JoinPruneMessage> const txMessage_;
+  Vel::Ptr<VelTriggeredGroup> triggeredGroup_;
+  Vel::Ptr<VelOverrideGroup> overrideGroup_;
+  Vel::Ptr<VelPeriodicGroup> periodicGroup_;
+  Vel::Ptr<VelTimerWheel> timerWheel_;
+  Vel::Ptr<VelPimPamManager> pimPamManager_;
+  Vel::Ptr<VelTriggeredTimer> triggeredTimer_;
+  Vel::Ptr<VelOverrideTimer> overrideTimer_;
+  Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSm_;
+  U32 numPeriodicRoutes_ = 0;
+};
+
+/// Makes a working machine with a count of 1. Any pointer may be null: no data, nothing to do; no wheel, no
+/// timers; no manager, nothing sent. The parent is not counted.
+VEL_API Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
+    JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
+    Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
+    Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
+    Vel::Ptr<Zanth::TimerWheel> timerWheel, Seconds const& overrideInterval,
+    Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
+
+/// A delay for t_override: at least a tenth of the interval, below the whole of it, drawn from `drand48()`,
+/// which the agent seeds. Kept: values between 0.1 and 0.2 of it are twice as likely as any other band of
+/// that width.
+VEL_API Seconds randomDelay(Seconds interval);
+
+/// "JoinPruneNeighborSm(eth0::10.0.0.2)::@0x55d0c0de::"; "null" for null.
+VEL_API std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm const* sm);
+/// The machine's form, then "Triggered(239.1.1.1)::" and so on; the default address if it watches nothing.
+VEL_API std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm::VelTriggeredGroupData const* reactor);
+VEL_API std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm::VelOverrideGroupData const* reactor);
+VEL_API std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm::VelPeriodicGroupData const* reactor);
+
+}  // namespace Routing::Pim

@@ -1,0 +1,164 @@
+#include "pim/joinprune/JoinPrunePeriodicTimerSm.h"
+
+#include "pim/joinprune/JoinPruneNeighborSm.h"
+#include "pim/joinprune/JoinPruneTrace.h"
+#include "runtime/vel/Assert.h"
+
+namespace Routing::Pim {
+
+namespace {
+
+// Traces of this machine begin with its address.
+void const* subject(JoinPrunePeriodicTimerSm const* sm) { return sm; }
+
+}  // namespace
+
+Vel::Ptr<JoinPrunePeriodicTimerSm const> JoinPrunePeriodicTimerSm::NotifieeConst::notifier() const {
+  return Vel::dynamicCast<JoinPrunePeriodicTimerSm const>(PeriodicTimerSm::NotifieeConst::notifier());
+}
+
+JoinPrunePeriodicTimerSm::JoinPrunePeriodicTimerSm(Vel::Ptr<Zanth::TimerWheel> const& timerWheel,
+                                                   JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
+                                                   Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
+                                                   Vel::Ptr<Intf const> const& intf,
+                                                   Vel::Ptr<IO::PamManager> const& pimPamManager,
+                                                   Vel::Ptr<Packet::JoinPruneMessage> const& txMessage)
+    : PeriodicTimerSm(timerWheel),
+      parentSm_(parentSm),
+      loopQuantum_(loopQuantum),
+      periodicGroup_(periodicGroup),
+      intf_(intf),
+      pimPamManager_(pimPamManager),
+      txMessage_(txMessage) {}
+
+Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
+    Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
+    Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
+    Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage) {
+  auto const sm = Vel::valid(Vel::create<JoinPrunePeriodicTimerSm>(
+      timerWheel, parentSm, loopQuantum, periodicGroup, intf, pimPamManager, txMessage));
+  sm->handleInitialized();
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+
+void JoinPrunePeriodicTimerSm::handleInitialized() { initializedIs(true); }
+
+U32 JoinPrunePeriodicTimerSm::interval() const {
+  JOIN_PRUNE_BLOCK_TIMER();
+  JOIN_PRUNE_TRACE(8, subject(this), "()");
+  if (!intf_) {
+    JOIN_PRUNE_TRACE(1, subject(this), " null intf ");
+    VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
+  }
+  U32 const interval = intf_->joinPruneInterval();
+  VEL_ASSERT(JOIN_PRUNE_SOURCE, interval > 0);
+  return interval;
+}
+
+U32 JoinPrunePeriodicTimerSm::numberOfMessages() const {
+  JOIN_PRUNE_BLOCK_TIMER();
+  Vel::Ptr<JoinPruneNeighborSm> const parent = parentSm_;  // the trace may make it let go
+  JOIN_PRUNE_TRACE(8, subject(this), "()");
+  if (!parent) {
+    JOIN_PRUNE_TRACE(1, subject(this), "null parentSm ");
+    VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
+  }
+  return parent->numPeriodicRoutes();
+}
+
+U16 JoinPrunePeriodicTimerSm::holdTime() const {
+  JOIN_PRUNE_BLOCK_TIMER();
+  JOIN_PRUNE_TRACE(8, subject(this), "()");
+  if (!intf_) {
+    JOIN_PRUNE_TRACE(1, subject(this), " null intf ");
+    VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
+  }
+  return intf_->joinPruneHoldTime();
+}
+
+void JoinPrunePeriodicTimerSm::doResetHoldTime() {
+  JOIN_PRUNE_BLOCK_TIMER();
+  JOIN_PRUNE_TRACE(8, subject(this), "()");
+  if (intf_ && periodicGroup_) periodicGroup_->holdTimeIs(intf_->joinPruneHoldTime());
+}
+
+void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
+  JOIN_PRUNE_BLOCK_TIMER();
+  Hold const hold(this);
+  JOIN_PRUNE_TRACE(8, subject(this), "()");
+  if (!initialized_ || hold.gone()) return;
+
+  Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer();
+  Vel::Ptr<Zanth::TimerWheel> const wheel = timer ? timer->notifier() : nullptr;
+  auto const now = [&wheel] { return wheel ? wheel->now() : 0; };
+  Seconds const deadline = now() + loopQuantum_;
+  {
+    Sending const sending(*this);
+    Vel::Ptr<IO::MessageInfo> const info = pimPamManager_ ? pimPamManager_->txMessageInfo() : nullptr;
+    if (info) {
+      info->joinPruneMessageIs(txMessage_);
+      info->intfIdIs(intf_ ? intf_->intfId() : Dova::IntfId());
+    }
+    if (txMessage_) txMessage_->joinPruneDataIs(periodicGroup_);
+    if (hold.gone()) return;
+
+    while (routesDone() < routesLeftInSlice()) {
+      if (txMessage_) txMessage_->reportIs({});
+      if (info && !hold.gone()) info->countInc(1);
+      if (hold.gone()) return;
+      Packet::JoinPruneMessage::Report const report =
+          txMessage_ ? txMessage_->report() : Packet::JoinPruneMessage::Report();
+      bool const done = (report.sources == 0 && report.skipped() == 0) || now() >= deadline;
+      if (done) {
+        JOIN_PRUNE_TRACE(7, subject(this),
+                         "(): Suspending TX after " << routesDone() << " groups, " << report.sources
+                                                    << " sources, " << report.suppressedSources
+                                                    << " suppressed sources, " << report.filteredSources
+                                                    << " filtered sources");
+        break;
+      }
+      routesDoneInc(report.sources + report.skipped());
+    }
+  }
+  // Kept: a first step that meets the deadline, with nothing counted yet, ends the slice.
+  if (routesDone() == 0 || routesDone() >= routesLeftInSlice()) {
+    JOIN_PRUNE_TRACE(7, subject(this), "(): Finished TX");
+    if (!hold.gone()) doUpdatePeriodicTimer();
+  } else {
+    doReschedulePeriodicTimer();
+  }
+}
+
+void JoinPrunePeriodicTimerSm::handleRetired() {
+  retire();
+  parentSm_ = nullptr;
+  periodicTimerDel();
+}
+
+void JoinPrunePeriodicTimerSm::intervalIs(U32 interval) {
+  velValueIs<NotifieeConst>(interval_, interval, intervalId, [](NotifieeConst& r) { r.onInterval(); });
+}
+
+void JoinPrunePeriodicTimerSm::holdTimeIs(U16 holdTime) {
+  velValueIs<NotifieeConst>(holdTime_, holdTime, holdTimeId, [](NotifieeConst& r) { r.onHoldTime(); });
+}
+
+void JoinPrunePeriodicTimerSm::numberOfMessagesIs(U32 numberOfMessages) {
+  velValueIs<NotifieeConst>(numberOfMessages_, numberOfMessages, numberOfMessagesId,
+                            [](NotifieeConst& r) { r.onNumberOfMessages(); });
+}
+
+void JoinPrunePeriodicTimerSm::initializedIs(bool initialized) {
+  velValueIs<NotifieeConst>(initialized_, initialized, initializedId,
+                            [](NotifieeConst& r) { r.onInitialized(); });
+}
+
+Vel::AttributeTable const& JoinPrunePeriodicTimerSm::attributeTable() const {
+  using Self = JoinPrunePeriodicTimerSm;
+  static Vel::AttributeTable const table{VEL_ROW(interval), VEL_ROW(holdTime), VEL_ROW(numberOfMessages),
+                                         VEL_ROW(initialized)};
+  return table;
+}
+
+}  // namespace Routing::Pim

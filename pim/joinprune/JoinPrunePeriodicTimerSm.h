@@ -1,0 +1,103 @@
+// The periodic refresh towards one upstream target.
+#pragma once
+
+#include "pim/model/Intf.h"
+#include "pim/model/PeriodicTimerSm.h"
+#include "pim/model/io/PamManager.h"
+
+namespace Routing::Pim {
+
+class JoinPruneNeighborSm;
+
+/// Refreshes the periodic joins and prunes of one neighbor machine at the interface's Join/Prune interval
+/// (RFC 7761, 4.5.2: t_periodic). The pacing is the base's; this machine knows the interval, the routes and
+/// how to send.
+///
+/// The periodic data is not emptied by sending: the packet manager sends another part of it with each
+/// message, and the count of what it reports ends the slice.
+class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
+ public:
+  enum Attribute : Vel::AttributeId {
+    intervalId = PeriodicTimerSm::periodicParamsId + 1,
+    holdTimeId,
+    numberOfMessagesId,
+    initializedId
+  };
+
+  class NotifieeConst : public PeriodicTimerSm::NotifieeConst {
+   public:
+    Vel::Ptr<JoinPrunePeriodicTimerSm const> notifier() const;
+    virtual void onInterval() { handleNotification(intervalId); }
+    virtual void onHoldTime() { handleNotification(holdTimeId); }
+    virtual void onNumberOfMessages() { handleNotification(numberOfMessagesId); }
+    virtual void onInitialized() { handleNotification(initializedId); }
+  };
+
+  /// Constructs only; `joinPrunePeriodicTimerSmFactory` is what makes a working machine. The parent is not
+  /// counted.
+  JoinPrunePeriodicTimerSm(Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm,
+                           Seconds const& loopQuantum, Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
+                           Vel::Ptr<Intf const> const& intf, Vel::Ptr<IO::PamManager> const& pimPamManager,
+                           Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
+
+  /// The interface's Join/Prune interval, in seconds. Without an interface, and for an interval of 0, the
+  /// process stops: there is no way to pace what has no period.
+  U32 interval() const override;
+  /// The interface's hold time, in seconds. Without an interface the process stops.
+  U16 holdTime() const override;
+  /// The parent's route count. Without a parent the process stops.
+  U32 numberOfMessages() const override;
+  /// Writes the interface's hold time into the periodic data.
+  void doResetHoldTime() override;
+  /// Sends, message by message, until the slice is done or the loop quantum has passed.
+  void handlePeriodicTimerExpiry() override;
+  bool initialized() const override { return initialized_; }
+  void handleInitialized() override;
+
+  /// Cached values, for observers; nothing here reads them.
+  void intervalIs(U32 interval);
+  void intervalIs(U32) const { Vel::throwConstInstance(); }
+  void holdTimeIs(U16 holdTime);
+  void holdTimeIs(U16) const { Vel::throwConstInstance(); }
+  void numberOfMessagesIs(U32 numberOfMessages);
+  void numberOfMessagesIs(U32) const { Vel::throwConstInstance(); }
+  void initializedIs(bool initialized);
+  void initializedIs(bool) const { Vel::throwConstInstance(); }
+
+  /// The neighbor machine, or null once it has let go of this one.
+  JoinPruneNeighborSm* parentSm() const { return parentSm_; }
+  /// Longest time that one expiry may spend sending, in seconds.
+  Seconds loopQuantum() const { return loopQuantum_; }
+  Vel::Ptr<Packet::JoinPruneData> const& periodicGroup() const { return periodicGroup_; }
+  Vel::Ptr<Intf const> const& intf() const { return intf_; }
+  Vel::Ptr<IO::PamManager> const& pimPamManager() const { return pimPamManager_; }
+  Vel::Ptr<Packet::JoinPruneMessage> const& txMessage() const { return txMessage_; }
+
+  Vel::AttributeTable const& attributeTable() const override;
+
+ private:
+  friend class JoinPruneNeighborSm;
+
+  /// The parent lets go: the timer goes and nothing is sent any more.
+  void handleRetired();
+
+  U32 interval_ = 0;
+  U16 holdTime_ = 0;
+  U32 numberOfMessages_ = 0;
+  bool initialized_ = false;
+  JoinPruneNeighborSm* parentSm_;
+  Seconds const loopQuantum_;
+  Vel::Ptr<Packet::JoinPruneData> const periodicGroup_;
+  Vel::Ptr<Intf const> const intf_;
+  Vel::Ptr<IO::PamManager> const pimPamManager_;
+  Vel::Ptr<Packet::JoinPruneMessage> const txMessage_;
+};
+
+/// Makes a machine that is initialized, with a count of 1. Any pointer may be null; see the operations for
+/// what they then do.
+VEL_API Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
+    Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
+    Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
+    Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
+
+}  // namespace Routing::Pim

@@ -1,0 +1,32 @@
+// How the machines of this folder trace. Not part of the library's interface.
+#pragma once
+
+#include "runtime/scrivo/Scrivo.h"
+#include "runtime/vel/Trace.h"
+
+namespace Routing::Pim {
+
+/// The name that traces, ring messages and assertions give as their source.
+#define JOIN_PRUNE_SOURCE "JoinPruneSm"
+
+/// The library's trace handle.
+inline Vel::TraceHandle& joinPruneTrace() {
+  static Vel::TraceHandle& handle = Vel::TraceHandle::find("Pim::JoinPrune");
+  return handle;
+}
+
+/// A trace line: the subject's form, the function's name and the pieces, without separators.
+#define JOIN_PRUNE_TRACE_AS(level, subject, function, pieces)                     \
+  VEL_TRACE(::Routing::Pim::joinPruneTrace(), level, JOIN_PRUNE_SOURCE, function, \
+            (subject) << (function) << pieces)
+
+/// The same from a function that is known by its own name.
+#define JOIN_PRUNE_TRACE(level, subject, pieces) JOIN_PRUNE_TRACE_AS(level, subject, __func__, pieces)
+
+/// A line without a subject.
+#define JOIN_PRUNE_TRACE_BARE(level, pieces) \
+  VEL_TRACE(::Routing::Pim::joinPruneTrace(), level, JOIN_PRUNE_SOURCE, __func__, __func__ << pieces)
+
+#define JOIN_PRUNE_BLOCK_TIMER() SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, __PRETTY_FUNCTION__)
+
+}  // namespace Routing::Pim
