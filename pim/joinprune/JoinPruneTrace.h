@@ -27,6 +27,13 @@ inline Vel::TraceHandle& joinPruneTrace() {
 #define JOIN_PRUNE_TRACE_BARE(level, pieces) \
   VEL_TRACE(::Routing::Pim::joinPruneTrace(), level, JOIN_PRUNE_SOURCE, __func__, __func__ << pieces)
 
-#define JOIN_PRUNE_BLOCK_TIMER() SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, __PRETTY_FUNCTION__)
+/// A signature as it was declared in its class, without the "virtual" that some compilers put before it.
+constexpr char const* plainSignature(char const* pretty) {
+  std::string_view constexpr prefix = "virtual ";
+  return std::string_view(pretty).starts_with(prefix) ? pretty + prefix.size() : pretty;
+}
+
+#define JOIN_PRUNE_BLOCK_TIMER() \
+  SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, ::Routing::Pim::plainSignature(__PRETTY_FUNCTION__))
 
 }  // namespace Routing::Pim

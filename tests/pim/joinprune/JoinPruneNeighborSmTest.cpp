@@ -1,0 +1,581 @@
+#include "tests/pim/joinprune/World.h"
+
+namespace Routing::Pim {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr char const* N = "10.0.0.2";
+constexpr char const* G = "239.1.1.1";
+constexpr char const* S = "10.9.0.1";
+
+/// A machine of its own, without a parent unless a test makes one.
+class JoinPruneNeighborSmTest : public testing::Test, protected World {
+ protected:
+  JoinPruneNeighborSmTest() { eth0->usedAddressWithMaskIs(Dova::IpGenPrefix(addr("10.0.0.1"), 24)); }
+
+  Vel::Ptr<JoinPruneNeighborSm> make(JoinPruneMessageSm* parent = nullptr) {
+    neighborSm =
+        joinPruneNeighborSmFactory(parent, addr(N), nullptr, eth0, t, o, p, wheel, 2.5, manager, message);
+    return neighborSm;
+  }
+  /// One that belongs to a message machine, with its data in t, o, p.
+  Vel::Ptr<JoinPruneNeighborSm> makeOwned() {
+    pim->pimIntfIs(eth0);
+    neighbor(N, eth0);
+    start();
+    neighborSm = sm(N);
+    t = triggered(N);
+    o = override_(N);
+    p = periodic(N);
+    log.clear();
+    return neighborSm;
+  }
+  std::string form() const { return text(static_cast<JoinPruneNeighborSm const*>(neighborSm.get())); }
+  std::string line(int level, std::string const& rest) const {
+    return "[" + std::to_string(level) + "] " + form() + rest;
+  }
+
+  TraceLog log;
+  Vel::Ptr<Intf> eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
+  Vel::Ptr<Packet::JoinPruneData> t = Vel::create<Packet::JoinPruneData>(addr(N));
+  Vel::Ptr<Packet::JoinPruneData> o = Vel::create<Packet::JoinPruneData>(addr(N));
+  Vel::Ptr<Packet::JoinPruneData> p = Vel::create<Packet::JoinPruneData>(addr(N));
+  Vel::Ptr<Packet::JoinPruneMessage> message = Vel::create<Packet::JoinPruneMessage>();
+  Vel::Ptr<JoinPruneNeighborSm> neighborSm;
+};
+
+TEST_F(JoinPruneNeighborSmTest, WithEmptyDataItIsInitializedWithNothingCountedAndNothingArmed) {
+  make();
+  EXPECT_TRUE(neighborSm->initialized());
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 0u);
+  EXPECT_EQ(neighborSm->triggeredTimer()->timeMin(), Vel::never);
+  EXPECT_EQ(neighborSm->overrideTimer()->timeMin(), Vel::never);
+  EXPECT_EQ(neighborSm->loopQuantum(), 0.1);
+  EXPECT_EQ(neighborSm->triggeredInterval(), 0.1);
+  EXPECT_EQ(neighborSm->references(), 1u);
+  EXPECT_TRUE(p->periodic());
+  EXPECT_THAT(log.take(),
+              ElementsAre(line(7, "doUpdateTriggeredTimer(): Disarming timer"),
+                          line(7, "doUpdateOverrideTimer(): Disarming timer"),
+                          line(2, "handleInitialized(), total number of periodic joins and prunes is 0")));
+}
+
+TEST_F(JoinPruneNeighborSmTest, ItsTextFormNamesInterfaceAddressAndObject) {
+  make();
+  std::ostringstream pointer;
+  pointer << static_cast<void const*>(neighborSm.get());
+  EXPECT_EQ(form(), "JoinPruneNeighborSm(eth0::10.0.0.2)::@" + pointer.str() + "::");
+  EXPECT_EQ(pointer.str().substr(0, 2), "0x");
+}
+
+TEST_F(JoinPruneNeighborSmTest, WithoutAnInterfaceOrAnythingElseItCanStillBePrinted) {
+  neighborSm = joinPruneNeighborSmFactory(nullptr, addr(N), {}, {}, {}, {}, {}, {}, 0.0, {}, {});
+  EXPECT_THAT(form(), testing::StartsWith("JoinPruneNeighborSm(::10.0.0.2)::@0x"));
+  EXPECT_EQ(text(static_cast<JoinPruneNeighborSm const*>(nullptr)), "null");
+  EXPECT_EQ(text(static_cast<JoinPruneNeighborSm::VelTriggeredGroupData const*>(nullptr)), "null");
+  neighborSm->handleTriggeredTimerExpiry();
+  neighborSm->handleOverrideTimerExpiry();
+  neighborSm->handlePeriodicGroup(addr(G));
+  EXPECT_THROW(neighborSm->txMessageInfoIs(), Vel::RangeException);
+}
+
+TEST_F(JoinPruneNeighborSmTest, FilledDataGetsAReactorForEachGroupAndIsCountedOnce) {
+  group(t, "239.1.1.1");
+  group(t, "239.1.1.2");
+  group(o, "239.1.1.1");
+  group(o, "239.1.1.2");
+  group(o, "239.1.1.3");
+  auto const g = group(p, G);
+  g->joinedSourceIs(addr("10.9.0.1"));
+  g->joinedSourceIs(addr("10.9.0.2"));
+  g->prunedSourceIs(addr("10.9.0.3"));
+  g->joinedRptSourceIs(addr("10.9.0.4"));
+  g->prunedRptSourceIs(addr("10.9.0.5"));
+  g->wcSourceDataIs(wildcard("10.5.0.1"));
+  make();
+  EXPECT_EQ(neighborSm->triggeredGroupDataCount(), 2u);
+  EXPECT_EQ(neighborSm->overrideGroupDataCount(), 3u);
+  EXPECT_EQ(neighborSm->periodicGroupDataCount(), 1u);
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 6u);
+  EXPECT_TRUE(neighborSm->periodicGroupData(addr(G))->wcSourceSet());
+}
+
+TEST_F(JoinPruneNeighborSmTest, TriggeredDataThatIsThereAtTheStartIsSentSoon) {
+  group(t, G)->joinedSourceIs(addr(S));
+  group(o, G)->joinedSourceIs(addr(S));
+  srand48(7);
+  make();
+  EXPECT_EQ(neighborSm->triggeredTimer()->timeMin(), time + 0.1);
+  srand48(7);
+  EXPECT_EQ(neighborSm->overrideTimer()->timeMin(), time + randomDelay(2.5));
+}
+
+TEST_F(JoinPruneNeighborSmTest, TheStartUpCountIsNotValidatedWhileItIsPartial) {
+  group(p, "239.1.1.1")->joinedSourceIs(addr(S));
+  group(p, "239.1.1.2")->joinedSourceIs(addr(S));
+  make();  // without a parent every complete count is validated
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 2u);
+  EXPECT_THAT(log.takeWith("[8] " + form()),
+              ElementsAre(line(8, "validateNumPeriodicRoutes(1)"), line(8, "validateNumPeriodicRoutes(2)")));
+}
+
+TEST_F(JoinPruneNeighborSmTest, AGroupThatComesGetsAReactorAndIsTracedUnderTheNeighborsAddress) {
+  makeOwned();
+  struct Row {
+    Vel::Ptr<Packet::JoinPruneData> data;
+    char const* handler;
+    std::function<U32()> count;
+  };
+  Row const rows[] = {{t, "handleTriggeredGroup", [&] { return neighborSm->triggeredGroupDataCount(); }},
+                      {o, "handleOverrideGroup", [&] { return neighborSm->overrideGroupDataCount(); }}};
+  for (Row const& row : rows) {
+    std::string const handler = row.handler;
+    group(row.data, G);
+    EXPECT_EQ(row.count(), 1u);
+    EXPECT_THAT(log.take(),
+                ElementsAre(line(7, handler + "(10.0.0.2)"), line(7, handler + "(10.0.0.2): Deleted")));
+    row.data->joinPruneGroupDataDel(addr(G));
+    EXPECT_EQ(row.count(), 0u);
+    EXPECT_THAT(log.take(),
+                ElementsAre(line(7, handler + "(10.0.0.2)"), line(7, handler + "(10.0.0.2): Deleted")));
+  }
+}
+
+TEST_F(JoinPruneNeighborSmTest, APeriodicGroupDoesNotAskTheParentWhileThereAreGroups) {
+  makeOwned();
+  group(p, "239.1.1.1");
+  group(p, "239.1.1.2");
+  EXPECT_EQ(neighborSm->periodicGroupDataCount(), 2u);
+  p->joinPruneGroupDataDel(addr("239.1.1.1"));
+  EXPECT_THAT(log.takeWith("doMaybeDeleteNeighbor"), IsEmpty());
+  p->joinPruneGroupDataDel(addr("239.1.1.2"));
+  EXPECT_THAT(log.take(), ElementsAre(line(7, "handlePeriodicGroup(10.0.0.2)"),
+                                      line(7, "handlePeriodicGroup(10.0.0.2): Deleted"),
+                                      "[8] JoinPruneMessageSm::doMaybeDeleteNeighbor(10.0.0.2)"));
+}
+
+TEST_F(JoinPruneNeighborSmTest, ARemovedGroupsReactorHasNoMachineAnyMore) {
+  make();
+  group(t, G);
+  auto const reactor = neighborSm->triggeredGroupData(addr(G));
+  t->joinPruneGroupDataDel(addr(G));
+  EXPECT_EQ(reactor->joinPruneNeighborSm(), nullptr);
+  EXPECT_FALSE(neighborSm->triggeredGroupData(addr(G)));
+  log.clear();
+  reactor->handleJoinedSource(addr(S));
+  reactor->handleWcSource();
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+using JoinPruneNeighborSmDeathTest = JoinPruneNeighborSmTest;
+TEST_F(JoinPruneNeighborSmDeathTest, RemovingTheLastGroupWhileItIsFilledStopsTheProcess) {
+  makeOwned();
+  Vel::traceSinkIs({});  // the death test reads standard error
+  group(p, G)->joinedSourceIs(addr(S));
+  EXPECT_DEATH(
+      p->joinPruneGroupDataDel(addr(G)),
+      "handlePeriodicGroup\\(10.0.0.2\\), Num routes: 1(.|\n)*JoinPruneSm:.*handlePeriodicGroup.*Assertion "
+      "`false' failed");
+}
+
+TEST_F(JoinPruneNeighborSmTest, WithoutAParentTheLastGroupGoesWithoutAsking) {
+  make();
+  group(p, G);
+  p->joinPruneGroupDataDel(addr(G));
+  EXPECT_THAT(log.takeWith("doMaybe"), IsEmpty());
+}
+
+TEST_F(JoinPruneNeighborSmTest, TheRouteCountWrapsBelowZeroAndRunsItsHandler) {
+  makeOwned();
+  EXPECT_EQ(neighborSm->numPeriodicRoutesDec(1), 4294967295u);
+  EXPECT_THAT(log.take(), Contains(line(8, "validateNumPeriodicRoutes(4294967295)")));
+  EXPECT_EQ(neighborSm->numPeriodicRoutesInc(1), 0u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, TheCurrentRouteCountAgainDoesNothing) {
+  makeOwned();
+  neighborSm->numPeriodicRoutesIs(0);
+  neighborSm->numPeriodicRoutesInc(0);
+  neighborSm->numPeriodicRoutesDec(0);
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(neighborSm->numPeriodicRoutesInc(2), 2u);
+  EXPECT_THAT(log.take(), Not(IsEmpty()));
+}
+
+TEST_F(JoinPruneNeighborSmTest, WithTheDiagnosticOffAWrongCountIsOnlyTraced) {
+  makeOwned();
+  neighborSm->numPeriodicRoutesIs(2);
+  EXPECT_THAT(log.takeWith("validate"), ElementsAre(line(8, "validateNumPeriodicRoutes(2)")));
+}
+
+TEST_F(JoinPruneNeighborSmDeathTest, WithTheDiagnosticOnAWrongCountStopsTheProcess) {
+  makeOwned();
+  machine->diagUpJoinCountIs(true);
+  group(p, G)->joinedSourceIs(addr(S));
+  Vel::traceSinkIs({});
+  EXPECT_DEATH(neighborSm->numPeriodicRoutesIs(2),
+               "validateNumPeriodicRoutes, expected: 1, got: 2(.|\n)*Assertion `false' failed");
+}
+
+TEST_F(JoinPruneNeighborSmDeathTest, WithoutAParentAWrongCountStopsTheProcessToo) {
+  make();
+  Vel::traceSinkIs({});
+  EXPECT_DEATH(neighborSm->joinPrunePeriodicTimerSmDel();
+               neighborSm->numPeriodicRoutesIs(2), "expected: 0, got: 2(.|\n)*Assertion `false' failed");
+}
+
+TEST_F(JoinPruneNeighborSmTest, NullGroupDataIsRefusedByEachMutator) {
+  make();
+  struct Row {
+    char const* name;
+    std::function<void()> set;
+  };
+  Row const rows[] = {{"triggeredGroupData", [&] { neighborSm->triggeredGroupDataIs(nullptr); }},
+                      {"overrideGroupData", [&] { neighborSm->overrideGroupDataIs(nullptr); }},
+                      {"periodicGroupData", [&] { neighborSm->periodicGroupDataIs(nullptr); }}};
+  for (Row const& row : rows) {
+    try {
+      row.set();
+      ADD_FAILURE() << row.name;
+    } catch (Vel::InvalidArgumentException const& error) {
+      EXPECT_EQ(error.what(), std::string("null _") + row.name +
+                                  " parameter to mutator for Routing::Pim::JoinPruneNeighborSm::" + row.name +
+                                  " not allowed\"");
+    }
+  }
+  EXPECT_EQ(neighborSm->triggeredGroupDataCount(), 0u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, TheSameGroupDataAgainKeepsItsReactorAndAnotherObjectIsWatchedInstead) {
+  make();
+  auto const first = group(t, G);
+  auto const reactor = neighborSm->triggeredGroupData(addr(G));
+  EXPECT_TRUE(neighborSm->triggeredGroupDataIs(first) == reactor);
+  auto const second = Vel::create<Packet::JoinPruneGroupData>(addr(G));
+  EXPECT_TRUE(neighborSm->triggeredGroupDataIs(second) == reactor);
+  log.clear();
+  first->joinedSourceIs(addr(S));
+  EXPECT_THAT(log.take(), IsEmpty());
+  second->joinedSourceIs(addr(S));
+  EXPECT_THAT(log.take(), Not(IsEmpty()));
+}
+
+TEST_F(JoinPruneNeighborSmTest, AWholeCollectionNotificationBringsTheReactorsIntoLine) {
+  make();
+  group(t, "239.1.1.1");
+  group(p, "239.1.1.1");
+  neighborSm->triggeredGroup()->hasNotificationActiveIs(false);
+  neighborSm->periodicGroup()->hasNotificationActiveIs(false);
+  for (auto const& data : {t, p}) {
+    group(data, "239.1.1.2");
+    data->joinPruneGroupDataDel(addr("239.1.1.1"));
+  }
+  neighborSm->triggeredGroup()->hasNotificationActiveIs(true);
+  neighborSm->periodicGroup()->hasNotificationActiveIs(true);
+  log.clear();
+  t->joinPruneGroupDataNotifyImmediate();
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(neighborSm->attribute("triggeredGroupData"), "239.1.1.2");
+  p->joinPruneGroupDataNotifyImmediate();
+  EXPECT_THAT(log.take(), ElementsAre(line(7, "handlePeriodicGroup()")));
+  EXPECT_EQ(neighborSm->attribute("periodicGroupData"), "239.1.1.2");
+}
+
+TEST_F(JoinPruneNeighborSmTest, AGroupReactorPointedAtOtherDataFollowsItsGroups) {
+  make();
+  group(t, "239.1.1.1");
+  auto const other = Vel::create<Packet::JoinPruneData>(addr(N));
+  group(other, "239.1.1.2");
+  neighborSm->triggeredGroup()->notifierIs(other);
+  EXPECT_EQ(neighborSm->attribute("triggeredGroupData"), "239.1.1.2");
+  log.clear();
+  neighborSm->triggeredGroup()->notifierIs(other);
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(JoinPruneNeighborSmTest, AReactorWithoutAnOwnerDoesNothingAndOneWithoutANotifierStillForwards) {
+  make();
+  auto const reactor = neighborSm->triggeredGroup();
+  reactor->notifierIs(nullptr);
+  log.clear();
+  reactor->onJoinPruneGroupData(addr(G));
+  EXPECT_THAT(log.take(), ElementsAre(line(7, "handleTriggeredGroup(10.0.0.2)"),
+                                      line(7, "handleTriggeredGroup(10.0.0.2): Deleted")));
+  reactor->joinPruneNeighborSmIs(nullptr);
+  reactor->onJoinPruneGroupData(addr(G));
+  reactor->onJoinPruneGroupDatavelImmediate();
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(JoinPruneNeighborSmTest, AFilledGroupThatComesLaterCountsNothingAndArmsNothing) {
+  make();
+  auto const source = Vel::create<Packet::JoinPruneData>(addr(N));
+  group(source, G)->joinedSourceIs(addr(S));
+  auto const filled = source->joinPruneGroupData(addr(G));
+  neighborSm->periodicGroupDataIs(filled);
+  neighborSm->triggeredGroupDataIs(filled);
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 0u);
+  EXPECT_EQ(neighborSm->triggeredTimer()->timeMin(), Vel::never);
+}
+
+TEST_F(JoinPruneNeighborSmTest, DeletingAReactorLeavesTheRouteCountAlone) {
+  makeOwned();
+  group(p, G)->joinedSourceIs(addr(S));
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  neighborSm->periodicGroupDataDel(addr(G));
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  EXPECT_EQ(neighborSm->periodicGroupDataCount(), 0u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, AfterItsDestructionChangesReachNobodyAndNoTimerIsLeft) {
+  group(t, G)->joinedSourceIs(addr(S));
+  group(o, G)->joinedSourceIs(addr(S));
+  group(p, G)->joinedSourceIs(addr(S));
+  make();
+  EXPECT_EQ(wheel->armedCount(), 3u);
+  neighborSm = nullptr;
+  EXPECT_EQ(wheel->armedCount(), 0u);
+  log.clear();
+  for (auto const& data : {t, o, p}) {
+    data->joinPruneGroupData(addr(G))->joinedSourceDel(addr(S));
+    data->joinPruneGroupDataDel(addr(G));
+  }
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(wheel->references(), 1u);
+  EXPECT_EQ(t->references(), 1u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, SwitchedOffItsReactorsIgnoreEverythingThoseOfLaterGroupsIncluded) {
+  makeOwned();
+  auto const g = group(t, "239.1.1.1");
+  log.clear();
+  neighborSm->hasNotificationActiveIs(false);
+  g->joinedSourceIs(addr(S));
+  group(t, "239.1.1.2");
+  EXPECT_THAT(log.take(), IsEmpty());
+  auto const later = Vel::create<Packet::JoinPruneGroupData>(addr("239.1.1.3"));
+  auto const reactor = neighborSm->triggeredGroupDataIs(later);
+  EXPECT_FALSE(reactor->hasNotificationActive());
+  neighborSm->hasNotificationActiveIs(true);
+  g->joinedSourceIs(addr("10.9.0.2"));
+  later->joinedSourceIs(addr(S));
+  EXPECT_EQ(log.takeWith("Triggered(").size(), 2u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, QuantumAndIntervalAreSetByName) {
+  make();
+  neighborSm->attributeIs("loopQuantum", "0.25");
+  neighborSm->attributeIs("triggeredInterval", "2");
+  EXPECT_EQ(neighborSm->loopQuantum(), 0.25);
+  EXPECT_EQ(neighborSm->attribute("triggeredInterval"), "2");
+  EXPECT_THROW(neighborSm->attributeIs("numPeriodicRoutes", "2"), Vel::RangeException);
+}
+
+// --- Source by source
+// ----------------------------------------------------------------------------------------------
+
+// The five kinds of entries: what the handlers are called after, and how one is added and removed.
+struct Kind {
+  char const* name;
+  bool join;
+  std::function<void(Packet::JoinPruneGroupData&)> add, del;
+};
+Kind const sourceKinds[] = {{"JoinedSource", true, [](auto& g) { g.joinedSourceIs(addr(S)); },
+                             [](auto& g) { g.joinedSourceDel(addr(S)); }},
+                            {"PrunedSource", false, [](auto& g) { g.prunedSourceIs(addr(S)); },
+                             [](auto& g) { g.prunedSourceDel(addr(S)); }},
+                            {"JoinedRptSource", true, [](auto& g) { g.joinedRptSourceIs(addr(S)); },
+                             [](auto& g) { g.joinedRptSourceDel(addr(S)); }},
+                            {"PrunedRptSource", false, [](auto& g) { g.prunedRptSourceIs(addr(S)); },
+                             [](auto& g) { g.prunedRptSourceDel(addr(S)); }}};
+
+class SourceTest : public JoinPruneNeighborSmTest {
+ protected:
+  std::string groupLine(char const* prefix, std::string const& rest) const {
+    return line(7, std::string(prefix) + "(239.1.1.1)::" + rest);
+  }
+};
+
+TEST_F(SourceTest, ATriggeredOrOverrideSourceArmsItsTimerAndIsTracedAsSentWhenItGoes) {
+  makeOwned();
+  for (bool const isOverride : {false, true}) {
+    char const* const kindOf = isOverride ? "Override" : "Triggered";
+    auto const& data = isOverride ? o : t;
+    for (Kind const& kind : sourceKinds) {
+      SCOPED_TRACE(std::string(kindOf) + kind.name);
+      auto const g = group(data, G);
+      std::string const handler = std::string("handle") + kind.name;
+      log.clear();
+      kind.add(*g);
+      EXPECT_THAT(log.take(),
+                  ElementsAre(groupLine(kindOf, handler + "(10.9.0.1)"),
+                              testing::StartsWith(line(7, std::string("doUpdate") + kindOf + "Timer(): "))));
+      kind.del(*g);
+      Lines expected = {groupLine(kindOf, handler + "(10.9.0.1)"),
+                        groupLine(kindOf, handler + "(10.9.0.1), Sent")};
+      if (isOverride || !kind.join)
+        expected.push_back(groupLine(kindOf, handler + "(): Finished group 239.1.1.1"));
+      expected.push_back(line(7, std::string("handle") + kindOf + "Group(10.0.0.2)"));
+      expected.push_back(line(7, std::string("handle") + kindOf + "Group(10.0.0.2): Deleted"));
+      EXPECT_EQ(log.take(), expected);
+      EXPECT_FALSE(data->joinPruneGroupData(addr(G)));
+      EXPECT_EQ(neighborSm->triggeredGroupDataCount() + neighborSm->overrideGroupDataCount(), 0u);
+    }
+  }
+}
+
+TEST_F(SourceTest, TheFirstOfTwoPrunesLeavesTheGroupWhereItIs) {
+  makeOwned();
+  auto const g = group(t, G);
+  g->prunedSourceIs(addr(S));
+  g->prunedSourceIs(addr("10.9.0.2"));
+  log.clear();
+  g->prunedSourceDel(addr(S));
+  EXPECT_THAT(log.take(), ElementsAre(groupLine("Triggered", "handlePrunedSource(10.9.0.1)"),
+                                      groupLine("Triggered", "handlePrunedSource(10.9.0.1), Sent")));
+  EXPECT_TRUE(t->joinPruneGroupData(addr(G)));
+}
+
+TEST_F(SourceTest, AWildcardEntryArmsTheTimerWithoutALineOfItsOwnAndIsTracedAsSentWhenItGoes) {
+  makeOwned();
+  for (bool const isOverride : {false, true}) {
+    char const* const kindOf = isOverride ? "Override" : "Triggered";
+    auto const& data = isOverride ? o : t;
+    auto const g = group(data, G);
+    log.clear();
+    g->wcSourceDataIs(wildcard("10.5.0.1"));
+    EXPECT_THAT(
+        log.takeWith(kindOf),
+        ElementsAre(testing::StartsWith(line(7, std::string("doUpdate") + kindOf + "Timer(): Arming"))));
+    g->wcSourceDataDel();
+    EXPECT_THAT(log.take(),
+                ElementsAre(groupLine(kindOf, "handleWcSource(*,G), Sent"),
+                            groupLine(kindOf, "handleWcSource(): Finished group 239.1.1.1"),
+                            line(7, std::string("handle") + kindOf + "Group(10.0.0.2)"),
+                            line(7, std::string("handle") + kindOf + "Group(10.0.0.2): Deleted")));
+  }
+}
+
+TEST_F(SourceTest, APeriodicSourceMovesTheCountByOneAndIsTracedWithTheMachinesTotal) {
+  makeOwned();
+  group(p, "239.1.1.2")->joinedSourceIs(addr(S));
+  for (Kind const& kind : sourceKinds) {
+    SCOPED_TRACE(kind.name);
+    auto const g = group(p, G);
+    std::string const handler = std::string("handle") + kind.name;
+    log.clear();
+    kind.add(*g);
+    EXPECT_EQ(neighborSm->numPeriodicRoutes(), 2u);
+    EXPECT_EQ(log.takeWith("Periodic("),
+              Lines{groupLine("Periodic", handler + "(10.9.0.1), added, sources: 2")});
+    kind.del(*g);
+    EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+    Lines lines = log.take();
+    std::erase_if(lines,
+                  [](std::string const& l) { return l.find("[8] 0x") == 0; });  // the periodic machine's
+    EXPECT_THAT(lines, ElementsAre(groupLine("Periodic", handler + "(10.9.0.1), Deleted"),
+                                   line(8, "validateNumPeriodicRoutes(1)"),
+                                   groupLine("Periodic", handler + "(): Deleted group 239.1.1.1"),
+                                   line(7, "handlePeriodicGroup(10.0.0.2)"),
+                                   line(7, "handlePeriodicGroup(10.0.0.2): Deleted")));
+  }
+}
+
+TEST_F(SourceTest, APeriodicWildcardIsCountedOnceHoweverOftenItsRecordIsReplaced) {
+  makeOwned();
+  auto const g = group(p, G);
+  log.clear();
+  g->wcSourceDataIs(wildcard("10.5.0.1"));
+  g->wcSourceDataIs(wildcard("10.5.0.2"));
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  EXPECT_TRUE(neighborSm->periodicGroupData(addr(G))->wcSourceSet());
+  EXPECT_THAT(log.takeWith("Periodic("),
+              ElementsAre(groupLine("Periodic", "handleWcSource(10.5.0.1), added, sources: 1")));
+  g->joinedSourceIs(addr(S));
+  log.clear();
+  g->wcSourceDataDel();
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  EXPECT_FALSE(neighborSm->periodicGroupData(addr(G))->wcSourceSet());
+  EXPECT_THAT(log.takeWith("Periodic("), ElementsAre(groupLine("Periodic", "handleWcSource(*,G), Deleted")));
+}
+
+TEST_F(SourceTest, AWildcardThatWasThereAtTheStartIsNotCountedAgainWhenItsRecordIsReplaced) {
+  group(p, G)->wcSourceDataIs(wildcard("10.5.0.1"));
+  make();  // without a parent, so that each count is validated
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  auto const g = p->joinPruneGroupData(addr(G));
+  g->wcSourceDataIs(wildcard("10.5.0.2"));
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  g->wcSourceDataDel();
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 0u);
+  EXPECT_EQ(p->joinPruneGroupDataCount(), 0u);
+}
+
+TEST_F(SourceTest, AWholeCollectionNotificationOfAPeriodicGroupIsOnlyTraced) {
+  makeOwned();
+  auto const g = group(p, G);
+  g->joinedSourceIs(addr(S));
+  auto const pending = group(t, G);
+  log.clear();
+  for (auto const& data : {g, pending}) {
+    data->joinedSourceNotifyImmediate();
+    data->prunedSourceNotifyImmediate();
+    data->joinedRptSourceNotifyImmediate();
+    data->prunedRptSourceNotifyImmediate();
+  }
+  EXPECT_THAT(log.take(), ElementsAre(groupLine("Periodic", "handleJoinedSource()"),
+                                      groupLine("Periodic", "handlePrunedSource()"),
+                                      groupLine("Periodic", "handleJoinedRptSource()"),
+                                      groupLine("Periodic", "handlePrunedRptSource()")));
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+}
+
+TEST_F(SourceTest, AReactorThatWatchesNothingPrintsTheDefaultAddress) {
+  make();
+  group(t, G);
+  auto const reactor = neighborSm->triggeredGroupData(addr(G));
+  using Data = JoinPruneNeighborSm::VelTriggeredGroupData const*;
+  EXPECT_EQ(text(static_cast<Data>(reactor.get())), form() + "Triggered(239.1.1.1)::");
+  reactor->notifierIs(nullptr);
+  EXPECT_EQ(text(static_cast<Data>(reactor.get())), form() + "Triggered(unknown)::");
+  reactor->joinPruneNeighborSmIs(nullptr);
+  EXPECT_EQ(text(static_cast<Data>(reactor.get())), "nullTriggered(unknown)::");
+}
+
+TEST_F(SourceTest, AWholeDrainEndsAVanishedNeighborsMachineExactlyOnce) {
+  pim->pimIntfIs(eth0);
+  neighbor(N, eth0);
+  start();
+  auto const data = periodic(N);
+  for (U32 g = 0; g < 1000; ++g)
+    for (U32 s = 0; s < 10; ++s)
+      data->joinPruneGroupDataIs(Dova::IpGenAddr::ipv4(0xef010000u + g))
+          ->joinedSourceIs(Dova::IpGenAddr::ipv4(0x0a090000u + s));
+  EXPECT_EQ(sm(N)->numPeriodicRoutes(), 10000u);
+  pim->pimNeighborDel(addr(N));
+  log.clear();
+  log.levels({2, 8});
+  for (auto g = data->joinPruneGroupDataIterator(); g; ++g)
+    for (auto s = g->joinedSourceIterator(); s; ++s) g->joinedSourceDel(s);
+  EXPECT_THAT(log.takeWith("doMaybeDeleteNeighbor"),
+              ElementsAre("[8] JoinPruneMessageSm::doMaybeDeleteNeighbor(10.0.0.2)",
+                          "[2] JoinPruneMessageSm::doMaybeDeleteNeighbor(10.0.0.2), deleting neighbor"));
+  EXPECT_FALSE(sm(N));
+}
+
+TEST_F(SourceTest, DrainingOneNeighborDoesNotTouchAnother) {
+  makeOwned();
+  neighbor("10.0.0.3", eth0);
+  group(p, G)->joinedSourceIs(addr(S));
+  group(periodic("10.0.0.3"), G)->joinedSourceIs(addr(S));
+  p->joinPruneGroupData(addr(G))->joinedSourceDel(addr(S));
+  EXPECT_EQ(sm("10.0.0.3")->numPeriodicRoutes(), 1u);
+  EXPECT_EQ(periodic("10.0.0.3")->joinPruneGroupDataCount(), 1u);
+}
+
+}  // namespace
+}  // namespace Routing::Pim

@@ -1,0 +1,353 @@
+#include "tests/pim/joinprune/World.h"
+
+namespace Routing::Pim {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using Report = Packet::JoinPruneMessage::Report;
+
+constexpr char const* N = "10.0.0.2";
+
+class JoinPrunePeriodicTimerSmTest : public testing::Test, protected World {
+ protected:
+  JoinPrunePeriodicTimerSmTest() {
+    neighbor(N, eth0);
+    start();
+    periodicSm = sm(N)->joinPrunePeriodicTimerSm();
+    log.clear();
+  }
+  static Dova::IpGenAddr source(U32 i) { return Dova::IpGenAddr::ipv4(0x0a090000u + i); }
+  void addRoutes(U32 count) {
+    auto const g = group(periodic(N), "239.1.1.1");
+    for (U32 i = 1; i <= count; ++i) g->joinedSourceIs(source(i));
+  }
+  void delRoutes(U32 from, U32 to) {
+    auto const g = group(periodic(N), "239.1.1.1");
+    for (U32 i = from; i <= to; ++i) g->joinedSourceDel(source(i));
+  }
+  Seconds timeMin() const { return periodicSm->periodicTimer()->timeMin(); }
+  void fire() {
+    time = timeMin();
+    wheel->expire();
+  }
+  std::string line(int level, std::string const& rest) const {
+    std::ostringstream os;
+    os << "[" << level << "] " << static_cast<void const*>(periodicSm.get()) << rest;
+    return os.str();
+  }
+
+  Vel::Ptr<Intf> eth0 = intf("eth0", "10.0.0.1/24");
+  TraceLog log;
+  Vel::Ptr<JoinPrunePeriodicTimerSm> periodicSm;
+};
+
+TEST_F(JoinPrunePeriodicTimerSmTest, TheFirstRouteArmsTheTimerAndFurtherOnesDoNotMoveIt) {
+  Seconds const start = time;
+  addRoutes(1);
+  EXPECT_EQ(timeMin(), start + 60);
+  for (int i = 0; i < 1000; ++i) {
+    time = start + 59.0 * i / 1000;
+    auto const g = group(periodic(N), "239.1.1.2");
+    g->joinedSourceIs(source(1));
+    g->joinedSourceDel(source(1));
+  }
+  EXPECT_EQ(timeMin(), start + 60);
+  runUntil(start + 60);
+  EXPECT_GT(manager->messages, 0u);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AnExpiryWritesTheInterfacesHoldTimeBeforeTheFirstMessage) {
+  addRoutes(1);
+  manager->perMessage = 1;
+  eth0->joinPruneHoldTimeIs(105);
+  fire();
+  EXPECT_THAT(manager->sent, ElementsAre("eth0 to 10.0.0.2: (10.9.0.1,239.1.1.1) join, hold 105"));
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ASliceTakesAsManyMessagesAsItsRoutesNeed) {
+  addRoutes(10);
+  manager->perMessage = 4;
+  log.clear();
+  fire();
+  EXPECT_EQ(manager->messages, 3u);
+  Lines const lines = log.take();
+  EXPECT_THAT(lines, Contains(line(7, "handlePeriodicTimerExpiry(): Finished TX")));
+  EXPECT_EQ(timeMin(), time + 60);
+  EXPECT_EQ(periodicSm->periodicParams(), (PeriodicTimerSm::PeriodicParams{60, 10}));
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AnExpiryIsTracedStepByStep) {
+  addRoutes(1);
+  log.clear();
+  fire();
+  EXPECT_THAT(log.take(), ElementsAre(line(8, "doResetHoldTime()"), line(8, "handlePeriodicTimerExpiry()"),
+                                      line(7, "handlePeriodicTimerExpiry(): Finished TX"),
+                                      line(8, "interval()"), line(8, "numberOfMessages()")));
+  periodicSm->holdTime();
+  EXPECT_THAT(log.take(), ElementsAre(line(8, "holdTime()")));
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, WithoutRoutesAnExpirySendsNothingAndTheTimerStaysIdle) {
+  addRoutes(1);
+  delRoutes(1, 1);
+  log.clear();
+  fire();
+  EXPECT_EQ(manager->messages, 0u);
+  EXPECT_THAT(log.take(), Contains(line(7, "handlePeriodicTimerExpiry(): Finished TX")));
+  EXPECT_EQ(timeMin(), Vel::never);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AFirstStepWithoutProgressIsTracedAndEndsTheSlice) {
+  addRoutes(5);
+  manager->instead = [](Report&) { return true; };
+  log.clear();
+  fire();
+  EXPECT_THAT(
+      log.takeWith("TX"),
+      ElementsAre(line(7,
+                       "handlePeriodicTimerExpiry(): Suspending TX after 0 groups, 0 sources, 0 suppressed "
+                       "sources, 0 filtered sources"),
+                  line(7, "handlePeriodicTimerExpiry(): Finished TX")));
+  EXPECT_EQ(timeMin(), time + 60);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ASpentQuantumIsTracedWithTheStepsBeforeItAndTheSliceGoesOnSoon) {
+  addRoutes(100);
+  manager->instead = [&](Report& report) {
+    report = {4, 3, 2};
+    if (manager->messages == 3) time += 0.1;
+    return true;
+  };
+  log.clear();
+  fire();
+  EXPECT_EQ(manager->messages, 3u);
+  EXPECT_THAT(
+      log.takeWith("TX"),
+      ElementsAre(line(7,
+                       "handlePeriodicTimerExpiry(): Suspending TX after 18 groups, 4 sources, 3 suppressed "
+                       "sources, 2 filtered sources")));
+  EXPECT_DOUBLE_EQ(timeMin(), time + 0.1);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, SuppressedSourcesCountAsProgress) {
+  addRoutes(10);
+  manager->instead = [](Report& report) {
+    report = {0, 5, 0};
+    return true;
+  };
+  fire();
+  EXPECT_EQ(manager->messages, 2u);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ASliceThatIsCutShortEndsAfterItsRoutesAndThenWaitsForTheInterval) {
+  addRoutes(100);
+  Seconds const first = timeMin();
+  manager->perMessage = 10;
+  manager->after = [&](PacketManager& m) {
+    if (m.messages % 2 == 0)
+      time += 0.1;  // one message counts in each quantum, the second meets the deadline
+  };
+  while (manager->messages == 0 || timeMin() < first + 59) fire();
+  EXPECT_EQ(timeMin(), first + 60);
+  // Ten messages of ten routes were counted; as many again met a deadline and were not.
+  EXPECT_LE(manager->messages, 20u);
+  EXPECT_GE(manager->messages, 10u);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ChangesBetweenThePartsOfASliceNeitherRestartNorPostponeIt) {
+  addRoutes(100);
+  Seconds const first = timeMin();
+  manager->perMessage = 30;
+  manager->after = [&](PacketManager& m) {
+    if (m.messages == 2) time += 0.1;
+  };
+  fire();  // 30 routes counted
+  Seconds const next = timeMin();
+  EXPECT_DOUBLE_EQ(next, time + 0.1);
+  time += 0.05;
+  auto const g = group(periodic(N), "239.1.1.2");
+  for (U32 i = 1; i <= 50; ++i) g->joinedSourceIs(source(i));
+  EXPECT_EQ(timeMin(), next);
+  EXPECT_EQ(periodicSm->periodicParams().routes, 150u);
+  fire();  // the other 70, not 150
+  EXPECT_EQ(manager->messages, 2u + 3u);
+  EXPECT_EQ(timeMin(), first + 60);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ARouteThatChangesInsideASendArmsNothing) {
+  addRoutes(10);
+  manager->before = [&](PacketManager&) {
+    group(periodic(N), "239.1.1.2")->joinedSourceIs(source(1));
+    EXPECT_EQ(timeMin(), Vel::never);
+  };
+  fire();
+  EXPECT_EQ(timeMin(), time + 60);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ManyRoutesAreSpreadOverTheInterval) {
+  log.levels({});
+  Seconds const begin = time;
+  addRoutes(3000);
+  EXPECT_EQ(periodicSm->periodicParams(), (PeriodicTimerSm::PeriodicParams{20, 1000}));
+  // The timer was armed when there was one route; from then on a slice every 20 s.
+  std::vector<std::pair<Seconds, std::size_t>> slices;
+  manager->after = [&](PacketManager& m) { slices.emplace_back(time - begin, m.sent.size()); };
+  runUntil(begin + 110);
+  EXPECT_THAT(slices,
+              ElementsAre(testing::Pair(60, 1000), testing::Pair(80, 2000), testing::Pair(100, 3000)));
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, EveryRouteIsRefreshedInEachIntervalAndTheDataIsNotEmptied) {
+  log.levels({});
+  addRoutes(10);
+  manager->perMessage = 4;
+  runUntil(time + 125);
+  std::map<std::string, int> seen;
+  for (auto const& sent : manager->sent) ++seen[sent];
+  EXPECT_EQ(seen.size(), 10u);
+  for (auto const& [sent, count] : seen) EXPECT_GE(count, 2) << sent;
+  EXPECT_EQ(periodic(N)->joinPruneGroupData(addr("239.1.1.1"))->joinedSourceCount(), 10u);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AChangeOfTheIntervalAppliesToTheNextArming) {
+  addRoutes(1);
+  Seconds const first = timeMin();
+  eth0->joinPruneIntervalIs(30);
+  EXPECT_EQ(timeMin(), first);
+  fire();
+  EXPECT_EQ(timeMin(), first + 30);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AnExpiryBeforeInitializationTouchesNoTimer) {
+  addRoutes(1);
+  periodicSm->initializedIs(false);
+  log.clear();
+  fire();
+  EXPECT_EQ(manager->messages, 0u);
+  EXPECT_EQ(timeMin(), Vel::never);
+  EXPECT_THAT(log.take(), ElementsAre(line(8, "doResetHoldTime()"), line(8, "handlePeriodicTimerExpiry()")));
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AManagerMayTakeTheWorldDownFromInsideTheRefresh) {
+  struct Row {
+    char const* name;
+    std::function<void(World&)> act;
+    U32 messages;
+  };
+  Row const rows[] = {
+      {"machine", [](World& w) { w.machine = nullptr; }, 1},
+      {"neighbor machine", [](World& w) { w.machine->joinPruneNeighborSmDel(addr(N)); }, 1},
+      {"drained neighbor",
+       [](World& w) {
+         w.pim->pimNeighborDel(addr(N));
+         w.periodic(N)->joinPruneGroupData(addr("239.1.1.1"))->joinedSourceDelAll();
+       },
+       1},
+      {"drained data",
+       [](World& w) { w.periodic(N)->joinPruneGroupData(addr("239.1.1.1"))->joinedSourceDelAll(); }, 1},
+      {"status",
+       [](World& w) {
+         w.pim = nullptr;
+         w.status = nullptr;
+         w.machine = nullptr;
+         w.wheel = nullptr;
+       },
+       1}};
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.name);
+    World w;
+    w.neighbor(N, w.intf("eth0", "10.0.0.1/24"));
+    w.start();
+    for (U32 i = 1; i <= 10; ++i) group(w.periodic(N), "239.1.1.1")->joinedSourceIs(source(i));
+    w.manager->perMessage = 2;
+    auto const wheelHeld = w.wheel;
+    bool once = false;
+    w.manager->before = [&](PacketManager&) {
+      if (!std::exchange(once, true)) row.act(w);
+    };
+    w.time += 60;
+    wheelHeld->expire();
+    EXPECT_EQ(w.manager->messages, row.messages);
+    w.manager->before = nullptr;
+    w.manager->stop();
+  }
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ItsFactoryTakesFourReferencesAndItsEndGivesThemBack) {
+  auto const data = Vel::create<Packet::JoinPruneData>(addr(N));
+  auto const message = Vel::create<Packet::JoinPruneMessage>();
+  U32 const intfBefore = eth0->references(), managerBefore = manager->references(),
+            wheelBefore = wheel->references();
+  auto made = joinPrunePeriodicTimerSmFactory(wheel, nullptr, 0.1, data, eth0, manager, message);
+  EXPECT_TRUE(made->initialized());
+  EXPECT_TRUE(made->hasNotificationActive());
+  EXPECT_EQ(made->references(), 1u);
+  EXPECT_EQ(data->references(), 2u);
+  EXPECT_EQ(message->references(), 2u);
+  EXPECT_EQ(eth0->references(), intfBefore + 1);
+  EXPECT_EQ(manager->references(), managerBefore + 1);
+  EXPECT_EQ(wheel->references(), wheelBefore + 1);
+  made = nullptr;
+  EXPECT_EQ(data->references(), 1u);
+  EXPECT_EQ(message->references(), 1u);
+  EXPECT_EQ(eth0->references(), intfBefore);
+  EXPECT_EQ(manager->references(), managerBefore);
+  EXPECT_EQ(wheel->references(), wheelBefore);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ItsCachedValuesCanBeSetAndWatchedAndAreNotWhatItComputes) {
+  class Watcher final : public JoinPrunePeriodicTimerSm::NotifieeConst {
+   public:
+    void onInterval() override { ++calls; }
+    void onHoldTime() override { ++calls; }
+    void onNumberOfMessages() override { ++calls; }
+    int calls = 0;
+  };
+  class BaseWatcher final : public PeriodicTimerSm::NotifieeConst {
+   public:
+    void onPeriodicParams() override { ++calls; }
+    int calls = 0;
+  };
+  auto const watcher = Vel::create<Watcher>();
+  watcher->notifierIs(periodicSm);
+  auto const baseWatcher = Vel::create<BaseWatcher>();
+  baseWatcher->notifierIs(periodicSm);
+  periodicSm->intervalIs(7);
+  periodicSm->intervalIs(7);
+  periodicSm->holdTimeIs(8);
+  periodicSm->numberOfMessagesIs(9);
+  EXPECT_EQ(watcher->calls, 3);
+  EXPECT_EQ(baseWatcher->calls, 0);
+  EXPECT_EQ(periodicSm->interval(), 60u);
+  EXPECT_EQ(periodicSm->attribute("interval"), "7");
+  periodicSm->periodicParamsIs({1, 2});
+  EXPECT_EQ(baseWatcher->calls, 1);
+  EXPECT_TRUE(watcher->notifier() == periodicSm.get());
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ParametersPrintAsIntervalAndRoutes) {
+  PeriodicTimerSm::PeriodicParams const params{60, 12};
+  EXPECT_EQ(text(&params), "Interval: 60, Routes/Interval: 12");
+}
+
+using JoinPrunePeriodicTimerSmDeathTest = JoinPrunePeriodicTimerSmTest;
+TEST_F(JoinPrunePeriodicTimerSmDeathTest, WhatHasNoPeriodCannotBePaced) {
+  Vel::traceSinkIs({});
+  auto const make = [&](Vel::Ptr<Intf const> on) {
+    return joinPrunePeriodicTimerSmFactory(wheel, nullptr, 0.1, nullptr, on, nullptr, nullptr);
+  };
+  EXPECT_DEATH(make(nullptr)->interval(),
+               "\\[1\\] 0x[0-9a-f]+interval null intf \n.*Assertion `false' failed");
+  EXPECT_DEATH(make(nullptr)->holdTime(),
+               "\\[1\\] 0x[0-9a-f]+holdTime null intf \n.*Assertion `false' failed");
+  EXPECT_DEATH(make(eth0)->numberOfMessages(),
+               "\\[1\\] 0x[0-9a-f]+numberOfMessagesnull parentSm \n.*Assertion `false' failed");
+  eth0->joinPruneIntervalIs(0);
+  EXPECT_DEATH(make(eth0)->interval(), "Assertion `interval > 0' failed");
+}
+
+}  // namespace
+}  // namespace Routing::Pim
