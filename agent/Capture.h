@@ -1,0 +1,75 @@
+// Captured frames in files: pcap and pcapng to read, pcap to write.
+//
+//     Capture capture("lan.pcap");
+//     Frame frame;
+//     while (capture.next(frame)) show(frame.number, frame.time, frame.bytes);
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include "agent/Datagram.h"
+#include "runtime/vel/Types.h"
+
+struct pcap;
+struct pcap_dumper;
+
+namespace Routing::Pim::Agent {
+
+using Vel::U64;
+
+/// A file that cannot be read or written. `what()` is one line that names the file and what is wrong with it.
+class CaptureError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct Frame {
+  U64 number = 0;             ///< In the file, from 1.
+  Vel::Seconds time = 0;      ///< Since the file's first frame; negative if the clock was set back.
+  std::span<U8 const> bytes;  ///< What the capture kept. Valid until the next frame is read.
+  LinkType link = LinkType::ethernet;
+};
+
+/// Reads a file frame by frame. All interfaces of a pcapng file are read as one.
+class Capture {
+ public:
+  /// Throws CaptureError if the file is missing, empty, no capture, or of a link type that nobody here can
+  /// take apart.
+  explicit Capture(std::string const& path);
+  ~Capture();
+
+  /// False after the last frame. Throws CaptureError if the file is damaged there; what came before was good.
+  bool next(Frame& frame);
+
+ private:
+  std::string path_;
+  std::unique_ptr<pcap, void (*)(pcap*)> pcap_;
+  LinkType link_ = LinkType::ethernet;
+  U64 number_ = 0;
+  long long firstSeconds_ = 0, firstNanoseconds_ = 0;
+};
+
+/// Writes an Ethernet capture with time stamps in microseconds.
+class CaptureWriter {
+ public:
+  /// Throws CaptureError if the file cannot be made.
+  explicit CaptureWriter(std::string const& path);
+  ~CaptureWriter();
+
+  /// The time is in microseconds since 1970; not before.
+  void frameAdd(U64 microseconds, std::span<U8 const> bytes);
+
+  /// Brings everything to the file. Throws CaptureError if that fails; without this call nobody would know.
+  void close();
+
+ private:
+  std::string path_;
+  std::unique_ptr<pcap, void (*)(pcap*)> pcap_;
+  std::unique_ptr<pcap_dumper, void (*)(pcap_dumper*)> dumper_;
+};
+
+}  // namespace Routing::Pim::Agent

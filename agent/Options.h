@@ -1,0 +1,54 @@
+// What the command line of `jpagent replay` says, in the domain's types. Texts that do not parse throw
+// OptionError with one line that quotes them.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "runtime/dova/IpGenPrefix.h"
+
+namespace Routing::Pim::Agent {
+
+using Dova::IpGenAddr;
+using Dova::IpGenPrefix;
+using Vel::U32;
+
+class OptionError : public std::invalid_argument {
+ public:
+  using std::invalid_argument::invalid_argument;
+};
+
+/// Prefixes of groups, each with its RP; the longest one that has a group decides for it.
+class RpTable {
+ public:
+  /// From "239.0.0.0/8=10.0.0.1". The prefix must have groups, the RP must be of its family and unicast, and
+  /// no prefix may come twice.
+  void add(std::string_view text);
+
+  /// The RP of a group, or `otherwise` if no prefix has it.
+  IpGenAddr rp(IpGenAddr const& group, IpGenAddr const& otherwise) const;
+
+ private:
+  struct Row {
+    IpGenPrefix groups;
+    IpGenAddr rp;
+  };
+  std::vector<Row> rows_;
+};
+
+/// From "239.0.0.0/8", or a group alone.
+IpGenPrefix groupPrefixFromText(std::string_view text);
+
+/// Trace levels, each from 1 to 30: "1,2,7", "1-8", "1-2,7".
+std::vector<U32> traceLevelsFromText(std::string_view text);
+
+struct ReplayOptions {
+  RpTable rps;
+  std::vector<IpGenPrefix> denied;
+  std::vector<U32> traceLevels;
+  std::string scrivoFile;  ///< Empty for none.
+};
+
+}  // namespace Routing::Pim::Agent

@@ -1,0 +1,143 @@
+// The wire form of PIM version 2 Join/Prune messages (RFC 7761, 4.9).
+//
+// Bytes are looked at through a Cursor; what comes out is a WireMessage, which can only be valid, or the
+// reason why there is none. The same value goes back onto the wire, and nothing is lost on the way:
+//
+//     WireMessage message(upstreamNeighbor, 210);
+//     message.groupAdd(IpGenAddr("239.1.1.1"));
+//     message.joinAdd(SourceKind::wildcard, rp);
+//     message.pruneAdd(SourceKind::sourceRpt, IpGenAddr("10.9.0.1"));
+//     std::vector<U8> bytes = encodeJoinPrune(message, ownAddress, allPimRouters(AddressFamily::ipv4));
+//
+//     auto decoded = decodeJoinPrune(bytes, ownAddress, allPimRouters(AddressFamily::ipv4));
+//     if (auto* again = std::get_if<WireMessage>(&decoded)) assert(*again == message);
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "agent/Refusal.h"
+#include "runtime/dova/IpGenAddr.h"
+
+namespace Routing::Pim::Agent {
+
+using Dova::AddressFamily;
+using Dova::IpGenAddr;
+using Vel::U16;
+using Vel::U32;
+using Vel::U64;
+using Vel::U8;
+
+/// The IP protocol number of PIM.
+inline constexpr U8 pimProtocol = 103;
+
+/// The message types that a router next door tells itself by (RFC 7761, 4.9).
+enum class PimType : U8 { hello = 0, joinPrune = 3 };
+
+/// 224.0.0.13 or ff02::d. REQUIRES: a known family.
+IpGenAddr allPimRouters(AddressFamily family);
+
+bool isMulticast(IpGenAddr const& address);
+
+/// What a source in a Join/Prune means: (S,G), (*,G) with the RP as its address, or (S,G,rpt).
+enum class SourceKind : U8 { source, wildcard, sourceRpt };
+
+/// "(S,G)", "(*,G)", "(S,G,rpt)", in the order of the enumeration.
+inline constexpr std::array<std::string_view, 3> sourceKindNames = {"(S,G)", "(*,G)", "(S,G,rpt)"};
+constexpr std::string_view text(SourceKind kind) { return sourceKindNames[static_cast<std::size_t>(kind)]; }
+
+/// The S, W and R bits of each kind (RFC 7761, 4.9.1), in the order of the enumeration.
+inline constexpr std::array<U8, 3> sourceKindFlags = {4, 7, 5};
+
+struct WireSource {
+  SourceKind kind;
+  IpGenAddr address;
+
+  friend bool operator==(WireSource const& a, WireSource const& b) = default;
+};
+
+/// One group set. Several of a message may name the same group, and a list may repeat itself.
+class WireGroup {
+ public:
+  IpGenAddr const& group() const { return group_; }
+  std::vector<WireSource> const& joins() const { return joins_; }
+  std::vector<WireSource> const& prunes() const { return prunes_; }
+
+  friend bool operator==(WireGroup const& a, WireGroup const& b) = default;
+
+ private:
+  friend class WireMessage;
+  explicit WireGroup(IpGenAddr const& group) : group_(group) {}
+
+  IpGenAddr group_;
+  std::vector<WireSource> joins_, prunes_;
+};
+
+/// A Join/Prune message as it is on the wire, order and repetitions included. All addresses are of one
+/// family, groups are multicast, sources and RPs unicast; what would break this throws Vel::RangeException
+/// with the text of the reason, and changes nothing.
+///
+/// Bits that a receiver must ignore are not kept: the reserved ones, B and Z of a group, S of a source.
+class WireMessage {
+ public:
+  /// How many groups, and sources in one list, the counts on the wire can name.
+  static constexpr std::size_t maxGroups = 255;
+  static constexpr std::size_t maxSources = 65535;
+
+  /// The hold time is in seconds; 65535 means for ever.
+  WireMessage(IpGenAddr const& upstreamNeighbor, U16 holdTime);
+
+  /// Opens another group set, into which the following joins and prunes go.
+  void groupAdd(IpGenAddr const& group);
+
+  /// Into the group set opened last; without one, throws Vel::RangeException "a source needs a group".
+  void joinAdd(SourceKind kind, IpGenAddr const& address);
+  void pruneAdd(SourceKind kind, IpGenAddr const& address);
+
+  AddressFamily family() const { return upstreamNeighbor_.af(); }
+  IpGenAddr const& upstreamNeighbor() const { return upstreamNeighbor_; }
+  U16 holdTime() const { return holdTime_; }
+  std::vector<WireGroup> const& groups() const { return groups_; }
+
+  /// Bytes on the wire, the PIM header included.
+  std::size_t encodedSize() const;
+
+  friend bool operator==(WireMessage const& a, WireMessage const& b) = default;
+
+ private:
+  WireGroup& openGroup();
+  void sourceAdd(std::vector<WireSource>& list, SourceKind kind, IpGenAddr const& address);
+
+  IpGenAddr upstreamNeighbor_;
+  U16 holdTime_;
+  std::vector<WireGroup> groups_;
+};
+
+/// Why a message of a family cannot have such an upstream neighbor, group, or source; nothing if it can.
+std::optional<Reason> upstreamFault(IpGenAddr const& address);
+std::optional<Reason> groupFault(IpGenAddr const& group, AddressFamily family);
+std::optional<Reason> sourceFault(IpGenAddr const& address, AddressFamily family);
+
+/// The PIM checksum over a message whose checksum field counts as it stands: 0 for a message that is intact,
+/// the value for the field if the field is zero. Over IPv6 the pseudo-header is included (RFC 7761, 4.9).
+U16 pimChecksum(std::span<U8 const> message, IpGenAddr const& source, IpGenAddr const& destination);
+
+/// True if the first byte says version 2 and the type. No bytes are of no type.
+bool isPimType(std::span<U8 const> message, PimType type);
+
+/// Checks the whole message before it gives any of it. `bytes` is the whole IP payload, no more; source and
+/// destination are those of the IP header. REQUIRES: both addresses are of one known family.
+std::variant<WireMessage, Refusal> decodeJoinPrune(std::span<U8 const> bytes, IpGenAddr const& source,
+                                                   IpGenAddr const& destination);
+
+/// The bytes of a message, checksum filled in. Throws Vel::RangeException if no IP datagram could hold them,
+/// or if the addresses are not of the message's family.
+std::vector<U8> encodeJoinPrune(WireMessage const& message, IpGenAddr const& source,
+                                IpGenAddr const& destination);
+
+}  // namespace Routing::Pim::Agent

@@ -1,0 +1,76 @@
+// The reference agent in its simplest form: it hears captured frames, hands the Join/Prune messages in them
+// to a machine, and tells what the machine recorded.
+//
+//     TextReport report(std::cout);
+//     Replay replay(options, report);
+//     while (capture.next(frame)) replay.frameIs(frame);
+//     report.totals(replay.totals());
+//
+// Design of the folder, from the bottom up:
+//
+//   Capture.h       frames from files, by libpcap
+//   Datagram.h      the IP datagram in a frame
+//   Cursor.h        a cursor over bytes that may be anything
+//   Refusal.h       why a message is not applied
+//   PimMessage.h    the wire form of Join/Prune messages, both ways: bytes that may be anything, values that
+//   are
+//                   always valid
+//   Conversion.h    from a wire message to the library's model
+//   Replay.h        frames in, the library in the middle, a report out
+//   Report.h        the report as text or JSON
+//   Options.h       the command line's texts in the domain's types
+//   FrameBuilder.h, Sample.h   a capture to try it all on
+//   main.cpp        the command line
+//
+// A message is decoded and checked as a whole before the machine sees any of it. What the machine does not
+// record is not told: a (*,G) join whose RP is not the one that the RP hash gives, and the (*,G) and
+// (S,G,rpt) entries of a denied group.
+#pragma once
+
+#include <vector>
+
+#include "agent/Capture.h"
+#include "agent/Options.h"
+#include "agent/Report.h"
+#include "pim/joinprune/JoinPruneMessageSm.h"
+
+namespace Routing::Pim::Agent {
+
+class Replay {
+ public:
+  /// The report must outlive the replay.
+  Replay(ReplayOptions const& options, Report& report);
+  ~Replay();
+  Replay(Replay const&) = delete;
+  Replay& operator=(Replay const&) = delete;
+
+  /// Hears a frame. Everything in it has been reported on return.
+  void frameIs(Frame const& frame);
+
+  Totals const& totals() const { return totals_; }
+
+  /// The senders of Hellos and Join/Prune messages so far are neighbors in here.
+  Vel::Ptr<Status const> pimStatus() const { return pimStatus_; }
+
+ private:
+  class EntryReactor;
+
+  void pimIs(Place const& place, Datagram const& datagram);
+  void joinPruneIs(Place const& place, Datagram const& datagram);
+  void neighborIs(IpGenAddr const& sender);
+  void deliver(Place const& place, WireMessage const& message);
+  void refuse(Place const& place, Refusal const& refusal);
+
+  Report& report_;
+  Totals totals_;
+  std::vector<Entry> entries_;  // What the reactors saw of the message that is being delivered.
+
+  // Fixed at construction.
+  Vel::Ptr<Status> pimStatus_;
+  Vel::Ptr<Intf> intf_;
+  Vel::Ptr<IO::MessageInfo> rxMessageInfo_;
+  Vel::Ptr<EntryReactor> joinReactor_, pruneReactor_;
+  Vel::Ptr<JoinPruneMessageSm> machine_;
+};
+
+}  // namespace Routing::Pim::Agent

@@ -1,0 +1,85 @@
+// What a replay tells: entries, refusals and totals, as lines for people or as JSON objects for machines.
+#pragma once
+
+#include <array>
+#include <iosfwd>
+
+#include "agent/PimMessage.h"
+#include "agent/Refusal.h"
+#include "runtime/vel/Types.h"
+
+namespace Routing::Pim::Agent {
+
+/// Which record an entry went to.
+enum class Record : U8 { join, prune };
+inline constexpr std::array<std::string_view, 2> recordNames = {"join", "prune"};
+constexpr std::string_view text(Record record) { return recordNames[static_cast<std::size_t>(record)]; }
+
+/// Where a message was found.
+struct Place {
+  U64 frame = 0;          ///< From 1.
+  Vel::Seconds time = 0;  ///< Since the first frame.
+};
+
+/// One entry, as a reactor on the library's record saw it.
+struct Entry {
+  Record record = Record::join;
+  SourceKind kind = SourceKind::source;
+  IpGenAddr source;  ///< All zeros for (*,G).
+  IpGenAddr group;
+  IpGenAddr upstreamNeighbor;
+  U16 holdTime = 0;
+  U8 flags = 0;
+  IpGenAddr rp;  ///< Of (*,G) alone.
+};
+
+struct Totals {
+  U64 frames = 0;
+  U64 messages = 0;  ///< Join/Prune messages, those refused included.
+  std::array<std::array<U64, sourceKindNames.size()>, recordNames.size()> entries = {};
+  std::array<U64, reasonNames.size()> refused = {};
+
+  U64 refusedMessages() const;
+};
+
+class Report {
+ public:
+  virtual ~Report() = default;
+  virtual void entry(Place const& place, Entry const& entry) = 0;
+  virtual void refusal(Place const& place, Refusal const& refusal) = 0;
+  virtual void totals(Totals const& totals) = 0;
+};
+
+/// Aligned lines:
+///
+///     frame 3        10.848741  join   (*,G)      (0.0.0.0,239.1.1.1)  upstream 10.0.0.13  hold 210  flags
+///     SWR  rp 1.1.1.1 frame 7  refused: bad checksum (0x5ae5, computed 0x5ae6)
+class TextReport final : public Report {
+ public:
+  explicit TextReport(std::ostream& out) : out_(out) {}
+  void entry(Place const& place, Entry const& entry) override;
+  void refusal(Place const& place, Refusal const& refusal) override;
+  void totals(Totals const& totals) override;
+
+ private:
+  std::ostream& out_;
+  bool anyLine_ = false;  // Whether the totals need an empty line before them.
+};
+
+/// One object a line. Refusals are the fixed text of the reason; there are no totals.
+///
+///     {"frame":3,"time":10.848741,"record":"join","kind":"(*,G)","source":"0.0.0.0","group":"239.1.1.1",
+///      "upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"1.1.1.1"}
+///     {"frame":7,"refused":"bad checksum"}
+class JsonReport final : public Report {
+ public:
+  explicit JsonReport(std::ostream& out) : out_(out) {}
+  void entry(Place const& place, Entry const& entry) override;
+  void refusal(Place const& place, Refusal const& refusal) override;
+  void totals(Totals const& totals) override;
+
+ private:
+  std::ostream& out_;
+};
+
+}  // namespace Routing::Pim::Agent

@@ -1,0 +1,179 @@
+// jpagent, the reference agent: see --help.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+
+#include "agent/Replay.h"
+#include "agent/Sample.h"
+#include "runtime/scrivo/TraceFile.h"
+#include "runtime/scrivo/TraceReader.h"
+#include "runtime/vel/Trace.h"
+
+namespace {
+
+using namespace Routing::Pim::Agent;
+
+constexpr int allFine = 0, somethingRefused = 1, cannotDo = 2;
+
+constexpr char about[] = "Reference agent of the PIM sparse mode Join/Prune engine (RFC 7761).";
+
+constexpr char aboutReplay[] =
+    "Hands the Join/Prune messages of a capture to the engine and prints what it records, entry by entry";
+
+constexpr char moreAboutReplay[] =
+    "FILE is a pcap or pcapng capture. Its PIM version 2 Join/Prune messages are checked and handed to the "
+    "engine; "
+    "what the engine records is printed, then totals. A message that is not well formed is refused as a "
+    "whole, with "
+    "the reason.\n"
+    "Not printed, since the engine does not record it: a (*,G) join whose RP is not the one that --rp gives "
+    "for the "
+    "group, and the (*,G) and (S,G,rpt) entries of a group that --deny names.\n"
+    "Exit status: 0 all fine, 1 something refused, 2 the file or the call is wrong.";
+
+// Runs a parser of option texts, whose complaint becomes the option's.
+template <class Parse>
+std::function<void(std::string const&)> checked(char const* option, Parse parse) {
+  return [option, parse](std::string const& text) {
+    try {
+      parse(text);
+    } catch (OptionError const& e) {
+      throw CLI::ValidationError(option, e.what());
+    }
+  };
+}
+
+int cannot(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  std::cerr << "jpagent: " << text << '\n';
+  return cannotDo;
+}
+
+class ScrivoRecording {
+ public:
+  explicit ScrivoRecording(std::string const& path) {
+    if (!path.empty()) Scrivo::TraceFile::open(path);
+  }
+  ~ScrivoRecording() { Scrivo::TraceFile::close(); }
+  ScrivoRecording(ScrivoRecording const&) = delete;
+  ScrivoRecording& operator=(ScrivoRecording const&) = delete;
+};
+
+int replay(std::string const& file, ReplayOptions const& options, Report& report) {
+  Capture capture(file);
+  // A trace file takes the place of what had its name, and nobody means the capture by that.
+  std::error_code notThere;
+  if (std::filesystem::equivalent(file, options.scrivoFile, notThere)) {
+    return cannot(fmt::format("--scrivo: {} is the capture", options.scrivoFile));
+  }
+  ScrivoRecording const scrivo(options.scrivoFile);
+  for (Vel::U32 const level : options.traceLevels)
+    Vel::TraceHandle::find("Pim::JoinPrune").levelIs(level, true);
+  Replay machine(options, report);
+  std::string damage;
+  try {
+    Frame frame;
+    while (capture.next(frame)) machine.frameIs(frame);
+  } catch (CaptureError const& e) {
+    damage = e.what();
+  }
+  report.totals(machine.totals());
+  if (!damage.empty()) {
+    std::cout.flush();
+    return cannot(damage);
+  }
+  return machine.totals().refusedMessages() ? somethingRefused : allFine;
+}
+
+int printTrace(std::string const& file) {
+  Scrivo::TraceReader const reader(file);
+  for (auto const& event : reader.events()) std::cout << event << '\n';
+  if (reader.damaged() == 0) return allFine;
+  std::cout.flush();
+  std::cerr << fmt::format("jpagent: {}: {} damaged parts were passed over\n", file, reader.damaged());
+  return somethingRefused;
+}
+
+int run(int argc, char** argv) {
+  CLI::App app(about, "jpagent");
+  app.require_subcommand(1);
+  std::string file;
+  bool json = false;
+  ReplayOptions options;
+
+  auto* const replayCommand = app.add_subcommand("replay", aboutReplay);
+  replayCommand->footer(moreAboutReplay);
+  replayCommand->add_option("FILE", file, "The capture")->required()->type_name("");
+  replayCommand->add_flag("--json", json, "One JSON object a line, for each entry and each refused message");
+  // CLI11 keeps a list only to tell how often an option came; the parsed values go into `options`.
+  std::vector<std::string> rps, denied;
+  replayCommand
+      ->add_option("--rp", rps,
+                   "The RP of these groups; the longest prefix decides. A group that "
+                   "none has: the one in the message. Repeatable")
+      ->type_name("GROUP/LEN=ADDRESS")
+      ->allow_extra_args(false)
+      ->each(checked("--rp", [&options](std::string const& text) { options.rps.add(text); }));
+  replayCommand->add_option("--deny", denied, "Groups that the filter denies. Repeatable")
+      ->type_name("GROUP/LEN")
+      ->allow_extra_args(false)
+      ->each(checked("--deny", [&options](std::string const& text) {
+        options.denied.push_back(groupPrefixFromText(text));
+      }));
+  std::string levels;
+  replayCommand
+      ->add_option("--trace", levels, "Levels of the engine's trace lines, to standard error: 1,2,7 or 1-8")
+      ->type_name("LEVELS")
+      ->each(checked("--trace", [&options](std::string const& text) {
+        options.traceLevels = traceLevelsFromText(text);
+      }));
+  replayCommand
+      ->add_option("--scrivo", options.scrivoFile, "Write the engine's ring trace file; see jpagent trace")
+      ->type_name("FILE");
+
+  auto* const traceCommand = app.add_subcommand("trace", "Prints a ring trace file as lines of text");
+  traceCommand->add_option("FILE", file, "What replay --scrivo or another process wrote")
+      ->required()
+      ->type_name("");
+
+  auto* const sampleCommand = app.add_subcommand(
+      "sample",
+      "Writes a small capture to try replay on: every kind of entry over IPv4 and IPv6, Hellos, VLAN tags, "
+      "and two broken messages. The same bytes every time");
+  sampleCommand->add_option("FILE", file, "The capture to write")->required()->type_name("");
+
+  try {
+    app.parse(argc, argv);
+  } catch (CLI::ParseError const& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);
+    // For a word that is no command, CLI11 only says that there should have been one.
+    auto const extras = app.get_subcommands().empty() ? app.remaining() : std::vector<std::string>();
+    auto const what = extras.empty() ? e.what() : fmt::format("\"{}\" is no command", extras.front());
+    return cannot(fmt::format("{} (see jpagent --help)", what));
+  }
+  if (*traceCommand) return printTrace(file);
+  if (*sampleCommand) {
+    writeSample(file);
+    return allFine;
+  }
+  TextReport textReport(std::cout);
+  JsonReport jsonReport(std::cout);
+  return replay(file, options, json ? static_cast<Report&>(jsonReport) : textReport);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::ios::sync_with_stdio(false);
+  try {
+    int const status = run(argc, argv);
+    if (!std::cout.flush()) return cannot("standard output cannot be written");
+    return status;
+  } catch (std::exception const& e) {
+    std::cout.flush();
+    return cannot(e.what());
+  }
+}

@@ -1,0 +1,7 @@
+# Fails unless the text of EXAMPLE stands in README, so that what is shown is what is compiled.
+file(READ "${README}" readme)
+file(READ "${EXAMPLE}" example)
+string(FIND "${readme}" "${example}" position)
+if(position EQUAL -1)
+  message(FATAL_ERROR "${README} does not show ${EXAMPLE} as it is")
+endif()

@@ -1,0 +1,465 @@
+// The program from outside: what it prints, where, and how it exits.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "agent/FrameBuilder.h"
+#include "tests/agent/Support.h"
+
+namespace Routing::Pim::Agent {
+namespace {
+
+using namespace Test;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+class JpagentTest : public testing::Test {
+ protected:
+  static Outcome jpagent(std::vector<std::string> const& arguments) { return run(JPAGENT, arguments); }
+
+  std::string sample() const {
+    auto const path = folder_.file("sample.pcap");
+    EXPECT_EQ(jpagent({"sample", path}).status, 0);
+    return path;
+  }
+
+  /// The lines of a replay in JSON.
+  static std::vector<json> objects(Outcome const& outcome) {
+    std::vector<json> result;
+    for (auto const& line : lines(outcome.out)) result.push_back(json::parse(line));
+    return result;
+  }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(JpagentTest, TheSampleIsTheSameEveryTime) {
+  auto const once = folder_.file("once"), again = folder_.file("again");
+  auto const outcome = jpagent({"sample", once});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out + outcome.err, "");
+  EXPECT_EQ(jpagent({"sample", again}).status, 0);
+  EXPECT_THAT(readBytes(once), Not(IsEmpty()));
+  EXPECT_EQ(readBytes(once), readBytes(again));
+}
+
+TEST_F(JpagentTest, JsonHasOneLineForEachEntryAndRefusalOfTheSample) {
+  auto const outcome = jpagent({"replay", "--json", sample()});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "");
+  // Groups of one message come in the order of the library's collection.
+  EXPECT_THAT(
+      lines(outcome.out),
+      testing::UnorderedElementsAre(
+          R"x({"frame":3,"time":1.5,"record":"join","kind":"(*,G)","source":"0.0.0.0","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
+          R"x({"frame":4,"time":4.25,"record":"join","kind":"(S,G)","source":"192.0.2.10","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
+          R"x({"frame":4,"time":4.25,"record":"join","kind":"(*,G)","source":"0.0.0.0","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
+          R"x({"frame":4,"time":4.25,"record":"prune","kind":"(S,G,rpt)","source":"192.0.2.10","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":5})x",
+          R"x({"frame":4,"time":4.25,"record":"join","kind":"(S,G)","source":"192.0.2.10","group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
+          R"x({"frame":4,"time":4.25,"record":"prune","kind":"(S,G)","source":"192.0.2.20","group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
+          R"x({"frame":5,"time":9.125,"record":"join","kind":"(*,G)","source":"0.0.0.0","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
+          R"x({"frame":5,"time":9.125,"record":"join","kind":"(S,G,rpt)","source":"192.0.2.10","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":5})x",
+          R"x({"frame":6,"refused":"bad checksum"})x",
+          R"x({"frame":7,"time":10.75,"record":"join","kind":"(S,G)","source":"192.0.2.20","group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
+          R"x({"frame":8,"time":10.875,"record":"join","kind":"(S,G)","source":"192.0.2.20","group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
+          R"x({"frame":9,"refused":"wrong count"})x",
+          R"x({"frame":10,"time":20.625,"record":"prune","kind":"(*,G)","source":"0.0.0.0","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
+          R"x({"frame":13,"time":31.5,"record":"join","kind":"(*,G)","source":"::","group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":7,"rp":"2001:db8:ff::1"})x",
+          R"x({"frame":13,"time":31.5,"record":"join","kind":"(S,G,rpt)","source":"2001:db8::20","group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":5})x",
+          R"x({"frame":13,"time":31.5,"record":"prune","kind":"(S,G,rpt)","source":"2001:db8::10","group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":5})x",
+          R"x({"frame":13,"time":31.5,"record":"join","kind":"(S,G)","source":"2001:db8::10","group":"ff3e::8000:1","upstream":"fe80::13","holdtime":210,"flags":4})x",
+          R"x({"frame":13,"time":31.5,"record":"prune","kind":"(S,G)","source":"2001:db8::20","group":"ff3e::8000:1","upstream":"fe80::13","holdtime":210,"flags":4})x",
+          R"x({"frame":14,"time":42.0,"record":"prune","kind":"(*,G)","source":"::","group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":7,"rp":"2001:db8:ff::1"})x"));
+}
+
+TEST_F(JpagentTest, FramesComeInTheOrderOfTheFile) {
+  auto const seen = objects(jpagent({"replay", "--json", sample()}));
+  EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end(),
+                             [](json const& a, json const& b) { return a["frame"] < b["frame"]; }));
+}
+
+TEST_F(JpagentTest, TextHasTheEntriesTheRefusalsAndTotals) {
+  auto const outcome = jpagent({"replay", sample()});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_THAT(
+      outcome.out,
+      HasSubstr("frame 3          1.500000  join   (*,G)      (0.0.0.0,239.1.1.1)                upstream "
+                "10.0.0.13        hold   210  flags SWR  rp 10.255.0.1\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("frame 6  refused: bad checksum (0x"));
+  EXPECT_THAT(outcome.out, HasSubstr("frame 9  refused: wrong count (1 of 2 groups)\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("\n\n"
+                                     "frames                                   14\n"
+                                     "Join/Prune messages                      10\n"
+                                     "(S,G) join                                5\n"
+                                     "(*,G) join                                4\n"
+                                     "(S,G,rpt) join                            2\n"
+                                     "(S,G) prune                               2\n"
+                                     "(*,G) prune                               2\n"
+                                     "(S,G,rpt) prune                           2\n"
+                                     "refused messages                          2\n"
+                                     "  bad checksum                            1\n"
+                                     "  wrong count                             1\n"));
+}
+
+IpGenAddr const sender("10.0.0.14");
+IpGenAddr const routers = allPimRouters(AddressFamily::ipv4);
+
+Bytes goodDatagram() {
+  WireMessage message(IpGenAddr("10.0.0.13"), 210);
+  message.groupAdd(IpGenAddr("239.1.1.1"));
+  message.joinAdd(SourceKind::source, IpGenAddr("192.0.2.1"));
+  return ipDatagram(sender, routers, pimProtocol, encodeJoinPrune(message, sender, routers));
+}
+
+TEST_F(JpagentTest, WithNothingToRefuseItExitsWithZero) {
+  auto const outcome = jpagent({"replay", "--json", writeCapture(folder_, DLT_RAW, {{7, goodDatagram()}})});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(
+      outcome.out,
+      R"x({"frame":1,"time":0.0,"record":"join","kind":"(S,G)","source":"192.0.2.1","group":"239.1.1.1",)x"
+      R"x("upstream":"10.0.0.13","holdtime":210,"flags":4})x"
+      "\n");
+}
+
+TEST_F(JpagentTest, EveryLinkTypeShowsTheSameMessage) {
+  auto const ip = goodDatagram();
+  auto const stations = hex("01005e00000d 020000000001");
+  struct {
+    int linkType;
+    Bytes frame;
+  } const rows[] = {
+      {DLT_EN10MB, stations + hex("0800") + ip},
+      {DLT_EN10MB, stations + hex("8100 0064 0800") + ip},
+      {DLT_EN10MB, stations + hex("88a8 00c8 8100 0064 0800") + ip},
+      {DLT_RAW, ip},
+      {DLT_IPV4, ip},
+      {DLT_LINUX_SLL, hex("0002 0001 0006 020000000001 0000 0800") + ip},
+      {DLT_LINUX_SLL2, hex("0800 0000 00000003 0001 02 06 0200000000010000") + ip},
+  };
+  auto const expected = jpagent({"replay", writeCapture(folder_, DLT_RAW, {{7, ip}})});
+  EXPECT_THAT(expected.out, HasSubstr("(192.0.2.1,239.1.1.1)"));
+  for (auto const& row : rows) {
+    auto const outcome = jpagent({"replay", writeCapture(folder_, row.linkType, {{7, row.frame}})});
+    EXPECT_EQ(outcome.out, expected.out) << row.linkType;
+    EXPECT_EQ(outcome.status, 0) << row.linkType;
+  }
+}
+
+TEST_F(JpagentTest, PcapngShowsTheSameAsPcap) {
+  std::vector<TimedFrame> const frames = {{1'000'000, goodDatagram()}, {3'500'000, goodDatagram()}};
+  auto const ng = jpagent({"replay", folder_.with("a.pcapng", pcapngFile(101, frames))});
+  auto const old = jpagent({"replay", writeCapture(folder_, DLT_RAW, frames)});
+  EXPECT_EQ(ng.out, old.out);
+  EXPECT_THAT(ng.out, HasSubstr("2.500000"));
+  EXPECT_EQ(ng.status, 0);
+}
+
+TEST_F(JpagentTest, ACaptureWithoutPimIsNoError) {
+  auto const arp = hex("ffffffffffff 020000000001 0806") + Bytes(46);
+  for (auto const& frames : {std::vector<TimedFrame>{}, std::vector<TimedFrame>{{0, arp}}}) {
+    auto const path = writeCapture(folder_, DLT_EN10MB, frames);
+    auto const outcome = jpagent({"replay", path});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
+    EXPECT_EQ(outcome.out.rfind("frames      ", 0), 0u);
+    EXPECT_THAT(outcome.out, HasSubstr("Join/Prune messages                       0\n"));
+    EXPECT_EQ(jpagent({"replay", "--json", path}).out, "");
+  }
+}
+
+TEST_F(JpagentTest, AFileThatIsNoCaptureIsOneLineOnStandardError) {
+  struct {
+    std::string path, message;
+  } const rows[] = {
+      {folder_.file("missing"), "No such file or directory"},
+      {folder_.with("empty", {}), "the file is empty"},
+      {folder_.with("garbage", Bytes(100, 'x')), "not a capture: unknown file format"},
+      {writeCapture(folder_, DLT_NULL, {{0, {1}}}), "link type NULL (0) is not supported"},
+  };
+  for (auto const& row : rows) {
+    for (char const* form : {"--json", "--deny=239.0.0.0/8"}) {
+      auto const outcome = jpagent({"replay", form, row.path});
+      EXPECT_EQ(outcome.status, 2) << row.path;
+      EXPECT_EQ(outcome.out, "") << row.path;
+      EXPECT_EQ(outcome.err, "jpagent: " + row.path + ": " + row.message + "\n");
+    }
+  }
+}
+
+TEST_F(JpagentTest, OfATruncatedFileEverythingBeforeTheDamageIsShown) {
+  auto const whole = sample();
+  auto bytes = readBytes(whole);
+  bytes.resize(bytes.size() - 1);
+  auto const cut = folder_.with("cut.pcap", bytes);
+
+  auto expected = lines(jpagent({"replay", "--json", whole}).out);
+  expected.pop_back();
+  auto const outcome = jpagent({"replay", "--json", cut});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(lines(outcome.out), expected);
+  EXPECT_EQ(outcome.err,
+            "jpagent: " + cut +
+                ": after frame 13: truncated dump file; tried to read 124 captured bytes, only got 123\n");
+
+  auto const text = jpagent({"replay", cut});
+  EXPECT_EQ(text.status, 2);
+  EXPECT_THAT(text.out, HasSubstr("\n\nframes                                   13\n"));
+  EXPECT_THAT(lines(text.err), SizeIs(1));
+}
+
+TEST_F(JpagentTest, ACallThatIsWrongIsOneLineOnStandardError) {
+  auto const file = sample();
+  struct {
+    std::vector<std::string> arguments;
+    char const* message;
+  } const rows[] = {
+      {{}, "A subcommand is required"},
+      {{"relay", file}, "\"relay\" is no command"},
+      {{"replay"}, "FILE is required"},
+      {{"replay", file, "another"}, "another"},
+      {{"replay", file, "--jason"}, "--jason"},
+      {{"replay", file, "--rp"}, "--rp"},
+      {{"replay", file, "--rp", "239.0.0.0/8"}, "--rp: \"239.0.0.0/8\" is not GROUP/LEN=ADDRESS"},
+      {{"replay", file, "--rp", "239.0.0.0/33=10.0.0.1"}, "--rp: \"239.0.0.0/33\" is not GROUP/LEN"},
+      {{"replay", file, "--rp", "239.0.0.0/8=2001:db8::1"}, "different families"},
+      {{"replay", file, "--rp", "239.0.0.0/8=10.0.0.1", "--rp", "bad"}, "--rp: \"bad\" is not"},
+      {{"replay", file, "--deny", "10.0.0.0/8"}, "--deny: \"10.0.0.0/8\" has no multicast group"},
+      {{"replay", file, "--deny", "two\nlines"}, "--deny: \"two lines\" is not GROUP/LEN"},
+      {{"replay", file, "--trace", "1,x"}, "--trace: \"1,x\" is no list of trace levels"},
+      {{"replay", file, "--scrivo", "/no/such/folder/file"},
+       "/no/such/folder/file: No such file or directory"},
+      {{"trace"}, "FILE is required"},
+      {{"trace", file}, "sample.pcap: "},
+      {{"trace", "/no/such/file"}, "/no/such/file: No such file or directory"},
+      {{"sample"}, "FILE is required"},
+      {{"sample", "/no/such/folder/file"}, "/no/such/folder/file: No such file or directory"},
+  };
+  for (auto const& row : rows) {
+    auto const outcome = jpagent(row.arguments);
+    EXPECT_EQ(outcome.status, 2) << row.message;
+    EXPECT_EQ(outcome.out, "") << row.message;
+    EXPECT_THAT(lines(outcome.err), SizeIs(1)) << row.message;
+    EXPECT_EQ(outcome.err.rfind("jpagent: ", 0), 0u) << outcome.err;
+    EXPECT_THAT(outcome.err, HasSubstr(row.message));
+  }
+}
+
+TEST_F(JpagentTest, ATraceFileDoesNotTakeThePlaceOfTheCapture) {
+  auto const file = sample();
+  auto const before = readBytes(file);
+  auto const outcome = jpagent({"replay", file, "--scrivo", folder_.file("./sample.pcap")});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err, "jpagent: --scrivo: " + folder_.file("./sample.pcap") + " is the capture\n");
+  EXPECT_EQ(readBytes(file), before);
+}
+
+TEST_F(JpagentTest, HelpGoesToStandardOutputAndSaysWhatIsNotPrinted) {
+  auto const outcome = jpagent({"replay", "--help"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "");
+  for (char const* text : {"--json", "--rp", "--deny", "--trace", "--scrivo", "Not printed", "Exit status"}) {
+    EXPECT_THAT(outcome.out, HasSubstr(text));
+  }
+  EXPECT_THAT(jpagent({"--help"}).out, HasSubstr("sample"));
+}
+
+TEST_F(JpagentTest, OutputThatCannotBeWrittenIsAnError) {
+  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
+  auto const outcome = run("sh", {"-c", "exec " JPAGENT " replay " + sample() + " > /dev/full"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err, "jpagent: standard output cannot be written\n");
+}
+
+/// "3 join (*,G) 239.1.1.1" for each entry.
+std::vector<std::string> routes(std::vector<json> const& seen) {
+  std::vector<std::string> result;
+  for (auto const& object : seen) {
+    if (object.contains("refused")) continue;
+    result.push_back(object["record"].get<std::string>() + " " + object["kind"].get<std::string>() + " " +
+                     object["group"].get<std::string>());
+  }
+  return result;
+}
+
+TEST_F(JpagentTest, WildcardJoinsToAnotherRpAreLeftOutAndTraced) {
+  auto const file = sample();
+  auto const outcome = jpagent({"replay", "--json", file, "--rp", "239.0.0.0/8=10.9.9.9",
+                                "--rp=ff00::/8=2001:db8:ff::1", "--trace", "2"});
+  EXPECT_EQ(outcome.status, 1);
+  auto expected = routes(objects(jpagent({"replay", "--json", file})));
+  std::erase(expected, "join (*,G) 239.1.1.1");
+  EXPECT_THAT(routes(objects(outcome)), testing::ElementsAreArray(expected));
+  EXPECT_THAT(expected, testing::Contains("join (*,G) ff0e::101"));
+  EXPECT_THAT(outcome.err,
+              HasSubstr("JoinPruneMessageSm::handleRxMessage(), RP (10.9.9.9) does not match received RP "
+                        "(10.255.0.1) for group 239.1.1.1\n"));
+}
+
+TEST_F(JpagentTest, TheLongestPrefixDecidesForTheRp) {
+  auto const file = sample();
+  auto const outcome = jpagent({"replay", "--json", file, "--rp", "239.0.0.0/8=10.9.9.9", "--rp",
+                                "239.1.1.1/32=10.255.0.1", "--rp", "0.0.0.0/0=10.8.8.8"});
+  EXPECT_EQ(outcome.out, jpagent({"replay", "--json", file}).out);
+}
+
+TEST_F(JpagentTest, DeniedGroupsKeepTheirSourceTreeEntriesAlone) {
+  auto const file = sample();
+  auto const outcome = jpagent({"replay", "--json", "--deny", "239.1.1.1", "--deny", "ff00::/8", file});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_THAT(
+      routes(objects(outcome)),
+      testing::UnorderedElementsAre("join (S,G) 239.1.1.1", "join (S,G) 239.1.1.2", "prune (S,G) 239.1.1.2",
+                                    "join (S,G) 239.1.1.2", "join (S,G) 239.1.1.2", "join (S,G) ff3e::8000:1",
+                                    "prune (S,G) ff3e::8000:1"));
+}
+
+TEST_F(JpagentTest, TraceLinesOfTheChosenLevelsGoToStandardError) {
+  auto const file = sample();
+  auto const quiet = jpagent({"replay", "--json", file});
+  auto const seven = jpagent({"replay", "--json", file, "--trace", "7"});
+  auto const all = jpagent({"replay", "--json", file, "--trace", "1-6,7,8"});
+  EXPECT_EQ(seven.out, quiet.out);
+  EXPECT_EQ(all.out, quiet.out);
+  EXPECT_THAT(seven.err, HasSubstr("handleRxMessage(), Join, WC"));
+  EXPECT_THAT(seven.err, Not(HasSubstr("JoinPruneMessageSm::handleRxMessage()\n")));
+  EXPECT_THAT(all.err, HasSubstr("JoinPruneMessageSm::handleRxMessage()\n"));
+}
+
+TEST_F(JpagentTest, TheRingTraceFileIsPrintedAsLines) {
+  auto const ring = folder_.file("ring");
+  EXPECT_EQ(jpagent({"replay", sample(), "--scrivo", ring}).status, 1);
+  auto const outcome = jpagent({"trace", ring});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "");
+  auto const printed = lines(outcome.out);
+  // One timed block for each of the eight messages that were not refused.
+  EXPECT_EQ(std::count_if(printed.begin(), printed.end(),
+                          [](std::string const& line) {
+                            return line.find("void Routing::Pim::JoinPruneMessageSm::handleRxMessage()") !=
+                                   std::string::npos;
+                          }),
+            8);
+}
+
+// What tshark says about the same capture, in the words of our own JSON lines.
+
+std::vector<json> listOf(json const& object, std::string const& name) {
+  if (!object.contains(name)) return {};
+  auto const& value = object[name];
+  return value.is_array() ? value.get<std::vector<json>>() : std::vector<json>{value};
+}
+
+/// The first of the names that is there: fields of IPv6 addresses have names of their own.
+std::string textOf(json const& object, std::string const& ipv4Name, std::string const& ipv6Name) {
+  return object.value(ipv4Name, object.value(ipv6Name, "none"));
+}
+
+std::string describe(std::string const& frame, std::string const& record, std::string const& flags,
+                     std::string const& source, std::string const& group, std::string const& upstream,
+                     std::string const& holdTime) {
+  return frame + " " + record + " flags " + flags + " (" + source + "," + group + ") to " + upstream +
+         " hold " + holdTime;
+}
+
+std::vector<std::string> seenByTshark(std::string const& path) {
+  auto const outcome = run("tshark", {"-r", path, "-T", "json", "--no-duplicate-keys", "-Y", "pim.type == 3",
+                                      "-o", "ip.check_checksum:FALSE"});
+  std::vector<std::string> result;
+  for (auto const& packet : json::parse(outcome.out)) {
+    auto const& layers = packet["_source"]["layers"];
+    auto const frame = layers["frame"]["frame.number"].get<std::string>();
+    auto const& pim = layers["pim"];
+    if (layers.contains("_ws.malformed") || pim.value("pim.cksum.status", "") != "1") {
+      result.push_back(frame + " refused");
+      continue;
+    }
+    auto const& option = pim["pim.option"];
+    auto const upstream = textOf(option, "pim.upstream_neighbor", "pim.upstream_neighbor_ip6");
+    for (auto const& set : listOf(option, "pim.group_set_tree")) {
+      for (std::string const record : {"join", "prune"}) {
+        auto const lists = set.value("pim.num" + record + "s_tree", json::object());
+        for (auto const& family : {std::string("ip"), std::string("ip6")}) {
+          for (auto const& source : listOf(lists, "pim." + record + "_" + family + "_tree")) {
+            auto const flags = std::stoi(source["pim.source_addr.flags"].get<std::string>(), nullptr, 16);
+            result.push_back(describe(frame, record, std::to_string(flags),
+                                      textOf(source, "pim.source", "pim.source_ip6"),
+                                      textOf(set, "pim.group", "pim.group_ip6"), upstream,
+                                      option["pim.holdtime"].get<std::string>()));
+          }
+        }
+      }
+    }
+  }
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
+std::vector<std::string> seenByJpagent(std::string const& path) {
+  std::vector<std::string> result;
+  for (auto const& line : lines(run(JPAGENT, {"replay", "--json", path}).out)) {
+    auto const object = json::parse(line);
+    auto const frame = object["frame"].dump();
+    if (object.contains("refused")) {
+      result.push_back(frame + " refused");
+      continue;
+    }
+    auto const source = object.value("rp", object["source"].get<std::string>());
+    result.push_back(describe(frame, object["record"], object["flags"].dump(), source, object["group"],
+                              object["upstream"], object["holdtime"].dump()));
+  }
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
+class TsharkTest : public JpagentTest {
+ protected:
+  void SetUp() override {
+    if (run("sh", {"-c", "command -v tshark"}).status != 0) GTEST_SKIP() << "tshark is not installed";
+  }
+};
+
+TEST_F(TsharkTest, SeesTheSameInTheSample) {
+  auto const path = sample();
+  auto const ours = seenByJpagent(path);
+  EXPECT_THAT(ours, SizeIs(19));
+  EXPECT_EQ(ours, seenByTshark(path));
+}
+
+TEST_F(TsharkTest, SeesTheSameInRandomMessages) {
+  std::mt19937 random(7761);
+  std::vector<TimedFrame> frames;
+  for (std::uint64_t n = 0; n < 150; ++n) {
+    bool const four = random() % 2;
+    auto const address = [&](std::string const& ipv4Start, std::string const& ipv6Start) {
+      auto const last = std::to_string(1 + random() % 9);
+      return IpGenAddr(four ? ipv4Start + last : ipv6Start + last);
+    };
+    WireMessage message(address("10.0.0.", "fe80::"), static_cast<U16>(random()));
+    for (unsigned groups = random() % 4; groups; --groups) {
+      message.groupAdd(address("239.1.1.", "ff0e::"));
+      for (unsigned sources = random() % 10; sources; --sources) {
+        auto const add = random() % 2 ? &WireMessage::joinAdd : &WireMessage::pruneAdd;
+        (message.*add)(static_cast<SourceKind>(random() % 3), address("192.0.2.", "2001:db8::"));
+      }
+    }
+    auto const from = address("10.0.0.", "fe80::"), to = allPimRouters(from.af());
+    auto bytes = encodeJoinPrune(message, from, to);
+    if (random() % 10 == 0) bytes[2] ^= 0x40;
+    frames.push_back({n * 1000, ethernetFrame(ipDatagram(from, to, pimProtocol, bytes))});
+  }
+  auto const path = writeCapture(folder_, DLT_EN10MB, frames);
+  auto const ours = seenByJpagent(path);
+  EXPECT_THAT(ours, SizeIs(testing::Gt(500)));
+  EXPECT_EQ(ours, seenByTshark(path));
+}
+
+}  // namespace
+}  // namespace Routing::Pim::Agent

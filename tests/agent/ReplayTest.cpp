@@ -1,0 +1,304 @@
+// Frames into a replay, and everything that comes out of it, as text.
+#include "agent/Replay.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "agent/FrameBuilder.h"
+#include "agent/Sample.h"
+#include "tests/agent/Support.h"
+
+namespace Routing::Pim::Agent {
+namespace {
+
+using namespace Test;
+
+IpGenAddr const sender("10.0.0.14"), upstream("10.0.0.13"), rp("10.255.0.1"), otherRp("10.255.0.2");
+IpGenAddr const group("239.1.1.1"), otherGroup("239.1.1.2"), s1("192.0.2.1"), s2("192.0.2.2");
+IpGenAddr const routers = allPimRouters(AddressFamily::ipv4);
+
+class Recorder final : public Report {
+ public:
+  void entry(Place const& place, Entry const& entry) override {
+    text += std::to_string(place.frame) + " " + std::string(Agent::text(entry.record)) + " " +
+            std::string(Agent::text(entry.kind)) + " " + toText(entry.source) + " " + toText(entry.group) +
+            " to " + toText(entry.upstreamNeighbor) + " hold " + std::to_string(entry.holdTime) + " flags " +
+            std::to_string(entry.flags);
+    if (entry.kind == SourceKind::wildcard) text += " rp " + toText(entry.rp);
+    text += "\n";
+  }
+  void refusal(Place const& place, Refusal const& refusal) override {
+    text += std::to_string(place.frame) + " refused: " + toText(refusal) + "\n";
+  }
+  void totals(Totals const&) override {}
+
+  std::string text;
+};
+
+class ReplayTest : public testing::Test {
+ protected:
+  /// What comes out of a replay of raw datagrams, one a frame.
+  std::string shown(std::vector<Bytes> const& datagrams) {
+    recorder_.text.clear();
+    replay_ = std::make_unique<Replay>(options_, recorder_);
+    Frame frame;
+    frame.link = LinkType::rawIp;
+    for (auto const& datagram : datagrams) {
+      ++frame.number;
+      frame.bytes = datagram;
+      replay_->frameIs(frame);
+    }
+    return recorder_.text;
+  }
+
+  static Bytes datagram(WireMessage const& message) {
+    return ipDatagram(sender, routers, pimProtocol, encodeJoinPrune(message, sender, routers));
+  }
+
+  /// The neighbors of the last replay, each with its interface.
+  std::vector<std::string> neighbors() const {
+    std::vector<std::string> found;
+    for (auto i = replay_->pimStatus()->pimNeighborIterator(); i; ++i) {
+      found.push_back(toText(i->address()) + "@" + i->intf()->intfId().name());
+    }
+    return found;
+  }
+
+  static WireMessage oneJoin() {
+    WireMessage message(upstream, 210);
+    message.groupAdd(group);
+    message.joinAdd(SourceKind::source, s1);
+    return message;
+  }
+
+  static Bytes hello(IpGenAddr const& from, IpGenAddr const& to) {
+    return ipDatagram(from, to, pimProtocol, withChecksum(hex("20000000 0001 0002 0069"), from, to));
+  }
+
+  static constexpr char const* oneJoinShown =
+      " join (S,G) 192.0.2.1 239.1.1.1 to 10.0.0.13 hold 210 flags 4\n";
+
+  ReplayOptions options_;
+  Recorder recorder_;
+  std::unique_ptr<Replay> replay_;
+};
+
+TEST_F(ReplayTest, EveryKindOfEntryIsShown) {
+  WireMessage message(upstream, 65535);
+  message.groupAdd(group);
+  message.joinAdd(SourceKind::wildcard, rp);
+  message.joinAdd(SourceKind::source, s1);
+  message.joinAdd(SourceKind::sourceRpt, s2);
+  message.pruneAdd(SourceKind::sourceRpt, s1);
+  message.pruneAdd(SourceKind::source, s2);
+  WireMessage prune(upstream, 210);
+  prune.groupAdd(group);
+  prune.pruneAdd(SourceKind::wildcard, rp);
+  EXPECT_EQ(shown({datagram(message), datagram(prune)}),
+            "1 join (S,G) 192.0.2.1 239.1.1.1 to 10.0.0.13 hold 65535 flags 4\n"
+            "1 prune (S,G) 192.0.2.2 239.1.1.1 to 10.0.0.13 hold 65535 flags 4\n"
+            "1 join (*,G) 0.0.0.0 239.1.1.1 to 10.0.0.13 hold 65535 flags 7 rp 10.255.0.1\n"
+            "1 join (S,G,rpt) 192.0.2.2 239.1.1.1 to 10.0.0.13 hold 65535 flags 5\n"
+            "1 prune (S,G,rpt) 192.0.2.1 239.1.1.1 to 10.0.0.13 hold 65535 flags 5\n"
+            "2 prune (*,G) 0.0.0.0 239.1.1.1 to 10.0.0.13 hold 210 flags 7 rp 10.255.0.1\n");
+}
+
+TEST_F(ReplayTest, WildcardsOverIpv6HaveTheSourceOfTheirFamily) {
+  IpGenAddr const from("fe80::14"), to = allPimRouters(AddressFamily::ipv6);
+  WireMessage message(IpGenAddr("fe80::13"), 210);
+  message.groupAdd(IpGenAddr("ff0e::1"));
+  message.joinAdd(SourceKind::wildcard, IpGenAddr("2001:db8::1"));
+  EXPECT_EQ(shown({ipDatagram(from, to, pimProtocol, encodeJoinPrune(message, from, to))}),
+            "1 join (*,G) :: ff0e::1 to fe80::13 hold 210 flags 7 rp 2001:db8::1\n");
+}
+
+TEST_F(ReplayTest, WhatAMessageRepeatsIsShownAsOftenAndInOrder) {
+  WireMessage message(upstream, 210);
+  message.groupAdd(group);
+  message.pruneAdd(SourceKind::source, s1);
+  message.pruneAdd(SourceKind::source, s1);
+  message.groupAdd(group);
+  message.joinAdd(SourceKind::source, s1);
+  message.joinAdd(SourceKind::wildcard, rp);
+  message.joinAdd(SourceKind::wildcard, otherRp);
+  EXPECT_EQ(shown({datagram(message)}),
+            "1 prune (S,G) 192.0.2.1 239.1.1.1 to 10.0.0.13 hold 210 flags 4\n"
+            "1 prune (S,G) 192.0.2.1 239.1.1.1 to 10.0.0.13 hold 210 flags 4\n"
+            "1 join (S,G) 192.0.2.1 239.1.1.1 to 10.0.0.13 hold 210 flags 4\n"
+            "1 join (*,G) 0.0.0.0 239.1.1.1 to 10.0.0.13 hold 210 flags 7 rp 10.255.0.1\n"
+            "1 join (*,G) 0.0.0.0 239.1.1.1 to 10.0.0.13 hold 210 flags 7 rp 10.255.0.2\n");
+}
+
+TEST_F(ReplayTest, AFaultInTheLastEntryKeepsTheWholeMessageOut) {
+  auto message = oneJoin();
+  message.pruneAdd(SourceKind::wildcard, rp);
+  auto bytes = encodeJoinPrune(message, sender, routers);
+  bytes[bytes.size() - 6] = 0x06;  // The flags of the last entry, without R.
+  auto const broken = ipDatagram(sender, routers, pimProtocol, withChecksum(bytes, sender, routers));
+  EXPECT_EQ(shown({broken, datagram(oneJoin())}),
+            std::string("1 refused: wildcard without the RPT bit (10.255.0.1)\n2") + oneJoinShown);
+}
+
+TEST_F(ReplayTest, AWildcardJoinToAnotherRpThanTheHashGivesIsNotShown) {
+  options_.rps.add("239.1.1.0/24=10.255.0.2");
+  WireMessage message(upstream, 210);
+  for (auto const& address : {rp, otherRp}) {
+    message.groupAdd(group);
+    message.joinAdd(SourceKind::wildcard, address);
+    message.pruneAdd(SourceKind::sourceRpt, s1);
+    message.groupAdd(group);
+    message.pruneAdd(SourceKind::wildcard, address);
+  }
+  EXPECT_EQ(shown({datagram(message)}),
+            "1 prune (S,G,rpt) 192.0.2.1 239.1.1.1 to 10.0.0.13 hold 210 flags 5\n"
+            "1 prune (*,G) 0.0.0.0 239.1.1.1 to 10.0.0.13 hold 210 flags 7 rp 10.255.0.1\n"
+            "1 join (*,G) 0.0.0.0 239.1.1.1 to 10.0.0.13 hold 210 flags 7 rp 10.255.0.2\n"
+            "1 prune (S,G,rpt) 192.0.2.1 239.1.1.1 to 10.0.0.13 hold 210 flags 5\n"
+            "1 prune (*,G) 0.0.0.0 239.1.1.1 to 10.0.0.13 hold 210 flags 7 rp 10.255.0.2\n");
+}
+
+TEST_F(ReplayTest, OfADeniedGroupTheSourceTreeEntriesAloneAreShown) {
+  options_.denied = {groupPrefixFromText("239.1.1.1")};
+  for (auto const& [address, all] : {std::pair(group, false), std::pair(otherGroup, true)}) {
+    WireMessage message(upstream, 210);
+    message.groupAdd(address);
+    message.joinAdd(SourceKind::source, s1);
+    message.joinAdd(SourceKind::wildcard, rp);
+    message.pruneAdd(SourceKind::sourceRpt, s2);
+    auto const text = toText(address);
+    EXPECT_EQ(shown({datagram(message)}),
+              "1 join (S,G) 192.0.2.1 " + text + " to 10.0.0.13 hold 210 flags 4\n" +
+                  (all ? "1 join (*,G) 0.0.0.0 " + text + " to 10.0.0.13 hold 210 flags 7 rp 10.255.0.1\n" +
+                             "1 prune (S,G,rpt) 192.0.2.2 " + text + " to 10.0.0.13 hold 210 flags 5\n"
+                       : ""));
+  }
+}
+
+TEST_F(ReplayTest, SendersOfHellosAndMessagesBecomeNeighbors) {
+  IpGenAddr const other("10.0.0.15"), six("fe80::15");
+  EXPECT_EQ(
+      shown({hello(other, routers), hello(six, allPimRouters(AddressFamily::ipv6)), hello(other, routers)}),
+      "");
+  EXPECT_THAT(neighbors(), testing::UnorderedElementsAre("10.0.0.15@capture0", "fe80::15@capture0"));
+  shown({datagram(oneJoin())});
+  EXPECT_THAT(neighbors(), testing::ElementsAre("10.0.0.14@capture0"));
+}
+
+TEST_F(ReplayTest, WhoSendsWhatIsBrokenBecomesNoNeighbor) {
+  auto brokenHello = hello(sender, routers);
+  brokenHello.back() ^= 1;
+  auto brokenJoin = datagram(oneJoin());
+  brokenJoin.back() ^= 1;
+  shown({brokenHello, brokenJoin});
+  EXPECT_THAT(neighbors(), testing::IsEmpty());
+}
+
+Bytes changed(Bytes bytes, std::size_t at, U8 value) {
+  bytes[at] = value;
+  return bytes;
+}
+
+Bytes firstOf(Bytes bytes, std::size_t size) {
+  bytes.resize(size);
+  return bytes;
+}
+
+TEST_F(ReplayTest, WhatCannotBeCheckedIsRefused) {
+  auto const good = datagram(oneJoin());
+  auto const pim = [](char const* bytes) { return ipDatagram(sender, routers, pimProtocol, hex(bytes)); };
+  struct {
+    char const* what;
+    Bytes datagram;
+    char const* shown;
+  } const rows[] = {
+      {"snapped in the payload", firstOf(good, good.size() - 1), "1 refused: truncated (by the capture)\n"},
+      {"snapped after the type", firstOf(good, 21), "1 refused: truncated (by the capture)\n"},
+      {"snapped before the type", firstOf(good, 20), "1 refused: truncated (by the capture)\n"},
+      {"snapped in the IP header", firstOf(good, 12), "1 refused: truncated (by the capture)\n"},
+      {"first fragment", changed(good, 6, 0x20), "1 refused: fragment\n"},
+      {"header length of 16", changed(good, 0, 0x44), "1 refused: bad IP header\n"},
+      {"no payload", pim(""), "1 refused: truncated (in the PIM header)\n"},
+      {"a type alone", pim("23"), "1 refused: truncated (in the PIM header)\n"},
+      {"half a header", pim("2300 0000"), "1 refused: bad checksum (0x0000, computed 0xdcff)\n"},
+      {"a header alone", pim("2300 dcff"), "1 refused: truncated (in the upstream neighbor)\n"},
+      {"not intact", changed(good, 40, 9), "1 refused: bad checksum (0x18da, computed 0x10da)\n"},
+  };
+  for (auto const& row : rows) {
+    EXPECT_EQ(shown({row.datagram}), row.shown) << row.what;
+    EXPECT_EQ(replay_->totals().messages, 1u) << row.what;
+    EXPECT_EQ(replay_->totals().refusedMessages(), 1u) << row.what;
+  }
+}
+
+TEST_F(ReplayTest, WhatIsNoJoinPruneIsPassedOver) {
+  auto const good = datagram(oneJoin());
+  struct {
+    char const* what;
+    Bytes datagram;
+  } const rows[] = {
+      {"later fragment", changed(good, 7, 1)},
+      {"another protocol", changed(good, 9, 17)},
+      {"version 1", changed(good, 20, 0x13)},
+      {"an assert", changed(good, 20, 0x25)},
+      {"a snapped hello", firstOf(hello(sender, routers), 22)},
+      {"a fragment of a hello", changed(hello(sender, routers), 6, 0x20)},
+      {"nothing", {}},
+  };
+  for (auto const& row : rows) {
+    EXPECT_EQ(shown({row.datagram}), "") << row.what;
+    EXPECT_EQ(replay_->totals().frames, 1u) << row.what;
+    EXPECT_EQ(replay_->totals().messages, 0u) << row.what;
+  }
+}
+
+TEST_F(ReplayTest, TotalsCountWhatWasShown) {
+  WireMessage message(upstream, 210);
+  message.groupAdd(group);
+  message.joinAdd(SourceKind::source, s1);
+  message.joinAdd(SourceKind::source, s2);
+  message.pruneAdd(SourceKind::wildcard, rp);
+  shown({datagram(message), hello(sender, routers), changed(datagram(message), 40, 9), datagram(message)});
+  auto const& totals = replay_->totals();
+  EXPECT_EQ(totals.frames, 4u);
+  EXPECT_EQ(totals.messages, 3u);
+  EXPECT_EQ(totals.entries, (decltype(totals.entries){{{4, 0, 0}, {0, 2, 0}}}));
+  EXPECT_EQ(totals.refused[static_cast<std::size_t>(Reason::badChecksum)], 1u);
+}
+
+TEST_F(ReplayTest, OfADamagedCaptureEveryMessageIsCountedOnce) {
+  TemporaryFolder const folder;
+  auto const path = folder.file("sample.pcap");
+  writeSample(path);
+  auto const sample = readBytes(path);
+  unsigned readToTheEnd = 0;
+  for (unsigned seed = 0; seed < 1000; ++seed) {
+    std::mt19937 random(seed);
+    auto bytes = sample;
+    for (unsigned changes = 1 + random() % 8; changes; --changes) {
+      bytes[24 + random() % (bytes.size() - 24)] = static_cast<U8>(random());
+    }
+    folder.with("sample.pcap", bytes);
+    recorder_.text.clear();
+    Replay replay(options_, recorder_);
+    try {
+      Capture capture(path);
+      Frame frame;
+      while (capture.next(frame)) replay.frameIs(frame);
+      ++readToTheEnd;
+    } catch (CaptureError const& e) {
+      EXPECT_EQ(std::string(e.what()).rfind(path + ": after frame ", 0), 0u) << e.what();
+    }
+    U64 entries = replay.totals().refusedMessages();
+    for (auto const& kinds : replay.totals().entries) {
+      for (U64 const count : kinds) entries += count;
+    }
+    EXPECT_EQ(lines(recorder_.text).size(), entries) << "seed " << seed;
+    EXPECT_LE(replay.totals().refusedMessages(), replay.totals().messages) << "seed " << seed;
+  }
+  EXPECT_GT(readToTheEnd, 100u);
+}
+
+}  // namespace
+}  // namespace Routing::Pim::Agent

@@ -1,0 +1,98 @@
+#include "agent/Report.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace Routing::Pim::Agent {
+namespace {
+
+Entry wildcardJoin() {
+  Entry entry;
+  entry.kind = SourceKind::wildcard;
+  entry.source = IpGenAddr("0.0.0.0");
+  entry.group = IpGenAddr("239.123.123.123");
+  entry.upstreamNeighbor = IpGenAddr("10.0.0.13");
+  entry.holdTime = 210;
+  entry.flags = 7;
+  entry.rp = IpGenAddr("1.1.1.1");
+  return entry;
+}
+
+Entry rptPrune() {
+  Entry entry;
+  entry.record = Record::prune;
+  entry.kind = SourceKind::sourceRpt;
+  entry.source = IpGenAddr("2001:db8::1");
+  entry.group = IpGenAddr("ff0e::101");
+  entry.upstreamNeighbor = IpGenAddr("fe80::13");
+  entry.holdTime = 65535;
+  entry.flags = 5;
+  return entry;
+}
+
+template <class Form>
+std::string reported(Totals const* totals = nullptr) {
+  std::ostringstream out;
+  Form report(out);
+  report.entry({3, 10.848741}, wildcardJoin());
+  report.entry({12, 31.5}, rptPrune());
+  report.refusal({7, 12}, {Reason::badChecksum, "0x5ae5, computed 0x5ae6"});
+  if (totals) report.totals(*totals);
+  return out.str();
+}
+
+TEST(ReportTest, EntriesAreAlignedLinesAndRefusalsSayWhy) {
+  EXPECT_EQ(
+      reported<TextReport>(),
+      "frame 3         10.848741  join   (*,G)      (0.0.0.0,239.123.123.123)          upstream 10.0.0.13"
+      "        hold   210  flags SWR  rp 1.1.1.1\n"
+      "frame 12        31.500000  prune  (S,G,rpt)  (2001:db8::1,ff0e::101)            upstream fe80::13"
+      "         hold 65535  flags SR\n"
+      "frame 7  refused: bad checksum (0x5ae5, computed 0x5ae6)\n");
+}
+
+TEST(ReportTest, JsonIsOneObjectALineWithItsKeysInOrder) {
+  Totals const totals;
+  EXPECT_EQ(reported<JsonReport>(&totals),
+            R"x({"frame":3,"time":10.848741,"record":"join","kind":"(*,G)","source":"0.0.0.0",)x"
+            R"x("group":"239.123.123.123","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"1.1.1.1"})x"
+            "\n"
+            R"x({"frame":12,"time":31.5,"record":"prune","kind":"(S,G,rpt)","source":"2001:db8::1",)x"
+            R"x("group":"ff0e::101","upstream":"fe80::13","holdtime":65535,"flags":5})x"
+            "\n"
+            R"x({"frame":7,"refused":"bad checksum"})x"
+            "\n");
+}
+
+TEST(ReportTest, TotalsCountEntriesByKindAndRefusalsByReason) {
+  Totals totals;
+  totals.frames = 20;
+  totals.messages = 9;
+  totals.entries = {{{1, 2, 3}, {4, 5, 6}}};
+  totals.refused[static_cast<std::size_t>(Reason::badChecksum)] = 2;
+  totals.refused[static_cast<std::size_t>(Reason::leftOver)] = 1;
+  EXPECT_EQ(totals.refusedMessages(), 3u);
+  std::ostringstream out;
+  TextReport(out).totals(totals);
+  EXPECT_EQ(out.str(),
+            "frames                                   20\n"
+            "Join/Prune messages                       9\n"
+            "(S,G) join                                1\n"
+            "(*,G) join                                2\n"
+            "(S,G,rpt) join                            3\n"
+            "(S,G) prune                               4\n"
+            "(*,G) prune                               5\n"
+            "(S,G,rpt) prune                           6\n"
+            "refused messages                          3\n"
+            "  bad checksum                            2\n"
+            "  bytes left over                         1\n");
+}
+
+TEST(ReportTest, AnEmptyLinePartsTheTotalsFromWhatCameBefore) {
+  Totals const totals;
+  EXPECT_NE(reported<TextReport>(&totals).find("0x5ae6)\n\nframes "), std::string::npos);
+}
+
+}  // namespace
+}  // namespace Routing::Pim::Agent
