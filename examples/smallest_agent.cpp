@@ -20,8 +20,8 @@ int main() {
   auto const manager = Vel::create<IO::PamManager>();
   manager->txMessageInfoIs();  // before the first timer fires
   auto const machine =
-      joinPruneMessageSmFactory(status, joinPruneFilterFactory(), pim, Vel::create<RpHashComputeStatus>(), rxJoin,
-                                rxPrune, channel, manager, wheel);
+      joinPruneMessageSmFactory(status, joinPruneFilterFactory(), pim, Vel::create<RpHashComputeStatus>(),
+                                rxJoin, rxPrune, channel, manager, wheel);
   auto const eth0 = pim->pimIntfIs(Dova::IntfId("eth0"));
   eth0->usedAddressWithMaskIs(Dova::IpGenPrefix(Dova::IpGenAddr("10.0.0.1"), 24));
   pim->pimNeighborIs(Dova::IpGenAddr("10.0.0.2"), eth0);

@@ -134,17 +134,22 @@ Vel::Ptr<Packet::JoinPruneStatus> JoinPruneMessageSm::periodicStatus() const {
 template <class Wanted>
 bool JoinPruneMessageSm::openTarget(Target& target, Dova::IpGenAddr const& address, Wanted const& wanted) {
   if (!joinPruneStatus_) return wanted();
-  target.triggered = joinPruneStatus_->triggeredGroupIs(address);
-  if (!wanted()) return false;
-  target.override = joinPruneStatus_->overrideGroupIs(address);
-  if (!wanted()) return false;
-  Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus();
-  if (periodic) target.periodic = periodic->upJoinPruneIs(address);
-  if (!wanted()) return false;
-  // Somebody may have removed the sets and made others.
-  return joinPruneStatus_->triggeredGroup(address) == target.triggered &&
-         joinPruneStatus_->overrideGroup(address) == target.override &&
-         (!periodic || periodic->upJoinPrune(address) == target.periodic);
+  // Somebody may remove a set while another is made; what is there already is found without calling out, so
+  // that the second round mostly is the last. Who removes them for ever gets no machine.
+  for (int round = 0; round < 4; ++round) {
+    target.triggered = joinPruneStatus_->triggeredGroupIs(address);
+    if (!wanted()) return false;
+    target.override = joinPruneStatus_->overrideGroupIs(address);
+    if (!wanted()) return false;
+    Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus();
+    target.periodic = periodic ? periodic->upJoinPruneIs(address) : nullptr;
+    if (!wanted()) return false;
+    if (joinPruneStatus_->triggeredGroup(address) == target.triggered &&
+        joinPruneStatus_->overrideGroup(address) == target.override && periodicStatus() == periodic &&
+        (!periodic || periodic->upJoinPrune(address) == target.periodic))
+      return true;
+  }
+  return false;
 }
 
 // Removes a target's machine and data sets, as long as nobody takes the target up again meanwhile.

@@ -40,6 +40,7 @@ void PeriodicTimerSm::periodicParamsIs(PeriodicParams const& params) {
 
 Vel::Ptr<PeriodicTimerSm::VelPeriodicTimer> PeriodicTimerSm::newPeriodicTimer(
     Vel::Ptr<Zanth::TimerWheel> const& wheel) {
+  PeriodicTimerSm::periodicTimerDel();  // somebody may hold the old one, which must not call back
   periodicTimer_ = Vel::create<VelPeriodicTimer>(this);
   periodicTimer_->notifierIs(wheel);
   periodicTimer_->hasNotificationActiveIs(hasNotificationActive());

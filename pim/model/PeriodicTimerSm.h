@@ -72,7 +72,7 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// Makes the timer on another wheel; none for null. The same wheel: nothing.
   virtual void periodicTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
   virtual void periodicTimerDel();
-  /// Makes the timer. REQUIRES: a wheel.
+  /// Makes the timer, in place of the one that there is. REQUIRES: a wheel.
   Vel::Ptr<VelPeriodicTimer> newPeriodicTimer(Vel::Ptr<Zanth::TimerWheel> const& wheel);
 
   /// Takes the parameters from `interval()` and `numberOfMessages()`; O(1). A running timer is left alone. An

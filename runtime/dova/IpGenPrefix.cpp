@@ -1,5 +1,6 @@
 #include "runtime/dova/IpGenPrefix.h"
 
+#include <algorithm>
 #include <charconv>
 #include <ostream>
 
@@ -29,7 +30,7 @@ bool IpGenPrefix::contains(IpGenAddr const& address) const {
   if (address.af() != address_.af()) return false;
   std::span<U8 const> const ours = address_.bytes(), theirs = address.bytes();
   unsigned const whole = length_ / 8, rest = length_ % 8;
-  if (std::memcmp(ours.data(), theirs.data(), whole) != 0) return false;
+  if (!std::equal(ours.begin(), ours.begin() + whole, theirs.begin())) return false;
   return rest == 0 || ((ours[whole] ^ theirs[whole]) >> (8 - rest)) == 0;
 }
 

@@ -104,19 +104,21 @@
   void foo##NotifyImmediate() const { ::Vel::throwConstInstance(); }
 
 /// The reading half of a collection of entities, for one whose mutators are written by hand:
-/// foo(key), fooCount(), fooIterator(), and the notifications.
-#define VEL_ENTITIES_READ(Key, Element, foo, Foo)                                  \
-  VEL_COLLECTION_NOTIFY(Key, foo, Foo)                                             \
-  using Foo##Iterator = ::Vel::EntityIterator<Key, Element, Element>;              \
-  using Foo##IteratorConst = ::Vel::EntityIterator<Key, Element, Element const>;   \
-  ::Vel::Ptr<Element> foo(Key const& key) { return foo##_.find(key); }             \
-  ::Vel::Ptr<Element const> foo(Key const& key) const { return foo##_.find(key); } \
-  ::Vel::U32 foo##Count() const { return foo##_.size(); }                          \
-  Foo##Iterator foo##Iterator() { return {this, foo##_}; }                         \
-  Foo##IteratorConst foo##Iterator() const { return {this, foo##_}; }              \
-  Foo##IteratorConst foo##IteratorConst() const { return {this, foo##_}; }         \
-                                                                                   \
- private:                                                                          \
+/// foo(key), fooCount(), fooIterator(), fooIteratorAfter(key), and the notifications.
+#define VEL_ENTITIES_READ(Key, Element, foo, Foo)                                             \
+  VEL_COLLECTION_NOTIFY(Key, foo, Foo)                                                        \
+  using Foo##Iterator = ::Vel::EntityIterator<Key, Element, Element>;                         \
+  using Foo##IteratorConst = ::Vel::EntityIterator<Key, Element, Element const>;              \
+  ::Vel::Ptr<Element> foo(Key const& key) { return foo##_.find(key); }                        \
+  ::Vel::Ptr<Element const> foo(Key const& key) const { return foo##_.find(key); }            \
+  ::Vel::U32 foo##Count() const { return foo##_.size(); }                                     \
+  Foo##Iterator foo##Iterator() { return {this, foo##_}; }                                    \
+  Foo##IteratorConst foo##Iterator() const { return {this, foo##_}; }                         \
+  Foo##IteratorConst foo##IteratorConst() const { return {this, foo##_}; }                    \
+  Foo##Iterator foo##IteratorAfter(Key const& key) { return {this, foo##_, key}; }            \
+  Foo##IteratorConst foo##IteratorAfter(Key const& key) const { return {this, foo##_, key}; } \
+                                                                                              \
+ private:                                                                                     \
   ::Vel::EntityMap<Key, Element> foo##_
 
 /// The removing half: fooDel(key) and fooDel(iterator) return the element or null; fooDelAll() removes what
@@ -192,37 +194,38 @@
 
 /// A collection of keys without elements, a HashSet or an OrderedSet: foo(key) says whether the key is there,
 /// fooIs(key) adds and fooDel(key) removes; each returns whether it changed anything, and notifies if so.
-#define VEL_SET(Set, foo, Foo)                                               \
-  VEL_COLLECTION_NOTIFY(Set::Key, foo, Foo)                                  \
-  using Foo##Iterator = ::Vel::SetIterator<Set>;                             \
-  using Foo##IteratorConst = Foo##Iterator;                                  \
-  bool foo(Set::Key const& key) const { return foo##_.contains(key); }       \
-  ::Vel::U32 foo##Count() const { return foo##_.size(); }                    \
-  Foo##Iterator foo##Iterator() const { return {this, foo##_}; }             \
-  Foo##Iterator foo##IteratorConst() const { return {this, foo##_}; }        \
-  bool foo##Is(Set::Key key) {                                               \
-    bool const changed = foo##_.insert(key);                                 \
-    if (changed) foo##Notify(key);                                           \
-    return changed;                                                          \
-  }                                                                          \
-  bool foo##Del(Set::Key key) {                                              \
-    bool const changed = foo##_.remove(key);                                 \
-    if (changed) foo##Notify(key);                                           \
-    return changed;                                                          \
-  }                                                                          \
-  bool foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }        \
-  void foo##DelAll() {                                                       \
-    std::vector<Set::Key> all;                                               \
-    all.reserve(foo##Count());                                               \
-    for (auto i = foo##Iterator(); i; ++i) all.push_back(i.key());           \
-    for (auto const& key : all) foo##Del(key);                               \
-  }                                                                          \
-  bool foo##Is(Set::Key) const { ::Vel::throwConstInstance(); }              \
-  bool foo##Del(Set::Key) const { ::Vel::throwConstInstance(); }             \
-  bool foo##Del(Foo##Iterator const&) const { ::Vel::throwConstInstance(); } \
-  void foo##DelAll() const { ::Vel::throwConstInstance(); }                  \
-                                                                             \
- private:                                                                    \
+#define VEL_SET(Set, foo, Foo)                                                                \
+  VEL_COLLECTION_NOTIFY(Set::Key, foo, Foo)                                                   \
+  using Foo##Iterator = ::Vel::SetIterator<Set>;                                              \
+  using Foo##IteratorConst = Foo##Iterator;                                                   \
+  bool foo(Set::Key const& key) const { return foo##_.contains(key); }                        \
+  ::Vel::U32 foo##Count() const { return foo##_.size(); }                                     \
+  Foo##Iterator foo##Iterator() const { return {this, foo##_}; }                              \
+  Foo##Iterator foo##IteratorConst() const { return {this, foo##_}; }                         \
+  Foo##Iterator foo##IteratorAfter(Set::Key const& key) const { return {this, foo##_, key}; } \
+  bool foo##Is(Set::Key key) {                                                                \
+    bool const changed = foo##_.insert(key);                                                  \
+    if (changed) foo##Notify(key);                                                            \
+    return changed;                                                                           \
+  }                                                                                           \
+  bool foo##Del(Set::Key key) {                                                               \
+    bool const changed = foo##_.remove(key);                                                  \
+    if (changed) foo##Notify(key);                                                            \
+    return changed;                                                                           \
+  }                                                                                           \
+  bool foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }                         \
+  void foo##DelAll() {                                                                        \
+    std::vector<Set::Key> all;                                                                \
+    all.reserve(foo##Count());                                                                \
+    for (auto i = foo##Iterator(); i; ++i) all.push_back(i.key());                            \
+    for (auto const& key : all) foo##Del(key);                                                \
+  }                                                                                           \
+  bool foo##Is(Set::Key) const { ::Vel::throwConstInstance(); }                               \
+  bool foo##Del(Set::Key) const { ::Vel::throwConstInstance(); }                              \
+  bool foo##Del(Foo##Iterator const&) const { ::Vel::throwConstInstance(); }                  \
+  void foo##DelAll() const { ::Vel::throwConstInstance(); }                                   \
+                                                                                              \
+ private:                                                                                     \
   Set foo##_
 
 /// Rows of an attribute table: one that can be set by name, and one that can only be read.

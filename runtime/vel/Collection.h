@@ -122,6 +122,12 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
   EntityIterator(Ptr<Entity const> owner, Map const& map) : owner_(std::move(owner)), map_(&map) {
     arriveAt(map.table().first());
   }
+  /// Begins behind a key, which need not be there: how a walk is resumed that somebody remembers by its last
+  /// key.
+  EntityIterator(Ptr<Entity const> owner, Map const& map, Key const& after)
+      : owner_(std::move(owner)), map_(&map) {
+    arriveAt(map.table().after(EntitySlot<Key, Element>::orderOf(after), after));
+  }
 
   explicit operator bool() const { return static_cast<bool>(current_); }
 
@@ -167,6 +173,9 @@ class HashSet {
   class Cursor {
    public:
     bool first(HashSet const& set) { return arriveAt(set, set.table_.first()); }
+    bool after(HashSet const& set, Key const& key) {
+      return arriveAt(set, set.table_.after(Slot::orderOf(key), key));
+    }
     bool next(HashSet const& set) {
       auto const& table = set.table_;
       return arriveAt(
@@ -216,6 +225,9 @@ class OrderedSet {
   class Cursor {
    public:
     bool first(OrderedSet const& set) { return set.set_ && arriveAt(set, set.set_->begin()); }
+    bool after(OrderedSet const& set, Key const& key) {
+      return set.set_ && arriveAt(set, set.set_->upper_bound(key));
+    }
     bool next(OrderedSet const& set) {
       if (!set.set_) return false;
       return arriveAt(set, set.epoch_ == epoch_ ? std::next(position_) : set.set_->upper_bound(key_));
@@ -265,6 +277,9 @@ class SetIterator : public IteratorRange<SetIterator<Set>> {
   SetIterator() = default;
   SetIterator(Ptr<Entity const> owner, Set const& set)
       : owner_(std::move(owner)), set_(&set), valid_(cursor_.first(set)) {}
+  /// Begins behind a key, which need not be there.
+  SetIterator(Ptr<Entity const> owner, Set const& set, Key const& after)
+      : owner_(std::move(owner)), set_(&set), valid_(cursor_.after(set, after)) {}
 
   explicit operator bool() const { return valid_; }
 

@@ -251,6 +251,41 @@ TEST_F(JoinPruneMessageSmTest, AMachineThatWasKeptGoesWithTheLastOfItsPeriodicSo
   EXPECT_EQ(sets("10.0.0.2"), "-");
 }
 
+TEST_F(JoinPruneMessageSmTest, AnInterfacesMachineStaysWhenItsPeriodicDataRunsEmpty) {
+  intf("eth0", "10.0.0.1/24");
+  start();
+  auto const own = sm("10.0.0.1");
+  auto const g = group(periodic("10.0.0.1"), "239.1.1.1");
+  g->joinedSourceIs(addr("10.9.0.1"));
+  log.clear();
+  g->joinedSourceDel(addr("10.9.0.1"));
+  EXPECT_THAT(log.takeWith("doMaybeDeleteNeighbor"),
+              ElementsAre("[8] JoinPruneMessageSm::doMaybeDeleteNeighbor(10.0.0.1)"));
+  EXPECT_TRUE(sm("10.0.0.1") == own);
+  EXPECT_EQ(sets("10.0.0.1"), "top");
+}
+
+TEST_F(JoinPruneMessageSmTest, ATargetWhoseSetsAreReplacedWhileItIsMadeIsMadeOnTheNewOnes) {
+  class Replacer final : public Packet::JoinPruneStatus::NotifieeConst {
+   public:
+    explicit Replacer(Vel::Ptr<JoinPruneStatus> s) : status(std::move(s)) {}
+    void onUpJoinPrune(Dova::IpGenAddr n) override {
+      if (std::exchange(done, true)) return;
+      status->overrideGroupDel(n);
+      status->overrideGroupIs(n);
+    }
+    Vel::Ptr<JoinPruneStatus> status;
+    bool done = false;
+  };
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  start();
+  auto const replacer = Vel::create<Replacer>(status);
+  replacer->notifierIs(periodicStatus());
+  neighbor("10.0.0.2", eth0);
+  EXPECT_TRUE(replacer->done);
+  EXPECT_TRUE(sm("10.0.0.2")->overrideGroup()->notifier() == override_("10.0.0.2"));
+}
+
 TEST_F(JoinPruneMessageSmTest, ASecondAnnouncementAfterTheGroupsAreGoneDeletesAKeptMachine) {
   auto const eth0 = intf("eth0", "10.0.0.1/24");
   neighbor("10.0.0.2", eth0);

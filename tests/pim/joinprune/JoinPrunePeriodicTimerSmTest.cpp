@@ -155,6 +155,11 @@ TEST_F(JoinPrunePeriodicTimerSmTest, ASliceThatIsCutShortEndsAfterItsRoutesAndTh
   // Ten messages of ten routes were counted; as many again met a deadline and were not.
   EXPECT_LE(manager->messages, 20u);
   EXPECT_GE(manager->messages, 10u);
+  // The next slice is a whole one again.
+  manager->after = nullptr;
+  U32 const before = manager->messages;
+  fire();
+  EXPECT_EQ(manager->messages - before, 10u);
 }
 
 TEST_F(JoinPrunePeriodicTimerSmTest, ChangesBetweenThePartsOfASliceNeitherRestartNorPostponeIt) {

@@ -75,6 +75,17 @@ TEST_F(ReceiveTest, JoinsAreWrittenFieldByFieldAndTheHeaderOncePerGroup) {
   EXPECT_EQ(rxPrune->holdTime(), 210.0);
 }
 
+TEST_F(ReceiveTest, TheHeaderIsWrittenAnewForEachGroup) {
+  add("239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  add("239.1.1.2")->joinedSourceIs(addr("10.9.0.1"));
+  start();
+  joinLog->hook = [&] {
+    if (rxJoin->rxCount() == 1) rxJoin->upstreamNeighborIs(addr("10.0.0.99"));
+  };
+  receive();
+  EXPECT_EQ(std::count(writes.begin(), writes.end(), "join.upstreamNeighbor=10.0.0.13"), 2);
+}
+
 TEST_F(ReceiveTest, AHoldTimeOf210OnANewRecordNotifiesNobody) {
   data->holdTimeIs(210);
   add("239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));

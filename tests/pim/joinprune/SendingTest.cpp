@@ -325,6 +325,49 @@ TEST_P(SendingTest, AManagerMayTakeTheWorldDownFromInsideTheSend) {
   }
 }
 
+TEST_P(SendingTest, AMachineThatIsRetiredInsideTheSendSaysNothingMore) {
+  addGroups(3);
+  manager->perMessage = 1;
+  manager->before = [&](PacketManager&) {
+    pim->pimNeighborDel(addr(N));
+    log.clear();
+  };
+  fire();
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
+// Writing the hold time calls out, and whoever is called may be quicker.
+class HoldTimeHook final : public Packet::JoinPruneData::NotifieeConst {
+ public:
+  explicit HoldTimeHook(std::function<void()> act) : act_(std::move(act)) {}
+  void onHoldTime() override { act_(); }
+
+ private:
+  std::function<void()> act_;
+};
+
+TEST_P(SendingTest, ATimerThatIsArmedWhileTheHoldTimeIsWrittenIsNotMoved) {
+  Seconds armed = 0;
+  auto const hook = Vel::create<HoldTimeHook>([&] {
+    addGroups(2);  // arms it
+    armed = timeMin();
+    time += 0.01;
+  });
+  hook->notifierIs(data());
+  addGroups(1);
+  EXPECT_NE(armed, Vel::never);
+  EXPECT_EQ(timeMin(), armed);
+}
+
+TEST_P(SendingTest, AMachineThatIsRetiredWhileTheHoldTimeIsWrittenArmsNothing) {
+  auto const hook = Vel::create<HoldTimeHook>([&] { pim->pimNeighborDel(addr(N)); });
+  hook->notifierIs(data());
+  group(data(), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  EXPECT_EQ(wheel->armedCount(), 0u);
+  EXPECT_EQ(timeMin(), Vel::never);
+}
+
 TEST_P(SendingTest, EachSourceIsHandedOverOnceWithTheDatasHoldTime) {
   auto const g = group(data(), "239.1.1.1");
   g->joinedSourceIs(addr("10.9.0.1"));
