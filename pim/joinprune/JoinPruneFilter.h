@@ -15,6 +15,9 @@ namespace Routing::Pim {
 ///   };
 class VEL_API JoinPruneFilter : public Vel::Entity {
  public:
+  class NotifieeConst : public Vel::ReactorOn<JoinPruneFilter> {};
+  using Notifiee = Vel::WritableReactor<NotifieeConst, JoinPruneFilter>;
+
   /// Asked once for each group of a message, after the group's (S,G) entries have been recorded.
   virtual bool deny(Dova::IpGenAddr const& group) const;
 };

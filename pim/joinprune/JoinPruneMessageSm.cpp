@@ -85,10 +85,14 @@ void JoinPruneMessageSm::handleInitialized() {
 }
 
 void JoinPruneMessageSm::doTeardown() {
+  // First it turns deaf, so that nobody can make it take up anything new while it goes.
+  retire();
+  if (pimStatus_) unhook(*pimStatus_);
+  if (rxMessageInfo_) unhook(*rxMessageInfo_);
   pimIntfDelAll();
   joinPruneNeighborSmDelAll();
-  auto const unhookAll = [](auto const&... reactors) { ((reactors ? unhook(*reactors) : void()), ...); };
-  unhookAll(pimStatus_, rxMessageInfo_, pimPamManager_, timerWheel_);
+  if (pimPamManager_) unhook(*pimPamManager_);
+  if (timerWheel_) unhook(*timerWheel_);
 }
 
 // doTeardown() has normally emptied everything; if it failed half-way, nothing may point back here.
@@ -108,11 +112,14 @@ void JoinPruneMessageSm::velVisitReactors(ReactorVisitor const& visit) {
 }
 
 Vel::Ptr<Packet::JoinPruneMessage> JoinPruneMessageSm::txMessageIs() {
-  if (!txMessage_) {
-    txMessage_ = Vel::create<Packet::JoinPruneMessage>();
-    velDeliver<NotifieeConst>(txMessageId, [](NotifieeConst& r) { r.onTxMessage(); });
-  }
-  return txMessage_;
+  return txMessage_ ? txMessage_ : newTxMessage();
+}
+
+Vel::Ptr<Packet::JoinPruneMessage> JoinPruneMessageSm::newTxMessage() {
+  auto const made = Vel::create<Packet::JoinPruneMessage>();
+  txMessage_ = made;
+  velDeliver<NotifieeConst>(txMessageId, [](NotifieeConst& r) { r.onTxMessage(); });
+  return made;
 }
 
 // --- Targets
@@ -133,7 +140,7 @@ Vel::Ptr<Packet::JoinPruneStatus> JoinPruneMessageSm::periodicStatus() const {
 // False if the target was not wanted any more on the way.
 template <class Wanted>
 bool JoinPruneMessageSm::openTarget(Target& target, Dova::IpGenAddr const& address, Wanted const& wanted) {
-  if (!joinPruneStatus_) return wanted();
+  if (!joinPruneStatus_ || !wanted()) return wanted();
   // Somebody may remove a set while another is made; what is there already is found without calling out, so
   // that the second round mostly is the last. Who removes them for ever gets no machine.
   for (int round = 0; round < 4; ++round) {
@@ -192,19 +199,36 @@ Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::joinPruneNeighborSmIs(
     requireSameParameter("_txMessage", txMessage, present->txMessage());
     return present;
   }
-  Vel::Ptr<JoinPruneMessageSm> const keep(this);
+  Hold const hold(this);
+  auto const sm =
+      newJoinPruneNeighborSm(parentSm, neighborAddr, neighbor, intf, triggeredGroup, overrideGroup,
+                             periodicGroup, timerWheel, overrideInterval, pimPamManager, txMessage);
+  try {
+    sm->velStart();
+  } catch (...) {
+    joinPruneNeighborSmDel(neighborAddr);  // half a machine is worse than none
+    throw;
+  }
+  if (joinPruneNeighborSm_.find(neighborAddr) == sm.get()) joinPruneNeighborSmNotify(neighborAddr);
+  return sm;
+}
+
+Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::newJoinPruneNeighborSm(
+    JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
+    Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
+    Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
+    Vel::Ptr<Zanth::TimerWheel> timerWheel, double const& overrideInterval,
+    Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage) {
   auto const sm = Vel::valid(Vel::create<JoinPruneNeighborSm>(
       parentSm, neighborAddr, neighbor, intf, triggeredGroup, overrideGroup, periodicGroup, timerWheel,
       overrideInterval, pimPamManager, txMessage));
-  sm->Machine::hasNotificationActiveIs(hasNotificationActive());
   joinPruneNeighborSm_.insert(sm);
-  sm->velStart();
-  if (joinPruneNeighborSm_.find(neighborAddr) == sm.get()) joinPruneNeighborSmNotify(neighborAddr);
   return sm;
 }
 
 Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::joinPruneNeighborSmDel(
     Dova::IpGenAddr const& neighborAddr) {
+  Hold const hold(this);
   Vel::Ptr<JoinPruneNeighborSm> const removed = joinPruneNeighborSm_.remove(neighborAddr);
   if (removed) {
     removed->velRetire();
@@ -219,6 +243,7 @@ Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::joinPruneNeighborSmDel(
 }
 
 void JoinPruneMessageSm::joinPruneNeighborSmDelAll() {
+  Hold const hold(this);
   for (auto const& sm : joinPruneNeighborSm_.elements())
     if (joinPruneNeighborSm_.find(sm->neighborAddr()) == sm.get()) joinPruneNeighborSmDel(sm->neighborAddr());
 }
@@ -244,6 +269,7 @@ void JoinPruneMessageSm::handleNeighbor(Dova::IpGenAddr const& changed) {
   JOIN_PRUNE_BLOCK_TIMER();
   Hold const hold(this);
   Dova::IpGenAddr const address = changed;
+  if (hold.gone()) return;
   JOIN_PRUNE_TRACE(8, this, '(' << address << ')');
   Vel::Ptr<Neighbor const> const neighbor = listedNeighbor(address);
   if (!neighbor) {
@@ -310,6 +336,8 @@ void JoinPruneMessageSm::VelPimStatus::onPimIntfvelImmediate() {
 void JoinPruneMessageSm::VelPimStatus::onPimIntf(Dova::IntfId intfId) {
   JoinPruneMessageSm* const sm = joinPruneMessageSm();
   if (!sm || isZombie()) return;
+  Hold const hold(sm);
+  if (hold.gone()) return;
   Vel::Ptr<Status const> const status = notifier();
   if (Vel::Ptr<Intf const> const intf = status ? status->pimIntf(intfId) : nullptr)
     sm->pimIntfIs(intf);
@@ -333,7 +361,7 @@ void JoinPruneMessageSm::syncPimIntf() {
 
 Vel::Ptr<JoinPruneMessageSm::VelPimIntf> JoinPruneMessageSm::pimIntfIs(Vel::Ptr<Intf const> const& intf) {
   if (!intf) Vel::throwNullParameter("_pimIntf", "Routing::Pim::JoinPruneMessageSm::pimIntf");
-  Vel::Ptr<JoinPruneMessageSm> const keep(this);
+  Hold const hold(this);
   Vel::Ptr<VelPimIntf> reactor(pimIntf_.find(intf->intfId()));
   if (reactor) {
     if (reactor->notifier() == intf) return reactor;
@@ -343,16 +371,21 @@ Vel::Ptr<JoinPruneMessageSm::VelPimIntf> JoinPruneMessageSm::pimIntfIs(Vel::Ptr<
     reactor->hasNotificationActiveIs(hasNotificationActive());
     // In its place before it calls out, so that nobody makes a second one.
     pimIntf_.insert(reactor);
-    reactor->handleNew();
+    try {
+      reactor->handleNew();
+    } catch (...) {
+      pimIntfDel(reactor->velKey());  // a reactor without its machine would never make one
+      throw;
+    }
   }
   if (pimIntf_.find(reactor->velKey()) == reactor.get()) pimIntfNotify(reactor->velKey());
   return reactor;
 }
 
 Vel::Ptr<JoinPruneMessageSm::VelPimIntf> JoinPruneMessageSm::pimIntfDel(Dova::IntfId const& intfId) {
+  Hold const hold(this);
   Vel::Ptr<VelPimIntf> const removed = pimIntf_.remove(intfId);
   if (!removed) return nullptr;
-  Vel::Ptr<JoinPruneMessageSm> const keep(this);
   unhook(*removed);
   pimIntfNotify(removed->velKey());
   return removed;
@@ -363,6 +396,7 @@ Vel::Ptr<JoinPruneMessageSm::VelPimIntf> JoinPruneMessageSm::pimIntfDel(PimIntfI
 }
 
 void JoinPruneMessageSm::pimIntfDelAll() {
+  Hold const hold(this);
   for (auto const& reactor : pimIntf_.elements())
     if (pimIntf_.find(reactor->velKey()) == reactor.get()) pimIntfDel(reactor->velKey());
 }
@@ -381,6 +415,10 @@ void JoinPruneMessageSm::VelPimIntf::notifierIs(Vel::Ptr<Intf const> const& intf
   Owned::notifierIs(intf);
   handleDel();
   if (live()) handleNew();
+}
+
+bool JoinPruneMessageSm::VelPimIntf::live() const {
+  return joinPruneMessageSm() && !isZombie() && notifier() && !Hold(joinPruneMessageSm()).gone();
 }
 
 void JoinPruneMessageSm::VelPimIntf::onUsedAddressWithMask() {
@@ -455,7 +493,7 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
 void JoinPruneMessageSm::VelPimIntf::deleteJoinPruneSm(Dova::IpGenAddr const& oldAddress) {
   JoinPruneMessageSm* const sm = joinPruneMessageSm();
   if (!sm) return;
-  Vel::Ptr<JoinPruneMessageSm> const keep(sm);
+  Hold const hold(sm);
   Dova::IpGenAddr const address = oldAddress;
   sm->closeTarget(address, [&] { return sm->joinPruneNeighborSm(address) != nullptr; });
 }

@@ -15,12 +15,11 @@
 // input, or TimerWheel::expire().
 //
 //   auto machine = joinPruneMessageSmFactory(status, filter, pimStatus, rpHash, rxJoin, rxPrune, channel,
-//   manager,
-//                                            wheel);
-//   manager->txMessageInfoIs();                       // before the first timer fires
-//   pimStatus->pimNeighborIs(address, intf);          // the machine for this neighbor exists when this
-//   returns status->triggeredGroup(address)->joinPruneGroupDataIs(group)->joinedSourceIs(source);  // goes
-//   out in 0.1 s
+//                                            manager, wheel);
+//   manager->txMessageInfoIs();               // before the first timer fires
+//   pimStatus->pimNeighborIs(address, intf);  // the machine for this neighbor exists when this returns
+//   auto group = status->triggeredGroup(address)->joinPruneGroupDataIs(groupAddress);
+//   group->joinedSourceIs(source);            // goes out in 0.1 s
 #pragma once
 
 #include "pim/joinprune/JoinPruneFilter.h"
@@ -152,7 +151,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
     void deleteJoinPruneSm(Dova::IpGenAddr const& address);
 
    private:
-    bool live() const { return joinPruneMessageSm() && !isZombie() && notifier(); }
+    bool live() const;
 
     Dova::IntfId const intfId_;
     Dova::IpGenAddr address_;
@@ -181,6 +180,9 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   /// Returns it, made if it is missing.
   Vel::Ptr<Packet::JoinPruneMessage> txMessageIs();
   Vel::Ptr<Packet::JoinPruneMessage> txMessageIs() const { Vel::throwConstInstance(); }
+  /// Makes it anew.
+  Vel::Ptr<Packet::JoinPruneMessage> newTxMessage();
+  Vel::Ptr<Packet::JoinPruneMessage> newTxMessage() const { Vel::throwConstInstance(); }
 
   /// Whether the neighbor machines check their route counts against their data. Meant for hunting a caller
   /// that breaks the rules: a wrong count stops the process, and each check walks all groups.
@@ -206,10 +208,28 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
       Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
       Vel::Ptr<Zanth::TimerWheel> timerWheel, double const& overrideInterval,
       Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
+  /// Makes the machine of a target and puts it in its place, without telling anybody. REQUIRES: there is none.
+  Vel::Ptr<JoinPruneNeighborSm> newJoinPruneNeighborSm(
+      JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
+      Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
+      Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
+      Vel::Ptr<Zanth::TimerWheel> timerWheel, double const& overrideInterval,
+      Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
   /// Removes and retires the machine of a target; its data sets stay. The removed machine, or null.
   Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(Dova::IpGenAddr const& neighborAddr);
   Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(JoinPruneNeighborSmIterator const& i);
   void joinPruneNeighborSmDelAll();
+  Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmIs(
+      JoinPruneMessageSm*, Dova::IpGenAddr const&, Vel::Ptr<Neighbor const>, Vel::Ptr<Intf const>,
+      Vel::Ptr<Packet::JoinPruneData>, Vel::Ptr<Packet::JoinPruneData>, Vel::Ptr<Packet::JoinPruneData>,
+      Vel::Ptr<Zanth::TimerWheel>, double const&, Vel::Ptr<IO::PamManager>,
+      Vel::Ptr<Packet::JoinPruneMessage>) const {
+    Vel::throwConstInstance();
+  }
+  Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(Dova::IpGenAddr const&) const {
+    Vel::throwConstInstance();
+  }
+  void joinPruneNeighborSmDelAll() const { Vel::throwConstInstance(); }
 
   /// Finds the interface's reactor, points it at `intf` if it watches another object, or makes it. Null
   /// throws the invalid-argument exception "null _pimIntf parameter to mutator for ...".
@@ -219,6 +239,9 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   Vel::Ptr<VelPimIntf> pimIntfDel(Dova::IntfId const& intfId);
   Vel::Ptr<VelPimIntf> pimIntfDel(PimIntfIterator const& i);
   void pimIntfDelAll();
+  Vel::Ptr<VelPimIntf> pimIntfIs(Vel::Ptr<Intf const> const&) const { Vel::throwConstInstance(); }
+  Vel::Ptr<VelPimIntf> pimIntfDel(Dova::IntfId const&) const { Vel::throwConstInstance(); }
+  void pimIntfDelAll() const { Vel::throwConstInstance(); }
 
   // --- Reactions and steps
   // ---------------------------------------------------------------------------------------
@@ -247,7 +270,8 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
       Vel::Ptr<JoinPruneMessageInfo> const& rxPrune, Vel::Ptr<IO::MessageInfo> const& rxMessageInfo,
       Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Zanth::TimerWheel> const& timerWheel);
 
-  /// The second half of construction, apart because it calls out: the interfaces, then `handleInitialized()`.
+  /// The second half of construction, apart because it calls out: the interfaces, then `handleInitialized()`. The
+  /// factory calls it, once.
   void velStart();
 
  protected:

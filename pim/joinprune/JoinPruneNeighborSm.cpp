@@ -87,6 +87,9 @@ struct JoinPruneNeighborSm::Triggered {
     sm.triggeredGroupDataNotify(group);
   }
   static auto& timer(JoinPruneNeighborSm& sm) { return sm.triggeredTimer_; }
+  static void notifyTimer(JoinPruneNeighborSm& sm) {
+    sm.velDeliver<NotifieeConst>(triggeredTimerId, [](NotifieeConst& r) { r.onTriggeredTimer(); });
+  }
   static Seconds delay(JoinPruneNeighborSm const& sm) { return sm.triggeredInterval_; }
 };
 
@@ -104,6 +107,9 @@ struct JoinPruneNeighborSm::Override {
     sm.overrideGroupDataNotify(group);
   }
   static auto& timer(JoinPruneNeighborSm& sm) { return sm.overrideTimer_; }
+  static void notifyTimer(JoinPruneNeighborSm& sm) {
+    sm.velDeliver<NotifieeConst>(overrideTimerId, [](NotifieeConst& r) { r.onOverrideTimer(); });
+  }
   static Seconds delay(JoinPruneNeighborSm const& sm) { return randomDelay(sm.overrideInterval_); }
 };
 
@@ -197,13 +203,13 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAdd
 
   if constexpr (Channel::counted) {
     if (Kind::present(*groupData, source)) {
-      sm->numPeriodicRoutesInc(1);
+      if (sm->counted_) sm->numPeriodicRoutesInc(1);
       JOIN_PRUNE_TRACE_AS(7, subject, handler.data(),
                           '(' << source << "), added, sources: " << sm->numPeriodicRoutes());
       return;
     }
     JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << "), Deleted");
-    sm->numPeriodicRoutesDec(1);
+    if (sm->counted_) sm->numPeriodicRoutesDec(1);
   } else {
     JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << ')');
     if (Kind::present(*groupData, source)) {
@@ -233,14 +239,14 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleWcSource() {
     if (wildcard) {
       if (wcSourceSet_) return;
       wcSourceSet_ = true;  // before the count calls out
-      sm->numPeriodicRoutesInc(1);
+      if (sm->counted_) sm->numPeriodicRoutesInc(1);
       JOIN_PRUNE_TRACE(7, subject,
                        '(' << wildcard->address() << "), added, sources: " << sm->numPeriodicRoutes());
       return;
     }
     JOIN_PRUNE_TRACE(7, subject, "(*,G), Deleted");
     wcSourceSet_ = false;
-    sm->numPeriodicRoutesDec(1);  // Kept: also if the entry was never counted.
+    if (sm->counted_) sm->numPeriodicRoutesDec(1);  // Kept: also if the entry itself was never counted.
   } else {
     if (wildcard) {
       sm->doUpdateTimer<Channel>();
@@ -421,16 +427,25 @@ void JoinPruneNeighborSm::doUpdateOverrideTimer() { doUpdateTimer<Override>(); }
 void JoinPruneNeighborSm::handleTriggeredTimerExpiry() { handleTimerExpiry<Triggered>(); }
 void JoinPruneNeighborSm::handleOverrideTimerExpiry() { handleTimerExpiry<Override>(); }
 
-void JoinPruneNeighborSm::triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
-  auto const displaced = std::exchange(triggeredTimer_, reactorOn<VelTriggeredTimer>(wheel, this));
-  if (displaced) unhook(*displaced);
-  velDeliver<NotifieeConst>(triggeredTimerId, [](NotifieeConst& r) { r.onTriggeredTimer(); });
+template <class Channel>
+void JoinPruneNeighborSm::timerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
+  auto& timer = Channel::timer(*this);
+  if (retired() || (timer ? timer->notifier() == wheel : !wheel)) return;
+  using Timer = typename std::remove_reference_t<decltype(timer)>::Element;
+  auto const displaced = std::exchange(timer, reactorOn<Timer>(wheel, this));
+  if (timer) timer->hasNotificationActiveIs(hasNotificationActive());
+  if (displaced) {
+    displaced->timeMinIs(Vel::never);
+    unhook(*displaced);
+  }
+  Channel::notifyTimer(*this);
 }
 
+void JoinPruneNeighborSm::triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
+  timerIs<Triggered>(wheel);
+}
 void JoinPruneNeighborSm::overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
-  auto const displaced = std::exchange(overrideTimer_, reactorOn<VelOverrideTimer>(wheel, this));
-  if (displaced) unhook(*displaced);
-  velDeliver<NotifieeConst>(overrideTimerId, [](NotifieeConst& r) { r.onOverrideTimer(); });
+  timerIs<Override>(wheel);
 }
 
 Vel::Ptr<IO::MessageInfo> JoinPruneNeighborSm::txMessageInfoIs() {
@@ -492,19 +507,26 @@ void JoinPruneNeighborSm::handleInitialized() {
   Vel::Ptr<Zanth::TimerWheel> const wheel = timerWheel_ ? timerWheel_->notifier() : nullptr;
   triggeredTimerIs(wheel);
   overrideTimerIs(wheel);
+  if (hold.gone()) return;
   doUpdateTriggeredTimer();
   doUpdateOverrideTimer();
   if (hold.gone()) return;
   joinPrunePeriodicTimerSmIs(wheel, this, loopQuantum_, periodic, intf_,
                              pimPamManager_ ? pimPamManager_->notifier() : nullptr, txMessage_);
-  if (periodic) {
-    for (auto i = periodic->joinPruneGroupDataIterator(); i && !hold.gone(); ++i) {
-      // The (*,G) entry is counted here, so its reactor must not count it again when the record is replaced.
-      if (VelPeriodicGroupData* const reactor =
-              i->wcSourceData() ? periodicGroupData_.find(i.key()) : nullptr)
-        reactor->wcSourceSetIs(true);
+  if (periodic)
+    for (auto i = periodic->joinPruneGroupDataIterator(); i && !hold.gone(); ++i)
       numPeriodicRoutesInc(i->routes());
+  // Whoever was called so far may have changed what there is, so the last word is the data's. From here on the
+  // sources are counted one by one, and a (*,G) entry that is in the count is not counted again.
+  counted_ = true;
+  U32 sum = 0;
+  if (periodic && !hold.gone()) {
+    for (auto i = periodic->joinPruneGroupDataIterator(); i; ++i) {
+      sum += i->routes();
+      if (VelPeriodicGroupData* const reactor = periodicGroupData_.find(i.key()))
+        reactor->wcSourceSetIs(i->wcSourceData() != nullptr);
     }
+    numPeriodicRoutesIs(sum);
   }
   if (hold.gone()) return;
   JOIN_PRUNE_TRACE(2, this, "(), total number of periodic joins and prunes is " << numPeriodicRoutes_);
@@ -512,7 +534,7 @@ void JoinPruneNeighborSm::handleInitialized() {
 }
 
 void JoinPruneNeighborSm::velRetire() {
-  if (!retire()) return;
+  retire();
   auto const unhookAll = [](auto const&... reactors) { ((reactors ? unhook(*reactors) : void()), ...); };
   for (auto i = triggeredGroupDataIterator(); i; ++i) unhook(*i);
   for (auto i = overrideGroupDataIterator(); i; ++i) unhook(*i);
@@ -552,14 +574,23 @@ Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPruneNeighborSm::joinPrunePeriodicTimerSm
     Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
     Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
     Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage) {
-  if (!joinPrunePeriodicTimerSm_) {
-    joinPrunePeriodicTimerSm_ = joinPrunePeriodicTimerSmFactory(
-        timerWheel, parentSm, loopQuantum, periodicGroup, intf, pimPamManager, txMessage);
-    joinPrunePeriodicTimerSm_->hasNotificationActiveIs(hasNotificationActive());
-    velDeliver<NotifieeConst>(joinPrunePeriodicTimerSmId,
-                              [](NotifieeConst& r) { r.onJoinPrunePeriodicTimerSm(); });
-  }
-  return joinPrunePeriodicTimerSm_;
+  if (joinPrunePeriodicTimerSm_) return joinPrunePeriodicTimerSm_;
+  auto const made = newJoinPrunePeriodicTimerSm(timerWheel, parentSm, loopQuantum, periodicGroup, intf,
+                                                pimPamManager, txMessage);
+  velDeliver<NotifieeConst>(joinPrunePeriodicTimerSmId,
+                            [](NotifieeConst& r) { r.onJoinPrunePeriodicTimerSm(); });
+  return made;
+}
+
+Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPruneNeighborSm::newJoinPrunePeriodicTimerSm(
+    Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
+    Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
+    Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage) {
+  auto const made = joinPrunePeriodicTimerSmFactory(timerWheel, parentSm, loopQuantum, periodicGroup, intf,
+                                                    pimPamManager, txMessage);
+  made->hasNotificationActiveIs(hasNotificationActive());
+  joinPrunePeriodicTimerSm_ = made;
+  return made;
 }
 
 void JoinPruneNeighborSm::joinPrunePeriodicTimerSmDel() {
@@ -587,18 +618,26 @@ void JoinPruneNeighborSm::reconcile() {
 }
 
 template <class Channel>
+auto JoinPruneNeighborSm::newGroupData(Vel::Ptr<GroupData> const& groupData) {
+  auto const reactor = Vel::create<typename Channel::GroupReactor>(groupData, this);
+  Channel::groupData(*this).insert(reactor);
+  reactor->hasNotificationActiveIs(hasNotificationActive());
+  return reactor;
+}
+
+template <class Channel>
 auto JoinPruneNeighborSm::groupDataIs(Vel::Ptr<GroupData> const& groupData) {
   using Reactor = typename Channel::GroupReactor;
   if (!groupData) Vel::throwNullParameter(Channel::parameter, Channel::mutator);
+  Hold const hold(this);
   Vel::Ptr<Reactor> reactor(Channel::groupData(*this).find(groupData->group()));
   if (reactor && reactor->notifier() == groupData) return reactor;
   if (reactor) {
     reactor->notifierIs(groupData);
+    reactor->hasNotificationActiveIs(hasNotificationActive());
   } else {
-    reactor = Vel::create<Reactor>(groupData, this);
-    Channel::groupData(*this).insert(reactor);
+    reactor = newGroupData<Channel>(groupData);
   }
-  reactor->hasNotificationActiveIs(hasNotificationActive());
   Channel::notify(*this, groupData->group());
   return reactor;
 }
@@ -615,21 +654,22 @@ auto JoinPruneNeighborSm::groupDataDel(Dova::IpGenAddr const& group) {
 
 template <class Channel>
 void JoinPruneNeighborSm::groupDataDelAll() {
+  Hold const hold(this);
   for (auto const& reactor : Channel::groupData(*this).elements())
     if (Channel::groupData(*this).find(reactor->velKey()) == reactor.get())
       groupDataDel<Channel>(reactor->velKey());
 }
 
-#define JOIN_PRUNE_GROUP_DATA(Channel, foo, Foo)                                                          \
-  Vel::Ptr<JoinPruneNeighborSm::Vel##Foo> JoinPruneNeighborSm::foo##Is(Vel::Ptr<GroupData> const& data) { \
-    return groupDataIs<Channel>(data);                                                                    \
-  }                                                                                                       \
-  Vel::Ptr<JoinPruneNeighborSm::Vel##Foo> JoinPruneNeighborSm::foo##Del(Dova::IpGenAddr const& group) {   \
-    return groupDataDel<Channel>(group);                                                                  \
-  }                                                                                                       \
-  Vel::Ptr<JoinPruneNeighborSm::Vel##Foo> JoinPruneNeighborSm::foo##Del(Foo##Iterator const& i) {         \
-    return groupDataDel<Channel>(i.key());                                                                \
-  }                                                                                                       \
+#define JOIN_PRUNE_GROUP_DATA(Channel, foo, Foo)                                                           \
+  Vel::Ptr<JoinPruneNeighborSm::Vel##Foo> JoinPruneNeighborSm::foo##Is(Vel::Ptr<GroupData> const& data) {  \
+    return groupDataIs<Channel>(data);                                                                     \
+  }                                                                                                        \
+  Vel::Ptr<JoinPruneNeighborSm::Vel##Foo> JoinPruneNeighborSm::new##Foo(Vel::Ptr<GroupData> const& data) { \
+    return newGroupData<Channel>(data);                                                                    \
+  }                                                                                                        \
+  Vel::Ptr<JoinPruneNeighborSm::Vel##Foo> JoinPruneNeighborSm::foo##Del(Dova::IpGenAddr const& group) {    \
+    return groupDataDel<Channel>(group);                                                                   \
+  }                                                                                                        \
   void JoinPruneNeighborSm::foo##DelAll() { groupDataDelAll<Channel>(); }
 JOIN_PRUNE_GROUP_DATA(Triggered, triggeredGroupData, TriggeredGroupData)
 JOIN_PRUNE_GROUP_DATA(Override, overrideGroupData, OverrideGroupData)
@@ -668,7 +708,7 @@ void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
   }
   JOIN_PRUNE_TRACE(7, this, '(' << group << "): Deleted");
   if (hold.gone() || (groups && groups->joinPruneGroupDataCount() != 0)) return;
-  if (numPeriodicRoutes_ != 0) {
+  if (counted_ && numPeriodicRoutes_ != 0) {
     // A group was removed before its sources: what this machine counts is no longer what there is.
     JOIN_PRUNE_TRACE(1, this, '(' << group << "), Num routes: " << numPeriodicRoutes_);
     VEL_ASSERT(JOIN_PRUNE_SOURCE, false);

@@ -18,9 +18,8 @@ class JoinPruneMessageSm;
 /// them in three ways:
 ///
 ///   triggered   what a route change calls for (RFC 7761, 4.5): `triggeredInterval` after the first change
-///   override    joins that override a prune seen on the LAN (RFC 7761, 4.5, t_override): after a random
-///   delay periodic    the standing state (RFC 7761, 4.5, t_periodic): every interval, by
-///   JoinPrunePeriodicTimerSm
+///   override    joins that override a prune seen on the LAN (RFC 7761, 4.5, t_override): after a random delay
+///   periodic    the standing state (RFC 7761, 4.5, t_periodic): every interval, by JoinPrunePeriodicTimerSm
 ///
 /// Triggered and override entries leave their set as they are sent; their disappearance is what tells this
 /// machine that they went out. A group that is empty then is removed from its set, and with it the machine's
@@ -249,13 +248,11 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
 
   /// Longest time that one expiry may spend sending, in seconds. The periodic machine keeps the value that it
   /// was made with.
-  VEL_VALUE(Seconds, loopQuantum, LoopQuantum)
-  = 0.1;
+  VEL_SECONDS(loopQuantum, LoopQuantum) = 0.1;
 
   /// Delay from the first triggered change to its message, in seconds; takes effect when the timer is armed
   /// next.
-  VEL_VALUE(Seconds, triggeredInterval, TriggeredInterval)
-  = 0.1;
+  VEL_SECONDS(triggeredInterval, TriggeredInterval) = 0.1;
 
   /// The reactors of the groups, by group address.
   VEL_ENTITIES_READ(Dova::IpGenAddr, VelTriggeredGroupData, triggeredGroupData, TriggeredGroupData);
@@ -277,25 +274,34 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   U32 numPeriodicRoutesDec(U32 n) { return numPeriodicRoutesInc(0u - n); }
   U32 numPeriodicRoutesDec(U32) const { Vel::throwConstInstance(); }
 
-  /// Finds the group's reactor, points it at `groupData` if it watches another object, or makes it. Null
-  /// throws the invalid-argument exception "null _triggeredGroupData parameter to mutator for ...".
-  Vel::Ptr<VelTriggeredGroupData> triggeredGroupDataIs(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
-  Vel::Ptr<VelOverrideGroupData> overrideGroupDataIs(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
-  Vel::Ptr<VelPeriodicGroupData> periodicGroupDataIs(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
-  /// Unhooks and removes a group's reactor; the route count stays as it is. The removed reactor, or null.
-  Vel::Ptr<VelTriggeredGroupData> triggeredGroupDataDel(Dova::IpGenAddr const& group);
-  Vel::Ptr<VelTriggeredGroupData> triggeredGroupDataDel(TriggeredGroupDataIterator const& i);
-  void triggeredGroupDataDelAll();
-  Vel::Ptr<VelOverrideGroupData> overrideGroupDataDel(Dova::IpGenAddr const& group);
-  Vel::Ptr<VelOverrideGroupData> overrideGroupDataDel(OverrideGroupDataIterator const& i);
-  void overrideGroupDataDelAll();
-  Vel::Ptr<VelPeriodicGroupData> periodicGroupDataDel(Dova::IpGenAddr const& group);
-  Vel::Ptr<VelPeriodicGroupData> periodicGroupDataDel(PeriodicGroupDataIterator const& i);
-  void periodicGroupDataDelAll();
+  /// fooIs(groupData) finds the group's reactor, points it at `groupData` if it watches another object, or makes
+  /// it; null throws the invalid-argument exception "null _foo parameter to mutator for ...". newFoo(groupData)
+  /// makes it, silently; REQUIRES: the group has none. fooDel unhooks and removes a group's reactor and returns
+  /// it, or null; the route count stays as it is.
+#define JOIN_PRUNE_GROUP_DATA(foo, Foo)                                                    \
+  Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);       \
+  Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {          \
+    Vel::throwConstInstance();                                                             \
+  }                                                                                        \
+  Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);      \
+  Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {         \
+    Vel::throwConstInstance();                                                             \
+  }                                                                                        \
+  Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const& group);                               \
+  Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const&) const { Vel::throwConstInstance(); } \
+  Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }        \
+  void foo##DelAll();                                                                      \
+  void foo##DelAll() const { Vel::throwConstInstance(); }
+  JOIN_PRUNE_GROUP_DATA(triggeredGroupData, TriggeredGroupData)
+  JOIN_PRUNE_GROUP_DATA(overrideGroupData, OverrideGroupData)
+  JOIN_PRUNE_GROUP_DATA(periodicGroupData, PeriodicGroupData)
+#undef JOIN_PRUNE_GROUP_DATA
 
-  /// Make a channel's timer on a wheel; null removes it.
+  /// Make a channel's timer on a wheel; the same wheel is nothing, null removes the timer.
   void triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  void triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const&) const { Vel::throwConstInstance(); }
   void overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  void overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const&) const { Vel::throwConstInstance(); }
 
   /// Finds the periodic machine, or makes it.
   Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmIs(
@@ -303,12 +309,20 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
       Seconds const& loopQuantum, Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
       Vel::Ptr<Intf const> const& intf, Vel::Ptr<IO::PamManager> const& pimPamManager,
       Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
+  /// Makes it, silently. REQUIRES: there is none.
+  Vel::Ptr<JoinPrunePeriodicTimerSm> newJoinPrunePeriodicTimerSm(
+      Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm,
+      Seconds const& loopQuantum, Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
+      Vel::Ptr<Intf const> const& intf, Vel::Ptr<IO::PamManager> const& pimPamManager,
+      Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
   /// Retires and removes it.
   void joinPrunePeriodicTimerSmDel();
+  void joinPrunePeriodicTimerSmDel() const { Vel::throwConstInstance(); }
 
   /// The manager's transmit record, made if it is missing. Without a manager it throws "null ValidPtr". The
   /// agent calls this before the first timer fires: the expiries never make the record.
   Vel::Ptr<IO::MessageInfo> txMessageInfoIs();
+  Vel::Ptr<IO::MessageInfo> txMessageInfoIs() const { Vel::throwConstInstance(); }
 
   // --- Reactions and steps
   // ---------------------------------------------------------------------------------------
@@ -356,7 +370,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
 
   /// The second half of construction, apart because it calls out: a reactor for each group that is there,
   /// then `handleInitialized()`. The owner has put the machine into its collection before, so that whoever is
-  /// called can find it, and take it away.
+  /// called can find it, and take it away. Called once.
   void velStart();
 
   /// Lets go of everything that could call this machine: timers are disarmed, reactors lose their back
@@ -375,6 +389,10 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   void reconcile();
   template <class Channel>
   void forward(bool active);
+  template <class Channel>
+  void timerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  template <class Channel>
+  auto newGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
   template <class Channel>
   auto groupDataIs(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
   template <class Channel>
@@ -404,6 +422,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Vel::Ptr<VelOverrideTimer> overrideTimer_;
   Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSm_;
   U32 numPeriodicRoutes_ = 0;
+  bool counted_ = false;  // the start-up count is complete; until then no change of a source moves the count
 };
 
 /// Makes a working machine with a count of 1. Any pointer may be null: no data, nothing to do; no wheel, no

@@ -17,6 +17,10 @@ Vel::Ptr<JoinPrunePeriodicTimerSm const> JoinPrunePeriodicTimerSm::NotifieeConst
   return Vel::dynamicCast<JoinPrunePeriodicTimerSm const>(PeriodicTimerSm::NotifieeConst::notifier());
 }
 
+Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPrunePeriodicTimerSm::Notifiee::notifier() const {
+  return Vel::Ptr<JoinPrunePeriodicTimerSm>(static_cast<JoinPrunePeriodicTimerSm*>(velNotifier()));
+}
+
 JoinPrunePeriodicTimerSm::JoinPrunePeriodicTimerSm(Vel::Ptr<Zanth::TimerWheel> const& timerWheel,
                                                    JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
                                                    Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
@@ -86,15 +90,16 @@ void JoinPrunePeriodicTimerSm::doResetHoldTime() {
 void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
   JOIN_PRUNE_BLOCK_TIMER();
   Hold const hold(this);
-  JOIN_PRUNE_TRACE(8, subject(this), "()");
-  if (!initialized_ || hold.gone()) return;
-
-  Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer();
-  Vel::Ptr<Zanth::TimerWheel> const wheel = timer ? timer->notifier() : nullptr;
-  auto const now = [&wheel] { return wheel ? wheel->now() : 0; };
-  Seconds const deadline = now() + loopQuantum_;
+  U64 count = 0;
   {
     Sending const sending(*this);
+    JOIN_PRUNE_TRACE(8, subject(this), "()");
+    if (!initialized_ || hold.gone()) return;
+
+    Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer();
+    Vel::Ptr<Zanth::TimerWheel> const wheel = timer ? timer->notifier() : nullptr;
+    auto const now = [&wheel] { return wheel ? wheel->now() : 0; };
+    Seconds const deadline = now() + loopQuantum_;
     Vel::Ptr<IO::MessageInfo> const info = pimPamManager_ ? pimPamManager_->txMessageInfo() : nullptr;
     if (info) {
       info->joinPruneMessageIs(txMessage_);
@@ -103,26 +108,27 @@ void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
     if (txMessage_) txMessage_->joinPruneDataIs(periodicGroup_);
     if (hold.gone()) return;
 
-    while (routesDone() < routesLeftInSlice()) {
+    while (count < routesLeftInSlice()) {
       if (txMessage_) txMessage_->reportIs({});
       if (info && !hold.gone()) info->countInc(1);
       if (hold.gone()) return;
+      // Without a message or a transmit record this was a step without progress.
       Packet::JoinPruneMessage::Report const report =
           txMessage_ ? txMessage_->report() : Packet::JoinPruneMessage::Report();
-      bool const done = (report.sources == 0 && report.skipped() == 0) || now() >= deadline;
-      if (done) {
+      U64 const step = report.sources + report.skipped();
+      routesDoneInc(step);
+      if (step == 0 || now() >= deadline) {
         JOIN_PRUNE_TRACE(7, subject(this),
-                         "(): Suspending TX after " << routesDone() << " groups, " << report.sources
-                                                    << " sources, " << report.suppressedSources
-                                                    << " suppressed sources, " << report.filteredSources
-                                                    << " filtered sources");
+                         "(): Suspending TX after " << count << " groups, " << report.sources << " sources, "
+                                                    << report.suppressedSources << " suppressed sources, "
+                                                    << report.filteredSources << " filtered sources");
         break;
       }
-      routesDoneInc(report.sources + report.skipped());
+      count += step;
     }
   }
-  // Kept: a first step that meets the deadline, with nothing counted yet, ends the slice.
-  if (routesDone() == 0 || routesDone() >= routesLeftInSlice()) {
+  // Kept: the last step is not counted here, so a first step that meets the deadline ends the slice.
+  if (count == 0 || count >= routesLeftInSlice()) {
     JOIN_PRUNE_TRACE(7, subject(this), "(): Finished TX");
     if (!hold.gone()) doUpdatePeriodicTimer();
   } else {
@@ -156,8 +162,14 @@ void JoinPrunePeriodicTimerSm::initializedIs(bool initialized) {
 
 Vel::AttributeTable const& JoinPrunePeriodicTimerSm::attributeTable() const {
   using Self = JoinPrunePeriodicTimerSm;
-  static Vel::AttributeTable const table{VEL_ROW(interval), VEL_ROW(holdTime), VEL_ROW(numberOfMessages),
-                                         VEL_ROW(initialized)};
+  static Vel::AttributeTable const table = [] {
+    Vel::AttributeTable rows = baseAttributes();
+    rows.insert(rows.end(),
+                {VEL_ROW(interval), VEL_ROW(holdTime), VEL_ROW(numberOfMessages), VEL_ROW(initialized),
+                 VEL_ROW_FIXED(parentSm), VEL_ROW_FIXED(loopQuantum), VEL_ROW_FIXED(periodicGroup),
+                 VEL_ROW_FIXED(intf), VEL_ROW_FIXED(pimPamManager), VEL_ROW_FIXED(txMessage)});
+    return rows;
+  }();
   return table;
 }
 

@@ -10,18 +10,25 @@ namespace Routing::Pim {
 class JoinPruneNeighborSm;
 
 /// Refreshes the periodic joins and prunes of one neighbor machine at the interface's Join/Prune interval
-/// (RFC 7761, 4.5.2: t_periodic). The pacing is the base's; this machine knows the interval, the routes and
+/// (RFC 7761, 4.5.4, 4.5.5: t_periodic). The pacing is the base's; this machine knows the interval, the routes and
 /// how to send.
 ///
 /// The periodic data is not emptied by sending: the packet manager sends another part of it with each
 /// message, and the count of what it reports ends the slice.
 class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
  public:
+  /// The base's attribute comes first.
   enum Attribute : Vel::AttributeId {
     intervalId = PeriodicTimerSm::periodicParamsId + 1,
     holdTimeId,
     numberOfMessagesId,
-    initializedId
+    initializedId,
+    parentSmId,
+    loopQuantumId,
+    periodicGroupId,
+    intfId,
+    pimPamManagerId,
+    txMessageId
   };
 
   class NotifieeConst : public PeriodicTimerSm::NotifieeConst {
@@ -31,6 +38,18 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
     virtual void onHoldTime() { handleNotification(holdTimeId); }
     virtual void onNumberOfMessages() { handleNotification(numberOfMessagesId); }
     virtual void onInitialized() { handleNotification(initializedId); }
+  };
+  /// The same with a writable notifier.
+  class Notifiee : public NotifieeConst {
+   public:
+    Vel::Ptr<JoinPrunePeriodicTimerSm> notifier() const;
+    virtual void notifierIs(Vel::Ptr<JoinPrunePeriodicTimerSm> const& sm) { velNotifierIs(sm.get()); }
+    /// A const view cannot become a writable notifier: throws "attempting to modify a const instance".
+    void notifierIs(Vel::Ptr<PeriodicTimerSm const> const& sm) final {
+      if (sm) Vel::throwConstInstance();
+      notifierIs(Vel::Ptr<JoinPrunePeriodicTimerSm>());
+    }
+    void notifierIs(std::nullptr_t) { notifierIs(Vel::Ptr<JoinPrunePeriodicTimerSm>()); }
   };
 
   /// Constructs only; `joinPrunePeriodicTimerSmFactory` is what makes a working machine. The parent is not
@@ -55,13 +74,13 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
   void handleInitialized() override;
 
   /// Cached values, for observers; nothing here reads them.
-  void intervalIs(U32 interval);
+  virtual void intervalIs(U32 interval);
   void intervalIs(U32) const { Vel::throwConstInstance(); }
-  void holdTimeIs(U16 holdTime);
+  virtual void holdTimeIs(U16 holdTime);
   void holdTimeIs(U16) const { Vel::throwConstInstance(); }
-  void numberOfMessagesIs(U32 numberOfMessages);
+  virtual void numberOfMessagesIs(U32 numberOfMessages);
   void numberOfMessagesIs(U32) const { Vel::throwConstInstance(); }
-  void initializedIs(bool initialized);
+  virtual void initializedIs(bool initialized);
   void initializedIs(bool) const { Vel::throwConstInstance(); }
 
   /// The neighbor machine, or null once it has let go of this one.

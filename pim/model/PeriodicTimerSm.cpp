@@ -83,7 +83,7 @@ void PeriodicTimerSm::doReschedulePeriodicTimer() {
   Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer_;
   if (!timer) return;
   U64 const bound = routesLeftInSlice();
-  left_ = bound > done_ ? bound - done_ : wholeSlice;
+  left_ = bound > done_ ? bound - done_ : 0;
   timer->timeMinIs(timer->notifier()->now() + rescheduleDelay);
 }
 
@@ -94,9 +94,11 @@ void PeriodicTimerSm::VelPeriodicTimer::onTime() {
 void PeriodicTimerSm::handleTimer() {
   Hold const hold(this);
   Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer_;
-  done_ = 0;  // in case it fails before it sends
   try {
-    doResetHoldTime();
+    {
+      Sending const sending(*this);
+      doResetHoldTime();
+    }
     if (timer->periodicTimerSm() == this) handlePeriodicTimerExpiry();
   } catch (...) {
     // The refresh must not end with the first failure, whatever it was.
@@ -104,6 +106,14 @@ void PeriodicTimerSm::handleTimer() {
     throw;
   }
 }
+
+Vel::AttributeTable const& PeriodicTimerSm::baseAttributes() {
+  using Self = PeriodicTimerSm;
+  static Vel::AttributeTable const table{VEL_ROW_FIXED(periodicParams)};
+  return table;
+}
+
+Vel::AttributeTable const& PeriodicTimerSm::attributeTable() const { return baseAttributes(); }
 
 std::ostream& operator<<(std::ostream& os, PeriodicTimerSm::PeriodicParams const& params) {
   return os << "Interval: " << params.interval << ", Routes/Interval: " << params.routes;

@@ -62,6 +62,7 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   virtual void handlePeriodicTimerExpiry() = 0;
   virtual bool initialized() const = 0;
   void handleInitialized() override;
+  Vel::AttributeTable const& attributeTable() const override;
 
   PeriodicParams periodicParams() const { return periodicParams_; }
   virtual void periodicParamsIs(PeriodicParams const& params);
@@ -71,9 +72,14 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   Vel::Ptr<VelPeriodicTimer> periodicTimer() const { return periodicTimer_; }
   /// Makes the timer on another wheel; none for null. The same wheel: nothing.
   virtual void periodicTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  void periodicTimerIs(Vel::Ptr<Zanth::TimerWheel> const&) const { Vel::throwConstInstance(); }
   virtual void periodicTimerDel();
+  void periodicTimerDel() const { Vel::throwConstInstance(); }
   /// Makes the timer, in place of the one that there is. REQUIRES: a wheel.
   Vel::Ptr<VelPeriodicTimer> newPeriodicTimer(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  Vel::Ptr<VelPeriodicTimer> newPeriodicTimer(Vel::Ptr<Zanth::TimerWheel> const&) const {
+    Vel::throwConstInstance();
+  }
 
   /// Takes the parameters from `interval()` and `numberOfMessages()`; O(1). A running timer is left alone. An
   /// idle one is armed if there are routes: a slice's interval after the previous deadline, or after now if
@@ -104,13 +110,15 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   explicit PeriodicTimerSm(Vel::Ptr<Zanth::TimerWheel> const& wheel);
   ~PeriodicTimerSm() override;
 
+  /// The rows with which a derived machine's table begins.
+  static Vel::AttributeTable const& baseAttributes();
+
   void doTeardown() override;
   void velVisitReactors(ReactorVisitor const& visit) override;
 
   /// How many routes this expiry may refresh: the slice, or what an earlier expiry has left of it.
   U64 routesLeftInSlice() const { return std::min<U64>(periodicParams_.routes, left_); }
-  /// How many routes this expiry has dealt with.
-  U64 routesDone() const { return done_; }
+  /// Reports what a message has dealt with, the one that ran into the quantum's end included.
   void routesDoneInc(U64 n) { done_ += n; }
 
  private:

@@ -9,6 +9,9 @@ namespace Routing::Pim {
 /// Tells which RP serves a group (RFC 7761, 4.7). The agent derives from it.
 class VEL_API RpHashComputeStatus : public Vel::Entity {
  public:
+  class NotifieeConst : public Vel::ReactorOn<RpHashComputeStatus> {};
+  using Notifiee = Vel::WritableReactor<NotifieeConst, RpHashComputeStatus>;
+
   /// The RP that the local hash selects for `group`; `rp` is the one that a received message names. The
   /// answer must be an address: one of unknown family stops the process. This base has no RP set to choose
   /// from and agrees with the message.

@@ -1,8 +1,9 @@
 // Assertions that hold in every build type: an invariant that is broken must not forward packets.
 #pragma once
 
-extern "C" [[noreturn]] void __assert_fail(char const* expression, char const* file, unsigned line,
-                                           char const* function) noexcept(true);
+// As <assert.h> declares it, which does so only without NDEBUG; hence no [[noreturn]], which must come first.
+extern "C" __attribute__((noreturn)) void __assert_fail(char const* expression, char const* file,
+                                                        unsigned line, char const* function) noexcept(true);
 
 /// Prints "<program>: <source>:<line>: <function>: Assertion `<expression>' failed." and aborts, unless the
 /// expression holds. `source` is the name that the code is known by in the field, not a path.

@@ -55,6 +55,20 @@
  private:                                                                                                    \
   Type foo##_
 
+/// As VEL_VALUE for a time in seconds: NaN, which equals nothing and orders with nothing, throws
+/// InvalidArgumentException.
+#define VEL_SECONDS(foo, Foo)                                                                                \
+ public:                                                                                                     \
+  ::Vel::Seconds foo() const { return foo##_; }                                                              \
+  void foo##Is(::Vel::Seconds value) {                                                                       \
+    if (std::isnan(value)) throw ::Vel::InvalidArgumentException(#foo " cannot be NaN");                     \
+    this->template velValueIs<NotifieeConst>(foo##_, value, foo##Id, [](NotifieeConst& r) { r.on##Foo(); }); \
+  }                                                                                                          \
+  void foo##Is(::Vel::Seconds) const { ::Vel::throwConstInstance(); }                                        \
+                                                                                                             \
+ private:                                                                                                    \
+  ::Vel::Seconds foo##_
+
 /// As VEL_VALUE for a number that counts, with fooInc(n) and fooDec(n): modulo 2^32, and they return the new
 /// value.
 #define VEL_COUNTER(foo, Foo)                                            \
@@ -134,6 +148,7 @@
     return foo##Del(i.key());                                                               \
   }                                                                                         \
   void foo##DelAll() {                                                                      \
+    Keep const keep(this);                                                                  \
     for (auto const& element : foo##_.elements())                                           \
       if (foo##_.find(element->velKey()) == element.get()) foo##Del(element->velKey());     \
   }                                                                                         \
@@ -215,6 +230,7 @@
   }                                                                                           \
   bool foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }                         \
   void foo##DelAll() {                                                                        \
+    Keep const keep(this);                                                                    \
     std::vector<Set::Key> all;                                                                \
     all.reserve(foo##Count());                                                                \
     for (auto i = foo##Iterator(); i; ++i) all.push_back(i.key());                            \

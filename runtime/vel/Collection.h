@@ -53,8 +53,12 @@ class EntityMap {
   using Table = HashTable<EntitySlot<Key, Element>>;
 
   EntityMap() = default;
+  /// The elements are not to be found here any more while they are released.
   ~EntityMap() {
-    for (U32 i = table_.first(); i != Table::end(); i = table_.next(i)) table_.at(i).element()->deleteRef();
+    Table released;
+    released.swap(table_);
+    for (U32 i = released.first(); i != Table::end(); i = released.next(i))
+      released.at(i).element()->deleteRef();
   }
 
   Element* find(Key const& key) const {
@@ -119,13 +123,12 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
   using Map = EntityMap<Key, Element>;
 
   EntityIterator() = default;
-  EntityIterator(Ptr<Entity const> owner, Map const& map) : owner_(std::move(owner)), map_(&map) {
+  EntityIterator(Entity const* owner, Map const& map) : owner_(owner), map_(&map) {
     arriveAt(map.table().first());
   }
   /// Begins behind a key, which need not be there: how a walk is resumed that somebody remembers by its last
   /// key.
-  EntityIterator(Ptr<Entity const> owner, Map const& map, Key const& after)
-      : owner_(std::move(owner)), map_(&map) {
+  EntityIterator(Entity const* owner, Map const& map, Key const& after) : owner_(owner), map_(&map) {
     arriveAt(map.table().after(EntitySlot<Key, Element>::orderOf(after), after));
   }
 
@@ -156,7 +159,7 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
     current_ = position == Map::Table::end() ? nullptr : Ptr<Element>(map_->table().at(position).element());
   }
 
-  Ptr<Entity const> owner_;
+  Entity::Keep owner_;
   Map const* map_ = nullptr;
   Ptr<Element> current_;
   U32 position_ = 0;
@@ -275,11 +278,10 @@ class SetIterator : public IteratorRange<SetIterator<Set>> {
   using Key = typename Set::Key;
 
   SetIterator() = default;
-  SetIterator(Ptr<Entity const> owner, Set const& set)
-      : owner_(std::move(owner)), set_(&set), valid_(cursor_.first(set)) {}
+  SetIterator(Entity const* owner, Set const& set) : owner_(owner), set_(&set), valid_(cursor_.first(set)) {}
   /// Begins behind a key, which need not be there.
-  SetIterator(Ptr<Entity const> owner, Set const& set, Key const& after)
-      : owner_(std::move(owner)), set_(&set), valid_(cursor_.after(set, after)) {}
+  SetIterator(Entity const* owner, Set const& set, Key const& after)
+      : owner_(owner), set_(&set), valid_(cursor_.after(set, after)) {}
 
   explicit operator bool() const { return valid_; }
 
@@ -294,7 +296,7 @@ class SetIterator : public IteratorRange<SetIterator<Set>> {
   }
 
  private:
-  Ptr<Entity const> owner_;
+  Entity::Keep owner_;
   Set const* set_ = nullptr;
   typename Set::Cursor cursor_;
   bool valid_ = false;

@@ -6,12 +6,12 @@ SnapshotIterator::SnapshotIterator(Entity const& entity) {
   Reactor* const first = entity.notifiees_;
   if (!first) return;
   U32 count = 0;
-  for (Reactor* r = first;;) {
-    ++count;
-    if ((r = r->next_) == first) break;
-  }
+  Reactor* r = first;
+  do count += r->isRegisteredNotifiee();
+  while ((r = r->next_) != first);
   if (count > inlineCapacity) reactors_ = new Reactor*[count];
-  for (Reactor* r = first; count_ < count; r = r->next_) {
+  for (; count_ < count; r = r->next_) {
+    if (!r->isRegisteredNotifiee()) continue;
     r->newRef();
     reactors_[count_++] = r;
   }
@@ -22,9 +22,12 @@ SnapshotIterator::~SnapshotIterator() {
   if (reactors_ != inline_) delete[] reactors_;
 }
 
-Entity::~Entity() {
+// doDetach() has normally been called; a constructor that threw has not come so far.
+Entity::~Entity() { Entity::doDetach(); }
+
+void Entity::doDetach() noexcept {
   while (Reactor* const reactor = notifiees_) {
-    reactor->Reactor::isRegisteredNotifieeIs(false);
+    reactor->unlink();
     reactor->notifier_ = nullptr;
   }
 }

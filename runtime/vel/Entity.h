@@ -65,20 +65,53 @@ class VEL_API Entity : public Counted {
   /// Calls `onZeroReferences()` on each reactor, before destruction.
   void zeroReferencesIs(bool zero) override;
 
+  /// A reference for as long as something runs or stands: a delivery, a handler, an iterator. It is counted
+  /// apart as well, so that one can tell an entity that somebody has from one that is merely still in use.
+  class Keep {
+   public:
+    Keep() = default;
+    explicit Keep(Entity const* entity) : entity_(entity) { take(); }
+    Keep(Keep const& other) : entity_(other.entity_) { take(); }
+    Keep(Keep&& other) noexcept : entity_(std::exchange(other.entity_, nullptr)) {}
+    Keep& operator=(Keep other) noexcept {
+      std::swap(entity_, other.entity_);
+      return *this;
+    }
+    ~Keep() {
+      if (!entity_) return;
+      --entity_->keeps_;
+      entity_->deleteRef();
+    }
+
+   private:
+    void take() const {
+      if (!entity_) return;
+      entity_->newRef();
+      ++entity_->keeps_;
+    }
+
+    Entity const* entity_ = nullptr;
+  };
+
  protected:
   Entity() = default;
-  /// Reactors that are still registered are detached: their notifier reads null.
   ~Entity() override;
+
+  /// Reactors that did not keep the entity are detached: their notifier reads null.
+  void doDetach() noexcept override;
+
+  /// True if somebody refers to this entity, and not only what runs or stands at the moment.
+  bool velReferred() const { return references() > keeps_; }
 
   /// Calls `call(reactor)` on each reactor of type R in a snapshot, each under its own guard, and keeps this
   /// entity alive meanwhile. `id` is what a throwing reactor is told.
   template <class R, class Call>
   void velDeliver(AttributeId id, Call const& call) {
     if (!notifiees_) return;
-    Ptr<Entity> const keep(this);
+    Keep const keep(this);
     if (notifiees_->next_ == notifiees_) {
       Ptr<Reactor> const only(notifiees_);
-      velCall<R>(*only, id, call);
+      if (only->isRegisteredNotifiee()) velCall<R>(*only, id, call);
       return;
     }
     for (SnapshotIterator i(*this); i; ++i) velCall<R>(*i, id, call);
@@ -88,7 +121,7 @@ class VEL_API Entity : public Counted {
   template <class R, class KeyCall, class Call>
   void velDeliverKey(AttributeId id, KeyCall const& keyCall, Call const& call) {
     if (!notifiees_) return;
-    Ptr<Entity> const keep(this);
+    Keep const keep(this);
     for (SnapshotIterator i(*this); i; ++i) {
       velCall<R>(*i, id, keyCall);
       velCall<R>(*i, id, call);
@@ -122,6 +155,7 @@ class VEL_API Entity : public Counted {
     }
   }
 
+  mutable U32 keeps_ = 0;
   Reactor* notifiees_ = nullptr;  // the first of a ring in the order of registration
 };
 

@@ -14,6 +14,7 @@
 // (Collection.h), a pointer with its hash.
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <new>
 #include <utility>
@@ -34,6 +35,14 @@ class HashTable {
   HashTable(HashTable const&) = delete;
   HashTable& operator=(HashTable const&) = delete;
   ~HashTable() { delete[] slots_; }
+
+  void swap(HashTable& other) noexcept {
+    std::swap(slots_, other.slots_);
+    std::swap(size_, other.size_);
+    std::swap(epoch_, other.epoch_);
+    std::swap(low_, other.low_);
+    std::swap(bits_, other.bits_);
+  }
 
   U32 size() const { return size_; }
 
@@ -65,6 +74,7 @@ class HashTable {
       U32 const next = (hole + 1) & mask();
       if (next == hole || !slots_[next].used() || displacement(next) == 0) break;
       slots_[hole] = std::move(slots_[next]);
+      low_ = std::min(low_, hole);  // a chain that ran over to the front draws later entries after it
       hole = next;
     }
     slots_[hole] = Slot();
@@ -78,7 +88,9 @@ class HashTable {
   /// The first one; `end()` if there is none.
   U32 first() const {
     if (size_ == 0) return end();
-    return nextUsed(wrapped());
+    U32 const position = nextUsed(std::max(wrapped(), low_));
+    if (position <= mask()) low_ = position;
+    return position;
   }
 
   /// The position behind `position` in an unchanged table.
@@ -153,6 +165,7 @@ class HashTable {
   void place(Slot slot) {
     U32 index =
         search(slot.order(), slot.key(), [](bool less, bool equal) { return less && !equal; }) & mask();
+    low_ = std::min(low_, index);
     while (slots_[index].used()) {
       std::swap(slots_[index], slot);
       index = (index + 1) & mask();
@@ -169,6 +182,7 @@ class HashTable {
     Slot* const old = std::exchange(slots_, slots);
     std::size_t const count = old ? std::size_t{1} << bits_ : 0;
     bits_ = bits;
+    low_ = 0;
     for (std::size_t i = 0; i < count; ++i)
       if (old[i].used()) place(std::move(old[i]));
     delete[] old;
@@ -183,8 +197,10 @@ class HashTable {
 
   Slot* slots_ = nullptr;
   U32 size_ = 0;
-  U32 bits_ : 6 = 0;  // log2 of the number of buckets
-  U32 epoch_ : 26 = 0;
+  U32 epoch_ = 0;
+  mutable U32 low_ =
+      0;         // no slot before this is in use but those that ran over; spares a drain the empty front
+  U8 bits_ = 0;  // log2 of the number of buckets
 };
 
 /// How a set of keys stores a key. The general form; Dova::IpGenAddr has a denser one.

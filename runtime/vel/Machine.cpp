@@ -3,13 +3,13 @@
 namespace Vel {
 
 void Machine::hasNotificationActiveIs(bool active) {
-  Ptr<Machine> const keep(this);
+  Keep const keep(this);
   active_ = active;
   velVisitReactors([active](Reactor& reactor) { reactor.hasNotificationActiveIs(active); });
 }
 
 void Machine::velDoZombieReactors(bool zombie) {
-  Ptr<Machine> const keep(this);
+  Keep const keep(this);
   velVisitReactors([zombie](Reactor& reactor) { reactor.velDoZombieReactors(zombie); });
 }
 

@@ -11,20 +11,20 @@ namespace Vel {
 /// pointers are cleared before the machine lets go of a reactor, so that a late notification finds no owner.
 class VEL_API Machine : public Entity {
  public:
-  /// Keeps a machine's memory while one of its handlers calls out. Everything that a handler calls may end
-  /// the machine, so each handler that calls out holds its machine and asks `gone()` before it goes on.
-  class VEL_API Hold {
+  /// Keeps a machine's memory while one of its handlers calls out. Everything that a handler calls may end the
+  /// machine, so each handler that calls out holds its machine and asks `gone()` before it goes on.
+  class Hold {
    public:
-    explicit Hold(Machine* machine) : machine_(machine) { ++machine->holds_; }
+    explicit Hold(Machine const* machine) : machine_(machine), keep_(machine) {}
     Hold(Hold const&) = delete;
     Hold& operator=(Hold const&) = delete;
-    ~Hold() { --machine_->holds_; }
 
-    /// True once the machine was retired, or when nobody refers to it but handlers that are running.
-    bool gone() const { return machine_->retired_ || machine_->references() <= machine_->holds_; }
+    /// True once the machine was retired, or when nobody has it but what is running.
+    bool gone() const { return machine_->retired_ || !machine_->velReferred(); }
 
    private:
-    Ptr<Machine> machine_;
+    Machine const* machine_;
+    Keep keep_;
   };
 
   /// Switches the callbacks of all nested reactors on (the default) or off, those that come later included.
@@ -49,7 +49,6 @@ class VEL_API Machine : public Entity {
   bool retire() { return !std::exchange(retired_, true); }
 
  private:
-  U32 holds_ = 0;
   bool active_ = true;
   bool retired_ = false;
 };

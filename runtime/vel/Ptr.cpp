@@ -20,15 +20,18 @@ void Counted::zeroReferencesIs(bool) {}
 
 void Counted::doTeardown() {}
 
+void Counted::doDetach() noexcept {}
+
 void Counted::handleZeroRef() {
   word_ |= zeroHandlingBit;
-  zeroReferencesIs(true);
-  if (references() == 0) try {
-      doTeardown();
-    } catch (...) {
-      // Out of memory at worst; the destructors release what is left.
-    }
+  try {
+    zeroReferencesIs(true);
+    if (references() == 0) doTeardown();
+  } catch (...) {
+    // Out of memory at worst; the destructors release what is left.
+  }
   if (references() == 0) {
+    doDetach();
     delete this;
     return;
   }

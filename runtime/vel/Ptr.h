@@ -34,7 +34,8 @@ VEL_API void threadSafeIs(bool on);
 /// An object with a reference count. A new one has a count of 1, which belongs to its creator.
 ///
 /// At zero, in this order: `zeroReferencesIs(true)`; then, if nobody took a reference that lasts,
-/// `doTeardown()` while the object is whole; then, if still nobody did, destruction. A reference that is
+/// `doTeardown()` while the object is whole; then, if still nobody did, `doDetach()` and destruction. What the
+/// first two throw is swallowed, since a reference may be dropped anywhere. A reference that is
 /// taken and dropped meanwhile changes nothing; one that is kept revives the object
 /// (`zeroReferencesIs(false)`).
 class VEL_API Counted {
@@ -74,6 +75,9 @@ class VEL_API Counted {
   /// The last chance to call out: runs after `zeroReferencesIs(true)`, outside the destructor, so that
   /// overrides and members are all there. It may run again if somebody revives the object in the middle.
   virtual void doTeardown();
+
+  /// Lets go of whatever could still find this object; follows `doTeardown()`, when there is no way back.
+  virtual void doDetach() noexcept;
 
   bool zombie() const { return (word_ & zombieBit) != 0; }
   void zombieIs(bool zombie) { word_ = zombie ? word_ | zombieBit : word_ & ~zombieBit; }

@@ -23,7 +23,7 @@ std::string currentError() {
 Reactor::~Reactor() { velNotifierIs(nullptr); }
 
 // Before the derived parts go: a callback must not find a half-destroyed reactor.
-void Reactor::doTeardown() { velNotifierIs(nullptr); }
+void Reactor::doDetach() noexcept { velNotifierIs(nullptr); }
 
 void Reactor::hasNotificationActiveIs(bool active) {
   flags_ = active ? flags_ & ~inactive : flags_ | inactive;
@@ -41,6 +41,15 @@ void Reactor::isNondestructingIs(bool on) {
   if (on == isNondestructing()) return;
   flags_ ^= nondestructing;
   if (!notifier_) return;
+  if (!isRegisteredNotifiee()) {
+    // Who does not keep the notifier must be found when it goes, registered or not.
+    if (on) {
+      link();
+      flags_ |= unregistered;
+    } else {
+      unlink();
+    }
+  }
   if (on)
     notifier_->deleteRef();
   else
@@ -49,17 +58,27 @@ void Reactor::isNondestructingIs(bool on) {
 
 void Reactor::isRegisteredNotifieeIs(bool registered) {
   if (registered == isRegisteredNotifiee() || !notifier_) return;
+  unlink();
+  if (registered || isNondestructing()) link();
+  if (!registered && isNondestructing()) flags_ |= unregistered;
+}
+
+// At the end of the notifier's list.
+void Reactor::link() {
   Reactor*& first = notifier_->notifiees_;
-  if (registered) {
-    if (!first) {
-      previous_ = next_ = first = this;
-      return;
-    }
-    next_ = first;
-    previous_ = first->previous_;
-    previous_->next_ = next_->previous_ = this;
+  if (!first) {
+    previous_ = next_ = first = this;
     return;
   }
+  next_ = first;
+  previous_ = first->previous_;
+  previous_->next_ = next_->previous_ = this;
+}
+
+void Reactor::unlink() {
+  flags_ &= ~unregistered;
+  if (!next_) return;
+  Reactor*& first = notifier_->notifiees_;
   if (next_ == this) {
     first = nullptr;
   } else {
@@ -74,9 +93,9 @@ bool Reactor::velNotifierIs(Entity* notifier) {
   if (notifier == notifier_) return false;
   // Raised before the old one is dropped, which may end it and call out.
   if (notifier && !isNondestructing()) notifier->newRef();
-  Reactor::isRegisteredNotifieeIs(false);
+  unlink();
   Entity* const old = std::exchange(notifier_, notifier);
-  Reactor::isRegisteredNotifieeIs(true);
+  if (notifier_) link();
   if (old && !isNondestructing()) old->deleteRef();
   return true;
 }
@@ -90,11 +109,11 @@ void Reactor::onNotification() {}
 void Reactor::onCollectionNotification(std::string_view) { onNotification(); }
 
 void Reactor::onNotificationException() {
-  VEL_TRACE(frameTrace(), 1, "Vel", "", name() << ": " << currentError());
+  VEL_TRACE(frameTrace(), 1, "Vel", __func__, name() << ": " << currentError());
 }
 
 void Reactor::onNotificationException(AttributeId id) {
-  VEL_TRACE(frameTrace(), 1, "Vel", "", name() << ", attribute " << id << ": " << currentError());
+  VEL_TRACE(frameTrace(), 1, "Vel", __func__, name() << ", attribute " << id << ": " << currentError());
 }
 
 void Reactor::handleNotificationException(AttributeId id) noexcept {

@@ -1,6 +1,6 @@
 // Reactors: objects that are told when an entity changes.
 //
-// Every entity type T has a reactor base T::NotifieeConst with one callback per attribute (see Entity.h), and
+// Every entity type T has a reactor base T::NotifieeConst with one callback per attribute (see Attribute.h), and
 // T::Notifiee, the same with a writable notifier. Derive, override what you need, create on the heap, point
 // it at an entity:
 //
@@ -51,7 +51,7 @@ class VEL_API Reactor : public Counted {
 
   /// Puts this reactor into its notifier's list (at the end) or takes it out, without changing the notifier.
   virtual void isRegisteredNotifieeIs(bool registered);
-  bool isRegisteredNotifiee() const { return next_ != nullptr; }
+  bool isRegisteredNotifiee() const { return next_ && (flags_ & unregistered) == 0; }
 
   /// A name for traces; the type's unless overridden.
   virtual std::string name() const;
@@ -87,7 +87,7 @@ class VEL_API Reactor : public Counted {
 
  protected:
   Reactor() = default;
-  void doTeardown() override;
+  void doDetach() noexcept override;
 
   Entity* velNotifier() const { return notifier_; }
   /// Points the reactor at another entity or at none, and registers it there. False if it is the same one.
@@ -99,6 +99,10 @@ class VEL_API Reactor : public Counted {
 
   static constexpr U32 inactive = 1;
   static constexpr U32 nondestructing = 2;
+  static constexpr U32 unregistered = 4;  // in the list only to be detached when the notifier goes
+
+  void link();
+  void unlink();
 
   /// Whether a pass over `entity`'s reactors still concerns this one. One that was unbound in the pass is
   /// called all the same, as one that was only unregistered.
@@ -108,7 +112,7 @@ class VEL_API Reactor : public Counted {
 
   U32 flags_ = 0;
   Entity* notifier_ = nullptr;
-  Reactor* previous_ = nullptr;  // neighbors in the notifier's list, a ring; null while not registered
+  Reactor* previous_ = nullptr;  // neighbors in the notifier's list, a ring; null while in none
   Reactor* next_ = nullptr;
 };
 
@@ -133,7 +137,7 @@ class WritableReactor : public Base {
   /// A const view cannot become a writable notifier: throws "attempting to modify a const instance".
   void notifierIs(Ptr<T const> const& entity) final {
     if (entity) throwConstInstance();
-    this->velNotifierIs(nullptr);
+    notifierIs(Ptr<T>());
   }
   void notifierIs(std::nullptr_t) { notifierIs(Ptr<T>()); }
 };

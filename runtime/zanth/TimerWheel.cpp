@@ -79,12 +79,12 @@ void TimerWheel::Notifiee::unlink() {
   following_ = nullptr;
 }
 
-TimerWheel::Notifiee::~Notifiee() { timeMinIs(Vel::never); }
+TimerWheel::Notifiee::~Notifiee() { Notifiee::timeMinIs(Vel::never); }
 
 // Off the wheel before the derived parts go.
-void TimerWheel::Notifiee::doTeardown() {
-  timeMinIs(Vel::never);
-  Base::doTeardown();
+void TimerWheel::Notifiee::doDetach() noexcept {
+  Notifiee::timeMinIs(Vel::never);
+  Base::doDetach();
 }
 
 void TimerWheel::Notifiee::timeMinIs(Seconds time) {
@@ -180,8 +180,9 @@ void TimerWheel::collectDue(Seconds now) {
 void TimerWheel::expire() {
   if (expiring_) return;
   Vel::Ptr<TimerWheel> const keep(this);
+  Seconds const at = now();
   expiring_ = true;
-  collectDue(now());
+  collectDue(at);
   while (Notifiee* const first = slots_[dueSlot]) {
     Vel::Ptr<Notifiee> const timer(first);
     disarm(first);

@@ -12,7 +12,7 @@
 //
 // The wheel has no loop of its own. The agent's loop polls until `timeMin()` and then calls `expire()`:
 //
-//   poll(fds, count, std::clamp((wheel->timeMin() - wheel->now()) * 1000, 0.0, 60000.0));
+//   poll(fds, count, std::clamp(std::ceil((wheel->timeMin() - wheel->now()) * 1000), 0.0, 60000.0));
 //   wheel->expire();
 //
 // Arming, moving and disarming a timer are O(1). Timers fire in the exact order of their times, as doubles;
@@ -65,7 +65,7 @@ class VEL_API TimerWheel : public Vel::Entity {
     virtual void onTime() {}
 
    protected:
-    void doTeardown() override;
+    void doDetach() noexcept override;
 
    private:
     friend class TimerWheel;

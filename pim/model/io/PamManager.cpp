@@ -3,8 +3,10 @@
 namespace Routing::Pim::IO {
 
 Vel::Ptr<MessageInfo> PamManager::txMessageInfoIs() {
-  if (!txMessageInfo_) txMessageInfoIs(Vel::create<MessageInfo>());
-  return txMessageInfo();
+  if (txMessageInfo_) return txMessageInfo_;
+  auto const made = Vel::create<MessageInfo>();
+  txMessageInfoIs(made);
+  return made;
 }
 
 Vel::AttributeTable const& PamManager::attributeTable() const {

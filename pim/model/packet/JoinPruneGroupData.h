@@ -10,6 +10,9 @@ namespace Routing::Pim::Packet {
 /// entry changes is given another one.
 class VEL_API WcSourceData final : public Vel::Entity {
  public:
+  class NotifieeConst : public Vel::ReactorOn<WcSourceData> {};
+  using Notifiee = Vel::WritableReactor<NotifieeConst, WcSourceData>;
+
   WcSourceData(Dova::IpGenAddr const& address, bool join) : address_(address), join_(join) {}
 
   /// The RP named in the entry.
@@ -62,9 +65,8 @@ class VEL_API JoinPruneGroupData final : public Vel::Entity {
   VEL_SET(Vel::HashSet<Dova::IpGenAddr>, joinedSource, JoinedSource);
   VEL_SET(Vel::HashSet<Dova::IpGenAddr>, prunedSource, PrunedSource);
 
-  /// (S,G,rpt) joins and prunes. The prunes are walked in ascending order: where they cannot all be sent with
-  /// a
-  /// (*,G) join, the numerically smallest go (RFC 7761, 4.9.5.1).
+  /// (S,G,rpt) joins and prunes. The prunes are walked in ascending order: where they cannot all be sent with a
+  /// (*,G) join, the numerically smallest go (RFC 7761, 4.9.5.2).
   VEL_SET(Vel::HashSet<Dova::IpGenAddr>, joinedRptSource, JoinedRptSource);
   VEL_SET(Vel::OrderedSet<Dova::IpGenAddr>, prunedRptSource, PrunedRptSource);
 

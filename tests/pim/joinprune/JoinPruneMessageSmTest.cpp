@@ -631,6 +631,105 @@ TEST_F(JoinPruneMessageSmTest, DroppingTheMachineRemovesTheInterfacesEntriesAndL
   EXPECT_EQ(eth0->references(), 3u);  // this test, Status and the Neighbor
 }
 
+TEST_F(JoinPruneMessageSmTest, AMachineThatIsGoingTakesUpNothingNew) {
+  class Adder final : public JoinPruneStatus::NotifieeConst {
+   public:
+    explicit Adder(std::function<void()> act) : act_(std::move(act)) {}
+    void onTriggeredGroup(Dova::IpGenAddr) override { act_(); }
+
+   private:
+    std::function<void()> act_;
+  };
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  start();
+  bool once = false;
+  auto const adder = Vel::create<Adder>([&] {
+    if (std::exchange(once, true)) return;
+    intf("eth1", "10.1.0.1/24");
+    neighbor("10.0.0.2", eth0);
+  });
+  adder->notifierIs(status);
+  machine = nullptr;
+  EXPECT_TRUE(once);
+  for (auto const* target : {"10.0.0.1", "10.1.0.1", "10.0.0.2"}) EXPECT_EQ(sets(target), "-") << target;
+}
+
+TEST_F(JoinPruneMessageSmTest, AMachineThatWasDroppedInACallbackTakesUpNothingNewInItsRest) {
+  class Dropper final : public JoinPruneStatus::NotifieeConst {
+   public:
+    explicit Dropper(std::function<void()> act) : act_(std::move(act)) {}
+    void onTriggeredGroup(Dova::IpGenAddr) override { act_(); }
+
+   private:
+    std::function<void()> act_;
+  };
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  start();
+  auto const dropper = Vel::create<Dropper>([&] {
+    if (!machine) return;
+    machine = nullptr;
+    intf("eth1", "10.1.0.1/24");
+    neighbor("10.0.0.3", eth0);
+  });
+  dropper->notifierIs(status);
+  neighbor("10.0.0.2", eth0);
+  for (auto const* target : {"10.0.0.1", "10.1.0.1", "10.0.0.3"}) EXPECT_EQ(sets(target), "-") << target;
+}
+
+TEST_F(JoinPruneMessageSmTest, TargetsThatAreMadeWhileTheMachineIsSwitchedOffAreActive) {
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  start();
+  machine->hasNotificationActiveIs(false);
+  auto const other = Vel::create<Status>();
+  auto const eth1 = Vel::create<Intf>(Dova::IntfId("eth1"));
+  eth1->usedAddressWithMaskIs(Dova::IpGenPrefix(addr("10.1.0.1"), 24));
+  other->pimIntfIs(eth1);
+  machine->pimStatus()->notifierIs(other);
+  machine->hasNotificationActiveIs(true);
+  group(triggered("10.1.0.1"), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  EXPECT_EQ(wheel->armedCount(), 1u);
+}
+
+TEST_F(JoinPruneMessageSmTest, AMachineMayBeDroppedWhileAllItsInterfacesAreDeleted) {
+  class Dropper final : public JoinPruneStatus::NotifieeConst {
+   public:
+    explicit Dropper(Vel::Ptr<JoinPruneMessageSm>& m) : machine(m) {}
+    void onTriggeredGroup(Dova::IpGenAddr) override { machine = nullptr; }
+    Vel::Ptr<JoinPruneMessageSm>& machine;
+  };
+  for (bool const machines : {false, true}) {
+    World w;
+    auto const eth0 = w.intf("eth0", "10.0.0.1/24");
+    w.intf("eth1", "10.1.0.1/24");
+    w.neighbor("10.0.0.2", eth0);
+    w.start();
+    auto const dropper = Vel::create<Dropper>(w.machine);
+    dropper->notifierIs(w.status);
+    JoinPruneMessageSm* const sm = w.machine.get();
+    if (machines) sm->joinPruneNeighborSmDelAll();
+    sm->pimIntfDelAll();
+    EXPECT_FALSE(w.machine);
+    EXPECT_EQ(w.sets("10.0.0.1"), "-");
+    EXPECT_EQ(w.sets("10.1.0.1"), "-");
+  }
+}
+
+TEST_F(JoinPruneMessageSmTest, AConstMachineCannotBeChanged) {
+  start();
+  Vel::Ptr<JoinPruneMessageSm const> const view = machine;
+  std::vector<std::function<void()>> const mutators = {
+      [&] { view->diagUpJoinCountIs(true); },
+      [&] { view->txMessageIs(); },
+      [&] { view->joinPruneNeighborSmDel(addr("10.0.0.1")); },
+      [&] { view->joinPruneNeighborSmDelAll(); },
+      [&] { view->pimIntfIs(nullptr); },
+      [&] { view->pimIntfDel(Dova::IntfId("eth0")); },
+      [&] { view->pimIntfDelAll(); },
+      [&] { view->attributeIs("diagUpJoinCount", "true"); }};
+  for (auto const& mutate : mutators) EXPECT_THROW(mutate(), Vel::RangeException);
+  EXPECT_FALSE(view->diagUpJoinCount());
+}
+
 TEST_F(JoinPruneMessageSmTest, TheMachineKeepsItsInputsAlive) {
   start();
   Vel::Ptr<JoinPruneMessageInfo> const record = rxJoin;

@@ -1,3 +1,5 @@
+#include <cmath>
+
 #include "tests/pim/joinprune/World.h"
 
 namespace Routing::Pim {
@@ -121,6 +123,93 @@ TEST_F(JoinPruneNeighborSmTest, TheStartUpCountIsNotValidatedWhileItIsPartial) {
   EXPECT_EQ(neighborSm->numPeriodicRoutes(), 2u);
   EXPECT_THAT(log.takeWith("[8] " + form()),
               ElementsAre(line(8, "validateNumPeriodicRoutes(1)"), line(8, "validateNumPeriodicRoutes(2)")));
+}
+
+// Whoever is called during the start-up may change what is being counted.
+TEST_F(JoinPruneNeighborSmTest, TheStartUpCountIsRightWhateverChangesMeanwhile) {
+  class Hook final : public Packet::JoinPruneData::NotifieeConst {
+   public:
+    explicit Hook(std::function<void()> act) : act_(std::move(act)) {}
+    void onPeriodic() override { act_(); }
+
+   private:
+    std::function<void()> act_;
+  };
+  struct Row {
+    char const* name;
+    std::function<void(Packet::JoinPruneData&)> act;
+    U32 count;
+  };
+  Row const rows[] = {
+      {"a source more",
+       [](auto& data) { data.joinPruneGroupData(addr(G))->joinedSourceIs(addr("10.9.0.9")); }, 3},
+      {"a group more",
+       [](auto& data) { data.joinPruneGroupDataIs(addr("239.9.9.9"))->joinedSourceIs(addr(S)); }, 3},
+      {"another wildcard",
+       [](auto& data) { data.joinPruneGroupData(addr(G))->wcSourceDataIs(wildcard("10.5.0.9")); }, 2},
+      {"no wildcard", [](auto& data) { data.joinPruneGroupData(addr(G))->wcSourceDataDel(); }, 1},
+      {"nothing left",
+       [](auto& data) {
+         auto const g = data.joinPruneGroupData(addr(G));
+         g->wcSourceDataDel();
+         g->joinedSourceDelAll();
+       },
+       0}};
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.name);
+    p = Vel::create<Packet::JoinPruneData>(addr(N));
+    group(p, G)->joinedSourceIs(addr(S));
+    p->joinPruneGroupData(addr(G))->wcSourceDataIs(wildcard("10.5.0.1"));
+    auto const hook = Vel::create<Hook>([&] { row.act(*p); });
+    hook->notifierIs(p);
+    make();
+    EXPECT_EQ(neighborSm->numPeriodicRoutes(), row.count);
+    // Drained source by source it ends at zero; without a parent each count is validated on the way.
+    for (auto g = p->joinPruneGroupDataIterator(); g; ++g) {
+      if (g->wcSourceData()) g->wcSourceDataDel();
+      g->joinedSourceDelAll();
+    }
+    EXPECT_EQ(neighborSm->numPeriodicRoutes(), 0u);
+    EXPECT_EQ(p->joinPruneGroupDataCount(), 0u);
+    neighborSm = nullptr;
+  }
+}
+
+TEST_F(JoinPruneNeighborSmTest, TheSameWheelAgainLeavesAnArmedTimerAlone) {
+  make();
+  group(t, G)->joinedSourceIs(addr(S));
+  auto const timer = neighborSm->triggeredTimer();
+  neighborSm->triggeredTimerIs(wheel);
+  EXPECT_TRUE(neighborSm->triggeredTimer() == timer);
+  EXPECT_EQ(timer->timeMin(), time + 0.1);
+  neighborSm->triggeredTimerIs(nullptr);
+  EXPECT_FALSE(neighborSm->triggeredTimer());
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, TimesThatAreNoNumbersAreRefused) {
+  make();
+  EXPECT_THROW(neighborSm->loopQuantumIs(std::nan("")), Vel::InvalidArgumentException);
+  EXPECT_THROW(neighborSm->triggeredIntervalIs(std::nan("")), Vel::InvalidArgumentException);
+  EXPECT_EQ(neighborSm->triggeredInterval(), 0.1);
+}
+
+TEST_F(JoinPruneNeighborSmTest, AConstMachineCannotBeChanged) {
+  make();
+  Vel::Ptr<JoinPruneNeighborSm const> const view = neighborSm;
+  std::vector<std::function<void()>> const mutators = {[&] { view->loopQuantumIs(1); },
+                                                       [&] { view->triggeredIntervalIs(1); },
+                                                       [&] { view->numPeriodicRoutesIs(1); },
+                                                       [&] { view->numPeriodicRoutesInc(1); },
+                                                       [&] { view->triggeredGroupDataIs(nullptr); },
+                                                       [&] { view->overrideGroupDataDel(addr(G)); },
+                                                       [&] { view->periodicGroupDataDelAll(); },
+                                                       [&] { view->triggeredTimerIs(wheel); },
+                                                       [&] { view->joinPrunePeriodicTimerSmDel(); },
+                                                       [&] { view->txMessageInfoIs(); },
+                                                       [&] { view->initializedIs(false); }};
+  for (auto const& mutate : mutators) EXPECT_THROW(mutate(), Vel::RangeException);
+  EXPECT_TRUE(view->initialized());
 }
 
 TEST_F(JoinPruneNeighborSmTest, AGroupThatComesGetsAReactorAndIsTracedUnderTheNeighborsAddress) {

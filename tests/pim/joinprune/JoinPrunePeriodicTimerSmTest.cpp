@@ -147,14 +147,11 @@ TEST_F(JoinPrunePeriodicTimerSmTest, ASliceThatIsCutShortEndsAfterItsRoutesAndTh
   Seconds const first = timeMin();
   manager->perMessage = 10;
   manager->after = [&](PacketManager& m) {
-    if (m.messages % 2 == 0)
-      time += 0.1;  // one message counts in each quantum, the second meets the deadline
+    if (m.messages % 2 == 0) time += 0.1;  // two messages in each quantum
   };
   while (manager->messages == 0 || timeMin() < first + 59) fire();
   EXPECT_EQ(timeMin(), first + 60);
-  // Ten messages of ten routes were counted; as many again met a deadline and were not.
-  EXPECT_LE(manager->messages, 20u);
-  EXPECT_GE(manager->messages, 10u);
+  EXPECT_EQ(manager->messages, 10u);
   // The next slice is a whole one again.
   manager->after = nullptr;
   U32 const before = manager->messages;
@@ -169,7 +166,7 @@ TEST_F(JoinPrunePeriodicTimerSmTest, ChangesBetweenThePartsOfASliceNeitherRestar
   manager->after = [&](PacketManager& m) {
     if (m.messages == 2) time += 0.1;
   };
-  fire();  // 30 routes counted
+  fire();  // 60 routes, the message that met the deadline included
   Seconds const next = timeMin();
   EXPECT_DOUBLE_EQ(next, time + 0.1);
   time += 0.05;
@@ -177,8 +174,8 @@ TEST_F(JoinPrunePeriodicTimerSmTest, ChangesBetweenThePartsOfASliceNeitherRestar
   for (U32 i = 1; i <= 50; ++i) g->joinedSourceIs(source(i));
   EXPECT_EQ(timeMin(), next);
   EXPECT_EQ(periodicSm->periodicParams().routes, 150u);
-  fire();  // the other 70, not 150
-  EXPECT_EQ(manager->messages, 2u + 3u);
+  fire();  // the other 40, not 150
+  EXPECT_EQ(manager->messages, 2u + 2u);
   EXPECT_EQ(timeMin(), first + 60);
 }
 
@@ -190,6 +187,44 @@ TEST_F(JoinPrunePeriodicTimerSmTest, ARouteThatChangesInsideASendArmsNothing) {
   };
   fire();
   EXPECT_EQ(timeMin(), time + 60);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ASliceWhoseLastMessageMetTheDeadlineOnlyEnds) {
+  addRoutes(20);
+  Seconds const first = timeMin();
+  manager->perMessage = 10;
+  manager->after = [&](PacketManager& m) {
+    if (m.messages == 2) time += 0.1;
+  };
+  fire();
+  EXPECT_EQ(manager->messages, 2u);
+  fire();
+  EXPECT_EQ(manager->messages, 2u);
+  EXPECT_EQ(timeMin(), first + 60);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ARouteThatChangesWhileTheHoldTimeIsWrittenArmsNothing) {
+  class Hook final : public Packet::JoinPruneData::NotifieeConst {
+   public:
+    explicit Hook(std::function<void()> act) : act_(std::move(act)) {}
+    void onHoldTime() override { act_(); }
+
+   private:
+    std::function<void()> act_;
+  };
+  addRoutes(100);
+  Seconds const first = timeMin();
+  auto const hook = Vel::create<Hook>([&] { group(periodic(N), "239.1.1.2")->joinedSourceIs(source(1)); });
+  hook->notifierIs(periodic(N));
+  manager->perMessage = 50;
+  manager->after = [&](PacketManager& m) {
+    if (m.messages == 2) time += 0.1;
+  };
+  fire();
+  EXPECT_EQ(manager->messages, 2u);
+  EXPECT_DOUBLE_EQ(timeMin(), time + 0.1);
+  fire();
+  EXPECT_EQ(timeMin(), first + 60);
 }
 
 TEST_F(JoinPrunePeriodicTimerSmTest, ManyRoutesAreSpreadOverTheInterval) {
@@ -331,6 +366,19 @@ TEST_F(JoinPrunePeriodicTimerSmTest, ItsCachedValuesCanBeSetAndWatchedAndAreNotW
   periodicSm->periodicParamsIs({1, 2});
   EXPECT_EQ(baseWatcher->calls, 1);
   EXPECT_TRUE(watcher->notifier() == periodicSm.get());
+  class Writer final : public JoinPrunePeriodicTimerSm::Notifiee {
+    void onInterval() override { notifier()->holdTimeIs(99); }
+  };
+  auto const writer = Vel::create<Writer>();
+  writer->notifierIs(periodicSm);
+  periodicSm->intervalIs(8);
+  EXPECT_EQ(periodicSm->attribute("holdTime"), "99");
+  EXPECT_EQ(periodicSm->attribute("periodicParams"), "Interval: 1, Routes/Interval: 2");
+  Vel::AttributeId id = Vel::firstAttributeId;
+  for (auto const& row : periodicSm->attributeTable()) {
+    EXPECT_EQ(row.id, id++) << row.name;
+    periodicSm->attribute(row.name);
+  }
 }
 
 TEST_F(JoinPrunePeriodicTimerSmTest, ParametersPrintAsIntervalAndRoutes) {
