@@ -10,6 +10,10 @@
 //   - a walk can be resumed behind any key, whether or not it is still there. Iterators rely on it to survive
 //     every change: while the table is unchanged they step, otherwise they search for their successor.
 //
+// The price of that order: keys that arrive in it, as when one collection is copied into another, gather at one end
+// of a table that is still small. So positions in a long run are found by doubling steps, a table whose runs become
+// too long grows early, and one is made smaller only if that leaves no long run behind.
+//
 // There are two kinds of slots: those that hold a value (ValueSlot, Dova::AddressSlot) and EntitySlot
 // (Collection.h), a pointer with its hash.
 #pragma once
@@ -61,7 +65,12 @@ class HashTable {
   /// Inserts a slot whose key is absent. Throws std::bad_alloc, and then nothing has changed.
   void insert(Slot slot) {
     if (size_ >= (slots_ ? limit(bits_) : 0)) resize(slots_ ? bits_ + 1 : 0);
-    place(std::move(slot));
+    U32 at = placeOf(slot);
+    while (at - home(slot.order()) > longRun && size_ > buckets() / 8) {
+      resize(bits_ + 1);
+      at = placeOf(slot);
+    }
+    place(std::move(slot), at & mask());
     ++size_;
     ++epoch_;
   }
@@ -117,7 +126,11 @@ class HashTable {
     return bits <= smallBits ? buckets : buckets - buckets / 8;
   }
 
-  U32 mask() const { return (1u << bits_) - 1; }
+  // Uniform hashes make no run of this length in a table that keeps an eighth free.
+  static constexpr U32 longRun = 1024;
+
+  U32 buckets() const { return 1u << bits_; }
+  U32 mask() const { return buckets() - 1; }
   // The high bits; through 64 bits, since a shift by 32 (one bucket) is not defined on 32.
   U32 home(U32 order) const { return static_cast<U32>((U64{order} << bits_) >> 32); }
   U32 displacement(U32 index) const { return (index - home(slots_[index].order())) & mask(); }
@@ -146,25 +159,43 @@ class HashTable {
   template <class Passes>
   U32 search(U32 order, Key const& key, Passes passes) const {
     U32 const start = home(order);
-    for (U32 distance = 0; distance <= mask(); ++distance) {
+    auto const stops = [&](U32 distance) {
       U32 const index = (start + distance) & mask();
       Slot const& slot = slots_[index];
-      if (!slot.used()) return start + distance;
+      if (!slot.used()) return true;
       U32 const theirs = displacement(index);
-      if (theirs > distance) continue;
-      if (theirs < distance) return start + distance;
+      if (theirs != distance) return theirs < distance;
       bool const sameOrder = slot.order() == order;
       bool const equal = sameOrder && slot.key() == key;
       bool const less = sameOrder ? !equal && slot.key() < key : slot.order() < order;
-      if (!passes(less, equal)) return start + distance;
+      return !passes(less, equal);
+    };
+    U32 low = 0;
+    for (; low < 8 && low <= mask(); ++low)
+      if (stops(low)) return start + low;
+    // A long run: everything behind the first slot that stops does so too.
+    U32 high = low;
+    for (U32 step = 8; high <= mask() && !stops(high); step *= 2) {
+      low = high + 1;
+      high = low + std::min(step, buckets() - low);
     }
-    return start + mask() + 1;
+    while (low < high) {
+      U32 const middle = low + (high - low) / 2;
+      if (stops(middle))
+        high = middle;
+      else
+        low = middle + 1;
+    }
+    return start + low;
   }
 
-  // Puts a slot where it belongs; there is room.
-  void place(Slot slot) {
-    U32 index =
-        search(slot.order(), slot.key(), [](bool less, bool equal) { return less && !equal; }) & mask();
+  // Where a slot belongs, as a position counted on from its home.
+  U32 placeOf(Slot const& slot) const {
+    return search(slot.order(), slot.key(), [](bool less, bool equal) { return less && !equal; });
+  }
+
+  // Puts a slot there and moves what follows; there is room.
+  void place(Slot slot, U32 index) {
     low_ = std::min(low_, index);
     while (slots_[index].used()) {
       std::swap(slots_[index], slot);
@@ -173,26 +204,34 @@ class HashTable {
     slots_[index] = std::move(slot);
   }
 
-  void resize(U32 bits) {
-    Slot* const larger = new Slot[std::size_t{1} << bits];
-    rehash(larger, bits);
-  }
+  void resize(U32 bits) { rehash(new Slot[std::size_t{1} << bits], bits); }
 
   void rehash(Slot* slots, U32 bits) {
-    Slot* const old = std::exchange(slots_, slots);
-    std::size_t const count = old ? std::size_t{1} << bits_ : 0;
-    bits_ = bits;
-    low_ = 0;
-    for (std::size_t i = 0; i < count; ++i)
-      if (old[i].used()) place(std::move(old[i]));
-    delete[] old;
+    HashTable old;
+    old.swap(*this);
+    slots_ = slots;
+    size_ = old.size_;
+    epoch_ = old.epoch_ + 1;
+    bits_ = static_cast<U8>(bits);
+    for (U32 i = old.first(); i != end(); i = old.next(i)) {
+      Slot& slot = old.slots_[i & old.mask()];
+      U32 const at = placeOf(slot) & mask();
+      place(std::move(slot), at);
+    }
   }
 
-  // Memory follows the size down, a factor of four behind growth so that neither repeats itself.
+  // Memory follows the size down: at once when the table is empty, else at every power of two below an eighth,
+  // unless what is left lies so close together that it would make a long run.
   void shrink() {
-    if (bits_ <= smallBits || size_ > limit(bits_) / 8) return;
-    if (Slot* const smaller = new (std::nothrow) Slot[std::size_t{1} << (bits_ - 1)])
-      rehash(smaller, bits_ - 1);
+    if (bits_ <= smallBits || size_ > limit(bits_) / 8 || (size_ & (size_ - 1)) != 0) return;
+    U32 const bits = size_ == 0 ? smallBits : bits_ - 1u;
+    U64 next = 0;
+    for (U32 i = first(); i != end(); i = nextUsed(i + 1)) {
+      U64 const start = (U64{at(i).order()} << bits) >> 32;
+      if (next > start + longRun) return;
+      next = std::max(next, start) + 1;
+    }
+    if (Slot* const smaller = new (std::nothrow) Slot[std::size_t{1} << bits]) rehash(smaller, bits);
   }
 
   Slot* slots_ = nullptr;

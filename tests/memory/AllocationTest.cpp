@@ -1,0 +1,277 @@
+// What the library takes from the heap, and where it takes nothing. A program of its own, since it replaces
+// operator new.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "pim/joinprune/JoinPruneMessageSm.h"
+#include "runtime/vel/Trace.h"
+#include "tests/runtime/vel/Lamp.h"
+
+namespace {
+
+// Requested bytes that are in use, and requests so far.
+std::size_t liveBytes = 0;
+std::size_t requests = 0;
+
+// In front of each block: how much was requested. As wide as the alignment, so that the block keeps it.
+constexpr std::size_t frontOf(std::size_t alignment) {
+  return alignment > alignof(std::max_align_t) ? alignment : alignof(std::max_align_t);
+}
+
+void* counted(std::size_t size, std::size_t alignment) {
+  std::size_t const front = frontOf(alignment);
+  void* const block = std::aligned_alloc(front, (size + front + front - 1) / front * front);
+  if (!block) return nullptr;
+  *static_cast<std::size_t*>(block) = size;
+  liveBytes += size;
+  ++requests;
+  return static_cast<char*>(block) + front;
+}
+
+void* countedOrThrow(std::size_t size, std::size_t alignment) {
+  void* const memory = counted(size, alignment);
+  if (!memory) throw std::bad_alloc();
+  return memory;
+}
+
+void uncounted(void* memory, std::size_t alignment) {
+  if (!memory) return;
+  void* const block = static_cast<char*>(memory) - frontOf(alignment);
+  liveBytes -= *static_cast<std::size_t*>(block);
+  std::free(block);
+}
+
+constexpr std::size_t usual = alignof(std::max_align_t);
+
+}  // namespace
+
+void* operator new(std::size_t size) { return countedOrThrow(size, usual); }
+void* operator new[](std::size_t size) { return countedOrThrow(size, usual); }
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return counted(size, usual); }
+void* operator new[](std::size_t size, std::nothrow_t const&) noexcept { return counted(size, usual); }
+void* operator new(std::size_t size, std::align_val_t a) {
+  return countedOrThrow(size, static_cast<std::size_t>(a));
+}
+void* operator new[](std::size_t size, std::align_val_t a) {
+  return countedOrThrow(size, static_cast<std::size_t>(a));
+}
+void operator delete(void* memory) noexcept { uncounted(memory, usual); }
+void operator delete[](void* memory) noexcept { uncounted(memory, usual); }
+void operator delete(void* memory, std::size_t) noexcept { uncounted(memory, usual); }
+void operator delete[](void* memory, std::size_t) noexcept { uncounted(memory, usual); }
+void operator delete(void* memory, std::nothrow_t const&) noexcept { uncounted(memory, usual); }
+void operator delete[](void* memory, std::nothrow_t const&) noexcept { uncounted(memory, usual); }
+void operator delete(void* memory, std::align_val_t a) noexcept {
+  uncounted(memory, static_cast<std::size_t>(a));
+}
+void operator delete[](void* memory, std::align_val_t a) noexcept {
+  uncounted(memory, static_cast<std::size_t>(a));
+}
+void operator delete(void* memory, std::size_t, std::align_val_t a) noexcept {
+  uncounted(memory, static_cast<std::size_t>(a));
+}
+void operator delete[](void* memory, std::size_t, std::align_val_t a) noexcept {
+  uncounted(memory, static_cast<std::size_t>(a));
+}
+
+namespace Routing::Pim {
+namespace {
+
+using Vel::address;
+
+// How often `call` asks for memory.
+template <class Call>
+std::size_t requestsOf(Call const& call) {
+  std::size_t const before = requests;
+  call();
+  return requests - before;
+}
+
+Dova::IpGenAddr group(U32 n) { return Dova::IpGenAddr::ipv4(0xe8000000 + n); }
+
+// Counts what it hears, without the heap.
+class Listener final : public Vel::Lamp::NotifieeConst {
+ public:
+  void onBrightness() override { ++calls; }
+  void onGuest(Dova::IpGenAddr) override { ++calls; }
+  void onBulb(Dova::IpGenAddr) override { ++calls; }
+  void onSpare() override { ++calls; }
+  int calls = 0;
+};
+
+TEST(DeliveryTest, UpToSixteenReactorsAreCalledWithoutTheHeap) {
+  for (int const count : {1, 2, 16}) {
+    SCOPED_TRACE(count);
+    auto const lamp = Vel::create<Vel::Lamp>();
+    auto const spare = Vel::create<Vel::Bulb>(address(1));
+    std::vector<Vel::Ptr<Listener>> listeners;
+    for (int i = 0; i < count; ++i) {
+      listeners.push_back(Vel::create<Listener>());
+      listeners.back()->notifierIs(lamp);
+    }
+    EXPECT_EQ(requestsOf([&] { lamp->brightnessIs(7); }), 0u);
+    EXPECT_EQ(requestsOf([&] { lamp->spareIs(spare); }), 0u);
+    EXPECT_EQ(requestsOf([&] { lamp->guestNotify(address(1)); }), 0u);
+    EXPECT_EQ(requestsOf([&] { lamp->bulbNotifyImmediate(); }), 0u);
+    for (auto const& listener : listeners) EXPECT_EQ(listener->calls, 3);
+  }
+}
+
+TEST(DeliveryTest, MoreThanSixteenNeedOneAllocation) {
+  auto const lamp = Vel::create<Vel::Lamp>();
+  std::vector<Vel::Ptr<Listener>> listeners;
+  for (int i = 0; i < 17; ++i) {
+    listeners.push_back(Vel::create<Listener>());
+    listeners.back()->notifierIs(lamp);
+  }
+  EXPECT_EQ(requestsOf([&] { lamp->brightnessIs(7); }), 1u);
+}
+
+TEST(DeliveryTest, AnEqualValueAndAValueThatNobodyWatchesNeedNothing) {
+  auto const lamp = Vel::create<Vel::Lamp>();
+  EXPECT_EQ(requestsOf([&] { lamp->brightnessIs(7); }), 0u);
+  EXPECT_EQ(requestsOf([&] { lamp->brightnessIs(7); }), 0u);
+}
+
+TEST(WalkTest, AWalkCopiesNoKeys) {
+  auto const lamp = Vel::create<Vel::Lamp>();
+  for (U32 n = 0; n < 1000; ++n)
+    lamp->guestIs(address(n)), lamp->seatIs(address(n)), lamp->bulbIs(address(n));
+  U32 visited = 0;
+  EXPECT_EQ(requestsOf([&] {
+              for (auto i = lamp->guestIterator(); i; ++i) ++visited;
+              for (auto i = lamp->seatIterator(); i; ++i) ++visited;
+              for (auto i = lamp->bulbIterator(); i; ++i) ++visited;
+            }),
+            0u);
+  EXPECT_EQ(visited, 3000u);
+}
+
+TEST(MemoryTest, ALargeSetTakesAtMostFortyEightBytesASource) {
+  Vel::HashSet<Dova::IpGenAddr> sources;
+  std::size_t const before = liveBytes;
+  constexpr U32 count = 200'000;
+  double worst = 0;
+  for (U32 n = 0; n < count; ++n) {
+    sources.insert(address(n));
+    if (n >= 1000) worst = std::max(worst, static_cast<double>(liveBytes - before) / (n + 1));
+  }
+  EXPECT_LE(worst, 48);
+  EXPECT_GE(worst, 20);  // the address itself
+  // And gives it back: no more than a small table is left.
+  for (U32 n = 0; n < count; ++n) sources.remove(address(n));
+  EXPECT_EQ(sources.size(), 0u);
+  EXPECT_LE(liveBytes - before, 1024u);
+}
+
+TEST(MemoryTest, AnEmptyCollectionTakesNothing) {
+  EXPECT_EQ(
+      requestsOf([] {
+        Vel::HashSet<Dova::IpGenAddr> const hashed;
+        Vel::OrderedSet<Dova::IpGenAddr> const ordered;
+        Vel::EntityMap<Dova::IpGenAddr, Vel::Bulb> const map;
+        EXPECT_FALSE(hashed.contains(address(1)) || ordered.contains(address(1)) || map.find(address(1)));
+      }),
+      0u);
+}
+
+// The library with one interface, whose machine follows its periodic and triggered data. No trace is on.
+class MachineTest : public testing::Test {
+ protected:
+  MachineTest() {
+    intf->usedAddressWithMaskIs(Dova::IpGenPrefix(address(1), 24));
+    status->pimIntfIs(intf);
+    joinPruneStatus->periodicGroupStatusIs(Vel::create<Packet::JoinPruneStatus>());
+    sm = joinPruneMessageSmFactory(joinPruneStatus, nullptr, status, nullptr, nullptr, nullptr, nullptr,
+                                   nullptr, wheel);
+    periodic = joinPruneStatus->periodicGroupStatus()->upJoinPrune(address(1));
+    triggered = joinPruneStatus->triggeredGroup(address(1));
+  }
+
+  Vel::Ptr<Intf> intf = Vel::create<Intf>(Dova::IntfId("eth0"));
+  Vel::Ptr<Status> status = Vel::create<Status>();
+  Vel::Ptr<JoinPruneStatus> joinPruneStatus = joinPruneStatusFactory();
+  Vel::Ptr<Zanth::TimerWheel> wheel = Vel::create<Zanth::TimerWheel>([] { return 1000.0; });
+  Vel::Ptr<JoinPruneMessageSm> sm;
+  Vel::Ptr<Packet::JoinPruneData> periodic, triggered;
+};
+
+TEST_F(MachineTest, AGroupWithOneSourceTakesAtMostFourHundredBytesItsReactorIncluded) {
+  ASSERT_TRUE(periodic);
+  constexpr U32 count = 100'000;
+  std::size_t const before = liveBytes;
+  for (U32 n = 0; n < count; ++n) periodic->joinPruneGroupDataIs(group(n))->joinedSourceIs(address(n));
+  auto const machine = sm->joinPruneNeighborSm(address(1));
+  ASSERT_TRUE(machine);
+  ASSERT_EQ(machine->numPeriodicRoutes(), count);
+  ASSERT_EQ(machine->periodicGroupDataCount(), count);
+  double const bytesPerGroup = static_cast<double>(liveBytes - before) / count;
+  RecordProperty("bytesPerGroup", std::to_string(bytesPerGroup));
+  EXPECT_LE(bytesPerGroup, 400);
+  EXPECT_GE(bytesPerGroup, sizeof(Packet::JoinPruneGroupData));
+}
+
+TEST_F(MachineTest, FollowingASourceTakesNothingWhileTracingIsOff) {
+  using GroupData = Packet::JoinPruneGroupData;
+  bool (GroupData::*const adds[])(Dova::IpGenAddr) = {&GroupData::joinedSourceIs, &GroupData::prunedSourceIs,
+                                                      &GroupData::joinedRptSourceIs,
+                                                      &GroupData::prunedRptSourceIs};
+  ASSERT_TRUE(periodic && triggered);
+  for (auto const& data : {periodic, triggered}) {
+    SCOPED_TRACE(data == periodic ? "periodic" : "triggered");
+    // The same group twice: one is watched by the machine, one by nobody.
+    auto const watched = data->joinPruneGroupDataIs(group(1));
+    auto const unwatched = Vel::create<Packet::JoinPruneGroupData>(group(1));
+    std::size_t some = 0;
+    for (U32 n = 1; n <= 100; ++n) {
+      for (auto const add : adds) {
+        std::size_t const alone = requestsOf([&] { ((*unwatched).*add)(address(n)); });
+        EXPECT_EQ(requestsOf([&] { ((*watched).*add)(address(n)); }), alone) << "source " << n;
+        some += alone;
+      }
+    }
+    EXPECT_GT(some, 0u);  // the counter counts
+    EXPECT_EQ(watched->routes(), 400u);
+  }
+}
+
+TEST_F(MachineTest, RemovingASourceTakesNothingWhileTracingIsOff) {
+  ASSERT_TRUE(periodic);
+  auto const watched = periodic->joinPruneGroupDataIs(group(1));
+  for (U32 n = 1; n <= 6; ++n) watched->joinedSourceIs(address(n));
+  for (U32 n = 1; n <= 5; ++n) EXPECT_EQ(requestsOf([&] { watched->joinedSourceDel(address(n)); }), 0u);
+}
+
+TEST_F(MachineTest, TracesThatAreOnAreWhatIsLeftOut) {
+  ASSERT_TRUE(periodic);
+  auto& handle = Vel::TraceHandle::find("Pim::JoinPrune");
+  auto const watched = periodic->joinPruneGroupDataIs(group(1));
+  for (U32 n = 1; n <= 4; ++n) watched->joinedSourceIs(address(n));
+  std::size_t const off = requestsOf([&] { watched->joinedSourceDel(address(1)); });
+  Vel::traceSinkIs([](Vel::TraceLine const&) {});
+  handle.levelIs(7, true);
+  std::size_t const on = requestsOf([&] { watched->joinedSourceDel(address(2)); });
+  handle.levelsDel();
+  Vel::traceSinkIs(nullptr);
+  EXPECT_EQ(off, 0u);
+  EXPECT_GT(on, 0u);
+}
+
+TEST_F(MachineTest, WhatATableOfRoutesTookIsGivenBackWhenItIsDrained) {
+  ASSERT_TRUE(periodic);
+  // A first round leaves what stays anyway: the small tables, the timer's list.
+  auto const round = [&](U32 count) {
+    for (U32 n = 0; n < count; ++n) periodic->joinPruneGroupDataIs(group(n))->joinedSourceIs(address(n));
+    for (U32 n = 0; n < count; ++n) periodic->joinPruneGroupData(group(n))->joinedSourceDel(address(n));
+  };
+  round(10);
+  std::size_t const before = liveBytes;
+  round(10'000);
+  EXPECT_EQ(periodic->joinPruneGroupDataCount(), 0u);
+  EXPECT_LE(liveBytes, before + 1024);
+}
+
+}  // namespace
+}  // namespace Routing::Pim

@@ -1,0 +1,362 @@
+#include "pim/model/PeriodicTimerSm.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "runtime/vel/Trace.h"
+#include "tests/pim/model/Recorder.h"
+
+namespace Routing::Pim {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// Refreshes routes that exist only as a number, `perExpiry` of them at a time.
+class Refresher final : public PeriodicTimerSm {
+ public:
+  Refresher(Vel::Ptr<Zanth::TimerWheel> const& wheel, Log& log) : PeriodicTimerSm(wheel), log_(log) {}
+
+  U32 interval() const override { return seconds; }
+  U16 holdTime() const override { return 210; }
+  U32 numberOfMessages() const override { return routes; }
+  bool initialized() const override { return true; }
+  void doResetHoldTime() override {
+    log_.push_back("hold time");
+    if (atHoldTime) atHoldTime();
+  }
+  void handlePeriodicTimerExpiry() override {
+    U64 const wanted = routesLeftInSlice(), sent = std::min<U64>(wanted, perExpiry);
+    {
+      Sending const sending(*this);
+      if (whileSending) whileSending();
+      routesDoneInc(sent);
+    }
+    log_.push_back("sent " + std::to_string(sent) + " of " + std::to_string(wanted));
+    if (wanted > perExpiry)
+      doReschedulePeriodicTimer();
+    else
+      doUpdatePeriodicTimer();
+  }
+
+  U32 seconds = 60;
+  U32 routes = 0;
+  U64 perExpiry = ~U64{0};
+  std::function<void()> atHoldTime, whileSending;
+
+ private:
+  Log& log_;
+};
+
+class PeriodicTimerSmTest : public testing::Test {
+ protected:
+  Seconds armedFor() const { return sm->periodicTimer()->timeMin(); }
+  void routesAre(U32 routes) {
+    sm->routes = routes;
+    sm->doUpdatePeriodicTimer();
+  }
+  void expireAt(Seconds now) {
+    time = now;
+    wheel->expire();
+  }
+  // Lets the wheel run as an agent would, until a time.
+  void runUntil(Seconds end) {
+    while (wheel->timeMin() <= end) expireAt(wheel->timeMin());
+    time = end;
+  }
+
+  Seconds time = 1000;
+  Log log;
+  Vel::Ptr<Zanth::TimerWheel> wheel = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  Vel::Ptr<Refresher> sm = Vel::create<Refresher>(wheel, log);
+};
+
+TEST_F(PeriodicTimerSmTest, AnIdleMachineHasATimerThatIsNotArmed) {
+  ASSERT_TRUE(sm->periodicTimer());
+  EXPECT_EQ(armedFor(), Vel::never);
+  EXPECT_TRUE(sm->periodicTimer()->periodicTimerSm() == sm.get());
+  routesAre(0);
+  EXPECT_EQ(armedFor(), Vel::never);
+  EXPECT_EQ(sm->periodicParams(), (PeriodicTimerSm::PeriodicParams{60, 0}));
+}
+
+TEST_F(PeriodicTimerSmTest, TheFirstRouteArmsTheTimerOneIntervalAhead) {
+  routesAre(1);
+  EXPECT_EQ(armedFor(), 1060);
+  expireAt(1059.9);
+  EXPECT_THAT(log, IsEmpty());
+  expireAt(1060);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 1 of 1"));
+  EXPECT_EQ(armedFor(), 1120);
+}
+
+TEST_F(PeriodicTimerSmTest, ARunningTimerIsNeverMovedNorDisarmed) {
+  routesAre(1);
+  for (U32 i = 0; i < 1000; ++i) {
+    time += 0.059;
+    routesAre(i * 7 % 3000);
+    sm->seconds = 30 + i % 60;
+    ASSERT_EQ(armedFor(), 1060);
+  }
+  routesAre(0);
+  EXPECT_EQ(armedFor(), 1060);
+  sm->seconds = 60;
+  expireAt(1060);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 0 of 0"));
+  EXPECT_EQ(armedFor(), Vel::never);
+}
+
+TEST_F(PeriodicTimerSmTest, RoutesAreCutIntoSlicesOfAThousandAtLeastATenthOfASecondApart) {
+  struct Row {
+    U32 seconds, routes;
+    U32 slices;
+    U32 perSlice;
+  } const rows[] = {
+      {60, 0, 1, 0},
+      {60, 1, 1, 1},
+      {60, 999, 1, 999},
+      {60, 1000, 1, 1000},
+      {60, 1001, 2, 501},
+      {60, 2000, 2, 1000},
+      {60, 2001, 3, 667},
+      {60, 600'000, 600, 1000},
+      {60, 600'001, 600, 1001},
+      {60, 1'000'000, 600, 1667},
+      {1, 10'000, 10, 1000},
+      {1, 10'001, 10, 1001},
+      {1, 4'294'967'295, 10, 429'496'730},
+      {4'294'967'295, 4'294'967'295, 4'294'968, 1000},
+  };
+  for (Row const& row : rows) {
+    sm->seconds = row.seconds;
+    routesAre(row.routes);
+    auto const params = sm->periodicParams();
+    EXPECT_DOUBLE_EQ(params.interval, static_cast<Seconds>(row.seconds) / row.slices) << row.routes;
+    EXPECT_EQ(params.routes, row.perSlice) << row.routes << " routes in " << row.seconds << " s";
+    // All routes are refreshed within the interval.
+    EXPECT_GE(U64{params.routes} * row.slices, row.routes);
+  }
+}
+
+TEST_F(PeriodicTimerSmTest, ALargeTableIsRefreshedSliceBySliceOnceAnInterval) {
+  routesAre(6000);
+  EXPECT_DOUBLE_EQ(armedFor(), 1010);
+  runUntil(1060);
+  EXPECT_THAT(taken(log), ElementsAre("hold time", "sent 1000 of 1000", "hold time", "sent 1000 of 1000",
+                                      "hold time", "sent 1000 of 1000", "hold time", "sent 1000 of 1000",
+                                      "hold time", "sent 1000 of 1000", "hold time", "sent 1000 of 1000"));
+  EXPECT_DOUBLE_EQ(armedFor(), 1070);
+}
+
+TEST_F(PeriodicTimerSmTest, TheNextSliceComesOneIntervalAfterTheDeadlineNotAfterTheEndOfTheSending) {
+  routesAre(1);
+  sm->whileSending = [this] { time += 3; };
+  expireAt(1060.5);  // a little late, and slow
+  EXPECT_EQ(armedFor(), 1120);
+}
+
+TEST_F(PeriodicTimerSmTest, AfterADeadlineThatWasMissedAltogetherTimeStartsAnew) {
+  routesAre(1);
+  expireAt(1300);
+  EXPECT_EQ(armedFor(), 1360);
+}
+
+TEST_F(PeriodicTimerSmTest, AMachineThatWasEmptyForAWhileStartsAnewToo) {
+  routesAre(1);
+  sm->routes = 0;
+  expireAt(1060);
+  EXPECT_EQ(armedFor(), Vel::never);
+  time = 1500;
+  routesAre(5);
+  EXPECT_EQ(armedFor(), 1560);
+}
+
+TEST_F(PeriodicTimerSmTest, AMachineThatWasEmptyForAMomentKeepsItsRhythm) {
+  routesAre(1);
+  sm->routes = 0;
+  expireAt(1060);
+  time = 1061;
+  routesAre(5);
+  EXPECT_EQ(armedFor(), 1120);
+}
+
+TEST_F(PeriodicTimerSmTest, ASliceThatWasCutShortGoesOnATenthOfASecondLaterWithWhatIsLeft) {
+  routesAre(100);
+  sm->perExpiry = 30;
+  expireAt(1060);
+  EXPECT_DOUBLE_EQ(armedFor(), 1060.1);
+  runUntil(1061);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 30 of 100", "hold time", "sent 30 of 70", "hold time",
+                               "sent 30 of 40", "hold time", "sent 10 of 10"));
+  EXPECT_EQ(armedFor(), 1120);
+  (void)taken(log);
+  sm->perExpiry = 200;
+  runUntil(1120);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 100 of 100"));  // a whole slice again
+}
+
+TEST_F(PeriodicTimerSmTest, AChangedCountNeitherRestartsNorPostponesASliceThatIsUnderWay) {
+  routesAre(100);
+  sm->perExpiry = 30;
+  expireAt(1060);
+  routesAre(1'000);
+  EXPECT_DOUBLE_EQ(armedFor(), 1060.1);
+  expireAt(1060.2);
+  routesAre(20);  // fewer than are left
+  expireAt(1060.4);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 30 of 100", "hold time", "sent 30 of 70", "hold time",
+                               "sent 20 of 20"));
+  EXPECT_EQ(armedFor(), 1120);
+}
+
+TEST_F(PeriodicTimerSmTest, AnExpiryThatSendsNothingIsRepeatedWithTheSameSlice) {
+  routesAre(10);
+  sm->perExpiry = 0;
+  expireAt(1060);
+  expireAt(1061);
+  sm->perExpiry = 10;
+  expireAt(1062);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 0 of 10", "hold time", "sent 0 of 10", "hold time",
+                               "sent 10 of 10"));
+}
+
+TEST_F(PeriodicTimerSmTest, ChangesOfTheCountWhileASliceIsBeingSentArmNothing) {
+  routesAre(10);
+  Seconds inside = 0;
+  sm->whileSending = [&] {
+    routesAre(2000);
+    inside = armedFor();
+  };
+  expireAt(1060);
+  EXPECT_EQ(inside, Vel::never);
+  EXPECT_EQ(sm->periodicParams(), (PeriodicTimerSm::PeriodicParams{30, 1000}));
+  EXPECT_EQ(armedFor(), 1090);
+}
+
+TEST_F(PeriodicTimerSmTest, AnExpiryThatThrowsIsReportedAndTriedAgainSoon) {
+  Log traced;
+  Vel::traceSinkIs([&](Vel::TraceLine const& line) { traced.push_back(line.text); });
+  routesAre(10);
+  sm->whileSending = [] { throw std::runtime_error("no buffer"); };
+  expireAt(1060);
+  EXPECT_DOUBLE_EQ(armedFor(), 1060.1);
+  sm->whileSending = nullptr;
+  sm->atHoldTime = [] { throw 1; };
+  expireAt(1061);
+  EXPECT_DOUBLE_EQ(armedFor(), 1061.1);
+  Vel::traceSinkIs(nullptr);
+  EXPECT_THAT(traced, ElementsAre("Routing::Pim::PeriodicTimerSm::VelPeriodicTimer: no buffer",
+                                  "Routing::Pim::PeriodicTimerSm::VelPeriodicTimer: not a std::exception"));
+  sm->atHoldTime = nullptr;
+  expireAt(1062);
+  EXPECT_EQ(taken(log).back(), "sent 10 of 10");
+  EXPECT_EQ(armedFor(), 1120);
+}
+
+TEST_F(PeriodicTimerSmTest, WithoutAWheelTheParametersAreTakenAndNothingIsArmed) {
+  sm = Vel::create<Refresher>(nullptr, log);
+  EXPECT_TRUE(sm->periodicTimer() == nullptr);
+  routesAre(2000);
+  sm->doReschedulePeriodicTimer();
+  sm->periodicTimerDel();
+  EXPECT_EQ(sm->periodicParams(), (PeriodicTimerSm::PeriodicParams{30, 1000}));
+  sm->hasNotificationActiveIs(false);
+  sm->velDoZombieReactors(true);
+  EXPECT_TRUE(sm->periodicTimer() == nullptr);
+}
+
+TEST_F(PeriodicTimerSmTest, ATimerCanBePutOnAnotherWheelAndTakenOff) {
+  auto const timer = sm->periodicTimer();
+  sm->periodicTimerIs(wheel);
+  EXPECT_TRUE(sm->periodicTimer() == timer);
+  auto const other = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  routesAre(1);
+  sm->periodicTimerIs(other);
+  EXPECT_FALSE(sm->periodicTimer() == timer);
+  EXPECT_EQ(wheel->armedCount(), 0u);
+  EXPECT_TRUE(timer->periodicTimerSm() == nullptr);
+  sm->doUpdatePeriodicTimer();
+  EXPECT_EQ(other->armedCount(), 1u);
+  sm->periodicTimerIs(nullptr);
+  EXPECT_TRUE(sm->periodicTimer() == nullptr);
+  EXPECT_EQ(other->armedCount(), 0u);
+}
+
+TEST_F(PeriodicTimerSmTest, ATimerThatSomebodyStillHoldsIsSilentOnceItIsReplacedOrItsMachineIsGone) {
+  auto const first = sm->periodicTimer();
+  routesAre(1);
+  auto const second = sm->newPeriodicTimer(wheel);
+  sm->doUpdatePeriodicTimer();
+  sm = nullptr;
+  expireAt(2000);
+  EXPECT_THAT(log, IsEmpty());
+  EXPECT_TRUE(first->periodicTimerSm() == nullptr);
+  EXPECT_TRUE(second->periodicTimerSm() == nullptr);
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
+TEST_F(PeriodicTimerSmTest, AMachineMayGoInsideItsOwnExpiry) {
+  routesAre(1);
+  sm->atHoldTime = [this] { sm = nullptr; };
+  expireAt(1060);
+  EXPECT_FALSE(sm);
+  EXPECT_EQ(log.front(), "hold time");
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
+TEST_F(PeriodicTimerSmTest, AMachineWhoseNotificationsAreOffIsNotCalled) {
+  routesAre(1);
+  sm->hasNotificationActiveIs(false);
+  expireAt(1060);
+  EXPECT_THAT(log, IsEmpty());
+  sm->hasNotificationActiveIs(true);
+  sm->doUpdatePeriodicTimer();
+  expireAt(1120);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 1 of 1"));
+  sm->velDoZombieReactors(true);
+  expireAt(1180);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 1 of 1"));
+}
+
+TEST_F(PeriodicTimerSmTest, ATimerThatIsMadeWhileNotificationsAreOffIsOffToo) {
+  sm->hasNotificationActiveIs(false);
+  auto const timer = sm->newPeriodicTimer(wheel);
+  EXPECT_FALSE(timer->hasNotificationActive());
+}
+
+TEST_F(PeriodicTimerSmTest, TheParametersHaveATextAndCanBeWatched) {
+  class Watcher final : public PeriodicTimerSm::NotifieeConst {
+   public:
+    explicit Watcher(Log& log) : log_(log) {}
+    void onPeriodicParams() override { log_.push_back(inText(notifier()->periodicParams())); }
+
+   private:
+    Log& log_;
+  };
+  auto const watcher = Vel::create<Watcher>(log);
+  watcher->notifierIs(sm);
+  sm->periodicParamsIs({60, 12});
+  sm->periodicParamsIs({60, 12});
+  EXPECT_THAT(log, ElementsAre("Interval: 60, Routes/Interval: 12"));
+  PeriodicTimerSm::PeriodicParams const params{0.5, 4294967295};
+  EXPECT_EQ(inText(&params), "Interval: 0.5, Routes/Interval: 4294967295");
+  EXPECT_EQ(inText(static_cast<PeriodicTimerSm::PeriodicParams const*>(nullptr)), "null");
+  Vel::Ptr<PeriodicTimerSm const> const view = sm;
+  auto const timer = sm->periodicTimer();
+  expectRefused({
+      {"periodicParamsIs",
+       [&] {
+         view->periodicParamsIs({1, 1});
+       }},
+      {"periodicTimerIs", [&] { view->periodicTimerIs(nullptr); }},
+      {"periodicTimerDel", [&] { view->periodicTimerDel(); }},
+      {"newPeriodicTimer", [&] { view->newPeriodicTimer(wheel); }},
+  });
+  EXPECT_TRUE(sm->periodicTimer() == timer);
+  EXPECT_EQ(sm->periodicParams(), (PeriodicTimerSm::PeriodicParams{60, 12}));
+}
+
+}  // namespace
+}  // namespace Routing::Pim
