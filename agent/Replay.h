@@ -19,6 +19,9 @@
 //   Replay.h        frames in, the library in the middle, a report out
 //   Report.h        the report as text or JSON
 //   Options.h       the command line's texts in the domain's types
+//   PacketManager.h from the machines' data sets to packets; PacketSinks.h is where those go
+//   Conversation.h  what a file of commands and expected output says
+//   Simulation.h    the engine in a world of its own, on a virtual clock, told by such commands
 //   FrameBuilder.h, Sample.h   a capture to try it all on
 //   main.cpp        the command line
 //

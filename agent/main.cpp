@@ -3,11 +3,16 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <sstream>
 
+#include "agent/PacketSinks.h"
 #include "agent/Replay.h"
 #include "agent/Sample.h"
+#include "agent/Simulation.h"
 #include "runtime/scrivo/TraceFile.h"
 #include "runtime/scrivo/TraceReader.h"
 #include "runtime/vel/Trace.h"
@@ -16,7 +21,7 @@ namespace {
 
 using namespace Routing::Pim::Agent;
 
-constexpr int allFine = 0, somethingRefused = 1, cannotDo = 2;
+constexpr int allFine = 0, somethingRefused = 1, somethingDiffers = 1, cannotDo = 2;
 
 constexpr char about[] = "Reference agent of the PIM sparse mode Join/Prune engine (RFC 7761).";
 
@@ -33,6 +38,13 @@ constexpr char moreAboutReplay[] =
     "for the "
     "group, and the (*,G) and (S,G,rpt) entries of a group that --deny names.\n"
     "Exit status: 0 all fine, 1 something refused, 2 the file or the call is wrong.";
+
+constexpr char moreAboutSimulate[] =
+    "FILE begins with a comment (#) that tells the story; commands follow, and under a rule (----) "
+    "everything "
+    "that is to come out. Times are in seconds.\n"
+    "Exit status: 0 all fine, 1 something else came out, 2 the file or the call is wrong.\n"
+    "Commands:\n";
 
 // Runs a parser of option texts, whose complaint becomes the option's.
 template <class Parse>
@@ -88,6 +100,57 @@ int replay(std::string const& file, ReplayOptions const& options, Report& report
   return machine.totals().refusedMessages() ? somethingRefused : allFine;
 }
 
+struct SimulateOptions {
+  bool check = false, rewrite = false;
+  std::string pcapFile, scrivoFile;
+};
+
+// A file with another content, which takes its place only when it is complete.
+void replaceFile(std::string const& path, std::string const& content) {
+  auto const draft = path + ".new";
+  {
+    std::ofstream file(draft, std::ios::binary | std::ios::trunc);
+    file << content;
+    if (!file.flush()) throw std::runtime_error(fmt::format("{} cannot be written", draft));
+  }
+  std::filesystem::rename(draft, path);
+}
+
+int simulateFile(std::string const& file, SimulateOptions const& options) {
+  std::error_code notThere;
+  for (auto const* const written : {&options.pcapFile, &options.scrivoFile}) {
+    if (std::filesystem::equivalent(file, *written, notThere))
+      return cannot(fmt::format("{} is the conversation", *written));
+  }
+  std::ostringstream output;
+  bool const toFile = options.check || options.rewrite;
+  try {
+    auto const conversation = Conversation::fromFile(file);
+    if (options.check && !conversation.hasRule())
+      throw ConversationError(0, "expected a rule (----) and under it what is to come out");
+    ScrivoRecording const scrivo(options.scrivoFile);
+    Simulation const* clock = nullptr;
+    auto const microseconds = [&clock] { return static_cast<U64>(std::llround(clock->now() * 1e6)); };
+    std::optional<PcapPackets> packets;
+    if (!options.pcapFile.empty()) packets.emplace(options.pcapFile, microseconds);
+    {
+      Simulation simulation(toFile ? output : std::cout, packets ? &*packets : nullptr);
+      clock = &simulation;
+      simulate(conversation, simulation);
+    }
+    if (packets) packets->close();
+    if (options.rewrite) replaceFile(file, conversation.withExpected(output.view()));
+    if (!options.check) return allFine;
+    auto const difference = conversation.difference(file, output.view());
+    std::cout << difference;
+    return difference.empty() ? allFine : somethingDiffers;
+  } catch (ConversationError const& e) {
+    std::cout.flush();
+    return cannot(e.line() ? fmt::format("{}:{}: {}", file, e.line(), e.what())
+                           : fmt::format("{}: {}", file, e.what()));
+  }
+}
+
 int printTrace(std::string const& file) {
   Scrivo::TraceReader const reader(file);
   for (auto const& event : reader.events()) std::cout << event << '\n';
@@ -135,15 +198,32 @@ int run(int argc, char** argv) {
       ->type_name("FILE");
 
   auto* const traceCommand = app.add_subcommand("trace", "Prints a ring trace file as lines of text");
-  traceCommand->add_option("FILE", file, "What replay --scrivo or another process wrote")
-      ->required()
-      ->type_name("");
+  traceCommand->add_option("FILE", file, "What --scrivo or another process wrote")->required()->type_name("");
 
   auto* const sampleCommand = app.add_subcommand(
       "sample",
       "Writes a small capture to try replay on: every kind of entry over IPv4 and IPv6, Hellos, VLAN tags, "
       "and two broken messages. The same bytes every time");
   sampleCommand->add_option("FILE", file, "The capture to write")->required()->type_name("");
+
+  SimulateOptions simulateOptions;
+  auto* const simulateCommand = app.add_subcommand(
+      "simulate",
+      "Performs a conversation: the commands of a file, on a virtual clock, and everything "
+      "that the engine does about them");
+  simulateCommand->footer(moreAboutSimulate + commandReference());
+  simulateCommand->add_option("FILE", file, "The conversation")->required()->type_name("");
+  auto* const check = simulateCommand->add_flag(
+      "--check", simulateOptions.check, "Print nothing but the first difference from what is expected");
+  simulateCommand
+      ->add_flag("--rewrite", simulateOptions.rewrite, "Expect from now on what comes out: rewrites FILE")
+      ->excludes(check);
+  simulateCommand->add_option("--pcap", simulateOptions.pcapFile, "Write a capture of what was sent")
+      ->type_name("FILE");
+  simulateCommand
+      ->add_option("--scrivo", simulateOptions.scrivoFile,
+                   "Write the engine's ring trace file; see jpagent trace")
+      ->type_name("FILE");
 
   try {
     app.parse(argc, argv);
@@ -159,6 +239,7 @@ int run(int argc, char** argv) {
     writeSample(file);
     return allFine;
   }
+  if (*simulateCommand) return simulateFile(file, simulateOptions);
   TextReport textReport(std::cout);
   JsonReport jsonReport(std::cout);
   return replay(file, options, json ? static_cast<Report&>(jsonReport) : textReport);

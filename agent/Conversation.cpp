@@ -1,0 +1,464 @@
+#include "agent/Conversation.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+#include "runtime/vel/Exception.h"
+#include "runtime/vel/Text.h"
+
+namespace Routing::Pim::Agent {
+
+namespace {
+
+constexpr std::size_t shortestRule = 4;
+constexpr U32 mostRoutes = 1'000'000;
+constexpr Seconds longestTime = 1e6;
+
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+bool isRule(std::string_view line) {
+  line = trimmed(line);
+  return line.size() >= shortestRule && line.find_first_not_of('-') == line.npos;
+}
+
+// Without the newlines; a last line needs none.
+std::vector<std::string_view> splitLines(std::string_view text) {
+  std::vector<std::string_view> lines;
+  while (!text.empty()) {
+    auto const end = std::min(text.find('\n'), text.size());
+    lines.push_back(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return lines;
+}
+
+// The words of a command, taken one by one. Whoever takes one says what it must be.
+class Words {
+ public:
+  Words(std::string_view text, U32 line) : rest_(trimmed(text)), line_(line) {}
+
+  explicit operator bool() const { return !rest_.empty(); }
+
+  std::string_view peek() const {
+    return rest_.substr(
+        0, static_cast<std::size_t>(std::find_if(rest_.begin(), rest_.end(), isBlank) - rest_.begin()));
+  }
+  std::string_view take() {
+    auto const word = peek();
+    rest_ = trimmed(rest_.substr(word.size()));
+    return word;
+  }
+  std::string_view takeRest() { return std::exchange(rest_, {}); }
+  /// Takes the next word if it is this one.
+  bool taken(std::string_view word) {
+    if (peek() != word || word.empty()) return false;
+    take();
+    return true;
+  }
+  void require(std::string_view word) {
+    if (!taken(word)) fail(fmt::format("\"{}\"", word));
+  }
+
+  [[noreturn]] void fail(std::string_view expected) const {
+    throw ConversationError(line_, rest_.empty() ? fmt::format("expected {} at the end of the line", expected)
+                                                 : fmt::format("expected {}, not \"{}\"", expected, peek()));
+  }
+  [[noreturn]] void refuse(std::string const& why) const { throw ConversationError(line_, why); }
+
+  template <class Number>
+  Number number(Number least, Number most, std::string_view what) {
+    Number value{};
+    if (!Vel::fromText(peek(), value) || !(value >= least && value <= most)) {
+      fail(fmt::format("{} from {} to {}", what, least, most));
+    }
+    take();
+    return value;
+  }
+  Seconds seconds() { return number<Seconds>(0, longestTime, "seconds"); }
+
+  IpGenAddr address(std::string_view what) {
+    auto const address = IpGenAddr::fromText(peek());
+    if (!address) fail(what);
+    take();
+    return *address;
+  }
+  IpGenPrefix groups() {
+    try {
+      auto const groups = groupPrefixFromText(peek());
+      take();
+      return groups;
+    } catch (OptionError const&) {
+      fail("groups such as 239.1.0.0/16");
+    }
+  }
+
+ private:
+  std::string_view rest_;
+  U32 const line_;
+};
+
+// --- Routes
+
+constexpr std::string_view entryForms =
+    "a route such as (10.9.0.1,239.1.1.1), (*,239.1.1.1) rp 10.0.0.9 or (10.9.0.1,239.1.1.1,rpt)";
+
+RouteEntry takeRoute(Words& words, bool join) {
+  auto const word = words.peek();
+  if (word.size() < 2 || word.front() != '(' || word.back() != ')') words.fail(entryForms);
+  std::vector<std::string_view> parts;
+  for (std::size_t at = 1; at < word.size();) {
+    auto const end = std::min(word.find(',', at), word.size() - 1);
+    parts.push_back(word.substr(at, end - at));
+    at = end + 1;
+  }
+  bool const rpt = parts.size() == 3 && parts[2] == "rpt";
+  if (parts.size() != 2 && !rpt) words.fail(entryForms);
+  bool const wildcard = !rpt && parts[0] == "*";
+  auto const group = IpGenAddr::fromText(parts[1]);
+  auto const source = wildcard ? group : IpGenAddr::fromText(parts[0]);
+  if (!group || !source) words.fail(entryForms);
+  if (groupFault(*group, group->af())) words.fail("a route to a multicast group");
+  words.take();
+  RouteEntry entry{join,
+                   wildcard ? SourceKind::wildcard
+                   : rpt    ? SourceKind::sourceRpt
+                            : SourceKind::source,
+                   *source, *group};
+  if (wildcard) {
+    words.require("rp");
+    entry.source = words.address("the address of an RP");
+  }
+  if (sourceFault(entry.source, group->af())) {
+    words.refuse(
+        fmt::format("expected a source of the group's family that is unicast, not {}", toText(entry.source)));
+  }
+  return entry;
+}
+
+// The address that follows, as a number.
+IpGenAddr successor(IpGenAddr const& address) {
+  auto const bytes = address.bytes();
+  std::vector<U8> next(bytes.begin(), bytes.end());
+  for (auto byte = next.rbegin(); byte != next.rend(); ++byte)
+    if (++*byte != 0) break;
+  return IpGenAddr::fromBytes(next);
+}
+
+// "3000 routes from (10.9.0.1,239.1.0.1)": a group each, counted upwards. "3000 sources from ...": a source
+// each, all in one group.
+void takeRoutes(Words& words, bool join, std::vector<RouteEntry>& entries) {
+  U32 const count = words.number<U32>(1, mostRoutes, "a number of routes");
+  bool const sources = words.taken("sources");
+  if (!sources && !words.taken("routes")) words.fail("\"routes\" or \"sources\"");
+  words.require("from");
+  RouteEntry entry = takeRoute(words, join);
+  if (sources && entry.kind == SourceKind::wildcard) words.refuse("expected sources, and (*,G) has none");
+  for (U32 i = 0; i < count; ++i) {
+    if (groupFault(entry.group, entry.group.af()) || sourceFault(entry.source, entry.group.af())) {
+      words.refuse(fmt::format("expected fewer: there is no {}", toText(entry)));
+    }
+    entries.push_back(entry);
+    (sources ? entry.source : entry.group) = successor(sources ? entry.source : entry.group);
+  }
+}
+
+// "join ROUTE... prune ROUTE...", one at the least, to the end of the line.
+std::vector<RouteEntry> takeEntries(Words& words) {
+  std::vector<RouteEntry> entries;
+  do {
+    bool const join = words.taken("join");
+    if (!join && !words.taken("prune")) words.fail("\"join\" or \"prune\"");
+    do {
+      if (words.peek().starts_with('('))
+        entries.push_back(takeRoute(words, join));
+      else
+        takeRoutes(words, join, entries);
+    } while (words && words.peek() != "join" && words.peek() != "prune");
+  } while (words);
+  return entries;
+}
+
+// --- Commands
+
+Command intf(Words& words) {
+  IntfCommand command;
+  if (!words) words.fail("the name of an interface");
+  command.name = words.take();
+  while (words) {
+    if (words.taken("hold")) {
+      command.holdTime = words.number<U16>(0, 65535, "a hold time in seconds");
+    } else if (words.taken("interval")) {
+      command.interval = words.number<U32>(1, 65535, "an interval in whole seconds");
+    } else if (words.taken("override")) {
+      command.overrideInterval = words.seconds();
+    } else if (words.taken("mtu")) {
+      command.mtu = words.number<U32>(68, 65535, "an MTU in bytes");
+    } else if (words.taken("none")) {
+      command.address = IpGenPrefix();
+    } else if (words.taken("notify")) {
+      command.notify = true;
+    } else if (words.taken("down")) {
+      command.down = true;
+    } else {
+      auto const address = IpGenPrefix::fromText(words.peek());
+      if (!address || sourceFault(address->ipGenAddr(), address->ipGenAddr().af())) {
+        words.fail("an address such as 10.0.0.1/24, none, hold, interval, override, mtu, notify or down");
+      }
+      command.address = address;
+      words.take();
+    }
+  }
+  return command;
+}
+
+Command neighbor(Words& words) {
+  NeighborCommand command;
+  auto const address = IpGenAddr::fromText(words.peek());
+  if (!address || upstreamFault(*address)) words.fail("the address of a neighbor");
+  command.address = *address;
+  words.take();
+  if (words.taken("down")) {
+    command.down = true;
+  } else if (!words.taken("up")) {
+    if (!words.taken("on")) words.fail("\"on\", \"down\" or \"up\"");
+    if (!words) words.fail("the name of an interface");
+    command.intf = words.take();
+  }
+  return command;
+}
+
+Command rp(Words& words) {
+  RpCommand command{std::string(words.take())};
+  try {
+    RpTable().add(command.text);
+  } catch (OptionError const& e) {
+    words.refuse(fmt::format("expected GROUP/LEN=ADDRESS: {}", e.what()));
+  }
+  return command;
+}
+
+template <Policy policy>
+Command policyOn(Words& words) {
+  auto const groups = words.groups();
+  return PolicyCommand{policy, groups, words.taken("off")};
+}
+
+template <Channel channel>
+Command data(Words& words) {
+  DataCommand command{channel, words.address("the address of an upstream target"), words.taken("remove"), {}};
+  command.entries = takeEntries(words);
+  return command;
+}
+
+// A message as a router builds it: each group once (RFC 7761, 4.9.5).
+WireMessage messageOf(IpGenAddr const& upstream, U16 holdTime, std::vector<RouteEntry> const& entries) {
+  WireMessage message(upstream, holdTime);
+  std::vector<IpGenAddr> groups;
+  for (auto const& entry : entries)
+    if (std::find(groups.begin(), groups.end(), entry.group) == groups.end()) groups.push_back(entry.group);
+  for (auto const& group : groups) {
+    message.groupAdd(group);
+    for (auto const& entry : entries) {
+      if (entry.group != group) continue;
+      if (entry.join)
+        message.joinAdd(entry.kind, entry.source);
+      else
+        message.pruneAdd(entry.kind, entry.source);
+    }
+  }
+  return message;
+}
+
+Command receive(Words& words) {
+  if (!words) words.fail("the name of an interface");
+  std::string const intfName(words.take());
+  words.require("upstream");
+  auto const upstream = words.address("the address of an upstream neighbor");
+  words.require("hold");
+  U16 const holdTime = words.number<U16>(0, 65535, "a hold time in seconds");
+  auto const entries = takeEntries(words);
+  try {
+    return ReceiveCommand{intfName, messageOf(upstream, holdTime, entries)};
+  } catch (Vel::RangeException const& e) {
+    words.refuse(fmt::format("expected a message that can be on the wire: {}", e.what()));
+  }
+}
+
+Command wait(Words& words) {
+  bool const until = words.taken("until");
+  return WaitCommand{words.seconds(), until};
+}
+
+Command seed(Words& words) { return SeedCommand{words.number<long>(0, 0x7fffffff, "a number")}; }
+
+Command cost(Words& words) { return CostCommand{words.seconds()}; }
+
+Command set(Words& words) {
+  SetCommand command;
+  command.subject = words.take();
+  command.attribute = words.take();
+  command.value = words.take();
+  if (command.value.empty()) words.fail("TARGET, INTF or machine, an attribute and its value");
+  return command;
+}
+
+Command start(Words&) { return StartCommand{}; }
+Command drop(Words&) { return DropCommand{}; }
+Command show(Words& words) { return ShowCommand{words.taken("sets")}; }
+
+Command trace(Words& words) {
+  if (words.taken("off")) return TraceCommand{};
+  try {
+    TraceCommand command{traceLevelsFromText(words.peek())};
+    words.take();
+    return command;
+  } catch (OptionError const&) {
+    words.fail("trace levels from 1 to 30, such as 1,2,7, or \"off\"");
+  }
+}
+
+Command packets(Words& words) {
+  bool const brief = words.taken("brief");
+  if (!brief && !words.taken("full")) words.fail("\"brief\" or \"full\"");
+  return PacketsCommand{brief};
+}
+
+Command say(Words& words) {
+  if (!words) words.fail("a text");
+  return SayCommand{std::string(words.takeRest())};
+}
+
+struct Form {
+  std::string_view word;
+  Command (*parse)(Words& words);
+  std::string_view arguments;
+  std::string_view about;
+};
+
+constexpr Form forms[] = {
+    {"intf", intf, "NAME [ADDRESS/LEN | none] [hold S] [interval S] [override S] [mtu BYTES] [notify | down]",
+     "an interface comes up, changes, repeats its address, or goes down"},
+    {"neighbor", neighbor, "ADDRESS on NAME | down | up", "a neighbor comes up, goes down, returns"},
+    {"rp", rp, "GROUP/LEN=ADDRESS", "the RP of groups; without one, the RP in a message is right"},
+    {"deny", policyOn<Policy::deny>, "GROUP/LEN [off]", "the filter on receipt denies groups"},
+    {"filter", policyOn<Policy::filter>, "GROUP/LEN [off]", "the packet manager filters groups"},
+    {"suppress", policyOn<Policy::suppress>, "GROUP/LEN [off]", "the packet manager suppresses joins"},
+    {"start", start, "", "makes the message machine over what is there"},
+    {"drop", drop, "", "drops the message machine"},
+    {"triggered", data<Channel::triggered>, "TARGET [remove] join ROUTE... prune ROUTE...",
+     "changes what is pending for an upstream target"},
+    {"override", data<Channel::override>, "TARGET [remove] join ROUTE... prune ROUTE...", "the same"},
+    {"periodic", data<Channel::periodic>, "TARGET [remove] join ROUTE... prune ROUTE...",
+     "the same; ROUTE is (S,G), (*,G) rp ADDRESS, (S,G,rpt), or N routes from ROUTE (groups are counted "
+     "upwards), or N sources from ROUTE (sources are)"},
+    {"receive", receive, "NAME upstream ADDRESS hold S join ROUTE... prune ROUTE...",
+     "a Join/Prune message comes in"},
+    {"wait", wait, "S | until S", "time passes; every timer fires at its time"},
+    {"seed", seed, "N", "seeds the random override delay"},
+    {"cost", cost, "S", "the time that sending one message takes from now on"},
+    {"set", set, "TARGET | NAME | machine ATTRIBUTE VALUE", "sets an attribute by name"},
+    {"packets", packets, "full | brief", "how packets are shown from now on"},
+    {"trace", trace, "LEVELS | off", "which trace lines of the engine are shown from now on"},
+    {"show", show, "[sets]", "the machines, or what is pending entry by entry"},
+    {"say", say, "TEXT", "a line in the output"},
+};
+
+}  // namespace
+
+std::string toText(RouteEntry const& entry) {
+  bool const wildcard = entry.kind == SourceKind::wildcard;
+  auto const verb = entry.join ? "join" : "prune";
+  if (wildcard) return fmt::format("{} (*,{}) rp {}", verb, toText(entry.group), toText(entry.source));
+  return fmt::format("{} ({},{}{})", verb, toText(entry.source), toText(entry.group),
+                     entry.kind == SourceKind::sourceRpt ? ",rpt" : "");
+}
+
+Command commandFromText(std::string_view text, U32 line) {
+  Words words(text, line);
+  for (auto const& form : forms) {
+    if (!words.taken(form.word)) continue;
+    auto command = form.parse(words);
+    if (words) words.fail("the end of the line");
+    return command;
+  }
+  words.fail("a command");
+}
+
+std::string commandReference() {
+  std::string text;
+  for (auto const& form : forms)
+    text += fmt::format("  {}{}{}\n      {}\n", form.word, form.arguments.empty() ? "" : " ", form.arguments,
+                        form.about);
+  return text;
+}
+
+Conversation::Conversation(std::string_view text) {
+  auto const lines = splitLines(text);
+  if (lines.empty() || !lines[0].starts_with('#') || trimmed(lines[0].substr(1)).empty()) {
+    throw ConversationError(1, "expected a comment (#) that tells the story in one sentence");
+  }
+  story_ = trimmed(lines[0].substr(1));
+  for (U32 at = 0; at < lines.size(); ++at) {
+    if (hasRule()) {
+      expected_.emplace_back(lines[at]);
+      continue;
+    }
+    head_.append(lines[at]) += '\n';
+    auto const line = trimmed(lines[at]);
+    if (isRule(line))
+      firstExpectedLine_ = at + 2;
+    else if (!line.empty() && line.front() != '#')
+      steps_.push_back({at + 1, commandFromText(line, at + 1)});
+  }
+  if (steps_.empty()) throw ConversationError(0, "expected commands");
+}
+
+Conversation Conversation::fromFile(std::string const& path) {
+  std::string text;
+  try {
+    std::ifstream file;
+    file.exceptions(std::ios::failbit | std::ios::badbit);
+    file.open(path, std::ios::binary);
+    text.assign(std::istreambuf_iterator<char>(file), {});
+  } catch (std::ios_base::failure const&) {  // a folder is refused only when it is read
+    throw ConversationError(0, "cannot be read");
+  }
+  return Conversation(text);
+}
+
+std::string Conversation::difference(std::string_view name, std::string_view output) const {
+  constexpr std::size_t context = 3, shown = 6;
+  auto const came = splitLines(output);
+  std::size_t const same = static_cast<std::size_t>(
+      std::mismatch(expected_.begin(), expected_.end(), came.begin(), came.end()).first - expected_.begin());
+  if (same == expected_.size() && same == came.size()) return {};
+  std::string text = fmt::format("{}:{}: something else came out\n", name, firstExpectedLine_ + same);
+  for (std::size_t i = same - std::min(same, context); i < same; ++i)
+    text += fmt::format("  {}\n", expected_[i]);
+  auto const tell = [&](char sign, auto const& lines) {
+    for (std::size_t i = same; i < std::min(same + shown, lines.size()); ++i)
+      text += fmt::format("{} {}\n", sign, lines[i]);
+    if (same >= lines.size())
+      text += fmt::format("{} (the end)\n", sign);
+    else if (lines.size() - same > shown)
+      text += fmt::format("{} ({} more)\n", sign, lines.size() - same - shown);
+  };
+  tell('-', expected_);
+  tell('+', came);
+  return text;
+}
+
+std::string Conversation::withExpected(std::string_view output) const {
+  return (hasRule() ? head_ : head_ + "----\n") + std::string(output);
+}
+
+}  // namespace Routing::Pim::Agent

@@ -1,0 +1,170 @@
+// Conversations: a text file with commands and, under a rule, everything that came out.
+//
+//     # A triggered join goes out 0.1 s after the route changed.
+//     intf eth0 10.0.0.1/24
+//     neighbor 10.0.0.2 on eth0
+//     start
+//     triggered 10.0.0.2 join (10.9.0.1,239.1.1.1)
+//     wait 0.2
+//     ----
+//     0.000 machine 10.0.0.1 made on eth0, for the interface
+//     0.000 machine 10.0.0.2 made on eth0, for the neighbor
+//     0.000 timer 10.0.0.2 triggered armed for 0.100
+//     0.100 timer 10.0.0.2 triggered fires
+//     0.100 sent on eth0 from 10.0.0.1, upstream 10.0.0.2, triggered, hold 210, 34 bytes
+//     0.100   join (10.9.0.1,239.1.1.1)
+//
+// The first line is a comment that tells the story. What a command does is in Simulation.h, which performs
+// them; this header has what a file says, checked as a whole before any of it is performed.
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "agent/Options.h"
+#include "agent/PimMessage.h"
+
+namespace Routing::Pim::Agent {
+
+using Vel::Seconds;
+
+/// A file that cannot be read, or a line of it that is not understood or cannot be performed.
+class ConversationError : public std::runtime_error {
+ public:
+  /// Line 0 stands for the whole file.
+  ConversationError(U32 line, std::string const& text) : std::runtime_error(text), line_(line) {}
+  U32 line() const { return line_; }
+
+ private:
+  U32 line_;
+};
+
+/// A join or prune of a route, in the form in which commands give it and the output shows it:
+/// "join (10.9.0.1,239.1.1.1)", "prune (10.9.0.1,239.1.1.1,rpt)", "join (*,239.1.1.1) rp 10.0.0.9".
+struct RouteEntry {
+  bool join = true;
+  SourceKind kind = SourceKind::source;
+  IpGenAddr source;  ///< The RP of a (*,G) entry.
+  IpGenAddr group;
+};
+std::string toText(RouteEntry const& entry);
+
+/// What a set of joins and prunes is sent as.
+enum class Channel : U8 { triggered, override, periodic };
+inline constexpr std::array<std::string_view, 3> channelNames = {"triggered", "override", "periodic"};
+constexpr std::string_view text(Channel channel) { return channelNames[static_cast<std::size_t>(channel)]; }
+
+// --- Commands: one structure each, and what was left out is empty.
+
+struct IntfCommand {
+  std::string name;
+  std::optional<IpGenPrefix> address;  // The default prefix for none.
+  std::optional<U16> holdTime;
+  std::optional<U32> interval;
+  std::optional<Seconds> overrideInterval;
+  std::optional<U32> mtu;
+  bool notify = false;
+  bool down = false;
+};
+struct NeighborCommand {
+  IpGenAddr address;
+  std::string intf;  // Empty for a neighbor that is known.
+  bool down = false;
+};
+struct RpCommand {
+  std::string text;
+};
+/// Where groups are left out: on receipt (`deny`), or from what is sent, as filtered or as suppressed.
+enum class Policy : U8 { deny, filter, suppress };
+struct PolicyCommand {
+  Policy policy;
+  IpGenPrefix groups;
+  bool off = false;
+};
+struct DataCommand {
+  Channel channel;
+  IpGenAddr target;
+  bool remove = false;
+  std::vector<RouteEntry> entries;
+};
+struct ReceiveCommand {
+  std::string intf;
+  WireMessage message;
+};
+struct WaitCommand {
+  Seconds time;
+  bool until;
+};
+struct SeedCommand {
+  long seed;
+};
+struct CostCommand {
+  Seconds perMessage;
+};
+struct SetCommand {
+  std::string subject, attribute, value;
+};
+struct StartCommand {};
+struct DropCommand {};
+struct ShowCommand {
+  bool sets;
+};
+struct TraceCommand {
+  std::vector<U32> levels;
+};
+struct PacketsCommand {
+  bool brief;
+};
+struct SayCommand {
+  std::string text;
+};
+
+using Command = std::variant<IntfCommand, NeighborCommand, RpCommand, PolicyCommand, DataCommand,
+                             ReceiveCommand, WaitCommand, SeedCommand, CostCommand, SetCommand, StartCommand,
+                             DropCommand, ShowCommand, TraceCommand, PacketsCommand, SayCommand>;
+
+/// Parses one command. Throws ConversationError, with the given line, that says what was expected.
+Command commandFromText(std::string_view text, U32 line = 0);
+
+/// The forms of all commands with a few words on each, for help texts.
+std::string commandReference();
+
+/// A file's content.
+class Conversation {
+ public:
+  struct Step {
+    U32 line;
+    Command command;
+  };
+
+  /// Throws ConversationError.
+  explicit Conversation(std::string_view text);
+  static Conversation fromFile(std::string const& path);
+
+  /// The first line, without the sign of a comment.
+  std::string const& story() const { return story_; }
+  std::vector<Step> const& steps() const { return steps_; }
+
+  /// Whether there is a rule; without one, nothing is expected and nothing can be compared.
+  bool hasRule() const { return firstExpectedLine_ != 0; }
+
+  /// Empty if exactly this is expected. Otherwise where the first difference is, with the lines around it,
+  /// "-" before what was expected and "+" before what came out. `name` is the file's.
+  std::string difference(std::string_view name, std::string_view output) const;
+
+  /// The file with another expected half. The other half stays as it is, byte for byte.
+  std::string withExpected(std::string_view output) const;
+
+ private:
+  std::string story_;
+  std::vector<Step> steps_;
+  std::string head_;  // Up to and with the rule.
+  std::vector<std::string> expected_;
+  U32 firstExpectedLine_ = 0;
+};
+
+}  // namespace Routing::Pim::Agent

@@ -1,0 +1,130 @@
+// The engine in a world that stands still until it is told to move: interfaces, neighbors, a packet manager,
+// and a clock that begins at 0. Commands go in; everything that comes out becomes a line of text:
+//
+//     0.000 machine 10.0.0.2 made on eth0, for the neighbor    a neighbor machine comes; or "gone"
+//     0.000 timer 10.0.0.2 triggered armed for 0.100           the engine has armed a timer
+//     0.100 timer 10.0.0.2 triggered fires                     if it is late: "fires, due 0.100"
+//     0.100 sent on eth0 from 10.0.0.1, upstream 10.0.0.2, triggered, hold 210, 34 bytes
+//     0.100   join (10.9.0.1,239.1.1.1)                        what the packet's bytes say
+//     1.000 rxJoin 1: (10.9.0.1,239.1.1.1), Flags: S, Intf: , Neighbor: 10.0.0.1, Holdtime: 210
+//     1.000 trace 7 JoinPruneNeighborSm(eth0::10.0.0.2)::@1::...    @1 stands for the object's address
+//
+// The same commands give the same lines on every computer: the clock is the world's own, the random delay is
+// seeded, and objects are numbered in the order in which traces name them.
+#pragma once
+
+#include <array>
+#include <iosfwd>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "agent/Conversation.h"
+#include "agent/PacketSinks.h"
+#include "pim/joinprune/JoinPruneMessageSm.h"
+#include "runtime/vel/Trace.h"
+
+namespace Routing::Pim::Agent {
+
+/// REQUIRES: one simulation at a time in a process, since traces and the random generator are the process's.
+class Simulation {
+ public:
+  /// Lines go to `out`; each packet also goes to `alsoTo`, if there is one, after its line. Both must outlive
+  /// the simulation.
+  explicit Simulation(std::ostream& out, PacketSink* alsoTo = nullptr);
+  ~Simulation();
+  Simulation(Simulation const&) = delete;
+  Simulation& operator=(Simulation const&) = delete;
+
+  /// Performs a command to its end. What cannot be done throws std::range_error with the reason.
+  void perform(Command const& command);
+
+  /// The virtual time, in seconds.
+  Seconds now() const { return now_; }
+
+ private:
+  class MachineWatch;
+  class RecordWatch;
+  class Rps;
+  class Groups;
+
+  // What is known of a neighbor machine; lines on its timers come from comparing it with what is.
+  struct Target {
+    void const* machine;
+    void const* periodicTimerSm;
+    std::array<Seconds, channelNames.size()> timers;
+  };
+
+  void on(IntfCommand const& command);
+  void on(NeighborCommand const& command);
+  void on(RpCommand const& command);
+  void on(PolicyCommand const& command);
+  void on(DataCommand const& command);
+  void on(ReceiveCommand const& command);
+  void on(WaitCommand const& command);
+  void on(SeedCommand const& command);
+  void on(CostCommand const& command);
+  void on(SetCommand const& command);
+  void on(StartCommand const& command);
+  void on(DropCommand const& command);
+  void on(ShowCommand const& command);
+  void on(TraceCommand const& command);
+  void on(PacketsCommand const& command);
+  void on(SayCommand const& command);
+
+  void send(OutgoingPacket const& packet);
+  void traced(Vel::TraceLine const& line);
+  void machineChanged(IpGenAddr const& address);
+  void recorded(JoinPruneMessageInfo const& record, bool join);
+
+  void line(std::string_view text);
+  void expire();
+  void tellFiring(IpGenAddr const& address, Channel channel);
+  void tellTimers();
+  void showTarget(IpGenAddr const& address);
+  void showEntries(IpGenAddr const& address);
+  void forgetNames();
+  std::string named(std::string_view text, std::string_view function);
+  std::string const& nameOf(std::string const& pointer);
+
+  std::map<IpGenAddr, Vel::Ptr<JoinPruneNeighborSm>> machines() const;
+  std::array<Vel::Ptr<Packet::JoinPruneData>, channelNames.size()> dataOf(IpGenAddr const& target) const;
+  Vel::Ptr<Intf> knownIntf(std::string const& name) const;
+
+  std::ostream& out_;
+  PacketSink* const alsoTo_;
+  ForwardedPackets packets_{[this](OutgoingPacket const& packet) { send(packet); }};
+
+  // The clock.
+  Seconds now_ = 0;
+  Seconds cost_ = 0;
+
+  // The engine's inputs, the same ones for each machine that is started.
+  Vel::Ptr<Zanth::TimerWheel> const wheel_;
+  Vel::Ptr<Status> const pimStatus_;
+  Vel::Ptr<JoinPruneStatus> const status_;
+  Vel::Ptr<Groups> const denied_, filtered_, suppressed_;
+  Vel::Ptr<Rps> const rps_;
+  Vel::Ptr<JoinPruneMessageInfo> const rxJoin_, rxPrune_;
+  Vel::Ptr<IO::MessageInfo> const channel_;
+  Vel::Ptr<PacketManager> manager_;
+  std::map<std::string, Vel::Ptr<Intf>> intfs_;    // those that are down included
+  std::map<IpGenAddr, Vel::Ptr<Intf>> neighbors_;  // where each was last
+  Vel::Ptr<JoinPruneMessageSm> machine_;           // null unless started
+
+  // What tells of the outputs.
+  Vel::Ptr<MachineWatch> const machineWatch_;
+  Vel::Ptr<RecordWatch> const joinWatch_, pruneWatch_;
+  bool brief_ = false;
+  U32 shownLevels_ = 0;  // of traces; bit n is level n
+  std::map<std::pair<IpGenAddr, Channel>, Seconds>
+      due_;  // while timers fire: those of which no line told yet
+  std::map<IpGenAddr, Target> targets_;
+  std::map<std::string, std::string> names_;  // of objects, by the text of their address
+  U32 lastName_ = 0;
+};
+
+/// Performs a conversation. What cannot be done throws ConversationError with its line.
+void simulate(Conversation const& conversation, Simulation& simulation);
+
+}  // namespace Routing::Pim::Agent

@@ -1,0 +1,394 @@
+#include "agent/Simulation.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/agent/Support.h"
+
+namespace Routing::Pim::Agent {
+namespace {
+
+using namespace Test;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+/// A router with an interface and a neighbor on it, started; what has come out of it line by line.
+class SimulationTest : public testing::Test {
+ protected:
+  SimulationTest() {
+    run({"intf eth0 10.0.0.1/24", "neighbor 10.0.0.2 on eth0", "start"});
+    take();
+  }
+
+  void run(std::vector<std::string> const& commands) {
+    for (auto const& command : commands) simulation_.perform(commandFromText(command));
+  }
+  /// What came out since the last time.
+  std::vector<std::string> take() {
+    auto const text = out_.str();
+    out_.str({});
+    return lines(text);
+  }
+  std::vector<std::string> outputOf(std::vector<std::string> const& commands) {
+    run(commands);
+    return take();
+  }
+  std::string complaint(std::string const& command) {
+    try {
+      run({command});
+    } catch (std::range_error const& e) {
+      return e.what();
+    }
+    return "none";
+  }
+
+  std::ostringstream out_;
+  CapturedPackets packets_;
+  Simulation simulation_{out_, &packets_};
+};
+
+constexpr char join[] = "triggered 10.0.0.2 join (10.9.0.1,239.1.1.1)";
+
+TEST_F(SimulationTest, ATimerFiresAtItsTimeWithinTheWait) {
+  EXPECT_THAT(outputOf({join}), ElementsAre("0.000 timer 10.0.0.2 triggered armed for 0.100"));
+  EXPECT_THAT(outputOf({"wait 0.09"}), IsEmpty());
+  EXPECT_THAT(
+      outputOf({"wait 0.5"}),
+      ElementsAre("0.100 timer 10.0.0.2 triggered fires",
+                  "0.100 sent on eth0 from 10.0.0.1, upstream 10.0.0.2, triggered, hold 210, 34 bytes",
+                  "0.100   join (10.9.0.1,239.1.1.1)"));
+  EXPECT_DOUBLE_EQ(simulation_.now(), 0.59);
+}
+
+TEST_F(SimulationTest, ATimerThatIsDueAtTheEndOfAWaitFiresInIt) {
+  // 0.1 + 0.2 is not 0.3 in doubles.
+  run({"wait 0.2", join});
+  take();
+  EXPECT_THAT(outputOf({"wait until 0.3"}), SizeIs(3));
+}
+
+TEST_F(SimulationTest, ATimerThatBecomesDueWhileSendingFiresLate) {
+  run({"cost 0.3", "neighbor 10.0.0.3 on eth0", join, "wait 0.05",
+       "triggered 10.0.0.3 join (10.9.0.1,239.1.1.1)", "wait 0.1"});
+  EXPECT_THAT(take(), testing::Contains("0.400 timer 10.0.0.3 triggered fires, due 0.150"));
+  EXPECT_DOUBLE_EQ(simulation_.now(), 0.7);
+}
+
+TEST_F(SimulationTest, WhatBecameDueWhileSendingBeyondTheWaitFiresInTheNext) {
+  run({"cost 0.3", "neighbor 10.0.0.3 on eth0", join, "wait 0.05",
+       "triggered 10.0.0.3 join (10.9.0.1,239.1.1.1)", "wait 0.05"});
+  EXPECT_DOUBLE_EQ(simulation_.now(), 0.4);
+  take();
+  EXPECT_EQ(outputOf({"wait 0"})[0], "0.400 timer 10.0.0.3 triggered fires, due 0.150");
+}
+
+TEST_F(SimulationTest, TimersOfOneTimeFireInTheOrderInWhichTheyWereArmed) {
+  run({"neighbor 10.0.0.3 on eth0", "neighbor 10.0.0.4 on eth0",
+       "triggered 10.0.0.4 join (10.9.0.1,239.1.1.1)", join, "triggered 10.0.0.3 join (10.9.0.1,239.1.1.1)",
+       "triggered 10.0.0.4 remove join (10.9.0.1,239.1.1.1)"});
+  take();
+  std::vector<std::string> fired;
+  for (auto const& line : outputOf({"wait 1"}))
+    if (line.find(" fires") != line.npos) fired.push_back(line);
+  EXPECT_THAT(fired,
+              ElementsAre("0.100 timer 10.0.0.4 triggered fires", "0.100 timer 10.0.0.2 triggered fires",
+                          "0.100 timer 10.0.0.3 triggered fires"));
+}
+
+TEST_F(SimulationTest, TracesThatAreOffAreNotShownWhenSeveralTimersFireAtOnce) {
+  run({"neighbor 10.0.0.3 on eth0", join, "triggered 10.0.0.3 join (10.9.0.1,239.1.1.1)", "wait 1"});
+  EXPECT_THAT(take(), testing::Each(Not(HasSubstr("trace"))));
+  EXPECT_THAT(outputOf({"trace 7", join}), testing::Contains(HasSubstr("trace 7 ")));
+  EXPECT_THAT(outputOf({"trace off", "triggered 10.0.0.2 prune (10.9.0.1,239.1.1.1)"}),
+              testing::Each(Not(HasSubstr("trace"))));
+}
+
+TEST_F(SimulationTest, AClockThatStandsStillForEverIsNoticed) {
+  run({"set 10.0.0.2 triggeredInterval 0", join, "intf eth0 none"});
+  EXPECT_EQ(complaint("wait 1"), "timers fire for ever at 0.000");
+}
+
+TEST(SimulationRepeatedTest, TheSameCommandsGiveTheSameOutput) {
+  std::vector<std::string> const commands = {"intf eth0 10.0.0.1/24",
+                                             "neighbor 10.0.0.2 on eth0",
+                                             "trace 1-8",
+                                             "start",
+                                             "override 10.0.0.2 join 40 routes from (10.9.0.1,239.1.1.1)",
+                                             "wait 3",
+                                             "neighbor 10.0.0.2 down",
+                                             "neighbor 10.0.0.2 up",
+                                             "periodic 10.0.0.2 join 5 sources from (10.9.0.1,239.1.1.1)",
+                                             "wait 100",
+                                             "drop",
+                                             "start",
+                                             "wait 100"};
+  std::string outputs[2];
+  std::vector<std::unique_ptr<int[]>> heap;
+  for (auto& output : outputs) {
+    heap.push_back(std::make_unique<int[]>(1000));  // objects come to lie elsewhere
+    std::ostringstream out;
+    Simulation simulation(out);
+    for (auto const& command : commands) simulation.perform(commandFromText(command));
+    output = out.str();
+  }
+  EXPECT_EQ(outputs[0], outputs[1]);
+  EXPECT_THAT(outputs[0], HasSubstr("::@1::"));
+  EXPECT_THAT(outputs[0], Not(HasSubstr("0x")));
+}
+
+TEST_F(SimulationTest, TheAddressOfAnObjectIsReplacedByItsNumber) {
+  run({"trace 8"});
+  // A handler whose name goes on in hexadecimal digits does not become part of the address.
+  run({"periodic 10.0.0.2 join (10.9.0.1,239.1.1.1)", "wait 60"});
+  auto const seen = take();
+  EXPECT_THAT(seen, testing::Contains("0.000 trace 8 @1interval()"));
+  EXPECT_THAT(seen, testing::Contains(HasSubstr("JoinPruneNeighborSm(eth0::10.0.0.2)::@2::")));
+  EXPECT_THAT(seen, testing::Contains("60.000 trace 8 @1doResetHoldTime()"));
+}
+
+TEST_F(SimulationTest, AnotherMachineHasAnotherNumber) {
+  run({"trace 2"});
+  std::vector<std::string> made;
+  for (int i = 0; i < 3; ++i) {
+    for (auto const& line : outputOf({"neighbor 10.0.0.2 down", "neighbor 10.0.0.2 up"}))
+      if (line.find("@") != line.npos) made.push_back(line.substr(line.find("@"), 2));
+  }
+  EXPECT_THAT(made, ElementsAre("@1", "@2", "@3"));
+}
+
+TEST_F(SimulationTest, MachinesAreToldOfAsTheyComeAndGo) {
+  EXPECT_THAT(outputOf({"neighbor 10.0.0.3 on eth0"}),
+              ElementsAre("0.000 machine 10.0.0.3 made on eth0, for the neighbor"));
+  EXPECT_THAT(outputOf({"neighbor 10.0.0.3 down"}), ElementsAre("0.000 machine 10.0.0.3 gone"));
+  EXPECT_THAT(outputOf({"drop"}),
+              testing::UnorderedElementsAre("0.000 machine 10.0.0.1 gone", "0.000 machine 10.0.0.2 gone"));
+  EXPECT_THAT(outputOf({"start"}), ElementsAre("0.000 machine 10.0.0.1 made on eth0, for the interface",
+                                               "0.000 machine 10.0.0.2 made on eth0, for the neighbor"));
+}
+
+TEST_F(SimulationTest, RecordsAreToldOfEntryByEntry) {
+  EXPECT_THAT(
+      outputOf({"receive eth0 upstream 10.0.0.1 hold 70 join (*,239.1.1.1) rp 10.0.0.9 "
+                "prune (10.9.0.1,239.1.1.1,rpt)"}),
+      ElementsAre("0.000 rxJoin 1: (*,239.1.1.1), Flags: SWR, Intf: , Neighbor: 10.0.0.1, Holdtime: 70, "
+                  "RP: 10.0.0.9",
+                  "0.000 rxPrune 1: (10.9.0.1,239.1.1.1), Flags: SR, Intf: , Neighbor: 10.0.0.1, "
+                  "Holdtime: 70"));
+}
+
+TEST_F(SimulationTest, PacketsGoToTheOtherSinkToo) {
+  run({join, "wait 1"});
+  ASSERT_THAT(packets_.packets(), SizeIs(1));
+  EXPECT_EQ(packets_.packets()[0].source, IpGenAddr("10.0.0.1"));
+  EXPECT_EQ(packets_.packets()[0].message.upstreamNeighbor(), IpGenAddr("10.0.0.2"));
+}
+
+TEST_F(SimulationTest, BriefPacketsHaveTheFirstAndTheLastEntry) {
+  run({"packets brief", "triggered 10.0.0.2 join (10.9.0.1,239.1.1.1) prune (10.9.0.2,239.1.1.1)"});
+  take();
+  EXPECT_EQ(outputOf({"wait 1"}).back(),
+            "0.100   2 routes in 1 group: join (10.9.0.1,239.1.1.1) ... prune (10.9.0.2,239.1.1.1)");
+}
+
+TEST_F(SimulationTest, ShowTellsMachinesTimersAndWhatIsPending) {
+  run({join, "periodic 10.0.0.2 join 2 routes from (10.9.0.1,239.1.1.1)"});
+  take();
+  EXPECT_THAT(outputOf({"show"}),
+              ElementsAre("0.000 show 10.0.0.1 on eth0, interface; triggered 0 groups; override 0 groups; "
+                          "periodic 0 groups, 0 routes",
+                          "0.000 show 10.0.0.2 on eth0, neighbor; triggered 1 group, at 0.100; override 0 "
+                          "groups; periodic 2 groups, 2 routes, at 60.000, then 2 every 60.000"));
+  EXPECT_THAT(outputOf({"show sets"}), ElementsAre("0.000 show 10.0.0.2 triggered join (10.9.0.1,239.1.1.1)",
+                                                   "0.000 show 10.0.0.2 periodic join (10.9.0.1,239.1.1.1)",
+                                                   "0.000 show 10.0.0.2 periodic join (10.9.0.1,239.1.1.2)"));
+  run({"drop"});
+  take();
+  EXPECT_THAT(outputOf({"show"}),
+              ElementsAre("0.000 show 10.0.0.2 without a machine; triggered 1 group; override 0 groups; "
+                          "periodic 2 groups"));
+}
+
+TEST_F(SimulationTest, WithoutAMachineTheLastEntryThatIsRemovedTakesItsGroupAlong) {
+  run({"periodic 10.0.0.2 join 2 sources from (10.9.0.1,239.1.1.1)", "drop",
+       "periodic 10.0.0.2 remove join (10.9.0.1,239.1.1.1)"});
+  take();
+  EXPECT_THAT(outputOf({"show"}).back(), HasSubstr("periodic 1 group"));
+  run({"periodic 10.0.0.2 remove join (10.9.0.2,239.1.1.1)"});
+  EXPECT_THAT(outputOf({"show"}).back(), HasSubstr("periodic 0 groups"));
+}
+
+TEST_F(SimulationTest, WhatCannotBeDoneIsRefusedWithTheReason) {
+  EXPECT_EQ(complaint("triggered 10.0.0.9 join (10.9.0.1,239.1.1.1)"), "10.0.0.9 is no upstream target");
+  EXPECT_EQ(complaint("triggered 10.0.0.2 remove join (10.9.0.1,239.1.1.1)"),
+            "10.0.0.2 has no triggered join (10.9.0.1,239.1.1.1)");
+  run({"triggered 10.0.0.2 join (*,239.1.1.1) rp 10.0.0.9"});
+  EXPECT_EQ(complaint("triggered 10.0.0.2 remove prune (*,239.1.1.1) rp 10.0.0.9"),
+            "10.0.0.2 has no triggered prune (*,239.1.1.1) rp 10.0.0.9");
+  EXPECT_EQ(complaint("neighbor 10.0.0.9 on eth9"), "there is no interface eth9");
+  EXPECT_EQ(complaint("neighbor 10.0.0.9 down"), "there is no neighbor 10.0.0.9");
+  EXPECT_EQ(complaint("intf eth9 down"), "interface eth9 is not up");
+  EXPECT_EQ(complaint("receive eth9 upstream 10.0.0.1 hold 1 join (10.9.0.1,239.1.1.1)"),
+            "there is no interface eth9");
+  EXPECT_EQ(complaint("deny 239.1.0.0/16 off"), "these groups were not named before");
+  EXPECT_EQ(complaint("set 10.0.0.9 loopQuantum 1"), "there is no machine or interface 10.0.0.9");
+  EXPECT_THAT(complaint("set 10.0.0.2 loopQuntum 1"), HasSubstr("loopQuntum"));
+  EXPECT_THAT(complaint("set 10.0.0.2 loopQuantum much"), HasSubstr("much"));
+  EXPECT_EQ(complaint("start"), "the machine is there already");
+  run({"wait 2", "drop"});
+  EXPECT_EQ(complaint("drop"), "there is no machine");
+  EXPECT_EQ(complaint("wait until 1"), "it is 2.000 already");
+  run({"rp 239.0.0.0/8=10.0.0.9", "neighbor 10.0.0.2 down", "intf eth1"});
+  EXPECT_THAT(complaint("rp 239.0.0.0/8=10.0.0.8"), HasSubstr("again"));
+  EXPECT_EQ(complaint("neighbor 10.0.0.2 down"), "neighbor 10.0.0.2 is not up");
+  run({"neighbor 10.0.0.2 up"});
+  EXPECT_THAT(complaint("neighbor 10.0.0.2 on eth1"), HasSubstr("Reinstantiating"));
+}
+
+TEST_F(SimulationTest, ANeighborThatCouldNotMoveReturnsWhereItWas) {
+  run({"intf eth1"});
+  EXPECT_THAT(complaint("neighbor 10.0.0.2 on eth1"), HasSubstr("Reinstantiating"));
+  run({"neighbor 10.0.0.2 down"});
+  take();
+  EXPECT_THAT(outputOf({"neighbor 10.0.0.2 up"}),
+              ElementsAre("0.000 machine 10.0.0.2 made on eth0, for the neighbor"));
+}
+
+TEST_F(SimulationTest, AttributesAreSetByName) {
+  run({"set 10.0.0.2 triggeredInterval 0.5", "set eth0 joinPruneHoldTime 35",
+       "set machine diagUpJoinCount true", join});
+  EXPECT_THAT(take(), ElementsAre("0.000 timer 10.0.0.2 triggered armed for 0.500"));
+  EXPECT_THAT(outputOf({"wait 1"})[1], HasSubstr("hold 35"));
+}
+
+TEST_F(SimulationTest, AFailingCommandNamesItsLine) {
+  Conversation const conversation("# S.\nintf eth7\n\ntriggered 10.0.0.9 join (10.9.0.1,239.1.1.1)\n");
+  try {
+    simulate(conversation, simulation_);
+    FAIL() << "nothing was refused";
+  } catch (ConversationError const& e) {
+    EXPECT_EQ(e.line(), 4u);
+    EXPECT_STREQ(e.what(), "10.0.0.9 is no upstream target");
+  }
+}
+
+// --- The program
+
+class SimulateTest : public testing::Test {
+ protected:
+  std::string file(std::string const& content) const {
+    return folder_.with("story.txt", Bytes(content.begin(), content.end()));
+  }
+  static Outcome simulate(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "simulate");
+    return run(JPAGENT, arguments);
+  }
+
+  TemporaryFolder folder_;
+  std::string const commands_ =
+      "# A story.\nintf eth0 10.0.0.1/24\nneighbor 10.0.0.2 on eth0\nstart\n"
+      "triggered 10.0.0.2 join (10.9.0.1,239.1.1.1)\nwait 0.25\n";
+  std::string const output_ =
+      "0.000 machine 10.0.0.1 made on eth0, for the interface\n"
+      "0.000 machine 10.0.0.2 made on eth0, for the neighbor\n"
+      "0.000 timer 10.0.0.2 triggered armed for 0.100\n"
+      "0.100 timer 10.0.0.2 triggered fires\n"
+      "0.100 sent on eth0 from 10.0.0.1, upstream 10.0.0.2, triggered, hold 210, 34 bytes\n"
+      "0.100   join (10.9.0.1,239.1.1.1)\n";
+};
+
+TEST_F(SimulateTest, TheOutputIsPrinted) {
+  auto const outcome = simulate({file(commands_)});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, output_);
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(SimulateTest, CheckIsSilentIfWhatIsExpectedComesOut) {
+  auto const outcome = simulate({"--check", file(commands_ + "----\n" + output_)});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out + outcome.err, "");
+}
+
+TEST_F(SimulateTest, CheckShowsTheFirstDifference) {
+  auto const path = file(commands_ + "----\n" + output_ + "0.200 more\n");
+  auto const outcome = simulate({"--check", path});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_THAT(outcome.out, HasSubstr(path + ":14: something else came out\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("\n- 0.200 more\n+ (the end)\n"));
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(SimulateTest, CheckNeedsARule) {
+  auto const path = file(commands_);
+  auto const outcome = simulate({"--check", path});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err, "jpagent: " + path + ": expected a rule (----) and under it what is to come out\n");
+}
+
+TEST_F(SimulateTest, RewriteTakesOverWhatComesOut) {
+  auto const path = file(commands_ + "-----\nold\n");
+  auto const outcome = simulate({"--rewrite", path});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out + outcome.err, "");
+  EXPECT_EQ(readText(path), commands_ + "-----\n" + output_);
+}
+
+TEST_F(SimulateTest, AMistakeIsNamedWithItsLineAndNothingIsRewritten) {
+  for (auto const& [line, why] :
+       {std::pair("wiat 1\n", "expected a command, not \"wiat\""),
+        std::pair("periodic 10.0.0.7 join (10.9.0.1,239.1.1.1)\n", "10.0.0.7 is no upstream target")}) {
+    auto const content = commands_ + line + "----\n";
+    auto const path = file(content);
+    auto const outcome = simulate({"--rewrite", path});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "jpagent: " + path + ":7: " + why + "\n");
+    EXPECT_EQ(readText(path), content);
+  }
+}
+
+TEST_F(SimulateTest, WhatIsNoConversationOrNoCallIsRefused) {
+  EXPECT_EQ(simulate({folder_.file("none")}).status, 2);
+  EXPECT_EQ(simulate({}).status, 2);
+  EXPECT_EQ(simulate({"--check", "--rewrite", file(commands_)}).status, 2);
+  auto const path = file(commands_);
+  for (auto const* option : {"--pcap", "--scrivo"}) {
+    auto const outcome = simulate({option, path, path});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.err, "jpagent: " + path + " is the conversation\n");
+  }
+  EXPECT_EQ(readText(path), commands_);
+}
+
+TEST_F(SimulateTest, TheCaptureReplaysToWhatWasSent) {
+  auto const capture = folder_.file("sent.pcap");
+  EXPECT_EQ(simulate({"--pcap", capture, file(commands_)}).status, 0);
+  auto const outcome = run(JPAGENT, {"replay", "--json", capture});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(
+      outcome.out,
+      R"x({"frame":1,"time":0.0,"record":"join","kind":"(S,G)","source":"10.9.0.1","group":"239.1.1.1",)x"
+      R"x("upstream":"10.0.0.2","holdtime":210,"flags":4})x"
+      "\n");
+}
+
+TEST_F(SimulateTest, TheRingTraceHasTheSending) {
+  auto const trace = folder_.file("ring");
+  EXPECT_EQ(simulate({"--scrivo", trace, file(commands_)}).status, 0);
+  auto const outcome = run(JPAGENT, {"trace", trace});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out, HasSubstr("Sending triggered joins/prunes to 10.0.0.2, Intf: eth0, Groups: 1"));
+}
+
+TEST_F(SimulateTest, HelpHasTheCommands) {
+  auto const outcome = simulate({"--help"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out, HasSubstr("neighbor ADDRESS on NAME | down | up"));
+  EXPECT_THAT(outcome.out, HasSubstr("--rewrite"));
+}
+
+}  // namespace
+}  // namespace Routing::Pim::Agent
