@@ -1,8 +1,10 @@
 #include "agent/PimMessage.h"
 
+#include <arpa/inet.h>
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "agent/Cursor.h"
 #include "runtime/vel/Exception.h"
@@ -31,14 +33,30 @@ void require(std::optional<Reason> fault) {
   if (fault) throw Vel::RangeException(std::string(text(*fault)));
 }
 
-// The ones' complement sum of 16-bit words, an odd byte padded with zero.
+// The ones' complement sum of 16-bit words, an odd byte padded with zero. Summed in 32-bit words of the machine, which
+// comes to the same once it is folded and put into network order (RFC 1071).
 U64 sumOf(std::span<U8 const> bytes) {
   U64 sum = 0;
-  std::size_t const even = bytes.size() & ~std::size_t{1};
-  for (std::size_t i = 0; i < even; i += 2) sum += static_cast<U32>(bytes[i] << 8 | bytes[i + 1]);
-  if (even != bytes.size()) sum += static_cast<U32>(bytes[even] << 8);
+  std::size_t i = 0;
+  for (; i + 4 <= bytes.size(); i += 4) {
+    U32 word;
+    std::memcpy(&word, bytes.data() + i, 4);
+    sum += word;
+  }
+  if (i < bytes.size()) {
+    U32 word = 0;
+    std::memcpy(&word, bytes.data() + i, bytes.size() - i);
+    sum += word;
+  }
   return sum;
 }
+
+U16 folded(U64 sum) {
+  while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
+  return ntohs(static_cast<U16>(sum));
+}
+
+}  // namespace
 
 class Decoder {
  public:
@@ -59,6 +77,9 @@ class Decoder {
     U16 holdTime;
     if (!in_.read(reserved) || !in_.read(groups) || !in_.read(holdTime)) return truncated("hold time");
     message_.emplace(upstream, holdTime);
+    // No more than what is left could hold, whatever the counts say.
+    message_->sets_.reserve(std::min<std::size_t>(groups, in_.left() / (encodedGroupSize(family_) + 4)));
+    message_->sources_.reserve(in_.left() / encodedSourceSize(family_));
     for (unsigned i = 0; i < groups; ++i) {
       if (in_.left() == 0) return refuse(Reason::wrongCount, fmt::format("{} of {} groups", i, groups));
       if (!groupSet()) return false;
@@ -70,34 +91,80 @@ class Decoder {
 
   bool groupSet() {
     IpGenAddr group;
-    U8 flags;
-    if (!masked("group", Reason::groupMaskNotFull, flags, group)) return false;
-    if (auto fault = groupFault(group, family_)) return refuse(*fault, toText(group));
     U16 joins, prunes;
-    if (!in_.read(joins) || !in_.read(prunes)) return truncated("counts of sources");
+    std::size_t const size = addressSize(family_);
+    std::span<U8 const> const head = in_.rest();
+    if (head.size() >= size + 8 && head[0] == wireFamily(family_) && head[1] == nativeEncoding &&
+        head[3] == 8 * size && (size == 4 ? head[4] >> 4 == 0xe : head[4] == 0xff)) [[likely]] {
+      group = IpGenAddr::fromBytes(head.subspan(4, size));
+      joins = static_cast<U16>(head[size + 4] << 8 | head[size + 5]);
+      prunes = static_cast<U16>(head[size + 6] << 8 | head[size + 7]);
+      if (!in_.skip(size + 8)) return truncated("group");
+    } else {
+      U8 flags;
+      if (!masked("group", Reason::groupMaskNotFull, flags, group)) return false;
+      if (auto fault = groupFault(group, family_)) return refuse(*fault, toText(group));
+      if (!in_.read(joins) || !in_.read(prunes)) return truncated("counts of sources");
+    }
     // Asked before the first source: with a count too high, what follows the sources would be taken for one.
     if ((std::size_t{joins} + prunes) * encodedSourceSize(family_) > in_.left()) {
       return refuse(Reason::wrongCount,
                     fmt::format("{} joins and {} prunes in {} bytes", joins, prunes, in_.left()));
     }
-    message_->groupAdd(group);
-    return sources(joins, &WireMessage::joinAdd) && sources(prunes, &WireMessage::pruneAdd);
+    message_->sets_.push_back({group, static_cast<U32>(message_->sources_.size()), joins, prunes});
+    return sources(unsigned{joins} + prunes);
   }
 
-  bool sources(U16 count, void (WireMessage::*add)(SourceKind, IpGenAddr const&)) {
-    for (unsigned i = 0; i < count; ++i) {
-      IpGenAddr address;
-      U8 flags;
-      if (!masked("source", Reason::sourceMaskNotFull, flags, address)) return false;
-      if (auto fault = sourceFault(address, family_)) return refuse(*fault, toText(address));
-      bool const wildcard = flags & wildcardBit, rpt = flags & rptBit;
-      if (wildcard && !rpt) return refuse(Reason::wildcardWithoutRpt, toText(address));
-      ((*message_).*add)(wildcard ? SourceKind::wildcard
-                         : rpt    ? SourceKind::sourceRpt
-                                  : SourceKind::source,
-                         address);
+  bool sources(unsigned count) {
+    return family_ == AddressFamily::ipv4 ? sources<4>(count) : sources<16>(count);
+  }
+
+  // Nearly every source is as it should be, which is seen at one look. One that is not goes through the checks one by
+  // one, so that the refusal says what is wrong with it.
+  template <std::size_t Size>
+  bool sources(unsigned count) {
+    std::vector<WireSource>& list = message_->sources_;
+    U8 const family = wireFamily(family_);
+    U8 const* entry = in_.rest().data();  // the count was checked: all of them are there
+    for (unsigned i = 0; i < count; ++i, entry += 4 + Size) {
+      U8 const flags = entry[2];
+      if (entry[0] == family && entry[1] == nativeEncoding && entry[3] == 8 * Size &&
+          isUnicast<Size>(entry + 4) && (flags & (wildcardBit | rptBit)) != wildcardBit) [[likely]] {
+        list.push_back({kindOf(flags), IpGenAddr::fromBytes({entry + 4, Size})});
+      } else {
+        return in_.skip(i * (4 + Size)) ? refuseSource() : truncated("source");
+      }
     }
-    return true;
+    return in_.skip(count * (4 + Size));
+  }
+
+  // The source at the cursor is not as it should be.
+  bool refuseSource() {
+    IpGenAddr address;
+    U8 flags;
+    if (!masked("source", Reason::sourceMaskNotFull, flags, address)) return false;
+    if (auto fault = sourceFault(address, family_)) return refuse(*fault, toText(address));
+    return refuse(Reason::wildcardWithoutRpt, toText(address));
+  }
+
+  static SourceKind kindOf(U8 flags) {
+    return flags & wildcardBit ? SourceKind::wildcard
+           : flags & rptBit    ? SourceKind::sourceRpt
+                               : SourceKind::source;
+  }
+
+  template <std::size_t Size>
+  static bool isUnicast(U8 const* bytes) {
+    if constexpr (Size == 4) {
+      U32 word;
+      std::memcpy(&word, bytes, 4);
+      return word != 0 && bytes[0] >> 4 != 0xe;
+    } else {
+      U64 high, low;
+      std::memcpy(&high, bytes, 8);
+      std::memcpy(&low, bytes + 8, 8);
+      return (high | low) != 0 && bytes[0] != 0xff;
+    }
   }
 
   bool unicast(std::string_view what, IpGenAddr& address) {
@@ -152,11 +219,13 @@ class Decoder {
   std::optional<Refusal> refusal_;
 };
 
+namespace {
+
 class Writer {
  public:
-  explicit Writer(std::size_t size) { bytes_.reserve(size); }
+  explicit Writer(std::size_t size) : bytes_(size), next_(bytes_.data()) {}
 
-  void u8(U8 value) { bytes_.push_back(value); }
+  void u8(U8 value) { *next_++ = value; }
   void u16(std::size_t value) {
     u8(static_cast<U8>(value >> 8));
     u8(static_cast<U8>(value));
@@ -183,11 +252,15 @@ class Writer {
   }
 
   void addressBytes(IpGenAddr const& address) {
-    auto const raw = address.bytes();
-    bytes_.insert(bytes_.end(), raw.begin(), raw.end());
+    U8 const* const raw = address.bytes().data();
+    if (address.isIpv4())
+      std::memcpy(next_, raw, 4), next_ += 4;
+    else
+      std::memcpy(next_, raw, 16), next_ += 16;
   }
 
-  std::vector<U8> bytes_;
+  std::vector<U8> bytes_;  // of the message's whole size from the start
+  U8* next_;
 };
 
 }  // namespace
@@ -226,44 +299,43 @@ WireMessage::WireMessage(IpGenAddr const& upstreamNeighbor, U16 holdTime)
 
 void WireMessage::groupAdd(IpGenAddr const& group) {
   require(groupFault(group, family()));
-  if (groups_.size() == maxGroups) require(Reason::wrongCount);
-  groups_.push_back(WireGroup(group));
+  if (sets_.size() == maxGroups) require(Reason::wrongCount);
+  sets_.push_back({group, static_cast<U32>(sources_.size()), 0, 0});
 }
 
 void WireMessage::joinAdd(SourceKind kind, IpGenAddr const& address) {
-  sourceAdd(openGroup().joins_, kind, address);
+  Set& set = openSet();
+  require(sourceFault(address, family()));
+  if (set.joins == maxSources) require(Reason::wrongCount);
+  sources_.insert(sources_.end() - set.prunes, {kind, address});
+  ++set.joins;
 }
 
 void WireMessage::pruneAdd(SourceKind kind, IpGenAddr const& address) {
-  sourceAdd(openGroup().prunes_, kind, address);
-}
-
-WireGroup& WireMessage::openGroup() {
-  if (groups_.empty()) throw Vel::RangeException("a source needs a group");
-  return groups_.back();
-}
-
-void WireMessage::sourceAdd(std::vector<WireSource>& list, SourceKind kind, IpGenAddr const& address) {
+  Set& set = openSet();
   require(sourceFault(address, family()));
-  if (list.size() == maxSources) require(Reason::wrongCount);
-  list.push_back({kind, address});
+  if (set.prunes == maxSources) require(Reason::wrongCount);
+  sources_.push_back({kind, address});
+  ++set.prunes;
+}
+
+WireMessage::Set& WireMessage::openSet() {
+  if (sets_.empty()) throw Vel::RangeException("a source needs a group");
+  return sets_.back();
 }
 
 std::size_t WireMessage::encodedSize() const {
-  std::size_t size = headerSize + encodedUnicastSize(family()) + 4;
-  for (auto const& group : groups_) {
-    size += encodedGroupSize(family()) + 4 +
-            (group.joins_.size() + group.prunes_.size()) * encodedSourceSize(family());
-  }
-  return size;
+  return headerSize + encodedUnicastSize(family()) + 4 + sets_.size() * (encodedGroupSize(family()) + 4) +
+         sources_.size() * encodedSourceSize(family());
 }
 
 U16 pimChecksum(std::span<U8 const> message, IpGenAddr const& source, IpGenAddr const& destination) {
   U64 sum = sumOf(message);
-  if (source.isIpv6())
-    sum += sumOf(source.bytes()) + sumOf(destination.bytes()) + message.size() + pimProtocol;
-  while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
-  return static_cast<U16>(~sum);
+  if (source.isIpv6()) {
+    U32 const lengthAndProtocol[] = {htonl(static_cast<U32>(message.size())), htonl(pimProtocol)};
+    sum += sumOf(source.bytes()) + sumOf(destination.bytes()) + lengthAndProtocol[0] + lengthAndProtocol[1];
+  }
+  return static_cast<U16>(~folded(sum));
 }
 
 bool isPimType(std::span<U8 const> message, PimType type) {
@@ -304,8 +376,8 @@ std::vector<U8> encodeJoinPrune(WireMessage const& message, IpGenAddr const& sou
     out.masked(0, group.group());
     out.u16(group.joins().size());
     out.u16(group.prunes().size());
-    for (auto const* list : {&group.joins(), &group.prunes()}) {
-      for (auto const& entry : *list) {
+    for (auto const list : {group.joins(), group.prunes()}) {
+      for (auto const& entry : list) {
         out.masked(sourceKindFlags[static_cast<std::size_t>(entry.kind)], entry.address);
       }
     }

@@ -61,21 +61,21 @@ struct WireSource {
   friend bool operator==(WireSource const& a, WireSource const& b) = default;
 };
 
-/// One group set. Several of a message may name the same group, and a list may repeat itself.
+/// One group set, as seen in a message: valid while the message stands and does not change. Several of a message
+/// may name the same group, and a list may repeat itself.
 class WireGroup {
  public:
-  IpGenAddr const& group() const { return group_; }
-  std::vector<WireSource> const& joins() const { return joins_; }
-  std::vector<WireSource> const& prunes() const { return prunes_; }
-
-  friend bool operator==(WireGroup const& a, WireGroup const& b) = default;
+  IpGenAddr const& group() const { return *group_; }
+  std::span<WireSource const> joins() const { return joins_; }
+  std::span<WireSource const> prunes() const { return prunes_; }
 
  private:
   friend class WireMessage;
-  explicit WireGroup(IpGenAddr const& group) : group_(group) {}
+  WireGroup(IpGenAddr const* group, std::span<WireSource const> joins, std::span<WireSource const> prunes)
+      : group_(group), joins_(joins), prunes_(prunes) {}
 
-  IpGenAddr group_;
-  std::vector<WireSource> joins_, prunes_;
+  IpGenAddr const* group_;
+  std::span<WireSource const> joins_, prunes_;
 };
 
 /// A Join/Prune message as it is on the wire, order and repetitions included. All addresses are of one
@@ -95,14 +95,47 @@ class WireMessage {
   /// Opens another group set, into which the following joins and prunes go.
   void groupAdd(IpGenAddr const& group);
 
-  /// Into the group set opened last; without one, throws Vel::RangeException "a source needs a group".
+  /// Into the group set opened last; without one, throws Vel::RangeException "a source needs a group". A join
+  /// that comes after a prune of its group costs moving the prunes.
   void joinAdd(SourceKind kind, IpGenAddr const& address);
   void pruneAdd(SourceKind kind, IpGenAddr const& address);
 
   AddressFamily family() const { return upstreamNeighbor_.af(); }
   IpGenAddr const& upstreamNeighbor() const { return upstreamNeighbor_; }
   U16 holdTime() const { return holdTime_; }
-  std::vector<WireGroup> const& groups() const { return groups_; }
+
+  /// The group sets in order: a range of WireGroup, by value.
+  class Groups {
+   public:
+    class Iterator {
+     public:
+      WireGroup operator*() const { return message_->group(index_); }
+      Iterator& operator++() {
+        ++index_;
+        return *this;
+      }
+      bool operator==(Iterator const& other) const { return index_ == other.index_; }
+
+     private:
+      friend class Groups;
+      Iterator(WireMessage const* message, std::size_t index) : message_(message), index_(index) {}
+      WireMessage const* message_;
+      std::size_t index_;
+    };
+
+    std::size_t size() const { return message_->sets_.size(); }
+    bool empty() const { return size() == 0; }
+    WireGroup operator[](std::size_t index) const { return message_->group(index); }
+    WireGroup back() const { return message_->group(size() - 1); }
+    Iterator begin() const { return {message_, 0}; }
+    Iterator end() const { return {message_, size()}; }
+
+   private:
+    friend class WireMessage;
+    explicit Groups(WireMessage const* message) : message_(message) {}
+    WireMessage const* message_;
+  };
+  Groups groups() const { return Groups(this); }
 
   /// Bytes on the wire, the PIM header included.
   std::size_t encodedSize() const;
@@ -110,12 +143,29 @@ class WireMessage {
   friend bool operator==(WireMessage const& a, WireMessage const& b) = default;
 
  private:
-  WireGroup& openGroup();
-  void sourceAdd(std::vector<WireSource>& list, SourceKind kind, IpGenAddr const& address);
+  friend class Decoder;
+
+  // A group and where its sources are: the joins and then the prunes, from `first` on.
+  struct Set {
+    IpGenAddr group;
+    U32 first;
+    U32 joins;
+    U32 prunes;
+
+    friend bool operator==(Set const& a, Set const& b) = default;
+  };
+
+  WireGroup group(std::size_t index) const {
+    Set const& set = sets_[index];
+    std::span<WireSource const> const all(sources_);
+    return {&set.group, all.subspan(set.first, set.joins), all.subspan(set.first + set.joins, set.prunes)};
+  }
+  Set& openSet();
 
   IpGenAddr upstreamNeighbor_;
   U16 holdTime_;
-  std::vector<WireGroup> groups_;
+  std::vector<Set> sets_;
+  std::vector<WireSource> sources_;  // of all groups; one block of memory, however many groups there are
 };
 
 /// Why a message of a family cannot have such an upstream neighbor, group, or source; nothing if it can.

@@ -21,21 +21,6 @@ std::ostream& operator<<(std::ostream& os, AddressFamily af) {
   return os << "AddressFamily(" << static_cast<U32>(af) << ")";
 }
 
-IpGenAddr IpGenAddr::fromBytes(std::span<U8 const> bytes) {
-  IpGenAddr address;
-  std::array<U8, 16> ip6{};
-  if (bytes.size() == 4) {
-    ip6[10] = ip6[11] = 0xff;
-    std::memcpy(&ip6[12], bytes.data(), 4);
-    address.af_ = AddressFamily::ipv4;
-  } else if (bytes.size() == 16) {
-    std::memcpy(ip6.data(), bytes.data(), 16);
-    address.af_ = AddressFamily::ipv6;
-  }
-  address.ip6_ = Ip6Addr(ip6);
-  return address;
-}
-
 IpGenAddr IpGenAddr::ipv4(U32 hostOrder) {
   U8 const bytes[4] = {static_cast<U8>(hostOrder >> 24), static_cast<U8>(hostOrder >> 16),
                        static_cast<U8>(hostOrder >> 8), static_cast<U8>(hostOrder)};
@@ -71,13 +56,6 @@ IpGenAddr::IpGenAddr(std::string_view text) {
   std::optional<IpGenAddr> const address = fromText(text);
   if (!address) throw Vel::RangeException("not an IP address: \"" + std::string(text) + "\"");
   *this = *address;
-}
-
-std::span<U8 const> IpGenAddr::bytes() const {
-  U8 const* const first = reinterpret_cast<U8 const*>(&ip6_);
-  if (isIpv4()) return {first + 12, 4};
-  if (isIpv6()) return {first, 16};
-  return {};
 }
 
 namespace {

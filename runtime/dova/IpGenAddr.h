@@ -74,7 +74,20 @@ class VEL_API IpGenAddr {
   static IpGenAddr ipv4(U32 hostOrder);
 
   /// From 4 or 16 bytes in network order. Any other size gives the default.
-  static IpGenAddr fromBytes(std::span<U8 const> bytes);
+  static IpGenAddr fromBytes(std::span<U8 const> bytes) {
+    IpGenAddr address;
+    std::array<U8, 16> ip6{};
+    if (bytes.size() == 4) {
+      ip6[10] = ip6[11] = 0xff;
+      std::memcpy(&ip6[12], bytes.data(), 4);
+      address.af_ = AddressFamily::ipv4;
+    } else if (bytes.size() == 16) {
+      std::memcpy(ip6.data(), bytes.data(), 16);
+      address.af_ = AddressFamily::ipv6;
+    }
+    address.ip6_ = Ip6Addr(ip6);
+    return address;
+  }
 
   /// The address of a family whose bits are all zero; the default for an unknown family.
   static IpGenAddr zero(AddressFamily af);
@@ -84,13 +97,22 @@ class VEL_API IpGenAddr {
   bool isIpv6() const { return af_ == AddressFamily::ipv6; }
 
   /// True for the default address and for a family's all-zero address.
-  bool isZero() const { return *this == zero(af_); }
+  bool isZero() const {
+    for (U8 const byte : bytes())
+      if (byte != 0) return false;
+    return true;
+  }
 
   /// The address in IPv6 form.
   Ip6Addr const& ip6Addr() const { return ip6_; }
 
   /// The bytes on the wire: 4, 16 or none. They lie within this object.
-  std::span<U8 const> bytes() const;
+  std::span<U8 const> bytes() const {
+    U8 const* const first = reinterpret_cast<U8 const*>(&ip6_);
+    if (isIpv4()) return {first + 12, 4};
+    if (isIpv6()) return {first, 16};
+    return {};
+  }
 
   /// How many bits a prefix of this family can have: 32, 128 or 0.
   U8 width() const { return isIpv4() ? 32 : isIpv6() ? 128 : 0; }

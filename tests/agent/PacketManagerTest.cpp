@@ -124,8 +124,8 @@ void expectRules(OutgoingPacket const& packet, std::size_t mtu) {
     EXPECT_TRUE(groups.insert(group.group()).second) << "a second set for " << group.group();
     EXPECT_FALSE(group.joins().empty() && group.prunes().empty()) << "an empty set for " << group.group();
     std::set<std::pair<SourceKind, IpGenAddr>> entries;
-    for (auto const* list : {&group.joins(), &group.prunes()}) {
-      for (auto const& source : *list) {
+    for (auto const list : {group.joins(), group.prunes()}) {
+      for (auto const& source : list) {
         // The address of a (*,G) entry is not its key: there is one in a set.
         auto const key = source.kind == SourceKind::wildcard ? IpGenAddr() : source.address;
         EXPECT_TRUE(entries.insert({source.kind, key}).second)

@@ -31,7 +31,7 @@ OutgoingPacket packet(bool four, U16 holdTime) {
 /// One line for each entry of a message, with everything that it says.
 void describe(std::vector<std::string>& to, std::string const& frame, WireMessage const& message) {
   for (auto const& group : message.groups()) {
-    auto const add = [&](char const* record, std::vector<WireSource> const& sources) {
+    auto const add = [&](char const* record, std::span<WireSource const> sources) {
       for (auto const& source : sources)
         to.push_back(frame + " " + record + " flags " +
                      std::to_string(sourceKindFlags[static_cast<std::size_t>(source.kind)]) + " (" +
