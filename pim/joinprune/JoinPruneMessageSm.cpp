@@ -1,33 +1,12 @@
 #include "pim/joinprune/JoinPruneMessageSm.h"
 
 #include "pim/joinprune/JoinPruneTrace.h"
+#include "pim/joinprune/NestedReactor.h"
 #include "runtime/vel/Assert.h"
 
 namespace Routing::Pim {
 
-namespace {
-
-// Zombie first, then the back pointer: in between nothing is delivered.
-template <class OwnedReactor>
-void unhook(OwnedReactor& reactor) {
-  reactor.velDoZombieReactors(true);
-  reactor.joinPruneMessageSmIs(nullptr);
-}
-
-template <class Reactor, class Notifier>
-Vel::Ptr<Reactor> reactorOn(Vel::Ptr<Notifier> const& notifier, JoinPruneMessageSm* sm) {
-  return notifier ? Vel::create<Reactor>(notifier, sm) : nullptr;
-}
-
-template <class Reactor>
-auto notifierOf(Vel::Ptr<Reactor> const& reactor) -> decltype(reactor->notifier()) {
-  return reactor ? reactor->notifier() : nullptr;
-}
-
-}  // namespace
-
-// --- Life
-// ----------------------------------------------------------------------------------------------------------
+// --- Life ----------------------------------------------------------------------------------------
 
 JoinPruneMessageSm::JoinPruneMessageSm(
     Vel::Ptr<JoinPruneStatus> const& joinPruneStatus, Vel::Ptr<JoinPruneFilter const> const& joinPruneFilter,
@@ -122,8 +101,7 @@ Vel::Ptr<Packet::JoinPruneMessage> JoinPruneMessageSm::newTxMessage() {
   return made;
 }
 
-// --- Targets
-// -------------------------------------------------------------------------------------------------------
+// --- Targets -------------------------------------------------------------------------------------
 
 // What a neighbor machine is made with. Making each set calls out, and whoever is called may take the target
 // away or make it himself; so each step asks whether it is still wanted.
@@ -248,8 +226,7 @@ void JoinPruneMessageSm::joinPruneNeighborSmDelAll() {
     if (joinPruneNeighborSm_.find(sm->neighborAddr()) == sm.get()) joinPruneNeighborSmDel(sm->neighborAddr());
 }
 
-// --- Neighbors
-// -----------------------------------------------------------------------------------------------------
+// --- Neighbors -----------------------------------------------------------------------------------
 
 Vel::Ptr<Neighbor const> JoinPruneMessageSm::listedNeighbor(Dova::IpGenAddr const& address) const {
   Vel::Ptr<Status const> const status = notifierOf(pimStatus_);
@@ -315,8 +292,7 @@ void JoinPruneMessageSm::doMaybeDeleteNeighbor(Dova::IpGenAddr const& gone) {
   closeTarget(address, wanted);
 }
 
-// --- Interfaces
-// ----------------------------------------------------------------------------------------------------
+// --- Interfaces ----------------------------------------------------------------------------------
 
 JoinPruneMessageSm::VelPimStatus::VelPimStatus(Vel::Ptr<Status const> const& status, JoinPruneMessageSm* sm)
     : Owned(sm) {
@@ -498,8 +474,7 @@ void JoinPruneMessageSm::VelPimIntf::deleteJoinPruneSm(Dova::IpGenAddr const& ol
   sm->closeTarget(address, [&] { return sm->joinPruneNeighborSm(address) != nullptr; });
 }
 
-// --- Receiving
-// -----------------------------------------------------------------------------------------------------
+// --- Receiving -----------------------------------------------------------------------------------
 
 JoinPruneMessageSm::VelRxMessageInfo::VelRxMessageInfo(Vel::Ptr<IO::MessageInfo> const& channel,
                                                        JoinPruneMessageSm* sm)
@@ -595,8 +570,7 @@ void JoinPruneMessageSm::handleRxMessage() {
   }
 }
 
-// --- Text
-// ----------------------------------------------------------------------------------------------------------
+// --- Text ----------------------------------------------------------------------------------------
 
 std::ostream& operator<<(std::ostream& os, JoinPruneMessageSm const*) { return os << "JoinPruneMessageSm::"; }
 

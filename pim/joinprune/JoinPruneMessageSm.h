@@ -74,8 +74,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   };
   using Notifiee = Vel::WritableReactor<NotifieeConst, JoinPruneMessageSm>;
 
-  // --- Nested reactors
-  // -------------------------------------------------------------------------------------------
+  // --- Nested reactors ---------------------------------------------------------------------------
 
   /// What the nested reactors have in common: the back pointer, null once the machine has let go.
   template <class Base>
@@ -83,6 +82,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
    public:
     JoinPruneMessageSm* joinPruneMessageSm() const { return joinPruneMessageSm_; }
     void joinPruneMessageSmIs(JoinPruneMessageSm* sm) { joinPruneMessageSm_ = sm; }
+    void velOwnerDel() { joinPruneMessageSm_ = nullptr; }
 
    protected:
     explicit Owned(JoinPruneMessageSm* sm) : joinPruneMessageSm_(sm) {}
@@ -157,8 +157,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
     Dova::IpGenAddr address_;
   };
 
-  // --- Attributes fixed at construction
-  // --------------------------------------------------------------------------
+  // --- Attributes fixed at construction ----------------------------------------------------------
 
   Vel::Ptr<JoinPruneStatus> const& joinPruneStatus() const { return joinPruneStatus_; }
   Vel::Ptr<JoinPruneFilter const> const& joinPruneFilter() const { return joinPruneFilter_; }
@@ -172,8 +171,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   Vel::Ptr<VelPimPamManager> const& pimPamManager() const { return pimPamManager_; }
   Vel::Ptr<VelTimerWheel> const& timerWheel() const { return timerWheel_; }
 
-  // --- Attributes that change
-  // ------------------------------------------------------------------------------------
+  // --- Attributes that change --------------------------------------------------------------------
 
   /// The one outgoing message, shared by all neighbor machines.
   Vel::Ptr<Packet::JoinPruneMessage> txMessage() const { return txMessage_; }
@@ -243,8 +241,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   Vel::Ptr<VelPimIntf> pimIntfDel(Dova::IntfId const&) const { Vel::throwConstInstance(); }
   void pimIntfDelAll() const { Vel::throwConstInstance(); }
 
-  // --- Reactions and steps
-  // ---------------------------------------------------------------------------------------
+  // --- Reactions and steps -----------------------------------------------------------------------
 
   void handleInitialized() override;
   /// Takes up every neighbor that is listed.

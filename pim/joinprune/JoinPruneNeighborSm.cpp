@@ -5,6 +5,7 @@
 
 #include "pim/joinprune/JoinPruneMessageSm.h"
 #include "pim/joinprune/JoinPruneTrace.h"
+#include "pim/joinprune/NestedReactor.h"
 #include "runtime/vel/Assert.h"
 
 namespace Routing::Pim {
@@ -25,52 +26,30 @@ consteval auto joined(char const (&... parts)[N]) {
   return text;
 }
 
-// The kinds of sources: what the group data calls them.
-struct JoinedSource {
+// The kinds of sources: which collection of the group data, and whether they are joins.
+template <bool (GroupData::*collection)(Dova::IpGenAddr const&) const, bool isJoin>
+struct SourceKind {
+  static constexpr bool join = isJoin;
+  static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
+    return (group.*collection)(source);
+  }
+};
+struct JoinedSource : SourceKind<&GroupData::joinedSource, true> {
   static constexpr char name[] = "JoinedSource";
-  static constexpr bool join = true;
-  static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
-    return group.joinedSource(source);
-  }
 };
-struct PrunedSource {
+struct PrunedSource : SourceKind<&GroupData::prunedSource, false> {
   static constexpr char name[] = "PrunedSource";
-  static constexpr bool join = false;
-  static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
-    return group.prunedSource(source);
-  }
 };
-struct JoinedRptSource {
+struct JoinedRptSource : SourceKind<&GroupData::joinedRptSource, true> {
   static constexpr char name[] = "JoinedRptSource";
-  static constexpr bool join = true;
-  static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
-    return group.joinedRptSource(source);
-  }
 };
-struct PrunedRptSource {
+struct PrunedRptSource : SourceKind<&GroupData::prunedRptSource, false> {
   static constexpr char name[] = "PrunedRptSource";
-  static constexpr bool join = false;
-  static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
-    return group.prunedRptSource(source);
-  }
 };
-
-// Zombie first, then the back pointer: in between nothing is delivered.
-template <class OwnedReactor>
-void unhook(OwnedReactor& reactor) {
-  reactor.velDoZombieReactors(true);
-  reactor.joinPruneNeighborSmIs(nullptr);
-}
-
-template <class Reactor, class Notifier>
-Vel::Ptr<Reactor> reactorOn(Vel::Ptr<Notifier> const& notifier, JoinPruneNeighborSm* sm) {
-  return notifier ? Vel::create<Reactor>(notifier, sm) : nullptr;
-}
 
 }  // namespace
 
-// --- What differs between the channels
-// -----------------------------------------------------------------------------
+// --- What differs between the channels -----------------------------------------------------------
 
 struct JoinPruneNeighborSm::Triggered {
   using GroupReactor = VelTriggeredGroupData;
@@ -127,8 +106,7 @@ struct JoinPruneNeighborSm::Periodic {
   }
 };
 
-// --- Group reactors
-// ------------------------------------------------------------------------------------------------
+// --- Group reactors ------------------------------------------------------------------------------
 
 template <class Channel>
 JoinPruneNeighborSm::ChannelGroup<Channel>::ChannelGroup(Vel::Ptr<Packet::JoinPruneData> const& data,
@@ -176,8 +154,7 @@ void JoinPruneNeighborSm::ChannelGroup<Channel>::onJoinPruneGroupDatavelImmediat
     if (this->hasNotificationActive() && this->joinPruneNeighborSm()) sm->handlePeriodicGroup();
 }
 
-// --- Source reactors
-// -----------------------------------------------------------------------------------------------
+// --- Source reactors -----------------------------------------------------------------------------
 
 template <class Channel>
 JoinPruneNeighborSm::ChannelGroupData<Channel>::ChannelGroupData(Vel::Ptr<GroupData> const& groupData,
@@ -300,8 +277,7 @@ JOIN_PRUNE_TRACE_ONLY(handleJoinedRptSource)
 JOIN_PRUNE_TRACE_ONLY(handlePrunedRptSource)
 #undef JOIN_PRUNE_TRACE_ONLY
 
-// --- Timers
-// --------------------------------------------------------------------------------------------------------
+// --- Timers --------------------------------------------------------------------------------------
 
 template <class Channel>
 JoinPruneNeighborSm::ChannelTimer<Channel>::ChannelTimer(Vel::Ptr<Zanth::TimerWheel> const& wheel,
@@ -332,7 +308,7 @@ Seconds randomDelay(Seconds interval) {
 }
 
 Seconds JoinPruneNeighborSm::now() const {
-  Vel::Ptr<Zanth::TimerWheel> const wheel = timerWheel_ ? timerWheel_->notifier() : nullptr;
+  Vel::Ptr<Zanth::TimerWheel> const wheel = notifierOf(timerWheel_);
   return wheel ? wheel->now() : 0;
 }
 
@@ -390,7 +366,7 @@ void JoinPruneNeighborSm::handleTimerExpiry() {
                  ", Groups: ", groups());
 
   Seconds const deadline = now() + loopQuantum_;
-  Vel::Ptr<IO::PamManager> const manager = pimPamManager_ ? pimPamManager_->notifier() : nullptr;
+  Vel::Ptr<IO::PamManager> const manager = notifierOf(pimPamManager_);
   Vel::Ptr<IO::MessageInfo> const info = manager ? manager->txMessageInfo() : nullptr;
   if (info) {
     info->joinPruneMessageIs(txMessage_);
@@ -449,11 +425,10 @@ void JoinPruneNeighborSm::overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const& whe
 }
 
 Vel::Ptr<IO::MessageInfo> JoinPruneNeighborSm::txMessageInfoIs() {
-  return (pimPamManager_ ? pimPamManager_->notifier() : nullptr)->txMessageInfoIs();
+  return notifierOf(pimPamManager_)->txMessageInfoIs();
 }
 
-// --- Life
-// ----------------------------------------------------------------------------------------------------------
+// --- Life ----------------------------------------------------------------------------------------
 
 JoinPruneNeighborSm::JoinPruneNeighborSm(JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr,
                                          Vel::Ptr<Neighbor const> const& neighbor,
@@ -504,15 +479,15 @@ void JoinPruneNeighborSm::handleInitialized() {
   Vel::Ptr<Packet::JoinPruneData> const periodic = data<Periodic>();
   if (periodic) periodic->periodicIs(true);
   if (hold.gone()) return;
-  Vel::Ptr<Zanth::TimerWheel> const wheel = timerWheel_ ? timerWheel_->notifier() : nullptr;
+  Vel::Ptr<Zanth::TimerWheel> const wheel = notifierOf(timerWheel_);
   triggeredTimerIs(wheel);
   overrideTimerIs(wheel);
   if (hold.gone()) return;
   doUpdateTriggeredTimer();
   doUpdateOverrideTimer();
   if (hold.gone()) return;
-  joinPrunePeriodicTimerSmIs(wheel, this, loopQuantum_, periodic, intf_,
-                             pimPamManager_ ? pimPamManager_->notifier() : nullptr, txMessage_);
+  joinPrunePeriodicTimerSmIs(wheel, this, loopQuantum_, periodic, intf_, notifierOf(pimPamManager_),
+                             txMessage_);
   if (periodic)
     for (auto i = periodic->joinPruneGroupDataIterator(); i && !hold.gone(); ++i)
       numPeriodicRoutesInc(i->routes());
@@ -601,8 +576,7 @@ void JoinPruneNeighborSm::joinPrunePeriodicTimerSmDel() {
                             [](NotifieeConst& r) { r.onJoinPrunePeriodicTimerSm(); });
 }
 
-// --- Groups
-// --------------------------------------------------------------------------------------------------------
+// --- Groups --------------------------------------------------------------------------------------
 
 // Brings the group reactors into line with the data.
 template <class Channel>
@@ -733,8 +707,7 @@ JOIN_PRUNE_FORWARD(OverrideGroup)
 JOIN_PRUNE_FORWARD(PeriodicGroup)
 #undef JOIN_PRUNE_FORWARD
 
-// --- The route count
-// -----------------------------------------------------------------------------------------------
+// --- The route count -----------------------------------------------------------------------------
 
 void JoinPruneNeighborSm::numPeriodicRoutesIs(U32 n) {
   if (n == numPeriodicRoutes_) return;
@@ -771,8 +744,7 @@ void JoinPruneNeighborSm::validateNumPeriodicRoutes() {
   VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
 }
 
-// --- Text
-// ----------------------------------------------------------------------------------------------------------
+// --- Text ----------------------------------------------------------------------------------------
 
 std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm const* sm) {
   if (!sm) return os << "null";

@@ -74,8 +74,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   };
   using Notifiee = Vel::WritableReactor<NotifieeConst, JoinPruneNeighborSm>;
 
-  // --- Nested reactors
-  // -------------------------------------------------------------------------------------------
+  // --- Nested reactors ---------------------------------------------------------------------------
 
   /// What the nested reactors have in common: the back pointer, null once the machine has let go.
   template <class Base>
@@ -83,6 +82,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
    public:
     JoinPruneNeighborSm* joinPruneNeighborSm() const { return joinPruneNeighborSm_; }
     void joinPruneNeighborSmIs(JoinPruneNeighborSm* sm) { joinPruneNeighborSm_ = sm; }
+    void velOwnerDel() { joinPruneNeighborSm_ = nullptr; }
 
    protected:
     explicit Owned(JoinPruneNeighborSm* sm) : joinPruneNeighborSm_(sm) {}
@@ -213,8 +213,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     void onPrunedRptSourcevelImmediate() override { handlePrunedRptSource(); }
   };
 
-  // --- Attributes fixed at construction
-  // --------------------------------------------------------------------------
+  // --- Attributes fixed at construction ----------------------------------------------------------
 
   /// The machine that owns this one; null without one and after this one was retired.
   JoinPruneMessageSm* parentSm() const { return parentSm_; }
@@ -236,8 +235,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Vel::Ptr<VelTimerWheel> const& timerWheel() const { return timerWheel_; }
   Vel::Ptr<VelPimPamManager> const& pimPamManager() const { return pimPamManager_; }
 
-  // --- Attributes that change
-  // ------------------------------------------------------------------------------------
+  // --- Attributes that change --------------------------------------------------------------------
 
   /// The timers; null without a wheel.
   Vel::Ptr<VelTriggeredTimer> triggeredTimer() const { return triggeredTimer_; }
@@ -324,8 +322,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Vel::Ptr<IO::MessageInfo> txMessageInfoIs();
   Vel::Ptr<IO::MessageInfo> txMessageInfoIs() const { Vel::throwConstInstance(); }
 
-  // --- Reactions and steps
-  // ---------------------------------------------------------------------------------------
+  // --- Reactions and steps -----------------------------------------------------------------------
 
   void handleInitialized() override;
   void handleTriggeredGroup(Dova::IpGenAddr const& group);

@@ -464,8 +464,7 @@ TEST_F(JoinPruneNeighborSmTest, QuantumAndIntervalAreSetByName) {
   EXPECT_THROW(neighborSm->attributeIs("numPeriodicRoutes", "2"), Vel::RangeException);
 }
 
-// --- Source by source
-// ----------------------------------------------------------------------------------------------
+// --- Source by source ----------------------------------------------------------------------------
 
 // The five kinds of entries: what the handlers are called after, and how one is added and removed.
 struct Kind {

@@ -383,8 +383,7 @@ TEST_P(SendingTest, EachSourceIsHandedOverOnceWithTheDatasHoldTime) {
                                          "eth0 to 10.0.0.2: (10.9.0.4,239.1.1.1) rpt prune, hold 210"));
 }
 
-// --- What belongs to one channel, or to both together
-// -----------------------------------------------------------
+// --- What belongs to one channel, or to both together --------------------------------------------
 
 class ChannelsTest : public testing::Test, protected World {
  protected:
