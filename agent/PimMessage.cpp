@@ -4,6 +4,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cstring>
 
 #include "agent/Cursor.h"
@@ -58,16 +60,20 @@ U16 folded(U64 sum) {
 
 }  // namespace
 
+// Most messages are as they should be, so a group or a source is seen to be good at one look. What is not good is read
+// again, field by field, so that the refusal says what is wrong with it.
 class Decoder {
  public:
   Decoder(std::span<U8 const> bytes, AddressFamily family) : in_(bytes), family_(family) {}
 
   std::variant<WireMessage, Refusal> message() {
-    if (!decode()) return std::move(*refusal_);
-    return std::move(*message_);
+    if (!decode()) result_ = std::move(refusal_);
+    return std::move(result_);
   }
 
  private:
+  using Result = std::variant<WireMessage, Refusal>;
+
   bool decode() {
     if (!in_.skip(headerSize)) return truncated("PIM header");
     IpGenAddr upstream;
@@ -76,75 +82,84 @@ class Decoder {
     U8 reserved, groups;
     U16 holdTime;
     if (!in_.read(reserved) || !in_.read(groups) || !in_.read(holdTime)) return truncated("hold time");
-    message_.emplace(upstream, holdTime);
-    // No more than what is left could hold, whatever the counts say.
-    message_->sets_.reserve(std::min<std::size_t>(groups, in_.left() / (encodedGroupSize(family_) + 4)));
-    message_->sources_.reserve(in_.left() / encodedSourceSize(family_));
-    for (unsigned i = 0; i < groups; ++i) {
-      if (in_.left() == 0) return refuse(Reason::wrongCount, fmt::format("{} of {} groups", i, groups));
-      if (!groupSet()) return false;
-    }
+    WireMessage& message = result_.emplace<WireMessage>(upstream, holdTime);
+    bool const whole =
+        family_ == AddressFamily::ipv4 ? groupSets<4>(groups, message) : groupSets<16>(groups, message);
+    if (!whole) return false;
     if (in_.left() != 0)
       return refuse(Reason::leftOver, fmt::format("{} at byte {}", in_.left(), in_.offset()));
     return true;
   }
 
-  bool groupSet() {
-    IpGenAddr group;
-    U16 joins, prunes;
-    std::size_t const size = addressSize(family_);
-    std::span<U8 const> const head = in_.rest();
-    if (head.size() >= size + 8 && head[0] == wireFamily(family_) && head[1] == nativeEncoding &&
-        head[3] == 8 * size && (size == 4 ? head[4] >> 4 == 0xe : head[4] == 0xff)) [[likely]] {
-      group = IpGenAddr::fromBytes(head.subspan(4, size));
-      joins = static_cast<U16>(head[size + 4] << 8 | head[size + 5]);
-      prunes = static_cast<U16>(head[size + 6] << 8 | head[size + 7]);
-      if (!in_.skip(size + 8)) return truncated("group");
-    } else {
-      U8 flags;
-      if (!masked("group", Reason::groupMaskNotFull, flags, group)) return false;
-      if (auto fault = groupFault(group, family_)) return refuse(*fault, toText(group));
-      if (!in_.read(joins) || !in_.read(prunes)) return truncated("counts of sources");
-    }
-    // Asked before the first source: with a count too high, what follows the sources would be taken for one.
-    if ((std::size_t{joins} + prunes) * encodedSourceSize(family_) > in_.left()) {
-      return refuse(Reason::wrongCount,
-                    fmt::format("{} joins and {} prunes in {} bytes", joins, prunes, in_.left()));
-    }
-    message_->sets_.push_back({group, static_cast<U32>(message_->sources_.size()), joins, prunes});
-    return sources(unsigned{joins} + prunes);
-  }
-
-  bool sources(unsigned count) {
-    return family_ == AddressFamily::ipv4 ? sources<4>(count) : sources<16>(count);
-  }
-
-  // Nearly every source is as it should be, which is seen at one look. One that is not goes through the checks one by
-  // one, so that the refusal says what is wrong with it.
   template <std::size_t Size>
-  bool sources(unsigned count) {
-    std::vector<WireSource>& list = message_->sources_;
-    U8 const family = wireFamily(family_);
-    U8 const* entry = in_.rest().data();  // the count was checked: all of them are there
-    for (unsigned i = 0; i < count; ++i, entry += 4 + Size) {
-      U8 const flags = entry[2];
-      if (entry[0] == family && entry[1] == nativeEncoding && entry[3] == 8 * Size &&
-          isUnicast<Size>(entry + 4) && (flags & (wildcardBit | rptBit)) != wildcardBit) [[likely]] {
-        list.push_back({kindOf(flags), IpGenAddr::fromBytes({entry + 4, Size})});
-      } else {
-        return in_.skip(i * (4 + Size)) ? refuseSource() : truncated("source");
+  bool groupSets(unsigned groups, WireMessage& message) {
+    constexpr std::size_t headSize = 8 + Size, sourceSize = 4 + Size;
+    U8 const* const first = in_.rest().data();
+    U8 const* const end = first + in_.left();
+    U8 const* at = first;
+    // What the message takes if all is well, and never more than the bytes that are there could hold.
+    std::vector<WireMessage::Set> sets;
+    std::vector<WireSource> sources;
+    sets.resize(std::min<std::size_t>(groups, in_.left() / headSize));
+    sources.reserve((in_.left() - sets.size() * headSize) / sourceSize);
+    WireMessage::Set* set = sets.data();
+    for (unsigned i = 0; i < groups; ++i) {
+      std::size_t const left = end - at;
+      if (left < headSize || !isGroup<Size>(at)) [[unlikely]] {
+        if (left == 0) return refuse(Reason::wrongCount, fmt::format("{} of {} groups", i, groups));
+        return in_.skip(at - first) && refuseGroup();
+      }
+      U16 const joins = static_cast<U16>(at[Size + 4] << 8 | at[Size + 5]);
+      U16 const prunes = static_cast<U16>(at[Size + 6] << 8 | at[Size + 7]);
+      U32 const count = U32{joins} + prunes;
+      // Asked before the first source: with a count too high, what follows the sources would be taken for one.
+      if (count * sourceSize > left - headSize) [[unlikely]] {
+        return refuse(Reason::wrongCount,
+                      fmt::format("{} joins and {} prunes in {} bytes", joins, prunes, left - headSize));
+      }
+      *set++ = {addressAt<Size>(at + 4), static_cast<U32>(sources.size()), joins, prunes};
+      at += headSize;
+      for (U8 const* const last = at + count * sourceSize; at != last; at += sourceSize) {
+        if (!isSource<Size>(at)) [[unlikely]]
+          return in_.skip(at - first) && refuseSource();
+        sources.push_back({kindOf(at[2]), addressAt<Size>(at + 4)});
       }
     }
-    return in_.skip(count * (4 + Size));
+    message.sets_ = std::move(sets);
+    message.sources_ = std::move(sources);
+    return in_.skip(at - first);
   }
 
-  // The source at the cursor is not as it should be.
-  bool refuseSource() {
-    IpGenAddr address;
-    U8 flags;
-    if (!masked("source", Reason::sourceMaskNotFull, flags, address)) return false;
-    if (auto fault = sourceFault(address, family_)) return refuse(*fault, toText(address));
-    return refuse(Reason::wildcardWithoutRpt, toText(address));
+  template <std::size_t Size>
+  static IpGenAddr addressAt(U8 const* bytes) {
+    return IpGenAddr::fromBytes({bytes, Size});
+  }
+
+  template <std::size_t Size>
+  static bool isNative(U8 const* bytes) {
+    // Family, encoding, (flags), mask length: compared at once.
+    constexpr std::array<U8, 4> wanted = {Size == 4 ? wireIpv4 : wireIpv6, nativeEncoding, 0, 8 * Size};
+    constexpr std::array<U8, 4> mask = {0xff, 0xff, 0, 0xff};
+    U32 head;
+    std::memcpy(&head, bytes, sizeof head);
+    return (head & std::bit_cast<U32>(mask)) == std::bit_cast<U32>(wanted);
+  }
+
+  template <std::size_t Size>
+  static bool isMulticastAt(U8 const* address) {
+    return Size == 4 ? address[0] >> 4 == 0xe : address[0] == 0xff;
+  }
+
+  template <std::size_t Size>
+  static bool isGroup(U8 const* bytes) {
+    return isNative<Size>(bytes) && isMulticastAt<Size>(bytes + 4);
+  }
+
+  template <std::size_t Size>
+  static bool isSource(U8 const* bytes) {
+    static constexpr U8 zero[Size] = {};
+    return isNative<Size>(bytes) && !isMulticastAt<Size>(bytes + 4) &&
+           std::memcmp(bytes + 4, zero, Size) != 0 && (bytes[2] & (wildcardBit | rptBit)) != wildcardBit;
   }
 
   static SourceKind kindOf(U8 flags) {
@@ -153,18 +168,20 @@ class Decoder {
                                : SourceKind::source;
   }
 
-  template <std::size_t Size>
-  static bool isUnicast(U8 const* bytes) {
-    if constexpr (Size == 4) {
-      U32 word;
-      std::memcpy(&word, bytes, 4);
-      return word != 0 && bytes[0] >> 4 != 0xe;
-    } else {
-      U64 high, low;
-      std::memcpy(&high, bytes, 8);
-      std::memcpy(&low, bytes + 8, 8);
-      return (high | low) != 0 && bytes[0] != 0xff;
-    }
+  // The group at the cursor is not as it should be.
+  bool refuseGroup() {
+    IpGenAddr group;
+    if (!masked("group", Reason::groupMaskNotFull, group)) return false;
+    if (auto fault = groupFault(group, family_)) return refuse(*fault, toText(group));
+    return truncated("counts of sources");
+  }
+
+  // The source at the cursor is not as it should be; all its bytes are there.
+  bool refuseSource() {
+    IpGenAddr address;
+    if (!masked("source", Reason::sourceMaskNotFull, address)) return false;
+    if (auto fault = sourceFault(address, family_)) return refuse(*fault, toText(address));
+    return refuse(Reason::wildcardWithoutRpt, toText(address));
   }
 
   bool unicast(std::string_view what, IpGenAddr& address) {
@@ -172,8 +189,8 @@ class Decoder {
   }
 
   // Encoded-Group and Encoded-Source addresses have one layout.
-  bool masked(std::string_view what, Reason notFull, U8& flags, IpGenAddr& address) {
-    U8 length;
+  bool masked(std::string_view what, Reason notFull, IpGenAddr& address) {
+    U8 flags, length;
     if (!familyAndEncoding(what)) return false;
     if (!in_.read(flags) || !in_.read(length)) return truncated(what);
     if (!addressBytes(what, address)) return false;
@@ -214,16 +231,18 @@ class Decoder {
   }
 
   Cursor in_;
-  AddressFamily family_;
-  std::optional<WireMessage> message_;
-  std::optional<Refusal> refusal_;
+  AddressFamily const family_;
+  Result result_{std::in_place_type<Refusal>};
+  Refusal refusal_;
 };
 
 namespace {
 
+// Into bytes that have room for all of a message of one family.
+template <std::size_t Size>
 class Writer {
  public:
-  explicit Writer(std::size_t size) : bytes_(size), next_(bytes_.data()) {}
+  explicit Writer(U8* next) : next_(next) {}
 
   void u8(U8 value) { *next_++ = value; }
   void u16(std::size_t value) {
@@ -232,34 +251,51 @@ class Writer {
   }
 
   void unicast(IpGenAddr const& address) {
-    family(address);
+    family();
     addressBytes(address);
   }
 
   void masked(U8 flags, IpGenAddr const& address) {
-    family(address);
+    family();
     u8(flags);
-    u8(address.width());
+    u8(8 * Size);
     addressBytes(address);
   }
 
-  std::vector<U8>& bytes() { return bytes_; }
+  void sources(std::span<WireSource const> list) {
+    for (auto const& entry : list)
+      masked(sourceKindFlags[static_cast<std::size_t>(entry.kind)], entry.address);
+  }
+
+  void message(WireMessage const& message) {
+    u8(pimVersion << 4 | static_cast<U8>(PimType::joinPrune));
+    u8(0);
+    u16(0);  // The checksum, later.
+    unicast(message.upstreamNeighbor());
+    u8(0);
+    u8(static_cast<U8>(message.groups().size()));
+    u16(message.holdTime());
+    for (auto const& group : message.groups()) {
+      masked(0, group.group());
+      u16(group.joins().size());
+      u16(group.prunes().size());
+      sources(group.joins());
+      sources(group.prunes());
+    }
+  }
 
  private:
-  void family(IpGenAddr const& address) {
-    u8(wireFamily(address.af()));
+  void family() {
+    u8(Size == 4 ? wireIpv4 : wireIpv6);
     u8(nativeEncoding);
   }
 
   void addressBytes(IpGenAddr const& address) {
-    U8 const* const raw = address.bytes().data();
-    if (address.isIpv4())
-      std::memcpy(next_, raw, 4), next_ += 4;
-    else
-      std::memcpy(next_, raw, 16), next_ += 16;
+    auto const ip6 = address.ip6Addr().bytes();  // an IPv4 address is its end
+    std::memcpy(next_, ip6.data() + ip6.size() - Size, Size);
+    next_ += Size;
   }
 
-  std::vector<U8> bytes_;  // of the message's whole size from the start
   U8* next_;
 };
 
@@ -364,28 +400,15 @@ std::vector<U8> encodeJoinPrune(WireMessage const& message, IpGenAddr const& sou
   }
   std::size_t const size = message.encodedSize();
   if (size > maxPayload) throw Vel::RangeException(fmt::format("{} bytes do not fit an IP datagram", size));
-  Writer out(size);
-  out.u8(pimVersion << 4 | static_cast<U8>(PimType::joinPrune));
-  out.u8(0);
-  out.u16(0);  // The checksum, below.
-  out.unicast(message.upstreamNeighbor());
-  out.u8(0);
-  out.u8(static_cast<U8>(message.groups().size()));
-  out.u16(message.holdTime());
-  for (auto const& group : message.groups()) {
-    out.masked(0, group.group());
-    out.u16(group.joins().size());
-    out.u16(group.prunes().size());
-    for (auto const list : {group.joins(), group.prunes()}) {
-      for (auto const& entry : list) {
-        out.masked(sourceKindFlags[static_cast<std::size_t>(entry.kind)], entry.address);
-      }
-    }
-  }
-  U16 const checksum = pimChecksum(out.bytes(), source, destination);
-  out.bytes()[2] = static_cast<U8>(checksum >> 8);
-  out.bytes()[3] = static_cast<U8>(checksum);
-  return std::move(out.bytes());
+  std::vector<U8> bytes(size);
+  if (message.family() == AddressFamily::ipv4)
+    Writer<4>(bytes.data()).message(message);
+  else
+    Writer<16>(bytes.data()).message(message);
+  U16 const checksum = pimChecksum(bytes, source, destination);
+  bytes[2] = static_cast<U8>(checksum >> 8);
+  bytes[3] = static_cast<U8>(checksum);
+  return bytes;
 }
 
 }  // namespace Routing::Pim::Agent
