@@ -93,7 +93,12 @@ class Composer {
         keepsData_(data->periodic()),
         message_(data->upstreamNeighbor(), data->holdTime()),
         family_(message_.family()),
-        used_(message_.encodedSize()) {}
+        groupSize_(groupSize(family_)),
+        sourceSize_(sourceSize(family_)),
+        capacity_((setting.room - message_.encodedSize() - groupSize_) / sourceSize_ - 1),
+        used_(message_.encodedSize()) {
+    message_.reserve(WireMessage::maxGroups, capacity_ + 1);
+  }
 
   // Goes on from a position, or from the front.
   void compose(std::optional<Position> const& from) {
@@ -108,6 +113,8 @@ class Composer {
   }
 
   WireMessage const& message() const { return message_; }
+  // What is left of it names the upstream neighbor and nothing else.
+  WireMessage takeMessage() { return std::move(message_); }
   MessageReport const& report() const { return report_; }
   // Where the next message goes on; the front if there is none.
   std::optional<Position> const& resume() const { return resume_; }
@@ -134,28 +141,31 @@ class Composer {
   // These say whether the message goes on. If it does not, resume_ is set.
 
   bool addGroups(Data::JoinPruneGroupDataIterator group) {
-    for (; group; ++group) {
-      if (!addGroup(group.ptr(), {group.key(), Stage::wildcard, {}})) return false;
+    for (Position front; group; ++group) {
+      front.group = group.key();
+      if (!addGroup(group.ptr(), front)) return false;
     }
     return true;
   }
 
-  bool addGroup(Vel::Ptr<GroupData> const& group, Position const& from) {
+  bool addGroup(Vel::Ptr<GroupData> group, Position const& from) {
     if (passedOver_ >= PacketManager::maxPassedOver) {
       resume_ = from;
       return false;
     }
-    group_ = group;
-    groupFault_ = groupFault(group->group(), family_);
+    group_ = std::move(group);
+    groupFault_ = groupFault(group_->group(), family_);
     denied_.reset();
     opened_ = leavingOpened_ = false;
     here_ = from;
     // Data that is sent once no longer has the prunes that went before a (*,G) join was added. The others
     // must go with it, not ahead of it: the receiver forgets at the join what is not beside it.
-    if (!keepsData_ && here_.stage == Stage::prunedRptSources && joinsWildcard(*group))
-      here_ = {from.group, Stage::wildcard, {}};
-    if (group->empty()) ++passedOver_;
-    for (; here_.stage != Stage::end; here_ = {here_.group, next(here_.stage), {}}) {
+    if (!keepsData_ && here_.stage == Stage::prunedRptSources && joinsWildcard(*group_)) {
+      here_.stage = Stage::wildcard;
+      here_.after.reset();
+    }
+    if (group_->empty()) ++passedOver_;
+    for (; here_.stage != Stage::end; here_.stage = next(here_.stage), here_.after.reset()) {
       if (!addStage()) {
         resume_ = here_;
         return false;
@@ -166,31 +176,37 @@ class Composer {
 
   bool addStage() {
     GroupData const& group = *group_;
-    std::optional<IpGenAddr> const after = here_.after;
     switch (here_.stage) {
       case Stage::wildcard:
         return addWildcard();
       case Stage::prunedRptSources:
-        return addSources(after ? group.prunedRptSourceIteratorAfter(*after)
-                                : group.prunedRptSourceIterator());
+        return group.prunedRptSourceCount() == 0 ||
+               addSources([&] { return group.prunedRptSourceIterator(); },
+                          [&](IpGenAddr const& after) { return group.prunedRptSourceIteratorAfter(after); });
       case Stage::joinedSources:
-        return addSources(after ? group.joinedSourceIteratorAfter(*after) : group.joinedSourceIterator());
+        return group.joinedSourceCount() == 0 ||
+               addSources([&] { return group.joinedSourceIterator(); },
+                          [&](IpGenAddr const& after) { return group.joinedSourceIteratorAfter(after); });
       case Stage::joinedRptSources:
-        return addSources(after ? group.joinedRptSourceIteratorAfter(*after)
-                                : group.joinedRptSourceIterator());
+        return group.joinedRptSourceCount() == 0 ||
+               addSources([&] { return group.joinedRptSourceIterator(); },
+                          [&](IpGenAddr const& after) { return group.joinedRptSourceIteratorAfter(after); });
       case Stage::prunedSources:
-        return addSources(after ? group.prunedSourceIteratorAfter(*after) : group.prunedSourceIterator());
+        return group.prunedSourceCount() == 0 ||
+               addSources([&] { return group.prunedSourceIterator(); },
+                          [&](IpGenAddr const& after) { return group.prunedSourceIteratorAfter(after); });
       case Stage::end:
         break;
     }
     return true;
   }
 
-  template <class Iterator>
-  bool addSources(Iterator source) {
-    for (; source; ++source) {
+  // The sources of a stage: from its front, or behind a source.
+  template <class Front, class Behind>
+  bool addSources(Front front, Behind behind) {
+    for (auto source = here_.after ? behind(*here_.after) : front(); source; ++source) {
       if (passedOver_ >= PacketManager::maxPassedOver) return false;
-      IpGenAddr const address = source.key();
+      IpGenAddr const& address = source.key();
       if (!passOver(here_.stage, address)) {
         if (!fits(1)) return false;
         if (suppressed(RouteKey(address, here_.group), kindOf(here_.stage), isJoin(here_.stage))) {
@@ -241,10 +257,10 @@ class Composer {
   // How many prunes a (*,G) join of this group has beside it. Counted no further than a message can hold.
   std::size_t prunesAlong() const {
     std::size_t prunes = 0;
-    for (auto i = group_->prunedRptSourceIterator(); i && prunes <= capacity(); ++i) {
+    for (auto i = group_->prunedRptSourceIterator(); i && prunes <= capacity_; ++i) {
       if (!faultOf(i.key()) && !waits(Stage::prunedRptSources, i.key())) ++prunes;
     }
-    return std::min(prunes, capacity());
+    return std::min(prunes, capacity_);
   }
 
   void takePrunesAlong() {
@@ -323,16 +339,10 @@ class Composer {
     ++report_.suppressedSources;
   }
 
-  // How many entries a message with one group can hold beside the first.
-  std::size_t capacity() const {
-    std::size_t const empty = WireMessage(message_.upstreamNeighbor(), 0).encodedSize();
-    return (setting_.room - empty - groupSize(family_)) / sourceSize(family_) - 1;
-  }
-
   bool fits(std::size_t entries) const {
-    if (opened_) return used_ + entries * sourceSize(family_) <= setting_.room;
+    if (opened_) return used_ + entries * sourceSize_ <= setting_.room;
     return message_.groups().size() < WireMessage::maxGroups &&
-           used_ + groupSize(family_) + entries * sourceSize(family_) <= setting_.room;
+           used_ + groupSize_ + entries * sourceSize_ <= setting_.room;
   }
 
   void take(Stage stage, IpGenAddr const& source) {
@@ -348,11 +358,11 @@ class Composer {
   void openGroup() {
     if (std::exchange(opened_, true)) return;
     message_.groupAdd(here_.group);
-    used_ += groupSize(family_);
+    used_ += groupSize_;
   }
 
   void count() {
-    used_ += sourceSize(family_);
+    used_ += sourceSize_;
     ++report_.sources;
   }
 
@@ -380,6 +390,8 @@ class Composer {
   // The message so far.
   WireMessage message_;
   AddressFamily const family_;
+  std::size_t const groupSize_, sourceSize_;
+  std::size_t const capacity_;  // Entries beside the first of a message with one group.
   std::size_t used_;
   MessageReport report_;
   std::vector<Leaving> leaving_;
@@ -514,8 +526,8 @@ MessageReport PacketManager::send(Dova::IntfId const& intf, Vel::Ptr<Data> const
   try {
     composer.compose(bookmark->position);
     if (!composer.message().groups().empty()) {
-      sink_.send({intf, envelope.source, envelope.destination, composer.message(),
-                  encodeJoinPrune(composer.message(), envelope.source, envelope.destination)});
+      std::vector<U8> bytes = encodeJoinPrune(composer.message(), envelope.source, envelope.destination);
+      sink_.send({intf, envelope.source, envelope.destination, composer.takeMessage(), std::move(bytes)});
     }
   } catch (std::exception const& error) {
     AGENT_TRACE(intf << " to " << data->upstreamNeighbor() << ": not sent: " << error.what());

@@ -302,12 +302,8 @@ class Writer {
 }  // namespace
 
 IpGenAddr allPimRouters(AddressFamily family) {
-  return IpGenAddr(family == AddressFamily::ipv4 ? "224.0.0.13" : "ff02::d");
-}
-
-bool isMulticast(IpGenAddr const& address) {
-  if (address.isIpv4()) return address.bytes()[0] >> 4 == 0xe;
-  return address.isIpv6() && address.bytes()[0] == 0xff;
+  static IpGenAddr const ipv4("224.0.0.13"), ipv6("ff02::d");
+  return family == AddressFamily::ipv4 ? ipv4 : ipv6;
 }
 
 std::optional<Reason> upstreamFault(IpGenAddr const& address) {
@@ -316,21 +312,14 @@ std::optional<Reason> upstreamFault(IpGenAddr const& address) {
   return std::nullopt;
 }
 
-std::optional<Reason> groupFault(IpGenAddr const& group, AddressFamily family) {
-  if (group.af() != family) return Reason::familiesDiffer;
-  if (!isMulticast(group)) return Reason::groupNotMulticast;
-  return std::nullopt;
-}
-
-std::optional<Reason> sourceFault(IpGenAddr const& address, AddressFamily family) {
-  if (address.af() != family) return Reason::familiesDiffer;
-  if (address.isZero() || isMulticast(address)) return Reason::sourceNotUnicast;
-  return std::nullopt;
-}
-
 WireMessage::WireMessage(IpGenAddr const& upstreamNeighbor, U16 holdTime)
     : upstreamNeighbor_(upstreamNeighbor), holdTime_(holdTime) {
   require(upstreamFault(upstreamNeighbor));
+}
+
+void WireMessage::reserve(std::size_t groups, std::size_t sources) {
+  sets_.reserve(groups);
+  sources_.reserve(sources);
 }
 
 void WireMessage::groupAdd(IpGenAddr const& group) {
@@ -343,7 +332,10 @@ void WireMessage::joinAdd(SourceKind kind, IpGenAddr const& address) {
   Set& set = openSet();
   require(sourceFault(address, family()));
   if (set.joins == maxSources) require(Reason::wrongCount);
-  sources_.insert(sources_.end() - set.prunes, {kind, address});
+  if (set.prunes == 0) [[likely]]
+    sources_.push_back({kind, address});
+  else
+    sources_.insert(sources_.end() - set.prunes, {kind, address});
   ++set.joins;
 }
 

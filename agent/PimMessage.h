@@ -42,7 +42,10 @@ enum class PimType : U8 { hello = 0, joinPrune = 3 };
 /// 224.0.0.13 or ff02::d. REQUIRES: a known family.
 IpGenAddr allPimRouters(AddressFamily family);
 
-bool isMulticast(IpGenAddr const& address);
+inline bool isMulticast(IpGenAddr const& address) {
+  if (address.isIpv4()) return address.bytes()[0] >> 4 == 0xe;
+  return address.isIpv6() && address.bytes()[0] == 0xff;
+}
 
 /// What a source in a Join/Prune means: (S,G), (*,G) with the RP as its address, or (S,G,rpt).
 enum class SourceKind : U8 { source, wildcard, sourceRpt };
@@ -91,6 +94,9 @@ class WireMessage {
 
   /// The hold time is in seconds; 65535 means for ever.
   WireMessage(IpGenAddr const& upstreamNeighbor, U16 holdTime);
+
+  /// Takes memory for so many, so that adding them takes none.
+  void reserve(std::size_t groups, std::size_t sources);
 
   /// Opens another group set, into which the following joins and prunes go.
   void groupAdd(IpGenAddr const& group);
@@ -170,8 +176,16 @@ class WireMessage {
 
 /// Why a message of a family cannot have such an upstream neighbor, group, or source; nothing if it can.
 std::optional<Reason> upstreamFault(IpGenAddr const& address);
-std::optional<Reason> groupFault(IpGenAddr const& group, AddressFamily family);
-std::optional<Reason> sourceFault(IpGenAddr const& address, AddressFamily family);
+inline std::optional<Reason> groupFault(IpGenAddr const& group, AddressFamily family) {
+  if (group.af() != family) return Reason::familiesDiffer;
+  if (!isMulticast(group)) return Reason::groupNotMulticast;
+  return std::nullopt;
+}
+inline std::optional<Reason> sourceFault(IpGenAddr const& address, AddressFamily family) {
+  if (address.af() != family) return Reason::familiesDiffer;
+  if (address.isZero() || isMulticast(address)) return Reason::sourceNotUnicast;
+  return std::nullopt;
+}
 
 /// The PIM checksum over a message whose checksum field counts as it stands: 0 for a message that is intact,
 /// the value for the field if the field is zero. Over IPv6 the pseudo-header is included (RFC 7761, 4.9).
