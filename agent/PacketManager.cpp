@@ -476,7 +476,9 @@ void PacketManager::doTeardown() {
 void PacketManager::start() {
   Vel::Ptr<PacketManager> const keep(this);
   if (!transmitter_) transmitter_ = Vel::create<Transmitter>(this);
-  transmitter_->notifierIs(txMessageInfoIs());
+  Vel::Ptr<Transmitter> const transmitter = transmitter_;
+  Vel::Ptr<IO::MessageInfo> const record = txMessageInfoIs();  // calls out, and may be told to stop
+  if (transmitter == transmitter_) transmitter->notifierIs(record);
 }
 
 void PacketManager::stop() {

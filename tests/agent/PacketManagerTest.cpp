@@ -949,6 +949,27 @@ TEST_F(PacketManagerTest, SendsNothingIfItGoesBeforeItsTurnAtTheRecord) {
   EXPECT_FALSE(manager);
 }
 
+/// Calls when a manager gets another transmit record.
+class RecordReactor final : public IO::PamManager::NotifieeConst {
+ public:
+  explicit RecordReactor(std::function<void()> call) : call_(std::move(call)) {}
+  void onTxMessageInfo() override { call_(); }
+
+ private:
+  std::function<void()> const call_;
+};
+
+TEST_F(PacketManagerTest, MayBeStoppedWhileItMakesItsRecord) {
+  manager = Vel::create<PacketManager>(sink, status);
+  auto const watcher = Vel::create<RecordReactor>([this] { manager->stop(); });
+  watcher->notifierIs(manager);
+  manager->start();
+  auto const data = dataIs("10.0.0.2");
+  groupIs(data, "239.1.1.1")->joinedSourceIs(IpGenAddr("10.9.0.1"));
+  EXPECT_EQ(ask(data), MessageReport());
+  EXPECT_THAT(packets(), IsEmpty());
+}
+
 /// Calls when a data set is about to go.
 class EndReactor final : public Packet::JoinPruneData::NotifieeConst {
  public:
