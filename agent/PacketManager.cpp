@@ -51,11 +51,6 @@ struct Position {
   std::optional<IpGenAddr> after;
 };
 
-bool joinsWildcard(GroupData const& group) {
-  Vel::Ptr<Packet::WcSourceData const> const wildcard = group.wcSourceData();
-  return wildcard && wildcard->join();
-}
-
 void remove(GroupData& group, Stage stage, IpGenAddr const& source) {
   switch (stage) {
     case Stage::prunedRptSources:
@@ -160,7 +155,7 @@ class Composer {
     here_ = from;
     // Data that is sent once no longer has the prunes that went before a (*,G) join was added. The others
     // must go with it, not ahead of it: the receiver forgets at the join what is not beside it.
-    if (!keepsData_ && here_.stage == Stage::prunedRptSources && joinsWildcard(*group_)) {
+    if (!keepsData_ && here_.stage == Stage::prunedRptSources && joinsWildcard()) {
       here_.stage = Stage::wildcard;
       here_.after.reset();
     }
@@ -252,6 +247,13 @@ class Composer {
     leaveWildcard(wildcard);
     if (wildcard->join()) takePrunesAlong();
     return true;
+  }
+
+  // Whether the group has a (*,G) join that can be sent. One that cannot takes no prunes along: a walk that went
+  // back to it would never come to the end of very many of them.
+  bool joinsWildcard() const {
+    Vel::Ptr<Packet::WcSourceData> const wildcard = group_->wcSourceData();
+    return wildcard && wildcard->join() && !faultOf(wildcard->address());
   }
 
   // How many prunes a (*,G) join of this group has beside it. Counted no further than a message can hold.

@@ -783,6 +783,18 @@ TEST_F(PacketManagerTest, EncodableEntriesBehindVeryManyOthersAreReached) {
   EXPECT_EQ(data->joinPruneGroupDataCount(), 2 * PacketManager::maxPassedOver + 100);
 }
 
+TEST_F(PacketManagerTest, AWildcardJoinThatCannotBeEncodedHoldsUpNothingBehindItsPrunes) {
+  auto const data = dataIs("10.0.0.2");
+  auto const group = groupIs(data, "239.1.1.1");
+  group->wcSourceDataIs(wildcardOf(IpGenAddr("0.0.0.0")));
+  for (U32 n = 0; n < PacketManager::maxPassedOver + 100; ++n)
+    group->prunedRptSourceIs(behind("2001:db8::1:0", n));
+  group->joinedSourceIs(IpGenAddr("10.9.0.1"));
+  U32 sent = 0;
+  for (int step = 0; step < 5; ++step) sent += ask(data).sources;
+  EXPECT_EQ(sent, 1u);
+}
+
 TEST_F(PacketManagerTest, EndsAStepInALongRowOfEmptyGroupsToo) {
   auto const data = dataIs("10.0.0.2");
   for (U32 n = 0; n < 2 * PacketManager::maxPassedOver + 100; ++n)
