@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "runtime/vel/Trace.h"
@@ -152,6 +153,7 @@ class Composer {
     groupFault_ = groupFault(group_->group(), family_);
     denied_.reset();
     opened_ = leavingOpened_ = false;
+    taken_.clear();
     here_ = from;
     // Data that is sent once no longer has the prunes that went before a (*,G) join was added. The others
     // must go with it, not ahead of it: the receiver forgets at the join what is not beside it.
@@ -296,6 +298,12 @@ class Composer {
       passOverFaulty(RouteKey(source, here_.group), kindOf(stage), isJoin(stage), *fault);
       return true;
     }
+    if (taken_.contains({kindOf(stage), source})) {
+      ++passedOver_;
+      AGENT_TRACE(*this << RouteKey(source, here_.group) << ' ' << text(kindOf(stage))
+                        << " changed while the message was made, goes later");
+      return true;
+    }
     if (waits(stage, source)) {
       ++passedOver_;
       if (keepsData_) ++report_.suppressedSources;
@@ -353,6 +361,7 @@ class Composer {
       message_.joinAdd(kindOf(stage), source);
     else
       message_.pruneAdd(kindOf(stage), source);
+    if (setting_.suppression) taken_.emplace(kindOf(stage), source);
     count();
     leave(stage, source);
   }
@@ -406,6 +415,8 @@ class Composer {
   std::optional<bool> denied_;
   bool opened_ = false;         // It has a set in the message.
   bool leavingOpened_ = false;  // It has an element in leaving_.
+  // What of it is in the message: the hook, asked about one entry, may turn another into its opposite.
+  std::set<std::pair<SourceKind, IpGenAddr>> taken_;
   Position here_;
 };
 

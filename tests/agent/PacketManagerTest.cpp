@@ -982,6 +982,28 @@ TEST_F(PacketManagerTest, MayBeStoppedWhileItMakesItsRecord) {
   EXPECT_THAT(packets(), IsEmpty());
 }
 
+TEST_F(PacketManagerTest, HasNoJoinAndPruneOfTheSameInAMessageAlsoIfTheHookTurnsOneIntoTheOther) {
+  IpGenAddr const source("10.9.0.1"), other("10.9.0.2");
+  for (bool const rpt : {false, true}) {
+    auto const data = dataIs("10.0.0.2");
+    auto const group = groupIs(data, "239.1.1.1");
+    // Whatever is taken into a message first, it becomes its opposite before the message is done.
+    managerIs(nullptr, [&](auto const&, auto const&, RouteKey const& route, SourceKind, bool) {
+      if (route.source() == source) return false;
+      if (rpt && group->prunedRptSourceDel(source)) group->joinedRptSourceIs(source);
+      if (!rpt && group->joinedSourceDel(source)) group->prunedSourceIs(source);
+      return false;
+    });
+    rpt ? group->prunedRptSourceIs(source) : group->joinedSourceIs(source);
+    rpt ? group->prunedRptSourceIs(other) : group->prunedSourceIs(other);
+    if (!rpt) group->joinedRptSourceIs(other);
+    askForAll(data);
+    auto const messages = taken();  // which looks for a join beside a prune
+    EXPECT_THAT(messages, SizeIs(2)) << "what it became goes afterwards";
+    EXPECT_EQ(data->joinPruneGroupDataCount(), 0u);
+  }
+}
+
 /// Calls when a data set is about to go.
 class EndReactor final : public Packet::JoinPruneData::NotifieeConst {
  public:
