@@ -494,6 +494,10 @@ void Simulation::on(SetCommand const& command) {
     subject = machine_;
   } else if (auto const intf = intfs_.find(command.subject); intf != intfs_.end()) {
     subject = intf->second;
+    // The engine stops the process over an interval of 0, and with it the lines that would tell why.
+    U32 interval = 1;
+    if (command.attribute == "joinPruneInterval" && Vel::fromText(command.value, interval) && interval == 0)
+      refuse("the interval must not be 0");
   } else if (auto const address = IpGenAddr::fromText(command.subject); address && machine_) {
     subject = machine_->joinPruneNeighborSm(*address);
   }

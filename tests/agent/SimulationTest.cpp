@@ -236,6 +236,7 @@ TEST_F(SimulationTest, WhatCannotBeDoneIsRefusedWithTheReason) {
   EXPECT_EQ(complaint("set 10.0.0.9 loopQuantum 1"), "there is no machine or interface 10.0.0.9");
   EXPECT_THAT(complaint("set 10.0.0.2 loopQuntum 1"), HasSubstr("loopQuntum"));
   EXPECT_THAT(complaint("set 10.0.0.2 loopQuantum much"), HasSubstr("much"));
+  EXPECT_EQ(complaint("set eth0 joinPruneInterval 0"), "the interval must not be 0");
   EXPECT_EQ(complaint("start"), "the machine is there already");
   run({"wait 2", "drop"});
   EXPECT_EQ(complaint("drop"), "there is no machine");
