@@ -109,21 +109,32 @@ void put(Packet::JoinPruneGroupData& group, RouteEntry const& entry) {
   }
 }
 
-// False if it is not there.
-bool takeOut(Packet::JoinPruneGroupData& group, RouteEntry const& entry) {
+bool has(Packet::JoinPruneGroupData const& group, RouteEntry const& entry) {
   switch (entry.kind) {
     case SourceKind::wildcard: {
       auto const wildcard = group.wcSourceData();
-      if (!wildcard || wildcard->join() != entry.join || wildcard->address() != entry.source) return false;
-      group.wcSourceDataDel();
-      return true;
+      return wildcard && wildcard->join() == entry.join && wildcard->address() == entry.source;
     }
     case SourceKind::source:
-      return entry.join ? group.joinedSourceDel(entry.source) : group.prunedSourceDel(entry.source);
+      return entry.join ? group.joinedSource(entry.source) : group.prunedSource(entry.source);
     case SourceKind::sourceRpt:
-      return entry.join ? group.joinedRptSourceDel(entry.source) : group.prunedRptSourceDel(entry.source);
+      return entry.join ? group.joinedRptSource(entry.source) : group.prunedRptSource(entry.source);
   }
   return false;
+}
+
+void takeOut(Packet::JoinPruneGroupData& group, RouteEntry const& entry) {
+  switch (entry.kind) {
+    case SourceKind::wildcard:
+      group.wcSourceDataDel();
+      break;
+    case SourceKind::source:
+      entry.join ? group.joinedSourceDel(entry.source) : group.prunedSourceDel(entry.source);
+      break;
+    case SourceKind::sourceRpt:
+      entry.join ? group.joinedRptSourceDel(entry.source) : group.prunedRptSourceDel(entry.source);
+      break;
+  }
 }
 
 // The times of a machine's timers, in the order of the channels.
@@ -447,14 +458,23 @@ void Simulation::on(DataCommand const& command) {
   auto const target = toText(command.target);
   auto const data = dataOf(command.target)[static_cast<std::size_t>(command.channel)];
   if (!data) refuse("{} is no upstream target", target);
+  // All or nothing: what cannot be removed is found before anything is.
+  std::set<std::tuple<bool, SourceKind, IpGenAddr, IpGenAddr>> removed;
+  for (auto const& entry : command.entries) {
+    if (!command.remove) break;
+    auto const group = data->joinPruneGroupData(entry.group);
+    if (!group || !has(*group, entry))
+      refuse("{} has no {} {}", target, text(command.channel), toText(entry));
+    if (!removed.emplace(entry.join, entry.kind, entry.source, entry.group).second)
+      refuse("{} has no second {} {}", target, text(command.channel), toText(entry));
+  }
   for (auto const& entry : command.entries) {
     if (!command.remove) {
       put(*data->joinPruneGroupDataIs(entry.group), entry);
       continue;
     }
     auto const group = data->joinPruneGroupData(entry.group);
-    if (!group || !takeOut(*group, entry))
-      refuse("{} has no {} {}", target, text(command.channel), toText(entry));
+    takeOut(*group, entry);
     // Where there is a machine, emptied groups are its own to remove.
     if (group->empty() && !(machine_ && machine_->joinPruneNeighborSm(command.target)))
       data->joinPruneGroupDataDel(entry.group);

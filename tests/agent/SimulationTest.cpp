@@ -248,6 +248,18 @@ TEST_F(SimulationTest, WhatCannotBeDoneIsRefusedWithTheReason) {
   EXPECT_THAT(complaint("neighbor 10.0.0.2 on eth1"), HasSubstr("Reinstantiating"));
 }
 
+TEST_F(SimulationTest, ARemovalThatCannotBeDoneWholeRemovesNothing) {
+  run({join, "triggered 10.0.0.2 join (10.9.0.2,239.1.1.1)"});
+  constexpr char both[] = "triggered 10.0.0.2 remove join (10.9.0.1,239.1.1.1) (10.9.0.3,239.1.1.1)";
+  constexpr char twice[] = "triggered 10.0.0.2 remove join (10.9.0.1,239.1.1.1) (10.9.0.1,239.1.1.1)";
+  take();
+  EXPECT_EQ(complaint(both), "10.0.0.2 has no triggered join (10.9.0.3,239.1.1.1)");
+  EXPECT_EQ(complaint(twice), "10.0.0.2 has no second triggered join (10.9.0.1,239.1.1.1)");
+  EXPECT_THAT(outputOf({"show sets"}),
+              ElementsAre("0.000 show 10.0.0.2 triggered join (10.9.0.1,239.1.1.1)",
+                          "0.000 show 10.0.0.2 triggered join (10.9.0.2,239.1.1.1)"));
+}
+
 TEST_F(SimulationTest, ANeighborThatCouldNotMoveReturnsWhereItWas) {
   run({"intf eth1"});
   EXPECT_THAT(complaint("neighbor 10.0.0.2 on eth1"), HasSubstr("Reinstantiating"));
