@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::size_t shortestRule = 4;
 constexpr U32 mostRoutes = 1'000'000;
+constexpr std::size_t mostEntries = 65535 / 8;  // of a message: each takes eight bytes at the least
 constexpr Seconds longestTime = 1e6;
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
@@ -262,9 +263,16 @@ Command data(Words& words) {
 // A message as a router builds it: each group once (RFC 7761, 4.9.5).
 WireMessage messageOf(IpGenAddr const& upstream, U16 holdTime, std::vector<RouteEntry> const& entries) {
   WireMessage message(upstream, holdTime);
+  // First, so that no time is spent on what cannot be a message anyway.
+  if (entries.size() > mostEntries)
+    throw Vel::RangeException(fmt::format("{} entries do not fit an IP datagram", entries.size()));
   std::vector<IpGenAddr> groups;
-  for (auto const& entry : entries)
-    if (std::find(groups.begin(), groups.end(), entry.group) == groups.end()) groups.push_back(entry.group);
+  for (auto const& entry : entries) {
+    if (std::find(groups.begin(), groups.end(), entry.group) != groups.end()) continue;
+    if (groups.size() == WireMessage::maxGroups)
+      throw Vel::RangeException(fmt::format("more than {} groups", WireMessage::maxGroups));
+    groups.push_back(entry.group);
+  }
   for (auto const& group : groups) {
     message.groupAdd(group);
     for (auto const& entry : entries) {
@@ -275,6 +283,7 @@ WireMessage messageOf(IpGenAddr const& upstream, U16 holdTime, std::vector<Route
         message.pruneAdd(entry.kind, entry.source);
     }
   }
+  encodeJoinPrune(message, upstream, upstream);  // says if it is too long
   return message;
 }
 

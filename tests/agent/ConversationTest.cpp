@@ -119,6 +119,20 @@ TEST(ConversationTest, AReceivedMessageHasEachGroupOnce) {
   EXPECT_EQ(command.message, expected);
 }
 
+TEST(ConversationTest, AMessageWithTooMuchForOneIsRefusedAtOnce) {
+  EXPECT_THAT(
+      complaint("receive eth0 upstream 10.0.0.1 hold 210 join 1000000 routes from (10.9.0.1,239.1.1.1)"),
+      HasSubstr("expected a message that can be on the wire: 1000000 entries"));
+  EXPECT_THAT(complaint("receive eth0 upstream 10.0.0.1 hold 210 join 256 routes from (10.9.0.1,239.1.1.1)"),
+              HasSubstr("expected a message that can be on the wire: more than 255 groups"));
+  EXPECT_THAT(
+      complaint("receive eth0 upstream 10.0.0.1 hold 210 join 9000 sources from (10.9.0.1,239.1.1.1)"),
+      HasSubstr("expected a message that can be on the wire: 9000 entries"));
+  EXPECT_THAT(
+      complaint("receive eth0 upstream fe80::1 hold 210 join 4000 sources from (2001:db8::1,ff0e::1)"),
+      HasSubstr("expected a message that can be on the wire: 80050 bytes"));
+}
+
 TEST(ConversationTest, TheOtherCommandsSayWhatTheySay) {
   EXPECT_EQ(parsed<NeighborCommand>("neighbor 10.0.0.2 on eth0").intf, "eth0");
   EXPECT_TRUE(parsed<NeighborCommand>("neighbor 10.0.0.2 down").down);
