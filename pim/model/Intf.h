@@ -49,8 +49,7 @@ class VEL_API Intf final : public Vel::Entity {
   = 60;
 
   /// The upper bound of t_override, in seconds (RFC 7761, 4.11). Machines read it when they are made.
-  VEL_VALUE(Seconds, usedOverrideIntervalInSeconds, UsedOverrideIntervalInSeconds)
-  = 2.5;
+  VEL_SECONDS(usedOverrideIntervalInSeconds, UsedOverrideIntervalInSeconds) = 2.5;
 
  public:
   Dova::IntfId const& velKey() const { return intfId_; }

@@ -184,6 +184,12 @@ TEST_F(IntfTest, EachSettingNotifiesOnceWhenItChanges) {
   EXPECT_THAT(taken(log), ElementsAre("used address"));
 }
 
+TEST_F(IntfTest, AnOverrideIntervalThatIsNoNumberIsRefused) {
+  EXPECT_THROW(intf->usedOverrideIntervalInSecondsIs(std::nan("")), Vel::InvalidArgumentException);
+  EXPECT_EQ(intf->usedOverrideIntervalInSeconds(), 2.5);
+  EXPECT_THAT(log, IsEmpty());
+}
+
 TEST_F(IntfTest, SettingsAreReadAndSetByName) {
   EXPECT_EQ(intf->attribute("intfId"), "eth0");
   EXPECT_EQ(intf->attribute("usedAddressWithMask"), "unknown");
