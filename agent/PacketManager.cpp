@@ -93,7 +93,8 @@ class Composer {
         sourceSize_(sourceSize(family_)),
         capacity_((setting.room - message_.encodedSize() - groupSize_) / sourceSize_ - 1),
         used_(message_.encodedSize()) {
-    message_.reserve(WireMessage::maxGroups, capacity_ + 1);
+    constexpr std::size_t likely = 256;  // more memory is taken when it is needed
+    message_.reserve(std::min(likely, capacity_ + 1), std::min(likely, capacity_ + 1));
   }
 
   // Goes on from a position, or from the front.

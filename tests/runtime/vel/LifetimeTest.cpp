@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <functional>
 
 #include "pim/joinprune/JoinPruneStatus.h"
+#include "runtime/scrivo/CycleCounter.h"
 #include "runtime/zanth/TimerWheel.h"
 
 namespace Vel {
@@ -166,11 +166,11 @@ double least(Measure const& measure) {
   return best;
 }
 
-// Nanoseconds for each of n elements.
+// Nanoseconds for each of n elements, in processor time: what others do meanwhile does not count.
 double nanoseconds(U32 n, std::function<void()> const& act) {
-  auto const begin = std::chrono::steady_clock::now();
+  auto const begin = Scrivo::clockNanoseconds(CLOCK_THREAD_CPUTIME_ID);
   act();
-  return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - begin).count() / n;
+  return static_cast<double>(Scrivo::clockNanoseconds(CLOCK_THREAD_CPUTIME_ID) - begin) / n;
 }
 
 // A table is sorted by hash, so filling or emptying one in the order of another is its hardest case: it must cost for
@@ -200,7 +200,8 @@ TEST(LifetimeTest, CopyingAndDrainingInTheOrderOfTheWalkCostsForEachSourceTheSam
   };
   for (double Cost::*cost : {&Cost::copy, &Cost::drain, &Cost::part}) {
     double const few = least([&] { return measure(2000).*cost; });
-    EXPECT_LT(measure(200000).*cost, 10 * few);
+    double const many = std::min(measure(200000).*cost, measure(200000).*cost);
+    EXPECT_LT(many, 10 * few);
   }
 }
 
