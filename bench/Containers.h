@@ -1,0 +1,125 @@
+// Five operations on a container of addresses and its bytes, for ours and for a peer alike.
+//
+// A container under test is a class that is made empty and has insert(i), erase(i), contains(address) and walk(), where
+// i is the number of a key; walk() visits everything and returns something that depends on it.
+#pragma once
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "bench/Bench.h"
+#include "runtime/dova/IpGenAddr.h"
+
+namespace Bench {
+
+using Dova::IpGenAddr;
+
+/// Keys that are there, in one order and in another, and as many that are not.
+struct Keys {
+  std::vector<IpGenAddr> all, missing;
+  std::vector<std::size_t> shuffled;
+};
+
+inline IpGenAddr someAddress(bool ipv6, std::mt19937_64& random) {
+  Vel::U64 const words[] = {random(), random()};
+  Vel::U8 bytes[16];
+  std::memcpy(bytes, words, sizeof bytes);
+  bytes[0] = ipv6 ? 0x20 : 10;
+  return IpGenAddr::fromBytes({bytes, ipv6 ? std::size_t{16} : std::size_t{4}});
+}
+
+inline std::shared_ptr<Keys const> someKeys(std::size_t size, bool ipv6) {
+  std::mt19937_64 random(size);
+  std::vector<IpGenAddr> distinct;
+  // 10.0.0.0/8 has room for many more than are asked for.
+  while (distinct.size() < 2 * size) {
+    while (distinct.size() < 2 * size + size / 4 + 8) distinct.push_back(someAddress(ipv6, random));
+    std::sort(distinct.begin(), distinct.end());
+    distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
+    std::shuffle(distinct.begin(), distinct.end(), random);
+  }
+  auto const keys = std::make_shared<Keys>();
+  keys->all.assign(distinct.begin(), distinct.begin() + static_cast<std::ptrdiff_t>(size));
+  keys->missing.assign(distinct.begin() + static_cast<std::ptrdiff_t>(size),
+                       distinct.begin() + static_cast<std::ptrdiff_t>(2 * size));
+  for (std::size_t i = 0; i < size; ++i) keys->shuffled.push_back(i);
+  std::shuffle(keys->shuffled.begin(), keys->shuffled.end(), random);
+  return keys;
+}
+
+/// Bytes in use on the heap.
+inline double heapBytes() {
+  auto const info = mallinfo2();
+  return static_cast<double>(info.uordblks + info.hblkhd);
+}
+
+/// Registers "<subject>/<operation> <size>/<who>" for each operation.
+template <class Container>
+void measureContainer(std::string const& subject, std::string const& sizeName, std::string const& who,
+                      std::shared_ptr<Keys const> keys) {
+  double const count = static_cast<double>(keys->all.size());
+  int const repeats = static_cast<int>(std::max<std::size_t>(1, 10'000 / keys->all.size()));
+  auto const name = [&](char const* operation) {
+    return subject + "/" + operation + " " + sizeName + "/" + who;
+  };
+  auto const filled = [keys] {
+    auto const container = std::make_shared<Container>(*keys);
+    for (std::size_t i = 0; i < keys->all.size(); ++i) container->insert(i);
+    return container;
+  };
+  prepared(name("insert"), [=]() -> Run {
+    return [=](Stopwatch& watch) {
+      std::vector<std::unique_ptr<Container>> containers;
+      for (int r = 0; r < repeats; ++r) containers.push_back(std::make_unique<Container>(*keys));
+      watch.start();
+      for (auto const& container : containers)
+        for (std::size_t i = 0; i < keys->all.size(); ++i) container->insert(i);
+      watch.stop(count * repeats);
+    };
+  });
+  auto const look = [=](std::vector<IpGenAddr> const& at) -> Run {
+    auto const container = filled();
+    return [=, &at](Stopwatch& watch) {
+      std::size_t found = 0;
+      watch.start();
+      for (int r = 0; r < repeats; ++r)
+        for (std::size_t const i : keys->shuffled) found += container->contains(at[i]);
+      watch.stop(count * repeats);
+      keep(found);
+    };
+  };
+  prepared(name("hit"), [=] { return look(keys->all); });
+  prepared(name("miss"), [=] { return look(keys->missing); });
+  prepared(name("erase"), [=]() -> Run {
+    return [=](Stopwatch& watch) {
+      std::vector<std::shared_ptr<Container>> containers;
+      for (int r = 0; r < repeats; ++r) containers.push_back(filled());
+      watch.start();
+      for (auto const& container : containers)
+        for (std::size_t const i : keys->shuffled) container->erase(i);
+      watch.stop(count * repeats);
+    };
+  });
+  prepared(name("iterate"), [=]() -> Run {
+    auto const container = filled();
+    return [=](Stopwatch& watch) {
+      watch.start();
+      for (int r = 0; r < repeats; ++r) keep(container->walk());
+      watch.stop(count * repeats);
+    };
+  });
+  figure(name("bytes"), [=] {
+    auto container = std::make_unique<Container>(*keys);
+    double const before = heapBytes();
+    for (std::size_t i = 0; i < keys->all.size(); ++i) container->insert(i);
+    double const bytes = (heapBytes() - before) / count;
+    keep(container);
+    return bytes;
+  });
+}
+
+}  // namespace Bench

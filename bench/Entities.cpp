@@ -1,0 +1,114 @@
+// A collection of entities (Vel::EntityMap) against boost::intrusive::unordered_set, which links elements through a hook
+// in each and is given its buckets: in nanoseconds an element, and in bytes beyond the entity. The entities exist
+// beforehand. The peer's buckets are doubled when there are more elements than buckets.
+#include <boost/intrusive/unordered_set.hpp>
+
+#include "bench/Containers.h"
+#include "runtime/vel/Collection.h"
+
+namespace {
+
+namespace intrusive = boost::intrusive;
+using Bench::Keys;
+using Dova::IpGenAddr;
+
+class Element final : public Vel::Entity {
+ public:
+  explicit Element(IpGenAddr const& key) : key_(key) {}
+  IpGenAddr const& velKey() const { return key_; }
+  std::size_t marked() const { return key_.isIpv4(); }
+
+ private:
+  IpGenAddr const key_;
+};
+
+class Ours {
+ public:
+  explicit Ours(Keys const& keys) {
+    for (auto const& key : keys.all) elements_.push_back(Vel::create<Element>(key));
+  }
+  void insert(std::size_t i) { map_.insert(elements_[i]); }
+  void erase(std::size_t i) { map_.remove(elements_[i]->velKey()); }
+  bool contains(IpGenAddr const& key) const { return map_.find(key) != nullptr; }
+  std::size_t walk() const {
+    std::size_t sum = 0;
+    for (Vel::EntityIterator<IpGenAddr, Element, Element const> i(nullptr, map_); i; ++i) sum += i->marked();
+    return sum;
+  }
+
+ private:
+  std::vector<Vel::Ptr<Element>> elements_;
+  Vel::EntityMap<IpGenAddr, Element> map_;
+};
+
+struct Hooked final : intrusive::unordered_set_base_hook<intrusive::store_hash<true>> {
+  explicit Hooked(IpGenAddr const& address) : key(address) {}
+  virtual ~Hooked() = default;
+  IpGenAddr const key;
+  std::size_t marked() const { return key.isIpv4(); }
+};
+struct KeyOf {
+  using type = IpGenAddr;
+  type const& operator()(Hooked const& element) const { return element.key; }
+};
+struct Hash {
+  std::size_t operator()(IpGenAddr const& key) const { return key.hash(); }
+};
+
+class Theirs {
+ public:
+  explicit Theirs(Keys const& keys) {
+    for (auto const& key : keys.all) elements_.push_back(std::make_unique<Hooked>(key));
+  }
+  ~Theirs() { set_.clear(); }
+  void insert(std::size_t i) {
+    if (set_.size() == buckets_.size()) {
+      std::vector<Set::bucket_type> more(2 * buckets_.size());
+      set_.rehash({more.data(), more.size()});
+      buckets_.swap(more);
+    }
+    set_.insert(*elements_[i]);
+  }
+  void erase(std::size_t i) { set_.erase(elements_[i]->key); }
+  bool contains(IpGenAddr const& key) const { return set_.find(key) != set_.end(); }
+  std::size_t walk() const {
+    std::size_t sum = 0;
+    for (Hooked const& element : set_) sum += element.marked();
+    return sum;
+  }
+
+ private:
+  using Set = intrusive::unordered_set<Hooked, intrusive::key_of_value<KeyOf>, intrusive::hash<Hash>,
+                                       intrusive::power_2_buckets<true>>;
+  std::vector<std::unique_ptr<Hooked>> elements_;
+  std::vector<Set::bucket_type> buckets_{16};
+  Set set_{{buckets_.data(), buckets_.size()}};
+};
+
+bool const registered = [] {
+  for (std::size_t const size : {1'000u, 100'000u, 1'000'000u}) {
+    if (!Bench::wanted(size)) continue;
+    auto const keys = Bench::someKeys(size, false);
+    std::string const sizeName = Bench::sizeText(size);
+    Bench::measureContainer<Ours>("collection of entities", sizeName, "ours", keys);
+    Bench::measureContainer<Theirs>("collection of entities", sizeName, "boost::intrusive", keys);
+    if (size == 1'000) continue;  // runs, for a quick look; the bars are for what does not fit the caches
+    for (std::string const operation : {"insert ", "hit ", "erase "})
+      Bench::row({.subject = "collection of entities",
+                  .what = operation + sizeName,
+                  .reference = "boost::intrusive",
+                  .atMost = 1});
+    Bench::row({.subject = "collection of entities",
+                .what = "iterate " + sizeName,
+                .reference = "boost::intrusive",
+                .atLeastFaster = 4});
+    Bench::row({.subject = "collection of entities",
+                .what = "bytes " + sizeName,
+                .reference = "boost::intrusive",
+                .atMostAbsolute = 24,
+                .unit = "bytes"});
+  }
+  return true;
+}();
+
+}  // namespace

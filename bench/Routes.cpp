@@ -1,0 +1,172 @@
+// What a route costs that comes and goes: triggered, from being added to being sent by a packet manager that does
+// nothing but take it out; and periodic, from being added to being removed among many that stay. In nanoseconds a route.
+// The floor inserts the route into an absl::flat_hash_set, erases it, and makes two virtual calls.
+#include <absl/container/flat_hash_set.h>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "bench/Bench.h"
+#include "pim/joinprune/JoinPruneMessageSm.h"
+
+namespace {
+
+using namespace Routing::Pim;
+using Dova::IpGenAddr;
+
+IpGenAddr groupOf(U32 route) { return IpGenAddr::ipv4(0xe1000000u + route); }
+
+// Takes all that is pending out of the data, as if it fitted one message.
+class Taker final : public IO::MessageInfo::Notifiee {
+ public:
+  void onCount() override {
+    auto const message = notifier()->joinPruneMessage();
+    auto const data = message->joinPruneData();
+    Packet::JoinPruneMessage::Report report;
+    for (auto group = data->joinPruneGroupDataIterator(); group; ++group) {
+      for (auto source = group->joinedSourceIterator(); source; ++source) {
+        group->joinedSourceDel(source.key());
+        ++report.sources;
+      }
+    }
+    message->reportIs(report);
+  }
+};
+
+struct Router {
+  Router() {
+    auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
+    eth0->usedAddressWithMaskIs(Dova::IpGenPrefix(IpGenAddr("10.0.0.1"), 24));
+    pim->pimIntfIs(eth0);
+    pim->pimNeighborIs(neighbor, eth0);
+    status->periodicGroupStatusIs(Vel::create<Packet::JoinPruneStatus>());
+    taker->notifierIs(manager->txMessageInfoIs());
+    machine =
+        joinPruneMessageSmFactory(status, nullptr, pim, nullptr, nullptr, nullptr, nullptr, manager, wheel);
+    triggered = status->triggeredGroup(neighbor);
+    periodic = status->periodicGroupStatus()->upJoinPrune(neighbor);
+  }
+
+  double time = 0;
+  IpGenAddr const neighbor{"10.0.0.2"}, source{"10.9.0.1"};
+  Vel::Ptr<Zanth::TimerWheel> wheel = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  Vel::Ptr<Status> pim = Vel::create<Status>();
+  Vel::Ptr<JoinPruneStatus> status = joinPruneStatusFactory();
+  Vel::Ptr<IO::PamManager> manager = Vel::create<IO::PamManager>();
+  Vel::Ptr<Taker> taker = Vel::create<Taker>();
+  Vel::Ptr<JoinPruneMessageSm> machine;
+  Vel::Ptr<Packet::JoinPruneData> triggered, periodic;
+};
+
+// Two virtual calls: one for coming, one for going.
+struct Listener {
+  virtual ~Listener() = default;
+  virtual void came(IpGenAddr const& group) = 0;
+  virtual void went(IpGenAddr const& group) = 0;
+};
+struct Counting final : Listener {
+  void came(IpGenAddr const&) override { ++count; }
+  void went(IpGenAddr const&) override { --count; }
+  std::size_t count = 0;
+};
+struct Floor {
+  struct Hash {
+    std::size_t operator()(IpGenAddr const& key) const { return key.hash(); }
+  };
+  void add(U32 route) {
+    if (routes.insert(groupOf(route)).second) listener->came(groupOf(route));
+  }
+  void remove(U32 route) {
+    if (routes.erase(groupOf(route)) != 0) listener->went(groupOf(route));
+  }
+  absl::flat_hash_set<IpGenAddr, Hash> routes;
+  std::unique_ptr<Listener> const listener = std::make_unique<Counting>();
+};
+
+void measureTriggered(U32 pending) {
+  if (!Bench::wanted(pending)) return;
+  std::string const name = "triggered route/" + Bench::sizeText(pending) + " pending";
+  int const rounds = static_cast<int>(std::max(1u, 1000 / pending));
+  Bench::prepared(name + "/ours", [=]() -> Bench::Run {
+    auto const router = std::make_shared<Router>();
+    return [=](Bench::Stopwatch& watch) {
+      watch.start();
+      for (int r = 0; r < rounds; ++r) {
+        for (U32 route = 0; route < pending; ++route)
+          router->triggered->joinPruneGroupDataIs(groupOf(route))->joinedSourceIs(router->source);
+        router->time += 0.1;
+        router->wheel->expire();
+      }
+      watch.stop(static_cast<double>(rounds) * pending);
+      if (router->triggered->joinPruneGroupDataCount() != 0) std::abort();
+    };
+  });
+  Bench::prepared(name + "/floor", [=]() -> Bench::Run {
+    auto const floor = std::make_shared<Floor>();
+    return [=](Bench::Stopwatch& watch) {
+      watch.start();
+      for (int r = 0; r < rounds; ++r) {
+        for (U32 route = 0; route < pending; ++route) floor->add(route);
+        for (U32 route = 0; route < pending; ++route) floor->remove(route);
+      }
+      watch.stop(static_cast<double>(rounds) * pending);
+    };
+  });
+}
+
+// A thousand routes come and go among those that stand.
+void measurePeriodic(U32 standing) {
+  if (!Bench::wanted(standing)) return;
+  constexpr U32 changing = 1000;
+  std::string const name = "periodic route/" + Bench::sizeText(standing) + " standing";
+  Bench::prepared(name + "/ours", [=]() -> Bench::Run {
+    auto const router = std::make_shared<Router>();
+    auto const add = [router](U32 route) {
+      router->periodic->joinPruneGroupDataIs(groupOf(route))->joinedSourceIs(router->source);
+    };
+    for (U32 route = 0; route < standing; ++route) add(route);
+    return [=](Bench::Stopwatch& watch) {
+      watch.start();
+      for (U32 route = standing; route < standing + changing; ++route) add(route);
+      for (U32 route = standing; route < standing + changing; ++route)
+        router->periodic->joinPruneGroupData(groupOf(route))->joinedSourceDel(router->source);
+      watch.stop(changing);
+      if (router->periodic->joinPruneGroupDataCount() != standing) std::abort();
+    };
+  });
+  Bench::prepared(name + "/floor", [=]() -> Bench::Run {
+    auto const floor = std::make_shared<Floor>();
+    for (U32 route = 0; route < standing; ++route) floor->add(route);
+    return [=](Bench::Stopwatch& watch) {
+      watch.start();
+      for (U32 route = standing; route < standing + changing; ++route) floor->add(route);
+      for (U32 route = standing; route < standing + changing; ++route) floor->remove(route);
+      watch.stop(changing);
+    };
+  });
+}
+
+bool const registered = [] {
+  for (U32 const size : {1u, 10u, 100u, 1'000u, 10'000u, 100'000u, 1'000'000u}) measureTriggered(size);
+  for (U32 const size : {10u, 100u, 1'000u, 10'000u, 100'000u, 1'000'000u}) measurePeriodic(size);
+  for (std::string const what : {"1 pending", "1k pending", "100k pending"})
+    Bench::row({.subject = "triggered route", .what = what, .reference = "floor", .atMost = 4});
+  Bench::row({.subject = "triggered route",
+              .what = "100k against 1",
+              .reference = "ours at 1",
+              .atMost = 2,
+              .ours = "triggered route/100k pending/ours",
+              .theirs = "triggered route/1 pending/ours"});
+  for (std::string const what : {"1k standing", "1M standing"})
+    Bench::row({.subject = "periodic route", .what = what, .reference = "floor", .atMost = 4});
+  Bench::row({.subject = "periodic route",
+              .what = "1M against 1k",
+              .reference = "ours at 1k",
+              .atMost = 3,
+              .ours = "periodic route/1M standing/ours",
+              .theirs = "periodic route/1k standing/ours"});
+  return true;
+}();
+
+}  // namespace

@@ -1,0 +1,77 @@
+// The set of sources (Vel::HashSet) against absl::flat_hash_set of the same key and the same hash, in nanoseconds an
+// element, and in bytes.
+#include <absl/container/flat_hash_set.h>
+
+#include "bench/Containers.h"
+#include "runtime/vel/Collection.h"
+
+namespace {
+
+using Bench::Keys;
+using Dova::IpGenAddr;
+
+class Ours {
+ public:
+  explicit Ours(Keys const& keys) : keys_(keys) {}
+  void insert(std::size_t i) { set_.insert(keys_.all[i]); }
+  void erase(std::size_t i) { set_.remove(keys_.all[i]); }
+  bool contains(IpGenAddr const& key) const { return set_.contains(key); }
+  std::size_t walk() const {
+    std::size_t sum = 0;
+    for (Vel::SetIterator<Set> i(nullptr, set_); i; ++i) sum += i->isIpv4();
+    return sum;
+  }
+
+ private:
+  using Set = Vel::HashSet<IpGenAddr>;
+  Keys const& keys_;
+  Set set_;
+};
+
+class Theirs {
+ public:
+  explicit Theirs(Keys const& keys) : keys_(keys) {}
+  void insert(std::size_t i) { set_.insert(keys_.all[i]); }
+  void erase(std::size_t i) { set_.erase(keys_.all[i]); }
+  bool contains(IpGenAddr const& key) const { return set_.contains(key); }
+  std::size_t walk() const {
+    std::size_t sum = 0;
+    for (IpGenAddr const& key : set_) sum += key.isIpv4();
+    return sum;
+  }
+
+ private:
+  struct Hash {
+    std::size_t operator()(IpGenAddr const& key) const { return key.hash(); }
+  };
+  Keys const& keys_;
+  absl::flat_hash_set<IpGenAddr, Hash> set_;
+};
+
+struct Bar {
+  char const* operation;
+  double atMost;
+  char const* unit = "ns";
+};
+
+bool const registered = [] {
+  for (bool const ipv6 : {false, true}) {
+    for (std::size_t const size : {1'000u, 100'000u, 1'000'000u}) {
+      if (!Bench::wanted(size)) continue;
+      auto const keys = Bench::someKeys(size, ipv6);
+      std::string const sizeName = (ipv6 ? "IPv6 " : "IPv4 ") + Bench::sizeText(size);
+      Bench::measureContainer<Ours>("set of sources", sizeName, "ours", keys);
+      Bench::measureContainer<Theirs>("set of sources", sizeName, "absl::flat_hash_set", keys);
+      for (Bar const& bar : {Bar{"insert", 1.5}, Bar{"hit", 1.3}, Bar{"miss", 1.5}, Bar{"erase", 1.5},
+                             Bar{"iterate", 2.0}, Bar{"bytes", 1.15, "bytes"}})
+        Bench::row({.subject = "set of sources",
+                    .what = bar.operation + (" " + sizeName),
+                    .reference = "absl::flat_hash_set",
+                    .atMost = bar.atMost,
+                    .unit = bar.unit});
+    }
+  }
+  return true;
+}();
+
+}  // namespace

@@ -1,0 +1,104 @@
+// A value that changes while 0, 1, 4 or 16 reactors watch it, in nanoseconds a change. The floor is a plain object that
+// compares, stores, and calls a vector of virtual pointers; it neither survives a reactor that goes in the middle nor
+// contains what one throws. The peer is Boost.Signals2.
+#include <boost/signals2/signal.hpp>
+
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include "bench/Bench.h"
+#include "pim/joinprune/JoinPruneMessageInfo.h"
+
+namespace {
+
+using Record = Routing::Pim::JoinPruneMessageInfo;
+constexpr int rounds = 10'000;
+
+class Watcher final : public Record::NotifieeConst {
+ public:
+  void onHoldTime() override { ++calls; }
+  std::size_t calls = 0;
+};
+
+struct Plain {
+  struct Reactor {
+    virtual ~Reactor() = default;
+    virtual void onHoldTime() = 0;
+  };
+  void holdTimeIs(double value) {
+    if (value == holdTime) return;
+    holdTime = value;
+    for (Reactor* const reactor : reactors) reactor->onHoldTime();
+  }
+  double holdTime = 0;
+  std::vector<Reactor*> reactors;
+};
+struct PlainWatcher final : Plain::Reactor {
+  void onHoldTime() override { ++calls; }
+  std::size_t calls = 0;
+};
+
+struct Signalling {
+  void holdTimeIs(double value) {
+    if (value == holdTime) return;
+    holdTime = value;
+    changed();
+  }
+  double holdTime = 0;
+  boost::signals2::signal<void()> changed;
+};
+
+// Sets a value that differs each time.
+template <class Subject>
+void setAgainAndAgain(Subject& subject, Bench::Stopwatch& watch) {
+  watch.start();
+  for (int i = 0; i < rounds; ++i) subject.holdTimeIs(i);
+  watch.stop(rounds);
+}
+
+void measure(std::size_t reactors, double atMost) {
+  std::string const name = "changed value/" + std::to_string(reactors) + " reactors";
+  Bench::prepared(name + "/ours", [=]() -> Bench::Run {
+    auto const record = Routing::Pim::joinPruneMessageInfoFactory();
+    std::vector<Vel::Ptr<Watcher>> watchers;
+    for (std::size_t i = 0; i < reactors; ++i) {
+      watchers.push_back(Vel::create<Watcher>());
+      watchers.back()->notifierIs(record);
+    }
+    return [record, watchers](Bench::Stopwatch& watch) {
+      setAgainAndAgain(*record, watch);
+      for (auto const& watcher : watchers)
+        if (watcher->calls == 0) std::abort();
+    };
+  });
+  Bench::prepared(name + "/floor", [=]() -> Bench::Run {
+    auto const plain = std::make_shared<Plain>();
+    auto const watchers = std::make_shared<std::vector<PlainWatcher>>(reactors);
+    for (auto& watcher : *watchers) plain->reactors.push_back(&watcher);
+    Bench::keep(plain->reactors.data());
+    return [plain, watchers](Bench::Stopwatch& watch) { setAgainAndAgain(*plain, watch); };
+  });
+  Bench::row({.subject = "changed value",
+              .what = std::to_string(reactors) + " reactors",
+              .reference = "floor",
+              .atMost = atMost});
+}
+
+bool const registered = [] {
+  measure(0, 2.0);
+  measure(1, 1.6);
+  measure(4, 2.0);
+  measure(16, 1.8);
+  Bench::prepared("changed value/1 reactors/Boost.Signals2", []() -> Bench::Run {
+    auto const subject = std::make_shared<Signalling>();
+    auto const calls = std::make_shared<std::size_t>(0);
+    subject->changed.connect([calls] { ++*calls; });
+    return [=](Bench::Stopwatch& watch) { setAgainAndAgain(*subject, watch); };
+  });
+  Bench::row(
+      {.subject = "changed value", .what = "1 reactors", .reference = "Boost.Signals2", .atLeastFaster = 10});
+  return true;
+}();
+
+}  // namespace

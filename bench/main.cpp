@@ -1,0 +1,117 @@
+#include <sched.h>
+
+#include <cstdlib>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "bench/Bench.h"
+
+namespace Bench {
+
+namespace {
+
+std::vector<Row>& rows() {
+  static std::vector<Row> all;
+  return all;
+}
+
+// Google Benchmark keeps a name and shows it; spaces and all.
+void registered(std::string const& name, std::function<void(benchmark::State&)> body) {
+  benchmark::RegisterBenchmark(name.c_str(), [body = std::move(body)](benchmark::State& state) {
+    body(state);
+  })->UseManualTime();
+}
+
+void measure(benchmark::State& state, Run const& run) {
+  double spent = 0, operations = 0;
+  for ([[maybe_unused]] auto _ : state) {
+    Stopwatch watch;
+    run(watch);
+    spent += watch.spent();
+    operations += watch.operations();
+    state.SetIterationTime(watch.spent());
+  }
+  state.counters["value"] = operations == 0 ? 0 : spent * 1e9 / operations;
+}
+
+}  // namespace
+
+void timed(std::string const& name, Run run) {
+  registered(name, [run = std::move(run)](benchmark::State& state) { measure(state, run); });
+}
+
+void prepared(std::string const& name, std::function<Run()> prepare) {
+  registered(name, [prepare = std::move(prepare)](benchmark::State& state) { measure(state, prepare()); });
+}
+
+void figure(std::string const& name, std::function<double()> measureOnce) {
+  benchmark::RegisterBenchmark(name.c_str(),
+                               [measureOnce = std::move(measureOnce)](benchmark::State& state) {
+                                 double value = 0;
+                                 for ([[maybe_unused]] auto _ : state) {
+                                   value = measureOnce();
+                                   state.SetIterationTime(1);
+                                 }
+                                 state.counters["value"] = value;
+                               })
+      ->UseManualTime()
+      ->Iterations(1);
+}
+
+void row(Row row) { rows().push_back(std::move(row)); }
+
+bool wanted(std::size_t size) {
+  static char const* const largest = std::getenv("JOINPRUNE_BENCH_LARGEST");
+  return !largest || size <= std::strtoull(largest, nullptr, 10);
+}
+
+std::string sizeText(std::size_t size) {
+  if (size >= 1'000'000 && size % 1'000'000 == 0) return std::to_string(size / 1'000'000) + "M";
+  if (size >= 1'000 && size % 1'000 == 0) return std::to_string(size / 1'000) + "k";
+  return std::to_string(size);
+}
+
+namespace {
+
+// One core for all, so that ours and theirs see the same caches and clock.
+void pin() {
+  int const core = sched_getcpu();
+  if (core < 0) return;
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(static_cast<unsigned>(core), &set);
+  sched_setaffinity(0, sizeof set, &set);
+}
+
+std::string textOf(std::vector<Row> const& all) {
+  nlohmann::json array = nlohmann::json::array();
+  for (Row const& row : all) {
+    std::string const common = row.subject + "/" + row.what + "/";
+    array.push_back({{"subject", row.subject},
+                     {"what", row.what},
+                     {"reference", row.reference},
+                     {"atMost", row.atMost},
+                     {"atLeastFaster", row.atLeastFaster},
+                     {"atMostBeyond", row.atMostBeyond},
+                     {"atMostAbsolute", row.atMostAbsolute},
+                     {"unit", row.unit},
+                     {"ours", row.ours.empty() ? common + "ours" : row.ours},
+                     {"theirs", row.theirs.empty() ? common + row.reference : row.theirs}});
+  }
+  return array.dump();
+}
+
+}  // namespace
+
+}  // namespace Bench
+
+int main(int argc, char** argv) {
+  Bench::pin();
+  // The rows go into the output beside the figures: the bars stand next to what they are about.
+  benchmark::AddCustomContext("rows", Bench::textOf(Bench::rows()));
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+}
