@@ -151,8 +151,7 @@ class AddressSlot {
   explicit AddressSlot(Key const& key)
       : ip6_(key.ip6_), orderAndFamily_(orderOf(key) | (static_cast<U32>(key.af_) + 1)) {}
 
-  bool used() const { return orderAndFamily_ != 0; }
-  U32 order() const { return orderAndFamily_ & ~3u; }
+  U32 mark() const { return orderAndFamily_; }
   Key key() const { return Key(ip6_, static_cast<AddressFamily>((orderAndFamily_ & 3) - 1)); }
   static U32 orderOf(Key const& key) { return Vel::bitReverse(key.hash()); }
 

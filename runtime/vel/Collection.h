@@ -47,17 +47,16 @@ class EntitySlot {
   using Key = K;
 
   EntitySlot() = default;
-  explicit EntitySlot(Element* element) : element_(element), order_(orderOf(element->velKey())) {}
+  explicit EntitySlot(Element* element) : element_(element), mark_(orderOf(element->velKey()) | 1) {}
 
-  bool used() const { return element_ != nullptr; }
-  U32 order() const { return order_; }
+  U32 mark() const { return mark_; }
   decltype(auto) key() const { return element_->velKey(); }
   Element* element() const { return element_; }
   static U32 orderOf(Key const& key) { return bitReverse(key.hash() & hashMask); }
 
  private:
   Element* element_ = nullptr;
-  U32 order_ = 0;
+  U32 mark_ = 0;
 };
 
 /// A collection of counted elements by key.
@@ -71,7 +70,7 @@ class EntityMap {
   ~EntityMap() {
     Table released;
     released.swap(table_);
-    for (U32 i = released.first(); i != Table::end(); i = released.next(i))
+    for (U32 i = released.first(); i != released.end(); i = released.next(i))
       released.at(i).element()->deleteRef();
   }
 
@@ -112,7 +111,7 @@ class EntityMap {
   std::vector<Ptr<Element>> elements() const {
     std::vector<Ptr<Element>> all;
     all.reserve(size());
-    for (U32 i = table_.first(); i != Table::end(); i = table_.next(i))
+    for (U32 i = table_.first(); i != table_.end(); i = table_.next(i))
       all.emplace_back(table_.at(i).element());
     return all;
   }
@@ -175,13 +174,14 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
     auto const& table = map_->table();
     position_ = position;
     epoch_ = table.epoch();
-    if (position == Map::Table::end()) {
+    if (position == table.end()) {
       current_ = nullptr;
       return;
     }
-    Prefetch::object(table.at(position + fetchedAhead).element());
+    if (auto const* const later = table.ahead(position, fetchedAhead)) Prefetch::object(later->element());
     if constexpr (requires(Element const& element) { element.velPrefetch(); }) {
-      if (Element const* const soon = table.at(position + fetchedAhead / 2).element()) soon->velPrefetch();
+      auto const* const soon = table.ahead(position, fetchedAhead / 2);
+      if (soon && soon->element()) soon->element()->velPrefetch();
     }
     current_ = Ptr<Element>(table.at(position).element());
   }
@@ -217,7 +217,7 @@ class HashSet {
     bool arriveAt(HashSet const& set, U32 position) {
       position_ = position;
       epoch_ = set.table_.epoch();
-      if (position == HashTable<Slot>::end()) return false;
+      if (position == set.table_.end()) return false;
       key_ = set.table_.at(position).key();
       return true;
     }

@@ -1,9 +1,9 @@
 // The table behind all hashed collections.
 //
-// Open addressing, with everything in one order: ascending bit-reversed hash, then key. The home of an entry
-// is the high bits of its reversed hash and a bucket's entries follow one another in order, so the array
-// itself is sorted (cyclically: a few entries may run over the end to the front). That gives three things at
-// once:
+// An array in one order: ascending bit-reversed hash, then key. Up to 8 entries lie side by side. A larger table is
+// addressed openly: the home of an entry is where its reversed hash falls if all of them are spread evenly over the
+// buckets, an entry whose home is taken stands behind it, and the array goes on for a little behind the last bucket. So
+// it is sorted all the same, with gaps. That gives three things at once:
 //
 //   - a walk is a walk over an array, in an order that depends on the keys alone, never on the table's size;
 //   - growth keeps the order, so it does not disturb a walk;
@@ -28,8 +28,9 @@
 namespace Vel {
 
 /// A table of `Slot`s. A Slot is cheap to move, default-constructs to unused, and offers
-///   using Key; bool used() const; U32 order() const (bits 0 and 1 zero); key() const;
-/// and for searching `static U32 orderOf(Key const&)`, which is its bit-reversed hash.
+///   using Key; key() const;
+///   U32 mark() const: its bit-reversed hash, whose two low bits are zero, plus 1, 2 or 3; 0 if it is unused
+/// and for searching `static U32 orderOf(Key const&)`, which is the bit-reversed hash of a key.
 template <class Slot>
 class HashTable {
  public:
@@ -45,7 +46,8 @@ class HashTable {
     std::swap(size_, other.size_);
     std::swap(epoch_, other.epoch_);
     std::swap(low_, other.low_);
-    std::swap(bits_, other.bits_);
+    std::swap(buckets_, other.buckets_);
+    std::swap(tail_, other.tail_);
   }
 
   U32 size() const { return size_; }
@@ -55,22 +57,32 @@ class HashTable {
 
   /// The slot of a key, or null. Valid until the next change.
   Slot* find(Key const& key) const {
-    if (size_ == 0) return nullptr;
     U32 const order = Slot::orderOf(key);
-    U32 const at = search(order, key, [](bool less, bool equal) { return less && !equal; });
-    Slot& slot = slots_[at & mask()];
-    return slot.used() && slot.order() == order && slot.key() == key ? &slot : nullptr;
+    for (U32 at = firstNotBefore(order), last = end(); at < last && hasOrder(at, order); ++at) {
+      if (!(slots_[at].key() < key)) return slots_[at].key() == key ? &slots_[at] : nullptr;
+    }
+    return nullptr;
   }
 
   /// Inserts a slot whose key is absent. Throws std::bad_alloc, and then nothing has changed.
   void insert(Slot slot) {
-    if (size_ >= (slots_ ? limit(bits_) : 0)) resize(slots_ ? bits_ + 1 : 0);
-    U32 at = placeOf(slot);
-    while (at - home(slot.order()) > longRun && size_ > buckets() / 8) {
-      resize(bits_ + 1);
-      at = placeOf(slot);
+    U32 const order = slot.mark() & ~3u;
+    if (isFull()) rehash(larger());
+    for (;;) {
+      U32 const at = placeOf(order, slot.key());
+      U32 const gap = gapAt(at);
+      bool const sparse = size_ <= buckets_ / 8;
+      if (gap == end())
+        rehash(sparse ? Shape{buckets_, 2 * tail_} : larger());
+      else if (at - home(order) > longRun && !sparse)
+        rehash(larger());
+      else {
+        std::move_backward(slots_ + at, slots_ + gap, slots_ + gap + 1);
+        slots_[at] = std::move(slot);
+        low_ = std::min(low_, at);
+        break;
+      }
     }
-    place(std::move(slot), at & mask());
     ++size_;
     ++epoch_;
   }
@@ -78,175 +90,177 @@ class HashTable {
   /// Removes a slot that `find` gave, and hands it over.
   Slot remove(Slot* slot) {
     Slot removed = std::move(*slot);
-    U32 hole = static_cast<U32>(slot - slots_);
-    for (;;) {
-      U32 const next = (hole + 1) & mask();
-      if (next == hole || !slots_[next].used() || displacement(next) == 0) break;
-      slots_[hole] = std::move(slots_[next]);
-      low_ = std::min(low_, hole);  // a chain that ran over to the front draws later entries after it
-      hole = next;
-    }
-    slots_[hole] = Slot();
+    Slot* const last = slots_ + end();
+    Slot* behind = slot + 1;
+    // Those that stand behind their home move up.
+    while (behind < last && behind->mark() != 0 && slots_ + home(orderIn(*behind)) < behind) ++behind;
+    std::move(slot + 1, behind, slot);
+    *(behind - 1) = Slot();
     --size_;
     ++epoch_;
     shrink();
     return removed;
   }
 
-  /// A position in the walk: an index that counts on past the end for the entries that run over to the front.
-  /// The first one; `end()` if there is none.
-  U32 first() const {
-    if (size_ == 0) return end();
-    U32 const position = nextUsed(std::max(wrapped(), low_));
-    if (position <= mask()) low_ = position;
-    return position;
-  }
+  /// A position in the walk. The first one; `end()` if there is none.
+  U32 first() const { return low_ = nextUsed(low_); }
 
   /// The position behind `position` in an unchanged table.
   U32 next(U32 position) const { return nextUsed(position + 1); }
 
   /// The first position behind a key, which need not be there.
   U32 after(U32 order, Key const& key) const {
-    if (size_ == 0) return end();
-    U32 const at = search(order, key, [](bool less, bool equal) { return less || equal; });
-    if (at >= lastPosition()) return end();
+    U32 at = firstNotBefore(order);
+    for (U32 const last = end(); at < last && hasOrder(at, order) && !(key < slots_[at].key());) ++at;
     return nextUsed(at);
   }
 
-  /// Asks for the memory in which a walk begins.
-  void prefetch() const {
-    constexpr std::size_t line = 64, lines = 3;
-    for (std::size_t i = 0; i < lines; ++i)
-      __builtin_prefetch(reinterpret_cast<char const*>(slots_) + i * line);
+  Slot const& at(U32 position) const { return slots_[position]; }
+
+  /// The position behind the last. REQUIRES an unchanged table, as all positions do.
+  U32 end() const { return buckets_ + tail_; }
+
+  /// The slot so many places behind a position, used or not; null behind the end.
+  Slot const* ahead(U32 position, U32 places) const {
+    return position + places < end() ? slots_ + position + places : nullptr;
   }
 
-  Slot const& at(U32 position) const { return slots_[position & mask()]; }
-
-  static constexpr U32 end() { return ~0u; }
+  /// Asks for the memory in which a walk begins.
+  void prefetch() const { __builtin_prefetch(slots_); }
 
  private:
-  static constexpr U32 smallBits = 3;
-
-  // A table of up to 8 buckets may fill up; a larger one keeps an eighth free.
-  static constexpr U64 limit(U32 bits) {
-    U64 const buckets = U64{1} << bits;
-    return bits <= smallBits ? buckets : buckets - buckets / 8;
-  }
+  // Buckets are homes; the tail is for what stands behind the last of them. A small table is nothing but tail.
+  struct Shape {
+    U32 buckets, tail;
+  };
+  static constexpr U32 mostInSmall = 8;
+  static constexpr U32 longTail = 64;
 
   // Uniform hashes make no run of this length in a table that keeps an eighth free.
   static constexpr U32 longRun = 1024;
 
-  U32 buckets() const { return 1u << bits_; }
-  U32 mask() const { return buckets() - 1; }
-  // The high bits; through 64 bits, since a shift by 32 (one bucket) is not defined on 32.
-  U32 home(U32 order) const { return static_cast<U32>((U64{order} << bits_) >> 32); }
-  U32 displacement(U32 index) const { return (index - home(slots_[index].order())) & mask(); }
+  static Shape shapeOf(U32 buckets) { return {buckets, std::min(longTail, mostInSmall + buckets / 8)}; }
 
-  // How many entries at the front belong to the end of the order.
-  U32 wrapped() const {
-    U32 index = 0;
-    while (index <= mask() && slots_[index].used() && displacement(index) > index) ++index;
-    return index;
+  // In small steps once memory counts; moving everything over is a walk in order and costs little.
+  Shape larger() const {
+    constexpr U32 many = 4096;
+    if (buckets_ == 0 && tail_ < mostInSmall) return {0, tail_ == 0 ? 1 : 2 * tail_};
+    if (buckets_ == 0) return shapeOf(2 * mostInSmall);
+    return shapeOf(buckets_ < many ? 2 * buckets_ : buckets_ + buckets_ / 4);
   }
-  U32 lastPosition() const { return wrapped() + mask() + 1; }
+
+  bool isFull() const { return buckets_ == 0 ? size_ == tail_ : size_ >= buckets_ - buckets_ / 8; }
+
+  static U32 orderIn(Slot const& slot) { return slot.mark() & ~3u; }
+  U32 orderOf(U32 at) const { return orderIn(slots_[at]); }
+  U32 home(U32 order) const { return static_cast<U32>(U64{order} * buckets_ >> 32); }
+
+  // Whether a slot is used and has this order: a mark is 1, 2 or 3 above it, and 0 is none of those.
+  bool hasOrder(U32 at, U32 order) const { return slots_[at].mark() - 1 - order < 3; }
+
+  // Whether a slot is used and its order less: a mark of 0 becomes the largest number.
+  bool isBefore(U32 at, U32 order) const { return slots_[at].mark() - 1 < order; }
 
   U32 nextUsed(U32 position) const {
-    U32 const buckets = mask() + 1;
-    if (position < buckets) {
-      for (; position < buckets; ++position)
-        if (slots_[position].used()) return position;
-    }
-    // What ran over to the front follows without a gap.
-    U32 const index = position - buckets;
-    return index < buckets && slots_[index].used() && displacement(index) > index ? position : end();
+    U32 const last = end();
+    while (position < last && slots_[position].mark() == 0) ++position;
+    return position;
   }
 
-  // The first position, counted from the key's home, whose slot is free or does not precede the key. `passes`
-  // says for a slot of the same home whether it precedes, from how its entry compares with the key.
-  template <class Passes>
-  U32 search(U32 order, Key const& key, Passes passes) const {
-    U32 const start = home(order);
-    auto const stops = [&](U32 distance) {
-      U32 const index = (start + distance) & mask();
-      Slot const& slot = slots_[index];
-      if (!slot.used()) return true;
-      U32 const theirs = displacement(index);
-      if (theirs != distance) return theirs < distance;
-      bool const sameOrder = slot.order() == order;
-      bool const equal = sameOrder && slot.key() == key;
-      bool const less = sameOrder ? !equal && slot.key() < key : slot.order() < order;
-      return !passes(less, equal);
-    };
-    U32 low = 0;
-    for (; low < 8 && low <= mask(); ++low)
-      if (stops(low)) return start + low;
-    // A long run: everything behind the first slot that stops does so too.
-    U32 high = low;
-    for (U32 step = 8; high <= mask() && !stops(high); step *= 2) {
-      low = high + 1;
-      high = low + std::min(step, buckets() - low);
+  // The first position from the order's home on that is free or has no lesser order.
+  U32 firstNotBefore(U32 order) const {
+    U32 const last = end();
+    U32 at = home(order);
+    for (U32 const near = std::min(last, at + 8); at < near; ++at)
+      if (!isBefore(at, order)) return at;
+    if (at == last) return last;
+    // A long run: everything behind the first that is not before is not before either.
+    U32 high = at;
+    for (U32 step = 8; high < last && isBefore(high, order); step *= 2) {
+      at = high + 1;
+      high = at + std::min(step, last - at);
     }
-    while (low < high) {
-      U32 const middle = low + (high - low) / 2;
-      if (stops(middle))
-        high = middle;
+    while (at < high) {
+      U32 const middle = at + (high - at) / 2;
+      if (isBefore(middle, order))
+        at = middle + 1;
       else
-        low = middle + 1;
+        high = middle;
     }
-    return start + low;
+    return at;
   }
 
-  // Where a slot belongs, as a position counted on from its home.
-  U32 placeOf(Slot const& slot) const {
-    return search(slot.order(), slot.key(), [](bool less, bool equal) { return less && !equal; });
+  // Where a key belongs that is not there.
+  U32 placeOf(U32 order, Key const& key) const {
+    U32 at = firstNotBefore(order);
+    for (U32 const last = end(); at < last && hasOrder(at, order) && slots_[at].key() < key;) ++at;
+    return at;
   }
 
-  // Puts a slot there and moves what follows; there is room.
-  void place(Slot slot, U32 index) {
-    low_ = std::min(low_, index);
-    while (slots_[index].used()) {
-      std::swap(slots_[index], slot);
-      index = (index + 1) & mask();
+  // The first free position from there on; `end()` if there is none.
+  U32 gapAt(U32 at) const {
+    if (buckets_ == 0) return size_;
+    U32 const last = end();
+    while (at < last && slots_[at].mark() != 0) ++at;
+    return at;
+  }
+
+  void rehash(Shape shape) { rehash(new Slot[std::size_t{shape.buckets} + shape.tail], shape); }
+
+  // Everything goes over in order, so each comes behind the one before it or to its home. If the last ones find no
+  // place, the tail was too short for them.
+  void rehash(Slot* slots, Shape shape) {
+    U32 needed = 0;
+    for (;;) {
+      needed = 0;
+      U32 next = 0;
+      for (U32 from = first(), last = end(); from < last; from = nextUsed(from + 1)) {
+        U32 const to = std::max(next, static_cast<U32>(U64{orderOf(from)} * shape.buckets >> 32));
+        next = to + 1;
+      }
+      needed = next;
+      if (needed <= shape.buckets + shape.tail) break;
+      delete[] slots;
+      shape.tail = needed - shape.buckets + 1;
+      slots = new Slot[std::size_t{shape.buckets} + shape.tail];
     }
-    slots_[index] = std::move(slot);
-  }
-
-  void resize(U32 bits) { rehash(new Slot[std::size_t{1} << bits], bits); }
-
-  void rehash(Slot* slots, U32 bits) {
     HashTable old;
     old.swap(*this);
     slots_ = slots;
     size_ = old.size_;
     epoch_ = old.epoch_ + 1;
-    bits_ = static_cast<U8>(bits);
-    for (U32 i = old.first(); i != end(); i = old.next(i)) {
-      Slot& slot = old.slots_[i & old.mask()];
-      U32 const at = placeOf(slot) & mask();
-      place(std::move(slot), at);
+    buckets_ = shape.buckets;
+    tail_ = shape.tail;
+    U32 next = 0;
+    for (U32 from = old.first(), last = old.end(); from < last; from = old.nextUsed(from + 1)) {
+      U32 const to = std::max(next, home(old.orderOf(from)));
+      slots_[to] = std::move(old.slots_[from]);
+      next = to + 1;
     }
   }
 
-  // Memory follows the size down: at once when the table is empty, else at every power of two below an eighth,
-  // unless what is left lies so close together that it would make a long run.
+  // Memory follows the size down: when the table is nearly empty, else at every power of two below an eighth, unless
+  // what is left lies so close together that it would make a long run.
   void shrink() {
-    if (bits_ <= smallBits || size_ > limit(bits_) / 8 || (size_ & (size_ - 1)) != 0) return;
-    U32 const bits = size_ == 0 ? smallBits : bits_ - 1u;
+    if (buckets_ == 0 || size_ > buckets_ / 10 || (size_ & (size_ - 1)) != 0) return;
+    Shape const shape = size_ <= mostInSmall / 2 ? Shape{0, mostInSmall} : shapeOf(4 * size_);
+    if (shape.buckets >= buckets_) return;
     U64 next = 0;
-    for (U32 i = first(); i != end(); i = nextUsed(i + 1)) {
-      U64 const start = (U64{at(i).order()} << bits) >> 32;
-      if (next > start + longRun) return;
+    for (U32 at = first(), last = end(); at < last && shape.buckets != 0; at = nextUsed(at + 1)) {
+      U64 const start = U64{orderOf(at)} * shape.buckets >> 32;
+      if (next > start + longRun || next >= shape.buckets + shape.tail) return;
       next = std::max(next, start) + 1;
     }
-    if (Slot* const smaller = new (std::nothrow) Slot[std::size_t{1} << bits]) rehash(smaller, bits);
+    if (Slot* const smaller = new (std::nothrow) Slot[std::size_t{shape.buckets} + shape.tail])
+      rehash(smaller, shape);
   }
 
   Slot* slots_ = nullptr;
   U32 size_ = 0;
   U32 epoch_ = 0;
-  mutable U32 low_ =
-      0;         // no slot before this is in use but those that ran over; spares a drain the empty front
-  U8 bits_ = 0;  // log2 of the number of buckets
+  U32 buckets_ = 0;
+  U32 tail_ = 0;
+  mutable U32 low_ = 0;  // no slot before this is in use; spares a drain the empty front
 };
 
 /// How a set of keys stores a key. The general form; Dova::IpGenAddr has a denser one.
@@ -256,16 +270,15 @@ class ValueSlot {
   using Key = K;
 
   ValueSlot() = default;
-  explicit ValueSlot(Key const& key) : key_(key), order_(orderOf(key) | 1) {}
+  explicit ValueSlot(Key const& key) : key_(key), mark_(orderOf(key) | 1) {}
 
-  bool used() const { return order_ != 0; }
-  U32 order() const { return order_ & ~3u; }
+  U32 mark() const { return mark_; }
   Key const& key() const { return key_; }
   static U32 orderOf(Key const& key) { return bitReverse(key.hash() & hashMask); }
 
  private:
   Key key_;
-  U32 order_ = 0;
+  U32 mark_ = 0;
 };
 
 /// Names the slot of a key type; specialised where a type can do better.
