@@ -17,7 +17,10 @@ VEL_API void hashSeedIs(U64 seed);
 VEL_API U64 hashSeed();
 
 namespace Detail {
+// Both secret: whoever knew one factor of a product could choose a key that makes it 0, or 1, and the other factor would
+// have no say, whatever the seed.
 VEL_API extern U64 hashSeed;
+VEL_API extern U64 hashSecondSeed;
 
 inline U64 foldedMultiply(U64 a, U64 b) {
   __extension__ using U128 = unsigned __int128;
@@ -31,7 +34,7 @@ inline constexpr U32 hashMask = 0x3fffffff;
 
 /// Mixes 16 bytes into a 30-bit hash.
 inline U32 hash128(U64 high, U64 low) {
-  U64 const mixed = Detail::foldedMultiply(high ^ Detail::hashSeed, low ^ 0xe7037ed1a0b428dbULL);
+  U64 const mixed = Detail::foldedMultiply(high ^ Detail::hashSeed, low ^ Detail::hashSecondSeed);
   U64 const done = Detail::foldedMultiply(mixed ^ Detail::hashSeed, 0x8ebc6af09c88c6e3ULL);
   return static_cast<U32>(done ^ (done >> 32)) & hashMask;
 }

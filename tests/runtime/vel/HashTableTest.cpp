@@ -3,8 +3,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -12,6 +10,7 @@
 #include <random>
 #include <set>
 
+#include "tests/runtime/vel/AnotherProcess.h"
 #include "tests/runtime/vel/Lamp.h"
 
 namespace Vel {
@@ -476,28 +475,6 @@ TEST(HashTableTest, TextsHashByAllOfTheirBytes) {
 }
 
 // --- The seed
-
-// What a process of its own says: a seed belongs to the whole process, and is set before the first hash.
-std::string inAnotherProcess(std::optional<U64> seed, std::string (*say)()) {
-  int ends[2];
-  if (pipe(ends) != 0) return "no pipe";
-  pid_t const child = fork();
-  if (child == 0) {
-    if (seed) hashSeedIs(*seed);
-    std::string const text = say();
-    ssize_t const written = write(ends[1], text.data(), text.size());
-    _exit(written == static_cast<ssize_t>(text.size()) ? 0 : 1);
-  }
-  close(ends[1]);
-  std::string text;
-  char buffer[4096];
-  for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) > 0;)
-    text.append(buffer, static_cast<std::size_t>(got));
-  close(ends[0]);
-  int status = 1;
-  waitpid(child, &status, 0);
-  return status == 0 ? text : "the other process failed";
-}
 
 std::string walk() {
   HashSet<Dova::IpGenAddr> set;
