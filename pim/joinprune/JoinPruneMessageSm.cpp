@@ -38,6 +38,7 @@ Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
 }
 
 void JoinPruneMessageSm::velStart() {
+  if (joinPruneStatus_) joinPruneStatus_->velMachineIs(this);
   // Before the interfaces: their machines are given the message too.
   txMessageIs();
   if (pimStatus_) syncPimIntf();
@@ -72,6 +73,7 @@ void JoinPruneMessageSm::doTeardown() {
   joinPruneNeighborSmDelAll();
   if (pimPamManager_) unhook(*pimPamManager_);
   if (timerWheel_) unhook(*timerWheel_);
+  if (joinPruneStatus_ && joinPruneStatus_->velMachine() == this) joinPruneStatus_->velMachineIs(nullptr);
 }
 
 // doTeardown() has normally emptied everything; if it failed half-way, nothing may point back here.
@@ -137,15 +139,22 @@ bool JoinPruneMessageSm::openTarget(Target& target, Dova::IpGenAddr const& addre
   return false;
 }
 
+// Whoever restarts the machine from inside one of its callbacks has the new one before the old one goes.
+bool JoinPruneMessageSm::succeeded() const {
+  void const* const latest = joinPruneStatus_ ? joinPruneStatus_->velMachine() : nullptr;
+  return latest && latest != this;
+}
+
 // Removes a target's machine and data sets, as long as nobody takes the target up again meanwhile.
 template <class Wanted>
 void JoinPruneMessageSm::closeTarget(Dova::IpGenAddr const& address, Wanted const& wanted) {
+  auto const stays = [&] { return wanted() || succeeded(); };
   joinPruneNeighborSmDel(address);
-  if (wanted()) return;
+  if (stays()) return;
   if (joinPruneStatus_) joinPruneStatus_->triggeredGroupDel(address);
-  if (wanted()) return;
+  if (stays()) return;
   if (joinPruneStatus_) joinPruneStatus_->overrideGroupDel(address);
-  if (wanted()) return;
+  if (stays()) return;
   if (Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus()) periodic->upJoinPruneDel(address);
 }
 

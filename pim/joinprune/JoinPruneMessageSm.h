@@ -280,6 +280,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   struct Target;
 
   void syncPimIntf();
+  bool succeeded() const;
   Vel::Ptr<Packet::JoinPruneStatus> periodicStatus() const;
   Vel::Ptr<Neighbor const> listedNeighbor(Dova::IpGenAddr const& address) const;
   template <class Wanted>

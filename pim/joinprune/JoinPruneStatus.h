@@ -83,12 +83,19 @@ class VEL_API JoinPruneStatus final : public Vel::Entity {
   void rxPruneDelAll();
   void rxPruneDelAll() const { Vel::throwConstInstance(); }
 
+  /// The message machine that was started on this last and has not gone since. The data sets are its own: an earlier
+  /// one, which an agent may still hold or which is just going, removes none of them.
+  void const* velMachine() const { return velMachine_; }
+  void velMachineIs(void const* machine) { velMachine_ = machine; }
+  void velMachineIs(void const*) const { Vel::throwConstInstance(); }
+
   Vel::AttributeTable const& attributeTable() const override;
 
  protected:
   void doTeardown() override;
 
  private:
+  void const* velMachine_ = nullptr;
   Vel::EntityMap<RouteIntfKey, VelRxPrune> rxPrune_;
 };
 

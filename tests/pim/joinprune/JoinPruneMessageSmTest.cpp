@@ -631,6 +631,33 @@ TEST_F(JoinPruneMessageSmTest, DroppingTheMachineRemovesTheInterfacesEntriesAndL
   EXPECT_EQ(eth0->references(), 3u);  // this test, Status and the Neighbor
 }
 
+TEST_F(JoinPruneMessageSmTest, AMachineThatIsReplacedInItsOwnCallbackLeavesTheDataSetsToItsSuccessor) {
+  for (char const* const moment : {"handleNeighbor(10.0.0.2), Neighbor up", "handleDel(eth0), Intf down"}) {
+    SCOPED_TRACE(moment);
+    World w;
+    auto const eth0 = w.intf("eth0", "10.0.0.1/24");
+    w.start();
+    bool replaced = false;
+    log.hook = [&](Vel::TraceLine const& line) {
+      if (replaced || line.text.find(moment) == line.text.npos) return;
+      replaced = true;
+      auto const old = std::exchange(w.machine, nullptr);
+      w.start();
+    };
+    w.neighbor("10.0.0.2", eth0);
+    if (!replaced) Vel::Ptr<JoinPruneMessageSm>(std::exchange(w.machine, nullptr));
+    ASSERT_TRUE(replaced);
+    for (char const* const target : {"10.0.0.1", "10.0.0.2"}) {
+      EXPECT_EQ(w.sets(target), "top") << target;
+      ASSERT_TRUE(w.sm(target)) << target;
+      EXPECT_EQ(w.sm(target)->triggeredGroup()->notifier(), w.triggered(target)) << target;
+    }
+    log.hook = {};
+    w.machine = nullptr;
+    EXPECT_EQ(w.sets("10.0.0.1"), "-");
+  }
+}
+
 TEST_F(JoinPruneMessageSmTest, AMachineThatIsGoingTakesUpNothingNew) {
   class Adder final : public JoinPruneStatus::NotifieeConst {
    public:
