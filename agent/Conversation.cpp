@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <map>
 
 #include "runtime/vel/Exception.h"
 #include "runtime/vel/Text.h"
@@ -267,21 +268,23 @@ WireMessage messageOf(IpGenAddr const& upstream, U16 holdTime, std::vector<Route
   if (entries.size() > mostEntries)
     throw Vel::RangeException(fmt::format("{} entries do not fit an IP datagram", entries.size()));
   std::vector<IpGenAddr> groups;
+  std::map<IpGenAddr, std::vector<RouteEntry const*>> entriesOf;
   for (auto const& entry : entries) {
-    if (std::find(groups.begin(), groups.end(), entry.group) != groups.end()) continue;
-    if (groups.size() == WireMessage::maxGroups)
-      throw Vel::RangeException(fmt::format("more than {} groups", WireMessage::maxGroups));
-    groups.push_back(entry.group);
+    auto& list = entriesOf[entry.group];
+    if (list.empty()) {
+      if (groups.size() == WireMessage::maxGroups)
+        throw Vel::RangeException(fmt::format("more than {} groups", WireMessage::maxGroups));
+      groups.push_back(entry.group);
+    }
+    list.push_back(&entry);
   }
   for (auto const& group : groups) {
     message.groupAdd(group);
-    for (auto const& entry : entries) {
-      if (entry.group != group) continue;
-      if (entry.join)
-        message.joinAdd(entry.kind, entry.source);
-      else
-        message.pruneAdd(entry.kind, entry.source);
-    }
+    // Joins first: one that comes after prunes would move them all.
+    for (auto const* const entry : entriesOf[group])
+      if (entry->join) message.joinAdd(entry->kind, entry->source);
+    for (auto const* const entry : entriesOf[group])
+      if (!entry->join) message.pruneAdd(entry->kind, entry->source);
   }
   encodeJoinPrune(message, upstream, upstream);  // says if it is too long
   return message;

@@ -430,6 +430,8 @@ void Simulation::on(NeighborCommand const& command) {
   if (command.intf.empty() && known == neighbors_.end()) refuse("there is no neighbor {}", address);
   if (!command.down) {
     auto const intf = command.intf.empty() ? known->second : knownIntf(command.intf);
+    if (auto const present = pimStatus_->pimNeighbor(command.address); present && present->intf() != intf)
+      refuse("neighbor {} is on {}", address, present->intf()->intfId().name());
     pimStatus_->pimNeighborIs(command.address, intf);
     neighbors_[command.address] = intf;
   } else if (!pimStatus_->pimNeighborDel(command.address)) {
