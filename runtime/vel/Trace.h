@@ -92,14 +92,18 @@ class VEL_API TraceStream : public std::ostringstream {
 
 }  // namespace Vel
 
-/// Writes the stream expression `pieces` as one line. Nothing in it is evaluated while the level is off.
-#define VEL_TRACE(handle, traceLevel, source, function, pieces)                                            \
-  do {                                                                                                     \
-    ::Vel::TraceHandle& velHandle = (handle);                                                              \
-    if (velHandle.wanted(traceLevel)) [[unlikely]] {                                                       \
-      ::Vel::Detail::TraceStream velText;                                                                  \
-      velText << pieces;                                                                                   \
-      ::Vel::traceHelper(velHandle, "<unknown>", velText, traceLevel, velHandle.level(traceLevel), source, \
-                         __LINE__, function);                                                              \
-    }                                                                                                      \
+/// Writes the stream expression `pieces` as one line. Nothing in it is evaluated while the level is off. What it
+/// throws, for want of memory at worst, is swallowed with the line: a trace must not change what the traced code does.
+#define VEL_TRACE(handle, traceLevel, source, function, pieces)                                              \
+  do {                                                                                                       \
+    ::Vel::TraceHandle& velHandle = (handle);                                                                \
+    if (velHandle.wanted(traceLevel)) [[unlikely]] {                                                         \
+      try {                                                                                                  \
+        ::Vel::Detail::TraceStream velText;                                                                  \
+        velText << pieces;                                                                                   \
+        ::Vel::traceHelper(velHandle, "<unknown>", velText, traceLevel, velHandle.level(traceLevel), source, \
+                           __LINE__, function);                                                              \
+      } catch (...) {                                                                                        \
+      }                                                                                                      \
+    }                                                                                                        \
   } while (false)

@@ -203,6 +203,14 @@ TEST_F(TraceTest, WithoutASinkLinesGoToStandardError) {
   EXPECT_THAT(lines, IsEmpty());
 }
 
+TEST_F(TraceTest, APieceThatThrowsTakesItsLineAlongAndNothingElse) {
+  handle.levelIs(4, true);
+  auto const piece = [](bool fails) { return fails ? throw std::bad_alloc() : "whole"; };
+  EXPECT_NO_THROW(VEL_TRACE(handle, 4, "Source", "function", "first " << piece(true)));
+  VEL_TRACE(handle, 4, "Source", "function", "second " << piece(false));
+  EXPECT_THAT(lines, ElementsAre("4 second whole"));
+}
+
 TEST_F(TraceTest, ATraceIsOneStatement) {
   handle.levelIs(4, true);
   if (lines.empty())
