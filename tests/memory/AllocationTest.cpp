@@ -1,93 +1,17 @@
-// What the library takes from the heap, and where it takes nothing. A program of its own, since it replaces
-// operator new.
+// What the library takes from the heap, and where it takes nothing.
 #include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <new>
 
 #include "pim/joinprune/JoinPruneMessageSm.h"
 #include "runtime/vel/Trace.h"
+#include "tests/memory/CountedHeap.h"
 #include "tests/runtime/vel/Lamp.h"
-
-namespace {
-
-// Requested bytes that are in use, and requests so far.
-std::size_t liveBytes = 0;
-std::size_t requests = 0;
-
-// In front of each block: how much was requested. As wide as the alignment, so that the block keeps it.
-constexpr std::size_t frontOf(std::size_t alignment) {
-  return alignment > alignof(std::max_align_t) ? alignment : alignof(std::max_align_t);
-}
-
-void* counted(std::size_t size, std::size_t alignment) {
-  std::size_t const front = frontOf(alignment);
-  void* const block = std::aligned_alloc(front, (size + front + front - 1) / front * front);
-  if (!block) return nullptr;
-  *static_cast<std::size_t*>(block) = size;
-  liveBytes += size;
-  ++requests;
-  return static_cast<char*>(block) + front;
-}
-
-void* countedOrThrow(std::size_t size, std::size_t alignment) {
-  void* const memory = counted(size, alignment);
-  if (!memory) throw std::bad_alloc();
-  return memory;
-}
-
-void uncounted(void* memory, std::size_t alignment) {
-  if (!memory) return;
-  void* const block = static_cast<char*>(memory) - frontOf(alignment);
-  liveBytes -= *static_cast<std::size_t*>(block);
-  std::free(block);
-}
-
-constexpr std::size_t usual = alignof(std::max_align_t);
-
-}  // namespace
-
-void* operator new(std::size_t size) { return countedOrThrow(size, usual); }
-void* operator new[](std::size_t size) { return countedOrThrow(size, usual); }
-void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return counted(size, usual); }
-void* operator new[](std::size_t size, std::nothrow_t const&) noexcept { return counted(size, usual); }
-void* operator new(std::size_t size, std::align_val_t a) {
-  return countedOrThrow(size, static_cast<std::size_t>(a));
-}
-void* operator new[](std::size_t size, std::align_val_t a) {
-  return countedOrThrow(size, static_cast<std::size_t>(a));
-}
-void operator delete(void* memory) noexcept { uncounted(memory, usual); }
-void operator delete[](void* memory) noexcept { uncounted(memory, usual); }
-void operator delete(void* memory, std::size_t) noexcept { uncounted(memory, usual); }
-void operator delete[](void* memory, std::size_t) noexcept { uncounted(memory, usual); }
-void operator delete(void* memory, std::nothrow_t const&) noexcept { uncounted(memory, usual); }
-void operator delete[](void* memory, std::nothrow_t const&) noexcept { uncounted(memory, usual); }
-void operator delete(void* memory, std::align_val_t a) noexcept {
-  uncounted(memory, static_cast<std::size_t>(a));
-}
-void operator delete[](void* memory, std::align_val_t a) noexcept {
-  uncounted(memory, static_cast<std::size_t>(a));
-}
-void operator delete(void* memory, std::size_t, std::align_val_t a) noexcept {
-  uncounted(memory, static_cast<std::size_t>(a));
-}
-void operator delete[](void* memory, std::size_t, std::align_val_t a) noexcept {
-  uncounted(memory, static_cast<std::size_t>(a));
-}
 
 namespace Routing::Pim {
 namespace {
 
+using CountedHeap::liveBytes;
+using CountedHeap::requestsOf;
 using Vel::address;
-
-// How often `call` asks for memory.
-template <class Call>
-std::size_t requestsOf(Call const& call) {
-  std::size_t const before = requests;
-  call();
-  return requests - before;
-}
 
 Dova::IpGenAddr group(U32 n) { return Dova::IpGenAddr::ipv4(0xe8000000 + n); }
 

@@ -86,7 +86,15 @@ class PacketManager final : public IO::PamManager {
     transmitter_ = Vel::create<Transmitter>(this);
     transmitter_->notifierIs(txMessageInfoIs());
   }
-  void stop() { transmitter_->notifierIs(nullptr); }
+  void stop() {
+    if (transmitter_) transmitter_->notifierIs(nullptr);
+  }
+
+  /// Whether the transmit record that there is is served.
+  bool serving() const {
+    return transmitter_ && txMessageInfo() && transmitter_->notifier() == txMessageInfo() &&
+           transmitter_->isRegisteredNotifiee();
+  }
 
   U32 perMessage = 1000;
   std::function<void(PacketManager&)> before;  // inside the send, before anything is taken
@@ -189,9 +197,11 @@ class RpHash final : public RpHashComputeStatus {
  public:
   Dova::IpGenAddr rpHashCompute(Dova::IpGenAddr const& group, Dova::IpGenAddr const& rp) override {
     asked.push_back(text(group) + " " + text(rp));
+    if (hook) hook();
     return answer ? *answer : rp;
   }
   std::optional<Dova::IpGenAddr> answer;
+  std::function<void()> hook;
   std::vector<std::string> asked;
 };
 
