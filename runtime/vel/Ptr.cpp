@@ -23,7 +23,7 @@ void Counted::doTeardown() {}
 void Counted::doDetach() noexcept {}
 
 void Counted::handleZeroRef() {
-  word_ |= zeroHandlingBit;
+  bitIs(zeroHandlingBit, true);
   try {
     zeroReferencesIs(true);
     if (references() == 0) doTeardown();
@@ -35,7 +35,7 @@ void Counted::handleZeroRef() {
     delete this;
     return;
   }
-  word_ &= ~zeroHandlingBit;
+  bitIs(zeroHandlingBit, false);
   zeroReferencesIs(false);
 }
 

@@ -58,9 +58,7 @@ class VEL_API Counted {
   }
 
   /// How many references there are.
-  U32 references() const {
-    return (threadSafe() ? std::atomic_ref(word_).load(std::memory_order_relaxed) : word_) & countMask;
-  }
+  U32 references() const { return word() & countMask; }
 
   /// Told true when the count has dropped to zero, false when the object was revived meanwhile.
   virtual void zeroReferencesIs(bool zero);
@@ -79,8 +77,8 @@ class VEL_API Counted {
   /// Lets go of whatever could still find this object; follows `doTeardown()`, when there is no way back.
   virtual void doDetach() noexcept;
 
-  bool zombie() const { return (word_ & zombieBit) != 0; }
-  void zombieIs(bool zombie) { word_ = zombie ? word_ | zombieBit : word_ & ~zombieBit; }
+  bool zombie() const { return (word() & zombieBit) != 0; }
+  void zombieIs(bool zombie) { bitIs(zombieBit, zombie); }
 
  private:
   static constexpr U32 zombieBit = 1u << 31;
@@ -88,6 +86,16 @@ class VEL_API Counted {
   static constexpr U32 countMask = 0x5fffffff;
 
   void handleZeroRef();
+
+  U32 word() const { return threadSafe() ? std::atomic_ref(word_).load(std::memory_order_relaxed) : word_; }
+  // The bits share their word with a count that other threads may move.
+  void bitIs(U32 bit, bool on) {
+    if (threadSafe())
+      on ? std::atomic_ref(word_).fetch_or(bit, std::memory_order_relaxed)
+         : std::atomic_ref(word_).fetch_and(~bit, std::memory_order_relaxed);
+    else
+      word_ = on ? word_ | bit : word_ & ~bit;
+  }
 
   mutable U32 word_ = 1;
 };

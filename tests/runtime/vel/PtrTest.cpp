@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
-#include <thread>
 #include <vector>
 
 #include "tests/runtime/vel/Lamp.h"
@@ -148,38 +147,6 @@ TEST_F(PtrTest, WhatTheTeardownThrowsDoesNotKeepTheObject) {
   thing->atTeardown = [](Thing&) { throw std::bad_alloc(); };
   thing = nullptr;
   EXPECT_THAT(log, ElementsAre("zero", "torn down", "destroyed"));
-}
-
-TEST_F(PtrTest, FourThreadsThatTakeAndDropLeaveTheCountExact) {
-  auto const thing = create<Thing>(log);
-  threadSafeIs(true);
-  EXPECT_TRUE(threadSafe());
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i)
-    threads.emplace_back([object = thing.get()] {
-      object->newRef();  // each thread leaves one reference behind
-      for (int k = 0; k < 1'000'000; ++k) Ptr<Thing> const passing(object);
-    });
-  for (std::thread& thread : threads) thread.join();
-  threadSafeIs(false);
-  EXPECT_EQ(thing->references(), 5u);
-  for (int i = 0; i < 4; ++i) thing->deleteRef();
-  EXPECT_EQ(thing->references(), 1u);
-  EXPECT_THAT(log, IsEmpty());
-}
-
-TEST_F(PtrTest, TheLastOfSeveralThreadsEndsTheObjectOnce) {
-  for (int round = 0; round < 100; ++round) {
-    auto thing = create<Thing>(log);
-    threadSafeIs(true);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i) threads.emplace_back([mine = thing]() mutable { mine = nullptr; });
-    thing = nullptr;
-    for (std::thread& thread : threads) thread.join();
-    threads.clear();
-    threadSafeIs(false);
-    ASSERT_THAT(taken(log), ElementsAre("zero", "torn down", "destroyed")) << "round " << round;
-  }
 }
 
 TEST_F(PtrTest, DereferencingNullThrows) {
