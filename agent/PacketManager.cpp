@@ -299,17 +299,18 @@ class Composer {
       passOverFaulty(RouteKey(source, here_.group), kindOf(stage), isJoin(stage), *fault);
       return true;
     }
-    if (taken_.contains({kindOf(stage), source})) {
-      ++passedOver_;
-      AGENT_TRACE(*this << RouteKey(source, here_.group) << ' ' << text(kindOf(stage))
-                        << " changed while the message was made, goes later");
-      return true;
-    }
     if (waits(stage, source)) {
       ++passedOver_;
       if (keepsData_) ++report_.suppressedSources;
       AGENT_TRACE(*this << RouteKey(source, here_.group) << ' ' << text(kindOf(stage))
                         << " prune waits for the join of the same");
+      return true;
+    }
+    if (taken_.contains({kindOf(stage), source})) {
+      ++passedOver_;
+      if (keepsData_) ++report_.suppressedSources;
+      AGENT_TRACE(*this << RouteKey(source, here_.group) << ' ' << text(kindOf(stage))
+                        << " changed while the message was made, goes later");
       return true;
     }
     return false;
