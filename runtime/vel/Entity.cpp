@@ -22,6 +22,56 @@ SnapshotIterator::~SnapshotIterator() {
   if (reactors_ != inline_) delete[] reactors_;
 }
 
+namespace {
+
+// A part of a snapshot; the parts are chained from the first to the last.
+struct SnapshotPart {
+  static constexpr U32 capacity = 64;
+  Reactor* reactors[capacity];
+  U32 count = 0;
+  SnapshotPart* following = nullptr;
+};
+
+// Each call has a part on its stack and makes the next call if there is more; the last one walks them all.
+template <class Take, class Act>
+void walkOnStack(Take const& take, Act const& act, SnapshotPart* first, SnapshotPart* last) {
+  SnapshotPart part;
+  (last ? last->following : first) = &part;
+  while (part.count < SnapshotPart::capacity) {
+    Reactor* const reactor = take();
+    if (!reactor) break;
+    part.reactors[part.count++] = reactor;
+  }
+  if (part.count == SnapshotPart::capacity) {
+    walkOnStack(take, act, first, &part);
+    return;
+  }
+  for (; first; first = first->following)
+    for (U32 i = 0; i < first->count; ++i) act(*first->reactors[i]);
+}
+
+}  // namespace
+
+void Entity::velForEachReactorWithoutHeap(void (*act)(Reactor& reactor, void const* context),
+                                          void const* context) {
+  Reactor* next = notifiees_;
+  auto const take = [this, &next]() -> Reactor* {
+    while (next) {
+      Reactor* const reactor = next;
+      next = reactor->next_ == notifiees_ ? nullptr : reactor->next_;
+      if (!reactor->isRegisteredNotifiee()) continue;
+      reactor->newRef();
+      return reactor;
+    }
+    return nullptr;
+  };
+  auto const call = [&](Reactor& reactor) {
+    act(reactor, context);
+    reactor.deleteRef();
+  };
+  walkOnStack(take, call, nullptr, nullptr);
+}
+
 // doDetach() has normally been called; a constructor that threw has not come so far.
 Entity::~Entity() { Entity::doDetach(); }
 

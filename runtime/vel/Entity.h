@@ -4,6 +4,7 @@
 // operations forward to.
 #pragma once
 
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -114,7 +115,7 @@ class VEL_API Entity : public Counted {
       if (only->isRegisteredNotifiee()) velCall<R>(*only, id, call);
       return;
     }
-    for (SnapshotIterator i(*this); i; ++i) velCall<R>(*i, id, call);
+    velForEachReactor([&](Reactor& reactor) { velCall<R>(reactor, id, call); });
   }
 
   /// The same for a key of a collection: two callbacks on each reactor, each under its own guard.
@@ -122,10 +123,10 @@ class VEL_API Entity : public Counted {
   void velDeliverKey(AttributeId id, KeyCall const& keyCall, Call const& call) {
     if (!notifiees_) return;
     Keep const keep(this);
-    for (SnapshotIterator i(*this); i; ++i) {
-      velCall<R>(*i, id, keyCall);
-      velCall<R>(*i, id, call);
-    }
+    velForEachReactor([&](Reactor& reactor) {
+      velCall<R>(reactor, id, keyCall);
+      velCall<R>(reactor, id, call);
+    });
   }
 
   /// Sets a value or pointer attribute: equal is nothing, different is stored, then delivered. True if
@@ -142,6 +143,19 @@ class VEL_API Entity : public Counted {
  private:
   friend class Reactor;
   friend class SnapshotIterator;
+
+  // Whatever has changed must be told: where there is no memory for the snapshot, it is taken on the stack. `act` does
+  // not throw.
+  template <class Act>
+  void velForEachReactor(Act const& act) {
+    try {
+      for (SnapshotIterator i(*this); i; ++i) act(*i);
+    } catch (std::bad_alloc const&) {
+      velForEachReactorWithoutHeap(
+          [](Reactor& reactor, void const* a) { (*static_cast<Act const*>(a))(reactor); }, &act);
+    }
+  }
+  void velForEachReactorWithoutHeap(void (*act)(Reactor& reactor, void const* context), void const* context);
 
   template <class R, class Call>
   void velCall(Reactor& reactor, AttributeId id, Call const& call) {

@@ -53,6 +53,51 @@ TEST(DeliveryTest, MoreThanSixteenNeedOneAllocation) {
   EXPECT_EQ(requestsOf([&] { lamp->brightnessIs(7); }), 1u);
 }
 
+TEST(DeliveryTest, WhereThereIsNoMemoryForTheSnapshotEverybodyIsCalledAllTheSameAndInOrder) {
+  class Noting final : public Vel::Lamp::NotifieeConst {
+   public:
+    Noting(std::vector<int>& h, int n) : heard(h), number(n) { heard.reserve(1000); }
+    void onBrightness() override {
+      heard.push_back(number);
+      // A snapshot is a snapshot: who goes meanwhile is still called, who comes is not.
+      if (auto const all = std::exchange(others, nullptr)) {
+        late->notifierIs(notifier());
+        for (auto const& other : *all) other->notifierIs(nullptr);
+      }
+    }
+    std::vector<int>& heard;
+    int const number;
+    std::vector<Vel::Ptr<Noting>> const* others = nullptr;
+    Vel::Ptr<Noting> late;
+  };
+  for (int const count : {17, 63, 64, 65, 128, 129, 500}) {
+    SCOPED_TRACE(count);
+    auto const lamp = Vel::create<Vel::Lamp>();
+    std::vector<int> heard, all;
+    std::vector<Vel::Ptr<Noting>> listeners;
+    for (int i = 0; i < count; ++i) {
+      listeners.push_back(Vel::create<Noting>(heard, i));
+      listeners.back()->notifierIs(lamp);
+      all.push_back(i);
+    }
+    auto const first = listeners[0];
+    first->late = Vel::create<Noting>(heard, -1);
+    first->others = &listeners;
+    std::size_t failures = 0;
+    {
+      CountedHeap::Famine const famine(1, 100);
+      lamp->brightnessIs(7);
+      failures = famine.failures();
+    }
+    EXPECT_EQ(failures, 1u);
+    EXPECT_EQ(heard, all);
+    for (auto const& listener : listeners) EXPECT_EQ(listener->references(), listener == first ? 2u : 1u);
+    EXPECT_TRUE(first->late->isRegisteredNotifiee());
+    first->late = nullptr;
+    EXPECT_EQ(lamp->references(), 1u);
+  }
+}
+
 TEST(DeliveryTest, AnEqualValueAndAValueThatNobodyWatchesNeedNothing) {
   auto const lamp = Vel::create<Vel::Lamp>();
   EXPECT_EQ(requestsOf([&] { lamp->brightnessIs(7); }), 0u);
