@@ -129,10 +129,15 @@ void JoinPruneNeighborSm::ChannelGroup<Channel>::onJoinPruneGroupData(Dova::IpGe
   Vel::Ptr<ChannelGroup> const keep(this);
   Hold const hold(sm);
   if (Vel::Ptr<Packet::JoinPruneData> const data = this->notifier()) {
-    if (Vel::Ptr<GroupData> const groupData = data->joinPruneGroupData(group))
-      sm->groupDataIs<Channel>(groupData);
-    else
-      sm->groupDataDel<Channel>(group);
+    try {
+      if (Vel::Ptr<GroupData> const groupData = data->joinPruneGroupData(group))
+        sm->groupDataIs<Channel>(groupData);
+      else
+        sm->groupDataDel<Channel>(group);
+    } catch (...) {
+      sm->fallBehind();
+      throw;
+    }
   }
   if (!this->hasNotificationActive() || !this->joinPruneNeighborSm()) return;
   if constexpr (std::is_same_v<Channel, Triggered>)
@@ -149,7 +154,12 @@ void JoinPruneNeighborSm::ChannelGroup<Channel>::onJoinPruneGroupDatavelImmediat
   if (!sm) return;
   Vel::Ptr<ChannelGroup> const keep(this);
   Hold const hold(sm);
-  sm->reconcile<Channel>();
+  try {
+    sm->reconcile<Channel>();
+  } catch (...) {
+    sm->fallBehind();
+    throw;
+  }
   if constexpr (Channel::counted)
     if (this->hasNotificationActive() && this->joinPruneNeighborSm()) sm->handlePeriodicGroup();
 }
@@ -358,6 +368,8 @@ void JoinPruneNeighborSm::handleTimerExpiry() {
   Hold const hold(this);
   JOIN_PRUNE_TRACE_AS(7, this, function.data(), "()");
   if (!initialized_ || hold.gone()) return;
+  catchUp();
+  if (hold.gone()) return;
 
   Vel::Ptr<Packet::JoinPruneData> const pending = data<Channel>();
   auto const groups = [&pending] { return pending ? pending->joinPruneGroupDataCount() : 0; };
@@ -492,17 +504,9 @@ void JoinPruneNeighborSm::handleInitialized() {
     for (auto i = periodic->joinPruneGroupDataIterator(); i && !hold.gone(); ++i)
       numPeriodicRoutesInc(i->routes());
   // Whoever was called so far may have changed what there is, so the last word is the data's. From here on the
-  // sources are counted one by one, and a (*,G) entry that is in the count is not counted again.
+  // sources are counted one by one.
   counted_ = true;
-  U32 sum = 0;
-  if (periodic && !hold.gone()) {
-    for (auto i = periodic->joinPruneGroupDataIterator(); i; ++i) {
-      sum += i->routes();
-      if (VelPeriodicGroupData* const reactor = periodicGroupData_.find(i.key()))
-        reactor->wcSourceSetIs(i->wcSourceData() != nullptr);
-    }
-    numPeriodicRoutesIs(sum);
-  }
+  countRoutes();
   if (hold.gone()) return;
   JOIN_PRUNE_TRACE(2, this, "(), total number of periodic joins and prunes is " << numPeriodicRoutes_);
   initializedIs(true);
@@ -682,6 +686,8 @@ void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
   }
   JOIN_PRUNE_TRACE(7, this, '(' << group << "): Deleted");
   if (hold.gone() || (groups && groups->joinPruneGroupDataCount() != 0)) return;
+  catchUp();
+  if (hold.gone()) return;
   if (counted_ && numPeriodicRoutes_ != 0) {
     // A group was removed before its sources: what this machine counts is no longer what there is.
     JOIN_PRUNE_TRACE(1, this, '(' << group << "), Num routes: " << numPeriodicRoutes_);
@@ -707,7 +713,48 @@ JOIN_PRUNE_FORWARD(OverrideGroup)
 JOIN_PRUNE_FORWARD(PeriodicGroup)
 #undef JOIN_PRUNE_FORWARD
 
+// --- Want of memory ------------------------------------------------------------------------------
+
+// A group has no reactor: its sources are neither counted nor do they arm a timer, until this machine has caught up.
+void JoinPruneNeighborSm::fallBehind() {
+  if (retired()) return;
+  behind_ = true;
+  if (triggeredTimer_ && !triggeredTimer_->armed()) triggeredTimer_->timeMinIs(now() + triggeredInterval_);
+}
+
+// Follows what could not be followed, counts anew and arms what is pending. Asked at each expiry, and when the
+// periodic data has run empty.
+void JoinPruneNeighborSm::catchUp() {
+  if (!behind_) return;
+  Hold const hold(this);
+  try {
+    reconcile<Triggered>();
+    reconcile<Override>();
+    reconcile<Periodic>();
+  } catch (...) {
+    fallBehind();
+    throw;
+  }
+  behind_ = false;
+  countRoutes();
+  if (!hold.gone()) doUpdateTimer<Override>();
+}
+
 // --- The route count -----------------------------------------------------------------------------
+
+// Takes the count from the data, with all (*,G) entries that are there: they are not counted again.
+void JoinPruneNeighborSm::countRoutes() {
+  Hold const hold(this);
+  Vel::Ptr<Packet::JoinPruneData> const periodic = data<Periodic>();
+  if (!periodic || hold.gone()) return;
+  U32 sum = 0;
+  for (auto i = periodic->joinPruneGroupDataIterator(); i; ++i) {
+    sum += i->routes();
+    if (VelPeriodicGroupData* const reactor = periodicGroupData_.find(i.key()))
+      reactor->wcSourceSetIs(i->wcSourceData() != nullptr);
+  }
+  numPeriodicRoutesIs(sum);
+}
 
 void JoinPruneNeighborSm::numPeriodicRoutesIs(U32 n) {
   if (n == numPeriodicRoutes_) return;
@@ -735,7 +782,7 @@ void JoinPruneNeighborSm::validateNumPeriodicRoutes() {
   JOIN_PRUNE_BLOCK_TIMER();
   Hold const hold(this);
   JOIN_PRUNE_TRACE(8, this, '(' << numPeriodicRoutes_ << ')');
-  if (!initialized_ || retired() || (parentSm_ && !parentSm_->diagUpJoinCount())) return;
+  if (!initialized_ || retired() || behind_ || (parentSm_ && !parentSm_->diagUpJoinCount())) return;
   U32 sum = 0;
   if (Vel::Ptr<Packet::JoinPruneData> const groups = data<Periodic>())
     for (auto i = groups->joinPruneGroupDataIterator(); i; ++i) sum += i->routes();

@@ -398,6 +398,9 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   void groupDataDelAll();
   template <class Channel>
   void handleGroup(Dova::IpGenAddr const& group);
+  void countRoutes();
+  void fallBehind();
+  void catchUp();
   template <class Channel>
   void doUpdateTimer();
   template <class Channel>
@@ -419,6 +422,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Vel::Ptr<VelOverrideTimer> overrideTimer_;
   Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSm_;
   U32 numPeriodicRoutes_ = 0;
+  bool behind_ = false;   // a group could not be followed, for want of memory; see catchUp()
   bool counted_ = false;  // the start-up count is complete; until then no change of a source moves the count
 };
 
