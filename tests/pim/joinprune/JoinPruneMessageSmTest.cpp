@@ -658,6 +658,69 @@ TEST_F(JoinPruneMessageSmTest, AMachineThatIsReplacedInItsOwnCallbackLeavesTheDa
   }
 }
 
+TEST_F(JoinPruneMessageSmTest, WhoRemovesADataSetForEverGetsNoMachine) {
+  class Remover final : public JoinPruneStatus::NotifieeConst {
+   public:
+    explicit Remover(Vel::Ptr<JoinPruneStatus> status) : status_(std::move(status)) {}
+    void onOverrideGroup(Dova::IpGenAddr target) override {
+      if (status_->overrideGroup(target)) status_->overrideGroupDel(target);
+    }
+
+   private:
+    Vel::Ptr<JoinPruneStatus> const status_;
+  };
+  auto const remover = Vel::create<Remover>(status);
+  remover->notifierIs(status);
+  start();
+  intf("eth0", "10.0.0.1/24");
+  EXPECT_EQ(machine->joinPruneNeighborSmCount(), 0u);
+  remover->notifierIs(nullptr);
+  intf("eth1", "10.1.0.1/24");
+  EXPECT_TRUE(sm("10.1.0.1"));
+}
+
+TEST_F(JoinPruneMessageSmTest, AMachineThatCannotArmItsTimersIsNotLeftHalfMade) {
+  auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
+  eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.1/24"));
+  eth0->usedOverrideIntervalInSecondsIs(std::numeric_limits<double>::quiet_NaN());
+  for (char const* const target : {"10.0.0.1", "10.0.0.2"})
+    group(status->overrideGroupIs(addr(target)), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  start();
+  pim->pimIntfIs(eth0);
+  EXPECT_FALSE(machine->pimIntf(Dova::IntfId("eth0")));
+  neighbor("10.0.0.2", eth0);
+  EXPECT_EQ(machine->joinPruneNeighborSmCount(), 0u);
+  eth0->usedOverrideIntervalInSecondsIs(2.5);
+  pim->pimIntfNotify(Dova::IntfId("eth0"));
+  pim->pimNeighborNotify(addr("10.0.0.2"));
+  EXPECT_TRUE(sm("10.0.0.1"));  // its data went with the interface
+  ASSERT_TRUE(sm("10.0.0.2"));
+  EXPECT_TRUE(sm("10.0.0.2")->overrideTimer()->armed());
+}
+
+TEST_F(JoinPruneMessageSmTest, ANeighborMachineIsRemovedByIteratorToo) {
+  intf("eth0", "10.0.0.1/24");
+  start();
+  auto const removed = machine->joinPruneNeighborSmDel(machine->joinPruneNeighborSmIterator());
+  ASSERT_TRUE(removed);
+  EXPECT_EQ(removed->neighborAddr(), addr("10.0.0.1"));
+  EXPECT_EQ(machine->joinPruneNeighborSmCount(), 0u);
+}
+
+TEST_F(JoinPruneMessageSmTest, AnInterfaceReactorCannotWatchAnotherInterface) {
+  intf("eth0", "10.0.0.1/24");
+  auto const eth1 = intf("eth1", "10.1.0.1/24");
+  start();
+  auto const reactor = machine->pimIntf(Dova::IntfId("eth0"));
+  try {
+    reactor->notifierIs(eth1);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (Vel::InvalidArgumentException const& error) {
+    EXPECT_STREQ(error.what(), "the reactor of interface eth0 cannot watch interface eth1");
+  }
+  EXPECT_EQ(reactor->notifier()->intfId(), Dova::IntfId("eth0"));
+}
+
 TEST_F(JoinPruneMessageSmTest, AMachineThatIsGoingTakesUpNothingNew) {
   class Adder final : public JoinPruneStatus::NotifieeConst {
    public:

@@ -665,5 +665,73 @@ TEST_F(SourceTest, DrainingOneNeighborDoesNotTouchAnother) {
   EXPECT_EQ(periodic("10.0.0.3")->joinPruneGroupDataCount(), 1u);
 }
 
+TEST_F(JoinPruneNeighborSmTest, AllGroupReactorsOfAChannelAreRemovedAtOnce) {
+  make();
+  for (char const* const g : {"239.1.1.1", "239.1.1.2"})
+    for (auto const& data : {t, o, p}) group(data, g);
+  auto const held = neighborSm->triggeredGroupData(addr("239.1.1.1"));
+  neighborSm->triggeredGroupDataDelAll();
+  EXPECT_EQ(neighborSm->triggeredGroupDataCount(), 0u);
+  EXPECT_EQ(held->joinPruneNeighborSm(), nullptr);
+  EXPECT_EQ(neighborSm->overrideGroupDataCount(), 2u);
+  neighborSm->overrideGroupDataDelAll();
+  neighborSm->periodicGroupDataDelAll();
+  EXPECT_EQ(neighborSm->overrideGroupDataCount() + neighborSm->periodicGroupDataCount(), 0u);
+  EXPECT_EQ(t->joinPruneGroupDataCount(), 2u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, AsAZombieItHearsOfNothingAndItsPeriodicMachineNeither) {
+  make();
+  neighborSm->velDoZombieReactors(true);
+  EXPECT_TRUE(neighborSm->joinPrunePeriodicTimerSm()->periodicTimer()->isZombie());
+  group(t, "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  EXPECT_EQ(neighborSm->triggeredGroupDataCount(), 0u);
+  EXPECT_FALSE(neighborSm->triggeredTimer()->armed());
+  neighborSm->velDoZombieReactors(false);
+  EXPECT_FALSE(neighborSm->joinPrunePeriodicTimerSm()->periodicTimer()->isZombie());
+  group(t, "239.1.1.2")->joinedSourceIs(addr("10.9.0.1"));
+  EXPECT_TRUE(neighborSm->triggeredTimer()->armed());
+}
+
+TEST_F(JoinPruneNeighborSmTest, AGroupThatIsThereAndFilledArmsTheTimerOrCounts) {
+  auto const parent = start();
+  make(parent.get());
+  // A group that was filled before anybody heard of it arms and counts nothing by itself.
+  for (auto const& data : {t, p}) {
+    data->newJoinPruneGroupData(addr("239.1.1.1"))->joinedSourceIs(addr("10.9.0.1"));
+    data->joinPruneGroupDataNotify(addr("239.1.1.1"));
+  }
+  EXPECT_FALSE(neighborSm->triggeredTimer()->armed());
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 0u);
+  neighborSm->handleTriggeredGroup(addr("239.1.1.1"));
+  neighborSm->handlePeriodicGroup(addr("239.1.1.1"));
+  EXPECT_TRUE(neighborSm->triggeredTimer()->armed());
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  group(o, "239.1.1.2");
+  neighborSm->handleOverrideGroup(addr("239.1.1.2"));
+  EXPECT_FALSE(neighborSm->overrideTimer()->armed());
+}
+
+TEST_F(JoinPruneNeighborSmTest, WhatIsPendingIsTriedAgainIfItsExpiryFails) {
+  U32 readings = 0;
+  auto const clock = Vel::create<Zanth::TimerWheel>([&] {
+    if (readings != 0 && --readings == 0) throw std::runtime_error("no time");
+    return time;
+  });
+  manager->start();
+  auto const made =
+      joinPruneNeighborSmFactory(nullptr, addr(N), nullptr, eth0, t, o, p, clock, 2.5, manager, message);
+  for (U32 failing = 1; failing <= 3; ++failing) {
+    SCOPED_TRACE(failing);
+    group(t, "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+    manager->perMessage = 0;
+    time = made->triggeredTimer()->timeMin();
+    readings = failing + 1;  // the first is the wheel's own
+    clock->expire();
+    EXPECT_TRUE(made->triggeredTimer()->armed());
+    readings = 0;
+  }
+}
+
 }  // namespace
 }  // namespace Routing::Pim

@@ -496,6 +496,17 @@ TEST(HashSeedTest, TheSameSeedGivesTheSameOrderInEveryProcess) {
   EXPECT_NE(inAnotherProcess(0, walk), one);
 }
 
+std::string hashes() {
+  std::string const seed = std::to_string(hashSeed());
+  return seed + " " + std::to_string(Dova::IpGenAddr("10.0.0.1").hash()) + " " +
+         std::to_string(Dova::IpGenAddr("2001:db8::1").hash()) + " " + std::to_string(hashText("eth0"));
+}
+
+// An order that was seen once can be had again from its seed, also with a later build.
+TEST(HashSeedTest, ASeedStandsForTheSameHashesForGood) {
+  EXPECT_EQ(inAnotherProcess(42, hashes), "13679457532755275413 194689773 82595058 478759382");
+}
+
 TEST(HashSeedTest, WithoutASeedTheOrderIsFixed) {
   EXPECT_EQ(inAnotherProcess({}, walk), walk());
   EXPECT_NE(inAnotherProcess(0, walk), walk());

@@ -295,5 +295,15 @@ TEST_F(TimerWheelTest, RandomOperationsAgreeWithASortedList) {
   }
 }
 
+TEST_F(TimerWheelTest, InsideAnExpiryTheEarliestTimeIsOfWhatIsStillToBeCalled) {
+  Seconds seen = 0;
+  auto const first = timer([&](Timer&) { seen = wheel->timeMin(); }, 1001);
+  auto const second = timer(2, 1002);
+  auto const later = timer(3, 2000);
+  expireAt(1003);
+  EXPECT_EQ(seen, 1002);
+  EXPECT_EQ(wheel->timeMin(), 2000);
+}
+
 }  // namespace
 }  // namespace Zanth
