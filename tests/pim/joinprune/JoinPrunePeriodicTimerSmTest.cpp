@@ -381,6 +381,17 @@ TEST_F(JoinPrunePeriodicTimerSmTest, ItsCachedValuesCanBeSetAndWatchedAndAreNotW
   }
 }
 
+TEST_F(JoinPrunePeriodicTimerSmTest, AWritableReactorTakesNothingFromAConstViewButItsRelease) {
+  auto const made = joinPrunePeriodicTimerSmFactory(wheel, nullptr, 0.1, nullptr, eth0, nullptr, nullptr);
+  auto const writer = Vel::create<JoinPrunePeriodicTimerSm::Notifiee>();
+  PeriodicTimerSm::NotifieeConst& seenFromBelow = *writer;
+  EXPECT_THROW(seenFromBelow.notifierIs(Vel::Ptr<PeriodicTimerSm const>(made)), Vel::RangeException);
+  EXPECT_FALSE(writer->notifier());
+  writer->notifierIs(made);
+  seenFromBelow.notifierIs(Vel::Ptr<PeriodicTimerSm const>());
+  EXPECT_FALSE(writer->notifier());
+}
+
 TEST_F(JoinPrunePeriodicTimerSmTest, ParametersPrintAsIntervalAndRoutes) {
   PeriodicTimerSm::PeriodicParams const params{60, 12};
   EXPECT_EQ(text(&params), "Interval: 60, Routes/Interval: 12");
