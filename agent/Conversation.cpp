@@ -87,6 +87,9 @@ class Words {
   }
   Seconds seconds() { return number<Seconds>(0, longestTime, "seconds"); }
 
+  /// Another command.
+  void check(std::string_view command) const { commandFromText(command, line_); }
+
   IpGenAddr address(std::string_view what) {
     auto const address = IpGenAddr::fromText(peek());
     if (!address) fail(what);
@@ -210,10 +213,18 @@ Command intf(Words& words) {
       command.notify = true;
     } else if (words.taken("down")) {
       command.down = true;
+    } else if (words.taken("stay")) {
+      command.stay = true;
+    } else if (words.taken("renew")) {
+      command.renew = true;
+    } else if (words.taken("again")) {
+      command.again = true;
     } else {
       auto const address = IpGenPrefix::fromText(words.peek());
       if (!address || sourceFault(address->ipGenAddr(), address->ipGenAddr().af())) {
-        words.fail("an address such as 10.0.0.1/24, none, hold, interval, override, mtu, notify or down");
+        words.fail(
+            "an address such as 10.0.0.1/24, none, hold, interval, override, mtu, notify, renew, again, "
+            "stay or down");
       }
       command.address = address;
       words.take();
@@ -230,8 +241,10 @@ Command neighbor(Words& words) {
   words.take();
   if (words.taken("down")) {
     command.down = true;
+  } else if (words.taken("again")) {
+    command.again = true;
   } else if (!words.taken("up")) {
-    if (!words.taken("on")) words.fail("\"on\", \"down\" or \"up\"");
+    if (!words.taken("on")) words.fail("\"on\", \"down\", \"up\" or \"again\"");
     if (!words) words.fail("the name of an interface");
     command.intf = words.take();
   }
@@ -256,7 +269,34 @@ Command policyOn(Words& words) {
 
 template <Channel channel>
 Command data(Words& words) {
-  DataCommand command{channel, words.address("the address of an upstream target"), words.taken("remove"), {}};
+  DataCommand command{channel, words.address("the address of an upstream target"), Change::add, {}};
+  auto const group = [&words, &command](Change change) {
+    command.change = change;
+    command.group = words.address("a group's address");
+    if (groupFault(command.group, command.group.af())) words.refuse("expected a multicast group");
+    return command;
+  };
+  if (words.taken("make")) {
+    command.change = Change::make;
+    return command;
+  }
+  if (words.taken("gone")) {
+    command.change = Change::gone;
+    return command;
+  }
+  if (words.taken("group")) return group(Change::group);
+  if (words.taken("ungroup")) return group(Change::ungroup);
+  if (words.taken("remove")) {
+    if (words.taken("wildcard")) return group(Change::removeWildcard);
+    command.change = Change::remove;
+  } else if (words.taken("filled")) {
+    command.change = Change::filled;
+    command.all = words.taken("all");
+  } else if (words.taken("again")) {
+    command.change = Change::again;
+    command.all = words.taken("all");
+    if (!words) return command;
+  }
   command.entries = takeEntries(words);
   return command;
 }
@@ -314,6 +354,71 @@ Command seed(Words& words) { return SeedCommand{words.number<long>(0, 0x7fffffff
 
 Command cost(Words& words) { return CostCommand{words.seconds()}; }
 
+Command busy(Words& words) { return BusyCommand{words.seconds()}; }
+
+Command keep(Words& words) {
+  if (words.taken("nothing")) return KeepCommand{};
+  return KeepCommand{words.address("the address of an upstream target, or \"nothing\"")};
+}
+
+Command record(Words& words) {
+  bool const on = words.taken("on");
+  if (!on && !words.taken("off")) words.fail("\"on\" or \"off\"");
+  return RecordCommand{on};
+}
+
+TemperCommand::Moment takeMoment(Words& words) {
+  using Moment = TemperCommand::Moment;
+  constexpr std::pair<std::string_view, Moment> moments[] = {
+      {"first", Moment::first}, {"middle", Moment::middle}, {"last", Moment::last}};
+  for (auto const& [word, moment] : moments)
+    if (words.taken(word)) return moment;
+  words.fail("\"first\", \"middle\" or \"last\"");
+}
+
+Command temper(Words& words) {
+  constexpr U32 most = ~U32{0};
+  TemperCommand command;
+  if (words.taken("off")) return command;
+  if (!words.taken("on")) words.fail("\"on\" or \"off\"");
+  command.on = true;
+  while (words) {
+    if (words.taken("take")) {
+      command.take = words.number<U32>(0, most, "a number of entries");
+    } else if (words.taken("filtered")) {
+      command.filtered = words.number<U32>(0, most, "a number of entries");
+    } else if (words.taken("suppressed")) {
+      command.suppressed = words.number<U32>(0, most, "a number of entries");
+    } else if (words.taken("tidy")) {
+      command.tidy = true;
+    } else if (words.taken("report")) {
+      auto& report = command.report.emplace();
+      for (U32* const count : {&report.sources, &report.suppressedSources, &report.filteredSources})
+        *count = words.number<U32>(0, most, "a number of entries");
+    } else if (words.taken("throws")) {
+      command.throws = takeMoment(words);
+    } else if (words.taken("cost")) {
+      command.cost = words.seconds();
+    } else if (words.peek() == "first" || words.peek() == "middle" || words.peek() == "last") {
+      command.moment = takeMoment(words);
+      words.require("of");
+      command.message = words.number<U32>(1, most, "a message");
+      words.require("do");
+      // Whether they are commands is seen now; they are read again when they are performed.
+      std::string_view rest = words.takeRest();
+      while (!rest.empty()) {
+        auto const end = std::min(rest.find(" ; "), rest.size());
+        words.check(rest.substr(0, end));
+        command.commands.emplace_back(rest.substr(0, end));
+        rest.remove_prefix(std::min(end + 3, rest.size()));
+      }
+    } else {
+      words.fail("take, filtered, suppressed, tidy, report, throws, cost, first, middle or last");
+    }
+  }
+  return command;
+}
+
 Command set(Words& words) {
   SetCommand command;
   command.subject = words.take();
@@ -357,9 +462,14 @@ struct Form {
 };
 
 constexpr Form forms[] = {
-    {"intf", intf, "NAME [ADDRESS/LEN | none] [hold S] [interval S] [override S] [mtu BYTES] [notify | down]",
-     "an interface comes up, changes, repeats its address, or goes down"},
-    {"neighbor", neighbor, "ADDRESS on NAME | down | up", "a neighbor comes up, goes down, returns"},
+    {"intf", intf,
+     "NAME [ADDRESS/LEN | none] [hold S] [interval S] [override S] [mtu BYTES] [notify] [renew] [again] "
+     "[stay | down]",
+     "an interface comes up, changes, repeats its address, becomes another object, is told of again, stays "
+     "as it "
+     "is, or goes down"},
+    {"neighbor", neighbor, "ADDRESS on NAME | down | up | again",
+     "a neighbor comes up, goes down, returns, is told of again"},
     {"rp", rp, "GROUP/LEN=ADDRESS", "the RP of groups; without one, the RP in a message is right"},
     {"deny", policyOn<Policy::deny>, "GROUP/LEN [off]", "the filter on receipt denies groups"},
     {"filter", policyOn<Policy::filter>, "GROUP/LEN [off]", "the packet manager filters groups"},
@@ -368,16 +478,34 @@ constexpr Form forms[] = {
     {"drop", drop, "", "drops the message machine"},
     {"triggered", data<Channel::triggered>, "TARGET [remove] join ROUTE... prune ROUTE...",
      "changes what is pending for an upstream target"},
-    {"override", data<Channel::override>, "TARGET [remove] join ROUTE... prune ROUTE...", "the same"},
+    {"override", data<Channel::override>,
+     "TARGET make | gone | group G | ungroup G | remove wildcard G | filled [all] join ROUTE... | again "
+     "[all] [join "
+     "ROUTE...]",
+     "the same; what else can become of it: the data set comes or goes, a group comes empty, or goes with "
+     "what is "
+     "in it, groups arrive filled, or are told of without a change: one by one, or as a whole"},
     {"periodic", data<Channel::periodic>, "TARGET [remove] join ROUTE... prune ROUTE...",
      "the same; ROUTE is (S,G), (*,G) rp ADDRESS, (S,G,rpt), or N routes from ROUTE (groups are counted "
      "upwards), or N sources from ROUTE (sources are)"},
     {"receive", receive, "NAME upstream ADDRESS hold S join ROUTE... prune ROUTE...",
      "a Join/Prune message comes in"},
     {"wait", wait, "S | until S", "time passes; every timer fires at its time"},
+    {"busy", busy, "S", "time passes while nobody looks at the timers"},
     {"seed", seed, "N", "seeds the random override delay"},
     {"cost", cost, "S", "the time that sending one message takes from now on"},
     {"set", set, "TARGET | NAME | machine ATTRIBUTE VALUE", "sets an attribute by name"},
+    {"keep", keep, "TARGET | nothing", "the machine of a target is held, also when it is gone"},
+    {"record", record, "on | off", "the transmit record is there or not"},
+    {"temper", temper,
+     "off | on [take N] [filtered N] [suppressed N] [tidy] [report SOURCES SUPPRESSED FILTERED] [throws "
+     "MOMENT] "
+     "[cost S] [MOMENT of N do COMMAND ; COMMAND...]",
+     "another packet manager takes so many entries per message, calls some of them filtered or suppressed, "
+     "removes "
+     "empty groups, tells lies, throws, takes its time, or performs commands at the first, middle or last "
+     "moment of "
+     "its message number N"},
     {"packets", packets, "full | brief", "how packets are shown from now on"},
     {"trace", trace, "LEVELS | off", "which trace lines of the engine are shown from now on"},
     {"show", show, "[sets]", "the machines, or what is pending entry by entry"},

@@ -27,6 +27,7 @@
 
 #include "agent/Options.h"
 #include "agent/PimMessage.h"
+#include "pim/model/packet/JoinPruneMessage.h"
 
 namespace Routing::Pim::Agent {
 
@@ -69,11 +70,15 @@ struct IntfCommand {
   std::optional<U32> mtu;
   bool notify = false;
   bool down = false;
+  bool stay = false;   // As it is, up or down.
+  bool renew = false;  // Another object takes its place.
+  bool again = false;  // Told of without a change.
 };
 struct NeighborCommand {
   IpGenAddr address;
   std::string intf;  // Empty for a neighbor that is known.
   bool down = false;
+  bool again = false;
 };
 struct RpCommand {
   std::string text;
@@ -85,11 +90,26 @@ struct PolicyCommand {
   IpGenPrefix groups;
   bool off = false;
 };
+/// What becomes of a target's data. Apart from `add` and `remove` it is what breaks the rules for agents, or what only
+/// the engine does otherwise.
+enum class Change : U8 {
+  add,
+  remove,
+  removeWildcard,  // of the group, whatever it says
+  make,            // the data set itself
+  gone,
+  group,    // added empty
+  ungroup,  // removed with all that is in it
+  filled,   // groups that arrive with the entries in them
+  again     // entries, or all groups, that are told of without a change
+};
 struct DataCommand {
   Channel channel;
   IpGenAddr target;
-  bool remove = false;
+  Change change = Change::add;
   std::vector<RouteEntry> entries;
+  IpGenAddr group = {};
+  bool all = false;  // Told of as a whole instead of one by one.
 };
 struct ReceiveCommand {
   std::string intf;
@@ -104,6 +124,30 @@ struct SeedCommand {
 };
 struct CostCommand {
   Seconds perMessage;
+};
+struct BusyCommand {
+  Seconds time;
+};
+struct KeepCommand {
+  std::optional<IpGenAddr> target;  // None to let go of all.
+};
+struct RecordCommand {
+  bool on;
+};
+/// Another packet manager in place of the real one; see Simulation.h. Nothing in it for the real one.
+struct TemperCommand {
+  enum class Moment : U8 { none, first, middle, last };
+  using Report = Packet::JoinPruneMessage::Report;
+
+  bool on = false;
+  U32 take = ~U32{0}, filtered = 0, suppressed = 0;
+  bool tidy = false;
+  std::optional<Report> report;  // What it says it did, if that is not the truth.
+  Moment throws = Moment::none;
+  Seconds cost = 0;
+  Moment moment = Moment::none;  // When in the message `message`, counted from 1, `commands` are performed.
+  U32 message = 0;
+  std::vector<std::string> commands;
 };
 struct SetCommand {
   std::string subject, attribute, value;
@@ -124,8 +168,9 @@ struct SayCommand {
 };
 
 using Command = std::variant<IntfCommand, NeighborCommand, RpCommand, PolicyCommand, DataCommand,
-                             ReceiveCommand, WaitCommand, SeedCommand, CostCommand, SetCommand, StartCommand,
-                             DropCommand, ShowCommand, TraceCommand, PacketsCommand, SayCommand>;
+                             ReceiveCommand, WaitCommand, BusyCommand, SeedCommand, CostCommand, SetCommand,
+                             StartCommand, DropCommand, KeepCommand, RecordCommand, TemperCommand,
+                             ShowCommand, TraceCommand, PacketsCommand, SayCommand>;
 
 /// Parses one command. Throws ConversationError, with the given line, that says what was expected.
 Command commandFromText(std::string_view text, U32 line = 0);

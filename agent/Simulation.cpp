@@ -22,6 +22,9 @@ constexpr Seconds hair = 1e-9;
 // As many expiries at one and the same time do not occur in a world that goes on.
 constexpr U32 mostExpiriesAtOnce = 10'000;
 
+// A packet manager that claims to have sent what it has not would be asked for more for ever, if time stands still.
+constexpr U32 mostTemperedMessages = 40;
+
 // The handles whose levels the traces of a conversation come from. Others show what they write of themselves.
 constexpr std::string_view tracedHandles[] = {"Pim::JoinPrune", "Pim::Agent"};
 
@@ -123,7 +126,9 @@ bool has(Packet::JoinPruneGroupData const& group, RouteEntry const& entry) {
   return false;
 }
 
-void takeOut(Packet::JoinPruneGroupData& group, RouteEntry const& entry) {
+// False if it is not there.
+bool takeOut(Packet::JoinPruneGroupData& group, RouteEntry const& entry) {
+  if (!has(group, entry)) return false;
   switch (entry.kind) {
     case SourceKind::wildcard:
       group.wcSourceDataDel();
@@ -135,6 +140,7 @@ void takeOut(Packet::JoinPruneGroupData& group, RouteEntry const& entry) {
       entry.join ? group.joinedRptSourceDel(entry.source) : group.prunedRptSourceDel(entry.source);
       break;
   }
+  return true;
 }
 
 // The times of a machine's timers, in the order of the channels.
@@ -173,6 +179,17 @@ class Simulation::MachineWatch final : public JoinPruneMessageSm::NotifieeConst 
  public:
   explicit MachineWatch(Simulation& simulation) : simulation_(simulation) { isNondestructingIs(true); }
   void onJoinPruneNeighborSm(IpGenAddr address) override { simulation_.machineChanged(address); }
+
+ private:
+  Simulation& simulation_;
+};
+
+// What it throws, as a manager with that temper does, is part of the story and not an error.
+class Simulation::Temper final : public IO::MessageInfo::Notifiee {
+ public:
+  explicit Temper(Simulation& simulation) : simulation_(simulation) {}
+  void onCount() override { simulation_.sendTempered(*notifier()); }
+  void onNotificationException(Vel::AttributeId) override {}
 
  private:
   Simulation& simulation_;
@@ -218,13 +235,8 @@ void Simulation::recorded(JoinPruneMessageInfo const& record, bool join) {
 void Simulation::send(OutgoingPacket const& packet) {
   auto const upstream = packet.message.upstreamNeighbor();
   auto const message = manager_->txMessageInfo()->joinPruneMessage();
-  auto const channels = dataOf(upstream);
-  auto const channel = std::find(channels.begin(), channels.end(), message->joinPruneData());
   line(fmt::format("sent on {} from {}, upstream {}, {}, hold {}, {} bytes", packet.intf.name(),
-                   toText(packet.source), toText(upstream),
-                   channel == channels.end()
-                       ? "for a target that is gone"
-                       : channelNames[static_cast<std::size_t>(channel - channels.begin())],
+                   toText(packet.source), toText(upstream), channelOf(*message->joinPruneData()),
                    packet.message.holdTime(), packet.bytes.size()));
   // Of the bytes, so that a packet that says anything else than it should is seen here.
   auto const decoded = decodeJoinPrune(packet.bytes, packet.source, packet.destination);
@@ -243,6 +255,87 @@ void Simulation::send(OutgoingPacket const& packet) {
   }
   if (alsoTo_) alsoTo_->send(packet);
   now_ += cost_;
+}
+
+std::string_view Simulation::channelOf(Packet::JoinPruneData const& data) const {
+  auto const channels = dataOf(data.upstreamNeighbor());
+  auto const channel =
+      std::find_if(channels.begin(), channels.end(), [&data](auto const& set) { return set.get() == &data; });
+  return channel == channels.end() ? "for a target that is gone"
+                                   : channelNames[static_cast<std::size_t>(channel - channels.begin())];
+}
+
+// What `temper` says, instead of packets. Whatever is called here may change the temper, the data and the machines.
+void Simulation::sendTempered(IO::MessageInfo const& record) {
+  using Moment = TemperCommand::Moment;
+  TemperCommand const temper = temper_;
+  auto const message = record.joinPruneMessage();
+  auto const data = message->joinPruneData();
+  auto const intf = record.intfId();
+  bool const performs = ++temperedMessages_ == temper.message;
+  bool const weary = ++temperedAtOnce_ > mostTemperedMessages;
+  auto const throws = [this, &temper](Moment now) {
+    if (temper.throws != now) return;
+    line("the packet manager throws");
+    throw std::runtime_error("the temper");
+  };
+  auto const moment = [&](Moment now) {
+    if (!performs || temper.moment != now) return;
+    for (auto const& command : temper.commands) {
+      try {
+        std::visit([this](auto const& one) { on(one); }, commandFromText(command));
+      } catch (std::range_error const& e) {
+        line(fmt::format("cannot {}: {}", command, e.what()));
+      }
+    }
+  };
+  // In the order in which the data is walked.
+  std::vector<RouteEntry> pending;
+  for (auto g = data->joinPruneGroupDataIterator(); g; ++g) {
+    auto const add = [&](auto sources, SourceKind kind, bool join) {
+      for (; sources; ++sources) pending.push_back({join, kind, sources.key(), g.key()});
+    };
+    if (auto const wildcard = g->wcSourceData())
+      pending.push_back({wildcard->join(), SourceKind::wildcard, wildcard->address(), g.key()});
+    add(g->joinedSourceIterator(), SourceKind::source, true);
+    add(g->prunedSourceIterator(), SourceKind::source, false);
+    add(g->joinedRptSourceIterator(), SourceKind::sourceRpt, true);
+    add(g->prunedRptSourceIterator(), SourceKind::sourceRpt, false);
+  }
+  auto const channel = channelOf(*data);
+  auto const holdTime = data->holdTime();
+  throws(Moment::first);
+  moment(Moment::first);
+  Packet::JoinPruneMessage::Report report;
+  std::vector<RouteEntry> taken;
+  for (auto const& entry : pending) {
+    if (taken.size() >= temper.take || weary) break;
+    if (!data->periodic()) {
+      auto const group = data->joinPruneGroupData(entry.group);
+      if (!group || !takeOut(*group, entry)) continue;
+    }
+    auto& counter = taken.size() < temper.filtered ? report.filteredSources
+                    : taken.size() < std::size_t{temper.filtered} + temper.suppressed
+                        ? report.suppressedSources
+                        : report.sources;
+    ++counter;
+    taken.push_back(entry);
+    if (taken.size() != 1) continue;
+    moment(Moment::middle);
+    throws(Moment::middle);
+  }
+  if (temper.tidy) {
+    for (auto g = data->joinPruneGroupDataIterator(); g; ++g)
+      if (g->empty()) data->joinPruneGroupDataDel(g.key());
+  }
+  line(fmt::format("taken on {}, upstream {}, {}, hold {}, of {}: {}, {} suppressed, {} filtered",
+                   intf.name(), toText(data->upstreamNeighbor()), channel, holdTime, pending.size(),
+                   counted(report.sources, "source"), report.suppressedSources, report.filteredSources));
+  for (auto const& entry : taken) line(fmt::format("  {}", toText(entry)));
+  now_ += temper.cost;
+  message->reportIs(weary ? report : temper.report.value_or(report));
+  moment(Moment::last);
+  throws(Moment::last);
 }
 
 void Simulation::traced(Vel::TraceLine const& trace) {
@@ -354,6 +447,7 @@ Simulation::Simulation(std::ostream& out, PacketSink* alsoTo)
       rxJoin_(joinPruneMessageInfoFactory()),
       rxPrune_(joinPruneMessageInfoFactory()),
       channel_(Vel::create<IO::MessageInfo>()),
+      temperer_(Vel::create<Temper>(*this)),
       machineWatch_(Vel::create<MachineWatch>(*this)),
       joinWatch_(Vel::create<RecordWatch>(*this, true)),
       pruneWatch_(Vel::create<RecordWatch>(*this, false)) {
@@ -373,9 +467,11 @@ Simulation::Simulation(std::ostream& out, PacketSink* alsoTo)
 // Silent: what ends with the process is not part of the story.
 Simulation::~Simulation() {
   machineWatch_->notifierIs(nullptr);
+  temperer_->notifierIs(nullptr);
   traceLevelsAre(0);
   Vel::traceSinkIs({});
   machine_ = nullptr;
+  kept_.clear();
   joinWatch_->notifierIs(nullptr);
   pruneWatch_->notifierIs(nullptr);
 }
@@ -402,6 +498,7 @@ Vel::Ptr<Intf> Simulation::knownIntf(std::string const& name) const {
 // --- Commands
 
 void Simulation::perform(Command const& command) {
+  temperedAtOnce_ = 0;
   std::visit([this](auto const& one) { on(one); }, command);
   tellTimers();
   forgetNames();
@@ -416,17 +513,34 @@ void Simulation::on(IntfCommand const& command) {
   if (command.interval) intf->joinPruneIntervalIs(*command.interval);
   if (command.overrideInterval) intf->usedOverrideIntervalInSecondsIs(*command.overrideInterval);
   if (command.mtu) manager_->mtuIs(id, *command.mtu);
+  if (command.renew) {
+    auto const renewed = Vel::create<Intf>(id);
+    renewed->joinPruneHoldTimeIs(intf->joinPruneHoldTime());
+    renewed->joinPruneIntervalIs(intf->joinPruneInterval());
+    renewed->usedOverrideIntervalInSecondsIs(intf->usedOverrideIntervalInSeconds());
+    renewed->usedAddressWithMaskIs(intf->usedAddressWithMask());
+    intf = renewed;
+    if (pimStatus_->pimIntf(id)) pimStatus_->pimIntfIs(renewed);
+  }
   if (command.address) intf->usedAddressWithMaskIs(*command.address);
   if (command.notify) intf->usedAddressWithMaskNotify();
+  if (command.again) {
+    pimStatus_->pimIntfNotify(id);
+    pimStatus_->pimIntfNotifyImmediate();
+  }
   if (command.down)
     pimStatus_->pimIntfDel(id);
-  else if (!pimStatus_->pimIntf(id))
+  else if (!command.stay && !pimStatus_->pimIntf(id))
     pimStatus_->pimIntfIs(intf);
 }
 
 void Simulation::on(NeighborCommand const& command) {
   auto const address = toText(command.address);
   auto const known = neighbors_.find(command.address);
+  if (command.again) {
+    pimStatus_->pimNeighborNotify(command.address);
+    return;
+  }
   if (command.intf.empty() && known == neighbors_.end()) refuse("there is no neighbor {}", address);
   if (!command.down) {
     auto const intf = command.intf.empty() ? known->second : knownIntf(command.intf);
@@ -456,30 +570,122 @@ void Simulation::on(PolicyCommand const& command) {
     refuse("these groups were not named before");
 }
 
+void Simulation::fill(Packet::JoinPruneData& data, DataCommand const& command) {
+  std::vector<IpGenAddr> groups;
+  for (auto const& entry : command.entries)
+    if (data.joinPruneGroupData(entry.group)) refuse("group {} is there already", toText(entry.group));
+  for (auto const& entry : command.entries) {
+    auto group = data.joinPruneGroupData(entry.group);
+    if (!group) {
+      group = data.newJoinPruneGroupData(entry.group);
+      groups.push_back(entry.group);
+    }
+    put(*group, entry);
+  }
+  if (command.all) data.joinPruneGroupDataNotifyImmediate();
+  for (auto const& group : groups)
+    if (!command.all) data.joinPruneGroupDataNotify(group);
+}
+
+void Simulation::again(Packet::JoinPruneData& data, DataCommand const& command) {
+  if (command.entries.empty()) data.joinPruneGroupDataNotifyImmediate();
+  for (auto const& entry : command.entries) {
+    auto const group = data.joinPruneGroupData(entry.group);
+    if (!group) refuse("there is no group {}", toText(entry.group));
+    auto const tell = [&](auto all, auto one) {
+      command.all ? (*group.*all)() : (*group.*one)(entry.source);
+    };
+    using G = Packet::JoinPruneGroupData;
+    using All = void (G::*)();
+    using One = void (G::*)(IpGenAddr);
+    if (entry.kind == SourceKind::wildcard) refuse("a (*,G) entry cannot be told of without a change");
+    if (entry.kind == SourceKind::source && entry.join)
+      tell(All(&G::joinedSourceNotifyImmediate), One(&G::joinedSourceNotify));
+    else if (entry.kind == SourceKind::source)
+      tell(All(&G::prunedSourceNotifyImmediate), One(&G::prunedSourceNotify));
+    else if (entry.join)
+      tell(All(&G::joinedRptSourceNotifyImmediate), One(&G::joinedRptSourceNotify));
+    else
+      tell(All(&G::prunedRptSourceNotifyImmediate), One(&G::prunedRptSourceNotify));
+  }
+}
+
+// All or nothing: what cannot be removed is found before anything is.
+void Simulation::refuseUnlessAllAreThere(Packet::JoinPruneData const& data, DataCommand const& command) {
+  std::set<std::tuple<bool, SourceKind, IpGenAddr, IpGenAddr>> removed;
+  for (auto const& entry : command.entries) {
+    auto const group = data.joinPruneGroupData(entry.group);
+    if (!group || !has(*group, entry))
+      refuse("{} has no {} {}", toText(command.target), text(command.channel), toText(entry));
+    if (!removed.emplace(entry.join, entry.kind, entry.source, entry.group).second)
+      refuse("{} has no second {} {}", toText(command.target), text(command.channel), toText(entry));
+  }
+}
+
 void Simulation::on(DataCommand const& command) {
   auto const target = toText(command.target);
   auto const data = dataOf(command.target)[static_cast<std::size_t>(command.channel)];
-  if (!data) refuse("{} is no upstream target", target);
-  // All or nothing: what cannot be removed is found before anything is.
-  std::set<std::tuple<bool, SourceKind, IpGenAddr, IpGenAddr>> removed;
-  for (auto const& entry : command.entries) {
-    if (!command.remove) break;
-    auto const group = data->joinPruneGroupData(entry.group);
-    if (!group || !has(*group, entry))
-      refuse("{} has no {} {}", target, text(command.channel), toText(entry));
-    if (!removed.emplace(entry.join, entry.kind, entry.source, entry.group).second)
-      refuse("{} has no second {} {}", target, text(command.channel), toText(entry));
-  }
-  for (auto const& entry : command.entries) {
-    if (!command.remove) {
-      put(*data->joinPruneGroupDataIs(entry.group), entry);
-      continue;
+  if (command.change == Change::make) {
+    switch (command.channel) {
+      case Channel::triggered:
+        status_->triggeredGroupIs(command.target);
+        return;
+      case Channel::override:
+        status_->overrideGroupIs(command.target);
+        return;
+      case Channel::periodic:
+        status_->periodicGroupStatus()->upJoinPruneIs(command.target);
+        return;
     }
-    auto const group = data->joinPruneGroupData(entry.group);
-    takeOut(*group, entry);
-    // Where there is a machine, emptied groups are its own to remove.
-    if (group->empty() && !(machine_ && machine_->joinPruneNeighborSm(command.target)))
-      data->joinPruneGroupDataDel(entry.group);
+  }
+  if (!data) refuse("{} is no upstream target", target);
+  // Where there is a machine, emptied groups are its own to remove.
+  auto const retireGroup = [&](Packet::JoinPruneGroupData const& group) {
+    if (group.empty() && !(machine_ && machine_->joinPruneNeighborSm(command.target)))
+      data->joinPruneGroupDataDel(group.group());
+  };
+  switch (command.change) {
+    case Change::make:
+      break;
+    case Change::gone:
+      if (command.channel == Channel::triggered)
+        status_->triggeredGroupDel(command.target);
+      else if (command.channel == Channel::override)
+        status_->overrideGroupDel(command.target);
+      else
+        status_->periodicGroupStatus()->upJoinPruneDel(command.target);
+      break;
+    case Change::group:
+      data->joinPruneGroupDataIs(command.group);
+      break;
+    case Change::ungroup:
+      data->joinPruneGroupDataDel(command.group);
+      break;
+    case Change::filled:
+      fill(*data, command);
+      break;
+    case Change::again:
+      again(*data, command);
+      break;
+    case Change::add:
+      for (auto const& entry : command.entries) put(*data->joinPruneGroupDataIs(entry.group), entry);
+      break;
+    case Change::remove:
+      refuseUnlessAllAreThere(*data, command);
+      for (auto const& entry : command.entries) {
+        auto const group = data->joinPruneGroupData(entry.group);
+        takeOut(*group, entry);
+        retireGroup(*group);
+      }
+      break;
+    case Change::removeWildcard: {
+      auto const group = data->joinPruneGroupData(command.group);
+      if (!group || !group->wcSourceData())
+        refuse("{} has no {} (*,{})", target, text(command.channel), toText(command.group));
+      group->wcSourceDataDel();
+      retireGroup(*group);
+      break;
+    }
   }
 }
 
@@ -504,6 +710,44 @@ void Simulation::on(WaitCommand const& command) {
     if (atOnce > mostExpiriesAtOnce) refuse("timers fire for ever at {}", secondsText(now_));
   }
   now_ = std::max(now_, end);
+}
+
+void Simulation::on(BusyCommand const& command) { now_ += command.time; }
+
+void Simulation::on(KeepCommand const& command) {
+  if (!command.target) {
+    kept_.clear();
+    return;
+  }
+  auto const sm = machine_ ? machine_->joinPruneNeighborSm(*command.target) : nullptr;
+  if (!sm) refuse("{} has no machine", toText(*command.target));
+  kept_.push_back(sm);
+}
+
+// Whoever is to serve the transmit record, the manager or the temper.
+void Simulation::serveRecord() {
+  if (temper_.on) {
+    manager_->stop();
+    temperer_->notifierIs(manager_->txMessageInfo());
+  } else {
+    temperer_->notifierIs(nullptr);
+    if (manager_->txMessageInfo()) manager_->start();
+  }
+}
+
+void Simulation::on(RecordCommand const& command) {
+  if (!command.on) {
+    manager_->txMessageInfoDel();
+  } else {
+    manager_->txMessageInfoIs();
+    serveRecord();
+  }
+}
+
+void Simulation::on(TemperCommand const& command) {
+  temper_ = command;
+  temperedMessages_ = 0;
+  serveRecord();
 }
 
 void Simulation::on(SeedCommand const& command) { srand48(command.seed); }

@@ -6,6 +6,8 @@
 //     0.100 timer 10.0.0.2 triggered fires                     if it is late: "fires, due 0.100"
 //     0.100 sent on eth0 from 10.0.0.1, upstream 10.0.0.2, triggered, hold 210, 34 bytes
 //     0.100   join (10.9.0.1,239.1.1.1)                        what the packet's bytes say
+//     0.100 taken on eth0, upstream 10.0.0.2, triggered, hold 210, of 2: 1 source, 0 suppressed, 0 filtered
+//     0.100   join (10.9.0.1,239.1.1.1)                        what a packet manager with a temper has taken
 //     1.000 rxJoin 1: (10.9.0.1,239.1.1.1), Flags: S, Intf: , Neighbor: 10.0.0.1, Holdtime: 210
 //     1.000 trace 7 JoinPruneNeighborSm(eth0::10.0.0.2)::@1::...    @1 stands for the object's address
 //
@@ -18,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "agent/Conversation.h"
 #include "agent/PacketSinks.h"
@@ -47,6 +50,7 @@ class Simulation {
   class RecordWatch;
   class Rps;
   class Groups;
+  class Temper;
 
   // What is known of a neighbor machine; lines on its timers come from comparing it with what is.
   struct Target {
@@ -62,11 +66,15 @@ class Simulation {
   void on(DataCommand const& command);
   void on(ReceiveCommand const& command);
   void on(WaitCommand const& command);
+  void on(BusyCommand const& command);
   void on(SeedCommand const& command);
   void on(CostCommand const& command);
   void on(SetCommand const& command);
   void on(StartCommand const& command);
   void on(DropCommand const& command);
+  void on(KeepCommand const& command);
+  void on(RecordCommand const& command);
+  void on(TemperCommand const& command);
   void on(ShowCommand const& command);
   void on(TraceCommand const& command);
   void on(PacketsCommand const& command);
@@ -74,6 +82,12 @@ class Simulation {
 
   void send(OutgoingPacket const& packet);
   void traced(Vel::TraceLine const& line);
+  void sendTempered(IO::MessageInfo const& record);
+  void serveRecord();
+  void again(Packet::JoinPruneData& data, DataCommand const& command);
+  void fill(Packet::JoinPruneData& data, DataCommand const& command);
+  static void refuseUnlessAllAreThere(Packet::JoinPruneData const& data, DataCommand const& command);
+  std::string_view channelOf(Packet::JoinPruneData const& data) const;
   void machineChanged(IpGenAddr const& address);
   void recorded(JoinPruneMessageInfo const& record, bool join);
 
@@ -111,6 +125,13 @@ class Simulation {
   std::map<std::string, Vel::Ptr<Intf>> intfs_;    // those that are down included
   std::map<IpGenAddr, Vel::Ptr<Intf>> neighbors_;  // where each was last
   Vel::Ptr<JoinPruneMessageSm> machine_;           // null unless started
+  std::vector<Vel::Ptr<JoinPruneNeighborSm>> kept_;
+
+  // A packet manager in place of the real one.
+  TemperCommand temper_;
+  U32 temperedMessages_ = 0;  // since the temper came
+  U32 temperedAtOnce_ = 0;    // in one command
+  Vel::Ptr<Temper> const temperer_;
 
   // What tells of the outputs.
   Vel::Ptr<MachineWatch> const machineWatch_;

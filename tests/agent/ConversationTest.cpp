@@ -51,13 +51,13 @@ TEST(ConversationTest, EachKindOfRouteIsReadAndWrittenInTheSameForm) {
       "(10.9.0.2,239.1.1.1,rpt)");
   EXPECT_EQ(command.channel, Channel::triggered);
   EXPECT_EQ(command.target, IpGenAddr("10.0.0.2"));
-  EXPECT_FALSE(command.remove);
+  EXPECT_EQ(command.change, Change::add);
   EXPECT_THAT(texts(command.entries),
               ElementsAre("join (10.9.0.1,239.1.1.1)", "join (*,239.1.1.1) rp 10.0.0.9",
                           "prune (10.9.0.2,239.1.1.1,rpt)"));
   auto const again = parsed<DataCommand>("override fe80::2 remove prune (2001:db8::1,ff3e::1)");
   EXPECT_EQ(again.channel, Channel::override);
-  EXPECT_TRUE(again.remove);
+  EXPECT_EQ(again.change, Change::remove);
   EXPECT_THAT(texts(again.entries), ElementsAre("prune (2001:db8::1,ff3e::1)"));
 }
 
@@ -103,6 +103,54 @@ TEST(ConversationTest, AnInterfaceTakesItsWordsInAnyOrder) {
   EXPECT_FALSE(bare.address || bare.holdTime || bare.interval || bare.overrideInterval || bare.mtu);
   EXPECT_EQ(parsed<IntfCommand>("intf eth1 none").address, IpGenPrefix());
   EXPECT_TRUE(parsed<IntfCommand>("intf eth1 down").down);
+  EXPECT_FALSE(bare.stay || bare.renew || bare.again);
+  auto const same = parsed<IntfCommand>("intf eth1 again renew stay");
+  EXPECT_TRUE(same.stay && same.renew && same.again);
+}
+
+TEST(ConversationTest, DataChangesInMoreWaysThanByRoutes) {
+  auto const changeOf = [](std::string const& rest) {
+    return parsed<DataCommand>("triggered 10.0.0.2 " + rest).change;
+  };
+  EXPECT_EQ(changeOf("make"), Change::make);
+  EXPECT_EQ(changeOf("gone"), Change::gone);
+  EXPECT_EQ(changeOf("group 239.1.1.1"), Change::group);
+  EXPECT_EQ(changeOf("ungroup 239.1.1.1"), Change::ungroup);
+  EXPECT_EQ(changeOf("again"), Change::again);
+  auto const wildcard = parsed<DataCommand>("override 10.0.0.2 remove wildcard 239.1.1.1");
+  EXPECT_EQ(wildcard.change, Change::removeWildcard);
+  EXPECT_EQ(wildcard.group, IpGenAddr("239.1.1.1"));
+  auto const filled = parsed<DataCommand>("periodic 10.0.0.2 filled all join (10.9.0.1,239.1.1.1)");
+  EXPECT_EQ(filled.change, Change::filled);
+  EXPECT_TRUE(filled.all);
+  EXPECT_THAT(texts(filled.entries), ElementsAre("join (10.9.0.1,239.1.1.1)"));
+  auto const again = parsed<DataCommand>("periodic 10.0.0.2 again join (10.9.0.1,239.1.1.1)");
+  EXPECT_EQ(again.change, Change::again);
+  EXPECT_FALSE(again.all);
+  EXPECT_THAT(texts(again.entries), ElementsAre("join (10.9.0.1,239.1.1.1)"));
+}
+
+TEST(ConversationTest, ATemperTakesItsWordsInAnyOrderAndItsCommandsLast) {
+  using Moment = TemperCommand::Moment;
+  auto const temper = parsed<TemperCommand>(
+      "temper on cost 0.5 tidy take 3 suppressed 2 filtered 1 throws last report 7 8 9 middle of 2 do drop ; "
+      "wait 1");
+  EXPECT_TRUE(temper.on && temper.tidy);
+  EXPECT_EQ(temper.take, 3u);
+  EXPECT_EQ(temper.filtered, 1u);
+  EXPECT_EQ(temper.suppressed, 2u);
+  EXPECT_EQ(temper.report, (TemperCommand::Report{7, 8, 9}));
+  EXPECT_EQ(temper.throws, Moment::last);
+  EXPECT_EQ(temper.cost, 0.5);
+  EXPECT_EQ(temper.moment, Moment::middle);
+  EXPECT_EQ(temper.message, 2u);
+  EXPECT_THAT(temper.commands, ElementsAre("drop", "wait 1"));
+  auto const even = parsed<TemperCommand>("temper on");
+  EXPECT_TRUE(even.on);
+  EXPECT_FALSE(even.report || even.tidy);
+  EXPECT_EQ(even.take, ~0u);
+  EXPECT_THAT(even.commands, IsEmpty());
+  EXPECT_FALSE(parsed<TemperCommand>("temper off").on);
 }
 
 TEST(ConversationTest, AReceivedMessageHasEachGroupOnce) {
@@ -143,6 +191,12 @@ TEST(ConversationTest, TheOtherCommandsSayWhatTheySay) {
   EXPECT_TRUE(parsed<PolicyCommand>("suppress 239.1.0.0/16 off").off);
   EXPECT_EQ(parsed<WaitCommand>("wait 0.25").time, 0.25);
   EXPECT_TRUE(parsed<WaitCommand>("wait until 3").until);
+  EXPECT_EQ(parsed<BusyCommand>("busy 0.25").time, 0.25);
+  EXPECT_TRUE(parsed<NeighborCommand>("neighbor 10.0.0.2 again").again);
+  EXPECT_EQ(parsed<KeepCommand>("keep 10.0.0.2").target, IpGenAddr("10.0.0.2"));
+  EXPECT_FALSE(parsed<KeepCommand>("keep nothing").target);
+  EXPECT_TRUE(parsed<RecordCommand>("record on").on);
+  EXPECT_FALSE(parsed<RecordCommand>("record off").on);
   EXPECT_EQ(parsed<SeedCommand>("seed 7").seed, 7);
   EXPECT_EQ(parsed<CostCommand>("cost 0.03").perMessage, 0.03);
   EXPECT_EQ(parsed<SetCommand>("set 10.0.0.2 loopQuantum 0").attribute, "loopQuantum");
@@ -165,9 +219,10 @@ TEST(ConversationTest, AMistakeIsAnsweredWithWhatWasExpected) {
             "expected an interval in whole seconds from 1 to 65535, not \"0\"");
   EXPECT_EQ(
       complaint("intf eth0 224.0.0.1/24"),
-      "expected an address such as 10.0.0.1/24, none, hold, interval, override, mtu, notify or down, not "
-      "\"224.0.0.1/24\"");
-  EXPECT_EQ(complaint("neighbor 10.0.0.2"), "expected \"on\", \"down\" or \"up\" at the end of the line");
+      "expected an address such as 10.0.0.1/24, none, hold, interval, override, mtu, notify, renew, again, "
+      "stay or down, not \"224.0.0.1/24\"");
+  EXPECT_EQ(complaint("neighbor 10.0.0.2"),
+            "expected \"on\", \"down\", \"up\" or \"again\" at the end of the line");
   EXPECT_EQ(complaint("neighbor unknown on eth0"), "expected the address of a neighbor, not \"unknown\"");
   EXPECT_EQ(complaint("say"), "expected a text at the end of the line");
   EXPECT_EQ(complaint("neighbor eth0 up"), "expected the address of a neighbor, not \"eth0\"");
@@ -189,6 +244,22 @@ TEST(ConversationTest, AMistakeIsAnsweredWithWhatWasExpected) {
   EXPECT_EQ(complaint("trace all"),
             "expected trace levels from 1 to 30, such as 1,2,7, or \"off\", not \"all\"");
   EXPECT_EQ(complaint("packets"), "expected \"brief\" or \"full\" at the end of the line");
+  EXPECT_EQ(complaint("triggered 10.0.0.2 group 10.0.0.1"), "expected a multicast group");
+  EXPECT_EQ(complaint("triggered 10.0.0.2 ungroup"), "expected a group's address at the end of the line");
+  EXPECT_EQ(complaint("triggered 10.0.0.2 filled"), "expected \"join\" or \"prune\" at the end of the line");
+  EXPECT_EQ(complaint("triggered 10.0.0.2 again all of it"), "expected \"join\" or \"prune\", not \"of\"");
+  EXPECT_EQ(complaint("keep eth0"),
+            "expected the address of an upstream target, or \"nothing\", not \"eth0\"");
+  EXPECT_EQ(complaint("record"), "expected \"on\" or \"off\" at the end of the line");
+  EXPECT_EQ(complaint("temper bad"), "expected \"on\" or \"off\", not \"bad\"");
+  EXPECT_EQ(
+      complaint("temper on bad"),
+      "expected take, filtered, suppressed, tidy, report, throws, cost, first, middle or last, not \"bad\"");
+  EXPECT_EQ(complaint("temper on throws up"), "expected \"first\", \"middle\" or \"last\", not \"up\"");
+  EXPECT_EQ(complaint("temper on report 1 2"),
+            "expected a number of entries from 0 to 4294967295 at the end of the line");
+  EXPECT_EQ(complaint("temper on first of 0 do drop"), "expected a message from 1 to 4294967295, not \"0\"");
+  EXPECT_EQ(complaint("temper on first of 1 do drop ; jion"), "expected a command, not \"jion\"");
 }
 
 TEST(ConversationTest, AFileHasAStoryCommandsAndWhatIsExpected) {
@@ -249,11 +320,12 @@ TEST(ConversationTest, AnotherExpectedHalfLeavesTheCommandsAsTheyAre) {
 
 TEST(ConversationTest, TheReferenceNamesEveryCommand) {
   auto const reference = commandReference();
-  for (auto const* word : {"intf", "neighbor",  "rp",       "deny",     "filter",  "suppress", "start",
-                           "drop", "triggered", "override", "periodic", "receive", "wait",     "seed",
-                           "cost", "set",       "packets",  "trace",    "show",    "say"})
+  for (auto const* word :
+       {"intf",      "neighbor", "rp",       "deny",    "filter", "suppress", "start",  "drop",
+        "triggered", "override", "periodic", "receive", "wait",   "seed",     "cost",   "set",
+        "packets",   "trace",    "show",     "say",     "busy",   "keep",     "record", "temper"})
     EXPECT_THAT(reference, HasSubstr(std::string("  ") + word));
-  EXPECT_EQ(std::count(reference.begin(), reference.end(), '\n'), 2 * 20);
+  EXPECT_EQ(std::count(reference.begin(), reference.end(), '\n'), 2 * 24);
 }
 
 }  // namespace

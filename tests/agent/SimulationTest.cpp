@@ -9,6 +9,7 @@ namespace Routing::Pim::Agent {
 namespace {
 
 using namespace Test;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -401,6 +402,99 @@ TEST_F(SimulateTest, HelpHasTheCommands) {
   EXPECT_EQ(outcome.status, 0);
   EXPECT_THAT(outcome.out, HasSubstr("neighbor ADDRESS on NAME | down | up"));
   EXPECT_THAT(outcome.out, HasSubstr("--rewrite"));
+}
+
+// --- What breaks the rules, and packet managers with a temper
+
+TEST_F(SimulationTest, AnInterfaceThatStaysIsChangedWhereItIs) {
+  EXPECT_THAT(outputOf({"intf eth1 10.0.1.1/24 stay"}), IsEmpty());
+  EXPECT_THAT(outputOf({"intf eth1"}), ElementsAre("0.000 machine 10.0.1.1 made on eth1, for the interface"));
+  EXPECT_THAT(outputOf({"intf eth1 again stay"}), IsEmpty());
+  EXPECT_THAT(
+      outputOf({"intf eth1 renew"}),
+      ElementsAre("0.000 machine 10.0.1.1 gone", "0.000 machine 10.0.1.1 made on eth1, for the interface"));
+}
+
+TEST_F(SimulationTest, ANeighborThatIsToldOfAgainIsLookedAtAgain) {
+  EXPECT_THAT(outputOf({"trace 2", "neighbor 10.0.0.2 again"}),
+              ElementsAre(HasSubstr("Neighbor up"), HasSubstr("Not creating SM")));
+}
+
+TEST_F(SimulationTest, WhileNobodyLooksAtTheTimersTheyBecomeLate) {
+  EXPECT_THAT(outputOf({join, "busy 1", "wait 0"}),
+              ElementsAre("0.000 timer 10.0.0.2 triggered armed for 0.100",
+                          "1.000 timer 10.0.0.2 triggered fires, due 0.100", HasSubstr("1.000 sent on"),
+                          "1.000   join (10.9.0.1,239.1.1.1)"));
+}
+
+TEST_F(SimulationTest, DataSetsAndGroupsComeAndGo) {
+  EXPECT_EQ(complaint("triggered 10.0.0.3 group 239.1.1.1"), "10.0.0.3 is no upstream target");
+  EXPECT_THAT(outputOf({"triggered 10.0.0.3 make", "triggered 10.0.0.3 filled join (10.9.0.1,239.1.1.1)",
+                        "triggered 10.0.0.3 group 239.1.1.2", "show"}),
+              Contains(HasSubstr("show 10.0.0.3 without a machine; triggered 2 groups")));
+  EXPECT_EQ(complaint("triggered 10.0.0.3 filled join (10.9.0.2,239.1.1.1)"),
+            "group 239.1.1.1 is there already");
+  EXPECT_THAT(outputOf({"triggered 10.0.0.3 ungroup 239.1.1.1", "show"}),
+              Contains(HasSubstr("show 10.0.0.3 without a machine; triggered 1 group;")));
+  EXPECT_THAT(outputOf({"triggered 10.0.0.3 gone", "show"}), Not(Contains(HasSubstr("10.0.0.3"))));
+}
+
+TEST_F(SimulationTest, WhatIsToldOfWithoutAChangeIsCountedAgain) {
+  run({"periodic 10.0.0.2 join (10.9.0.1,239.1.1.1)", "periodic 10.0.0.2 again join (10.9.0.1,239.1.1.1)",
+       "periodic 10.0.0.2 again all join (10.9.0.1,239.1.1.1)", "periodic 10.0.0.2 again"});
+  EXPECT_THAT(outputOf({"show"}), Contains(HasSubstr("periodic 1 group, 2 routes")));
+  EXPECT_EQ(complaint("periodic 10.0.0.2 again join (10.9.0.1,239.1.1.2)"), "there is no group 239.1.1.2");
+}
+
+TEST_F(SimulationTest, AWildcardIsRemovedWhateverItSays) {
+  run({"drop", "periodic 10.0.0.2 prune (*,239.1.1.1) rp 10.0.0.9",
+       "periodic 10.0.0.2 remove wildcard 239.1.1.1"});
+  EXPECT_THAT(outputOf({"show"}), Contains(HasSubstr("periodic 0 groups")));
+  EXPECT_EQ(complaint("periodic 10.0.0.2 remove wildcard 239.1.1.1"),
+            "10.0.0.2 has no periodic (*,239.1.1.1)");
+}
+
+TEST_F(SimulationTest, ATemperTakesAndReportsWhatItIsTold) {
+  EXPECT_THAT(
+      outputOf({"temper on take 1 filtered 1 report 0 0 0", join,
+                "triggered 10.0.0.2 prune (10.9.0.2,239.1.1.1)", "wait 0.15", "temper off", "wait 0.1"}),
+      ElementsAre("0.000 timer 10.0.0.2 triggered armed for 0.100", "0.100 timer 10.0.0.2 triggered fires",
+                  "0.100 taken on eth0, upstream 10.0.0.2, triggered, hold 210, of 2: 0 sources, 0 "
+                  "suppressed, 1 filtered",
+                  "0.100   join (10.9.0.1,239.1.1.1)", "0.100 timer 10.0.0.2 triggered armed for 0.200",
+                  "0.200 timer 10.0.0.2 triggered fires", HasSubstr("0.200 sent on eth0"),
+                  "0.200   prune (10.9.0.2,239.1.1.1)"));
+}
+
+TEST_F(SimulationTest, ATemperPerformsCommandsInsideASend) {
+  EXPECT_THAT(
+      outputOf({"temper on first of 1 do say now ; intf eth9 down ; drop", join, "wait 1"}),
+      ElementsAre("0.000 timer 10.0.0.2 triggered armed for 0.100", "0.100 timer 10.0.0.2 triggered fires",
+                  "0.100 -- now", "0.100 cannot intf eth9 down: interface eth9 is not up",
+                  "0.100 machine 10.0.0.1 gone", "0.100 machine 10.0.0.2 gone",
+                  HasSubstr("0.100 taken on eth0"), "0.100   join (10.9.0.1,239.1.1.1)"));
+}
+
+TEST_F(SimulationTest, ATemperThatThrowsOrLiesIsAskedAgainButNotForEver) {
+  EXPECT_THAT(outputOf({"temper on throws first", join, "wait 0.15"}),
+              ElementsAre(HasSubstr("armed"), HasSubstr("fires"), "0.100 the packet manager throws",
+                          "0.100 timer 10.0.0.2 triggered armed for 0.200"));
+  auto const lines = outputOf({"temper on take 0 report 1 0 0", "wait 0.1"});
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](auto const& line) { return line.find("taken on") != line.npos; }),
+            41);
+}
+
+TEST_F(SimulationTest, WithoutATransmitRecordNothingIsSentUntilItIsThereAgain) {
+  EXPECT_THAT(outputOf({"record off", join, "wait 0.15"}),
+              ElementsAre(HasSubstr("armed"), HasSubstr("fires"), HasSubstr("armed for 0.200")));
+  EXPECT_THAT(outputOf({"record on", "wait 0.1"}), Contains(HasSubstr("0.200 sent on eth0")));
+}
+
+TEST_F(SimulationTest, AMachineThatIsKeptIsSilentOnceItIsGone) {
+  EXPECT_THAT(outputOf({"keep 10.0.0.2", join, "neighbor 10.0.0.2 down", "wait 1", "keep nothing"}),
+              ElementsAre(HasSubstr("armed"), "0.000 machine 10.0.0.2 gone"));
+  EXPECT_EQ(complaint("keep 10.0.0.2"), "10.0.0.2 has no machine");
 }
 
 }  // namespace
