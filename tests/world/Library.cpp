@@ -10,7 +10,10 @@ namespace {
 
 constexpr Seconds hair = 1e-9;
 
-Vel::TraceHandle& handle() { return Vel::TraceHandle::find("Pim::JoinPrune"); }
+Vel::TraceHandle& handle() {
+  static auto& found = Vel::TraceHandle::find("Pim::JoinPrune");
+  return found;
+}
 
 std::string name(Dova::IpGenAddr const& address) { return Names::get().text(Names::get().number(address)); }
 
@@ -165,7 +168,7 @@ Library::Library()
     if (text.starts_with("0x")) text.insert(text.find(line.function, 2), 1, '\2');
     happened({static_cast<U8>(line.level), std::move(text)});
   });
-  for (U32 level = 0; level <= 8; ++level) handle().levelIs(level, true);
+  tracesIs(true);
   srand48(0);
   status->periodicGroupStatusIs(Vel::create<Packet::JoinPruneStatus>());
   for (U8 i = 0; i < Names::intfs; ++i) intf[i] = Vel::create<Intf>(Names::get().intfId(i));
@@ -181,6 +184,10 @@ Library::~Library() {
   joinWatch_->notifierIs(nullptr);
   pruneWatch_->notifierIs(nullptr);
   engine = nullptr;
+}
+
+void Library::tracesIs(bool on) {
+  for (U32 level = 0; level <= 8; ++level) handle().levelIs(level, on);
 }
 
 // --- The manager's side

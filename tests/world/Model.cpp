@@ -83,16 +83,18 @@ bool Model::Group::takeOut(Kind kind, Addr source) {
 
 // --- Forms. What stands between \1 and \2 is the name of an object, which the library prints as its address.
 
-std::string Model::form(Machine const& m) {
-  return "JoinPruneNeighborSm(" + Names::get().intf(m.intf->name) + "::" + text(m.address) + ")::@\1m" +
-         std::to_string(m.number) + "\2::";
+std::string Model::form(Machine const& m) const {
+  return said("JoinPruneNeighborSm(", Names::get().intf(m.intf->name), "::", text(m.address), ")::@\1m",
+              std::to_string(m.number), "\2::");
 }
 
-std::string Model::form(Machine const& m, Channel channel, Addr group) {
-  return form(m) + channelWords[index(channel)] + "(" + text(group) + ")::";
+std::string Model::form(Machine const& m, Channel channel, Addr group) const {
+  return said(form(m), channelWords[index(channel)], "(", text(group), ")::");
 }
 
-std::string Model::periodicForm(Machine const& m) { return "\1p" + std::to_string(m.number) + "\2"; }
+std::string Model::periodicForm(Machine const& m) const {
+  return said("\1p", std::to_string(m.number), "\2");
+}
 
 // --- Life
 
@@ -124,8 +126,8 @@ void Model::start() {
     if (!statusNeighbors.contains(address) && !ofIntf) {
       trace(2,
             "JoinPruneMessageSm::handleInitialized(), Deleting any pending joins and prunes for deleted "
-            "neighbor " +
-                text(address));
+            "neighbor ",
+            text(address));
       handleNeighbor(address);
     }
     i = periodic.upper_bound(address);
@@ -168,10 +170,10 @@ void Model::unfollowIntf(Engine& e, IntfName name) {
 
 void Model::handleNew(Engine& e, IntfPtr const& i) {
   auto const& name = Names::get().intf(i->name);
-  trace(8, "handleNew(" + name + ")");
-  trace(2, "handleNew(" + name + "), Intf up");
+  trace(8, "handleNew(", name, ")");
+  trace(2, "handleNew(", name, "), Intf up");
   if (e.machines.contains(i->address)) {
-    trace(2, "handleNew, Deleting existing SM for " + text(i->address));
+    trace(2, "handleNew, Deleting existing SM for ", text(i->address));
     deleteTarget(e, i->address);
   }
   machineIs(e, i->address, nullptr, i);
@@ -179,7 +181,7 @@ void Model::handleNew(Engine& e, IntfPtr const& i) {
 }
 
 void Model::handleDel(Engine& e, IntfName name) {
-  trace(2, "handleDel(" + Names::get().intf(name) + "), Intf down");
+  trace(2, "handleDel(", Names::get().intf(name), "), Intf down");
   deleteTarget(e, e.intfs[name].address);
 }
 
@@ -188,10 +190,10 @@ void Model::handleUsedAddress(IntfPtr const& i) {
   auto const known = engine->intfs.find(i->name);
   if (known == engine->intfs.end() || known->second.intf != i) return;
   auto const& name = Names::get().intf(i->name);
-  trace(2, "handleUsedAddress(" + name + "), Address changed");
+  trace(2, "handleUsedAddress(", name, "), Address changed");
   if (known->second.address == i->address) return;
-  trace(4, "handleUsedAddress(" + name + "), Previous address: " + text(known->second.address) +
-               ", New address: " + text(i->address));
+  trace(4, "handleUsedAddress(", name, "), Previous address: ", text(known->second.address),
+        ", New address: ", text(i->address));
   handleDel(*engine, i->name);
   handleNew(*engine, i);
 }
@@ -203,32 +205,31 @@ void Model::deleteTarget(Engine& e, Addr target) {
 
 void Model::handleNeighbor(Addr address) {
   if (!engine) return;
-  std::string const begin = "JoinPruneMessageSm::handleNeighbor(" + text(address) + ")";
+  std::string const begin = said("JoinPruneMessageSm::handleNeighbor(", text(address), ")");
   trace(8, begin);
   auto const n = statusNeighbors.find(address);
   if (n == statusNeighbors.end()) {
-    trace(2, begin + ", Neighbor down");
+    trace(2, begin, ", Neighbor down");
     doMaybeDeleteNeighbor(address);
     return;
   }
-  trace(2, begin + ", Neighbor up");
+  trace(2, begin, ", Neighbor up");
   if (engine->machines.contains(address)) {
-    trace(2,
-          "JoinPruneMessageSm::handleNeighbor, Not creating SM for neighbor " + text(address) +
-              " because one already exists.  This could be due to the interface having the same interface.");
+    trace(2, "JoinPruneMessageSm::handleNeighbor, Not creating SM for neighbor ", text(address),
+          " because one already exists.  This could be due to the interface having the same interface.");
     return;
   }
   machineIs(*engine, address, n->second, n->second->intf);
 }
 
 void Model::doMaybeDeleteNeighbor(Addr address) {
-  std::string const begin = "JoinPruneMessageSm::doMaybeDeleteNeighbor(" + text(address) + ")";
+  std::string const begin = said("JoinPruneMessageSm::doMaybeDeleteNeighbor(", text(address), ")");
   trace(8, begin);
   if (statusNeighbors.contains(address)) return;
   auto const m = engine->machines.find(address);
   if (m != engine->machines.end() && !m->second->neighbor) return;
   if (!dataIs(index(Channel::periodic), address)->groups.empty()) return;
-  trace(2, begin + ", deleting neighbor");
+  trace(2, begin, ", deleting neighbor");
   deleteTarget(*engine, address);
 }
 
@@ -279,8 +280,8 @@ void Model::handleRxMessage(Addr upstream, U16 holdTime, std::map<Addr, GroupPtr
         if (rp == named)
           write(true, ", Join, WC", any, 7, named);
         else
-          trace(2, "JoinPruneMessageSm::handleRxMessage(), RP (" + text(rp) +
-                       ") does not match received RP (" + text(named) + ") for group " + text(address));
+          trace(2, "JoinPruneMessageSm::handleRxMessage(), RP (", text(rp), ") does not match received RP (",
+                text(named), ") for group ", text(address));
       }
     }
     for (Addr const source : g->rptJoined) write(true, ", Join, RPT", source, 5);
@@ -308,9 +309,9 @@ void Model::received(Received& r, char const* kind, bool& header, Addr upstream,
   change(r.flags, flags, "sourceFlags");
   if (rp) change(r.rp, *rp, "wcSource");
   std::string const letters = flags == 4 ? "S" : flags == 5 ? "SR" : "SWR";
-  trace(7, "JoinPruneMessageSm::handleRxMessage()" + std::string(kind) + "(" +
-               (flags == 7 ? "*" : text(source)) + "," + text(group) + "), Flags: " + letters +
-               ", Intf: , Neighbor: " + text(r.upstream) + ", Holdtime: " + number(r.holdTime));
+  trace(7, "JoinPruneMessageSm::handleRxMessage()", std::string(kind), "(", (flags == 7 ? "*" : text(source)),
+        ",", text(group), "), Flags: ", letters, ", Intf: , Neighbor: ", text(r.upstream),
+        ", Holdtime: ", number(r.holdTime));
   ++r.count;
   note(r.name + ".rxCount=" + std::to_string(r.count));
 }
@@ -336,8 +337,8 @@ void Model::initialize(MachinePtr const& m) {
     if (g->wildcard) m->followers[index(Channel::periodic)].at(address).wildcardCounted = true;
     routesInc(*m, g->routes());
   }
-  trace(2, form(*m) + "handleInitialized(), total number of periodic joins and prunes is " +
-               std::to_string(m->routes));
+  trace(2, form(*m), "handleInitialized(), total number of periodic joins and prunes is ",
+        std::to_string(m->routes));
   m->initialized = true;
 }
 
@@ -356,7 +357,7 @@ void Model::reconcile(Machine& m, Channel channel) {
 // Whatever group has come or gone, it is the neighbor's address that is looked up.
 void Model::handleGroup(MachinePtr const& m, Channel channel) {
   std::string const begin =
-      form(*m) + "handle" + channelWords[index(channel)] + "Group(" + text(m->address) + ")";
+      said(form(*m), "handle", channelWords[index(channel)], "Group(", text(m->address), ")");
   trace(7, begin);
   auto const& groups = m->data[index(channel)]->groups;
   if (auto const found = groups.find(m->address); found != groups.end()) {
@@ -367,10 +368,10 @@ void Model::handleGroup(MachinePtr const& m, Channel channel) {
       doUpdateTimer(*m, channel);
     return;
   }
-  trace(7, begin + ": Deleted");
+  trace(7, begin, ": Deleted");
   if (channel != Channel::periodic || !groups.empty()) return;
   if (m->routes != 0) {
-    trace(1, begin + ", Num routes: " + std::to_string(m->routes));
+    trace(1, begin, ", Num routes: ", std::to_string(m->routes));
     throw Stopped{"false"};
   }
   doMaybeDeleteNeighbor(m->address);
@@ -389,13 +390,13 @@ void Model::routesInc(Machine& m, U32 n) {
 }
 
 void Model::validate(Machine& m) {
-  trace(8, form(m) + "validateNumPeriodicRoutes(" + std::to_string(m.routes) + ")");
+  trace(8, form(m), "validateNumPeriodicRoutes(", std::to_string(m.routes), ")");
   if (!m.initialized || !engine->diag) return;
   U32 sum = 0;
   for (auto const& [address, g] : m.data[index(Channel::periodic)]->groups) sum += g->routes();
   if (sum == m.routes) return;
-  trace(1, form(m) + "validateNumPeriodicRoutes, expected: " + std::to_string(sum) +
-               ", got: " + std::to_string(m.routes));
+  trace(1, form(m), "validateNumPeriodicRoutes, expected: ", std::to_string(sum),
+        ", got: ", std::to_string(m.routes));
   throw Stopped{"false"};
 }
 
@@ -413,7 +414,7 @@ void Model::groupsChanged(DataPtr const& data) {
   auto const who = concerned(data);
   if (!who) return;
   reconcile(*who->machine, who->channel);
-  if (who->channel == Channel::periodic) trace(7, form(*who->machine) + "handlePeriodicGroup()");
+  if (who->channel == Channel::periodic) trace(7, form(*who->machine), "handlePeriodicGroup()");
 }
 
 Model::GroupPtr Model::groupIs(DataPtr const& data, Addr group) {
@@ -443,37 +444,37 @@ void Model::sourceChanged(DataPtr const& data, GroupPtr const& group, Kind kind,
 }
 
 void Model::handleOnce(MachinePtr const& m, Channel channel, GroupPtr const& group, Kind kind, Addr source) {
-  std::string const begin = form(*m, channel, group->address) + sourceHandler(kind);
+  std::string const begin = said(form(*m, channel, group->address), sourceHandler(kind));
   std::string const key = kind == Kind::wildcard ? "(*,G)" : "(" + text(source) + ")";
-  if (kind != Kind::wildcard) trace(7, begin + key);
+  if (kind != Kind::wildcard) trace(7, begin, key);
   if (group->has(kind, source)) {
     doUpdateTimer(*m, channel);
     return;
   }
-  trace(7, begin + key + ", Sent");
+  trace(7, begin, key, ", Sent");
   if (group->routes() != 0) return;
-  bool const silent = channel == Channel::triggered && (kind == Kind::join || kind == Kind::rptJoin);
-  if (!silent) trace(7, begin + "(): Finished group " + text(group->address));
+  bool const unsaid = channel == Channel::triggered && (kind == Kind::join || kind == Kind::rptJoin);
+  if (!unsaid) trace(7, begin, "(): Finished group ", text(group->address));
   groupDel(m->data[index(channel)], group->address);
 }
 
 void Model::handlePeriodic(MachinePtr const& m, GroupPtr const& group, Kind kind, Addr source) {
-  std::string const begin = form(*m, Channel::periodic, group->address) + sourceHandler(kind);
+  std::string const begin = said(form(*m, Channel::periodic, group->address), sourceHandler(kind));
   bool const wildcard = kind == Kind::wildcard;
   auto& follower = m->followers[index(Channel::periodic)].at(group->address);
   if (group->has(kind, source)) {
     if (wildcard && follower.wildcardCounted) return;
     routesInc(*m, 1);
     if (wildcard) follower.wildcardCounted = true;
-    trace(7, begin + "(" + text(wildcard ? group->wildcard->rp : source) +
-                 "), added, sources: " + std::to_string(m->routes));
+    trace(7, begin, "(", text(wildcard ? group->wildcard->rp : source),
+          "), added, sources: ", std::to_string(m->routes));
     return;
   }
-  trace(7, begin + (wildcard ? "(*,G)" : "(" + text(source) + ")") + ", Deleted");
+  trace(7, begin, (wildcard ? "(*,G)" : "(" + text(source) + ")"), ", Deleted");
   if (wildcard) follower.wildcardCounted = false;
   routesInc(*m, ~U32{0});
   if (group->routes() != 0) return;
-  trace(7, begin + "(): Deleted group " + text(group->address));
+  trace(7, begin, "(): Deleted group ", text(group->address));
   groupDel(m->data[index(Channel::periodic)], group->address);
 }
 
@@ -498,15 +499,15 @@ U32 Model::armedCount() const {
 void Model::arm(Machine& m, Channel channel, Seconds time) { m.timers[index(channel)] = {time, ++armings_}; }
 
 void Model::doUpdateTimer(Machine& m, Channel channel) {
-  std::string const begin = form(m) + "doUpdate" + channelWords[index(channel)] + "Timer";
+  std::string const begin = said(form(m), "doUpdate", channelWords[index(channel)], "Timer");
   auto const& data = *m.data[index(channel)];
   if (m.timers[index(channel)].time != never) {
-    trace(7, begin + "(): Timer running");
+    trace(7, begin, "(): Timer running");
   } else if (data.groups.empty()) {
-    trace(7, begin + "(): Disarming timer");
+    trace(7, begin, "(): Disarming timer");
   } else {
     U16 const holdTime = m.intf->holdTime;
-    trace(7, begin + "(): Arming timer, setting holdtime to " + std::to_string(holdTime));
+    trace(7, begin, "(): Arming timer, setting holdtime to ", std::to_string(holdTime));
     m.data[index(channel)]->holdTime = holdTime;
     arm(m, channel,
         now + (channel == Channel::triggered ? m.triggeredInterval : randomDelay(m.overrideInterval)));
@@ -570,8 +571,8 @@ void Model::send(RecordPtr const& r) {
 }
 
 void Model::handleOnceExpiry(MachinePtr const& m, Channel channel) {
-  std::string const begin = form(*m) + "handle" + channelWords[index(channel)] + "TimerExpiry";
-  trace(7, begin + "()");
+  std::string const begin = said(form(*m), "handle", channelWords[index(channel)], "TimerExpiry");
+  trace(7, begin, "()");
   Seconds const deadline = now + m->loopQuantum;
   auto const r = prepare(*m, channel);
   auto const& groups = m->data[index(channel)]->groups;
@@ -583,15 +584,15 @@ void Model::handleOnceExpiry(MachinePtr const& m, Channel channel) {
     auto const& report = m->message->report;
     done = (report.sources == 0 && report.filteredSources == 0) || now >= deadline;
     if (done && !groups.empty())
-      trace(7, begin + "(): Suspending TX after " + std::to_string(report.sources) + " sources, " +
-                   std::to_string(report.filteredSources) + " filtered sources");
+      trace(7, begin, "(): Suspending TX after ", std::to_string(report.sources), " sources, ",
+            std::to_string(report.filteredSources), " filtered sources");
   }
   doUpdateTimer(*m, channel);
 }
 
 void Model::doUpdatePeriodicTimer(Machine& m) {
-  trace(8, periodicForm(m) + "interval()");
-  trace(8, periodicForm(m) + "numberOfMessages()");
+  trace(8, periodicForm(m), "interval()");
+  trace(8, periodicForm(m), "numberOfMessages()");
   U64 const routes = m.routes;
   U64 const interval = m.intf->interval;
   U64 const slices = std::clamp<U64>((routes + 999) / 1000, 1, interval * 10);
@@ -608,10 +609,10 @@ void Model::doUpdatePeriodicTimer(Machine& m) {
 }
 
 void Model::handlePeriodicExpiry(MachinePtr const& m) {
-  std::string const begin = periodicForm(*m) + "handlePeriodicTimerExpiry";
-  trace(8, periodicForm(*m) + "doResetHoldTime()");
+  std::string const begin = said(periodicForm(*m), "handlePeriodicTimerExpiry");
+  trace(8, periodicForm(*m), "doResetHoldTime()");
   m->data[index(Channel::periodic)]->holdTime = m->intf->holdTime;
-  trace(8, begin + "()");
+  trace(8, begin, "()");
   constexpr Seconds quantum = 0.1;  // what the neighbor machine was made with
   Seconds const deadline = now + quantum;
   auto const r = prepare(*m, Channel::periodic);
@@ -626,16 +627,16 @@ void Model::handlePeriodicExpiry(MachinePtr const& m) {
     U64 const step = report.sources + report.skipped();
     dealtWith += step;
     if (step == 0 || now >= deadline) {
-      trace(7, begin + "(): Suspending TX after " + std::to_string(count) + " groups, " +
-                   std::to_string(report.sources) + " sources, " + std::to_string(report.suppressedSources) +
-                   " suppressed sources, " + std::to_string(report.filteredSources) + " filtered sources");
+      trace(7, begin, "(): Suspending TX after ", std::to_string(count), " groups, ",
+            std::to_string(report.sources), " sources, ", std::to_string(report.suppressedSources),
+            " suppressed sources, ", std::to_string(report.filteredSources), " filtered sources");
       break;
     }
     count += step;
   }
   m->sending = false;
   if (count == 0 || count >= bound()) {
-    trace(7, begin + "(): Finished TX");
+    trace(7, begin, "(): Finished TX");
     doUpdatePeriodicTimer(*m);
   } else {
     m->left = bound() - std::min(bound(), dealtWith);
@@ -890,7 +891,7 @@ void Model::perform(Operation const& o) {
       auto const& followers = who->machine->followers[index(Channel::periodic)];
       auto const follower = followers.find(group);
       if (follower != followers.end() && follower->second.group == g)
-        trace(7, form(*who->machine, Channel::periodic, group) + sourceHandler(o.kind) + "()");
+        trace(7, form(*who->machine, Channel::periodic, group), sourceHandler(o.kind), "()");
       return;
     }
     case Do::dataMake:

@@ -1,5 +1,5 @@
 // The library told a second time, with maps and plain calls: nothing is watched, every change says itself whom it
-// concerns. It is slow, and short enough to be read beside the description of the protocol; the random worlds
+// concerns. It is slow, and short enough to be checked by reading; the worlds of this folder
 // compare the two after each step.
 #pragma once
 
@@ -172,6 +172,7 @@ class Model {
   std::list<MachinePtr> held;
   U32 channelCount = 0;
   std::vector<Event> events;
+  bool silent = false;  // no events
   ManagerState manager;
   U32 expiries = 0;       // in the current operation
   bool cutShort = false;  // there were more than one operation is to wait for
@@ -189,16 +190,28 @@ class Model {
   bool takeOut(DataPtr const& data, Entry const& entry);
   void removeEmptyGroups(DataPtr const& data);
   void reportIs(MessagePtr const& m, JoinPruneMessage::Report const& report) { m->report = report; }
-  void note(std::string text) { events.push_back({0, std::move(text)}); }
+  void note(std::string text) {
+    if (!silent) events.push_back({0, std::move(text)});
+  }
   void advance(Seconds cost) { now += cost; }
 
  private:
   // --- Traces
 
-  void trace(U8 level, std::string text) { events.push_back({level, std::move(text)}); }
-  static std::string form(Machine const& m);
-  static std::string form(Machine const& m, Channel channel, Addr group);
-  static std::string periodicForm(Machine const& m);
+  /// The pieces in a row, if somebody listens.
+  template <class... Pieces>
+  std::string said(Pieces const&... pieces) const {
+    std::string text;
+    if (!silent) (text.append(pieces), ...);
+    return text;
+  }
+  template <class... Pieces>
+  void trace(U8 level, Pieces const&... pieces) {
+    if (!silent) events.push_back({level, said(pieces...)});
+  }
+  std::string form(Machine const& m) const;
+  std::string form(Machine const& m, Channel channel, Addr group) const;
+  std::string periodicForm(Machine const& m) const;
 
   // --- The message machine
 

@@ -1,7 +1,8 @@
 #include "tests/world/Paste.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <charconv>
+#include <iterator>
 
 #include "tests/world/Model.h"
 
@@ -9,12 +10,10 @@ namespace Routing::Pim::Worlds {
 
 namespace {
 
+// The shortest text that is read as the same number.
 std::string number(Seconds value) {
-  for (int digits = 1;; ++digits) {
-    char text[40];
-    std::snprintf(text, sizeof text, "%.*g", digits, value);
-    if (digits == 17 || std::stod(text) == value) return text;
-  }
+  char text[40];
+  return {text, std::to_chars(std::begin(text), std::end(text), value).ptr};
 }
 
 std::string const& target(Operation const& o) { return Names::get().text(Names::get().target[o.a]); }

@@ -181,6 +181,16 @@ std::string World::step(Operation const& operation) {
   return difference;
 }
 
+void World::repeat(Operation const& operation) {
+  library_.tracesIs(false);
+  model_.silent = true;
+  model_.step(operation);
+  model_.silent = false;
+  library_.manager.messages = library_.expiries = 0;
+  library_.perform(operation);
+  library_.tracesIs(true);
+}
+
 // The library must stop the process with this assertion, and everything up to then must be the same. A copy of the
 // process finds out.
 std::string World::stopDiffers(Operation const& operation, std::string const& expression) {

@@ -1,5 +1,18 @@
 // A small world twice: around the library and around the model. Each operation is done to both, and then everything
 // that can be seen must be the same: what was traced and sent, and the whole state.
+//
+// What is where in this folder:
+//
+//   Names       the addresses and interfaces of a world
+//   Operation   what can be done to it
+//   Model       the library told a second time; short enough to be checked by reading
+//   World       the library in its surroundings, and the comparison (Library.cpp does the operations)
+//   Manager     the packet manager, the same one for both
+//   Random      operations at random, by profile
+//   Shrink      a failing sequence becomes a short one
+//   Paste       a sequence becomes a conversation for `jpagent simulate`
+//
+// Sequences that are not at random are in SmallWorldTest.cpp.
 #pragma once
 
 #include <functional>
@@ -23,6 +36,9 @@ class Library {
   Library& operator=(Library const&) = delete;
 
   void perform(Operation const& operation);
+
+  /// Whether the library traces.
+  void tracesIs(bool on);
 
   // --- The manager's side
 
@@ -83,6 +99,9 @@ class World {
  public:
   /// Does the operation to both. Empty if both did the same, otherwise what differs.
   std::string step(Operation const& operation);
+
+  /// Does it to both without looking, as a step that was looked at before.
+  void repeat(Operation const& operation);
 
   /// The operation stopped the process, in a copy of this one; this world goes on no more.
   bool stopped() const { return stopped_; }
