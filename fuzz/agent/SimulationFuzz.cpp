@@ -105,8 +105,8 @@ Command commandFrom(Input& input) {
     case 9: {
       auto const channel = static_cast<Channel>(input.below(3));
       IpGenAddr const target = unicast(input);
-      bool const remove = input.below(4) == 3;
-      return DataCommand{channel, target, remove, entriesFrom(input)};
+      Change const change = input.below(4) == 3 ? Change::remove : Change::add;
+      return DataCommand{.channel = channel, .target = target, .change = change, .entries = entriesFrom(input)};
     }
     case 10:
       return received(input);
