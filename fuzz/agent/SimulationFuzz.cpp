@@ -106,7 +106,8 @@ Command commandFrom(Input& input) {
       auto const channel = static_cast<Channel>(input.below(3));
       IpGenAddr const target = unicast(input);
       Change const change = input.below(4) == 3 ? Change::remove : Change::add;
-      return DataCommand{.channel = channel, .target = target, .change = change, .entries = entriesFrom(input)};
+      return DataCommand{
+          .channel = channel, .target = target, .change = change, .entries = entriesFrom(input)};
     }
     case 10:
       return received(input);

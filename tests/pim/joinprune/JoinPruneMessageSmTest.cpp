@@ -682,15 +682,15 @@ TEST_F(JoinPruneMessageSmTest, WhoRemovesADataSetForEverGetsNoMachine) {
 TEST_F(JoinPruneMessageSmTest, AMachineThatCannotArmItsTimersIsNotLeftHalfMade) {
   auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
   eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.1/24"));
-  eth0->usedOverrideIntervalInSecondsIs(std::numeric_limits<double>::quiet_NaN());
   for (char const* const target : {"10.0.0.1", "10.0.0.2"})
     group(status->overrideGroupIs(addr(target)), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
   start();
+  time = std::numeric_limits<double>::quiet_NaN();  // no timer can be armed by such a clock
   pim->pimIntfIs(eth0);
   EXPECT_FALSE(machine->pimIntf(Dova::IntfId("eth0")));
   neighbor("10.0.0.2", eth0);
   EXPECT_EQ(machine->joinPruneNeighborSmCount(), 0u);
-  eth0->usedOverrideIntervalInSecondsIs(2.5);
+  time = 1000;
   pim->pimIntfNotify(Dova::IntfId("eth0"));
   pim->pimNeighborNotify(addr("10.0.0.2"));
   EXPECT_TRUE(sm("10.0.0.1"));  // its data went with the interface
