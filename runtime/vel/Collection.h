@@ -25,7 +25,7 @@
 
 namespace Vel {
 
-/// Asks for memory before it is needed. Any address will do; a wrong one costs a moment and nothing else.
+/// Asks for memory before it is needed.
 namespace Prefetch {
 inline constexpr std::size_t line = 64, mostLines = 4;
 
@@ -178,11 +178,13 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
       current_ = nullptr;
       return;
     }
-    if (auto const* const later = table.ahead(position, fetchedAhead)) Prefetch::object(later->element());
-    if constexpr (requires(Element const& element) { element.velPrefetch(); }) {
-      auto const* const soon = table.ahead(position, fetchedAhead / 2);
-      if (soon && soon->element()) soon->element()->velPrefetch();
-    }
+    auto const elementAhead = [&](U32 places) -> Element const* {
+      auto const* const slot = table.ahead(position, places);
+      return slot ? slot->element() : nullptr;
+    };
+    if (Element const* const later = elementAhead(fetchedAhead)) Prefetch::object(later);
+    if constexpr (requires(Element const& element) { element.velPrefetch(); })
+      if (Element const* const soon = elementAhead(fetchedAhead / 2)) soon->velPrefetch();
     current_ = Ptr<Element>(table.at(position).element());
   }
 
