@@ -392,7 +392,18 @@ class World::MachineWatch final : public JoinPruneMessageSm::NotifieeConst {
 // --- Life ----------------------------------------------------------------------------------------
 
 World::World(Input& input) : input_(input) {
-  Vel::traceSinkIs([this](Vel::TraceLine const&) { interrupt(Place::trace); });
+  Vel::traceSinkIs([this](Vel::TraceLine const& line) {
+    // The framework's own line says that a callback threw, maybe one of the data's: the next reactor has not been told.
+    bool const inCallback = line.handle == "Vel";
+    inData_ += inCallback;
+    try {
+      interrupt(Place::trace);
+    } catch (...) {
+      inData_ -= inCallback;
+      throw;
+    }
+    inData_ -= inCallback;
+  });
   U8 const how = input.u8();
   for (U32 level : {1u, 2u, 7u, 8u})
     if (how & 1) Vel::TraceHandle::find("Pim::JoinPrune").levelIs(level, true);
