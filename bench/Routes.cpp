@@ -66,8 +66,8 @@ struct Listener {
   virtual void went(IpGenAddr const& group) = 0;
 };
 struct Counting final : Listener {
-  void came(IpGenAddr const&) override { ++count; }
-  void went(IpGenAddr const&) override { --count; }
+  [[gnu::noipa]] void came(IpGenAddr const&) override { ++count; }
+  [[gnu::noipa]] void went(IpGenAddr const&) override { --count; }
   std::size_t count = 0;
 };
 struct Floor {
