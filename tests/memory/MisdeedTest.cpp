@@ -303,9 +303,9 @@ void addRows(std::vector<Callback>& rows, Subject<T> const& subject) {
     row.declared = subject.type + "." + callback;
     row.name = subject.name + "_" + callback;
     // Without a reference of its own: the entity may go while it is changed.
-    row.trigger = [find = subject.find, trigger = trigger](Scene& s) {
+    row.trigger = [find = subject.find, act = trigger](Scene& s) {
       T* const raw = find(s).get();
-      trigger(s, *raw);
+      act(s, *raw);
     };
     rows.push_back(row);
   }
