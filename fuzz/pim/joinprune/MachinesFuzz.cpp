@@ -93,7 +93,7 @@ class World {
   void setSomething();
   void requireAgreement() const;
 
-  void changeGroup(Vel::Ptr<Data> const& data, bool watchedByMachine);
+  bool mayChangeData() const { return inData_ == 0 && (changing_ == 0 || dropping_ == 0); }
   void put(GroupData& group, U8 kind, IpGenAddr const& source);
   void takeOut(GroupData& group, U8 kind, IpGenAddr const& source);
   void watch(Vel::Ptr<Data> const& data);
@@ -102,6 +102,17 @@ class World {
 
   static constexpr U32 deepest = 4;
 
+  // Counts for as long as it is there.
+  class Inside {
+   public:
+    explicit Inside(U32& count) : count_(count) { ++count_; }
+    ~Inside() { --count_; }
+    Inside(Inside const&) = delete;
+
+   private:
+    U32& count_;
+  };
+
   Input& input_;
   std::array<U8, static_cast<std::size_t>(Place::count)> ordered_{};  // how many operations
   std::array<bool, static_cast<std::size_t>(Place::count)> throwing_{};
@@ -109,6 +120,8 @@ class World {
   // While a callback of a data set, group or source runs, the data stays as it is: another reactor on it may not have
   // heard of the change yet.
   U32 inData_ = 0;
+  // While a machine goes, another may have been started on the same data, and each hears of a change in its turn.
+  U32 changing_ = 0, dropping_ = 0;
   bool starting_ = false;
 
   Seconds time_ = 1000;
@@ -277,14 +290,8 @@ class World::GroupWatch final : public GroupData::NotifieeConst {
 
  private:
   void tell() {
-    ++world_.inData_;
-    try {
-      world_.interrupt(Place::source);
-    } catch (...) {
-      --world_.inData_;
-      throw;
-    }
-    --world_.inData_;
+    Inside const inside(world_.inData_);
+    world_.interrupt(Place::source);
   }
   World& world_;
 };
@@ -299,14 +306,8 @@ class World::DataWatch final : public Data::NotifieeConst {
     // Before the machine's reactor or behind it, as this one is on the data.
     if (auto const found = notifier() ? notifier()->joinPruneGroupData(group) : nullptr)
       world_.watches_.push_back(Vel::create<GroupWatch>(world_, found));
-    ++world_.inData_;
-    try {
-      world_.interrupt(Place::group);
-    } catch (...) {
-      --world_.inData_;
-      throw;
-    }
-    --world_.inData_;
+    Inside const inside(world_.inData_);
+    world_.interrupt(Place::group);
   }
   void onHoldTime() override { world_.interrupt(Place::message); }
   void onZeroReferences() override { world_.interrupt(Place::zeroReferences); }
@@ -357,14 +358,8 @@ class World::SmWatch final : public JoinPruneNeighborSm::NotifieeConst {
  private:
   // The machine is in the middle of hearing of its data.
   void tell() {
-    ++world_.inData_;
-    try {
-      world_.interrupt(Place::neighborSm);
-    } catch (...) {
-      --world_.inData_;
-      throw;
-    }
-    --world_.inData_;
+    Inside const inside(world_.inData_);
+    world_.interrupt(Place::neighborSm);
   }
   World& world_;
 };
@@ -394,15 +389,9 @@ class World::MachineWatch final : public JoinPruneMessageSm::NotifieeConst {
 World::World(Input& input) : input_(input) {
   Vel::traceSinkIs([this](Vel::TraceLine const& line) {
     // The framework's own line says that a callback threw, maybe one of the data's: the next reactor has not been told.
-    bool const inCallback = line.handle == "Vel";
-    inData_ += inCallback;
-    try {
-      interrupt(Place::trace);
-    } catch (...) {
-      inData_ -= inCallback;
-      throw;
-    }
-    inData_ -= inCallback;
+    U32 elsewhere = 0;
+    Inside const inside(line.handle == "Vel" ? inData_ : elsewhere);
+    interrupt(Place::trace);
   });
   U8 const how = input.u8();
   for (U32 level : {1u, 2u, 7u, 8u})
@@ -574,7 +563,8 @@ void World::takeOut(GroupData& group, U8 kind, IpGenAddr const& source) {
 
 void World::changeData() {
   U8 const how = input_.u8(), what = input_.u8();
-  if (inData_ != 0) return;
+  if (!mayChangeData()) return;
+  Inside const inside(changing_);
   IpGenAddr const target = addressOf(how, unicasts);
   auto const data = dataOf(target)[how / 8 % 3];
   if (!data) return;
@@ -611,7 +601,8 @@ void World::receive() {
 void World::passTime() {
   U8 const how = input_.u8();
   // Timers send, and sending changes the data.
-  if (inData_ != 0) return;
+  if (!mayChangeData()) return;
+  Inside const inside(changing_);
   if (how & 1)
     time_ += how / 64.0;
   else if (wheel_->timeMin() < Vel::never)
@@ -631,9 +622,11 @@ void World::start() {
 
 void World::changeMachine() {
   switch (input_.u8() % 4) {
-    case 0:
+    case 0: {
+      Inside const inside(dropping_);
       machine_ = nullptr;
       break;
+    }
     case 1:
       held_.clear();
       break;
