@@ -627,9 +627,10 @@ void World::changeMachine() {
       machine_ = nullptr;
       break;
     }
-    case 1:
-      held_.clear();
+    case 1: {
+      auto const dropped = std::exchange(held_, {});  // whose end may have another one held
       break;
+    }
     case 2:
       if (machine_) {
         if (auto const sm = machine_->joinPruneNeighborSm(addressOf(input_.u8(), unicasts)))
