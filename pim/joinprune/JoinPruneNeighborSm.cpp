@@ -343,8 +343,9 @@ void JoinPruneNeighborSm::doUpdateTimer() {
   }
   Vel::Ptr<Packet::JoinPruneData> const pending = data<Channel>();
   if (!pending || pending->joinPruneGroupDataCount() == 0) {
-    JOIN_PRUNE_TRACE_AS(7, this, function.data(), "(): Disarming timer");
+    // Before the line: whoever is called by it may add what arms the timer.
     timer->timeMinIs(Vel::never);
+    JOIN_PRUNE_TRACE_AS(7, this, function.data(), "(): Disarming timer");
     return;
   }
   U16 const holdTime = intf_ ? intf_->joinPruneHoldTime() : pending->holdTime();
