@@ -13,6 +13,7 @@
 
 #include "bench/Bench.h"
 #include "runtime/dova/IpGenAddr.h"
+#include "runtime/vel/Collection.h"
 
 namespace Bench {
 
@@ -50,6 +51,44 @@ inline std::shared_ptr<Keys const> someKeys(std::size_t size, bool ipv6) {
   std::shuffle(keys->shuffled.begin(), keys->shuffled.end(), random);
   return keys;
 }
+
+/// One of our sets as a container under test.
+template <class Set>
+class OurSet {
+ public:
+  explicit OurSet(Keys const& keys) : keys_(keys) {}
+  void insert(std::size_t i) { set_.insert(keys_.all[i]); }
+  void erase(std::size_t i) { set_.remove(keys_.all[i]); }
+  bool contains(IpGenAddr const& key) const { return set_.contains(key); }
+  std::size_t walk() const {
+    std::size_t sum = 0;
+    for (Vel::SetIterator<Set> i(nullptr, set_); i; ++i) sum += i->isIpv4();
+    return sum;
+  }
+
+ private:
+  Keys const& keys_;
+  Set set_;
+};
+
+/// A set with the standard's interface as a container under test.
+template <class Set>
+class TheirSet {
+ public:
+  explicit TheirSet(Keys const& keys) : keys_(keys) {}
+  void insert(std::size_t i) { set_.insert(keys_.all[i]); }
+  void erase(std::size_t i) { set_.erase(keys_.all[i]); }
+  bool contains(IpGenAddr const& key) const { return set_.contains(key); }
+  std::size_t walk() const {
+    std::size_t sum = 0;
+    for (IpGenAddr const& key : set_) sum += key.isIpv4();
+    return sum;
+  }
+
+ private:
+  Keys const& keys_;
+  Set set_;
+};
 
 /// Bytes in use on the heap.
 inline double heapBytes() {

@@ -3,50 +3,16 @@
 #include <absl/container/flat_hash_set.h>
 
 #include "bench/Containers.h"
-#include "runtime/vel/Collection.h"
 
 namespace {
 
-using Bench::Keys;
 using Dova::IpGenAddr;
 
-class Ours {
- public:
-  explicit Ours(Keys const& keys) : keys_(keys) {}
-  void insert(std::size_t i) { set_.insert(keys_.all[i]); }
-  void erase(std::size_t i) { set_.remove(keys_.all[i]); }
-  bool contains(IpGenAddr const& key) const { return set_.contains(key); }
-  std::size_t walk() const {
-    std::size_t sum = 0;
-    for (Vel::SetIterator<Set> i(nullptr, set_); i; ++i) sum += i->isIpv4();
-    return sum;
-  }
-
- private:
-  using Set = Vel::HashSet<IpGenAddr>;
-  Keys const& keys_;
-  Set set_;
+using Ours = Bench::OurSet<Vel::HashSet<IpGenAddr>>;
+struct Hash {
+  std::size_t operator()(IpGenAddr const& key) const { return key.hash(); }
 };
-
-class Theirs {
- public:
-  explicit Theirs(Keys const& keys) : keys_(keys) {}
-  void insert(std::size_t i) { set_.insert(keys_.all[i]); }
-  void erase(std::size_t i) { set_.erase(keys_.all[i]); }
-  bool contains(IpGenAddr const& key) const { return set_.contains(key); }
-  std::size_t walk() const {
-    std::size_t sum = 0;
-    for (IpGenAddr const& key : set_) sum += key.isIpv4();
-    return sum;
-  }
-
- private:
-  struct Hash {
-    std::size_t operator()(IpGenAddr const& key) const { return key.hash(); }
-  };
-  Keys const& keys_;
-  absl::flat_hash_set<IpGenAddr, Hash> set_;
-};
+using Theirs = Bench::TheirSet<absl::flat_hash_set<IpGenAddr, Hash>>;
 
 struct Bar {
   char const* operation;
