@@ -11,12 +11,14 @@ TimerWheel::TimerWheel()
         return std::chrono::duration<Seconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
       }) {}
 
-TimerWheel::TimerWheel(Clock clock) : clock_(std::move(clock)), tick_(tickOf(now())) {}
+TimerWheel::TimerWheel(Clock clock) : clock_(std::move(clock)), tick_(tickOf(now())) {
+  for (Link& slot : slots_) slot.previous = slot.following = &slot;
+}
 
 TimerWheel::~TimerWheel() {
   // Armed timers that do not hold the wheel: they must not point back into it.
-  for (Notifiee*& first : slots_)
-    while (first) disarm(first);
+  for (Link& slot : slots_)
+    while (slot.following != &slot) remove(static_cast<Notifiee*>(slot.following));
 }
 
 U64 TimerWheel::tickOf(Seconds time) {
@@ -26,33 +28,35 @@ U64 TimerWheel::tickOf(Seconds time) {
   return ticks >= static_cast<Seconds>(lastTick) ? lastTick : static_cast<U64>(ticks);
 }
 
-void TimerWheel::link(Notifiee* timer, U32 slot) {
-  Notifiee*& first = slots_[slot];
-  timer->slot_ = slot;
-  timer->following_ = first;
-  timer->fromBefore_ = &first;
-  if (first) first->fromBefore_ = &timer->following_;
-  first = timer;
-  if (slot != dueSlot) occupied_[slot / slotsPerLevel] |= U64{1} << slot % slotsPerLevel;
+void TimerWheel::append(Link& ring, Notifiee* timer) {
+  Link* const link = timer;
+  link->previous = ring.previous;
+  link->following = &ring;
+  ring.previous->following = link;
+  ring.previous = link;
 }
 
 void TimerWheel::insert(Notifiee* timer) {
   U64 const tick = std::max(tickOf(timer->timeMin_), tick_);  // what is late is due in the current slot
   U64 const differing = tick ^ tick_;
   U32 const level = differing == 0 ? 0 : (63 - static_cast<U32>(__builtin_clzll(differing))) / digitBits;
-  link(timer, level * slotsPerLevel + (tick >> level * digitBits) % slotsPerLevel);
+  U32 const digit = (tick >> level * digitBits) % slotsPerLevel;
+  append(slots_[level * slotsPerLevel + digit], timer);
+  occupied_[level] |= U64{1} << digit;
 }
 
 // Later digits differ from tick_ at a higher level, and within a level a later slot has a higher number: the
 // lowest level that has timers has the earliest, in its lowest slot.
 bool TimerWheel::firstSlot(U32& slot, U64& startTick) const {
   for (U32 level = 0; level < levels; ++level) {
-    if (occupied_[level] == 0) continue;
-    U64 const digit = static_cast<U64>(__builtin_ctzll(occupied_[level]));
-    slot = level * slotsPerLevel + static_cast<U32>(digit);
-    U64 const upper = ~U64{0} << digitBits << level * digitBits;
-    startTick = (tick_ & upper) | digit << level * digitBits;
-    return true;
+    for (; occupied_[level] != 0; occupied_[level] &= occupied_[level] - 1) {
+      U64 const digit = static_cast<U64>(__builtin_ctzll(occupied_[level]));
+      slot = level * slotsPerLevel + static_cast<U32>(digit);
+      if (slots_[slot].following == &slots_[slot]) continue;
+      U64 const upper = ~U64{0} << digitBits << level * digitBits;
+      startTick = (tick_ & upper) | digit << level * digitBits;
+      return true;
+    }
   }
   return false;
 }
@@ -60,23 +64,17 @@ bool TimerWheel::firstSlot(U32& slot, U64& startTick) const {
 Seconds TimerWheel::timeMin() const {
   if (!timeMinKnown_) {
     timeMin_ = Vel::never;
+    auto const look = [this](Link const& ring) {
+      for (Link const* timer = ring.following; timer != &ring; timer = timer->following)
+        timeMin_ = std::min(timeMin_, static_cast<Notifiee const*>(timer)->timeMin_);
+    };
     U32 slot = 0;
     U64 startTick = 0;
-    if (firstSlot(slot, startTick))
-      for (Notifiee const* timer = slots_[slot]; timer; timer = timer->following_)
-        timeMin_ = std::min(timeMin_, timer->timeMin_);
-    for (Notifiee const* timer = slots_[dueSlot]; timer; timer = timer->following_)
-      timeMin_ = std::min(timeMin_, timer->timeMin_);
+    if (firstSlot(slot, startTick)) look(slots_[slot]);
+    look(slots_[dueSlot]);
     timeMinKnown_ = true;
   }
   return timeMin_;
-}
-
-void TimerWheel::Notifiee::unlink() {
-  *fromBefore_ = following_;
-  if (following_) following_->fromBefore_ = fromBefore_;
-  fromBefore_ = nullptr;
-  following_ = nullptr;
 }
 
 TimerWheel::Notifiee::~Notifiee() { Notifiee::timeMinIs(Vel::never); }
@@ -90,9 +88,15 @@ void TimerWheel::Notifiee::doDetach() noexcept {
 void TimerWheel::Notifiee::timeMinIs(Seconds time) {
   if (std::isnan(time)) throw Vel::InvalidArgumentException("a timer cannot be armed for NaN");
   TimerWheel* const wheel = static_cast<TimerWheel*>(velNotifier());
-  if (wheel) wheel->disarm(this);
+  bool const wasArmed = previous != nullptr;
+  if (wasArmed) wheel->remove(this);
   timeMin_ = time;
-  if (wheel && armed()) wheel->arm(this);
+  bool const isArmed = wheel && armed();
+  if (isArmed) {
+    wheel->insert(this);
+    wheel->timeMin_ = std::min(wheel->timeMin_, time);
+  }
+  if (wasArmed != isArmed) wheel->armedCount_ += isArmed ? 1 : -1u;
 }
 
 void TimerWheel::Notifiee::notifierIs(Vel::Ptr<TimerWheel> const& wheel) {
@@ -103,41 +107,33 @@ void TimerWheel::Notifiee::notifierIs(Vel::Ptr<TimerWheel> const& wheel) {
   timeMinIs(time);
 }
 
-void TimerWheel::arm(Notifiee* timer) {
-  timer->armedAs_ = ++armings_;
-  insert(timer);
-  ++armedCount_;
-  if (timeMinKnown_) timeMin_ = std::min(timeMin_, timer->timeMin_);
-}
-
-void TimerWheel::disarm(Notifiee* timer) {
-  if (!timer->fromBefore_) return;
-  U32 const slot = timer->slot_;
-  timer->unlink();
-  --armedCount_;
-  if (slot != dueSlot && !slots_[slot]) occupied_[slot / slotsPerLevel] &= ~(U64{1} << slot % slotsPerLevel);
+// The timer has to be armed again, or counted off.
+void TimerWheel::remove(Notifiee* timer) {
+  Link* const link = timer;
+  link->previous->following = link->following;
+  link->following->previous = link->previous;
+  link->previous = nullptr;
   if (timer->timeMin_ <= timeMin_) timeMinKnown_ = false;
 }
 
-// Cuts a list in two, sorts the halves and merges them. Without the heap: no timer may be lost for want of
-// memory.
-TimerWheel::Notifiee* TimerWheel::sorted(Notifiee* list, U32 count) {
+// Cuts a list in two, sorts the halves and merges them; of equal timers the first stays the first. Without the heap: no
+// timer may be lost for want of memory.
+TimerWheel::Link* TimerWheel::sorted(Link* list, U32 count) {
   if (count < 2) {
-    if (list) list->following_ = nullptr;
+    if (list) list->following = nullptr;
     return list;
   }
-  Notifiee* middle = list;
-  for (U32 i = 0; i < count / 2; ++i) middle = middle->following_;
-  Notifiee* b = sorted(middle, count - count / 2);
-  Notifiee* a = sorted(list, count / 2);
-  Notifiee* result = nullptr;
-  Notifiee** end = &result;
+  Link* middle = list;
+  for (U32 i = 0; i < count / 2; ++i) middle = middle->following;
+  Link* b = sorted(middle, count - count / 2);
+  Link* a = sorted(list, count / 2);
+  Link* result = nullptr;
+  Link** end = &result;
   while (a && b) {
-    bool const bFirst = a->timeMin_ != b->timeMin_ ? b->timeMin_ < a->timeMin_ : b->armedAs_ < a->armedAs_;
-    Notifiee*& taken = bFirst ? b : a;
+    Link*& taken = static_cast<Notifiee*>(b)->timeMin_ < static_cast<Notifiee*>(a)->timeMin_ ? b : a;
     *end = taken;
-    end = &taken->following_;
-    taken = taken->following_;
+    end = &taken->following;
+    taken = taken->following;
   }
   *end = a ? a : b;
   return result;
@@ -146,34 +142,36 @@ TimerWheel::Notifiee* TimerWheel::sorted(Notifiee* list, U32 count) {
 // Moves what is due into the due list, in order.
 void TimerWheel::collectDue(Seconds now) {
   U64 const nowTick = std::max(tickOf(now), tick_);
-  Notifiee* due = nullptr;
+  Link* due = nullptr;
+  Link** end = &due;
   U32 dueCount = 0;
   U32 slot = 0;
   U64 startTick = 0;
   for (bool current = false; !current && firstSlot(slot, startTick) && startTick <= nowTick;) {
     current = slot < slotsPerLevel && startTick == nowTick;  // its later timers stay in it
     tick_ = std::max(tick_, startTick);
-    Notifiee* timer = std::exchange(slots_[slot], nullptr);
+    Link& ring = slots_[slot];
+    Link* timer = std::exchange(ring.following, &ring);
+    ring.previous = &ring;
     occupied_[slot / slotsPerLevel] &= ~(U64{1} << slot % slotsPerLevel);
-    while (timer) {
-      Notifiee* const following = timer->following_;
-      if (timer->timeMin_ <= now) {
-        timer->following_ = due;
-        due = timer;
+    while (timer != &ring) {
+      Link* const following = timer->following;
+      if (static_cast<Notifiee*>(timer)->timeMin_ <= now) {
+        *end = timer;
+        end = &timer->following;
         ++dueCount;
       } else {
-        insert(timer);
+        insert(static_cast<Notifiee*>(timer));
       }
       timer = following;
     }
   }
+  *end = nullptr;
   tick_ = nowTick;
-  Notifiee** end = &slots_[dueSlot];
-  for (Notifiee* timer = sorted(due, dueCount); timer; timer = timer->following_) {
-    timer->slot_ = dueSlot;
-    timer->fromBefore_ = end;
-    *end = timer;
-    end = &timer->following_;
+  for (Link* timer = sorted(due, dueCount); timer;) {
+    Link* const following = timer->following;
+    append(slots_[dueSlot], static_cast<Notifiee*>(timer));
+    timer = following;
   }
 }
 
@@ -183,10 +181,11 @@ void TimerWheel::expire() {
   Seconds const at = now();
   expiring_ = true;
   collectDue(at);
-  while (Notifiee* const first = slots_[dueSlot]) {
-    Vel::Ptr<Notifiee> const timer(first);
-    disarm(first);
-    first->timeMin_ = Vel::never;
+  for (Link& ring = slots_[dueSlot]; ring.following != &ring;) {
+    Vel::Ptr<Notifiee> const timer(static_cast<Notifiee*>(ring.following));
+    remove(timer.get());
+    --armedCount_;
+    timer->timeMin_ = Vel::never;
     if (!timer->hasNotificationActive() || timer->isZombie()) continue;
     try {
       timer->onTime();

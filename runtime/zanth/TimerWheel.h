@@ -30,6 +30,12 @@ using Vel::U32;
 using Vel::U64;
 
 class VEL_API TimerWheel : public Vel::Entity {
+  // A place in a ring of timers; a slot of the wheel is the one with which its ring begins and ends.
+  struct Link {
+    Link* previous = nullptr;  // null while in no ring
+    Link* following = nullptr;
+  };
+
  public:
   /// The current time, in seconds since some fixed point; it should not go backwards.
   using Clock = std::function<Seconds()>;
@@ -38,7 +44,7 @@ class VEL_API TimerWheel : public Vel::Entity {
   class NotifieeConst : public Vel::ReactorOn<TimerWheel> {};
 
   /// A timer. It goes off the wheel when it is destroyed or pointed at another wheel.
-  class VEL_API Notifiee : public Vel::WritableReactor<NotifieeConst, TimerWheel> {
+  class VEL_API Notifiee : public Vel::WritableReactor<NotifieeConst, TimerWheel>, private Link {
    public:
     using Base = Vel::WritableReactor<NotifieeConst, TimerWheel>;
     using Base::notifierIs;
@@ -70,13 +76,7 @@ class VEL_API TimerWheel : public Vel::Entity {
    private:
     friend class TimerWheel;
 
-    void unlink();
-
     Seconds timeMin_ = Vel::never;
-    U64 armedAs_ = 0;                  // running number of the arming, which orders timers of equal time
-    Notifiee** fromBefore_ = nullptr;  // what points here; null while in no list
-    Notifiee* following_ = nullptr;
-    U32 slot_ = 0;
   };
 
   /// On the monotonic clock of the system.
@@ -87,7 +87,7 @@ class VEL_API TimerWheel : public Vel::Entity {
   Seconds now() const { return clock_(); }
 
   /// The earliest time for which a timer is armed; +infinity if none is. Usually O(1); at worst it looks at
-  /// the timers that share the earliest slot.
+  /// the timers that share the earliest slot, and passes slots that have become empty once each.
   Seconds timeMin() const;
 
   /// Calls every timer that is due now. What becomes due or is armed for the past meanwhile waits for the
@@ -105,7 +105,8 @@ class VEL_API TimerWheel : public Vel::Entity {
  private:
   // Time is cut into ticks of 1/1024 s. Level 0 has a slot for each of the next 64 ticks, each further level
   // slots 64 times as wide. A timer sits at the level of the highest digit (base 64) in which its tick
-  // differs from tick_, so it moves down at most once a level before it is due.
+  // differs from tick_, so it moves down at most once a level before it is due. Timers of equal time thus share a slot at
+  // any time, in the order in which they were armed.
   static constexpr U32 digitBits = 6;
   static constexpr U32 slotsPerLevel = 1 << digitBits;
   static constexpr U32 levels = 10;
@@ -115,23 +116,23 @@ class VEL_API TimerWheel : public Vel::Entity {
 
   static U64 tickOf(Seconds time);
 
-  void arm(Notifiee* timer);
-  void disarm(Notifiee* timer);
+  static void append(Link& ring, Notifiee* timer);
+  void remove(Notifiee* timer);
   void insert(Notifiee* timer);
-  void link(Notifiee* timer, U32 slot);
   void collectDue(Seconds now);
-  static Notifiee* sorted(Notifiee* list, U32 count);
+  static Link* sorted(Link* list, U32 count);
   bool firstSlot(U32& slot, U64& startTick) const;
 
   Clock clock_;
   U64 tick_ = 0;
-  U64 armings_ = 0;
   U32 armedCount_ = 0;
   bool expiring_ = false;
   mutable bool timeMinKnown_ = true;
   mutable Seconds timeMin_ = Vel::never;
-  U64 occupied_[levels] = {};  // a bit for each slot of a level that has timers
-  Notifiee* slots_[levels * slotsPerLevel + 1] = {};
+  // A bit for each slot of a level that has timers, or has had some since it was last looked at: a timer that goes does
+  // not look back.
+  mutable U64 occupied_[levels] = {};
+  Link slots_[levels * slotsPerLevel + 1];
 };
 
 }  // namespace Zanth
