@@ -18,14 +18,14 @@ inline Vel::TraceHandle& joinPruneTrace() {
 /// A trace line: the subject's form, the function's name and the pieces, without separators.
 #define JOIN_PRUNE_TRACE_AS(level, subject, function, pieces)                     \
   VEL_TRACE(::Routing::Pim::joinPruneTrace(), level, JOIN_PRUNE_SOURCE, function, \
-            (subject) << (function) << pieces)
+            (subject) << velFunction << pieces)
 
 /// The same from a function that is known by its own name.
 #define JOIN_PRUNE_TRACE(level, subject, pieces) JOIN_PRUNE_TRACE_AS(level, subject, __func__, pieces)
 
 /// A line without a subject.
 #define JOIN_PRUNE_TRACE_BARE(level, pieces) \
-  VEL_TRACE(::Routing::Pim::joinPruneTrace(), level, JOIN_PRUNE_SOURCE, __func__, __func__ << pieces)
+  VEL_TRACE(::Routing::Pim::joinPruneTrace(), level, JOIN_PRUNE_SOURCE, __func__, velFunction << pieces)
 
 /// A signature as it was declared in its class, without the "virtual" that some compilers put before it.
 constexpr char const* plainSignature(char const* pretty) {

@@ -72,8 +72,17 @@ TraceHandle& frameTrace() {
   return handle;
 }
 
-namespace Detail {
-TraceStream::~TraceStream() = default;
+void Detail::composeTrace(TraceHandle& handle, U32 level, std::string_view source, int line,
+                          char const* function,
+                          void (*compose)(std::ostream& text, char const* function, void const* pieces),
+                          void const* pieces) {
+  try {
+    std::ostringstream text;
+    text.precision(12);
+    compose(text, function, pieces);
+    traceHelper(handle, "<unknown>", text, level, handle.level(level), source, line, function);
+  } catch (...) {
+  }
 }
 
 }  // namespace Vel

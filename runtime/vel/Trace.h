@@ -12,7 +12,6 @@
 #pragma once
 
 #include <functional>
-#include <iosfwd>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -82,28 +81,35 @@ VEL_API void traceHelper(TraceHandle& handle, std::string_view context, std::ost
 VEL_API TraceHandle& frameTrace();
 
 namespace Detail {
-/// The stream that a line is composed in: numbers with 12 digits.
-class VEL_API TraceStream : public std::ostringstream {
- public:
-  TraceStream() { precision(12); }
-  ~TraceStream() override;
-};
+/// Composes a line in a stream that shows numbers with 12 digits, and delivers it. Apart from where it is called, so that
+/// a line that is off costs its surroundings neither registers nor stack.
+VEL_API void composeTrace(TraceHandle& handle, U32 level, std::string_view source, int line,
+                          char const* function,
+                          void (*compose)(std::ostream& text, char const* function, void const* pieces),
+                          void const* pieces);
+
+template <class Pieces>
+[[gnu::cold, gnu::noinline]] void trace(TraceHandle& handle, U32 level, std::string_view source, int line,
+                                        char const* function, Pieces const& pieces) {
+  composeTrace(
+      handle, level, source, line, function,
+      [](std::ostream& text, char const* name, void const* p) {
+        (*static_cast<Pieces const*>(p))(text, name);
+      },
+      &pieces);
+}
 }  // namespace Detail
 
 }  // namespace Vel
 
-/// Writes the stream expression `pieces` as one line. Nothing in it is evaluated while the level is off. What it
-/// throws, for want of memory at worst, is swallowed with the line: a trace must not change what the traced code does.
-#define VEL_TRACE(handle, traceLevel, source, function, pieces)                                              \
-  do {                                                                                                       \
-    ::Vel::TraceHandle& velHandle = (handle);                                                                \
-    if (velHandle.wanted(traceLevel)) [[unlikely]] {                                                         \
-      try {                                                                                                  \
-        ::Vel::Detail::TraceStream velText;                                                                  \
-        velText << pieces;                                                                                   \
-        ::Vel::traceHelper(velHandle, "<unknown>", velText, traceLevel, velHandle.level(traceLevel), source, \
-                           __LINE__, function);                                                              \
-      } catch (...) {                                                                                        \
-      }                                                                                                      \
-    }                                                                                                        \
+/// Writes the stream expression `pieces` as one line. Nothing in it is evaluated while the level is off. What it throws,
+/// for want of memory at worst, is swallowed with the line: a trace must not change what the traced code does.
+/// `pieces` runs in a function of its own: it writes `velFunction`, not `__func__`, for the name of the traced one.
+#define VEL_TRACE(handle, traceLevel, source, function, pieces)                                         \
+  do {                                                                                                  \
+    ::Vel::TraceHandle& velHandle = (handle);                                                           \
+    if (velHandle.wanted(traceLevel)) [[unlikely]]                                                      \
+      ::Vel::Detail::trace(                                                                             \
+          velHandle, traceLevel, source, __LINE__, function,                                            \
+          [&](std::ostream& velText, [[maybe_unused]] char const* velFunction) { velText << pieces; }); \
   } while (false)
