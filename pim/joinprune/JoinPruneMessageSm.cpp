@@ -99,7 +99,7 @@ Vel::Ptr<Packet::JoinPruneMessage> JoinPruneMessageSm::txMessageIs() {
 Vel::Ptr<Packet::JoinPruneMessage> JoinPruneMessageSm::newTxMessage() {
   auto const made = Vel::create<Packet::JoinPruneMessage>();
   txMessage_ = made;
-  velDeliver<NotifieeConst>(txMessageId, [](NotifieeConst& r) { r.onTxMessage(); });
+  velDeliver<NotifieeConst, txMessageId>([](NotifieeConst& r) { r.onTxMessage(); });
   return made;
 }
 

@@ -67,7 +67,7 @@ struct JoinPruneNeighborSm::Triggered {
   }
   static auto& timer(JoinPruneNeighborSm& sm) { return sm.triggeredTimer_; }
   static void notifyTimer(JoinPruneNeighborSm& sm) {
-    sm.velDeliver<NotifieeConst>(triggeredTimerId, [](NotifieeConst& r) { r.onTriggeredTimer(); });
+    sm.velDeliver<NotifieeConst, triggeredTimerId>([](NotifieeConst& r) { r.onTriggeredTimer(); });
   }
   static Seconds delay(JoinPruneNeighborSm const& sm) { return sm.triggeredInterval_; }
 };
@@ -87,7 +87,7 @@ struct JoinPruneNeighborSm::Override {
   }
   static auto& timer(JoinPruneNeighborSm& sm) { return sm.overrideTimer_; }
   static void notifyTimer(JoinPruneNeighborSm& sm) {
-    sm.velDeliver<NotifieeConst>(overrideTimerId, [](NotifieeConst& r) { r.onOverrideTimer(); });
+    sm.velDeliver<NotifieeConst, overrideTimerId>([](NotifieeConst& r) { r.onOverrideTimer(); });
   }
   static Seconds delay(JoinPruneNeighborSm const& sm) { return randomDelay(sm.overrideInterval_); }
 };
@@ -557,8 +557,8 @@ Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPruneNeighborSm::joinPrunePeriodicTimerSm
   if (joinPrunePeriodicTimerSm_) return joinPrunePeriodicTimerSm_;
   auto const made = newJoinPrunePeriodicTimerSm(timerWheel, parentSm, loopQuantum, periodicGroup, intf,
                                                 pimPamManager, txMessage);
-  velDeliver<NotifieeConst>(joinPrunePeriodicTimerSmId,
-                            [](NotifieeConst& r) { r.onJoinPrunePeriodicTimerSm(); });
+  velDeliver<NotifieeConst, joinPrunePeriodicTimerSmId>(
+      [](NotifieeConst& r) { r.onJoinPrunePeriodicTimerSm(); });
   return made;
 }
 
@@ -577,8 +577,8 @@ void JoinPruneNeighborSm::joinPrunePeriodicTimerSmDel() {
   auto const removed = std::exchange(joinPrunePeriodicTimerSm_, nullptr);
   if (!removed) return;
   removed->handleRetired();
-  velDeliver<NotifieeConst>(joinPrunePeriodicTimerSmId,
-                            [](NotifieeConst& r) { r.onJoinPrunePeriodicTimerSm(); });
+  velDeliver<NotifieeConst, joinPrunePeriodicTimerSmId>(
+      [](NotifieeConst& r) { r.onJoinPrunePeriodicTimerSm(); });
 }
 
 // --- Groups --------------------------------------------------------------------------------------
@@ -762,7 +762,7 @@ void JoinPruneNeighborSm::numPeriodicRoutesIs(U32 n) {
   Hold const hold(this);
   numPeriodicRoutes_ = n;
   vel_handleNumPeriodicRoutes();
-  velDeliver<NotifieeConst>(numPeriodicRoutesId, [](NotifieeConst& r) { r.onNumPeriodicRoutes(); });
+  velDeliver<NotifieeConst, numPeriodicRoutesId>([](NotifieeConst& r) { r.onNumPeriodicRoutes(); });
 }
 
 U32 JoinPruneNeighborSm::numPeriodicRoutesInc(U32 n) {

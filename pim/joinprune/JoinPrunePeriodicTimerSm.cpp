@@ -143,21 +143,21 @@ void JoinPrunePeriodicTimerSm::handleRetired() {
 }
 
 void JoinPrunePeriodicTimerSm::intervalIs(U32 interval) {
-  velValueIs<NotifieeConst>(interval_, interval, intervalId, [](NotifieeConst& r) { r.onInterval(); });
+  velValueIs<NotifieeConst, intervalId>(interval_, interval, [](NotifieeConst& r) { r.onInterval(); });
 }
 
 void JoinPrunePeriodicTimerSm::holdTimeIs(U16 holdTime) {
-  velValueIs<NotifieeConst>(holdTime_, holdTime, holdTimeId, [](NotifieeConst& r) { r.onHoldTime(); });
+  velValueIs<NotifieeConst, holdTimeId>(holdTime_, holdTime, [](NotifieeConst& r) { r.onHoldTime(); });
 }
 
 void JoinPrunePeriodicTimerSm::numberOfMessagesIs(U32 numberOfMessages) {
-  velValueIs<NotifieeConst>(numberOfMessages_, numberOfMessages, numberOfMessagesId,
-                            [](NotifieeConst& r) { r.onNumberOfMessages(); });
+  velValueIs<NotifieeConst, numberOfMessagesId>(numberOfMessages_, numberOfMessages,
+                                                [](NotifieeConst& r) { r.onNumberOfMessages(); });
 }
 
 void JoinPrunePeriodicTimerSm::initializedIs(bool initialized) {
-  velValueIs<NotifieeConst>(initialized_, initialized, initializedId,
-                            [](NotifieeConst& r) { r.onInitialized(); });
+  velValueIs<NotifieeConst, initializedId>(initialized_, initialized,
+                                           [](NotifieeConst& r) { r.onInitialized(); });
 }
 
 Vel::AttributeTable const& JoinPrunePeriodicTimerSm::attributeTable() const {

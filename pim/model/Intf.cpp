@@ -3,7 +3,7 @@
 namespace Routing::Pim {
 
 void Intf::usedAddressWithMaskNotify() {
-  velDeliver<NotifieeConst>(usedAddressWithMaskId, [](NotifieeConst& r) { r.onUsedAddressWithMask(); });
+  velDeliver<NotifieeConst, usedAddressWithMaskId>([](NotifieeConst& r) { r.onUsedAddressWithMask(); });
 }
 
 Vel::AttributeTable const& Intf::attributeTable() const {

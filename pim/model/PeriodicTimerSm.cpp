@@ -34,8 +34,8 @@ void PeriodicTimerSm::velVisitReactors(ReactorVisitor const& visit) {
 }
 
 void PeriodicTimerSm::periodicParamsIs(PeriodicParams const& params) {
-  velValueIs<NotifieeConst>(periodicParams_, params, periodicParamsId,
-                            [](NotifieeConst& r) { r.onPeriodicParams(); });
+  velValueIs<NotifieeConst, periodicParamsId>(periodicParams_, params,
+                                              [](NotifieeConst& r) { r.onPeriodicParams(); });
 }
 
 Vel::Ptr<PeriodicTimerSm::VelPeriodicTimer> PeriodicTimerSm::newPeriodicTimer(

@@ -48,7 +48,7 @@
  public:                                                                                                     \
   ::Vel::Read<Type> foo() const { return foo##_; }                                                           \
   void foo##Is(Type const& value) {                                                                          \
-    this->template velValueIs<NotifieeConst>(foo##_, value, foo##Id, [](NotifieeConst& r) { r.on##Foo(); }); \
+    this->template velValueIs<NotifieeConst, foo##Id>(foo##_, value, [](NotifieeConst& r) { r.on##Foo(); }); \
   }                                                                                                          \
   void foo##Is(Type const&) const { ::Vel::throwConstInstance(); }                                           \
                                                                                                              \
@@ -62,7 +62,7 @@
   ::Vel::Seconds foo() const { return foo##_; }                                                              \
   void foo##Is(::Vel::Seconds value) {                                                                       \
     if (std::isnan(value)) throw ::Vel::InvalidArgumentException(#foo " cannot be NaN");                     \
-    this->template velValueIs<NotifieeConst>(foo##_, value, foo##Id, [](NotifieeConst& r) { r.on##Foo(); }); \
+    this->template velValueIs<NotifieeConst, foo##Id>(foo##_, value, [](NotifieeConst& r) { r.on##Foo(); }); \
   }                                                                                                          \
   void foo##Is(::Vel::Seconds) const { ::Vel::throwConstInstance(); }                                        \
                                                                                                              \
@@ -88,7 +88,7 @@
  public:                                                                                                   \
   ::Vel::Ptr<Target> foo() const { return foo##_; }                                                        \
   void foo##Is(::Vel::Ptr<Target> const& ptr) {                                                            \
-    this->template velValueIs<NotifieeConst>(foo##_, ptr, foo##Id, [](NotifieeConst& r) { r.on##Foo(); }); \
+    this->template velValueIs<NotifieeConst, foo##Id>(foo##_, ptr, [](NotifieeConst& r) { r.on##Foo(); }); \
   }                                                                                                        \
   void foo##Is(::Vel::Ptr<Target> const&) const { ::Vel::throwConstInstance(); }                           \
                                                                                                            \
@@ -107,13 +107,13 @@
 #define VEL_COLLECTION_NOTIFY(Key, foo, Foo)                                                                \
  public:                                                                                                    \
   void foo##Notify(Key key) {                                                                               \
-    this->template velDeliverKey<NotifieeConst>(                                                            \
-        foo##Id, [&key](NotifieeConst& r) { r.on##Foo(Key(key)); }, [](NotifieeConst& r) { r.on##Foo(); }); \
+    this->template velDeliverKey<NotifieeConst, foo##Id>([&key](NotifieeConst& r) { r.on##Foo(Key(key)); }, \
+                                                         [](NotifieeConst& r) { r.on##Foo(); });            \
   }                                                                                                         \
   void foo##Notify(Key) const { ::Vel::throwConstInstance(); }                                              \
   /** Tells the reactors that the collection as a whole may have changed. */                                \
   void foo##NotifyImmediate() {                                                                             \
-    this->template velDeliver<NotifieeConst>(foo##Id, [](NotifieeConst& r) { r.on##Foo##velImmediate(); }); \
+    this->template velDeliver<NotifieeConst, foo##Id>([](NotifieeConst& r) { r.on##Foo##velImmediate(); }); \
   }                                                                                                         \
   void foo##NotifyImmediate() const { ::Vel::throwConstInstance(); }
 

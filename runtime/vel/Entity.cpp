@@ -22,6 +22,35 @@ SnapshotIterator::~SnapshotIterator() {
   if (reactors_ != inline_) delete[] reactors_;
 }
 
+void Delivery::takeSnapshot() {
+  for (Reactor* r = at_;; r = r->next_) {
+    if (r->isRegisteredNotifiee()) {
+      r->newRef();
+      snapshot_[count_++] = r;
+    }
+    if (r == last_) break;
+  }
+}
+
+// Goes on after the call of the snapshot's first reactor.
+void Entity::velFinish(Act act, void const* context) {
+  Delivery& delivery = *delivery_;
+  delivery.snapshot_[0]->deleteRef();
+  for (U32 i = 1; i < delivery.count_; ++i) {
+    act(*this, *delivery.snapshot_[i], context);
+    delivery.snapshot_[i]->deleteRef();
+  }
+  delivery_ = nullptr;
+  if (delivery.abandoned_ && references() == 0) handleZeroRef();
+}
+
+bool Entity::velInUse() {
+  if (!delivery_) return false;
+  velDisturb();
+  delivery_->abandoned_ = true;
+  return true;
+}
+
 namespace {
 
 // A part of a snapshot; the parts are chained from the first to the last.
@@ -36,24 +65,34 @@ struct SnapshotPart {
 template <class Take, class Act>
 void walkOnStack(Take const& take, Act const& act, SnapshotPart* first, SnapshotPart* last) {
   SnapshotPart part;
-  (last ? last->following : first) = &part;
+  SnapshotPart*& before = last ? last->following : first;
+  before = &part;
   while (part.count < SnapshotPart::capacity) {
     Reactor* const reactor = take();
     if (!reactor) break;
     part.reactors[part.count++] = reactor;
   }
-  if (part.count == SnapshotPart::capacity) {
+  if (part.count == SnapshotPart::capacity)
     walkOnStack(take, act, first, &part);
-    return;
-  }
-  for (; first; first = first->following)
-    for (U32 i = 0; i < first->count; ++i) act(*first->reactors[i]);
+  else
+    for (SnapshotPart const* p = first; p; p = p->following)
+      for (U32 i = 0; i < p->count; ++i) act(*p->reactors[i]);
+  before = nullptr;
 }
 
 }  // namespace
 
-void Entity::velForEachReactorWithoutHeap(void (*act)(Reactor& reactor, void const* context),
-                                          void const* context) {
+// Whatever has changed must be told: where there is no memory for the snapshot, it is taken on the stack.
+void Entity::velForEachOfSnapshot(Act act, void const* context) {
+  Keep const keep(this);
+  try {
+    for (SnapshotIterator i(*this); i; ++i) act(*this, *i, context);
+  } catch (std::bad_alloc const&) {
+    velForEachWithoutHeap(act, context);
+  }
+}
+
+void Entity::velForEachWithoutHeap(Act act, void const* context) {
   Reactor* next = notifiees_;
   auto const take = [this, &next]() -> Reactor* {
     while (next) {
@@ -66,7 +105,7 @@ void Entity::velForEachReactorWithoutHeap(void (*act)(Reactor& reactor, void con
     return nullptr;
   };
   auto const call = [&](Reactor& reactor) {
-    act(reactor, context);
+    act(*this, reactor, context);
     reactor.deleteRef();
   };
   walkOnStack(take, call, nullptr, nullptr);
@@ -83,7 +122,7 @@ void Entity::doDetach() noexcept {
 }
 
 void Entity::zeroReferencesIs(bool zero) {
-  if (zero) velDeliver<Reactor>(zeroReferencesId, [](Reactor& reactor) { reactor.onZeroReferences(); });
+  if (zero) velDeliver<Reactor, zeroReferencesId>([](Reactor& reactor) { reactor.onZeroReferences(); });
 }
 
 AttributeTable const& Entity::attributeTable() const {

@@ -13,8 +13,8 @@
 
 namespace Vel {
 
-/// A copy of an entity's reactors, taken before the first callback: counted, in the order of registration,
-/// each released as the walk passes it. Up to 16 of them need no heap.
+/// A copy of an entity's reactors: counted, in the order of registration, each released as the walk passes it. Up to 16
+/// of them need no heap.
 class VEL_API SnapshotIterator {
  public:
   explicit SnapshotIterator(Entity const& entity);
@@ -35,6 +35,36 @@ class VEL_API SnapshotIterator {
   Reactor** reactors_ = inline_;
   U32 count_ = 0;
   U32 position_ = 0;
+};
+
+/// A delivery to few reactors. It walks the entity's list in place, and counts nobody, for as long as the list, the
+/// reactors and the entity stay. What is about to change that gives it a snapshot of what it still has to do first, so
+/// that nobody can tell the difference from a snapshot taken at the start. The entity lives until it has ended.
+class VEL_API Delivery {
+ public:
+  static constexpr U32 capacity = 16;
+
+  /// From `first` to the last reactor that is in the ring now. REQUIRES: they are at most `capacity`.
+  explicit Delivery(Reactor* first) : at_(first), last_(first->previous_) {}
+  Delivery(Delivery const&) = delete;
+  Delivery& operator=(Delivery const&) = delete;
+
+  Reactor* last() const { return last_; }
+  /// REQUIRES: no snapshot has been taken.
+  void atIs(Reactor* reactor) { at_ = reactor; }
+
+  bool hasSnapshot() const { return count_ != 0; }
+  /// The reactor that is being called comes first in it.
+  void takeSnapshot();
+
+ private:
+  friend class Entity;
+
+  Reactor* at_;
+  Reactor* const last_;
+  U32 count_ = 0;
+  bool abandoned_ = false;  // nobody refers to the entity any more
+  Reactor* snapshot_[capacity];
 };
 
 /// One row of an entity type's attribute table; see VEL_ROW in Attribute.h.
@@ -104,39 +134,33 @@ class VEL_API Entity : public Counted {
   /// True if somebody refers to this entity, and not only what runs or stands at the moment.
   bool velReferred() const { return references() > keeps_; }
 
-  /// Calls `call(reactor)` on each reactor of type R in a snapshot, each under its own guard, and keeps this
-  /// entity alive meanwhile. `id` is what a throwing reactor is told.
-  template <class R, class Call>
-  void velDeliver(AttributeId id, Call const& call) {
-    if (!notifiees_) return;
-    Keep const keep(this);
-    if (notifiees_->next_ == notifiees_) {
-      Ptr<Reactor> const only(notifiees_);
-      if (only->isRegisteredNotifiee()) velCall<R>(*only, id, call);
-      return;
-    }
-    velForEachReactor([&](Reactor& reactor) { velCall<R>(reactor, id, call); });
+  /// Calls `call(reactor)` on each reactor of type R that is registered now, each under its own guard, and keeps this
+  /// entity alive meanwhile. `id` is what a throwing reactor is told. `call` is copied.
+  template <class R, AttributeId id, class Call>
+  VEL_INLINE void velDeliver(Call const& call) {
+    if (notifiees_)
+      velForEachReactor([call](Entity const&, Reactor& reactor)
+                            VEL_INLINE { velCall<R, id>(reactor, call); });
   }
 
   /// The same for a key of a collection: two callbacks on each reactor, each under its own guard.
-  template <class R, class KeyCall, class Call>
-  void velDeliverKey(AttributeId id, KeyCall const& keyCall, Call const& call) {
-    if (!notifiees_) return;
-    Keep const keep(this);
-    velForEachReactor([&](Reactor& reactor) {
-      velCall<R>(reactor, id, keyCall);
-      velCall<R>(reactor, id, call);
-    });
+  template <class R, AttributeId id, class KeyCall, class Call>
+  VEL_INLINE void velDeliverKey(KeyCall const& keyCall, Call const& call) {
+    if (notifiees_)
+      velForEachReactor([keyCall, call](Entity const& self, Reactor& reactor) VEL_INLINE {
+        velCall<R, id>(reactor, keyCall);
+        if (reactor.velAccepts(&self)) velCall<R, id>(reactor, call);
+      });
   }
 
   /// Sets a value or pointer attribute: equal is nothing, different is stored, then delivered. True if
   /// changed.
-  template <class R, class Value, class Call>
-  bool velValueIs(Value& stored, Value const& value, AttributeId id, Call const& call) {
+  template <class R, AttributeId id, class Value, class Call>
+  bool velValueIs(Value& stored, Value const& value, Call const& call) {
     if (stored == value) return false;
     [[maybe_unused]] Value const displaced =
         std::exchange(stored, value);  // dropped only when everybody has been told
-    velDeliver<R>(id, call);
+    velDeliver<R, id>(call);
     return true;
   }
 
@@ -144,22 +168,44 @@ class VEL_API Entity : public Counted {
   friend class Reactor;
   friend class SnapshotIterator;
 
-  // Whatever has changed must be told: where there is no memory for the snapshot, it is taken on the stack. `act` does
-  // not throw.
-  template <class Act>
-  void velForEachReactor(Act const& act) {
-    try {
-      for (SnapshotIterator i(*this); i; ++i) act(*i);
-    } catch (std::bad_alloc const&) {
-      velForEachReactorWithoutHeap(
-          [](Reactor& reactor, void const* a) { (*static_cast<Act const*>(a))(reactor); }, &act);
-    }
-  }
-  void velForEachReactorWithoutHeap(void (*act)(Reactor& reactor, void const* context), void const* context);
+  using Act = void (*)(Entity const& self, Reactor& reactor, void const* context);
 
-  template <class R, class Call>
-  void velCall(Reactor& reactor, AttributeId id, Call const& call) {
-    if (!reactor.velAccepts(this)) return;
+  // `act` does not throw. It is copied to where it is passed on by its address: in the loop it needs no memory.
+  template <class F>
+  [[gnu::noinline]] void velForEachReactor(F act) {
+    Act const any = [](Entity const& self, Reactor& reactor, void const* f) {
+      if (reactor.velAccepts(&self)) (*static_cast<F const*>(f))(self, reactor);
+    };
+    if (reactors_ > Delivery::capacity || delivery_ || threadSafe()) [[unlikely]] {
+      F const copy = act;
+      return velForEachOfSnapshot(any, &copy);
+    }
+    Reactor* r = notifiees_;
+    Delivery delivery(r);
+    for (delivery_ = &delivery;;) {
+      if (r->velListens()) act(*this, *r);
+      if (delivery.hasSnapshot()) [[unlikely]] {
+        F const copy = act;
+        return velFinish(any, &copy);
+      }
+      if (r == delivery.last()) break;
+      delivery.atIs(r = r->next_);
+    }
+    delivery_ = nullptr;
+  }
+  void velForEachOfSnapshot(Act act, void const* context);
+  void velForEachWithoutHeap(Act act, void const* context);
+  void velFinish(Act act, void const* context);
+
+  // Called before the list changes or a reactor in it ends.
+  void velDisturb() {
+    if (delivery_ && !delivery_->hasSnapshot()) delivery_->takeSnapshot();
+  }
+
+  bool velInUse() override;
+
+  template <class R, AttributeId id, class Call>
+  VEL_INLINE static void velCall(Reactor& reactor, Call const& call) noexcept {
     R* const typed = R::velMixedTypes ? dynamic_cast<R*>(&reactor) : static_cast<R*>(&reactor);
     if (!typed) return;
     try {
@@ -171,6 +217,8 @@ class VEL_API Entity : public Counted {
 
   mutable U32 keeps_ = 0;
   Reactor* notifiees_ = nullptr;  // the first of a ring in the order of registration
+  Delivery* delivery_ = nullptr;  // the one that walks the ring
+  U32 reactors_ = 0;              // in the ring
 };
 
 }  // namespace Vel

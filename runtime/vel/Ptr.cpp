@@ -22,7 +22,10 @@ void Counted::doTeardown() {}
 
 void Counted::doDetach() noexcept {}
 
+bool Counted::velInUse() { return false; }
+
 void Counted::handleZeroRef() {
+  if (velInUse()) return;
   bitIs(zeroHandlingBit, true);
   try {
     zeroReferencesIs(true);

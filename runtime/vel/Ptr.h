@@ -85,9 +85,14 @@ class VEL_API Counted {
   static constexpr U32 zeroHandlingBit = 1u << 29;
   static constexpr U32 countMask = 0x5fffffff;
 
+  friend class Entity;  // which looks again at its count when what put off its end is over
+
   void handleZeroRef();
 
-  U32 word() const { return threadSafe() ? std::atomic_ref(word_).load(std::memory_order_relaxed) : word_; }
+  // True if something that runs needs the object a little longer, and looks at its count again afterwards.
+  virtual bool velInUse();
+
+  U32 word() const { return std::atomic_ref(word_).load(std::memory_order_relaxed); }
   // The bits share their word with a count that other threads may move.
   void bitIs(U32 bit, bool on) {
     if (threadSafe())

@@ -65,6 +65,7 @@ void Reactor::isRegisteredNotifieeIs(bool registered) {
 
 // At the end of the notifier's list.
 void Reactor::link() {
+  ++notifier_->reactors_;
   Reactor*& first = notifier_->notifiees_;
   if (!first) {
     previous_ = next_ = first = this;
@@ -76,8 +77,10 @@ void Reactor::link() {
 }
 
 void Reactor::unlink() {
-  flags_ &= ~unregistered;
   if (!next_) return;
+  notifier_->velDisturb();
+  flags_ &= ~unregistered;
+  --notifier_->reactors_;
   Reactor*& first = notifier_->notifiees_;
   if (next_ == this) {
     first = nullptr;
@@ -87,6 +90,12 @@ void Reactor::unlink() {
     if (first == this) first = next_;
   }
   previous_ = next_ = nullptr;
+}
+
+// A delivery that is calling this reactor, or has still to call it, takes it into its snapshot.
+bool Reactor::velInUse() {
+  if (next_) notifier_->velDisturb();
+  return references() != 0;
 }
 
 bool Reactor::velNotifierIs(Entity* notifier) {

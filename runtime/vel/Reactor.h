@@ -96,6 +96,7 @@ class VEL_API Reactor : public Counted {
  private:
   friend class Entity;
   friend class SnapshotIterator;
+  friend class Delivery;
 
   static constexpr U32 inactive = 1;
   static constexpr U32 nondestructing = 2;
@@ -103,12 +104,16 @@ class VEL_API Reactor : public Counted {
 
   void link();
   void unlink();
+  bool velInUse() override;
 
   /// Whether a pass over `entity`'s reactors still concerns this one. One that was unbound in the pass is
   /// called all the same, as one that was only unregistered.
   bool velAccepts(Entity const* entity) const {
     return (flags_ & inactive) == 0 && !zombie() && (notifier_ == entity || notifier_ == nullptr);
   }
+
+  /// Whether it is to be called, while it stands in its notifier's list.
+  bool velListens() const { return (flags_ & (inactive | unregistered)) == 0 && !zombie(); }
 
   U32 flags_ = 0;
   Entity* notifier_ = nullptr;

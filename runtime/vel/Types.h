@@ -5,6 +5,9 @@
 #include <limits>
 #include <type_traits>
 
+/// For what stands in the path of every change: inlined even where the compiler would rather save space.
+#define VEL_INLINE __attribute__((always_inline))
+
 namespace Vel {
 
 using U8 = std::uint8_t;
