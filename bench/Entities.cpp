@@ -52,7 +52,7 @@ struct KeyOf {
   type const& operator()(Hooked const& element) const { return element.key; }
 };
 struct Hash {
-  std::size_t operator()(IpGenAddr const& key) const { return key.hash(); }
+  std::size_t operator()(IpGenAddr const& key) const { return key.order() >> 2; }
 };
 
 class Theirs {

@@ -39,14 +39,18 @@ class Ip6Addr {
   std::array<U8, 16> bytes() const { return std::bit_cast<std::array<U8, 16>>(*this); }
 
   /// 30 bits, seeded by `Vel::hashSeedIs`.
-  U32 hash() const {
+  U32 hash() const { return Vel::bitReverse(order()); }
+  /// The same in reverse, which is the order of collections, and cheaper.
+  U32 order() const {
     U64 high, low;
     std::memcpy(&high, words_, 8);
     std::memcpy(&low, words_ + 2, 8);
-    return Vel::hash128(high, low);
+    return Vel::order128(high, low);
   }
 
-  friend bool operator==(Ip6Addr const& a, Ip6Addr const& b) = default;
+  friend bool operator==(Ip6Addr const& a, Ip6Addr const& b) {
+    return std::memcmp(a.words_, b.words_, sizeof a.words_) == 0;
+  }
   friend bool operator<(Ip6Addr const& a, Ip6Addr const& b) {
     return std::memcmp(a.words_, b.words_, sizeof a.words_) < 0;
   }
@@ -118,6 +122,7 @@ class VEL_API IpGenAddr {
   U8 width() const { return isIpv4() ? 32 : isIpv6() ? 128 : 0; }
 
   U32 hash() const { return ip6_.hash(); }
+  U32 order() const { return ip6_.order(); }
 
   friend bool operator==(IpGenAddr const& a, IpGenAddr const& b) = default;
 
@@ -127,7 +132,7 @@ class VEL_API IpGenAddr {
   }
 
  private:
-  friend class AddressSlot;
+  friend struct AddressSlot;
   IpGenAddr(Ip6Addr const& ip6, AddressFamily af) : ip6_(ip6), af_(af) {}
 
   Ip6Addr ip6_;
@@ -141,26 +146,18 @@ VEL_API std::string toText(IpGenAddr const& address);
 /// For attributes that are set by name.
 VEL_API bool fromText(std::string_view text, IpGenAddr& address);
 
-/// An address in a hash table: the two low bits that a 30-bit hash leaves free hold the family, so that a
-/// slot is no larger than the address.
-class AddressSlot {
- public:
+/// How a set stores an address: the two low bits that a 30-bit hash leaves free hold the family.
+struct AddressSlot {
   using Key = IpGenAddr;
+  using Stored = Ip6Addr;
 
-  AddressSlot() = default;
-  explicit AddressSlot(Key const& key)
-      : ip6_(key.ip6_), orderAndFamily_(orderOf(key) | (static_cast<U32>(key.af_) + 1)) {}
-
-  U32 mark() const { return orderAndFamily_; }
-  Key key() const { return Key(ip6_, static_cast<AddressFamily>((orderAndFamily_ & 3) - 1)); }
-  static U32 orderOf(Key const& key) { return Vel::bitReverse(key.hash()); }
-
- private:
-  Ip6Addr ip6_;
-  U32 orderAndFamily_ = 0;
+  static U32 mark(Key const& key) { return key.order() | (static_cast<U32>(key.af_) + 1); }
+  static Stored const& stored(Key const& key) { return key.ip6_; }
+  static Key key(U32 mark, Stored const& stored) {
+    return Key(stored, static_cast<AddressFamily>((mark & 3) - 1));
+  }
+  static bool holds(Stored const& stored, Key const& key) { return stored == key.ip6_; }
 };
-
-static_assert(sizeof(AddressSlot) == sizeof(IpGenAddr));
 
 }  // namespace Dova
 

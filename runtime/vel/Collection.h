@@ -39,24 +39,15 @@ void object(T const* object) {
 }
 }  // namespace Prefetch
 
-/// An element of an entity collection in the table: the pointer, beside as much of the key as searching
-/// mostly needs.
+/// How a collection of entities stores an element.
 template <class K, class Element>
-class EntitySlot {
- public:
+struct EntitySlot {
   using Key = K;
+  using Stored = Element*;
 
-  EntitySlot() = default;
-  explicit EntitySlot(Element* element) : element_(element), mark_(orderOf(element->velKey()) | 1) {}
-
-  U32 mark() const { return mark_; }
-  decltype(auto) key() const { return element_->velKey(); }
-  Element* element() const { return element_; }
-  static U32 orderOf(Key const& key) { return bitReverse(key.hash() & hashMask); }
-
- private:
-  Element* element_ = nullptr;
-  U32 mark_ = 0;
+  static U32 mark(Key const& key) { return orderOf(key) | 1; }
+  static decltype(auto) key(U32, Element const* element) { return element->velKey(); }
+  static bool holds(Element const* element, Key const& key) { return element->velKey() == key; }
 };
 
 /// A collection of counted elements by key.
@@ -70,36 +61,36 @@ class EntityMap {
   ~EntityMap() {
     Table released;
     released.swap(table_);
-    for (U32 i = released.first(); i != released.end(); i = released.next(i))
-      released.at(i).element()->deleteRef();
+    for (auto i = released.first(); i.position != released.end(); i = released.next(i))
+      released.at(i.position)->deleteRef();
   }
 
   Element* find(Key const& key) const {
-    auto const* const slot = table_.find(key);
-    return slot ? slot->element() : nullptr;
+    U32 const at = table_.find(key);
+    return at != Table::none ? table_.at(at) : nullptr;
   }
 
   /// REQUIRES: the element's key is absent. Throws std::bad_alloc, and then nothing has changed.
   void insert(Ptr<Element> const& element) {
-    table_.insert(EntitySlot<Key, Element>(element.get()));
+    table_.insert(element->velKey(), element.get());
     element->newRef();
   }
 
   /// Puts an element where another one with the same key is. REQUIRES: there is one. The displaced element.
   Ptr<Element> replace(Ptr<Element> const& element) {
-    auto* const slot = table_.find(element->velKey());
-    Ptr<Element> const displaced(slot->element());
+    U32 const at = table_.find(element->velKey());
+    Ptr<Element> const displaced(table_.at(at));
     element->newRef();
-    *slot = EntitySlot<Key, Element>(element.get());
+    table_.atIs(at, element.get());
     displaced->deleteRef();
     return displaced;
   }
 
   /// The removed element, or null if the key is absent.
   Ptr<Element> remove(Key const& key) {
-    auto* const slot = table_.find(key);
-    if (!slot) return nullptr;
-    Ptr<Element> const element(table_.remove(slot).element());
+    U32 const at = table_.find(key);
+    if (at == Table::none) return nullptr;
+    Ptr<Element> const element(table_.remove(at));
     element->deleteRef();  // the collection's
     return element;
   }
@@ -111,8 +102,8 @@ class EntityMap {
   std::vector<Ptr<Element>> elements() const {
     std::vector<Ptr<Element>> all;
     all.reserve(size());
-    for (U32 i = table_.first(); i != table_.end(); i = table_.next(i))
-      all.emplace_back(table_.at(i).element());
+    for (auto i = table_.first(); i.position != table_.end(); i = table_.next(i))
+      all.emplace_back(table_.at(i.position));
     return all;
   }
 
@@ -142,7 +133,7 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
   /// Begins behind a key, which need not be there: how a walk is resumed that somebody remembers by its last
   /// key.
   EntityIterator(Entity const* owner, Map const& map, Key const& after) : owner_(owner), map_(&map) {
-    arriveAt(map.table().after(EntitySlot<Key, Element>::orderOf(after), after));
+    arriveAt(map.table().after(after));
   }
 
   explicit operator bool() const { return static_cast<bool>(current_); }
@@ -156,11 +147,11 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
   EntityIterator& operator++() {
     auto const& table = map_->table();
     if (table.epoch() == epoch_) {
-      arriveAt(table.next(position_));
+      arriveAt(table.next(place_));
     } else {
       Key const passed = current_->velKey();
       current_ = nullptr;  // may be the last reference, and its end may change the collection
-      arriveAt(table.after(EntitySlot<Key, Element>::orderOf(passed), passed));
+      arriveAt(table.after(passed));
     }
     return *this;
   }
@@ -170,28 +161,29 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
   // the element, and when that has come, what it points to.
   static constexpr U32 fetchedAhead = 8;
 
-  void arriveAt(U32 position) {
+  void arriveAt(typename Map::Table::Place place) {
     auto const& table = map_->table();
-    position_ = position;
+    U32 const position = place.position;
+    place_ = place;
     epoch_ = table.epoch();
     if (position == table.end()) {
       current_ = nullptr;
       return;
     }
     auto const elementAhead = [&](U32 places) -> Element const* {
-      auto const* const slot = table.ahead(position, places);
-      return slot ? slot->element() : nullptr;
+      auto const* const element = table.ahead(position, places);
+      return element ? *element : nullptr;
     };
     if (Element const* const later = elementAhead(fetchedAhead)) Prefetch::object(later);
     if constexpr (requires(Element const& element) { element.velPrefetch(); })
       if (Element const* const soon = elementAhead(fetchedAhead / 2)) soon->velPrefetch();
-    current_ = Ptr<Element>(table.at(position).element());
+    current_ = Ptr<Element>(table.at(position));
   }
 
   Entity::Keep owner_;
   Map const* map_ = nullptr;
   Ptr<Element> current_;
-  U32 position_ = 0;
+  typename Map::Table::Place place_;
   U32 epoch_ = 0;
 };
 
@@ -201,52 +193,46 @@ class HashSet {
  public:
   using Key = K;
   using Slot = typename SlotOf<Key>::Type;
+  using Table = HashTable<Slot>;
 
   class Cursor {
    public:
     bool first(HashSet const& set) { return arriveAt(set, set.table_.first()); }
-    bool after(HashSet const& set, Key const& key) {
-      return arriveAt(set, set.table_.after(Slot::orderOf(key), key));
-    }
+    bool after(HashSet const& set, Key const& key) { return arriveAt(set, set.table_.after(key)); }
     bool next(HashSet const& set) {
       auto const& table = set.table_;
-      return arriveAt(
-          set, table.epoch() == epoch_ ? table.next(position_) : table.after(Slot::orderOf(key_), key_));
+      return arriveAt(set, table.epoch() == epoch_ ? table.next(place_) : table.after(key_));
     }
     Key const& key() const { return key_; }
 
    private:
-    bool arriveAt(HashSet const& set, U32 position) {
-      position_ = position;
+    bool arriveAt(HashSet const& set, typename Table::Place place) {
+      place_ = place;
       epoch_ = set.table_.epoch();
-      if (position == set.table_.end()) return false;
-      key_ = set.table_.at(position).key();
+      if (place.position == set.table_.end()) return false;
+      key_ = set.table_.keyAt(place.position);
       return true;
     }
 
     Key key_;
-    U32 position_ = 0;
+    typename Table::Place place_;
     U32 epoch_ = 0;
   };
 
-  bool contains(Key const& key) const { return table_.find(key) != nullptr; }
+  bool contains(Key const& key) const { return table_.find(key) != Table::none; }
   /// True if the key was absent.
-  bool insert(Key const& key) {
-    if (contains(key)) return false;
-    table_.insert(Slot(key));
-    return true;
-  }
+  bool insert(Key const& key) { return table_.insert(key, Slot::stored(key)); }
   /// True if the key was present.
   bool remove(Key const& key) {
-    Slot* const slot = table_.find(key);
-    if (slot) table_.remove(slot);
-    return slot != nullptr;
+    U32 const at = table_.find(key);
+    if (at != Table::none) table_.remove(at);
+    return at != Table::none;
   }
   U32 size() const { return table_.size(); }
   void velPrefetch() const { table_.prefetch(); }
 
  private:
-  HashTable<Slot> table_;
+  Table table_;
 };
 
 /// A set of keys in ascending order. An empty one has no heap.

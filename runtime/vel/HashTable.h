@@ -14,35 +14,44 @@
 // of a table that is still small. So positions in a long run are found by doubling steps, a table whose runs become
 // too long grows early, and one is made smaller only if that leaves no long run behind.
 //
-// There are two kinds of slots: those that hold a value (ValueSlot, Dova::AddressSlot) and EntitySlot
-// (Collection.h), a pointer with its hash.
+// The array is two: the marks, 32 bits of hash and kind that say whether a place is used and where it is in the order, and
+// what is stored. A search looks at eight marks at once and touches what is stored only where the mark is the right one.
+//
+// What is stored is said by a slot type: ValueSlot and Dova::AddressSlot for sets of keys, EntitySlot (Collection.h) for
+// pointers to entities.
 #pragma once
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "runtime/vel/Hash.h"
 
 namespace Vel {
 
-/// A table of `Slot`s. A Slot is cheap to move, default-constructs to unused, and offers
-///   using Key; key() const;
-///   U32 mark() const: its bit-reversed hash, whose two low bits are zero, plus 1, 2 or 3; 0 if it is unused
-/// and for searching `static U32 orderOf(Key const&)`, which is the bit-reversed hash of a key.
+/// A table of what `Slot` says. It offers
+///   using Key; using Stored, which is cheap to move and default-constructs;
+///   static U32 mark(Key const&): the bit-reversed hash, whose two low bits are zero, plus 1, 2 or 3
+///   static key(U32 mark, Stored const&), for keys with one hash in the order of marks
+///   static bool holds(Stored const&, Key const&), where the marks are equal
 template <class Slot>
 class HashTable {
  public:
   using Key = typename Slot::Key;
+  using Stored = typename Slot::Stored;
+
+  static constexpr U32 none = ~U32{0};
 
   HashTable() = default;
   HashTable(HashTable const&) = delete;
   HashTable& operator=(HashTable const&) = delete;
-  ~HashTable() { delete[] slots_; }
+  ~HashTable() { release(marks_, end()); }
 
   void swap(HashTable& other) noexcept {
-    std::swap(slots_, other.slots_);
+    std::swap(marks_, other.marks_);
     std::swap(size_, other.size_);
     std::swap(epoch_, other.epoch_);
     std::swap(low_, other.low_);
@@ -55,134 +64,231 @@ class HashTable {
   /// Changes whenever a position may have become invalid.
   U32 epoch() const { return epoch_; }
 
-  /// The slot of a key, or null. Valid until the next change.
-  Slot* find(Key const& key) const {
-    U32 const order = Slot::orderOf(key);
-    for (U32 at = firstNotBefore(order), last = end(); at < last && hasOrder(at, order); ++at) {
-      if (!(slots_[at].key() < key)) return slots_[at].key() == key ? &slots_[at] : nullptr;
-    }
-    return nullptr;
+  /// The position of a key, or `none`.
+  U32 find(Key const& key) const {
+    U32 const mark = Slot::mark(key);
+    for (U32 at = firstNotBefore(mark), last = end(); at < last && marks_[at] == mark; ++at)
+      if (Slot::holds(stored()[at], key)) return at;
+    return none;
   }
 
-  /// Inserts a slot whose key is absent. Throws std::bad_alloc, and then nothing has changed.
-  void insert(Slot slot) {
-    U32 const order = slot.mark() & ~3u;
-    if (isFull()) rehash(larger());
+  /// Inserts a key with what is stored of it; false if it is there already. Throws std::bad_alloc, and then nothing has
+  /// changed.
+  bool insert(Key const& key, Stored value) {
+    U32 const mark = Slot::mark(key);
+    U32 at = placeOf(mark, key);
+    if (at < end() && marks_[at] == mark && Slot::holds(stored()[at], key)) return false;
+    if (isFull()) at = grown(larger(), mark, key);
     for (;;) {
-      U32 const at = placeOf(order, slot.key());
       U32 const gap = gapAt(at);
       bool const sparse = size_ <= buckets_ / 8;
-      if (gap == end())
-        rehash(sparse ? Shape{buckets_, 2 * tail_} : larger());
-      else if (at - home(order) > longRun && !sparse)
-        rehash(larger());
-      else {
-        std::move_backward(slots_ + at, slots_ + gap, slots_ + gap + 1);
-        slots_[at] = std::move(slot);
+      if (gap == end()) {
+        at = grown(sparse ? Shape{buckets_, 2 * tail_} : larger(), mark, key);
+      } else if (at - home(mark) > longRun && !sparse) {
+        at = grown(larger(), mark, key);
+      } else {
+        Stored* const all = stored();
+        for (U32 to = gap; to > at; --to) moveTo(to, to - 1, all);
+        marks_[at] = mark;
+        all[at] = std::move(value);
         low_ = std::min(low_, at);
         break;
       }
     }
     ++size_;
     ++epoch_;
+    return true;
   }
 
-  /// Removes a slot that `find` gave, and hands it over.
-  Slot remove(Slot* slot) {
-    Slot removed = std::move(*slot);
-    Slot* const last = slots_ + end();
-    Slot* behind = slot + 1;
+  /// Removes what is at a position, and hands it over.
+  Stored remove(U32 at) {
+    Stored* const all = stored();
+    Stored removed = std::move(all[at]);
+    U32 const last = end();
+    U32 behind = at + 1;
     // Those that stand behind their home move up.
-    while (behind < last && behind->mark() != 0 && slots_ + home(orderIn(*behind)) < behind) ++behind;
-    std::move(slot + 1, behind, slot);
-    *(behind - 1) = Slot();
+    for (; behind < last && marks_[behind] != 0 && home(marks_[behind]) < behind; ++behind)
+      moveTo(behind - 1, behind, all);
+    marks_[behind - 1] = 0;
+    if constexpr (!isPlain) all[behind - 1] = Stored();
     --size_;
     ++epoch_;
     shrink();
     return removed;
   }
 
-  /// A position in the walk. The first one; `end()` if there is none.
-  U32 first() const { return low_ = nextUsed(low_); }
+  /// A place in a walk through an unchanged table: a position, and which of those behind it up to the next multiple of
+  /// eight are used. At `end()` the walk is over.
+  struct Place {
+    U32 position = 0;
+    U32 used = 0;
+  };
 
-  /// The position behind `position` in an unchanged table.
-  U32 next(U32 position) const { return nextUsed(position + 1); }
-
-  /// The first position behind a key, which need not be there.
-  U32 after(U32 order, Key const& key) const {
-    U32 at = firstNotBefore(order);
-    for (U32 const last = end(); at < last && hasOrder(at, order) && !(key < slots_[at].key());) ++at;
-    return nextUsed(at);
+  Place first() const {
+    Place const place = from(low_);
+    low_ = place.position;
+    return place;
   }
 
-  Slot const& at(U32 position) const { return slots_[position]; }
+  Place next(Place place) const {
+    U32 base = place.position / near * near;
+    while (place.used == 0) {
+      base += near;
+      if (base >= end()) return {end(), 0};
+      place.used = usedFrom(base);
+    }
+    place.position = base + static_cast<U32>(__builtin_ctz(place.used));
+    place.used &= place.used - 1;
+    return place;
+  }
+
+  /// The first place behind a key, which need not be there.
+  Place after(Key const& key) const {
+    U32 const mark = Slot::mark(key);
+    U32 at = firstNotBefore(mark);
+    for (U32 const last = end(); at < last && marks_[at] == mark && !(key < keyAt(at)); ++at) {
+    }
+    return from(at);
+  }
+
+  /// What stands at a position of the walk.
+  Stored const& at(U32 position) const { return stored()[position]; }
+  void atIs(U32 position, Stored value) { stored()[position] = std::move(value); }
+  decltype(auto) keyAt(U32 position) const { return Slot::key(marks_[position], stored()[position]); }
 
   /// The position behind the last. REQUIRES an unchanged table, as all positions do.
   U32 end() const { return buckets_ + tail_; }
 
-  /// The slot so many places behind a position, used or not; null behind the end.
-  Slot const* ahead(U32 position, U32 places) const {
-    return position + places < end() ? slots_ + position + places : nullptr;
+  /// What is stored so many places behind a position; null where nothing is.
+  Stored const* ahead(U32 position, U32 places) const {
+    U32 const at = position + places;
+    return at < end() && marks_[at] != 0 ? stored() + at : nullptr;
   }
 
   /// Asks for the memory in which a walk begins.
-  void prefetch() const { __builtin_prefetch(slots_); }
+  void prefetch() const { __builtin_prefetch(marks_); }
 
  private:
   // Buckets are homes; the tail is for what stands behind the last of them. A small table is nothing but tail.
   struct Shape {
     U32 buckets, tail;
+    U32 end() const { return buckets + tail; }
   };
   static constexpr U32 mostInSmall = 8;
+  static constexpr U32 near = mostInSmall;  // places that a search looks at together
   static constexpr U32 longTail = 64;
 
   // Uniform hashes make no run of this length in a table that keeps an eighth free.
   static constexpr U32 longRun = 1024;
 
+  // Nothing to construct and nothing to destroy.
+  static constexpr bool isPlain = std::is_trivially_copyable_v<Stored>;
+
   static Shape shapeOf(U32 buckets) { return {buckets, std::min(longTail, mostInSmall + buckets / 8)}; }
 
-  // In small steps once memory counts; moving everything over is a walk in order and costs little.
+  // In smaller steps once memory counts; moving everything over is a walk in order and costs little.
   Shape larger() const {
-    constexpr U32 many = 4096;
+    constexpr U32 many = 1 << 17;
     if (buckets_ == 0 && tail_ < mostInSmall) return {0, tail_ == 0 ? 1 : 2 * tail_};
     if (buckets_ == 0) return shapeOf(2 * mostInSmall);
-    return shapeOf(buckets_ < many ? 2 * buckets_ : buckets_ + buckets_ / 4);
+    return shapeOf(buckets_ < many ? 2 * buckets_ : buckets_ + buckets_ / 2);
   }
 
   bool isFull() const { return buckets_ == 0 ? size_ == tail_ : size_ >= buckets_ - buckets_ / 8; }
 
-  static U32 orderIn(Slot const& slot) { return slot.mark() & ~3u; }
-  U32 orderOf(U32 at) const { return orderIn(slots_[at]); }
-  U32 home(U32 order) const { return static_cast<U32>(U64{order} * buckets_ >> 32); }
+  // One piece of memory: the marks, and behind them what is stored.
+  static std::size_t marksSize(U32 places) {
+    return (places * sizeof(U32) + alignof(Stored) - 1) / alignof(Stored) * alignof(Stored);
+  }
+  static Stored* storedBehind(U32* marks, U32 places) {
+    return reinterpret_cast<Stored*>(reinterpret_cast<char*>(marks) + marksSize(places));
+  }
+  Stored* stored() const { return storedBehind(marks_, end()); }
 
-  // Whether a slot is used and has this order: a mark is 1, 2 or 3 above it, and 0 is none of those.
-  bool hasOrder(U32 at, U32 order) const { return slots_[at].mark() - 1 - order < 3; }
-
-  // Whether a slot is used and its order less: a mark of 0 becomes the largest number.
-  bool isBefore(U32 at, U32 order) const { return slots_[at].mark() - 1 < order; }
-
-  U32 nextUsed(U32 position) const {
-    U32 const last = end();
-    while (position < last && slots_[position].mark() == 0) ++position;
-    return position;
+  static U32* allocated(U32 places) {
+    return prepared(::operator new(marksSize(places) + places * sizeof(Stored)), places);
+  }
+  static U32* prepared(void* memory, U32 places) {
+    U32* const marks = static_cast<U32*>(memory);
+    std::memset(marks, 0, places * sizeof(U32));
+    if constexpr (!isPlain) std::uninitialized_value_construct_n(storedBehind(marks, places), places);
+    return marks;
+  }
+  static void release(U32* marks, U32 places) {
+    if constexpr (!isPlain) std::destroy_n(storedBehind(marks, places), places);
+    ::operator delete(marks);
   }
 
-  // The first position from the order's home on that is free or has no lesser order.
-  U32 firstNotBefore(U32 order) const {
+  void moveTo(U32 to, U32 at, Stored* all) {
+    marks_[to] = marks_[at];
+    all[to] = std::move(all[at]);
+  }
+
+  static U32 homeOf(U32 mark, U32 buckets) { return static_cast<U32>(U64{mark} * buckets >> 32); }
+  U32 home(U32 mark) const { return homeOf(mark, buckets_); }
+
+  // Whether a place is used and comes before a mark: an unused one, 0, becomes the largest number.
+  bool isBefore(U32 at, U32 mark) const { return marks_[at] - 1 < mark - 1; }
+
+  using Lanes [[gnu::vector_size(16)]] = U32;
+  void load(U32 at, Lanes& a, Lanes& b) const {
+    static_assert(near * sizeof(U32) == 2 * sizeof(Lanes));
+    std::memcpy(&a, marks_ + at, sizeof a);
+    std::memcpy(&b, marks_ + at + near / 2, sizeof b);
+  }
+
+  // Which of the `near` places from there on are used, as bits.
+  U32 usedFrom(U32 at) const {
+    if (at + near > end()) [[unlikely]] {
+      U32 used = 0;
+      for (U32 i = 0; at + i < end(); ++i) used |= U32{marks_[at + i] != 0} << i;
+      return used;
+    }
+    Lanes a, b;
+    load(at, a, b);
+    Lanes const bits = (Lanes(a != 0) & Lanes{1, 2, 4, 8}) | (Lanes(b != 0) & Lanes{16, 32, 64, 128});
+    return bits[0] | bits[1] | bits[2] | bits[3];
+  }
+
+  // The first used place from a position on.
+  Place from(U32 position) const {
+    if (position >= end()) return {end(), 0};
+    U32 const base = position / near * near;
+    return next({base, usedFrom(base) & (~U32{0} << position % near)});
+  }
+
+  // How many of `near` places come before a mark. They are the first of them, since the array is in order.
+  U32 countBefore(U32 at, U32 mark) const {
+    Lanes a, b;
+    load(at, a, b);
+    U32 const wanted = mark - 1;
+    auto const sum = (a - 1 < wanted) + (b - 1 < wanted);  // -1 for each
+    return static_cast<U32>(-(sum[0] + sum[1] + sum[2] + sum[3]));
+  }
+
+  // The first position from a mark's home on that is free or not before it. There is no loop that would end at a place
+  // that nobody can predict, and hold up the next search until memory has answered.
+  U32 firstNotBefore(U32 mark) const {
+    U32 at = 0;
+    if (buckets_ == 0) {
+      while (at < size_ && isBefore(at, mark)) ++at;
+      return at;
+    }
+    at = home(mark);
+    U32 const before = countBefore(at, mark);  // the tail is no shorter
+    at += before;
+    if (before < near) [[likely]]
+      return at;
     U32 const last = end();
-    U32 at = home(order);
-    for (U32 const near = std::min(last, at + 8); at < near; ++at)
-      if (!isBefore(at, order)) return at;
-    if (at == last) return last;
     // A long run: everything behind the first that is not before is not before either.
     U32 high = at;
-    for (U32 step = 8; high < last && isBefore(high, order); step *= 2) {
+    for (U32 step = 8; high < last && isBefore(high, mark); step *= 2) {
       at = high + 1;
       high = at + std::min(step, last - at);
     }
     while (at < high) {
       U32 const middle = at + (high - at) / 2;
-      if (isBefore(middle, order))
+      if (isBefore(middle, mark))
         at = middle + 1;
       else
         high = middle;
@@ -190,10 +296,10 @@ class HashTable {
     return at;
   }
 
-  // Where a key belongs that is not there.
-  U32 placeOf(U32 order, Key const& key) const {
-    U32 at = firstNotBefore(order);
-    for (U32 const last = end(); at < last && hasOrder(at, order) && slots_[at].key() < key;) ++at;
+  // Where a key is, or belongs.
+  U32 placeOf(U32 mark, Key const& key) const {
+    U32 at = firstNotBefore(mark);
+    for (U32 const last = end(); at < last && marks_[at] == mark && keyAt(at) < key;) ++at;
     return at;
   }
 
@@ -201,42 +307,43 @@ class HashTable {
   U32 gapAt(U32 at) const {
     if (buckets_ == 0) return size_;
     U32 const last = end();
-    while (at < last && slots_[at].mark() != 0) ++at;
+    while (at < last && marks_[at] != 0) ++at;
     return at;
   }
 
-  void rehash(Shape shape) { rehash(new Slot[std::size_t{shape.buckets} + shape.tail], shape); }
+  U32 grown(Shape shape, U32 mark, Key const& key) {
+    rehash(allocated(shape.end()), shape);
+    return placeOf(mark, key);
+  }
 
   // Everything goes over in order, so each comes behind the one before it or to its home. If the last ones find no
   // place, the tail was too short for them.
-  void rehash(Slot* slots, Shape shape) {
-    U32 needed = 0;
+  void rehash(U32* marks, Shape shape) {
+    U32 const last = end();
     for (;;) {
-      needed = 0;
       U32 next = 0;
-      for (U32 from = first(), last = end(); from < last; from = nextUsed(from + 1)) {
-        U32 const to = std::max(next, static_cast<U32>(U64{orderOf(from)} * shape.buckets >> 32));
-        next = to + 1;
-      }
-      needed = next;
-      if (needed <= shape.buckets + shape.tail) break;
-      delete[] slots;
-      shape.tail = needed - shape.buckets + 1;
-      slots = new Slot[std::size_t{shape.buckets} + shape.tail];
+      for (Place i = first(); i.position < last; i = this->next(i))
+        next = std::max(next, homeOf(marks_[i.position], shape.buckets)) + 1;
+      if (next <= shape.end()) break;
+      release(marks, shape.end());
+      shape.tail = next - shape.buckets + 1;
+      marks = allocated(shape.end());
     }
-    HashTable old;
-    old.swap(*this);
-    slots_ = slots;
-    size_ = old.size_;
-    epoch_ = old.epoch_ + 1;
+    Stored* const to = storedBehind(marks, shape.end());
+    Stored* const all = stored();
+    U32 next = 0;
+    for (Place i = first(); i.position < last; i = this->next(i)) {
+      next = std::max(next, homeOf(marks_[i.position], shape.buckets));
+      marks[next] = marks_[i.position];
+      to[next] = std::move(all[i.position]);
+      ++next;
+    }
+    release(marks_, end());
+    marks_ = marks;
+    ++epoch_;
     buckets_ = shape.buckets;
     tail_ = shape.tail;
-    U32 next = 0;
-    for (U32 from = old.first(), last = old.end(); from < last; from = old.nextUsed(from + 1)) {
-      U32 const to = std::max(next, home(old.orderOf(from)));
-      slots_[to] = std::move(old.slots_[from]);
-      next = to + 1;
-    }
+    low_ = 0;
   }
 
   // Memory follows the size down: when the table is nearly empty, else at every power of two below an eighth, unless
@@ -246,39 +353,33 @@ class HashTable {
     Shape const shape = size_ <= mostInSmall / 2 ? Shape{0, mostInSmall} : shapeOf(4 * size_);
     if (shape.buckets >= buckets_) return;
     U64 next = 0;
-    for (U32 at = first(), last = end(); at < last && shape.buckets != 0; at = nextUsed(at + 1)) {
-      U64 const start = U64{orderOf(at)} * shape.buckets >> 32;
-      if (next > start + longRun || next >= shape.buckets + shape.tail) return;
+    for (Place i = first(); i.position < end() && shape.buckets != 0; i = this->next(i)) {
+      U64 const start = homeOf(marks_[i.position], shape.buckets);
+      if (next > start + longRun || next >= shape.end()) return;
       next = std::max(next, start) + 1;
     }
-    if (Slot* const smaller = new (std::nothrow) Slot[std::size_t{shape.buckets} + shape.tail])
-      rehash(smaller, shape);
+    std::size_t const size = marksSize(shape.end()) + shape.end() * sizeof(Stored);
+    if (void* const memory = ::operator new(size, std::nothrow)) rehash(prepared(memory, shape.end()), shape);
   }
 
-  Slot* slots_ = nullptr;
+  U32* marks_ = nullptr;  // what is stored lies behind them
   U32 size_ = 0;
   U32 epoch_ = 0;
   U32 buckets_ = 0;
   U32 tail_ = 0;
-  mutable U32 low_ = 0;  // no slot before this is in use; spares a drain the empty front
+  mutable U32 low_ = 0;  // no place before this is in use; spares a drain the empty front
 };
 
 /// How a set of keys stores a key. The general form; Dova::IpGenAddr has a denser one.
 template <class K>
-class ValueSlot {
- public:
+struct ValueSlot {
   using Key = K;
+  using Stored = K;
 
-  ValueSlot() = default;
-  explicit ValueSlot(Key const& key) : key_(key), mark_(orderOf(key) | 1) {}
-
-  U32 mark() const { return mark_; }
-  Key const& key() const { return key_; }
-  static U32 orderOf(Key const& key) { return bitReverse(key.hash() & hashMask); }
-
- private:
-  Key key_;
-  U32 mark_ = 0;
+  static U32 mark(Key const& key) { return orderOf(key) | 1; }
+  static Stored const& stored(Key const& key) { return key; }
+  static Key const& key(U32, Stored const& stored) { return stored; }
+  static bool holds(Stored const& stored, Key const& key) { return stored == key; }
 };
 
 /// Names the slot of a key type; specialised where a type can do better.
