@@ -63,6 +63,10 @@ class NewFile {
   U8* map() {
     void* const mapping = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0);
     if (mapping == MAP_FAILED) refuse(path_, errno);
+#ifdef MADV_POPULATE_WRITE
+    // No record is to wait for its page; where this kernel cannot, the first ones do.
+    madvise(mapping, bytes_, MADV_POPULATE_WRITE);
+#endif
     return static_cast<U8*>(mapping);
   }
 
@@ -170,7 +174,8 @@ TraceFile::TraceFile(U8* mapping, U64 bytes, TraceOptions const& options) noexce
   header_->counterAtOpen = cycleCounter();
   header_->countsPerSecond = measuredCountsPerSecond;
   for (int i = 0; i < 2; ++i)
-    rings_[i] = {&header_->ringStates[i], mapping + header_->rings[i].offset, header_->rings[i].bytes, {}};
+    rings_[i] = {
+        &header_->ringStates[i], mapping + header_->rings[i].offset, header_->rings[i].bytes, {}, 0, 0};
 }
 
 TraceFile::~TraceFile() { munmap(header_, bytes_); }
@@ -192,45 +197,35 @@ void TraceFile::refuseDescriptor() noexcept {
   store(header_->refusedCallSites, header_->refusedCallSites + 1, std::memory_order_relaxed);
 }
 
-U8* TraceFile::reserve(Detail::Ring& ring, U32 id, U64 counter, U32 bytes) noexcept {
-  U64 place = ring.own.head % ring.size;
-  U64 const left = ring.size - place;
-  bool const wraps = left < bytes;
-  advanceTail(ring, wraps ? left + bytes : bytes);
-  if (wraps) {
+// The next record begins where the ring does. A record that ended just there leaves nothing to fill.
+void TraceFile::wrap(Detail::Ring& ring, U64 needed) noexcept {
+  U64 const left = ring.size - ring.headPlace;
+  if (ring.own.head + left + needed - ring.own.tail > ring.size) advanceTail(ring, left + needed);
+  if (left != 0) {
     U32 const filler[2] = {static_cast<U32>(left), Format::fillerId};
-    std::memcpy(ring.bytes + place, filler, sizeof filler);
+    std::memcpy(ring.bytes + ring.headPlace, filler, sizeof filler);
     ring.own.head += left;
-    place = 0;
-    refineClock();
   }
-  U8* const record = ring.bytes + place;
-  // The record's last word may end in padding.
-  std::memset(record + bytes - 8, 0, 8);
-  Format::RecordHeader const header = {bytes, id, counter};
-  std::memcpy(record, &header, sizeof header);
-  return record + sizeof header;
+  ring.headPlace = 0;
+  refineClock();
 }
 
-void TraceFile::publish(Detail::Ring& ring, U32 bytes) noexcept {
-  ring.own.head += bytes;
-  store(ring.shared->head, ring.own.head, std::memory_order_release);
-}
-
+// Makes room for so many bytes behind the head.
 void TraceFile::advanceTail(Detail::Ring& ring, U64 needed) noexcept {
   Format::RingState& own = ring.own;
-  if (own.head + needed - own.tail <= ring.size) return;
   do {
-    U64 const place = own.tail % ring.size;
+    U64 const place = ring.tailPlace;
     U32 oldest[2];
     std::memcpy(oldest, ring.bytes + place, sizeof oldest);
     auto const [bytes, id] = oldest;
     // Someone else's scribble in the file must not lead the writer out of the ring or around it for ever.
     if (bytes < 8 || bytes % 8 != 0 || bytes > ring.size - place || bytes > own.head - own.tail) {
       own.tail = own.head;
+      ring.tailPlace = ring.headPlace == ring.size ? 0 : ring.headPlace;
       break;
     }
     own.tail += bytes;
+    ring.tailPlace = place + bytes == ring.size ? 0 : place + bytes;
     if (id != Format::fillerId) ++own.overwritten;
   } while (own.head + needed - own.tail > ring.size);
   store(ring.shared->overwritten, own.overwritten, std::memory_order_relaxed);

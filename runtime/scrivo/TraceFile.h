@@ -7,6 +7,7 @@
 // A process that ends without closing loses nothing: the file is what has been written.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -68,6 +69,9 @@ struct Ring {
   U8* bytes;
   U64 size;
   Format::RingState own;
+  // Where head and tail are in the ring: a position modulo its size, without a division for each record.
+  U64 headPlace = 0;
+  U64 tailPlace = 0;
 };
 
 }  // namespace Detail
@@ -124,9 +128,24 @@ class VEL_API TraceFile {
   ~TraceFile();
 
   // Both act on the record that is being written. The reserved bytes begin behind the record's header.
-  U8* reserve(Detail::Ring& ring, U32 id, U64 counter, U32 bytes) noexcept;
-  void publish(Detail::Ring& ring, U32 bytes) noexcept;
+  U8* reserve(Detail::Ring& ring, U32 id, U64 counter, U32 bytes) noexcept {
+    if (ring.size - ring.headPlace < bytes) [[unlikely]]
+      wrap(ring, bytes);
+    if (ring.own.head + bytes - ring.own.tail > ring.size) advanceTail(ring, bytes);
+    U8* const record = ring.bytes + ring.headPlace;
+    // The record's last word may end in padding.
+    std::memset(record + bytes - 8, 0, 8);
+    Format::RecordHeader const header = {bytes, id, counter};
+    std::memcpy(record, &header, sizeof header);
+    return record + sizeof header;
+  }
+  void publish(Detail::Ring& ring, U32 bytes) noexcept {
+    ring.headPlace += bytes;  // at the end of the ring for a moment: no record fits there
+    ring.own.head += bytes;
+    std::atomic_ref<U64>(ring.shared->head).store(ring.own.head, std::memory_order_release);
+  }
 
+  void wrap(Detail::Ring& ring, U64 needed) noexcept;
   void advanceTail(Detail::Ring& ring, U64 needed) noexcept;
   void refineClock() noexcept;
 
