@@ -533,24 +533,31 @@ void JoinPruneMessageSm::handleRxMessage() {
         info->upstreamNeighborIs(data->upstreamNeighbor());
         info->holdTimeIs(static_cast<double>(data->holdTime()));
       }
-      info->riKeyIs(RouteIntfKey(source, group, Dova::IntfId("")));
+      info->velRouteIs(source, group);
       info->sourceFlagsIs(flags);
       if (wcSource) info->wcSourceIs(*wcSource);
     }
     JOIN_PRUNE_TRACE_AS(7, this, "handleRxMessage", "(), " << record.name << kind << info);
     if (info) info->rxCountInc(1);
   };
-  auto const writeSources = [&](RxRecord& record, auto sources, Dova::IpGenAddr const& group,
-                                Packet::SourceFlags flags, char const* kind) {
-    for (; sources && !hold.gone(); ++sources) writeEntry(record, sources.key(), group, flags, kind, nullptr);
+  // Most groups have sources of one kind, so the others are asked for their number first.
+  auto const writeSources = [&](RxRecord& record, U32 count, auto const& sourcesOf,
+                                Dova::IpGenAddr const& group, Packet::SourceFlags flags, char const* kind) {
+    if (count == 0) return;
+    for (auto sources = sourcesOf(); sources && !hold.gone(); ++sources)
+      writeEntry(record, sources.key(), group, flags, kind, nullptr);
   };
 
   for (auto i = data->joinPruneGroupDataIterator(); i && !hold.gone(); ++i) {
     Packet::JoinPruneGroupData const& groupData = *i;
     Dova::IpGenAddr const group = groupData.group();
     join.headerDone = prune.headerDone = false;
-    writeSources(join, groupData.joinedSourceIterator(), group, Packet::sgFlags, "");
-    writeSources(prune, groupData.prunedSourceIterator(), group, Packet::sgFlags, "");
+    writeSources(
+        join, groupData.joinedSourceCount(), [&] { return groupData.joinedSourceIterator(); }, group,
+        Packet::sgFlags, "");
+    writeSources(
+        prune, groupData.prunedSourceCount(), [&] { return groupData.prunedSourceIterator(); }, group,
+        Packet::sgFlags, "");
     if (hold.gone()) return;
     // Kept: asked only now, so the (S,G) entries of a denied group are recorded.
     if (joinPruneFilter_ && joinPruneFilter_->deny(group)) continue;
@@ -574,8 +581,12 @@ void JoinPruneMessageSm::handleRxMessage() {
               "(), RP (" << rp << ") does not match received RP (" << wcAddress << ") for group " << group);
       }
     }
-    writeSources(join, groupData.joinedRptSourceIterator(), group, Packet::sgRptFlags, ", RPT");
-    writeSources(prune, groupData.prunedRptSourceIterator(), group, Packet::sgRptFlags, ", RPT");
+    writeSources(
+        join, groupData.joinedRptSourceCount(), [&] { return groupData.joinedRptSourceIterator(); }, group,
+        Packet::sgRptFlags, ", RPT");
+    writeSources(
+        prune, groupData.prunedRptSourceCount(), [&] { return groupData.prunedRptSourceIterator(); }, group,
+        Packet::sgRptFlags, ", RPT");
   }
 }
 

@@ -51,6 +51,16 @@ class VEL_API RouteIntfKey {
   Dova::IntfId const& intfId() const { return intfId_; }
   U32 hash() const { return Vel::hashCombine(route_.hash(), intfId_.hash()); }
 
+  /// Becomes the key of a route on no interface. True if it was another. Cheaper than making that key: a name costs more
+  /// than two addresses do.
+  bool routeIs(Dova::IpGenAddr const& source, Dova::IpGenAddr const& group) {
+    bool const nameless = intfId_.name().empty();
+    if (route_.source() == source && route_.group() == group && nameless) return false;
+    route_ = RouteKey(source, group);
+    if (!nameless) intfId_ = Dova::IntfId();
+    return true;
+  }
+
   friend bool operator==(RouteIntfKey const& a, RouteIntfKey const& b) = default;
   friend bool operator<(RouteIntfKey const& a, RouteIntfKey const& b) {
     return a.route_ == b.route_ ? a.intfId_ < b.intfId_ : a.route_ < b.route_;
