@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "pim/model/packet/GroupWalk.h"
 #include "runtime/vel/Trace.h"
 
 namespace Routing::Pim::Agent {
@@ -87,6 +88,7 @@ class Composer {
       : setting_(setting),
         data_(data),
         keepsData_(data->periodic()),
+        isPlain_(keepsData_ && !setting.filter && !setting.suppression),
         message_(data->upstreamNeighbor(), data->holdTime()),
         family_(message_.family()),
         groupSize_(groupSize(family_)),
@@ -102,11 +104,11 @@ class Composer {
     if (from) {
       Vel::Ptr<GroupData> const group = data_->joinPruneGroupData(from->group);
       if (group && !addGroup(group, *from)) return;
-      if (!addGroups(data_->joinPruneGroupDataIteratorAfter(from->group))) return;
+      if (!addGroups(behind(from->group))) return;
       // From here on a walk over the front would be another round, except if this one has been over nothing.
       if (report_.sources != 0 || report_.skipped() != 0) return;
     }
-    addGroups(data_->joinPruneGroupDataIterator());
+    addGroups(data_->velGroups().first());
   }
 
   WireMessage const& message() const { return message_; }
@@ -137,11 +139,41 @@ class Composer {
 
   // These say whether the message goes on. If it does not, resume_ is set.
 
-  bool addGroups(Data::JoinPruneGroupDataIterator group) {
-    for (Position front; group; ++group) {
-      front.group = group.key();
-      if (!addGroup(group.ptr(), front)) return false;
+  // From a place in the table on.
+  bool addGroups(U32 place) {
+    Data::GroupTable const& groups = data_->velGroups();
+    Packet::GroupWalk walk(*data_, place);
+    while (walk) {
+      if (addPlainGroup(*walk)) {
+        ++walk;
+        continue;
+      }
+      U32 const epoch = groups.epoch();
+      Position front;
+      front.group = walk->group();
+      if (!addGroup(&*walk, front)) return false;
+      if (groups.epoch() == epoch)
+        ++walk;
+      else
+        walk = Packet::GroupWalk(*data_, behind(front.group));
     }
+    return true;
+  }
+
+  U32 behind(IpGenAddr const& group) const {
+    return data_->velGroups().after(Data::velOrderOf(group), group);
+  }
+
+  // The bulk of a refresh: a group of (S,G) joins that all go, where nobody has a say in it. Nothing is called, so
+  // nothing needs to be held. What is in any way special is left to addGroup().
+  bool addPlainGroup(GroupData const& group) {
+    if (!isPlain_ || passedOver_ >= PacketManager::maxPassedOver) return false;
+    auto const* const joins = group.velJoinsAlone();
+    if (!joins) return false;
+    std::size_t const size = groupSize_ + joins->size() * sourceSize_;
+    if (used_ + size > setting_.room || !message_.joinsAdd(group.group(), *joins)) return false;
+    used_ += size;
+    report_.sources += joins->size();
     return true;
   }
 
@@ -154,7 +186,7 @@ class Composer {
     groupFault_ = groupFault(group_->group(), family_);
     denied_.reset();
     opened_ = leavingOpened_ = false;
-    taken_.clear();
+    if (!taken_.empty()) taken_.clear();
     here_ = from;
     // Data that is sent once no longer has the prunes that went before a (*,G) join was added. The others
     // must go with it, not ahead of it: the receiver forgets at the join what is not beside it.
@@ -399,6 +431,7 @@ class Composer {
   Setting const setting_;
   Vel::Ptr<Data> const data_;
   bool const keepsData_;
+  bool const isPlain_;  // Nobody is asked about an entry, and none is taken out of the data.
 
   // The message so far.
   WireMessage message_;

@@ -35,22 +35,27 @@ void require(std::optional<Reason> fault) {
   if (fault) throw Vel::RangeException(std::string(text(*fault)));
 }
 
-// The ones' complement sum of 16-bit words, an odd byte padded with zero. Summed in 32-bit words of the machine, which
-// comes to the same once it is folded and put into network order (RFC 1071).
+// The ones' complement sum of 16-bit words, an odd byte padded with zero. Summed in words of the machine with the carry
+// added at the low end, which comes to the same once it is folded and put into network order (RFC 1071).
 U64 sumOf(std::span<U8 const> bytes) {
   U64 sum = 0;
-  std::size_t i = 0;
-  for (; i + 4 <= bytes.size(); i += 4) {
-    U32 word;
-    std::memcpy(&word, bytes.data() + i, 4);
+  auto const add = [&sum](U64 word) {
     sum += word;
+    sum += sum < word;
+  };
+  std::size_t i = 0;
+  for (; i + 8 <= bytes.size(); i += 8) {
+    U64 word;
+    std::memcpy(&word, bytes.data() + i, 8);
+    add(word);
   }
   if (i < bytes.size()) {
-    U32 word = 0;
+    U64 word = 0;
     std::memcpy(&word, bytes.data() + i, bytes.size() - i);
-    sum += word;
+    add(word);
   }
-  return sum;
+  // Sums of several parts are added up, so that there is room for their carries.
+  return (sum >> 32) + (sum & 0xffffffff);
 }
 
 U16 folded(U64 sum) {
@@ -246,8 +251,9 @@ class Writer {
 
   void u8(U8 value) { *next_++ = value; }
   void u16(std::size_t value) {
-    u8(static_cast<U8>(value >> 8));
-    u8(static_cast<U8>(value));
+    U16 const bytes = htons(static_cast<U16>(value));
+    std::memcpy(next_, &bytes, sizeof bytes);
+    next_ += sizeof bytes;
   }
 
   void unicast(IpGenAddr const& address) {
@@ -256,9 +262,9 @@ class Writer {
   }
 
   void masked(U8 flags, IpGenAddr const& address) {
-    family();
-    u8(flags);
-    u8(8 * Size);
+    U8 const head[] = {Size == 4 ? wireIpv4 : wireIpv6, nativeEncoding, flags, 8 * Size};
+    std::memcpy(next_, head, sizeof head);
+    next_ += sizeof head;
     addressBytes(address);
   }
 
@@ -279,8 +285,7 @@ class Writer {
       masked(0, group.group());
       u16(group.joins().size());
       u16(group.prunes().size());
-      sources(group.joins());
-      sources(group.prunes());
+      sources(group.sources());
     }
   }
 

@@ -69,17 +69,33 @@ struct WireSource {
 class WireGroup {
  public:
   IpGenAddr const& group() const { return *group_; }
-  std::span<WireSource const> joins() const { return joins_; }
-  std::span<WireSource const> prunes() const { return prunes_; }
+  std::span<WireSource const> joins() const { return {first_, joins_}; }
+  std::span<WireSource const> prunes() const { return {first_ + joins_, prunes_}; }
+  /// The joins and then the prunes.
+  std::span<WireSource const> sources() const { return {first_, joins_ + prunes_}; }
 
  private:
   friend class WireMessage;
-  WireGroup(IpGenAddr const* group, std::span<WireSource const> joins, std::span<WireSource const> prunes)
-      : group_(group), joins_(joins), prunes_(prunes) {}
+  WireGroup(IpGenAddr const* group, WireSource const* first, std::size_t joins, std::size_t prunes)
+      : group_(group), first_(first), joins_(joins), prunes_(prunes) {}
 
   IpGenAddr const* group_;
-  std::span<WireSource const> joins_, prunes_;
+  WireSource const* first_;
+  std::size_t joins_, prunes_;
 };
+
+/// Why a message of a family cannot have such an upstream neighbor, group, or source; nothing if it can.
+std::optional<Reason> upstreamFault(IpGenAddr const& address);
+inline std::optional<Reason> groupFault(IpGenAddr const& group, AddressFamily family) {
+  if (group.af() != family) return Reason::familiesDiffer;
+  if (!isMulticast(group)) return Reason::groupNotMulticast;
+  return std::nullopt;
+}
+inline std::optional<Reason> sourceFault(IpGenAddr const& address, AddressFamily family) {
+  if (address.af() != family) return Reason::familiesDiffer;
+  if (address.isZero() || isMulticast(address)) return Reason::sourceNotUnicast;
+  return std::nullopt;
+}
 
 /// A Join/Prune message as it is on the wire, order and repetitions included. All addresses are of one
 /// family, groups are multicast, sources and RPs unicast; what would break this throws Vel::RangeException
@@ -105,6 +121,26 @@ class WireMessage {
   /// that comes after a prune of its group costs moving the prunes.
   void joinAdd(SourceKind kind, IpGenAddr const& address);
   void pruneAdd(SourceKind kind, IpGenAddr const& address);
+
+  /// A group set with all of these as (S,G) joins, or nothing and false if the group or one of them cannot be in this
+  /// message. `Sources` is a set of addresses with a cursor, as in Collection.h.
+  template <class Sources>
+  bool joinsAdd(IpGenAddr const& group, Sources const& joins) {
+    if (groupFault(group, family()) || sets_.size() == maxGroups || joins.size() > maxSources) return false;
+    std::size_t const first = sources_.size();
+    typename Sources::Cursor join;
+    bool more = join.first(joins);
+    // Counted, so that nobody searches for the end.
+    for (U32 left = joins.size(); more; more = --left != 0 && join.next(joins)) {
+      if (sourceFault(join.key(), family())) {
+        sources_.resize(first);
+        return false;
+      }
+      sources_.push_back({SourceKind::source, join.key()});
+    }
+    sets_.push_back({group, static_cast<U32>(first), joins.size(), 0});
+    return true;
+  }
 
   AddressFamily family() const { return upstreamNeighbor_.af(); }
   IpGenAddr const& upstreamNeighbor() const { return upstreamNeighbor_; }
@@ -163,8 +199,7 @@ class WireMessage {
 
   WireGroup group(std::size_t index) const {
     Set const& set = sets_[index];
-    std::span<WireSource const> const all(sources_);
-    return {&set.group, all.subspan(set.first, set.joins), all.subspan(set.first + set.joins, set.prunes)};
+    return {&set.group, sources_.data() + set.first, set.joins, set.prunes};
   }
   Set& openSet();
 
@@ -173,19 +208,6 @@ class WireMessage {
   std::vector<Set> sets_;
   std::vector<WireSource> sources_;  // of all groups; one block of memory, however many groups there are
 };
-
-/// Why a message of a family cannot have such an upstream neighbor, group, or source; nothing if it can.
-std::optional<Reason> upstreamFault(IpGenAddr const& address);
-inline std::optional<Reason> groupFault(IpGenAddr const& group, AddressFamily family) {
-  if (group.af() != family) return Reason::familiesDiffer;
-  if (!isMulticast(group)) return Reason::groupNotMulticast;
-  return std::nullopt;
-}
-inline std::optional<Reason> sourceFault(IpGenAddr const& address, AddressFamily family) {
-  if (address.af() != family) return Reason::familiesDiffer;
-  if (address.isZero() || isMulticast(address)) return Reason::sourceNotUnicast;
-  return std::nullopt;
-}
 
 /// The PIM checksum over a message whose checksum field counts as it stands: 0 for a message that is intact,
 /// the value for the field if the field is zero. Over IPv6 the pseudo-header is included (RFC 7761, 4.9).

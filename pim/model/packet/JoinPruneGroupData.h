@@ -86,6 +86,13 @@ class VEL_API JoinPruneGroupData final : public Vel::Entity {
   /// True if there is no entry of any kind; O(1).
   bool empty() const { return routes() == 0; }
 
+  /// The (S,G) joins of a group that has them and nothing else, as most groups do; null for any other group. They are
+  /// not to be changed while one looks at them.
+  Vel::HashSet<Dova::IpGenAddr> const* velJoinsAlone() const {
+    U32 const others = prunedSourceCount() + joinedRptSourceCount() + prunedRptSourceCount();
+    return joinedSource_.size() != 0 && others == 0 && !wcSourceData_ ? &joinedSource_ : nullptr;
+  }
+
   Dova::IpGenAddr const& velKey() const { return group_; }
   /// For walks over many groups: most have one kind of source.
   void velPrefetch() const { (joinedSource_.size() != 0 ? joinedSource_ : prunedSource_).velPrefetch(); }

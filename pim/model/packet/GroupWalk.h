@@ -1,0 +1,63 @@
+// A walk over very many groups.
+#pragma once
+
+#include <algorithm>
+
+#include "pim/model/packet/JoinPruneData.h"
+
+namespace Routing::Pim::Packet {
+
+/// Walks the groups of a data set in the order of their table, for a loop that calls nothing and changes nothing:
+/// nothing is held, and the walk ends with the first change.
+///
+///     for (GroupWalk walk(*data); walk; ++walk) sum += walk->routes();
+///
+/// Such a loop waits for memory more than for anything else. Groups lie where they were made, each on another page, and
+/// processors drop a request for memory in advance if its page is not at hand. So the walk reads a little of many groups at
+/// once, which it waits for together, before the loop comes to the first of them.
+class GroupWalk {
+ public:
+  /// From a place in the table on.
+  GroupWalk(JoinPruneData const& data, U32 place) : groups_(&data.velGroups()), place_(place) { arrive(); }
+  explicit GroupWalk(JoinPruneData const& data) : GroupWalk(data, data.velGroups().first()) {}
+
+  explicit operator bool() const { return place_ != groups_->end(); }
+  JoinPruneGroupData& operator*() const { return *groups_->at(place_).element(); }
+  JoinPruneGroupData* operator->() const { return groups_->at(place_).element(); }
+
+  GroupWalk& operator++() {
+    place_ = groups_->next(place_);
+    arrive();
+    return *this;
+  }
+
+ private:
+  static constexpr U32 together = 32;
+
+  void arrive() {
+    if (place_ >= fetched_) fetch();
+  }
+
+  void fetch() {
+    fetched_ = place_ + together;
+    U32 const last = std::min(fetched_, groups_->end());
+    for (U32 place = place_; place < last; ++place)
+      if (auto const* const group = groups_->at(place).element()) read(group->references());
+    // The pages are at hand now, so the rest can be asked for.
+    for (U32 place = place_; place < last; ++place) {
+      JoinPruneGroupData const* const group = groups_->at(place).element();
+      if (!group) continue;
+      Vel::Prefetch::object(group);
+      group->velPrefetch();
+    }
+  }
+
+  // As if the number were needed.
+  static void read(U32 number) { asm volatile("" : : "r"(number)); }
+
+  JoinPruneData::GroupTable const* groups_;
+  U32 place_;
+  U32 fetched_ = 0;
+};
+
+}  // namespace Routing::Pim::Packet
