@@ -6,6 +6,7 @@
 #include "pim/joinprune/JoinPruneMessageSm.h"
 #include "pim/joinprune/JoinPruneTrace.h"
 #include "pim/joinprune/NestedReactor.h"
+#include "pim/model/packet/GroupWalk.h"
 #include "runtime/vel/Assert.h"
 
 namespace Routing::Pim {
@@ -27,23 +28,24 @@ consteval auto joined(char const (&... parts)[N]) {
 }
 
 // The kinds of sources: which collection of the group data, and whether they are joins.
-template <bool (GroupData::*collection)(Dova::IpGenAddr const&) const, bool isJoin>
+template <bool (GroupData::*collection)(Dova::IpGenAddr const&) const, U32 (GroupData::*count)() const,
+          bool isJoin>
 struct SourceKind {
   static constexpr bool join = isJoin;
   static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
-    return (group.*collection)(source);
+    return (group.*count)() != 0 && (group.*collection)(source);
   }
 };
-struct JoinedSource : SourceKind<&GroupData::joinedSource, true> {
+struct JoinedSource : SourceKind<&GroupData::joinedSource, &GroupData::joinedSourceCount, true> {
   static constexpr char name[] = "JoinedSource";
 };
-struct PrunedSource : SourceKind<&GroupData::prunedSource, false> {
+struct PrunedSource : SourceKind<&GroupData::prunedSource, &GroupData::prunedSourceCount, false> {
   static constexpr char name[] = "PrunedSource";
 };
-struct JoinedRptSource : SourceKind<&GroupData::joinedRptSource, true> {
+struct JoinedRptSource : SourceKind<&GroupData::joinedRptSource, &GroupData::joinedRptSourceCount, true> {
   static constexpr char name[] = "JoinedRptSource";
 };
-struct PrunedRptSource : SourceKind<&GroupData::prunedRptSource, false> {
+struct PrunedRptSource : SourceKind<&GroupData::prunedRptSource, &GroupData::prunedRptSourceCount, false> {
   static constexpr char name[] = "PrunedRptSource";
 };
 
@@ -181,6 +183,13 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAdd
                                            "GroupData::handle", Kind::name, "(const Dova::IpGenAddr&)");
   JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
   if (!sm) return;
+  if constexpr (!Channel::counted) {
+    // The bulk of a burst: one more source, and the timer runs already. Nobody is called, so nothing is held.
+    if (sm->timerRunsQuietly<Channel>()) {
+      auto const* const watched = static_cast<GroupData const*>(this->velNotifier());
+      if (!watched || Kind::present(*watched, source)) return;
+    }
+  }
   SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
   Vel::Ptr<ChannelGroupData> const keep(this);
   Hold const hold(sm);
@@ -328,11 +337,19 @@ Vel::Ptr<Packet::JoinPruneData> JoinPruneNeighborSm::data() const {
   return group ? group->notifier() : nullptr;
 }
 
+// Whether updating the channel's timer would do nothing at all.
+template <class Channel>
+bool JoinPruneNeighborSm::timerRunsQuietly() {
+  auto const& timer = Channel::timer(*this);
+  return timer && timer->armed() && joinPruneIsQuiet();
+}
+
 template <class Channel>
 void JoinPruneNeighborSm::doUpdateTimer() {
   static constexpr auto function = joined("doUpdate", Channel::name, "Timer");
   static constexpr auto signature =
       joined("void Routing::Pim::JoinPruneNeighborSm::doUpdate", Channel::name, "Timer()");
+  if (timerRunsQuietly<Channel>()) return;
   Hold const hold(this);
   auto const timer = Channel::timer(*this);
   if (!timer || hold.gone()) return;
@@ -501,9 +518,7 @@ void JoinPruneNeighborSm::handleInitialized() {
   if (hold.gone()) return;
   joinPrunePeriodicTimerSmIs(wheel, this, loopQuantum_, periodic, intf_, notifierOf(pimPamManager_),
                              txMessage_);
-  if (periodic)
-    for (auto i = periodic->joinPruneGroupDataIterator(); i && !hold.gone(); ++i)
-      numPeriodicRoutesInc(i->routes());
+  if (periodic) countRoutesAtStart(*periodic);
   // Whoever was called so far may have changed what there is, so the last word is the data's. From here on the
   // sources are counted one by one.
   counted_ = true;
@@ -588,7 +603,12 @@ template <class Channel>
 void JoinPruneNeighborSm::reconcile() {
   Hold const hold(this);
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Channel>();
-  if (!groups) return;
+  if (!groups || hold.gone()) return;
+  if (Channel::groupData(*this).size() == 0 && !isWatched()) {
+    // At the start there is nothing to compare with, and nobody is called.
+    for (Packet::GroupWalk walk(*groups); walk; ++walk) newGroupData<Channel>(&*walk);
+    return;
+  }
   for (auto i = groups->joinPruneGroupDataIterator(); i && !hold.gone(); ++i) groupDataIs<Channel>(i.ptr());
   using Iterator =
       Vel::EntityIterator<Dova::IpGenAddr, typename Channel::GroupReactor, typename Channel::GroupReactor>;
@@ -600,7 +620,7 @@ template <class Channel>
 auto JoinPruneNeighborSm::newGroupData(Vel::Ptr<GroupData> const& groupData) {
   auto const reactor = Vel::create<typename Channel::GroupReactor>(groupData, this);
   Channel::groupData(*this).insert(reactor);
-  reactor->hasNotificationActiveIs(hasNotificationActive());
+  if (!hasNotificationActive()) reactor->hasNotificationActiveIs(false);
   return reactor;
 }
 
@@ -655,11 +675,24 @@ JOIN_PRUNE_GROUP_DATA(Override, overrideGroupData, OverrideGroupData)
 JOIN_PRUNE_GROUP_DATA(Periodic, periodicGroupData, PeriodicGroupData)
 #undef JOIN_PRUNE_GROUP_DATA
 
+// A group of the channel's data, or null; not held.
+template <class Channel>
+GroupData const* JoinPruneNeighborSm::groupOf(Dova::IpGenAddr const& group) const {
+  auto const& reactor = Channel::group(*this);
+  Packet::JoinPruneData const* const groups = reactor ? reactor->velData() : nullptr;
+  return groups && groups->joinPruneGroupDataCount() != 0 ? groups->velGroup(group) : nullptr;
+}
+
 template <class Channel>
 void JoinPruneNeighborSm::handleGroup(Dova::IpGenAddr const& group) {
   static constexpr auto function = joined("handle", Channel::name, "Group");
   static constexpr auto signature = joined("void Routing::Pim::JoinPruneNeighborSm::handle", Channel::name,
                                            "Group(const Dova::IpGenAddr&)");
+  if (joinPruneIsQuiet()) {
+    GroupData const* const found = groupOf<Channel>(group);
+    if (found && !found->empty()) doUpdateTimer<Channel>();
+    return;
+  }
   SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
   Hold const hold(this);
   JOIN_PRUNE_TRACE_AS(7, this, function.data(), '(' << group << ')');
@@ -677,6 +710,9 @@ void JoinPruneNeighborSm::handleTriggeredGroup(Dova::IpGenAddr const& group) {
 void JoinPruneNeighborSm::handleOverrideGroup(Dova::IpGenAddr const& group) { handleGroup<Override>(group); }
 
 void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
+  if (joinPruneIsQuiet() && periodicGroup_ && periodicGroup_->velData() &&
+      periodicGroup_->velData()->joinPruneGroupDataCount() != 0 && !groupOf<Periodic>(group))
+    return;
   JOIN_PRUNE_BLOCK_TIMER();
   Hold const hold(this);
   JOIN_PRUNE_TRACE(7, this, '(' << group << ')');
@@ -743,16 +779,38 @@ void JoinPruneNeighborSm::catchUp() {
 
 // --- The route count -----------------------------------------------------------------------------
 
+// Counts up group by group. Where nobody would hear of the single steps, only those are made that lead to the timer being
+// armed, since it is the first routes that set its time; countRoutes() makes the rest at once.
+void JoinPruneNeighborSm::countRoutesAtStart(Packet::JoinPruneData const& periodic) {
+  Hold const hold(this);
+  for (auto i = periodic.joinPruneGroupDataIterator(); i && !hold.gone(); ++i) {
+    bool const paceIsSet = !joinPrunePeriodicTimerSm_ || joinPrunePeriodicTimerSm_->velPaceIsSet();
+    if (paceIsSet && !isWatched() && joinPruneIsQuiet()) return;
+    numPeriodicRoutesInc(i->routes());
+  }
+}
+
 // Takes the count from the data, with all (*,G) entries that are there: they are not counted again.
 void JoinPruneNeighborSm::countRoutes() {
   Hold const hold(this);
   Vel::Ptr<Packet::JoinPruneData> const periodic = data<Periodic>();
   if (!periodic || hold.gone()) return;
   U32 sum = 0;
-  for (auto i = periodic->joinPruneGroupDataIterator(); i; ++i) {
-    sum += i->routes();
-    if (VelPeriodicGroupData* const reactor = periodicGroupData_.find(i.key()))
-      reactor->wcSourceSetIs(i->wcSourceData() != nullptr);
+  auto const& groups = periodic->velGroups();
+  auto const& reactors = periodicGroupData_.table();
+  // Both are in one order, so they are walked side by side.
+  U32 reactor = reactors.first();
+  for (U32 place = groups.first(); place != groups.end(); place = groups.next(place)) {
+    GroupData const& group = *groups.at(place).element();
+    sum += group.routes();
+    U32 const mark = groups.at(place).mark();
+    auto const isBefore = [&](auto const& slot) {
+      return slot.mark() < mark || (slot.mark() == mark && slot.key() < group.group());
+    };
+    while (reactor != reactors.end() && isBefore(reactors.at(reactor))) reactor = reactors.next(reactor);
+    if (reactor == reactors.end()) continue;
+    VelPeriodicGroupData* const candidate = reactors.at(reactor).element();
+    if (candidate->velKey() == group.group()) candidate->wcSourceSetIs(group.wcSourceData() != nullptr);
   }
   numPeriodicRoutesIs(sum);
 }

@@ -133,6 +133,11 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     void notifierIs(Vel::Ptr<Packet::JoinPruneData> const& data) override;
     void onJoinPruneGroupData(Dova::IpGenAddr group) override;
     void onJoinPruneGroupDatavelImmediate() override;
+
+    /// The data, or null; not held.
+    Packet::JoinPruneData* velData() const {
+      return static_cast<Packet::JoinPruneData*>(this->velNotifier());
+    }
   };
 
   /// Follows the sources of one group. Made for a filled group it does nothing until the next change.
@@ -383,6 +388,9 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   template <class Channel>
   Vel::Ptr<Packet::JoinPruneData> data() const;
   template <class Channel>
+  Packet::JoinPruneGroupData const* groupOf(Dova::IpGenAddr const& group) const;
+  bool isWatched() const { return static_cast<bool>(Vel::SnapshotIterator(*this)); }
+  template <class Channel>
   void reconcile();
   template <class Channel>
   void forward(bool active);
@@ -399,8 +407,11 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   template <class Channel>
   void handleGroup(Dova::IpGenAddr const& group);
   void countRoutes();
+  void countRoutesAtStart(Packet::JoinPruneData const& periodic);
   void fallBehind();
   void catchUp();
+  template <class Channel>
+  bool timerRunsQuietly();
   template <class Channel>
   void doUpdateTimer();
   template <class Channel>

@@ -15,6 +15,12 @@ inline Vel::TraceHandle& joinPruneTrace() {
   return handle;
 }
 
+/// True if no handler writes anything but events and errors: no line of level 7 or 8, and no block timer. What such a line
+/// could call is then not called.
+inline bool joinPruneIsQuiet() {
+  return !joinPruneTrace().wanted(7) && !joinPruneTrace().wanted(8) && !Scrivo::TraceFile::current();
+}
+
 /// A trace line: the subject's form, the function's name and the pieces, without separators.
 #define JOIN_PRUNE_TRACE_AS(level, subject, function, pieces)                     \
   VEL_TRACE(::Routing::Pim::joinPruneTrace(), level, JOIN_PRUNE_SOURCE, function, \
@@ -28,9 +34,11 @@ inline Vel::TraceHandle& joinPruneTrace() {
   VEL_TRACE(::Routing::Pim::joinPruneTrace(), level, JOIN_PRUNE_SOURCE, __func__, velFunction << pieces)
 
 /// A signature as it was declared in its class, without the "virtual" that some compilers put before it.
-constexpr char const* plainSignature(char const* pretty) {
+/// The array's length is part of its type, so all of this is done at compile time.
+template <std::size_t size>
+constexpr char const* plainSignature(char const (&pretty)[size]) {
   std::string_view constexpr prefix = "virtual ";
-  return std::string_view(pretty).starts_with(prefix) ? pretty + prefix.size() : pretty;
+  return std::string_view(pretty, size - 1).starts_with(prefix) ? pretty + prefix.size() : pretty;
 }
 
 #define JOIN_PRUNE_BLOCK_TIMER() \

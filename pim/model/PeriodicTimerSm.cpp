@@ -69,8 +69,8 @@ void PeriodicTimerSm::doUpdatePeriodicTimer() {
   U32 const routes = numberOfMessages();
   PeriodicParams const params = slice(seconds, routes);
   periodicParamsIs(params);
+  if (!periodicTimer_ || sending_ || periodicTimer_->armed()) return;
   Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer_;
-  if (!timer || sending_ || timer->armed()) return;
   left_ = wholeSlice;
   if (routes == 0) return;
   Seconds const now = timer->notifier()->now();

@@ -86,6 +86,11 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// there was none or that time has gone by. While a slice is being sent, only the parameters are taken.
   void doUpdatePeriodicTimer();
 
+  /// True if a change of the route count would do no more than move the parameters, and nobody hears of that.
+  bool velPaceIsSet() const {
+    return (!periodicTimer_ || periodicTimer_->armed()) && !Vel::SnapshotIterator(*this);
+  }
+
   /// Goes on with the slice 0.1 s from now.
   void doReschedulePeriodicTimer();
 

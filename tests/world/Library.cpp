@@ -190,6 +190,10 @@ void Library::tracesIs(bool on) {
   for (U32 level = 0; level <= 8; ++level) handle().levelIs(level, on);
 }
 
+void Library::fewTraces() {
+  for (U32 const level : {7u, 8u}) handle().levelIs(level, false);
+}
+
 // --- The manager's side
 
 std::string Library::seen(RecordPtr const& record) const {

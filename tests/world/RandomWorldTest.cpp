@@ -83,9 +83,9 @@ class RandomWorldTest : public testing::TestWithParam<Profile> {
   ~RandomWorldTest() override { munmap(progress_, sizeof(Progress)); }
 
   /// Goes through world after world. Empty, or what differs.
-  std::string run(U64 firstSeed, U64 operations) {
+  std::string run(U64 firstSeed, U64 operations, World::Traces traces = World::Traces::all) {
     for (progress_->seed = firstSeed; progress_->operations < operations; ++progress_->seed) {
-      World world;
+      World world(traces);
       Random random(progress_->seed, GetParam());
       for (U32 i = 0; i < operationsPerWorld && !world.stopped(); ++i) {
         auto const difference = world.step(random.operation(world.model()));
@@ -158,6 +158,15 @@ TEST_P(RandomWorldTest, TheLibraryDoesWhatTheModelDoes) {
     if (operations < usualOperations) continue;
     EXPECT_NE(progress_->happened[i], 0u) << happening.part;
   }
+}
+
+TEST_P(RandomWorldTest, TheLibraryDoesTheSameWhereNobodyListensToEachEntry) {
+  U64 const operations = fromEnvironment("JOINPRUNE_WORLD_OPERATIONS", usualOperations / 4);
+  U64 const seed = fromEnvironment("JOINPRUNE_WORLD_SEED", 1);
+  auto const difference = apart([&] { return run(seed, operations, World::Traces::few); }, 0);
+  EXPECT_EQ(difference, "") << "seed " << progress_->seed << ", after " << progress_->operations
+                            << " operations";
+  ASSERT_GE(progress_->operations, operations);
 }
 
 INSTANTIATE_TEST_SUITE_P(Profiles, RandomWorldTest, testing::ValuesIn(profiles),

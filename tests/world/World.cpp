@@ -170,8 +170,10 @@ std::string World::step(Operation const& operation) {
     model_.step(operation);
   } catch (Stopped const& stopped) {
     stopped_ = true;
+    keepFewTraces();
     return stopDiffers(operation, stopped.expression);
   }
+  keepFewTraces();
   library_.events.clear();
   library_.manager.messages = library_.expiries = 0;
   library_.perform(operation);
@@ -179,6 +181,11 @@ std::string World::step(Operation const& operation) {
   if (difference.empty()) difference = stateDiffers();
   forget();
   return difference;
+}
+
+void World::keepFewTraces() {
+  if (traces_ == Traces::few)
+    std::erase_if(model_.events, [](Event const& event) { return event.level > 4; });
 }
 
 void World::repeat(Operation const& operation) {
@@ -189,6 +196,7 @@ void World::repeat(Operation const& operation) {
   library_.manager.messages = library_.expiries = 0;
   library_.perform(operation);
   library_.tracesIs(true);
+  if (traces_ == Traces::few) library_.fewTraces();
 }
 
 // The library must stop the process with this assertion, and everything up to then must be the same. A copy of the

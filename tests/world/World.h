@@ -39,6 +39,8 @@ class Library {
 
   /// Whether the library traces.
   void tracesIs(bool on);
+  /// Traces events and errors, but not each handler and each entry.
+  void fewTraces();
 
   // --- The manager's side
 
@@ -97,6 +99,13 @@ class Library {
 
 class World {
  public:
+  /// Lines for each handler and each entry are most of what there is to compare; without them, the library takes the
+  /// shorter ways that are open when nobody listens.
+  enum class Traces { all, few };
+  explicit World(Traces traces = Traces::all) : traces_(traces) {
+    if (traces == Traces::few) library_.fewTraces();
+  }
+
   /// Does the operation to both. Empty if both did the same, otherwise what differs.
   std::string step(Operation const& operation);
 
@@ -115,8 +124,10 @@ class World {
   std::string stateDiffers();
   std::string stopDiffers(Operation const& operation, std::string const& expression);
   std::string differs(Model::Machine const& expected, JoinPruneNeighborSm const& got);
+  void keepFewTraces();
   void forget();
 
+  Traces const traces_;
   Model model_;
   Library library_;
   bool stopped_ = false;
