@@ -46,7 +46,9 @@
 /// foo(), fooIs(value). The default can follow: VEL_VALUE(bool, foo, Foo) = true;
 #define VEL_VALUE(Type, foo, Foo)                                                                            \
  public:                                                                                                     \
+  /** The value of the attribute `foo`. */                                                                   \
   ::Vel::Read<Type> foo() const { return foo##_; }                                                           \
+  /** Sets `foo` and tells the reactors; an equal value is nothing. */                                       \
   void foo##Is(Type const& value) {                                                                          \
     this->template velValueIs<NotifieeConst, foo##Id>(foo##_, value, [](NotifieeConst& r) { r.on##Foo(); }); \
   }                                                                                                          \
@@ -59,7 +61,9 @@
 /// InvalidArgumentException.
 #define VEL_SECONDS(foo, Foo)                                                                                \
  public:                                                                                                     \
+  /** The value of the attribute `foo`, in seconds. */                                                       \
   ::Vel::Seconds foo() const { return foo##_; }                                                              \
+  /** Sets `foo`, in seconds, and tells the reactors; an equal value is nothing, NaN throws. */              \
   void foo##Is(::Vel::Seconds value) {                                                                       \
     if (std::isnan(value)) throw ::Vel::InvalidArgumentException(#foo " cannot be NaN");                     \
     this->template velValueIs<NotifieeConst, foo##Id>(foo##_, value, [](NotifieeConst& r) { r.on##Foo(); }); \
@@ -73,12 +77,14 @@
 /// value.
 #define VEL_COUNTER(foo, Foo)                                            \
  public:                                                                 \
+  /** Adds to `foo`, modulo 2^32, and returns the new value. */          \
   ::Vel::U32 foo##Inc(::Vel::U32 n) {                                    \
     ::Vel::U32 const value = foo##_ + n;                                 \
     foo##Is(value);                                                      \
     return value;                                                        \
   }                                                                      \
   ::Vel::U32 foo##Inc(::Vel::U32) const { ::Vel::throwConstInstance(); } \
+  /** Subtracts from `foo`, modulo 2^32; the new value. */               \
   ::Vel::U32 foo##Dec(::Vel::U32 n) { return foo##Inc(0u - n); }         \
   ::Vel::U32 foo##Dec(::Vel::U32) const { ::Vel::throwConstInstance(); } \
   VEL_VALUE(::Vel::U32, foo, Foo)
@@ -86,7 +92,9 @@
 /// A counted reference to another entity: foo(), fooIs(ptr). Null until set.
 #define VEL_POINTER(Target, foo, Foo)                                                                      \
  public:                                                                                                   \
+  /** What the attribute `foo` refers to, or null. */                                                      \
   ::Vel::Ptr<Target> foo() const { return foo##_; }                                                        \
+  /** Refers to another entity or none, and tells the reactors; the same one is nothing. */                \
   void foo##Is(::Vel::Ptr<Target> const& ptr) {                                                            \
     this->template velValueIs<NotifieeConst, foo##Id>(foo##_, ptr, [](NotifieeConst& r) { r.on##Foo(); }); \
   }                                                                                                        \
@@ -98,6 +106,7 @@
 /// A constructor parameter: foo() alone. The constructor sets the member foo_.
 #define VEL_FIXED(Type, foo)                       \
  public:                                           \
+  /** The value of the attribute `foo`. */         \
   ::Vel::Read<Type> foo() const { return foo##_; } \
                                                    \
  private:                                          \
@@ -106,6 +115,7 @@
 /// What every keyed collection delivers. fooNotify(key): onFoo(key), then onFoo(), on each reactor.
 #define VEL_COLLECTION_NOTIFY(Key, foo, Foo)                                                                \
  public:                                                                                                    \
+  /** Tells the reactors of `foo` about a key: the callback with the key, then the one without. */          \
   void foo##Notify(Key key) {                                                                               \
     this->template velDeliverKey<NotifieeConst, foo##Id>([&key](NotifieeConst& r) { r.on##Foo(Key(key)); }, \
                                                          [](NotifieeConst& r) { r.on##Foo(); });            \
@@ -121,15 +131,25 @@
 /// foo(key), fooCount(), fooIterator(), fooIteratorAfter(key), and the notifications.
 #define VEL_ENTITIES_READ(Key, Element, foo, Foo)                                             \
   VEL_COLLECTION_NOTIFY(Key, foo, Foo)                                                        \
+  /** Walks `foo`, and stands whatever happens to it meanwhile. */                            \
   using Foo##Iterator = ::Vel::EntityIterator<Key, Element, Element>;                         \
+  /** The same, for reading. */                                                               \
   using Foo##IteratorConst = ::Vel::EntityIterator<Key, Element, Element const>;              \
+  /** The element of `foo` under a key, or null. */                                           \
   ::Vel::Ptr<Element> foo(Key const& key) { return foo##_.find(key); }                        \
+  /** The same, for reading. */                                                               \
   ::Vel::Ptr<Element const> foo(Key const& key) const { return foo##_.find(key); }            \
+  /** How many elements `foo` has; O(1). */                                                   \
   ::Vel::U32 foo##Count() const { return foo##_.size(); }                                     \
+  /** At the first element of `foo`. */                                                       \
   Foo##Iterator foo##Iterator() { return {this, foo##_}; }                                    \
+  /** The same, for reading. */                                                               \
   Foo##IteratorConst foo##Iterator() const { return {this, foo##_}; }                         \
+  /** At the first element of `foo`, for reading. */                                          \
   Foo##IteratorConst foo##IteratorConst() const { return {this, foo##_}; }                    \
+  /** At the first element behind a key, which need not be there. */                          \
   Foo##Iterator foo##IteratorAfter(Key const& key) { return {this, foo##_, key}; }            \
+  /** The same, for reading. */                                                               \
   Foo##IteratorConst foo##IteratorAfter(Key const& key) const { return {this, foo##_, key}; } \
                                                                                               \
  private:                                                                                     \
@@ -139,14 +159,17 @@
 /// was there at its start. One notification for each element that went.
 #define VEL_ENTITIES_DEL(Key, Element, foo, Foo)                                            \
  public:                                                                                    \
+  /** Removes an element of `foo`, tells the reactors, returns it; null if it is absent. */ \
   ::Vel::Ptr<Element> foo##Del(Key const& key) {                                            \
     ::Vel::Ptr<Element> removed = foo##_.remove(key);                                       \
     if (removed) foo##Notify(removed->velKey());                                            \
     return removed;                                                                         \
   }                                                                                         \
+  /** The same for the element at which an iterator stands. */                              \
   ::Vel::Ptr<Element> foo##Del(::Vel::EntityIterator<Key, Element, Element> const& i) {     \
     return foo##Del(i.key());                                                               \
   }                                                                                         \
+  /** Removes what is in `foo` now, and tells the reactors of each. */                      \
   void foo##DelAll() {                                                                      \
     Keep const keep(this);                                                                  \
     for (auto const& element : foo##_.elements())                                           \
@@ -164,6 +187,7 @@
 /// fooIs(null).
 #define VEL_ENTITIES_PUT(Key, Element, foo, Foo, Class)                                                 \
  public:                                                                                                \
+  /** Puts an element under its own key, and tells; null throws InvalidArgumentException. */            \
   void foo##Is(::Vel::Ptr<Element> const& element) {                                                    \
     if (!element) ::Vel::throwNullParameter("_" #foo, #Class "::" #foo);                                \
     Element* const present = foo##_.find(element->velKey());                                            \
@@ -175,6 +199,7 @@
       foo##_.insert(element);                                                                           \
     foo##Notify(element->velKey());                                                                     \
   }                                                                                                     \
+  /** The same with the key; another than the element's throws; null removes what is there. */          \
   void foo##Is(Key const& key, ::Vel::Ptr<Element> const& element) {                                    \
     if (element && !(element->velKey() == key))                                                         \
       throw ::Vel::InvalidArgumentException("_" #foo " has another key than it is put under in " #Class \
@@ -191,6 +216,7 @@
 /// creates (newFoo(key), then the notification).
 #define VEL_ENTITIES(Key, Element, foo, Foo)                                         \
   VEL_ENTITIES_DEL(Key, Element, foo, Foo)                                           \
+  /** The element of `foo` under a key; made, and told, if it is missing. */         \
   ::Vel::Ptr<Element> foo##Is(Key const& key) {                                      \
     if (Element* const present = foo##_.find(key)) return present;                   \
     ::Vel::Ptr<Element> const added = ::Vel::valid(new##Foo(key));                   \
@@ -211,24 +237,35 @@
 /// fooIs(key) adds and fooDel(key) removes; each returns whether it changed anything, and notifies if so.
 #define VEL_SET(Set, foo, Foo)                                                                \
   VEL_COLLECTION_NOTIFY(Set::Key, foo, Foo)                                                   \
+  /** Walks `foo`, and stands whatever happens to it meanwhile. */                            \
   using Foo##Iterator = ::Vel::SetIterator<Set>;                                              \
+  /** The same. */                                                                            \
   using Foo##IteratorConst = Foo##Iterator;                                                   \
+  /** Whether the key is in `foo`. */                                                         \
   bool foo(Set::Key const& key) const { return foo##_.contains(key); }                        \
+  /** How many elements `foo` has; O(1). */                                                   \
   ::Vel::U32 foo##Count() const { return foo##_.size(); }                                     \
+  /** At the first key of `foo`. */                                                           \
   Foo##Iterator foo##Iterator() const { return {this, foo##_}; }                              \
+  /** The same. */                                                                            \
   Foo##Iterator foo##IteratorConst() const { return {this, foo##_}; }                         \
+  /** At the first key behind another, which need not be there. */                            \
   Foo##Iterator foo##IteratorAfter(Set::Key const& key) const { return {this, foo##_, key}; } \
+  /** Adds a key to `foo`, and tells the reactors; false if it was there. */                  \
   bool foo##Is(Set::Key key) {                                                                \
     bool const changed = foo##_.insert(key);                                                  \
     if (changed) foo##Notify(key);                                                            \
     return changed;                                                                           \
   }                                                                                           \
+  /** Removes a key from `foo`, and tells the reactors; false if it was not there. */         \
   bool foo##Del(Set::Key key) {                                                               \
     bool const changed = foo##_.remove(key);                                                  \
     if (changed) foo##Notify(key);                                                            \
     return changed;                                                                           \
   }                                                                                           \
+  /** The same for the key at which an iterator stands. */                                    \
   bool foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }                         \
+  /** Removes what is in `foo` now, and tells the reactors of each. */                        \
   void foo##DelAll() {                                                                        \
     Keep const keep(this);                                                                    \
     std::vector<Set::Key> all;                                                                \
@@ -244,7 +281,7 @@
  private:                                                                                     \
   Set foo##_
 
-/// Rows of an attribute table: one that can be set by name, and one that can only be read.
+/// A row of an attribute table, for an attribute that can be set by name.
 #define VEL_ROW(foo)                                                                                       \
   ::Vel::AttributeRow {                                                                                    \
 #foo, foo##Id, [](::Vel::Entity const& e) { return ::Vel::textOf(static_cast<Self const&>(e).foo##_); }, \
@@ -253,6 +290,7 @@
           return ::Vel::setFromText(text, self.foo##_, [&self](auto const& value) { self.foo##Is(value); }); \
         } \
   }
+/// A row for an attribute that can only be read by name.
 #define VEL_ROW_FIXED(foo)                                                                                \
   ::Vel::AttributeRow {                                                                                   \
 #foo, foo##Id,                                                                                        \

@@ -115,8 +115,11 @@ class EntityMap {
 template <class Iterator>
 class IteratorRange {
  public:
+  /// The iterator itself.
   Iterator begin() const { return static_cast<Iterator const&>(*this); }
+  /// The end of any walk.
   std::default_sentinel_t end() const { return {}; }
+  /// Whether the walk is over.
   friend bool operator==(Iterator const& i, std::default_sentinel_t) { return !i; }
 };
 
@@ -124,9 +127,11 @@ class IteratorRange {
 template <class Key, class Element, class View>
 class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> {
  public:
+  /// What is walked.
   using Map = EntityMap<Key, Element>;
 
   EntityIterator() = default;
+  /// At the first element. Keeps the entity that holds the map.
   EntityIterator(Entity const* owner, Map const& map) : owner_(owner), map_(&map) {
     arriveAt(map.table().first());
   }
@@ -136,14 +141,19 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
     arriveAt(map.table().after(after));
   }
 
+  /// False when the walk is over.
   explicit operator bool() const { return static_cast<bool>(current_); }
 
   /// The element, also after it was removed. REQUIRES: true.
   View& operator*() const { return *current_; }
+  /// The element. REQUIRES: true.
   View* operator->() const { return current_.operator->(); }
+  /// The element, counted; null when the walk is over.
   Ptr<View> ptr() const { return current_; }
+  /// The element's key. REQUIRES: true.
   decltype(auto) key() const { return current_->velKey(); }
 
+  /// On to the next element, wherever it is by now. REQUIRES: true.
   EntityIterator& operator++() {
     auto const& table = map_->table();
     if (table.epoch() == epoch_) {
@@ -191,7 +201,9 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
 template <class K>
 class HashSet {
  public:
+  /// What the set holds.
   using Key = K;
+  /// How the table holds a key.
   using Slot = typename SlotOf<Key>::Type;
   using Table = HashTable<Slot>;
 
@@ -219,6 +231,7 @@ class HashSet {
     U32 epoch_ = 0;
   };
 
+  /// Whether the key is there.
   bool contains(Key const& key) const { return table_.find(key) != Table::none; }
   /// True if the key was absent.
   bool insert(Key const& key) { return table_.insert(key, Slot::stored(key)); }
@@ -228,7 +241,9 @@ class HashSet {
     if (at != Table::none) table_.remove(at);
     return at != Table::none;
   }
+  /// How many keys there are.
   U32 size() const { return table_.size(); }
+  /// Asks for the memory of the first keys, before a walk.
   void velPrefetch() const { table_.prefetch(); }
 
  private:
@@ -239,6 +254,7 @@ class HashSet {
 template <class K>
 class OrderedSet {
  public:
+  /// What the set holds.
   using Key = K;
 
   class Cursor {
@@ -267,19 +283,23 @@ class OrderedSet {
     U64 epoch_ = 0;
   };
 
+  /// Whether the key is there.
   bool contains(Key const& key) const { return set_ && set_->contains(key); }
+  /// True if the key was absent.
   bool insert(Key const& key) {
     if (!set_) set_ = std::make_unique<std::set<Key>>();
     bool const inserted = set_->insert(key).second;
     epoch_ += inserted;
     return inserted;
   }
+  /// True if the key was present.
   bool remove(Key const& key) {
     if (!set_ || set_->erase(key) == 0) return false;
     ++epoch_;
     if (set_->empty()) set_.reset();
     return true;
   }
+  /// How many keys there are.
   U32 size() const { return set_ ? static_cast<U32>(set_->size()) : 0; }
 
  private:
@@ -291,21 +311,27 @@ class OrderedSet {
 template <class Set>
 class SetIterator : public IteratorRange<SetIterator<Set>> {
  public:
+  /// What is walked.
   using Key = typename Set::Key;
 
   SetIterator() = default;
+  /// At the first key. Keeps the entity that holds the set.
   SetIterator(Entity const* owner, Set const& set) : owner_(owner), set_(&set), valid_(cursor_.first(set)) {}
   /// Begins behind a key, which need not be there.
   SetIterator(Entity const* owner, Set const& set, Key const& after)
       : owner_(owner), set_(&set), valid_(cursor_.after(set, after)) {}
 
+  /// False when the walk is over.
   explicit operator bool() const { return valid_; }
 
   /// The key, also after it was removed. REQUIRES: true.
   Key const& operator*() const { return cursor_.key(); }
+  /// The key. REQUIRES: true.
   Key const* operator->() const { return &cursor_.key(); }
+  /// The key. REQUIRES: true.
   Key const& key() const { return cursor_.key(); }
 
+  /// On to the next key. REQUIRES: true.
   SetIterator& operator++() {
     valid_ = cursor_.next(*set_);
     return *this;
@@ -324,14 +350,17 @@ std::ostream& writeKeys(std::ostream& os, Iterator i) {
   for (char const* separator = ""; i; ++i, separator = ", ") os << separator << i.key();
   return os;
 }
+/// The keys of a collection.
 template <class Key, class Element>
 std::ostream& operator<<(std::ostream& os, EntityMap<Key, Element> const& map) {
   return writeKeys(os, EntityIterator<Key, Element, Element const>(nullptr, map));
 }
+/// The keys of a set.
 template <class Key>
 std::ostream& operator<<(std::ostream& os, HashSet<Key> const& set) {
   return writeKeys(os, SetIterator<HashSet<Key>>(nullptr, set));
 }
+/// The keys of a set, in ascending order.
 template <class Key>
 std::ostream& operator<<(std::ostream& os, OrderedSet<Key> const& set) {
   return writeKeys(os, SetIterator<OrderedSet<Key>>(nullptr, set));

@@ -69,9 +69,9 @@ class VEL_API Delivery {
 
 /// One row of an entity type's attribute table; see VEL_ROW in Attribute.h.
 struct AttributeRow {
-  std::string_view name;
-  AttributeId id;
-  std::string (*text)(Entity const& entity);
+  std::string_view name;                      ///< As it is given to `attribute()` and `attributeIs()`.
+  AttributeId id;                             ///< The attribute's number.
+  std::string (*text)(Entity const& entity);  ///< The value in text.
   /// False if the text does not fit. Null if the attribute cannot be set by name.
   bool (*textIs)(Entity& entity, std::string_view text);
 };
@@ -100,10 +100,15 @@ class VEL_API Entity : public Counted {
   /// apart as well, so that one can tell an entity that somebody has from one that is merely still in use.
   class Keep {
    public:
+    /// Keeps nothing.
     Keep() = default;
+    /// Keeps an entity; none for null.
     explicit Keep(Entity const* entity) : entity_(entity) { take(); }
+    /// Keeps the same once more.
     Keep(Keep const& other) : entity_(other.entity_) { take(); }
+    /// Takes over; the other keeps nothing then.
     Keep(Keep&& other) noexcept : entity_(std::exchange(other.entity_, nullptr)) {}
+    /// Keeps another one.
     Keep& operator=(Keep other) noexcept {
       std::swap(entity_, other.entity_);
       return *this;

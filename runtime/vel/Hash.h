@@ -14,6 +14,7 @@ namespace Vel {
 /// fixed, so that walks repeat from run to run; an agent that faces strangers seeds from `getrandom(2)`.
 VEL_API void hashSeedIs(U64 seed);
 
+/// The seed in use.
 VEL_API U64 hashSeed();
 
 namespace Detail {

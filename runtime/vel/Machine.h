@@ -15,6 +15,7 @@ class VEL_API Machine : public Entity {
   /// machine, so each handler that calls out holds its machine and asks `gone()` before it goes on.
   class Hold {
    public:
+    /// For the length of a handler.
     explicit Hold(Machine const* machine) : machine_(machine), keep_(machine) {}
     Hold(Hold const&) = delete;
     Hold& operator=(Hold const&) = delete;
@@ -30,6 +31,7 @@ class VEL_API Machine : public Entity {
   /// Switches the callbacks of all nested reactors on (the default) or off, those that come later included.
   /// What was missed is not made up for.
   virtual void hasNotificationActiveIs(bool active);
+  /// Whether callbacks are on.
   bool hasNotificationActive() const { return active_; }
 
   /// Passes the call on to every nested reactor.
@@ -39,11 +41,13 @@ class VEL_API Machine : public Entity {
   virtual void handleInitialized() = 0;
 
  protected:
+  /// What is done with each nested reactor.
   using ReactorVisitor = std::function<void(Reactor& reactor)>;
 
   /// Calls `visit` on every nested reactor there is, absent ones left out. The visitor may call out.
   virtual void velVisitReactors(ReactorVisitor const& visit) = 0;
 
+  /// True after `retire()`.
   bool retired() const { return retired_; }
   /// True the first time.
   bool retire() { return !std::exchange(retired_, true); }

@@ -43,6 +43,7 @@ class VEL_API Counted {
   Counted(Counted const&) = delete;
   Counted& operator=(Counted const&) = delete;
 
+  /// Takes a reference. Vel::Ptr does this; by hand every one needs its deleteRef().
   void newRef() const {
     if (threadSafe())
       std::atomic_ref(word_).fetch_add(1, std::memory_order_relaxed);
@@ -50,6 +51,7 @@ class VEL_API Counted {
       ++word_;
   }
 
+  /// Drops a reference; the last one ends the object, unless it is revived.
   void deleteRef() const {
     U32 const left =
         threadSafe() ? std::atomic_ref(word_).fetch_sub(1, std::memory_order_acq_rel) - 1 : --word_;
@@ -77,7 +79,9 @@ class VEL_API Counted {
   /// Lets go of whatever could still find this object; follows `doTeardown()`, when there is no way back.
   virtual void doDetach() noexcept;
 
+  /// The flag of a retired reactor, which shares its word with the count.
   bool zombie() const { return (word() & zombieBit) != 0; }
+  /// Sets the flag.
   void zombieIs(bool zombie) { bitIs(zombieBit, zombie); }
 
  private:
@@ -109,32 +113,46 @@ class VEL_API Counted {
 template <class T>
 class Ptr {
  public:
+  /// What is referred to.
   using Element = T;
 
   constexpr Ptr() = default;
+  /// Null.
   constexpr Ptr(std::nullptr_t) {}
+  /// Counts one more reference to an object, which may be null.
   Ptr(T* object) : object_(object) { take(); }
+  /// Counts one more reference.
   Ptr(Ptr const& other) : object_(other.object_) { take(); }
+  /// Takes the reference over; the other is null then.
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
 
+  /// From a pointer to something that is a T.
   template <class U>
   requires std::convertible_to<U*, T*> Ptr(Ptr<U> const& other) : object_(other.get()) { take(); }
 
   ~Ptr() { drop(); }
 
+  /// Refers to something else. What was referred to is dropped last.
   Ptr& operator=(Ptr other) noexcept {
     std::swap(object_, other.object_);  // the old object is dropped last, when this already holds the new one
     return *this;
   }
 
+  /// The plain pointer, not counted; null for null.
   T* get() const { return object_; }
+  /// False for null.
   explicit operator bool() const { return object_ != nullptr; }
 
+  /// The object. Null throws RangeException "null ValidPtr".
   T* operator->() const { return valid(); }
+  /// The object. Null throws RangeException "null ValidPtr".
   T& operator*() const { return *valid(); }
 
+  /// Whether both refer to the same object.
   friend bool operator==(Ptr const& a, Ptr const& b) { return a.object_ == b.object_; }
+  /// Whether it is null.
   friend bool operator==(Ptr const& a, std::nullptr_t) { return a.object_ == nullptr; }
+  /// Whether it refers to that object.
   friend bool operator==(Ptr const& a, T const* b) { return a.object_ == b; }
 
  private:

@@ -37,6 +37,7 @@ class VEL_API Reactor : public Counted {
 
   /// Switches callbacks on (the default) or off. What was missed is not made up for.
   virtual void hasNotificationActiveIs(bool active);
+  /// Whether callbacks are on.
   bool hasNotificationActive() const { return (flags_ & inactive) == 0; }
 
   /// How many inconsistencies there are between this reactor and its notifier; 0 in a healthy process.
@@ -45,12 +46,14 @@ class VEL_API Reactor : public Counted {
   /// A nondestructing reactor does not keep its notifier alive: it gets `onZeroReferences()` when the
   /// notifier goes, and its notifier reads null afterwards. Off by default.
   virtual void isNondestructingIs(bool nondestructing);
+  /// Whether this reactor leaves its notifier's life to others.
   bool isNondestructing() const { return (flags_ & nondestructing) != 0; }
 
   ~Reactor() override;
 
   /// Puts this reactor into its notifier's list (at the end) or takes it out, without changing the notifier.
   virtual void isRegisteredNotifieeIs(bool registered);
+  /// Whether the notifier has this reactor in its list.
   bool isRegisteredNotifiee() const { return next_ && (flags_ & unregistered) == 0; }
 
   /// A name for traces; the type's unless overridden.
@@ -73,8 +76,9 @@ class VEL_API Reactor : public Counted {
   /// The callback of an attribute threw. By default writes a level-1 trace with this reactor's type, the
   /// attribute's number and the error.
   virtual void onNotificationException(AttributeId id);
-  /// Call the above; what they throw themselves is swallowed.
+  /// Calls `onNotificationException(id)`; what that throws is swallowed.
   virtual void handleNotificationException(AttributeId id) noexcept;
+  /// Calls `onNotificationException()`; what that throws is swallowed.
   virtual void handleNotificationException() noexcept;
 
   /// The notifier has no references left. It can be read, and revived by keeping a Ptr to it.
@@ -83,12 +87,14 @@ class VEL_API Reactor : public Counted {
   /// Retires the reactor (true: callbacks stop) or revives it. Nothing happens if it is in that state
   /// already. Does not touch back pointers.
   virtual void velDoZombieReactors(bool zombie);
+  /// True while retired.
   bool isZombie() const { return zombie(); }
 
  protected:
   Reactor() = default;
   void doDetach() noexcept override;
 
+  /// The entity watched, or null; not counted.
   Entity* velNotifier() const { return notifier_; }
   /// Points the reactor at another entity or at none, and registers it there. False if it is the same one.
   bool velNotifierIs(Entity* notifier);
@@ -136,14 +142,17 @@ class ReactorOn : public Reactor {
 template <class Base, class T>
 class WritableReactor : public Base {
  public:
+  /// The entity watched, or null; writable.
   Ptr<T> notifier() const { return Ptr<T>(static_cast<T*>(this->velNotifier())); }
 
+  /// Watches another entity, or none. The same one again: nothing.
   virtual void notifierIs(Ptr<T> const& entity) { this->velNotifierIs(entity.get()); }
   /// A const view cannot become a writable notifier: throws "attempting to modify a const instance".
   void notifierIs(Ptr<T const> const& entity) final {
     if (entity) throwConstInstance();
     notifierIs(Ptr<T>());
   }
+  /// Watches none.
   void notifierIs(std::nullptr_t) { notifierIs(Ptr<T>()); }
 };
 

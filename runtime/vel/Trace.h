@@ -21,15 +21,18 @@
 
 namespace Vel {
 
+/// The switches of one part of the program. One flag test answers for a line that nobody wants.
 class VEL_API TraceHandle {
  public:
   /// The handle of that name, made when it is first asked for; it lives as long as the process.
   static TraceHandle& find(std::string_view name);
 
+  /// The name that it is found by.
   std::string const& name() const { return name_; }
 
-  /// REQUIRES: level <= 30; a higher one throws InvalidArgumentException.
+  /// Switches one level on or off. REQUIRES: level <= 30; a higher one throws InvalidArgumentException.
   void levelIs(U32 level, bool on);
+  /// Whether a level is on.
   bool level(U32 level) const { return level <= maxLevel && (levels_ >> level & 1) != 0; }
   /// All levels off.
   void levelsDel();
@@ -52,16 +55,17 @@ class VEL_API TraceHandle {
 
 /// One line, as it is handed to the sink.
 struct TraceLine {
-  std::string_view handle;
-  std::string_view context;
-  std::string text;
-  U32 level;
-  bool enabled;
-  std::string_view source;
-  int line;
-  std::string_view function;
+  std::string_view handle;    ///< The name of the handle.
+  std::string_view context;   ///< "<unknown>" for every line of this library.
+  std::string text;           ///< What the line says.
+  U32 level;                  ///< Of the line.
+  bool enabled;               ///< False for a line that only the coverage stream gets.
+  std::string_view source;    ///< The name that the code is known by in the field.
+  int line;                   ///< In the source file.
+  std::string_view function;  ///< Its short name.
 };
 
+/// Where lines go. The texts of a TraceLine are valid during the call.
 using TraceSink = std::function<void(TraceLine const&)>;
 
 /// Where enabled lines go, for the whole process. An empty sink restores the default, standard error. What a

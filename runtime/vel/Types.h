@@ -10,9 +10,13 @@
 
 namespace Vel {
 
+/// An unsigned number of 8 bits.
 using U8 = std::uint8_t;
+/// An unsigned number of 16 bits.
 using U16 = std::uint16_t;
+/// An unsigned number of 32 bits.
 using U32 = std::uint32_t;
+/// An unsigned number of 64 bits.
 using U64 = std::uint64_t;
 
 /// A point in time or a duration, in seconds. Points are on the clock of the timer wheel in use.
