@@ -29,6 +29,7 @@ using Vel::Seconds;
 using Vel::U32;
 using Vel::U64;
 
+/// All timers on one clock. An agent has one, makes it first, and drives it from its loop.
 class VEL_API TimerWheel : public Vel::Entity {
   // A place in a ring of timers; a slot of the wheel is the one with which its ring begins and ends.
   struct Link {
@@ -46,6 +47,7 @@ class VEL_API TimerWheel : public Vel::Entity {
   /// A timer. It goes off the wheel when it is destroyed or pointed at another wheel.
   class VEL_API Notifiee : public Vel::WritableReactor<NotifieeConst, TimerWheel>, private Link {
    public:
+    /// What makes it a reactor.
     using Base = Vel::WritableReactor<NotifieeConst, TimerWheel>;
     using Base::notifierIs;
 
@@ -63,6 +65,7 @@ class VEL_API TimerWheel : public Vel::Entity {
     /// True if a finite time is set, the largest finite double included.
     bool armed() const { return timeMin_ <= std::numeric_limits<Seconds>::max(); }
 
+    /// Goes over to another wheel, or to none, with the time that is set.
     void notifierIs(Vel::Ptr<TimerWheel> const& wheel) override;
 
     /// The time has come. The timer reads as unarmed and may be armed again: a time that is due already waits
@@ -71,6 +74,7 @@ class VEL_API TimerWheel : public Vel::Entity {
     virtual void onTime() {}
 
    protected:
+    /// Takes the timer off the wheel.
     void doDetach() noexcept override;
 
    private:
@@ -81,6 +85,8 @@ class VEL_API TimerWheel : public Vel::Entity {
 
   /// On the monotonic clock of the system.
   TimerWheel();
+  /// On a clock of the caller's, such as a test's. REQUIRES: one that can be called, for as long as the wheel
+  /// lives.
   explicit TimerWheel(Clock clock);
 
   /// The clock, read now: it moves on during an `expire()`.
