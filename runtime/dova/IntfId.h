@@ -14,12 +14,16 @@ namespace Dova {
 class VEL_API IntfId {
  public:
   IntfId() = default;
+  /// From a name, which is not checked.
   explicit IntfId(std::string_view name) : name_(name) {}
 
+  /// The name; empty for the default.
   std::string const& name() const { return name_; }
+  /// 30 bits, seeded by `Vel::hashSeedIs`.
   Vel::U32 hash() const { return Vel::hashText(name_); }
 
   friend bool operator==(IntfId const& a, IntfId const& b) = default;
+  /// By name, byte for byte.
   friend bool operator<(IntfId const& a, IntfId const& b) { return a.name_ < b.name_; }
 
  private:
@@ -28,6 +32,7 @@ class VEL_API IntfId {
 
 /// The name.
 VEL_API std::ostream& operator<<(std::ostream& os, IntfId const& id);
+/// For attributes that are set by name: any text is a name.
 VEL_API bool fromText(std::string_view text, IntfId& id);
 
 }  // namespace Dova

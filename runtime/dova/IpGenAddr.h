@@ -34,8 +34,10 @@ VEL_API std::ostream& operator<<(std::ostream& os, AddressFamily af);
 class Ip6Addr {
  public:
   constexpr Ip6Addr() = default;
+  /// From bytes in network order.
   explicit Ip6Addr(std::array<U8, 16> const& bytes) { std::memcpy(words_, bytes.data(), 16); }
 
+  /// The bytes in network order.
   std::array<U8, 16> bytes() const { return std::bit_cast<std::array<U8, 16>>(*this); }
 
   /// 30 bits, seeded by `Vel::hashSeedIs`.
@@ -51,6 +53,7 @@ class Ip6Addr {
   friend bool operator==(Ip6Addr const& a, Ip6Addr const& b) {
     return std::memcmp(a.words_, b.words_, sizeof a.words_) == 0;
   }
+  /// Numerically.
   friend bool operator<(Ip6Addr const& a, Ip6Addr const& b) {
     return std::memcmp(a.words_, b.words_, sizeof a.words_) < 0;
   }
@@ -96,8 +99,11 @@ class VEL_API IpGenAddr {
   /// The address of a family whose bits are all zero; the default for an unknown family.
   static IpGenAddr zero(AddressFamily af);
 
+  /// The family.
   constexpr AddressFamily af() const { return af_; }
+  /// Whether the family is IPv4.
   bool isIpv4() const { return af_ == AddressFamily::ipv4; }
+  /// Whether the family is IPv6.
   bool isIpv6() const { return af_ == AddressFamily::ipv6; }
 
   /// True for the default address and for a family's all-zero address.
@@ -121,7 +127,9 @@ class VEL_API IpGenAddr {
   /// How many bits a prefix of this family can have: 32, 128 or 0.
   U8 width() const { return isIpv4() ? 32 : isIpv6() ? 128 : 0; }
 
+  /// 30 bits, seeded by `Vel::hashSeedIs`.
   U32 hash() const { return ip6_.hash(); }
+  /// The same in reverse, which is the order of collections.
   U32 order() const { return ip6_.order(); }
 
   friend bool operator==(IpGenAddr const& a, IpGenAddr const& b) = default;
@@ -141,6 +149,7 @@ class VEL_API IpGenAddr {
 
 /// IPv4 dotted, IPv6 as in RFC 5952, "unknown" for the default address.
 VEL_API std::ostream& operator<<(std::ostream& os, IpGenAddr const& address);
+/// The same as a string.
 VEL_API std::string toText(IpGenAddr const& address);
 
 /// For attributes that are set by name.

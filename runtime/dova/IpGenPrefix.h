@@ -17,7 +17,9 @@ class VEL_API IpGenPrefix {
   /// From "10.0.0.1/24"; an address alone means its full width. Nothing for any other text.
   static std::optional<IpGenPrefix> fromText(std::string_view text);
 
+  /// The address, host bits included.
   IpGenAddr const& ipGenAddr() const { return address_; }
+  /// How many bits the mask has.
   U8 length() const { return length_; }
 
   /// True if the address has the prefix's family and agrees with it in the first `length()` bits.
@@ -32,6 +34,7 @@ class VEL_API IpGenPrefix {
 
 /// "10.0.0.1/24"; "unknown" for the default.
 VEL_API std::ostream& operator<<(std::ostream& os, IpGenPrefix const& prefix);
+/// For attributes that are set by name.
 VEL_API bool fromText(std::string_view text, IpGenPrefix& prefix);
 
 }  // namespace Dova

@@ -9,9 +9,12 @@ namespace Dova {
 class NetU8 {
  public:
   constexpr NetU8() = default;
+  /// From a number.
   constexpr explicit NetU8(Vel::U8 value) : value_(value) {}
 
+  /// The number.
   constexpr Vel::U8 value() const { return value_; }
+  /// Sets the number.
   constexpr void valueIs(Vel::U8 value) { value_ = value; }
 
   friend constexpr bool operator==(NetU8 a, NetU8 b) = default;

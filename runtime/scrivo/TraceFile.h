@@ -23,9 +23,9 @@ namespace Scrivo {
 /// Sizes of the parts of a trace file, in bytes; rounded up to a multiple of 8. The file has their sum and
 /// one page, and never grows.
 struct TraceOptions {
-  U64 messageBytes = 1 << 20;       // 8 KiB to 1 GiB
-  U64 timerBytes = 512 << 10;       // 8 KiB to 1 GiB
-  U64 descriptorBytes = 256 << 10;  // up to 64 MiB; a call site needs 100 to 200
+  U64 messageBytes = 1 << 20;       ///< The ring of messages: 8 KiB to 1 GiB.
+  U64 timerBytes = 512 << 10;       ///< The ring of block timers: 8 KiB to 1 GiB.
+  U64 descriptorBytes = 256 << 10;  ///< Up to 64 MiB; a call site needs 100 to 200.
 };
 
 namespace Detail {
@@ -76,6 +76,7 @@ struct Ring {
 
 }  // namespace Detail
 
+/// The file that this process traces into; at most one at a time.
 class VEL_API TraceFile {
  public:
   /// Makes the file and directs all tracing of this process to it; a file that was open is closed. The file

@@ -25,6 +25,7 @@ namespace Scrivo {
 /// An argument of a message, with the alternatives in the order of ArgumentKind.
 using Argument = std::variant<Dova::IpGenAddr, std::string, std::int64_t>;
 
+/// The kind of an argument.
 VEL_API ArgumentKind kindOf(Argument const& argument);
 
 /// The argument as it stands in the text of its message.
@@ -35,29 +36,30 @@ using Piece = std::variant<std::string, ArgumentKind>;
 
 /// A call site, as the file knows it.
 struct Descriptor {
-  U32 id;  // 1 for the first that was registered
-  EventKind kind;
-  std::string source;
-  U32 line;
-  std::vector<Piece> pieces;  // of a block timer: the signature and an integer
+  U32 id;                     ///< 1 for the first that was registered.
+  EventKind kind;             ///< Whether it writes messages or times a block.
+  std::string source;         ///< The name that the code is known by in the field.
+  U32 line;                   ///< In the source file.
+  std::vector<Piece> pieces;  ///< Of a block timer: the signature and an integer.
 };
 
 /// The descriptor with its arguments by kind: "JoinPruneSm 12: Sending to <address>, Groups: <integer>".
 VEL_API std::string toText(Descriptor const& descriptor);
+/// The text of a descriptor.
 VEL_API std::ostream& operator<<(std::ostream& os, Descriptor const& descriptor);
 
 /// Something that happened.
 struct Event {
-  U64 counter;     // cycle counter; of a block timer: at the end of the block
-  double seconds;  // since the file was opened
-  EventKind kind;
-  U32 descriptor;  // its id
-  std::string source;
-  U32 line;
-  std::string text;                 // the message with its arguments, or the signature of the block timer
-  std::vector<Argument> arguments;  // of a block timer: the elapsed counts
-  U64 elapsed;                      // counts; 0 for a message
-  double elapsedSeconds;            // the same in seconds
+  U64 counter;                      ///< Cycle counter; of a block timer: at the end of the block.
+  double seconds;                   ///< Since the file was opened.
+  EventKind kind;                   ///< A message or a block timer.
+  U32 descriptor;                   ///< The id of its Descriptor.
+  std::string source;               ///< The name that the code is known by in the field.
+  U32 line;                         ///< In the source file.
+  std::string text;                 ///< The message with its arguments, or the block timer's signature.
+  std::vector<Argument> arguments;  ///< Of a block timer: the elapsed counts.
+  U64 elapsed;                      ///< Counts; 0 for a message.
+  double elapsedSeconds;            ///< The same in seconds.
 };
 
 /// One line, whatever the arguments contain: control characters and backslashes are escaped as in C.
@@ -65,6 +67,7 @@ struct Event {
 ///   "0.004127310 JoinPruneSm 12: Sending to 10.0.0.2"
 ///   "0.004131902 JoinPruneSm 11: [10420 counts, 0.000004585 s] void JoinPruneSm::sendTriggered()"
 VEL_API std::string toText(Event const& event);
+/// The line of an event.
 VEL_API std::ostream& operator<<(std::ostream& os, Event const& event);
 
 /// Reads whatever the bytes are: nothing in the file is believed before it was checked.
@@ -77,10 +80,12 @@ class VEL_API TraceReader {
   /// The whole records of both rings by time; equal times in the order of recording, messages first.
   /// A reader that is about to go gives them away, so `for (auto& e : TraceReader(path).events())` is sound.
   std::vector<Event> const& events() const& { return events_; }
+  /// The same, of a reader that is about to go.
   std::vector<Event> events() && { return std::move(events_); }
 
   /// In the order of registration.
   std::vector<Descriptor> const& descriptors() const& { return descriptors_; }
+  /// The same, of a reader that is about to go.
   std::vector<Descriptor> descriptors() && { return std::move(descriptors_); }
 
   /// How many events of this kind were overwritten by newer ones.
@@ -93,8 +98,9 @@ class VEL_API TraceReader {
   /// found any more, and all of that counts as one. 0 in a file that only Scrivo wrote to.
   U64 damaged() const { return damaged_; }
 
-  /// The rate of the cycle counter, and the time (CLOCK_REALTIME, nanoseconds) from which events count.
+  /// The rate of the cycle counter.
   U64 countsPerSecond() const { return countsPerSecond_; }
+  /// The time from which events count: CLOCK_REALTIME, in nanoseconds.
   U64 realtimeAtOpen() const { return realtimeAtOpen_; }
 
  private:
