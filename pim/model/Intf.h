@@ -7,6 +7,8 @@
 
 namespace Routing::Pim {
 
+/// An interface on which PIM is enabled. The agent keeps its attributes in step with the world and its
+/// configuration; what each means to the machines, and when they read it, stands at the attribute.
 class VEL_API Intf final : public Vel::Entity {
  public:
   enum Attribute : Vel::AttributeId {
@@ -26,6 +28,7 @@ class VEL_API Intf final : public Vel::Entity {
   };
   using Notifiee = Vel::WritableReactor<NotifieeConst, Intf>;
 
+  /// Without an address, and with the timers of RFC 7761, 4.11.
   explicit Intf(Dova::IntfId const& intfId) : intfId_(intfId) {}
 
   /// The key.

@@ -14,6 +14,7 @@ class VEL_API Neighbor final : public Vel::Entity {
   class NotifieeConst : public Vel::ReactorOn<Neighbor> {};
   using Notifiee = Vel::WritableReactor<NotifieeConst, Neighbor>;
 
+  /// Status::pimNeighborIs() is what puts one into its place.
   Neighbor(Dova::IpGenAddr const& address, Vel::Ptr<Intf const> const& intf)
       : address_(address), intf_(intf) {}
 

@@ -20,8 +20,8 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
  public:
   /// One slice: the time until the next one, and how many routes it refreshes.
   struct VEL_API PeriodicParams {
-    Seconds interval = 0;
-    U32 routes = 0;
+    Seconds interval = 0;  ///< Until the next slice.
+    U32 routes = 0;        ///< How many routes a slice refreshes.
 
     friend bool operator==(PeriodicParams const& a, PeriodicParams const& b) = default;
   };
@@ -31,6 +31,7 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// Hears of the base's attributes; can be registered with every derived machine.
   class NotifieeConst : public Vel::ReactorOn<PeriodicTimerSm> {
    public:
+    /// Reactors on the base are among those on the derived machine.
     static constexpr bool velMixedTypes = true;
     virtual void onPeriodicParams() { handleNotification(periodicParamsId); }
   };
@@ -39,8 +40,11 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// The timer.
   class VEL_API VelPeriodicTimer final : public Zanth::TimerWheel::Notifiee {
    public:
+    /// Of a machine, which is not counted.
     explicit VelPeriodicTimer(PeriodicTimerSm* sm) : periodicTimerSm_(sm) {}
+    /// The machine, or null once it has let go.
     PeriodicTimerSm* periodicTimerSm() const { return periodicTimerSm_; }
+    /// Sets the back pointer.
     void periodicTimerSmIs(PeriodicTimerSm* sm) { periodicTimerSm_ = sm; }
     void onTime() override;
 
@@ -60,11 +64,14 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// `routesDoneInc`; then calls `doUpdatePeriodicTimer()` if the slice is done and
   /// `doReschedulePeriodicTimer()` if it is not.
   virtual void handlePeriodicTimerExpiry() = 0;
+  /// True once `handleInitialized()` has run. While false, expiries send nothing.
   virtual bool initialized() const = 0;
   void handleInitialized() override;
   Vel::AttributeTable const& attributeTable() const override;
 
+  /// The current slice.
   PeriodicParams periodicParams() const { return periodicParams_; }
+  /// Sets it and tells the reactors; an equal one is nothing. Does not touch the timer.
   virtual void periodicParamsIs(PeriodicParams const& params);
   void periodicParamsIs(PeriodicParams const&) const { Vel::throwConstInstance(); }
 
@@ -73,6 +80,7 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// Makes the timer on another wheel; none for null. The same wheel: nothing.
   virtual void periodicTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
   void periodicTimerIs(Vel::Ptr<Zanth::TimerWheel> const&) const { Vel::throwConstInstance(); }
+  /// Removes the timer, which is not called any more.
   virtual void periodicTimerDel();
   void periodicTimerDel() const { Vel::throwConstInstance(); }
   /// Makes the timer, in place of the one that there is. REQUIRES: a wheel.
@@ -99,6 +107,7 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// arm the timer.
   class Sending {
    public:
+    /// Begins.
     explicit Sending(PeriodicTimerSm& sm) : sm_(sm) {
       sm_.sending_ = true;
       sm_.done_ = 0;
@@ -141,6 +150,7 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
 
 /// "Interval: 60, Routes/Interval: 12"; "null" for null.
 VEL_API std::ostream& operator<<(std::ostream& os, PeriodicTimerSm::PeriodicParams const* params);
+/// The same form.
 VEL_API std::ostream& operator<<(std::ostream& os, PeriodicTimerSm::PeriodicParams const& params);
 
 }  // namespace Routing::Pim

@@ -18,13 +18,18 @@ using Vel::U8;
 class VEL_API RouteKey {
  public:
   RouteKey() = default;
+  /// From its parts.
   RouteKey(Dova::IpGenAddr const& source, Dova::IpGenAddr const& group) : source_(source), group_(group) {}
 
+  /// The source; all zeros for (*,G).
   Dova::IpGenAddr const& source() const { return source_; }
+  /// The group.
   Dova::IpGenAddr const& group() const { return group_; }
+  /// 30 bits, seeded by `Vel::hashSeedIs`.
   U32 hash() const { return Vel::hashCombine(source_.hash(), group_.hash()); }
 
   friend bool operator==(RouteKey const& a, RouteKey const& b) = default;
+  /// By source, then group.
   friend bool operator<(RouteKey const& a, RouteKey const& b) {
     return a.source_ == b.source_ ? a.group_ < b.group_ : a.source_ < b.source_;
   }
@@ -41,14 +46,21 @@ VEL_API std::ostream& operator<<(std::ostream& os, RouteKey const& key);
 class VEL_API RouteIntfKey {
  public:
   RouteIntfKey() = default;
+  /// From its parts.
   RouteIntfKey(RouteKey const& route, Dova::IntfId const& intfId) : route_(route), intfId_(intfId) {}
+  /// From its parts.
   RouteIntfKey(Dova::IpGenAddr const& source, Dova::IpGenAddr const& group, Dova::IntfId const& intfId)
       : RouteIntfKey(RouteKey(source, group), intfId) {}
 
+  /// The route.
   RouteKey const& routeKey() const { return route_; }
+  /// The route's source; all zeros for (*,G).
   Dova::IpGenAddr const& source() const { return route_.source(); }
+  /// The route's group.
   Dova::IpGenAddr const& group() const { return route_.group(); }
+  /// The interface; empty if the key names none.
   Dova::IntfId const& intfId() const { return intfId_; }
+  /// 30 bits, seeded by `Vel::hashSeedIs`.
   U32 hash() const { return Vel::hashCombine(route_.hash(), intfId_.hash()); }
 
   /// Becomes the key of a route on no interface. True if it was another. Cheaper than making that key: a name costs more
@@ -62,6 +74,7 @@ class VEL_API RouteIntfKey {
   }
 
   friend bool operator==(RouteIntfKey const& a, RouteIntfKey const& b) = default;
+  /// By route, then interface.
   friend bool operator<(RouteIntfKey const& a, RouteIntfKey const& b) {
     return a.route_ == b.route_ ? a.intfId_ < b.intfId_ : a.route_ < b.route_;
   }

@@ -26,6 +26,7 @@ class VEL_API PamManager : public Vel::Entity {
   /// Returns the transmit record, made if it is missing.
   Vel::Ptr<MessageInfo> txMessageInfoIs();
   Vel::Ptr<MessageInfo> txMessageInfoIs() const { Vel::throwConstInstance(); }
+  /// Removes the transmit record. Nothing is sent without one.
   void txMessageInfoDel() { txMessageInfoIs(nullptr); }
   void txMessageInfoDel() const { Vel::throwConstInstance(); }
 

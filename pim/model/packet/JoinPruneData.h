@@ -25,6 +25,7 @@ class VEL_API JoinPruneData final : public Vel::Entity {
   };
   using Notifiee = Vel::WritableReactor<NotifieeConst, JoinPruneData>;
 
+  /// For one upstream neighbor, empty.
   explicit JoinPruneData(Dova::IpGenAddr const& upstreamNeighbor) : upstreamNeighbor_(upstreamNeighbor) {}
 
   /// The upstream neighbor's address, the key.

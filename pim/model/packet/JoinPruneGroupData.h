@@ -13,6 +13,7 @@ class VEL_API WcSourceData final : public Vel::Entity {
   class NotifieeConst : public Vel::ReactorOn<WcSourceData> {};
   using Notifiee = Vel::WritableReactor<NotifieeConst, WcSourceData>;
 
+  /// An entry that names this RP.
   WcSourceData(Dova::IpGenAddr const& address, bool join) : address_(address), join_(join) {}
 
   /// The RP named in the entry.
@@ -56,6 +57,7 @@ class VEL_API JoinPruneGroupData final : public Vel::Entity {
   };
   using Notifiee = Vel::WritableReactor<NotifieeConst, JoinPruneGroupData>;
 
+  /// Of one group, empty.
   explicit JoinPruneGroupData(Dova::IpGenAddr const& group) : group_(group) {}
 
   /// The group's address, its key.
@@ -74,6 +76,7 @@ class VEL_API JoinPruneGroupData final : public Vel::Entity {
   VEL_POINTER(WcSourceData, wcSourceData, WcSourceData);
 
  public:
+  /// Removes the (*,G) entry.
   void wcSourceDataDel() { wcSourceDataIs(nullptr); }
   void wcSourceDataDel() const { Vel::throwConstInstance(); }
 

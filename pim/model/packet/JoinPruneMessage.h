@@ -12,9 +12,9 @@ class VEL_API JoinPruneMessage final : public Vel::Entity {
   /// What the packet manager did for the last message: how many sources it put in, and how many it left out
   /// because the join was suppressed or because of the filter.
   struct VEL_API Report {
-    U32 sources = 0;
-    U32 suppressedSources = 0;
-    U32 filteredSources = 0;
+    U32 sources = 0;            ///< In the message.
+    U32 suppressedSources = 0;  ///< Left out because the join was suppressed (RFC 7761, 4.5.4, 4.5.5).
+    U32 filteredSources = 0;    ///< Left out because of the filter.
 
     /// All sources that were left out.
     U64 skipped() const { return U64{suppressedSources} + filteredSources; }
