@@ -80,11 +80,15 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   template <class Base>
   class Owned : public Base {
    public:
+    /// The machine, or null once it has let go; not counted.
     JoinPruneMessageSm* joinPruneMessageSm() const { return joinPruneMessageSm_; }
+    /// Sets the back pointer.
     void joinPruneMessageSmIs(JoinPruneMessageSm* sm) { joinPruneMessageSm_ = sm; }
+    /// Clears the back pointer.
     void velOwnerDel() { joinPruneMessageSm_ = nullptr; }
 
    protected:
+    /// Of a machine, which is not counted.
     explicit Owned(JoinPruneMessageSm* sm) : joinPruneMessageSm_(sm) {}
 
    private:
@@ -94,6 +98,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   /// Follows the interfaces and neighbors. Pointed at another Status, it brings the interfaces into line.
   class VEL_API VelPimStatus final : public Owned<Status::NotifieeConst> {
    public:
+    /// Watches a status.
     VelPimStatus(Vel::Ptr<Status const> const& status, JoinPruneMessageSm* sm);
     void notifierIs(Vel::Ptr<Status const> const& status) override;
     void onPimIntf(Dova::IntfId intfId) override;
@@ -105,6 +110,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   class VEL_API VelRxMessageInfo final : public Owned<IO::MessageInfo::Notifiee> {
    public:
     using Owned::notifierIs;
+    /// Watches a channel; takes nothing that is already there.
     VelRxMessageInfo(Vel::Ptr<IO::MessageInfo> const& channel, JoinPruneMessageSm* sm);
     void notifierIs(Vel::Ptr<IO::MessageInfo> const& channel) override;
     void onCount() override;
@@ -113,6 +119,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   /// Holds the packet manager.
   class VEL_API VelPimPamManager final : public Owned<IO::PamManager::Notifiee> {
    public:
+    /// Holds a manager.
     VelPimPamManager(Vel::Ptr<IO::PamManager> const& manager, JoinPruneMessageSm* sm) : Owned(sm) {
       notifierIs(manager);
     }
@@ -121,6 +128,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   /// Holds the timer wheel.
   class VEL_API VelTimerWheel final : public Owned<Zanth::TimerWheel::Notifiee> {
    public:
+    /// Holds a wheel.
     VelTimerWheel(Vel::Ptr<Zanth::TimerWheel> const& wheel, JoinPruneMessageSm* sm) : Owned(sm) {
       notifierIs(wheel);
     }
@@ -129,12 +137,14 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   /// Follows one interface and keeps the machine of its own address.
   class VEL_API VelPimIntf final : public Owned<Intf::NotifieeConst> {
    public:
+    /// Watches an interface and makes the machine of its address.
     VelPimIntf(Vel::Ptr<Intf const> const& intf, JoinPruneMessageSm* sm);
 
     /// The interface's identifier.
     Dova::IntfId const& velKey() const { return intfId_; }
     /// The address under which the interface's machine was made.
     Dova::IpGenAddr address() const { return address_; }
+    /// Sets that address; no machine is moved.
     void addressIs(Dova::IpGenAddr const& address) { address_ = address; }
 
     /// Another object with the same identifier is another interface: the machine is rebuilt on it. An object
@@ -144,10 +154,15 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
     /// Kept: the machine goes on every change of state, also when a retired reactor is revived.
     void velDoZombieReactors(bool zombie) override;
 
+    /// The interface is there: makes the machine of its address, in place of one that a neighbor had.
     void handleNew();
+    /// The interface has gone: removes the machine of `address()` and its data sets, whatever is pending.
     void handleDel();
+    /// The address may have changed. If it has: `handleDel()`, `handleNew()`.
     void handleUsedAddress();
+    /// Makes the data sets of an address, and its machine.
     void createJoinPruneSm(Dova::IpGenAddr const& address);
+    /// Removes the machine of an address, and its data sets.
     void deleteJoinPruneSm(Dova::IpGenAddr const& address);
 
    private:
@@ -159,16 +174,25 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
 
   // --- Attributes fixed at construction ----------------------------------------------------------
 
+  /// What is to be sent.
   Vel::Ptr<JoinPruneStatus> const& joinPruneStatus() const { return joinPruneStatus_; }
+  /// The policy on received entries.
   Vel::Ptr<JoinPruneFilter const> const& joinPruneFilter() const { return joinPruneFilter_; }
+  /// The RP hash, against which received (*,G) joins are checked.
   Vel::Ptr<RpHashComputeStatus> const& rpHashComputeStatus() const { return rpHashComputeStatus_; }
+  /// The record of the latest received join.
   Vel::Ptr<JoinPruneMessageInfo> const& rxJoin() const { return rxJoin_; }
+  /// The record of the latest received prune.
   Vel::Ptr<JoinPruneMessageInfo> const& rxPrune() const { return rxPrune_; }
 
   // Reactors on the other constructor arguments; null where the argument was.
+  /// On the interfaces and neighbors.
   Vel::Ptr<VelPimStatus> const& pimStatus() const { return pimStatus_; }
+  /// On the receive channel.
   Vel::Ptr<VelRxMessageInfo> const& rxMessageInfo() const { return rxMessageInfo_; }
+  /// On the packet manager.
   Vel::Ptr<VelPimPamManager> const& pimPamManager() const { return pimPamManager_; }
+  /// On the timer wheel.
   Vel::Ptr<VelTimerWheel> const& timerWheel() const { return timerWheel_; }
 
   // --- Attributes that change --------------------------------------------------------------------
@@ -215,7 +239,9 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
       Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
   /// Removes and retires the machine of a target; its data sets stay. The removed machine, or null.
   Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(Dova::IpGenAddr const& neighborAddr);
+  /// The same for the machine at which an iterator stands.
   Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(JoinPruneNeighborSmIterator const& i);
+  /// Removes and retires all machines that are there now; their data sets stay.
   void joinPruneNeighborSmDelAll();
   Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmIs(
       JoinPruneMessageSm*, Dova::IpGenAddr const&, Vel::Ptr<Neighbor const>, Vel::Ptr<Intf const>,
@@ -235,7 +261,9 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   /// Retires and removes an interface's reactor, and with it the machine of its address. The reactor, or
   /// null.
   Vel::Ptr<VelPimIntf> pimIntfDel(Dova::IntfId const& intfId);
+  /// The same for the reactor at which an iterator stands.
   Vel::Ptr<VelPimIntf> pimIntfDel(PimIntfIterator const& i);
+  /// The same for all interfaces that are there now.
   void pimIntfDelAll();
   Vel::Ptr<VelPimIntf> pimIntfIs(Vel::Ptr<Intf const> const&) const { Vel::throwConstInstance(); }
   Vel::Ptr<VelPimIntf> pimIntfDel(Dova::IntfId const&) const { Vel::throwConstInstance(); }

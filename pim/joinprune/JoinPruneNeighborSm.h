@@ -80,11 +80,15 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   template <class Base>
   class Owned : public Base {
    public:
+    /// The machine, or null once it has let go; not counted.
     JoinPruneNeighborSm* joinPruneNeighborSm() const { return joinPruneNeighborSm_; }
+    /// Sets the back pointer.
     void joinPruneNeighborSmIs(JoinPruneNeighborSm* sm) { joinPruneNeighborSm_ = sm; }
+    /// Clears the back pointer.
     void velOwnerDel() { joinPruneNeighborSm_ = nullptr; }
 
    protected:
+    /// Of a machine, which is not counted.
     explicit Owned(JoinPruneNeighborSm* sm) : joinPruneNeighborSm_(sm) {}
 
    private:
@@ -94,6 +98,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   /// Holds the timer wheel.
   class VEL_API VelTimerWheel final : public Owned<Zanth::TimerWheel::Notifiee> {
    public:
+    /// Holds a wheel.
     VelTimerWheel(Vel::Ptr<Zanth::TimerWheel> const& wheel, JoinPruneNeighborSm* sm) : Owned(sm) {
       notifierIs(wheel);
     }
@@ -102,6 +107,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   /// Holds the packet manager.
   class VEL_API VelPimPamManager final : public Owned<IO::PamManager::Notifiee> {
    public:
+    /// Holds a manager.
     VelPimPamManager(Vel::Ptr<IO::PamManager> const& manager, JoinPruneNeighborSm* sm) : Owned(sm) {
       notifierIs(manager);
     }
@@ -117,6 +123,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   template <class Channel>
   class VEL_API ChannelTimer : public Owned<Zanth::TimerWheel::Notifiee> {
    public:
+    /// On a wheel, not armed.
     ChannelTimer(Vel::Ptr<Zanth::TimerWheel> const& wheel, JoinPruneNeighborSm* sm);
     void onTime() override;
   };
@@ -126,9 +133,11 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   template <class Channel>
   class VEL_API ChannelGroup : public Owned<Packet::JoinPruneData::Notifiee> {
    public:
+    /// What makes it a reactor.
     using Base = Owned<Packet::JoinPruneData::Notifiee>;
     using Base::notifierIs;
 
+    /// Watches a data set; what is in it is taken up by the machine's start.
     ChannelGroup(Vel::Ptr<Packet::JoinPruneData> const& data, JoinPruneNeighborSm* sm);
     void notifierIs(Vel::Ptr<Packet::JoinPruneData> const& data) override;
     void onJoinPruneGroupData(Dova::IpGenAddr group) override;
@@ -144,16 +153,22 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   template <class Channel>
   class VEL_API ChannelGroupData : public Owned<Packet::JoinPruneGroupData::Notifiee> {
    public:
+    /// Watches a group.
     ChannelGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData, JoinPruneNeighborSm* sm);
 
     /// The group under which the machine holds this.
     Dova::IpGenAddr const& velKey() const { return group_; }
 
-    // Without a machine they do nothing.
+    /// An (S,G) join came, which arms the channel's timer or is counted, or went, which means that it was sent
+    /// or is no longer wanted. A group that is empty then is removed. Without a machine: nothing.
     void handleJoinedSource(Dova::IpGenAddr const& source);
+    /// The same for an (S,G) prune.
     void handlePrunedSource(Dova::IpGenAddr const& source);
+    /// The same for an (S,G,rpt) join.
     void handleJoinedRptSource(Dova::IpGenAddr const& source);
+    /// The same for an (S,G,rpt) prune.
     void handlePrunedRptSource(Dova::IpGenAddr const& source);
+    /// The same for the (*,G) entry.
     void handleWcSource();
 
     void onJoinedSource(Dova::IpGenAddr source) override { handleJoinedSource(source); }
@@ -170,42 +185,54 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     Dova::IpGenAddr const group_;
 
    protected:
-    bool wcSourceSet_ = false;  // periodic: the (*,G) entry is counted
+    bool wcSourceSet_ = false;  ///< Periodic: the (*,G) entry is counted.
   };
 
+  /// The timer of the triggered channel.
   class VEL_API VelTriggeredTimer final : public ChannelTimer<Triggered> {
     using ChannelTimer::ChannelTimer;
   };
+  /// The timer of the override channel.
   class VEL_API VelOverrideTimer final : public ChannelTimer<Override> {
     using ChannelTimer::ChannelTimer;
   };
+  /// Follows the groups of the triggered data.
   class VEL_API VelTriggeredGroup final : public ChannelGroup<Triggered> {
     using ChannelGroup::ChannelGroup;
   };
+  /// Follows the groups of the override data.
   class VEL_API VelOverrideGroup final : public ChannelGroup<Override> {
     using ChannelGroup::ChannelGroup;
   };
+  /// Follows the groups of the periodic data.
   class VEL_API VelPeriodicGroup final : public ChannelGroup<Periodic> {
     using ChannelGroup::ChannelGroup;
   };
+  /// Follows the sources of one group of the triggered data.
   class VEL_API VelTriggeredGroupData final : public ChannelGroupData<Triggered> {
     using ChannelGroupData::ChannelGroupData;
   };
+  /// Follows the sources of one group of the override data.
   class VEL_API VelOverrideGroupData final : public ChannelGroupData<Override> {
     using ChannelGroupData::ChannelGroupData;
   };
+  /// Follows the sources of one group of the periodic data.
   class VEL_API VelPeriodicGroupData final : public ChannelGroupData<Periodic> {
    public:
     using ChannelGroupData::ChannelGroupData;
 
     /// True while the group's (*,G) entry is counted in `numPeriodicRoutes`.
     bool wcSourceSet() const { return wcSourceSet_; }
+    /// Sets the flag; no count is moved.
     void wcSourceSetIs(bool set) { wcSourceSet_ = set; }
 
-    // A collection as a whole may have changed: a trace, nothing else.
+    /// The (S,G) joins as a whole may have changed: a trace, nothing else.
     void handleJoinedSource();
+    /// The same for the (S,G) prunes.
     void handlePrunedSource();
+    /// The same for the (S,G,rpt) joins.
     void handleJoinedRptSource();
+    /// The same for the (S,G,rpt) prunes.
     void handlePrunedRptSource();
     using ChannelGroupData::handleJoinedRptSource;
     using ChannelGroupData::handleJoinedSource;
@@ -234,16 +261,22 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Vel::Ptr<Packet::JoinPruneMessage> const& txMessage() const { return txMessage_; }
 
   // Reactors on the other constructor arguments; null where the argument was.
+  /// On the triggered data.
   Vel::Ptr<VelTriggeredGroup> const& triggeredGroup() const { return triggeredGroup_; }
+  /// On the override data.
   Vel::Ptr<VelOverrideGroup> const& overrideGroup() const { return overrideGroup_; }
+  /// On the periodic data.
   Vel::Ptr<VelPeriodicGroup> const& periodicGroup() const { return periodicGroup_; }
+  /// On the timer wheel.
   Vel::Ptr<VelTimerWheel> const& timerWheel() const { return timerWheel_; }
+  /// On the packet manager.
   Vel::Ptr<VelPimPamManager> const& pimPamManager() const { return pimPamManager_; }
 
   // --- Attributes that change --------------------------------------------------------------------
 
-  /// The timers; null without a wheel.
+  /// The timer of the triggered channel; null without a wheel.
   Vel::Ptr<VelTriggeredTimer> triggeredTimer() const { return triggeredTimer_; }
+  /// The timer of the override channel; null without a wheel.
   Vel::Ptr<VelOverrideTimer> overrideTimer() const { return overrideTimer_; }
 
   /// The machine of the periodic refresh.
@@ -269,30 +302,33 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
  public:
   /// How many entries the periodic data has, as counted source by source, modulo 2^32.
   U32 numPeriodicRoutes() const { return numPeriodicRoutes_; }
+  /// Sets the count. A change updates the periodic timer and is checked; see `validateNumPeriodicRoutes()`.
   void numPeriodicRoutesIs(U32 n);
   void numPeriodicRoutesIs(U32) const { Vel::throwConstInstance(); }
-  /// Both return the new value; below zero it wraps.
+  /// Adds to the count, as numPeriodicRoutesIs(). The new value.
   U32 numPeriodicRoutesInc(U32 n);
   U32 numPeriodicRoutesInc(U32) const { Vel::throwConstInstance(); }
+  /// Subtracts from the count, as numPeriodicRoutesIs(); below zero it wraps. The new value.
   U32 numPeriodicRoutesDec(U32 n) { return numPeriodicRoutesInc(0u - n); }
   U32 numPeriodicRoutesDec(U32) const { Vel::throwConstInstance(); }
 
-  /// fooIs(groupData) finds the group's reactor, points it at `groupData` if it watches another object, or makes
-  /// it; null throws the invalid-argument exception "null _foo parameter to mutator for ...". newFoo(groupData)
-  /// makes it, silently; REQUIRES: the group has none. fooDel unhooks and removes a group's reactor and returns
-  /// it, or null; the route count stays as it is.
 #define JOIN_PRUNE_GROUP_DATA(foo, Foo)                                                    \
+  /** The group's reactor, made or pointed at it; null throws InvalidArgumentException. */ \
   Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);       \
   Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {          \
     Vel::throwConstInstance();                                                             \
   }                                                                                        \
+  /** Makes it, silently. REQUIRES: the group has none. */                                 \
   Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);      \
   Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {         \
     Vel::throwConstInstance();                                                             \
   }                                                                                        \
+  /** Unhooks, removes and returns a group's reactor, or null; the route count stays. */   \
   Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const& group);                               \
   Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const&) const { Vel::throwConstInstance(); } \
+  /** The same for the reactor at which an iterator stands. */                             \
   Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }        \
+  /** The same for all that are there now. */                                              \
   void foo##DelAll();                                                                      \
   void foo##DelAll() const { Vel::throwConstInstance(); }
   JOIN_PRUNE_GROUP_DATA(triggeredGroupData, TriggeredGroupData)
@@ -300,9 +336,10 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   JOIN_PRUNE_GROUP_DATA(periodicGroupData, PeriodicGroupData)
 #undef JOIN_PRUNE_GROUP_DATA
 
-  /// Make a channel's timer on a wheel; the same wheel is nothing, null removes the timer.
+  /// Makes the triggered timer on a wheel; the same wheel is nothing, null removes the timer.
   void triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
   void triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const&) const { Vel::throwConstInstance(); }
+  /// Makes the override timer on a wheel; the same wheel is nothing, null removes the timer.
   void overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
   void overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const&) const { Vel::throwConstInstance(); }
 
@@ -330,23 +367,40 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   // --- Reactions and steps -----------------------------------------------------------------------
 
   void handleInitialized() override;
+  /// Arms the triggered timer if the group has anything to send.
   void handleTriggeredGroup(Dova::IpGenAddr const& group);
+  /// Arms the override timer if the group has anything to send.
   void handleOverrideGroup(Dova::IpGenAddr const& group);
+  /// Counts the routes of the group. If there is no such group, and no other, asks the parent whether this
+  /// machine is still needed; a count other than 0 stops the process then.
   void handlePeriodicGroup(Dova::IpGenAddr const& group);
+  /// The periodic data as a whole may have changed: a trace, nothing else.
   void handlePeriodicGroup();
+  /// Sends triggered data, message by message, until there is none, nothing progresses, or the quantum has
+  /// passed; then updates the timer.
   void handleTriggeredTimerExpiry();
+  /// The same for override data.
   void handleOverrideTimerExpiry();
+  /// Arms the triggered timer if it is idle and there is data, and writes the interface's hold time into the
+  /// data. A timer that is armed is not moved.
   void doUpdateTriggeredTimer();
+  /// The same for the override timer, after a `randomDelay()`.
   void doUpdateOverrideTimer();
 
-  // Kept: they pass on the neighbor's address, not the group's.
+  /// A group came or went. Kept: passes on the neighbor's address, not the group's.
   void vel_handleTriggeredGroup_joinPruneGroupData(Dova::IpGenAddr const& group);
+  /// The same.
   void vel_handleTriggeredGroup_joinPruneGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
+  /// The same for override data.
   void vel_handleOverrideGroup_joinPruneGroupData(Dova::IpGenAddr const& group);
+  /// The same.
   void vel_handleOverrideGroup_joinPruneGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
+  /// The same for periodic data.
   void vel_handlePeriodicGroup_joinPruneGroupData(Dova::IpGenAddr const& group);
+  /// The same.
   void vel_handlePeriodicGroup_joinPruneGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
 
+  /// The count changed: updates the periodic timer and checks the count.
   void vel_handleNumPeriodicRoutes();
 
   /// Sums up the periodic data and stops the process if the count differs. Done after each change of the
@@ -453,9 +507,11 @@ VEL_API Seconds randomDelay(Seconds interval);
 
 /// "JoinPruneNeighborSm(eth0::10.0.0.2)::@0x55d0c0de::"; "null" for null.
 VEL_API std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm const* sm);
-/// The machine's form, then "Triggered(239.1.1.1)::" and so on; the default address if it watches nothing.
+/// The machine's form, then "Triggered(239.1.1.1)::"; the default address if it watches nothing.
 VEL_API std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm::VelTriggeredGroupData const* reactor);
+/// The same with "Override".
 VEL_API std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm::VelOverrideGroupData const* reactor);
+/// The same with "Periodic".
 VEL_API std::ostream& operator<<(std::ostream& os, JoinPruneNeighborSm::VelPeriodicGroupData const* reactor);
 
 }  // namespace Routing::Pim

@@ -31,8 +31,10 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
     txMessageId
   };
 
+  /// Reacts to JoinPrunePeriodicTimerSm: override what you need.
   class NotifieeConst : public PeriodicTimerSm::NotifieeConst {
    public:
+    /// The machine watched, or null.
     Vel::Ptr<JoinPrunePeriodicTimerSm const> notifier() const;
     virtual void onInterval() { handleNotification(intervalId); }
     virtual void onHoldTime() { handleNotification(holdTimeId); }
@@ -42,13 +44,16 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
   /// The same with a writable notifier.
   class Notifiee : public NotifieeConst {
    public:
+    /// The machine watched, or null; writable.
     Vel::Ptr<JoinPrunePeriodicTimerSm> notifier() const;
+    /// Watches another machine, or none. The same one again: nothing.
     virtual void notifierIs(Vel::Ptr<JoinPrunePeriodicTimerSm> const& sm) { velNotifierIs(sm.get()); }
     /// A const view cannot become a writable notifier: throws "attempting to modify a const instance".
     void notifierIs(Vel::Ptr<PeriodicTimerSm const> const& sm) final {
       if (sm) Vel::throwConstInstance();
       notifierIs(Vel::Ptr<JoinPrunePeriodicTimerSm>());
     }
+    /// Watches none.
     void notifierIs(std::nullptr_t) { notifierIs(Vel::Ptr<JoinPrunePeriodicTimerSm>()); }
   };
 
@@ -70,16 +75,20 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
   void doResetHoldTime() override;
   /// Sends, message by message, until the slice is done or the loop quantum has passed.
   void handlePeriodicTimerExpiry() override;
+  /// True from the start of a machine that the factory has made.
   bool initialized() const override { return initialized_; }
   void handleInitialized() override;
 
-  /// Cached values, for observers; nothing here reads them.
+  /// Sets a cached value, for observers; nothing here reads it. In seconds.
   virtual void intervalIs(U32 interval);
   void intervalIs(U32) const { Vel::throwConstInstance(); }
+  /// As intervalIs(), in seconds.
   virtual void holdTimeIs(U16 holdTime);
   void holdTimeIs(U16) const { Vel::throwConstInstance(); }
+  /// As intervalIs(), in routes.
   virtual void numberOfMessagesIs(U32 numberOfMessages);
   void numberOfMessagesIs(U32) const { Vel::throwConstInstance(); }
+  /// Sets the flag and tells the reactors.
   virtual void initializedIs(bool initialized);
   void initializedIs(bool) const { Vel::throwConstInstance(); }
 
@@ -87,9 +96,13 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
   JoinPruneNeighborSm* parentSm() const { return parentSm_; }
   /// Longest time that one expiry may spend sending, in seconds.
   Seconds loopQuantum() const { return loopQuantum_; }
+  /// The data that is refreshed.
   Vel::Ptr<Packet::JoinPruneData> const& periodicGroup() const { return periodicGroup_; }
+  /// The interface towards the target.
   Vel::Ptr<Intf const> const& intf() const { return intf_; }
+  /// Who sends.
   Vel::Ptr<IO::PamManager> const& pimPamManager() const { return pimPamManager_; }
+  /// The message that is sent through; it carries the report.
   Vel::Ptr<Packet::JoinPruneMessage> const& txMessage() const { return txMessage_; }
 
   Vel::AttributeTable const& attributeTable() const override;

@@ -36,8 +36,10 @@ class VEL_API JoinPruneStatus final : public Vel::Entity {
   /// One entry of `rxPrune`: the key and the record under it.
   class VEL_API VelRxPrune final : public Vel::Counted {
    public:
+    /// A record under a key.
     VelRxPrune(RouteIntfKey const& key, Vel::Ptr<JoinPruneMessageInfo> const& ptr) : key_(key), ptr_(ptr) {}
     RouteIntfKey const& velKey() const { return key_; }
+    /// The record.
     Vel::Ptr<JoinPruneMessageInfo> const& ptr() const { return ptr_; }
 
    private:
@@ -57,12 +59,16 @@ class VEL_API JoinPruneStatus final : public Vel::Entity {
 
   /// Received prunes by route and interface, for the rest of the agent: nothing in this library looks at it.
   VEL_COLLECTION_NOTIFY(RouteIntfKey, rxPrune, RxPrune)
+  /// Walks `rxPrune`, and stands whatever happens to it meanwhile.
   using RxPruneIterator = Vel::EntityIterator<RouteIntfKey, VelRxPrune, VelRxPrune const>;
+  /// The same.
   using RxPruneIteratorConst = RxPruneIterator;
 
   /// The record, or null.
   Vel::Ptr<JoinPruneMessageInfo> rxPrune(RouteIntfKey const& key) const;
+  /// How many records there are; O(1).
   U32 rxPruneCount() const { return rxPrune_.size(); }
+  /// At the first record.
   RxPruneIterator rxPruneIterator() const { return {this, rxPrune_}; }
 
   /// Puts a record under a key; null removes the key. Notifies if anything changed.
@@ -78,14 +84,17 @@ class VEL_API JoinPruneStatus final : public Vel::Entity {
   /// The removed record, or null.
   Vel::Ptr<JoinPruneMessageInfo> rxPruneDel(RouteIntfKey const& key);
   Vel::Ptr<JoinPruneMessageInfo> rxPruneDel(RouteIntfKey const&) const { Vel::throwConstInstance(); }
+  /// The same for the record at which an iterator stands.
   Vel::Ptr<JoinPruneMessageInfo> rxPruneDel(RxPruneIterator& i) { return rxPruneDel(i.key()); }
   Vel::Ptr<JoinPruneMessageInfo> rxPruneDel(RxPruneIterator&) const { Vel::throwConstInstance(); }
+  /// Removes what is there now, and tells the reactors of each.
   void rxPruneDelAll();
   void rxPruneDelAll() const { Vel::throwConstInstance(); }
 
   /// The message machine that was started on this last and has not gone since. The data sets are its own: an earlier
   /// one, which an agent may still hold or which is just going, removes none of them.
   void const* velMachine() const { return velMachine_; }
+  /// For the message machine alone.
   void velMachineIs(void const* machine) { velMachine_ = machine; }
   void velMachineIs(void const*) const { Vel::throwConstInstance(); }
 
