@@ -1,6 +1,9 @@
 #!/usr/bin/env python3
 """Shows a header to Doxygen as its reader sees it; see docs/Doxyfile. Lines keep their numbers.
 
+    docs/reference_filter.py HEADER                         to standard output
+    docs/reference_filter.py --complete TAGFILE HEADER...   fails unless all that HEADERs generate is in the reference
+
  - The comment at the top of a file documents the file. Text that is indented is code.
  - A line that declares an attribute (VEL_VALUE(...) and its like) is replaced by what it generates: the macros and the
    comments in them are read from runtime/vel/Attribute.h, or from the header itself. The comment before the line goes
@@ -11,11 +14,14 @@
 import os
 import re
 import sys
+import xml.etree.ElementTree
 
+MACROS = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), 'runtime/vel/Attribute.h')
 DEFINE = re.compile(r'^#define (\w+)\(([^)]*)\)((?:.*\\\n)*.*\n)', re.M)
 CONST_OVERLOAD = re.compile(
     r'^(?!\s*(?:public|private|protected)\s*:)[ \t]*[^;{}#/\s][^;{}#/]*\)\s*const\s*\{\s*(?:(?:::)?Vel::)?throwConstInstance\(\);\s*\}',
     re.M)
+LEFT = re.compile(r'^[ \t]*((?:VEL|JOIN_PRUNE)_[A-Z_]+\(.*)', re.M)
 DELETED = re.compile(r'^[ \t]*[^;{}#/:\n]*= delete;', re.M)
 SET_KEY = re.compile(r'Vel::(?:Hash|Ordered)Set<([^<>]*)>::Key')
 
@@ -136,17 +142,44 @@ def attributes_written_out(text, macros):
     return '\n'.join(result + comment)
 
 
-def main(path):
+def header(path):
+    """The text of a header with its attributes written out, and the names of the functions that came of them."""
     with open(path) as file:
         text = file.read()
-    top = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), 'runtime/vel/Attribute.h')
-    if not os.path.samefile(path, top):
-        with open(top) as file:
-            macros = {n: m for n, m in macros_of(file.read()).items() if not n.startswith('VEL_ROW')}
-        own = {n: m for n, m in macros_of(text).items() if n.startswith('JOIN_PRUNE_')}
-        macros.update(own)
-        text = DEFINE.sub(lambda m: blank(m) if m[1] in own else m[0], text)
-        text = attributes_written_out(text, macros)
+    if os.path.samefile(path, MACROS):
+        return text, set()
+    with open(MACROS) as file:
+        macros = {n: m for n, m in macros_of(file.read()).items() if not n.startswith('VEL_ROW')}
+    own = {n: m for n, m in macros_of(text).items() if n.startswith('JOIN_PRUNE_')}
+    macros.update(own)
+    text = DEFINE.sub(lambda m: blank(m) if m[1] in own else m[0], text)
+    names = set()
+    for match in invocation(macros).finditer(text):
+        names |= set(re.findall(r'\*/\s*(?:using )?[^({;=]*?(\w+)(?=\(| =)', expand(macros, match[1], arguments_of(match[2]))))
+    return attributes_written_out(text, macros), names
+
+
+def complete(tagfile, headers):
+    """What is generated and not in the reference, as a list of lines. Doxygen cannot miss what it was not shown."""
+    root = xml.etree.ElementTree.parse(tagfile).getroot()
+    members = {c.findtext('name'): {m.findtext('name') for m in c.findall('member')}
+               for c in root.findall("compound[@kind='class']")}
+    classes = {os.path.relpath(c.findtext('path') + c.findtext('name')): [k.text for k in c.findall('class')]
+               for c in root.findall("compound[@kind='file']")}
+    missing, generated = [], 0
+    for path in headers:
+        text, names = header(path)
+        missing += ['%s: %s is not written out' % (path, left) for left in LEFT.findall(DEFINE.sub(blank, text))]
+        there = set().union(*(members[c] for c in classes.get(os.path.relpath(path), []) if c in members))
+        missing += ['%s: %s is not in the reference' % (path, name) for name in sorted(names - there)]
+        generated += len(names)
+    if generated == 0:
+        missing.append('no attribute was found in any header')
+    return missing
+
+
+def main(path):
+    text = header(path)[0]
     text = DELETED.sub(blank, CONST_OVERLOAD.sub(blank, text))
 
     lines, result, enumerators = text.split('\n'), [], False
@@ -184,4 +217,8 @@ def main(path):
     sys.stdout.write('\n'.join(result))
 
 
+if sys.argv[1] == '--complete':
+    lines = complete(sys.argv[2], sys.argv[3:])
+    print('\n'.join(lines), end='\n' if lines else '', file=sys.stderr)
+    sys.exit(1 if lines else 0)
 main(sys.argv[1])
