@@ -3,7 +3,7 @@
 
 Each ```cpp block has `<!-- FILE MARK -->` in the line before it, and is what stands in FILE (from the top of the tree)
 between two lines `// [MARK]`, moved to the left margin. --write takes over what the files say. A block without a mark, a
-mark without its lines, and a mark of docs/guide/ that no guide shows are errors.
+mark without its lines, and a mark that no guide shows are errors.
 """
 import glob
 import os
@@ -53,8 +53,7 @@ def main(arguments):
         if write and result != text:
             with open(guide, 'w') as file:
                 file.write(result)
-    for path in glob.glob(os.path.join(TOP, 'docs/guide/*.cpp')):
-        path = os.path.relpath(path, TOP)
+    for path in sorted({file for file, _ in shown} | {os.path.relpath(p, TOP) for p in glob.glob(TOP + '/docs/guide/*.cpp')}):
         errors += ['nowhere shown: %s %s' % (path, mark) for mark in marked(path) if (path, mark) not in shown]
     for error in errors:
         print('%s: %s' % (' '.join(arguments[write:]), error), file=sys.stderr)

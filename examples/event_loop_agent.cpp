@@ -3,6 +3,7 @@
 // A is downstream of B. A route of A's wants a source: A joins it at B at once, and refreshes the join every second.
 // What a router program adds to the engine is all here, in this order: a form for packets (a text; a router has that
 // of RFC 7761, 4.9, as agent/PimMessage.h writes it), the packet manager, the receiving side, the loop.
+// Marks like `// [loop]` are where docs/guide.md takes its pieces from.
 #include <poll.h>
 #include <sys/random.h>
 #include <sys/socket.h>
@@ -27,7 +28,6 @@ using Group = Packet::JoinPruneGroupData;
 
 // --- The form of a packet ------------------------------------------------------------------------
 
-// [kinds]
 // The six kinds of entries: how to list them behind a source, put one in, and take one out.
 struct Kind {
   char const* word;
@@ -69,9 +69,7 @@ constexpr std::array<Kind, 6> kinds = {{
     {"rpt-prune", some<&Group::prunedRptSourceIterator, &Group::prunedRptSourceIteratorAfter>,
      [](auto& g, auto& s) { g.prunedRptSourceIs(s); }, [](auto& g, auto& s) { g.prunedRptSourceDel(s); }},
 }};
-// [kinds]
 
-// [decode]
 // "10.0.0.2 210", and a line "join 239.1.1.1 10.9.0.1" for each entry. The message is whole, or there is none: half a
 // message applied is worse than one that is lost and comes again.
 Vel::Ptr<Packet::JoinPruneMessage> decode(std::string const& packet) {
@@ -94,7 +92,6 @@ Vel::Ptr<Packet::JoinPruneMessage> decode(std::string const& packet) {
   message->joinPruneDataIs(data);
   return message;
 }
-// [decode]
 
 // --- The packet manager --------------------------------------------------------------------------
 
@@ -115,7 +112,10 @@ class Sender final : public IO::MessageInfo::Notifiee {
     Packet::JoinPruneMessage::Report report;
     if (!entries.empty() && transmit(*data, entries)) {
       report.sources = static_cast<U32>(entries.size());
-      if (!data->periodic())
+      if (data->periodic())
+        last_[data->upstreamNeighbor()] =
+            entries.size() == most ? std::optional(entries.back()) : std::nullopt;
+      else
         for (Entry const& entry : entries) takeOut(*data, entry);
     }
     message->reportIs(report);  // zero if nothing was sent, whatever the reason: the engine tries again later
@@ -133,11 +133,9 @@ class Sender final : public IO::MessageInfo::Notifiee {
   // The entries of the next message. What is sent once leaves the data, so the next ones are always at its front.
   // What is periodic stays: go on where the last message ended, by key, for it may all have changed since.
   std::vector<Entry> next(Packet::JoinPruneData& data) {
-    if (!data.periodic()) return from(data, std::nullopt);
-    std::optional<Entry>& last = last_[data.upstreamNeighbor()];
-    std::vector<Entry> entries = from(data, last);
-    if (entries.empty()) entries = from(data, std::nullopt);  // what was left has gone: a new round
-    last = entries.size() == most ? std::optional(entries.back()) : std::nullopt;
+    std::vector<Entry> entries;
+    if (data.periodic()) entries = from(data, last_[data.upstreamNeighbor()]);
+    if (entries.empty()) entries = from(data, std::nullopt);  // the end of a round, or what was left has gone
     return entries;
   }
 
@@ -277,7 +275,6 @@ int main() {
   auto const downstream = Vel::create<Downstream>();
   downstream->notifierIs(b.rxJoin);
 
-  // [surroundings]
   // A's interface comes up with its address, and a Hello makes B a neighbor on it.
   auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
   eth0->usedAddressWithMaskIs(Dova::IpGenPrefix(IpGenAddr("10.0.0.1"), 24));
@@ -286,15 +283,12 @@ int main() {
   a.pim->pimIntfIs(eth0);
   IpGenAddr const upstream("10.0.0.2");
   a.pim->pimNeighborIs(upstream, eth0);
-  // [surroundings]
 
-  // [route]
   // The route state machine of (10.9.0.1,239.1.1.1) gets its first member: a join now, and from now on. The group
   // first, then the source; to leave, the source goes out of the periodic data and into the prunes of the triggered.
   IpGenAddr const group("239.1.1.1"), source("10.9.0.1");
   a.status->triggeredGroup(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);
   a.status->periodicGroupStatus()->upJoinPrune(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);
-  // [route]
 
   while (downstream->joins < 2) turn(*wheel, std::array{&a, &b});  // a router goes on for ever
   for (int const socket : sockets) close(socket);

@@ -197,6 +197,12 @@ TEST_F(Guide, ARouteJoinsIsRefreshedAndLeaves) {
   EXPECT_THAT(sent(), IsEmpty());
 }
 
+TEST_F(Guide, AnAddressWithoutAMachineHasNoDataSets) {
+  EXPECT_FALSE(status->triggeredGroup(IpGenAddr("10.0.0.99")));
+  EXPECT_THROW(status->triggeredGroup(IpGenAddr("10.0.0.99"))->joinPruneGroupDataIs(group),
+               Vel::RangeException);
+}
+
 TEST_F(Guide, AnOverrideGoesOutWithinItsInterval) {
   // [override]
   // Somebody else on the LAN has pruned what we still want (RFC 7761, 4.5.4).
@@ -258,8 +264,8 @@ TEST_F(Guide, ANeighborThatGoesKeepsItsMachineWhileThereIsPeriodicData) {
   auto const standing = status->periodicGroupStatus()->upJoinPrune(upstream);
   standing->joinPruneGroupDataIs(group)->joinedSourceIs(source);
   // [neighbor-down]
-  // The neighbor has timed out. Its routes move to another upstream: source by source out of its periodic data. The
-  // machine goes with the last one, its data sets with it.
+  // The neighbor has timed out. Its routes move to another upstream: source by source out of its periodic data (all
+  // of them joins here). The machine goes with the last one, its data sets with it.
   pim->pimNeighborDel(upstream);
   for (auto g = standing->joinPruneGroupDataIterator(); g; ++g) g->joinedSourceDelAll();
   // [neighbor-down]

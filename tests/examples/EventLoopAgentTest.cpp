@@ -46,6 +46,10 @@ class EventLoopAgent : public testing::Test {
     }
     return all;
   }
+  void fillTheSocket() {
+    std::string const full(100, 'x');
+    while (send(router->socket(), full.data(), full.size(), 0) > 0) continue;
+  }
   std::vector<std::string> lines(std::vector<std::string> const& packets) {
     std::vector<std::string> all;
     for (auto const& packet : packets) {
@@ -115,8 +119,7 @@ TEST_F(EventLoopAgent, RefreshesEveryRouteOnceAnInterval) {
 }
 
 TEST_F(EventLoopAgent, TriesAgainLaterWhatCouldNotBeSent) {
-  std::string const full(100, 'x');
-  while (send(router->socket(), full.data(), full.size(), 0) > 0) continue;
+  fillTheSocket();
   auto const data = router->status->triggeredGroup(upstream);
   fill(*data, 1, 1);
   wait(0.1);
@@ -124,6 +127,19 @@ TEST_F(EventLoopAgent, TriesAgainLaterWhatCouldNotBeSent) {
   packets();
   wait(0.1);
   EXPECT_THAT(packets(), ElementsAre("join 239.1.1.1 10.9.0.1\n"));
+}
+
+TEST_F(EventLoopAgent, ARefreshThatCouldNotBeSentBeginsAtItsFrontTheNextTime) {
+  fill(*router->status->periodicGroupStatus()->upJoinPrune(upstream), 3, 15);
+  fillTheSocket();
+  wait(60);
+  packets();
+  wait(60);
+  auto const sent = packets();
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(lines({sent[0]}).size(), 20u);
+  EXPECT_EQ(lines({sent[1]}).size(), 20u);
+  EXPECT_EQ(lines({sent[2]}).size(), 5u);
 }
 
 TEST_F(EventLoopAgent, TakesNothingFromAPacketThatIsWrongAnywhere) {
