@@ -66,7 +66,7 @@ class VEL_API JoinPruneMessageInfo final : public Vel::Entity {
   /// Sets `riKey` to a route on no interface; for received entries, which come in great numbers.
   void velRouteIs(Dova::IpGenAddr const& source, Dova::IpGenAddr const& group) {
     if (riKey_.routeIs(source, group))
-      velDeliver<NotifieeConst>(riKeyId, [](NotifieeConst& r) { r.onRiKey(); });
+      velDeliver<NotifieeConst, riKeyId>([](NotifieeConst& r) { r.onRiKey(); });
   }
 
   Vel::AttributeTable const& attributeTable() const override;

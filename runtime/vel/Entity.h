@@ -136,6 +136,9 @@ class VEL_API Entity : public Counted {
   /// Reactors that did not keep the entity are detached: their notifier reads null.
   void doDetach() noexcept override;
 
+  /// True if there may be a reactor that is to be called.
+  bool velWatched() const { return notifiees_ != nullptr; }
+
   /// True if somebody refers to this entity, and not only what runs or stands at the moment.
   bool velReferred() const { return references() > keeps_; }
 
