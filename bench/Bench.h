@@ -37,9 +37,13 @@ class Stopwatch {
     operations_ += operations;
   }
 
+  /// Something about the circumstances that belongs beside the figure.
+  void note(std::string text) { note_ = std::move(text); }
+
   /// In seconds.
   double spent() const { return spent_; }
   double operations() const { return operations_; }
+  std::string const& note() const { return note_; }
 
  private:
   static double now() {
@@ -50,16 +54,22 @@ class Stopwatch {
 
   double began_ = 0;
   double spent_ = 0, operations_ = 0;
+  std::string note_;
 };
 
 using Run = std::function<void(Stopwatch&)>;
+
+/// A figure that cannot be had honestly: the row says so, with the reason, and has no verdict.
+struct NotMeasured {
+  std::string why;
+};
 
 /// Registers a benchmark in nanoseconds an operation. `run` is called again and again; each time it prepares what it
 /// needs, and times what counts. What it captures lives as long as the process.
 void timed(std::string const& name, Run run);
 
 /// The same for a run with preparations that serve all repetitions: `prepare` is called when the benchmark begins, and
-/// what it gives is dropped when it ends.
+/// what it gives is dropped when it ends. A peer that is not to be had here throws NotMeasured.
 void prepared(std::string const& name, std::function<Run()> prepare);
 
 /// Registers a figure that needs no repetition, such as bytes.
@@ -75,11 +85,15 @@ struct Row {
   double atLeastFaster = 0;   ///< Or: the reference takes at least so many times what ours does.
   double atMostBeyond = 0;    ///< Or: ours is at most so much more than the reference, in its own unit.
   double atMostAbsolute = 0;  ///< Or: ours is at most so much; the reference is there for comparison.
+                              ///< With none of these the row is for comparison alone.
   std::string unit = "ns";
   std::string ours = {};  ///< Another name of a benchmark.
   std::string theirs = {};
 };
 void row(Row row);
+
+/// Rows without a bar, of the benchmarks "<name>/ours" and "<name>/floor": the points of the curve of that series.
+void growth(std::string const& series, std::size_t size, std::string const& name);
 
 /// True unless the environment asks for smaller sizes.
 bool wanted(std::size_t size);

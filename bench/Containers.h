@@ -7,6 +7,7 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <random>
 #include <vector>
@@ -33,7 +34,7 @@ inline IpGenAddr someAddress(bool ipv6, std::mt19937_64& random) {
   return IpGenAddr::fromBytes({bytes, ipv6 ? std::size_t{16} : std::size_t{4}});
 }
 
-inline std::shared_ptr<Keys const> someKeys(std::size_t size, bool ipv6) {
+inline std::shared_ptr<Keys const> newKeys(std::size_t size, bool ipv6) {
   std::mt19937_64 random(size);
   std::vector<IpGenAddr> distinct;
   // 10.0.0.0/8 has room for many more than are asked for.
@@ -49,6 +50,14 @@ inline std::shared_ptr<Keys const> someKeys(std::size_t size, bool ipv6) {
                        distinct.begin() + static_cast<std::ptrdiff_t>(2 * size));
   for (std::size_t i = 0; i < size; ++i) keys->shuffled.push_back(i);
   std::shuffle(keys->shuffled.begin(), keys->shuffled.end(), random);
+  return keys;
+}
+
+/// The same keys for all, drawn when they are first asked for.
+inline std::shared_ptr<Keys const> someKeys(std::size_t size, bool ipv6) {
+  static std::map<std::pair<std::size_t, bool>, std::shared_ptr<Keys const>> drawn;
+  auto& keys = drawn[{size, ipv6}];
+  if (!keys) keys = newKeys(size, ipv6);
   return keys;
 }
 
@@ -99,18 +108,19 @@ inline double heapBytes() {
 /// Registers "<subject>/<operation> <size>/<who>" for each operation.
 template <class Container>
 void measureContainer(std::string const& subject, std::string const& sizeName, std::string const& who,
-                      std::shared_ptr<Keys const> keys) {
-  double const count = static_cast<double>(keys->all.size());
-  int const repeats = static_cast<int>(std::max<std::size_t>(1, 10'000 / keys->all.size()));
+                      std::size_t size, bool ipv6 = false) {
+  double const count = static_cast<double>(size);
+  int const repeats = static_cast<int>(std::max<std::size_t>(1, 10'000 / size));
   auto const name = [&](char const* operation) {
     return subject + "/" + operation + " " + sizeName + "/" + who;
   };
-  auto const filled = [keys] {
-    auto const container = std::make_shared<Container>(*keys);
-    for (std::size_t i = 0; i < keys->all.size(); ++i) container->insert(i);
+  auto const filled = [](Keys const& keys) {
+    auto const container = std::make_shared<Container>(keys);
+    for (std::size_t i = 0; i < keys.all.size(); ++i) container->insert(i);
     return container;
   };
   prepared(name("insert"), [=]() -> Run {
+    auto const keys = someKeys(size, ipv6);
     return [=](Stopwatch& watch) {
       std::vector<std::unique_ptr<Container>> containers;
       for (int r = 0; r < repeats; ++r) containers.push_back(std::make_unique<Container>(*keys));
@@ -120,23 +130,25 @@ void measureContainer(std::string const& subject, std::string const& sizeName, s
       watch.stop(count * repeats);
     };
   });
-  auto const look = [=](std::vector<IpGenAddr> const& at) -> Run {
-    auto const container = filled();
-    return [=, &at](Stopwatch& watch) {
+  auto const look = [=](std::vector<IpGenAddr> Keys::*at) -> Run {
+    auto const keys = someKeys(size, ipv6);
+    auto const container = filled(*keys);
+    return [=](Stopwatch& watch) {
       std::size_t found = 0;
       watch.start();
       for (int r = 0; r < repeats; ++r)
-        for (std::size_t const i : keys->shuffled) found += container->contains(at[i]);
+        for (std::size_t const i : keys->shuffled) found += container->contains(((*keys).*at)[i]);
       watch.stop(count * repeats);
       keep(found);
     };
   };
-  prepared(name("hit"), [=] { return look(keys->all); });
-  prepared(name("miss"), [=] { return look(keys->missing); });
+  prepared(name("hit"), [=] { return look(&Keys::all); });
+  prepared(name("miss"), [=] { return look(&Keys::missing); });
   prepared(name("erase"), [=]() -> Run {
+    auto const keys = someKeys(size, ipv6);
     return [=](Stopwatch& watch) {
       std::vector<std::shared_ptr<Container>> containers;
-      for (int r = 0; r < repeats; ++r) containers.push_back(filled());
+      for (int r = 0; r < repeats; ++r) containers.push_back(filled(*keys));
       watch.start();
       for (auto const& container : containers)
         for (std::size_t const i : keys->shuffled) container->erase(i);
@@ -144,7 +156,8 @@ void measureContainer(std::string const& subject, std::string const& sizeName, s
     };
   });
   prepared(name("iterate"), [=]() -> Run {
-    auto const container = filled();
+    auto const keys = someKeys(size, ipv6);
+    auto const container = filled(*keys);
     return [=](Stopwatch& watch) {
       watch.start();
       for (int r = 0; r < repeats; ++r) keep(container->walk());
@@ -152,6 +165,7 @@ void measureContainer(std::string const& subject, std::string const& sizeName, s
     };
   });
   figure(name("bytes"), [=] {
+    auto const keys = someKeys(size, ipv6);
     auto container = std::make_unique<Container>(*keys);
     double const before = heapBytes();
     for (std::size_t i = 0; i < keys->all.size(); ++i) container->insert(i);

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "bench/Containers.h"
-#include "pim/joinprune/JoinPruneMessageSm.h"
+#include "bench/Router.h"
 
 namespace {
 
@@ -18,20 +18,10 @@ double bytesOf(std::size_t routes, Fill const& fill) {
 }
 
 double groups(std::size_t routes) {
-  double time = 0;
-  IpGenAddr const neighbor("10.0.0.2"), source("10.9.0.1");
-  auto const wheel = Vel::create<Zanth::TimerWheel>([&time] { return time; });
-  auto const pim = Vel::create<Status>();
-  auto const status = joinPruneStatusFactory();
-  auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
-  pim->pimIntfIs(eth0);
-  pim->pimNeighborIs(neighbor, eth0);
-  auto const machine =
-      joinPruneMessageSmFactory(status, nullptr, pim, nullptr, nullptr, nullptr, nullptr, nullptr, wheel);
-  auto const data = status->triggeredGroup(neighbor);
+  Bench::Router router;
+  router.start(nullptr);
   return bytesOf(routes, [&] {
-    for (U32 i = 0; i < routes; ++i)
-      data->joinPruneGroupDataIs(IpGenAddr::ipv4(0xe1000000u + i))->joinedSourceIs(source);
+    for (U32 i = 0; i < routes; ++i) router.add(*router.triggered, i);
   });
 }
 

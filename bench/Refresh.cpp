@@ -13,46 +13,28 @@
 #include "agent/PacketManager.h"
 #include "agent/PacketSinks.h"
 #include "bench/Bench.h"
-#include "pim/joinprune/JoinPruneMessageSm.h"
+#include "bench/Router.h"
 
 namespace {
 
 using namespace Routing::Pim;
 using namespace Routing::Pim::Agent;
-using Vel::Seconds;
 
-struct Router {
-  explicit Router(std::size_t size) : routes(size) {
-    status->periodicGroupStatusIs(Vel::create<Packet::JoinPruneStatus>());
-    auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
-    eth0->usedAddressWithMaskIs(Dova::IpGenPrefix(IpGenAddr("10.0.0.1"), 24));
-    pim->pimIntfIs(eth0);
-    pim->pimNeighborIs(neighbor, eth0);
+// A packet manager that keeps what it has packed to itself.
+struct Refreshing : Bench::Router {
+  explicit Refreshing(U32 size) : routes(size) {
+    auto const manager = Vel::create<PacketManager>(sink, pim);
     manager->start();
-    machine =
-        joinPruneMessageSmFactory(status, nullptr, pim, nullptr, nullptr, nullptr, nullptr, manager, wheel);
-    auto const data = status->periodicGroupStatus()->upJoinPrune(neighbor);
-    for (U32 i = 0; i < routes; ++i)
-      data->joinPruneGroupDataIs(IpGenAddr::ipv4(0xe1000000u + i))->joinedSourceIs(source);
+    start(manager);
+    for (U32 i = 0; i < routes; ++i) add(*periodic, i);
   }
-
   void round() {
-    for (std::size_t const end = sent + routes; sent < end;) {
-      time = std::max(time, wheel->timeMin());
-      wheel->expire();
-    }
+    for (std::size_t const end = sent + routes; sent < end;) fireNext();
   }
 
-  std::size_t const routes;
+  U32 const routes;
   std::size_t sent = 0;
-  Seconds time = 0;
-  IpGenAddr const neighbor{"10.0.0.2"}, source{"10.9.0.1"};
   ForwardedPackets sink{[this](OutgoingPacket const& packet) { sent += packet.message.groups().size(); }};
-  Vel::Ptr<Zanth::TimerWheel> wheel = Vel::create<Zanth::TimerWheel>([this] { return time; });
-  Vel::Ptr<Status> pim = Vel::create<Status>();
-  Vel::Ptr<JoinPruneStatus> status = joinPruneStatusFactory();
-  Vel::Ptr<PacketManager> manager = Vel::create<PacketManager>(sink, pim);
-  Vel::Ptr<JoinPruneMessageSm> machine;
 };
 
 struct Route {
@@ -92,11 +74,11 @@ U32 floorRound(std::vector<Route> const& routes) {
   return result;
 }
 
-void measure(std::size_t size) {
+void measure(U32 size) {
   if (!Bench::wanted(size)) return;
   std::string const name = "refresh/" + Bench::sizeText(size);
   Bench::prepared(name + "/ours", [=]() -> Bench::Run {
-    auto const router = std::make_shared<Router>(size);
+    auto const router = std::make_shared<Refreshing>(size);
     router->round();
     return [router, size](Bench::Stopwatch& watch) {
       watch.start();
@@ -113,10 +95,11 @@ void measure(std::size_t size) {
       watch.stop(static_cast<double>(size));
     };
   });
+  Bench::growth("refresh", size, name);
 }
 
 bool const registered = [] {
-  for (std::size_t const size : {10u, 100u, 1'000u, 10'000u, 100'000u, 1'000'000u}) measure(size);
+  for (U32 const size : {10u, 100u, 1'000u, 10'000u, 100'000u, 1'000'000u}) measure(size);
   Bench::row({.subject = "refresh", .what = "1k", .reference = "floor", .atMost = 3});
   Bench::row({.subject = "refresh",
               .what = "1M against 1k",

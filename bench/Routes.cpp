@@ -8,14 +8,13 @@
 #include <vector>
 
 #include "bench/Bench.h"
-#include "pim/joinprune/JoinPruneMessageSm.h"
+#include "bench/Router.h"
 
 namespace {
 
 using namespace Routing::Pim;
+using Bench::groupOf;
 using Dova::IpGenAddr;
-
-IpGenAddr groupOf(U32 route) { return IpGenAddr::ipv4(0xe1000000u + route); }
 
 // Takes all that is pending out of the data, as if it fitted one message.
 class Taker final : public IO::MessageInfo::Notifiee {
@@ -34,29 +33,13 @@ class Taker final : public IO::MessageInfo::Notifiee {
   }
 };
 
-struct Router {
+struct Router : Bench::Router {
   Router() {
-    auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
-    eth0->usedAddressWithMaskIs(Dova::IpGenPrefix(IpGenAddr("10.0.0.1"), 24));
-    pim->pimIntfIs(eth0);
-    pim->pimNeighborIs(neighbor, eth0);
-    status->periodicGroupStatusIs(Vel::create<Packet::JoinPruneStatus>());
+    auto const manager = Vel::create<IO::PamManager>();
     taker->notifierIs(manager->txMessageInfoIs());
-    machine =
-        joinPruneMessageSmFactory(status, nullptr, pim, nullptr, nullptr, nullptr, nullptr, manager, wheel);
-    triggered = status->triggeredGroup(neighbor);
-    periodic = status->periodicGroupStatus()->upJoinPrune(neighbor);
+    start(manager);
   }
-
-  double time = 0;
-  IpGenAddr const neighbor{"10.0.0.2"}, source{"10.9.0.1"};
-  Vel::Ptr<Zanth::TimerWheel> wheel = Vel::create<Zanth::TimerWheel>([this] { return time; });
-  Vel::Ptr<Status> pim = Vel::create<Status>();
-  Vel::Ptr<JoinPruneStatus> status = joinPruneStatusFactory();
-  Vel::Ptr<IO::PamManager> manager = Vel::create<IO::PamManager>();
   Vel::Ptr<Taker> taker = Vel::create<Taker>();
-  Vel::Ptr<JoinPruneMessageSm> machine;
-  Vel::Ptr<Packet::JoinPruneData> triggered, periodic;
 };
 
 // Two virtual calls: one for coming, one for going.
@@ -93,8 +76,7 @@ void measureTriggered(U32 pending) {
     return [=](Bench::Stopwatch& watch) {
       watch.start();
       for (int r = 0; r < rounds; ++r) {
-        for (U32 route = 0; route < pending; ++route)
-          router->triggered->joinPruneGroupDataIs(groupOf(route))->joinedSourceIs(router->source);
+        for (U32 route = 0; route < pending; ++route) router->add(*router->triggered, route);
         router->time += 0.1;
         router->wheel->expire();
       }
@@ -113,6 +95,7 @@ void measureTriggered(U32 pending) {
       watch.stop(static_cast<double>(rounds) * pending);
     };
   });
+  if (pending >= 10) Bench::growth("triggered", pending, name);
 }
 
 // A thousand routes come and go among those that stand.
@@ -122,15 +105,12 @@ void measurePeriodic(U32 standing) {
   std::string const name = "periodic route/" + Bench::sizeText(standing) + " standing";
   Bench::prepared(name + "/ours", [=]() -> Bench::Run {
     auto const router = std::make_shared<Router>();
-    auto const add = [router](U32 route) {
-      router->periodic->joinPruneGroupDataIs(groupOf(route))->joinedSourceIs(router->source);
-    };
-    for (U32 route = 0; route < standing; ++route) add(route);
+    for (U32 route = 0; route < standing; ++route) router->add(*router->periodic, route);
     return [=](Bench::Stopwatch& watch) {
       watch.start();
-      for (U32 route = standing; route < standing + changing; ++route) add(route);
+      for (U32 route = standing; route < standing + changing; ++route) router->add(*router->periodic, route);
       for (U32 route = standing; route < standing + changing; ++route)
-        router->periodic->joinPruneGroupData(groupOf(route))->joinedSourceDel(router->source);
+        router->remove(*router->periodic, route);
       watch.stop(changing);
       if (router->periodic->joinPruneGroupDataCount() != standing) std::abort();
     };
@@ -145,6 +125,7 @@ void measurePeriodic(U32 standing) {
       watch.stop(changing);
     };
   });
+  Bench::growth("periodic change", standing, name);
 }
 
 bool const registered = [] {

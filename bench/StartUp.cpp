@@ -5,17 +5,17 @@
 #include <memory>
 
 #include "bench/Bench.h"
-#include "pim/joinprune/JoinPruneMessageSm.h"
+#include "bench/Router.h"
 
 namespace {
 
 using namespace Routing::Pim;
+using Bench::groupOf;
 using Dova::IpGenAddr;
 
 constexpr U32 neighbors = 1'000;
 
 IpGenAddr neighborOf(U32 i) { return IpGenAddr::ipv4(0x0a000100u + i); }
-IpGenAddr groupOf(U32 i) { return IpGenAddr::ipv4(0xe1000000u + i); }
 
 struct Hash {
   std::size_t operator()(IpGenAddr const& key) const { return key.order() >> 2; }

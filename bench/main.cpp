@@ -31,6 +31,7 @@ void measure(benchmark::State& state, Run const& run) {
     spent += watch.spent();
     operations += watch.operations();
     state.SetIterationTime(watch.spent());
+    if (!watch.note().empty()) state.SetLabel(watch.note());
   }
   state.counters["value"] = operations == 0 ? 0 : spent * 1e9 / operations;
 }
@@ -42,7 +43,15 @@ void timed(std::string const& name, Run run) {
 }
 
 void prepared(std::string const& name, std::function<Run()> prepare) {
-  registered(name, [prepare = std::move(prepare)](benchmark::State& state) { measure(state, prepare()); });
+  registered(name, [prepare = std::move(prepare)](benchmark::State& state) {
+    Run run;
+    try {
+      run = prepare();
+    } catch (NotMeasured const& absent) {
+      return state.SkipWithError(("not measured: " + absent.why).c_str());
+    }
+    measure(state, run);
+  });
 }
 
 void figure(std::string const& name, std::function<double()> measureOnce) {
@@ -60,6 +69,14 @@ void figure(std::string const& name, std::function<double()> measureOnce) {
 }
 
 void row(Row row) { rows().push_back(std::move(row)); }
+
+void growth(std::string const& series, std::size_t size, std::string const& name) {
+  row({.subject = "growth",
+       .what = series + " " + std::to_string(size),
+       .reference = "floor",
+       .ours = name + "/ours",
+       .theirs = name + "/floor"});
+}
 
 bool wanted(std::size_t size) {
   static char const* const largest = std::getenv("JOINPRUNE_BENCH_LARGEST");
