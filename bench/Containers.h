@@ -80,6 +80,37 @@ class OurSet {
   Set set_;
 };
 
+/// An entity with a key and little else.
+class Element final : public Vel::Entity {
+ public:
+  explicit Element(IpGenAddr const& key) : key_(key) {}
+  IpGenAddr const& velKey() const { return key_; }
+  std::size_t marked() const { return key_.isIpv4(); }
+
+ private:
+  IpGenAddr const key_;
+};
+
+/// A collection of entities as a container under test; they are made beforehand.
+class OurEntities {
+ public:
+  explicit OurEntities(Keys const& keys) {
+    for (auto const& key : keys.all) elements_.push_back(Vel::create<Element>(key));
+  }
+  void insert(std::size_t i) { map_.insert(elements_[i]); }
+  void erase(std::size_t i) { map_.remove(elements_[i]->velKey()); }
+  bool contains(IpGenAddr const& key) const { return map_.find(key) != nullptr; }
+  std::size_t walk() const {
+    std::size_t sum = 0;
+    for (Vel::EntityIterator<IpGenAddr, Element, Element const> i(nullptr, map_); i; ++i) sum += i->marked();
+    return sum;
+  }
+
+ private:
+  std::vector<Vel::Ptr<Element>> elements_;
+  Vel::EntityMap<IpGenAddr, Element> map_;
+};
+
 /// A set with the standard's interface as a container under test.
 template <class Set>
 class TheirSet {
@@ -99,8 +130,16 @@ class TheirSet {
   Set set_;
 };
 
-/// Bytes in use on the heap.
+}  // namespace Bench
+
+extern "C" [[gnu::weak]] std::size_t __sanitizer_get_current_allocated_bytes();
+
+namespace Bench {
+
+/// Bytes in use on the heap. Sanitizers have a heap of their own.
 inline double heapBytes() {
+  if (__sanitizer_get_current_allocated_bytes)
+    return static_cast<double>(__sanitizer_get_current_allocated_bytes());
   auto const info = mallinfo2();
   return static_cast<double>(info.uordblks + info.hblkhd);
 }

@@ -4,42 +4,12 @@
 #include <boost/intrusive/unordered_set.hpp>
 
 #include "bench/Containers.h"
-#include "runtime/vel/Collection.h"
 
 namespace {
 
 namespace intrusive = boost::intrusive;
 using Bench::Keys;
 using Dova::IpGenAddr;
-
-class Element final : public Vel::Entity {
- public:
-  explicit Element(IpGenAddr const& key) : key_(key) {}
-  IpGenAddr const& velKey() const { return key_; }
-  std::size_t marked() const { return key_.isIpv4(); }
-
- private:
-  IpGenAddr const key_;
-};
-
-class Ours {
- public:
-  explicit Ours(Keys const& keys) {
-    for (auto const& key : keys.all) elements_.push_back(Vel::create<Element>(key));
-  }
-  void insert(std::size_t i) { map_.insert(elements_[i]); }
-  void erase(std::size_t i) { map_.remove(elements_[i]->velKey()); }
-  bool contains(IpGenAddr const& key) const { return map_.find(key) != nullptr; }
-  std::size_t walk() const {
-    std::size_t sum = 0;
-    for (Vel::EntityIterator<IpGenAddr, Element, Element const> i(nullptr, map_); i; ++i) sum += i->marked();
-    return sum;
-  }
-
- private:
-  std::vector<Vel::Ptr<Element>> elements_;
-  Vel::EntityMap<IpGenAddr, Element> map_;
-};
 
 struct Hooked final : intrusive::unordered_set_base_hook<intrusive::store_hash<true>> {
   explicit Hooked(IpGenAddr const& address) : key(address) {}
@@ -89,7 +59,7 @@ bool const registered = [] {
   for (std::size_t const size : {1'000u, 100'000u, 1'000'000u}) {
     if (!Bench::wanted(size)) continue;
     std::string const sizeName = Bench::sizeText(size);
-    Bench::measureContainer<Ours>("collection of entities", sizeName, "ours", size);
+    Bench::measureContainer<Bench::OurEntities>("collection of entities", sizeName, "ours", size);
     Bench::measureContainer<Theirs>("collection of entities", sizeName, "boost::intrusive", size);
     if (size == 1'000) continue;  // runs, for a quick look; the bars are for what does not fit the caches
     for (std::string const operation : {"insert ", "hit ", "erase "})

@@ -6,42 +6,13 @@
 #include <vector>
 
 #include "bench/Bench.h"
-#include "pim/joinprune/JoinPruneMessageSm.h"
+#include "bench/Receiver.h"
 
 namespace {
 
 using namespace Routing::Pim;
+using Bench::Shape;
 using Dova::IpGenAddr;
-
-class Observer final : public JoinPruneMessageInfo::NotifieeConst {
- public:
-  void onRxCount() override { ++entries; }
-  std::size_t entries = 0;
-};
-
-// What a message is made of.
-struct Shape {
-  std::string name;
-  U32 groups, joins, prunes, rptPrunes;
-  bool wildcard;
-  U32 entries() const { return groups * (joins + prunes + rptPrunes + (wildcard ? 1 : 0)); }
-};
-
-Vel::Ptr<Packet::JoinPruneMessage> messageOf(Shape const& shape) {
-  auto const data = Vel::create<Packet::JoinPruneData>(IpGenAddr("10.0.0.1"));
-  data->holdTimeIs(210);
-  for (U32 g = 0; g < shape.groups; ++g) {
-    auto const group = data->joinPruneGroupDataIs(IpGenAddr::ipv4(0xef000000u + g));
-    U32 source = 0x0a090000u;
-    for (U32 i = 0; i < shape.joins; ++i) group->joinedSourceIs(IpGenAddr::ipv4(++source));
-    for (U32 i = 0; i < shape.prunes; ++i) group->prunedSourceIs(IpGenAddr::ipv4(++source));
-    for (U32 i = 0; i < shape.rptPrunes; ++i) group->prunedRptSourceIs(IpGenAddr::ipv4(++source));
-    if (shape.wildcard) group->wcSourceDataIs(Vel::create<Packet::WcSourceData>(IpGenAddr("10.0.0.9"), true));
-  }
-  auto const message = Vel::create<Packet::JoinPruneMessage>();
-  message->joinPruneDataIs(data);
-  return message;
-}
 
 struct PlainRecord {
   RouteIntfKey key;
@@ -73,29 +44,16 @@ std::string measure(Shape const& shape, int observers) {
   double const count = rounds * static_cast<double>(shape.entries());
   std::string const what = shape.name + ", " + std::to_string(observers) + " observers";
   Bench::prepared("receive/" + what + "/ours", [=]() -> Bench::Run {
-    auto const channel = Vel::create<IO::MessageInfo>();
-    auto const join = joinPruneMessageInfoFactory(), prune = joinPruneMessageInfoFactory();
-    std::vector<Vel::Ptr<Observer>> watching;
-    for (int i = 0; i < observers; ++i)
-      for (auto const& record : {join, prune}) {
-        watching.push_back(Vel::create<Observer>());
-        watching.back()->notifierIs(record);
-      }
-    auto const machine =
-        joinPruneMessageSmFactory(nullptr, joinPruneFilterFactory(), nullptr,
-                                  Vel::create<RpHashComputeStatus>(), join, prune, channel, nullptr, nullptr);
-    channel->joinPruneMessageIs(messageOf(shape));
+    auto const receiver = std::make_shared<Bench::Receiver>(shape, observers);
     return [=](Bench::Stopwatch& watch) {
-      Bench::keep(machine);
-      Bench::keep(watching);
       watch.start();
-      for (int i = 0; i < rounds; ++i) channel->countInc(1);
+      for (int i = 0; i < rounds; ++i) receiver->receive();
       watch.stop(count);
     };
   });
   Bench::prepared("receive/" + what + "/floor", [=]() -> Bench::Run {
     auto const groups = std::make_shared<std::vector<PlainGroup>>();
-    auto const data = messageOf(shape)->joinPruneData();
+    auto const data = Bench::messageOf(shape)->joinPruneData();
     for (auto const& group : data->joinPruneGroupDataIterator()) {
       PlainGroup plain{group.group(), {}, {}, {}, shape.wildcard, IpGenAddr("10.0.0.9")};
       for (auto i = group.joinedSourceIterator(); i; ++i) plain.joins.push_back(i.key());

@@ -10,32 +10,14 @@
 #include <cstring>
 #include <memory>
 
-#include "agent/PacketManager.h"
-#include "agent/PacketSinks.h"
 #include "bench/Bench.h"
 #include "bench/Router.h"
 
 namespace {
 
-using namespace Routing::Pim;
-using namespace Routing::Pim::Agent;
-
-// A packet manager that keeps what it has packed to itself.
-struct Refreshing : Bench::Router {
-  explicit Refreshing(U32 size) : routes(size) {
-    auto const manager = Vel::create<PacketManager>(sink, pim);
-    manager->start();
-    start(manager);
-    for (U32 i = 0; i < routes; ++i) add(*periodic, i);
-  }
-  void round() {
-    for (std::size_t const end = sent + routes; sent < end;) fireNext();
-  }
-
-  U32 const routes;
-  std::size_t sent = 0;
-  ForwardedPackets sink{[this](OutgoingPacket const& packet) { sent += packet.message.groups().size(); }};
-};
+using Vel::U32;
+using Vel::U64;
+using Vel::U8;
 
 struct Route {
   U32 group, source;  // in network order
@@ -77,22 +59,23 @@ U32 floorRound(std::vector<Route> const& routes) {
 void measure(U32 size) {
   if (!Bench::wanted(size)) return;
   std::string const name = "refresh/" + Bench::sizeText(size);
+  U32 const rounds = std::max(1u, 1'000 / size);
   Bench::prepared(name + "/ours", [=]() -> Bench::Run {
-    auto const router = std::make_shared<Refreshing>(size);
+    auto const router = std::make_shared<Bench::RefreshingRouter>(size);
     router->round();
-    return [router, size](Bench::Stopwatch& watch) {
+    return [=](Bench::Stopwatch& watch) {
       watch.start();
-      router->round();
-      watch.stop(static_cast<double>(size));
+      for (U32 r = 0; r < rounds; ++r) router->round();
+      watch.stop(static_cast<double>(rounds) * size);
     };
   });
   Bench::prepared(name + "/floor", [=]() -> Bench::Run {
     auto const routes = std::make_shared<std::vector<Route>>();
     for (U32 i = 0; i < size; ++i) routes->push_back({htonl(0xe1000000u + i), htonl(0x0a090001u)});
-    return [routes, size](Bench::Stopwatch& watch) {
+    return [=](Bench::Stopwatch& watch) {
       watch.start();
-      Bench::keep(floorRound(*routes));
-      watch.stop(static_cast<double>(size));
+      for (U32 r = 0; r < rounds; ++r) Bench::keep(floorRound(*routes));
+      watch.stop(static_cast<double>(rounds) * size);
     };
   });
   Bench::growth("refresh", size, name);

@@ -1,4 +1,5 @@
-// The engine between an interface and a neighbor, on a clock that the benchmark moves.
+// The engine between an interface and a neighbor, on a clock that the benchmark moves; and the same with a packet
+// manager, for what is sent.
 //
 //   Bench::Router router;
 //   router.start(manager);
@@ -7,6 +8,8 @@
 
 #include <algorithm>
 
+#include "agent/PacketManager.h"
+#include "agent/PacketSinks.h"
 #include "pim/joinprune/JoinPruneMessageSm.h"
 
 namespace Bench {
@@ -54,6 +57,80 @@ struct Router {
   Vel::Ptr<Routing::Pim::JoinPruneStatus> status = Routing::Pim::joinPruneStatusFactory();
   Vel::Ptr<Routing::Pim::JoinPruneMessageSm> machine;
   Vel::Ptr<Routing::Pim::Packet::JoinPruneData> triggered, periodic;
+};
+
+/// Takes all that is pending out of the data, as if it fitted one message.
+class Taker final : public Routing::Pim::IO::MessageInfo::Notifiee {
+ public:
+  void onCount() override {
+    auto const message = notifier()->joinPruneMessage();
+    auto const data = message->joinPruneData();
+    Routing::Pim::Packet::JoinPruneMessage::Report report;
+    for (auto group = data->joinPruneGroupDataIterator(); group; ++group) {
+      for (auto source = group->joinedSourceIterator(); source; ++source) {
+        group->joinedSourceDel(source.key());
+        ++report.sources;
+      }
+    }
+    message->reportIs(report);
+  }
+};
+
+/// With a packet manager that does nothing but take.
+struct TakingRouter : Router {
+  TakingRouter() {
+    auto const manager = Vel::create<Routing::Pim::IO::PamManager>();
+    taker->notifierIs(manager->txMessageInfoIs());
+    start(manager);
+  }
+
+  Vel::Ptr<Taker> const taker = Vel::create<Taker>();
+};
+
+/// With periodic routes, and the agent's packet manager, whose packets are counted and dropped.
+struct RefreshingRouter : Router {
+  explicit RefreshingRouter(U32 size) : routes(size) {
+    auto const manager = Vel::create<Routing::Pim::Agent::PacketManager>(sink, pim);
+    manager->start();
+    start(manager);
+    for (U32 i = 0; i < routes; ++i) add(*periodic, i);
+  }
+
+  /// Until every route has been sent once more.
+  void round() {
+    for (std::size_t const end = sent + routes; sent < end;) fireNext();
+  }
+
+  U32 const routes;
+  std::size_t sent = 0;
+  Routing::Pim::Agent::ForwardedPackets sink{
+      [this](Routing::Pim::Agent::OutgoingPacket const& packet) { sent += packet.message.groups().size(); }};
+};
+
+inline IpGenAddr neighborOf(U32 i) { return IpGenAddr::ipv4(0x0a000100u + i); }
+
+/// All that a machine finds when it starts: neighbors, and the same periodic routes for each.
+struct StartingRouter {
+  StartingRouter(U32 neighbors, U32 routes) {
+    auto const eth0 = Vel::create<Routing::Pim::Intf>(Dova::IntfId("eth0"));
+    pim->pimIntfIs(eth0);
+    auto const periodic = Vel::create<Routing::Pim::Packet::JoinPruneStatus>();
+    status->periodicGroupStatusIs(periodic);
+    for (U32 n = 0; n < neighbors; ++n) {
+      pim->pimNeighborIs(neighborOf(n), eth0);
+      auto const data = periodic->upJoinPruneIs(neighborOf(n));
+      for (U32 g = 0; g < routes; ++g)
+        data->joinPruneGroupDataIs(groupOf(g))->joinedSourceIs(IpGenAddr("10.9.0.1"));
+    }
+  }
+  Vel::Ptr<Routing::Pim::JoinPruneMessageSm> newMachine() const {
+    return joinPruneMessageSmFactory(status, nullptr, pim, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                     wheel);
+  }
+
+  Vel::Ptr<Zanth::TimerWheel> wheel = Vel::create<Zanth::TimerWheel>([] { return 0.0; });
+  Vel::Ptr<Routing::Pim::Status> pim = Vel::create<Routing::Pim::Status>();
+  Vel::Ptr<Routing::Pim::JoinPruneStatus> status = Routing::Pim::joinPruneStatusFactory();
 };
 
 }  // namespace Bench

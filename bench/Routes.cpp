@@ -12,35 +12,9 @@
 
 namespace {
 
-using namespace Routing::Pim;
 using Bench::groupOf;
 using Dova::IpGenAddr;
-
-// Takes all that is pending out of the data, as if it fitted one message.
-class Taker final : public IO::MessageInfo::Notifiee {
- public:
-  void onCount() override {
-    auto const message = notifier()->joinPruneMessage();
-    auto const data = message->joinPruneData();
-    Packet::JoinPruneMessage::Report report;
-    for (auto group = data->joinPruneGroupDataIterator(); group; ++group) {
-      for (auto source = group->joinedSourceIterator(); source; ++source) {
-        group->joinedSourceDel(source.key());
-        ++report.sources;
-      }
-    }
-    message->reportIs(report);
-  }
-};
-
-struct Router : Bench::Router {
-  Router() {
-    auto const manager = Vel::create<IO::PamManager>();
-    taker->notifierIs(manager->txMessageInfoIs());
-    start(manager);
-  }
-  Vel::Ptr<Taker> taker = Vel::create<Taker>();
-};
+using Vel::U32;
 
 // Two virtual calls: one for coming, one for going.
 struct Listener {
@@ -72,7 +46,7 @@ void measureTriggered(U32 pending) {
   std::string const name = "triggered route/" + Bench::sizeText(pending) + " pending";
   int const rounds = static_cast<int>(std::max(1u, 1000 / pending));
   Bench::prepared(name + "/ours", [=]() -> Bench::Run {
-    auto const router = std::make_shared<Router>();
+    auto const router = std::make_shared<Bench::TakingRouter>();
     return [=](Bench::Stopwatch& watch) {
       watch.start();
       for (int r = 0; r < rounds; ++r) {
@@ -104,7 +78,7 @@ void measurePeriodic(U32 standing) {
   constexpr U32 changing = 1000;
   std::string const name = "periodic route/" + Bench::sizeText(standing) + " standing";
   Bench::prepared(name + "/ours", [=]() -> Bench::Run {
-    auto const router = std::make_shared<Router>();
+    auto const router = std::make_shared<Bench::TakingRouter>();
     for (U32 route = 0; route < standing; ++route) router->add(*router->periodic, route);
     return [=](Bench::Stopwatch& watch) {
       watch.start();

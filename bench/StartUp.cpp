@@ -9,13 +9,12 @@
 
 namespace {
 
-using namespace Routing::Pim;
 using Bench::groupOf;
+using Bench::neighborOf;
 using Dova::IpGenAddr;
+using Vel::U32;
 
 constexpr U32 neighbors = 1'000;
-
-IpGenAddr neighborOf(U32 i) { return IpGenAddr::ipv4(0x0a000100u + i); }
 
 struct Hash {
   std::size_t operator()(IpGenAddr const& key) const { return key.order() >> 2; }
@@ -24,24 +23,10 @@ struct Hash {
 bool const registered = [] {
   U32 const routes = Bench::wanted(1'000'000) ? 1'000 : 10;
   Bench::prepared("start-up/a machine/ours", [=]() -> Bench::Run {
-    auto const pim = Vel::create<Status>();
-    auto const status = joinPruneStatusFactory();
-    auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
-    pim->pimIntfIs(eth0);
-    auto const periodic = Vel::create<Packet::JoinPruneStatus>();
-    status->periodicGroupStatusIs(periodic);
-    for (U32 n = 0; n < neighbors; ++n) {
-      pim->pimNeighborIs(neighborOf(n), eth0);
-      auto const data = periodic->upJoinPruneIs(neighborOf(n));
-      for (U32 g = 0; g < routes; ++g)
-        data->joinPruneGroupDataIs(groupOf(g))->joinedSourceIs(IpGenAddr::ipv4(0x0a090001u));
-    }
-    auto const time = std::make_shared<double>(0);
-    auto const wheel = Vel::create<Zanth::TimerWheel>([time] { return *time; });
+    auto const router = std::make_shared<Bench::StartingRouter>(neighbors, routes);
     return [=](Bench::Stopwatch& watch) {
       watch.start();
-      auto const machine =
-          joinPruneMessageSmFactory(status, nullptr, pim, nullptr, nullptr, nullptr, nullptr, nullptr, wheel);
+      auto const machine = router->newMachine();
       watch.stop(1e6);  // in milliseconds
       Bench::keep(machine);
     };
