@@ -604,7 +604,7 @@ void JoinPruneNeighborSm::reconcile() {
   Hold const hold(this);
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Channel>();
   if (!groups || hold.gone()) return;
-  if (Channel::groupData(*this).size() == 0 && !isWatched()) {
+  if (Channel::groupData(*this).size() == 0 && !velWatched()) {
     // At the start there is nothing to compare with, and nobody is called.
     for (Packet::GroupWalk walk(*groups); walk; ++walk) newGroupData<Channel>(&*walk);
     return;
@@ -785,7 +785,7 @@ void JoinPruneNeighborSm::countRoutesAtStart(Packet::JoinPruneData const& period
   Hold const hold(this);
   for (auto i = periodic.joinPruneGroupDataIterator(); i && !hold.gone(); ++i) {
     bool const paceIsSet = !joinPrunePeriodicTimerSm_ || joinPrunePeriodicTimerSm_->velPaceIsSet();
-    if (paceIsSet && !isWatched() && joinPruneIsQuiet()) return;
+    if (paceIsSet && !velWatched() && joinPruneIsQuiet()) return;
     numPeriodicRoutesInc(i->routes());
   }
 }

@@ -443,7 +443,6 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Vel::Ptr<Packet::JoinPruneData> data() const;
   template <class Channel>
   Packet::JoinPruneGroupData const* groupOf(Dova::IpGenAddr const& group) const;
-  bool isWatched() const { return velWatched(); }
   template <class Channel>
   void reconcile();
   template <class Channel>
