@@ -113,6 +113,9 @@ std::optional<Argument> parseArgument(Cursor& cursor, ArgumentKind kind) {
   return {};
 }
 
+// Where a file was cut off.
+constexpr char endOfFile[] = "the end of the file";
+
 std::string escaped(std::string_view text) {
   std::string line;
   for (char const c : text) {
@@ -167,11 +170,15 @@ class TraceReader::Source {
   U64 descriptorCount() const { return load(mapped_->descriptorCount); }
   U64 refusedCallSites() const { return load(mapped_->refusedCallSites); }
 
+  // How many bytes the file lacks at its end.
+  U64 missingBytes() const { return fixed_.fileBytes - fileBytes_; }
+
+  // As much of the area as there is.
   std::vector<U8> read(Format::Area const& area) const {
-    std::vector<U8> bytes(area.bytes);
-    for (U64 done = 0; done < area.bytes;) {
+    std::vector<U8> bytes(std::min(area.bytes, fileBytes_ - std::min(fileBytes_, area.offset)));
+    for (U64 done = 0; done < bytes.size();) {
       ssize_t const got =
-          pread(file_, bytes.data() + done, area.bytes - done, static_cast<off_t>(area.offset + done));
+          pread(file_, bytes.data() + done, bytes.size() - done, static_cast<off_t>(area.offset + done));
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) refuse(errno);
       if (got == 0) refuse("truncated while being read");
@@ -234,21 +241,26 @@ class TraceReader::Source {
     if (fixed_.version != Format::version)
       refuse("version " + std::to_string(fixed_.version) + " is not known here, only " +
              std::to_string(Format::version));
-    if (fixed_.fileBytes != fileBytes_)
+    if (fileBytes_ > fixed_.fileBytes)
       refuse(std::to_string(fileBytes_) + " bytes, but the header says " + std::to_string(fixed_.fileBytes));
     checkArea("descriptors", fixed_.descriptors, 0, Format::maxDescriptorAreaBytes);
     checkArea("messages", fixed_.rings[0], Format::minRingBytes, Format::maxRingBytes);
     checkArea("block timers", fixed_.rings[1], Format::minRingBytes, Format::maxRingBytes);
+    // A file that was cut off is read as far as it goes, so its header has to be right about the rest.
+    U64 const end = fixed_.rings[1].offset + fixed_.rings[1].bytes;
+    if (fixed_.fileBytes != end)
+      refuse("the header says " + std::to_string(fixed_.fileBytes) + " bytes, but the last area ends at " +
+             std::to_string(end));
     if (countsPerSecond() == 0) refuse("the header gives no rate of the cycle counter");
   }
 
   void checkArea(char const* name, Format::Area const& area, U64 least, U64 most) const {
-    bool const within = area.offset >= Format::headerBytes && area.offset <= fileBytes_ &&
-                        area.bytes <= fileBytes_ - area.offset;
+    bool const within = area.offset >= Format::headerBytes && area.offset <= fixed_.fileBytes &&
+                        area.bytes <= fixed_.fileBytes - area.offset;
     if (within && area.bytes >= least && area.bytes <= most && area.offset % 8 == 0 && area.bytes % 8 == 0)
       return;
     refuse("the area of " + std::string(name) + " has " + std::to_string(area.bytes) + " bytes at " +
-           std::to_string(area.offset) + " in a file of " + std::to_string(fileBytes_));
+           std::to_string(area.offset) + " in a file of " + std::to_string(fixed_.fileBytes));
   }
 
   void release() {
@@ -273,12 +285,14 @@ TraceReader::TraceReader(std::string const& path) {
   Source::RingCopy const messages = source.readRing(EventKind::message);
   Source::RingCopy const timers = source.readRing(EventKind::blockTimer);
   U64 const descriptorCount = source.descriptorCount();
-  readDescriptors(source.read(source.header().descriptors), descriptorCount);
+  Format::FileHeader const& header = source.header();
+  readDescriptors(header.descriptors, source.read(header.descriptors), descriptorCount);
+  missingBytes_ = source.missingBytes();
   refusedCallSites_ = source.refusedCallSites();
   lost_[Format::ringIndex(EventKind::message)] = messages.state.overwritten;
   lost_[Format::ringIndex(EventKind::blockTimer)] = timers.state.overwritten;
-  readRing(messages.bytes, messages.state.tail, messages.state.head, EventKind::message);
-  readRing(timers.bytes, timers.state.tail, timers.state.head, EventKind::blockTimer);
+  readRing(header.rings[0], messages.bytes, messages.state, EventKind::message);
+  readRing(header.rings[1], timers.bytes, timers.state, EventKind::blockTimer);
   sortByTime();
 }
 
@@ -294,48 +308,62 @@ void TraceReader::sortByTime() {
 
 U64 TraceReader::lost(EventKind kind) const { return lost_[Format::ringIndex(kind)]; }
 
-void TraceReader::readDescriptors(std::vector<U8> const& area, U64 count) {
-  std::span<U8 const> left = area;
+void TraceReader::readDescriptors(Format::Area const& area, std::vector<U8> const& bytesThere, U64 count) {
+  std::span<U8 const> left = bytesThere;
   for (U64 id = 1; id <= count; ++id) {
+    U64 const at = area.offset + bytesThere.size() - left.size();
     U32 bytes = 0;
     if (left.size() >= sizeof(Format::DescriptorHeader)) std::memcpy(&bytes, left.data(), sizeof bytes);
+    if (bytesThere.size() < area.bytes &&
+        std::max<U64>(bytes, sizeof(Format::DescriptorHeader)) > left.size()) {
+      damages_.push_back({at, endOfFile});
+      return;
+    }
     if (bytes < sizeof(Format::DescriptorHeader) || bytes % 8 != 0 || bytes > left.size()) {
-      ++damaged_;
+      damages_.push_back({at, "the size of a descriptor"});
       return;
     }
     std::optional<Descriptor> descriptor = parseDescriptor(left.first(bytes));
     if (descriptor && descriptor->id == id)
       descriptors_.push_back(*std::move(descriptor));
     else
-      ++damaged_;
+      damages_.push_back({at, "a descriptor"});
     left = left.subspan(bytes);
   }
 }
 
-void TraceReader::readRing(std::vector<U8> const& ring, U64 tail, U64 head, EventKind kind) {
-  while (tail != head) {
-    U64 const place = tail % ring.size();
-    U32 start[2];
-    std::memcpy(start, ring.data() + place, sizeof start);
+void TraceReader::readRing(Format::Area const& area, std::vector<U8> const& ring,
+                           Format::RingState const& state, EventKind kind) {
+  for (U64 at = state.tail; at != state.head;) {
+    U64 const place = at % area.bytes;
+    U32 start[2] = {};
+    if (place + sizeof start <= ring.size()) std::memcpy(start, ring.data() + place, sizeof start);
     auto const [bytes, id] = start;
     bool const filler = id == Format::fillerId;
-    if (bytes < (filler ? 8 : sizeof(Format::RecordHeader)) || bytes % 8 != 0 ||
-        bytes > ring.size() - place || bytes > head - tail) {
-      ++damaged_;
+    if (place + std::max<U64>(bytes, sizeof start) > ring.size() && ring.size() < area.bytes) {
+      damages_.push_back({area.offset + std::min<U64>(place, ring.size()), endOfFile});
+      // What came after it begins where the ring begins.
+      at += area.bytes - place;
+      if (at > state.head) return;
+      continue;
+    }
+    if (bytes < (filler ? 8 : sizeof(Format::RecordHeader)) || bytes % 8 != 0 || bytes > area.bytes - place ||
+        bytes > state.head - at) {
+      damages_.push_back({area.offset + place, "the size of a record"});
       return;
     }
-    if (!filler) readRecord(ring.data() + place, bytes, kind);
-    tail += bytes;
+    if (!filler) readRecord(area.offset + place, ring.data() + place, bytes, kind);
+    at += bytes;
   }
 }
 
-void TraceReader::readRecord(U8 const* record, U32 bytes, EventKind kind) {
+void TraceReader::readRecord(U64 offset, U8 const* record, U32 bytes, EventKind kind) {
   Cursor cursor({record, bytes});
   auto const header = cursor.value<Format::RecordHeader>();
   auto const descriptor = std::lower_bound(descriptors_.begin(), descriptors_.end(), header.id,
                                            [](Descriptor const& d, U32 id) { return d.id < id; });
   if (descriptor == descriptors_.end() || descriptor->id != header.id || descriptor->kind != kind) {
-    ++damaged_;
+    damages_.push_back({offset, "a record of an unknown call site"});
     return;
   }
   double const countsPerSecond = static_cast<double>(countsPerSecond_);
@@ -357,14 +385,14 @@ void TraceReader::readRecord(U8 const* record, U32 bytes, EventKind kind) {
     }
     std::optional<Argument> argument = parseArgument(cursor, std::get<ArgumentKind>(piece));
     if (!argument) {
-      ++damaged_;
+      damages_.push_back({offset, "a record"});
       return;
     }
     if (kind == EventKind::message) event.text += toText(*argument);
     event.arguments.push_back(*std::move(argument));
   }
   if (!cursor.doneBut8()) {
-    ++damaged_;
+    damages_.push_back({offset, "a record"});
     return;
   }
   if (kind == EventKind::blockTimer) {

@@ -22,6 +22,11 @@
 
 namespace Scrivo {
 
+namespace Format {
+struct Area;
+struct RingState;
+}  // namespace Format
+
 /// An argument of a message, with the alternatives in the order of ArgumentKind.
 using Argument = std::variant<Dova::IpGenAddr, std::string, std::int64_t>;
 
@@ -70,11 +75,18 @@ VEL_API std::string toText(Event const& event);
 /// The line of an event.
 VEL_API std::ostream& operator<<(std::ostream& os, Event const& event);
 
+/// Something in the file that could not be read.
+struct Damage {
+  U64 offset;        // in the file, in bytes
+  char const* what;  // "a record"
+};
+
 /// Reads whatever the bytes are: nothing in the file is believed before it was checked.
 class VEL_API TraceReader {
  public:
-  /// Reads the file. Throws Vel::RangeException "<path>: <reason>" if it is not a trace file, is shorter than
-  /// it says, or its header contradicts itself. Damage further inside is skipped and counted.
+  /// Reads the file. Throws Vel::RangeException "<path>: <reason>" if it is not a trace file, is longer than
+  /// it says, or its header contradicts itself. Damage further inside is passed over and listed. Of a file that
+  /// was cut off, what is whole is read.
   explicit TraceReader(std::string const& path);
 
   /// The whole records of both rings by time; equal times in the order of recording, messages first.
@@ -94,9 +106,13 @@ class VEL_API TraceReader {
   /// How many call sites write nothing because the file has no room for their descriptors.
   U64 refusedCallSites() const { return refusedCallSites_; }
 
-  /// How many descriptors and records were damaged. Where the size of one is, the rest of its area cannot be
-  /// found any more, and all of that counts as one. 0 in a file that only Scrivo wrote to.
-  U64 damaged() const { return damaged_; }
+  /// The descriptors and records that were damaged, area by area. Where the size of one is, the rest of its
+  /// area cannot be found any more, and all of that counts as one. None in a file that only Scrivo wrote to.
+  std::vector<Damage> const& damages() const { return damages_; }
+  U64 damaged() const { return damages_.size(); }
+
+  /// By how much the file is shorter than it says. 0 unless it was cut off.
+  U64 missingBytes() const { return missingBytes_; }
 
   /// The rate of the cycle counter.
   U64 countsPerSecond() const { return countsPerSecond_; }
@@ -106,9 +122,11 @@ class VEL_API TraceReader {
  private:
   class Source;
 
-  void readDescriptors(std::vector<U8> const& area, U64 count);
-  void readRing(std::vector<U8> const& ring, U64 tail, U64 head, EventKind kind);
-  void readRecord(U8 const* record, U32 bytes, EventKind kind);
+  // Of each area there may be less than it should have. The offset of a record is that in the file.
+  void readDescriptors(Format::Area const& area, std::vector<U8> const& bytesThere, U64 count);
+  void readRing(Format::Area const& area, std::vector<U8> const& ring, Format::RingState const& state,
+                EventKind kind);
+  void readRecord(U64 offset, U8 const* record, U32 bytes, EventKind kind);
   void sortByTime();
 
   // Fixed by the header.
@@ -120,7 +138,8 @@ class VEL_API TraceReader {
   std::vector<Event> events_;
   U64 lost_[2] = {};
   U64 refusedCallSites_ = 0;
-  U64 damaged_ = 0;
+  U64 missingBytes_ = 0;
+  std::vector<Damage> damages_;
 };
 
 }  // namespace Scrivo
