@@ -11,6 +11,7 @@
 #include <tuple>
 
 #include "agent/Conversion.h"
+#include "agent/RingMessages.h"
 
 namespace Routing::Pim::Agent {
 
@@ -66,6 +67,11 @@ std::string counted(std::size_t count, std::string_view what) {
 }
 
 bool isHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
+
+// "remove join (10.9.0.1,239.1.1.1)" for one that goes, the entry alone for one that comes.
+std::string changeText(Change change, RouteEntry const& entry) {
+  return (change == Change::remove ? "remove " : "") + toText(entry);
+}
 
 std::vector<RouteEntry> entriesOf(WireMessage const& message) {
   std::vector<RouteEntry> entries;
@@ -205,6 +211,37 @@ class Simulation::RecordWatch final : public JoinPruneMessageInfo::NotifieeConst
   bool const join_;
 };
 
+void Simulation::nowIs(Seconds now) {
+  if (now == now_) return;
+  now_ = now;
+  RingMessages::clock(now);
+}
+
+// A machine's timers go with it.
+void Simulation::ringGone(IpGenAddr const& target) const {
+  auto const& timers = targets_.at(target).timers;
+  for (std::size_t i = 0; i < timers.size(); ++i)
+    if (timers[i] != Vel::never) ringTimer(TimerEvent::disarmed, target, static_cast<Channel>(i), Vel::never);
+}
+
+void Simulation::ringTimer(TimerEvent event, IpGenAddr const& target, Channel channel, Seconds due) const {
+  if (Scrivo::TraceFile::current() == nullptr) return;
+  auto const known = targets_.find(target);
+  std::string const intf = known == targets_.end() ? "" : known->second.intf;
+  RingMessages::ofChannel(channel, [&]<Channel one>() {
+    switch (event) {
+      case TimerEvent::armed:
+        return RingMessages::timer<TimerEvent::armed, one>(target, intf, secondsText(due));
+      case TimerEvent::moved:
+        return RingMessages::timer<TimerEvent::moved, one>(target, intf, secondsText(due));
+      case TimerEvent::disarmed:
+        return RingMessages::timer<TimerEvent::disarmed, one>(target, intf, {});
+      case TimerEvent::fired:
+        return RingMessages::timer<TimerEvent::fired, one>(target, intf, secondsText(due));
+    }
+  });
+}
+
 void Simulation::line(std::string_view text) { out_ << secondsText(now_) << ' ' << text << '\n'; }
 
 void Simulation::machineChanged(IpGenAddr const& address) {
@@ -213,14 +250,17 @@ void Simulation::machineChanged(IpGenAddr const& address) {
   auto const known = targets_.find(address);
   if (known != targets_.end() && !sm) {
     // The object's address may be another one's soon.
+    ringGone(address);
     names_.erase(pointerText(known->second.machine));
     names_.erase(pointerText(known->second.periodicTimerSm));
     targets_.erase(known);
     line(fmt::format("machine {} gone", toText(address)));
   } else if (sm && (known == targets_.end() || known->second.machine != sm.get())) {
     auto const periodic = sm->joinPrunePeriodicTimerSm();
-    targets_[address] = {sm.get(), periodic.get(), {Vel::never, Vel::never, Vel::never}};
-    line(fmt::format("machine {} made on {}, for the {}", toText(address), sm->intf()->intfId().name(),
+    auto const intf = sm->intf()->intfId().name();
+    if (known != targets_.end()) ringGone(address);
+    targets_[address] = {sm.get(), periodic.get(), intf, {Vel::never, Vel::never, Vel::never}};
+    line(fmt::format("machine {} made on {}, for the {}", toText(address), intf,
                      sm->neighbor() ? "neighbor" : "interface"));
   }
 }
@@ -245,6 +285,7 @@ void Simulation::send(OutgoingPacket const& packet) {
   } else {
     auto const& wire = std::get<WireMessage>(decoded);
     auto const entries = entriesOf(wire);
+    ringSent(packet, entries);
     if (!brief_) {
       for (auto const& entry : entries) line(fmt::format("  {}", toText(entry)));
     } else if (!entries.empty()) {
@@ -254,7 +295,20 @@ void Simulation::send(OutgoingPacket const& packet) {
     }
   }
   if (alsoTo_) alsoTo_->send(packet);
-  now_ += cost_;
+  nowIs(now_ + cost_);
+}
+
+void Simulation::ringSent(OutgoingPacket const& packet, std::vector<RouteEntry> const& entries) const {
+  if (Scrivo::TraceFile::current() == nullptr) return;
+  auto const data = manager_->txMessageInfo()->joinPruneMessage()->joinPruneData();
+  auto const channel = std::find(channelNames.begin(), channelNames.end(), channelOf(*data));
+  if (channel == channelNames.end()) return;
+  auto const joins = static_cast<std::size_t>(
+      std::count_if(entries.begin(), entries.end(), [](RouteEntry const& entry) { return entry.join; }));
+  RingMessages::ofChannel(static_cast<Channel>(channel - channelNames.begin()), [&]<Channel one>() {
+    RingMessages::sent<one>(packet.message.upstreamNeighbor(), packet.intf.name(), joins,
+                            entries.size() - joins, packet.bytes.size());
+  });
 }
 
 std::string_view Simulation::channelOf(Packet::JoinPruneData const& data) const {
@@ -332,7 +386,7 @@ void Simulation::sendTempered(IO::MessageInfo const& record) {
                    intf.name(), toText(data->upstreamNeighbor()), channel, holdTime, pending.size(),
                    counted(report.sources, "source"), report.suppressedSources, report.filteredSources));
   for (auto const& entry : taken) line(fmt::format("  {}", toText(entry)));
-  now_ += temper.cost;
+  nowIs(now_ + temper.cost);
   message->reportIs(weary ? report : temper.report.value_or(report));
   moment(Moment::last);
   throws(Moment::last);
@@ -395,6 +449,10 @@ void Simulation::tellTimers() {
     for (std::size_t i = 0; i < timers.size(); ++i) {
       Seconds const was = std::exchange(known->second.timers[i], timers[i]);
       if (was == timers[i]) continue;
+      ringTimer(timers[i] == Vel::never ? TimerEvent::disarmed
+                : was == Vel::never     ? TimerEvent::armed
+                                        : TimerEvent::moved,
+                address, static_cast<Channel>(i), timers[i]);
       auto const change = timers[i] == Vel::never ? "disarmed"
                           : was == Vel::never
                               ? "armed for " + secondsText(timers[i])
@@ -428,6 +486,7 @@ void Simulation::tellFiring(IpGenAddr const& address, Channel channel) {
   auto const fired = due_.extract({address, channel});
   if (!fired) return;
   Seconds const time = fired.mapped();
+  ringTimer(TimerEvent::fired, address, channel, time);
   line(fmt::format("timer {} {} fires{}", toText(fired.key().first), text(channel),
                    time < now_ - hair ? ", due " + secondsText(time) : ""));
 }
@@ -452,6 +511,7 @@ Simulation::Simulation(std::ostream& out, PacketSink* alsoTo)
       joinWatch_(Vel::create<RecordWatch>(*this, true)),
       pruneWatch_(Vel::create<RecordWatch>(*this, false)) {
   srand48(0);
+  RingMessages::clock(now_);
   Vel::traceSinkIs([this](Vel::TraceLine const& trace) { traced(trace); });
   status_->periodicGroupStatusIs(Vel::create<Packet::JoinPruneStatus>());
   joinWatch_->notifierIs(rxJoin_);
@@ -639,6 +699,12 @@ void Simulation::on(DataCommand const& command) {
     }
   }
   if (!data) refuse("{} is no upstream target", target);
+  if (Scrivo::TraceFile::current() != nullptr && !command.entries.empty()) {
+    RingMessages::ofChannel(command.channel, [&]<Channel one>() {
+      RingMessages::changed<one>(command.target, changeText(command.change, command.entries.front()),
+                                 command.entries.size());
+    });
+  }
   // Where there is a machine, emptied groups are its own to remove.
   auto const retireGroup = [&](Packet::JoinPruneGroupData const& group) {
     if (group.empty() && !(machine_ && machine_->joinPruneNeighborSm(command.target)))
@@ -691,6 +757,7 @@ void Simulation::on(DataCommand const& command) {
 
 void Simulation::on(ReceiveCommand const& command) {
   auto const intf = knownIntf(command.intf);
+  RingMessages::received(command.intf, entriesOf(command.message).size());
   for (auto const& message : modelMessages(command.message)) {
     channel_->joinPruneMessageIs(message);
     channel_->intfIdIs(intf->intfId());
@@ -704,15 +771,15 @@ void Simulation::on(WaitCommand const& command) {
   U32 atOnce = 0;
   while (wheel_->timeMin() <= end + hair) {
     Seconds const before = now_;
-    now_ = std::max(now_, wheel_->timeMin());
+    nowIs(std::max(now_, wheel_->timeMin()));
     expire();
     atOnce = now_ > before ? 0 : atOnce + 1;
     if (atOnce > mostExpiriesAtOnce) refuse("timers fire for ever at {}", secondsText(now_));
   }
-  now_ = std::max(now_, end);
+  nowIs(std::max(now_, end));
 }
 
-void Simulation::on(BusyCommand const& command) { now_ += command.time; }
+void Simulation::on(BusyCommand const& command) { nowIs(now_ + command.time); }
 
 void Simulation::on(KeepCommand const& command) {
   if (!command.target) {
@@ -782,6 +849,7 @@ void Simulation::on(StartCommand const&) {
 void Simulation::on(DropCommand const&) {
   if (!machine_) refuse("there is no machine");
   machine_ = nullptr;
+  for (auto const& [address, target] : targets_) ringGone(address);
   targets_.clear();
 }
 
@@ -841,7 +909,10 @@ void Simulation::on(TraceCommand const& command) {
 
 void Simulation::on(PacketsCommand const& command) { brief_ = command.brief; }
 
-void Simulation::on(SayCommand const& command) { line("-- " + command.text); }
+void Simulation::on(SayCommand const& command) {
+  RingMessages::remark(command.text);
+  line("-- " + command.text);
+}
 
 void simulate(Conversation const& conversation, Simulation& simulation) {
   for (auto const& step : conversation.steps()) {

@@ -29,6 +29,8 @@
 
 namespace Routing::Pim::Agent {
 
+enum class TimerEvent : U8;
+
 /// REQUIRES: one simulation at a time in a process, since traces and the random generator are the process's.
 class Simulation {
  public:
@@ -56,6 +58,7 @@ class Simulation {
   struct Target {
     void const* machine;
     void const* periodicTimerSm;
+    std::string intf;
     std::array<Seconds, channelNames.size()> timers;
   };
 
@@ -91,6 +94,10 @@ class Simulation {
   void machineChanged(IpGenAddr const& address);
   void recorded(JoinPruneMessageInfo const& record, bool join);
 
+  void nowIs(Seconds now);
+  void ringGone(IpGenAddr const& target) const;
+  void ringTimer(TimerEvent event, IpGenAddr const& target, Channel channel, Seconds due) const;
+  void ringSent(OutgoingPacket const& packet, std::vector<RouteEntry> const& entries) const;
   void line(std::string_view text);
   void expire();
   void tellFiring(IpGenAddr const& address, Channel channel);

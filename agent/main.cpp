@@ -13,6 +13,7 @@
 #include "agent/Replay.h"
 #include "agent/Sample.h"
 #include "agent/Simulation.h"
+#include "agent/TraceExport.h"
 #include "runtime/scrivo/TraceFile.h"
 #include "runtime/scrivo/TraceReader.h"
 #include "runtime/vel/Trace.h"
@@ -38,6 +39,12 @@ constexpr char moreAboutReplay[] =
     "for the "
     "group, and the (*,G) and (S,G,rpt) entries of a group that --deny names.\n"
     "Exit status: 0 all fine, 1 something refused, 2 the file or the call is wrong.";
+
+constexpr char moreAboutTrace[] =
+    "FILE may be open in another process, or be what a killed one left. What is damaged is passed over, and "
+    "of "
+    "a file that was cut off, what is whole is printed.\n"
+    "Exit status: 0 all fine, 1 something was passed over, 2 the file or the call is wrong.";
 
 constexpr char moreAboutSimulate[] =
     "FILE begins with a comment (#) that tells the story; commands follow, and under a rule (----) "
@@ -151,12 +158,32 @@ int simulateFile(std::string const& file, SimulateOptions const& options) {
   }
 }
 
-int printTrace(std::string const& file) {
+enum class TraceForm { text, json, chrome };
+
+int printTrace(std::string const& file, TraceForm form) {
   Scrivo::TraceReader const reader(file);
-  for (auto const& event : reader.events()) std::cout << event << '\n';
-  if (reader.damaged() == 0) return allFine;
-  std::cout.flush();
-  std::cerr << fmt::format("jpagent: {}: {} damaged parts were passed over\n", file, reader.damaged());
+  switch (form) {
+    case TraceForm::text:
+      exportText(reader, std::cout);
+      break;
+    case TraceForm::json:
+      exportJson(reader, std::cout);
+      break;
+    case TraceForm::chrome:
+      exportChrome(reader, std::cout);
+      break;
+  }
+  if (!std::cout.flush()) return allFine;  // main() says so.
+  auto const first = reader.damages().empty()
+                         ? std::string()
+                         : fmt::format("{} damaged part{} passed over, the first at byte {}: {}",
+                                       reader.damaged(), reader.damaged() == 1 ? " was" : "s were",
+                                       reader.damages()[0].offset, reader.damages()[0].what);
+  if (reader.missingBytes() != 0)
+    return cannot(fmt::format("{}: cut off, the last {} bytes are missing{}{}", file, reader.missingBytes(),
+                              first.empty() ? "" : "; ", first));
+  if (first.empty()) return allFine;
+  std::cerr << fmt::format("jpagent: {}: {}\n", file, first);
   return somethingRefused;
 }
 
@@ -197,7 +224,15 @@ int run(int argc, char** argv) {
       ->add_option("--scrivo", options.scrivoFile, "Write the engine's ring trace file; see jpagent trace")
       ->type_name("FILE");
 
-  auto* const traceCommand = app.add_subcommand("trace", "Prints a ring trace file as lines of text");
+  bool traceJson = false, traceChrome = false;
+  auto* const traceCommand =
+      app.add_subcommand("trace", "Prints a ring trace file, as lines of text or for other programs");
+  traceCommand->footer(moreAboutTrace);
+  auto* const asJson = traceCommand->add_flag("--json", traceJson, "One JSON object a line, for each event");
+  traceCommand
+      ->add_flag("--chrome", traceChrome,
+                 "Trace events for Perfetto, chrome://tracing and docs/trace-viewer.html")
+      ->excludes(asJson);
   traceCommand->add_option("FILE", file, "What --scrivo or another process wrote")->required()->type_name("");
 
   auto* const sampleCommand = app.add_subcommand(
@@ -234,7 +269,9 @@ int run(int argc, char** argv) {
     auto const what = extras.empty() ? e.what() : fmt::format("\"{}\" is no command", extras.front());
     return cannot(fmt::format("{} (see jpagent --help)", what));
   }
-  if (*traceCommand) return printTrace(file);
+  if (*traceCommand) {
+    return printTrace(file, traceJson ? TraceForm::json : traceChrome ? TraceForm::chrome : TraceForm::text);
+  }
   if (*sampleCommand) {
     writeSample(file);
     return allFine;
