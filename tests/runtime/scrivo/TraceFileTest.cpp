@@ -330,6 +330,39 @@ TEST_F(TraceFileTest, IsReadableWhileItIsWrittenAndAfterAKillAtAnyMoment) {
   }
 }
 
+TEST_F(TraceFileTest, KeepsWhatWasWrittenThroughManyKillsAtRandomMoments) {
+  unsigned const seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  int wrapped = 0;
+  for (int round = 0; round < 60; ++round) {
+    TraceOptions options = smallest;
+    options.messageBytes = 8192 + 8 * (random() % 4000);
+    options.timerBytes = 8192 + 8 * (random() % 4000);
+    std::filesystem::remove(path());
+    Child child([&] { writeForEver(path(), options); });
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!std::filesystem::exists(path()) && std::chrono::steady_clock::now() < deadline) usleep(20);
+    usleep(static_cast<useconds_t>(random() % 4000));
+    ASSERT_TRUE(child.killed());
+
+    ASSERT_EQ(std::filesystem::file_size(path()),
+              4096 + options.descriptorBytes + options.messageBytes + options.timerBytes);
+    TraceReader const reader(path());
+    newestOf(reader);
+    U64 kept[2] = {};
+    for (Event const& event : reader.events()) ++kept[Format::ringIndex(event.kind)];
+    // The child wrote both in turn. It may have been killed between them, and between counting the few records
+    // that it was about to overwrite and giving them up.
+    U64 const messages = reader.lost(EventKind::message) + kept[0];
+    U64 const timers = reader.lost(EventKind::blockTimer) + kept[1];
+    EXPECT_LE(messages > timers ? messages - timers : timers - messages, 10u);
+    if (reader.lost(EventKind::message) > 0 && reader.lost(EventKind::blockTimer) > 0) ++wrapped;
+    if (HasFailure()) return;
+  }
+  EXPECT_GT(wrapped, 10);
+}
+
 TEST_F(TraceFileTest, IsReadableAfterEverySingleInstructionOfItsWriter) {
   // Find a message that starts the ring again; by then every message needs the room of older ones.
   TraceFile::open(path("rehearsal"), smallest);
