@@ -140,7 +140,7 @@ class Composer {
   // These say whether the message goes on. If it does not, resume_ is set.
 
   // From a place in the table on.
-  bool addGroups(U32 place) {
+  bool addGroups(Data::GroupTable::Place place) {
     Data::GroupTable const& groups = data_->velGroups();
     Packet::GroupWalk walk(*data_, place);
     while (walk) {
@@ -160,9 +160,7 @@ class Composer {
     return true;
   }
 
-  U32 behind(IpGenAddr const& group) const {
-    return data_->velGroups().after(Data::velOrderOf(group), group);
-  }
+  Data::GroupTable::Place behind(IpGenAddr const& group) const { return data_->velGroups().after(group); }
 
   // The bulk of a refresh: a group of (S,G) joins that all go, where nobody has a say in it. Nothing is called, so
   // nothing needs to be held. What is in any way special is left to addGroup().

@@ -799,17 +799,18 @@ void JoinPruneNeighborSm::countRoutes() {
   auto const& groups = periodic->velGroups();
   auto const& reactors = periodicGroupData_.table();
   // Both are in one order, so they are walked side by side.
-  U32 reactor = reactors.first();
-  for (U32 place = groups.first(); place != groups.end(); place = groups.next(place)) {
-    GroupData const& group = *groups.at(place).element();
+  auto reactor = reactors.first();
+  for (auto place = groups.first(); place.position != groups.end(); place = groups.next(place)) {
+    GroupData const& group = *groups.at(place.position);
     sum += group.routes();
-    U32 const mark = groups.at(place).mark();
-    auto const isBefore = [&](auto const& slot) {
-      return slot.mark() < mark || (slot.mark() == mark && slot.key() < group.group());
+    U32 const mark = groups.markAt(place.position);
+    auto const isBefore = [&](U32 at) {
+      U32 const other = reactors.markAt(at);
+      return other < mark || (other == mark && reactors.keyAt(at) < group.group());
     };
-    while (reactor != reactors.end() && isBefore(reactors.at(reactor))) reactor = reactors.next(reactor);
-    if (reactor == reactors.end()) continue;
-    VelPeriodicGroupData* const candidate = reactors.at(reactor).element();
+    while (reactor.position != reactors.end() && isBefore(reactor.position)) reactor = reactors.next(reactor);
+    if (reactor.position == reactors.end()) continue;
+    VelPeriodicGroupData* const candidate = reactors.at(reactor.position);
     if (candidate->velKey() == group.group()) candidate->wcSourceSetIs(group.wcSourceData() != nullptr);
   }
   numPeriodicRoutesIs(sum);

@@ -154,6 +154,7 @@ class HashTable {
   /// What stands at a position of the walk.
   Stored const& at(U32 position) const { return stored()[position]; }
   void atIs(U32 position, Stored value) { stored()[position] = std::move(value); }
+  U32 markAt(U32 position) const { return marks_[position]; }
   decltype(auto) keyAt(U32 position) const { return Slot::key(marks_[position], stored()[position]); }
 
   /// The position behind the last. REQUIRES an unchanged table, as all positions do.

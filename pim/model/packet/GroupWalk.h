@@ -1,8 +1,6 @@
 // A walk over very many groups.
 #pragma once
 
-#include <algorithm>
-
 #include "pim/model/packet/JoinPruneData.h"
 
 namespace Routing::Pim::Packet {
@@ -18,12 +16,15 @@ namespace Routing::Pim::Packet {
 class GroupWalk {
  public:
   /// From a place in the table on.
-  GroupWalk(JoinPruneData const& data, U32 place) : groups_(&data.velGroups()), place_(place) { arrive(); }
+  GroupWalk(JoinPruneData const& data, JoinPruneData::GroupTable::Place place)
+      : groups_(&data.velGroups()), place_(place) {
+    arrive();
+  }
   explicit GroupWalk(JoinPruneData const& data) : GroupWalk(data, data.velGroups().first()) {}
 
-  explicit operator bool() const { return place_ != groups_->end(); }
-  JoinPruneGroupData& operator*() const { return *groups_->at(place_).element(); }
-  JoinPruneGroupData* operator->() const { return groups_->at(place_).element(); }
+  explicit operator bool() const { return place_.position != groups_->end(); }
+  JoinPruneGroupData& operator*() const { return *groups_->at(place_.position); }
+  JoinPruneGroupData* operator->() const { return groups_->at(place_.position); }
 
   GroupWalk& operator++() {
     place_ = groups_->next(place_);
@@ -35,20 +36,19 @@ class GroupWalk {
   static constexpr U32 together = 32;
 
   void arrive() {
-    if (place_ >= fetched_) fetch();
+    if (place_.position >= fetched_) fetch();
   }
 
   void fetch() {
-    fetched_ = place_ + together;
-    U32 const last = std::min(fetched_, groups_->end());
-    for (U32 place = place_; place < last; ++place)
-      if (auto const* const group = groups_->at(place).element()) read(group->references());
+    fetched_ = place_.position + together;
+    for (U32 i = 0; i < together; ++i)
+      if (auto const* const group = groups_->ahead(place_.position, i)) read((*group)->references());
     // The pages are at hand now, so the rest can be asked for.
-    for (U32 place = place_; place < last; ++place) {
-      JoinPruneGroupData const* const group = groups_->at(place).element();
+    for (U32 i = 0; i < together; ++i) {
+      auto const* const group = groups_->ahead(place_.position, i);
       if (!group) continue;
-      Vel::Prefetch::object(group);
-      group->velPrefetch();
+      Vel::Prefetch::object(*group);
+      (*group)->velPrefetch();
     }
   }
 
@@ -56,7 +56,7 @@ class GroupWalk {
   static void read(U32 number) { asm volatile("" : : "r"(number)); }
 
   JoinPruneData::GroupTable const* groups_;
-  U32 place_;
+  JoinPruneData::GroupTable::Place place_;
   U32 fetched_ = 0;
 };
 

@@ -46,10 +46,6 @@ class VEL_API JoinPruneData final : public Vel::Entity {
   /// The groups' own table, for a walk that calls nothing; see GroupWalk.h.
   using GroupTable = Vel::EntityMap<Dova::IpGenAddr, JoinPruneGroupData>::Table;
   GroupTable const& velGroups() const { return joinPruneGroupData_.table(); }
-  /// Where a group belongs in that table.
-  static U32 velOrderOf(Dova::IpGenAddr const& group) {
-    return Vel::EntitySlot<Dova::IpGenAddr, JoinPruneGroupData>::orderOf(group);
-  }
   /// A group, or null; not held.
   JoinPruneGroupData* velGroup(Dova::IpGenAddr const& group) const { return joinPruneGroupData_.find(group); }
 
