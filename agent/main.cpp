@@ -190,6 +190,7 @@ int printTrace(std::string const& file, TraceForm form) {
 int run(int argc, char** argv) {
   CLI::App app(about, "jpagent");
   app.require_subcommand(1);
+  app.set_version_flag("--version", "jpagent " JPAGENT_VERSION, "Print the version and exit");
   std::string file;
   bool json = false;
   ReplayOptions options;
