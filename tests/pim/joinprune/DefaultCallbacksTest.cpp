@@ -132,8 +132,19 @@ TEST_F(DefaultCallbacksTest, OfTheModel) {
   EXPECT_THAT(onIntf->take(), ElementsAre(number(Intf::usedAddressWithMaskId)));
   channel->countInc(1);
   EXPECT_THAT(onChannel->take(), ElementsAre(number(IO::MessageInfo::countId)));
+  using Record = JoinPruneMessageInfo;
+  rxJoin->riKeyIs(RouteIntfKey(addr("10.9.0.1"), addr("239.1.1.1"), {}));
+  rxJoin->upstreamNeighborIs(addr("10.0.0.1"));
+  rxJoin->sourceFlagsIs(Packet::sgFlags);
+  rxJoin->holdTimeIs(17);
+  rxJoin->wcSourceIs(addr("10.0.0.9"));
   rxJoin->rxCountInc(1);
-  EXPECT_THAT(onRecord->take(), ElementsAre(number(JoinPruneMessageInfo::rxCountId)));
+  EXPECT_THAT(onRecord->take(), ElementsAre(number(Record::riKeyId), number(Record::upstreamNeighborId),
+                                            number(Record::sourceFlagsId), number(Record::holdTimeId),
+                                            number(Record::wcSourceId), number(Record::rxCountId)));
+  auto const onManager = listenerOn<IO::PamManager>(manager);
+  manager->txMessageInfoDel();
+  EXPECT_THAT(onManager->take(), ElementsAre(number(IO::PamManager::txMessageInfoId)));
   message->joinPruneDataIs(data);
   message->reportIs({1, 2, 3});
   EXPECT_THAT(onMessage->take(), ElementsAre(number(Packet::JoinPruneMessage::joinPruneDataId),

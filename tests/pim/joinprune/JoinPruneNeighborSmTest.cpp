@@ -733,5 +733,28 @@ TEST_F(JoinPruneNeighborSmTest, WhatIsPendingIsTriedAgainIfItsExpiryFails) {
   }
 }
 
+TEST_F(JoinPruneNeighborSmTest, ThePeriodicMachineIsMadeOnce) {
+  make();
+  class Counter final : public JoinPruneNeighborSm::NotifieeConst {
+   public:
+    void onJoinPrunePeriodicTimerSm() override { ++count; }
+    int count = 0;
+  };
+  auto const counter = Vel::create<Counter>();
+  counter->notifierIs(neighborSm);
+  auto const present = neighborSm->joinPrunePeriodicTimerSm();
+  auto const again = [&] {
+    return neighborSm->joinPrunePeriodicTimerSmIs(wheel, neighborSm.get(), 0.5, p, eth0, manager, message);
+  };
+  EXPECT_TRUE(again() == present);
+  EXPECT_EQ(counter->count, 0);
+  neighborSm->joinPrunePeriodicTimerSmDel();
+  auto const made = again();
+  EXPECT_FALSE(made == present);
+  EXPECT_TRUE(neighborSm->joinPrunePeriodicTimerSm() == made);
+  EXPECT_EQ(made->loopQuantum(), 0.5);
+  EXPECT_EQ(counter->count, 2);
+}
+
 }  // namespace
 }  // namespace Routing::Pim

@@ -73,6 +73,15 @@ class PeriodicTimerSmTest : public testing::Test {
   Vel::Ptr<Refresher> sm = Vel::create<Refresher>(wheel, log);
 };
 
+TEST_F(PeriodicTimerSmTest, ItsParametersCanBeReadByNameAndInitializationIsUpToWhoDerives) {
+  sm->handleInitialized();
+  EXPECT_THAT(log, IsEmpty());
+  EXPECT_EQ(sm->attribute("periodicParams"), "Interval: 0, Routes/Interval: 0");
+  routesAre(7);
+  EXPECT_EQ(sm->attribute("periodicParams"), "Interval: 60, Routes/Interval: 7");
+  EXPECT_THROW(sm->attributeIs("periodicParams", "1"), Vel::RangeException);
+}
+
 TEST_F(PeriodicTimerSmTest, AnIdleMachineHasATimerThatIsNotArmed) {
   ASSERT_TRUE(sm->periodicTimer());
   EXPECT_EQ(armedFor(), Vel::never);
