@@ -286,6 +286,78 @@ TEST_F(JoinPruneMessageSmTest, ATargetWhoseSetsAreReplacedWhileItIsMadeIsMadeOnT
   EXPECT_TRUE(sm("10.0.0.2")->overrideGroup()->notifier() == override_("10.0.0.2"));
 }
 
+// Acts once, when the first set of a target is made.
+class OnFirstSet final : public JoinPruneStatus::NotifieeConst {
+ public:
+  OnFirstSet(Vel::Ptr<JoinPruneStatus> const& on, Dova::IpGenAddr const& target) : target_(target) {
+    notifierIs(on);
+  }
+  void onTriggeredGroup(Dova::IpGenAddr address) override {
+    if (address == target_ && notifier()->triggeredGroup(address) && act) std::exchange(act, nullptr)();
+  }
+  std::function<void()> act;
+
+ private:
+  Dova::IpGenAddr const target_;
+};
+
+TEST_F(JoinPruneMessageSmTest, AnInterfaceTakesItsAddressFromANeighborThatCameUpWhileItsSetsWereMade) {
+  auto const eth0 = intf("eth0");
+  start();
+  auto const meanwhile = Vel::create<OnFirstSet>(status, addr("10.0.0.1"));
+  bool neighborHadIt = false;
+  meanwhile->act = [&] {
+    neighbor("10.0.0.1", eth0);
+    neighborHadIt = sm("10.0.0.1") && sm("10.0.0.1")->neighbor();
+  };
+  eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.1/24"));
+  EXPECT_TRUE(neighborHadIt);
+  ASSERT_TRUE(sm("10.0.0.1"));
+  EXPECT_FALSE(sm("10.0.0.1")->neighbor());
+  EXPECT_TRUE(sm("10.0.0.1")->triggeredGroup()->notifier() == triggered("10.0.0.1"));
+}
+
+TEST_F(JoinPruneMessageSmTest, AnInterfaceThatGetsItsAddressTwiceWhileItsSetsAreMadeHasOneMachine) {
+  auto const eth0 = intf("eth0");
+  start();
+  auto const meanwhile = Vel::create<OnFirstSet>(status, addr("10.0.0.1"));
+  Vel::Ptr<JoinPruneNeighborSm> inner;
+  meanwhile->act = [&] {
+    eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.9/24"));
+    eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.1/24"));
+    inner = sm("10.0.0.1");
+  };
+  eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.1/24"));
+  ASSERT_TRUE(inner);
+  EXPECT_TRUE(sm("10.0.0.1") == inner);
+  EXPECT_FALSE(sm("10.0.0.9"));
+  EXPECT_EQ(sets("10.0.0.1"), "top");
+  EXPECT_TRUE(inner->triggeredGroup()->notifier() == triggered("10.0.0.1"));
+}
+
+TEST_F(JoinPruneMessageSmTest, AnInterfaceThatGoesWhileItDisplacesANeighborGetsNoMachine) {
+  auto const eth0 = intf("eth0");
+  start();
+  auto const meanwhile = Vel::create<OnFirstSet>(status, addr("10.0.0.1"));
+  class Witness final : public JoinPruneMessageSm::NotifieeConst {
+   public:
+    void onJoinPruneNeighborSm(Dova::IpGenAddr address) override {
+      if (!notifier()->joinPruneNeighborSm(address)) call();
+    }
+    std::function<void()> call;
+  };
+  auto const witness = Vel::create<Witness>();
+  witness->call = [&] {
+    pim->pimNeighborDel(addr("10.0.0.1"));
+    pim->pimIntfDel(Dova::IntfId("eth0"));
+  };
+  witness->notifierIs(machine);
+  meanwhile->act = [&] { neighbor("10.0.0.1", eth0); };
+  eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.1/24"));
+  EXPECT_FALSE(sm("10.0.0.1"));
+  EXPECT_EQ(machine->pimIntfCount(), 0u);
+}
+
 TEST_F(JoinPruneMessageSmTest, ASecondAnnouncementAfterTheGroupsAreGoneDeletesAKeptMachine) {
   auto const eth0 = intf("eth0", "10.0.0.1/24");
   neighbor("10.0.0.2", eth0);

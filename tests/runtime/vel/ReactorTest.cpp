@@ -544,6 +544,22 @@ TEST_F(ReactorTest, AnUnregisteredReactorThatDoesNotHoldItsNotifierIsNotLeftWith
   EXPECT_EQ(Lamp::alive, 0);
 }
 
+TEST_F(ReactorTest, AnUnregisteredReactorCanHoldItsNotifierAgain) {
+  auto const a = recorder("a");
+  a->isRegisteredNotifieeIs(false);
+  a->isNondestructingIs(true);
+  EXPECT_EQ(lamp->references(), 1u);
+  a->isNondestructingIs(false);
+  EXPECT_EQ(lamp->references(), 2u);
+  EXPECT_FALSE(a->isRegisteredNotifiee());
+  EXPECT_EQ(a->auditErrors(), 0u);
+  lamp->brightnessIs(7);
+  EXPECT_THAT(log, IsEmpty());
+  lamp = nullptr;
+  EXPECT_EQ(Lamp::alive, 1);
+  EXPECT_EQ(a->notifier()->brightness(), 7u);
+}
+
 // --- Writable reactors
 
 class Dimmer final : public Lamp::Notifiee {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <functional>
 #include <memory>
@@ -49,6 +50,18 @@ class TimerWheelTest : public testing::Test {
   Vel::Ptr<TimerWheel> wheel = Vel::create<TimerWheel>([this] { return time; });
   std::vector<int> fired;
 };
+
+TEST_F(TimerWheelTest, WithoutAClockOfItsOwnAWheelGoesByTheMonotonicOne) {
+  using Clock = std::chrono::steady_clock;
+  auto const seconds = [] { return std::chrono::duration<Seconds>(Clock::now().time_since_epoch()).count(); };
+  wheel = Vel::create<TimerWheel>();
+  Seconds const before = seconds(), now = wheel->now(), after = seconds();
+  EXPECT_LE(before, now);
+  EXPECT_LE(now, after);
+  auto const due = timer(1, before), later = timer(2, after + 3600);
+  wheel->expire();
+  EXPECT_THAT(fired, ElementsAre(1));
+}
 
 TEST_F(TimerWheelTest, ATimerIsCalledAtItsTimeAndNotBefore) {
   auto const one = timer(1, 160);
