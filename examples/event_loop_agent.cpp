@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "pim/joinprune/JoinPruneMessageSm.h"
+#include "runtime/scrivo/TraceFile.h"
 
 using namespace Routing::Pim;
 using Dova::IpGenAddr;
@@ -264,8 +265,9 @@ void turn(Zanth::TimerWheel& wheel, std::array<Router*, count> const& routers) {
 }
 // [loop]
 
-int main() {
+int main(int argc, char** argv) {
   seed();
+  if (argc > 1) Scrivo::TraceFile::open(argv[1]);  // what the engine does, for `jpagent trace`
   int sockets[2];
   if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0, sockets) != 0)
     throw std::system_error(errno, std::generic_category(), "socketpair");

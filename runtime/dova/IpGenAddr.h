@@ -50,6 +50,7 @@ class Ip6Addr {
     return Vel::order128(high, low);
   }
 
+  /// The same bytes.
   friend bool operator==(Ip6Addr const& a, Ip6Addr const& b) {
     return std::memcmp(a.words_, b.words_, sizeof a.words_) == 0;
   }

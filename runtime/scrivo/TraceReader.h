@@ -77,8 +77,10 @@ VEL_API std::ostream& operator<<(std::ostream& os, Event const& event);
 
 /// Something in the file that could not be read.
 struct Damage {
-  U64 offset;        // in the file, in bytes
-  char const* what;  // "a record"
+  /// Where it begins in the file, in bytes.
+  U64 offset;
+  /// Such as "a record"; lives for ever.
+  char const* what;
 };
 
 /// Reads whatever the bytes are: nothing in the file is believed before it was checked.
@@ -109,6 +111,7 @@ class VEL_API TraceReader {
   /// The descriptors and records that were damaged, area by area. Where the size of one is, the rest of its
   /// area cannot be found any more, and all of that counts as one. None in a file that only Scrivo wrote to.
   std::vector<Damage> const& damages() const { return damages_; }
+  /// How many of them there are.
   U64 damaged() const { return damages_.size(); }
 
   /// By how much the file is shorter than it says. 0 unless it was cut off.

@@ -205,6 +205,7 @@ class HashSet {
   using Key = K;
   /// How the table holds a key.
   using Slot = typename SlotOf<Key>::Type;
+  /// The table behind it.
   using Table = HashTable<Slot>;
 
   class Cursor {

@@ -20,12 +20,17 @@ class GroupWalk {
       : groups_(&data.velGroups()), place_(place) {
     arrive();
   }
+  /// From the first group on.
   explicit GroupWalk(JoinPruneData const& data) : GroupWalk(data, data.velGroups().first()) {}
 
+  /// False when the walk is over.
   explicit operator bool() const { return place_.position != groups_->end(); }
+  /// The group, not held. REQUIRES: true.
   JoinPruneGroupData& operator*() const { return *groups_->at(place_.position); }
+  /// The same.
   JoinPruneGroupData* operator->() const { return groups_->at(place_.position); }
 
+  /// On to the next group. REQUIRES: the groups are what they were.
   GroupWalk& operator++() {
     place_ = groups_->next(place_);
     arrive();

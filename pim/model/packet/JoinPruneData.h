@@ -45,6 +45,7 @@ class VEL_API JoinPruneData final : public Vel::Entity {
  public:
   /// The groups' own table, for a walk that calls nothing; see GroupWalk.h.
   using GroupTable = Vel::EntityMap<Dova::IpGenAddr, JoinPruneGroupData>::Table;
+  /// That table, as long as this object lives.
   GroupTable const& velGroups() const { return joinPruneGroupData_.table(); }
   /// A group, or null; not held.
   JoinPruneGroupData* velGroup(Dova::IpGenAddr const& group) const { return joinPruneGroupData_.find(group); }
