@@ -95,9 +95,7 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   void doUpdatePeriodicTimer();
 
   /// True if a change of the route count would do no more than move the parameters, and nobody hears of that.
-  bool velPaceIsSet() const {
-    return (!periodicTimer_ || periodicTimer_->armed()) && !velWatched();
-  }
+  bool velPaceIsSet() const { return (!periodicTimer_ || periodicTimer_->armed()) && !velWatched(); }
 
   /// Goes on with the slice 0.1 s from now.
   void doReschedulePeriodicTimer();
