@@ -444,7 +444,8 @@ void Library::perform(Operation const& o) {
       if (auto const m = machine()) held.push_back(m);
       return;
     case Do::release:
-      held.clear();
+      // As in a program: a machine that goes may call whoever lets go once more.
+      std::exchange(held, {});
       return;
     case Do::temper:
       manager.temperIs(o);

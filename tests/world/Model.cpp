@@ -957,7 +957,7 @@ void Model::perform(Operation const& o) {
       if (auto const m = machine()) held.push_back(m);
       return;
     case Do::release:
-      held.clear();
+      std::exchange(held, {});
       return;
     case Do::temper:
       manager.temperIs(o);

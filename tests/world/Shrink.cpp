@@ -1,11 +1,9 @@
 #include "tests/world/Shrink.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <iostream>
 
+#include "tests/AnotherProcess.h"
 #include "tests/world/World.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -23,32 +21,13 @@ namespace Routing::Pim::Worlds {
 
 std::string apart(std::function<std::string()> const& work, U32 seconds) {
   std::cout << std::flush;
-  int ends[2];
-  if (pipe(ends) != 0) return "there is no pipe\n";
-  pid_t const child = fork();
-  if (child < 0) return "there is no process\n";
-  if (child == 0) {
-    close(ends[0]);
+  auto [result, status] = inACopy([&](int end) {
     alarm(seconds);
-    std::string const result = work();
-    for (std::size_t at = 0; at < result.size();) {
-      auto const written = write(ends[1], result.data() + at, result.size() - at);
-      if (written <= 0) _exit(2);
-      at += static_cast<std::size_t>(written);
-    }
+    say(end, work());
 #ifdef WORLD_LOOKS_FOR_LEAKS
     if (__lsan_do_recoverable_leak_check() != 0) _exit(3);
 #endif
-    _exit(0);
-  }
-  close(ends[1]);
-  std::string result;
-  char part[4096];
-  for (ssize_t count; (count = read(ends[0], part, sizeof part)) > 0;)
-    result.append(part, static_cast<std::size_t>(count));
-  close(ends[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
+  });
   if (WIFSIGNALED(status)) result += "it died of signal " + std::to_string(WTERMSIG(status)) + "\n";
   if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
     result += "it ended with status " + std::to_string(WEXITSTATUS(status)) + "\n";

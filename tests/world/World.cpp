@@ -1,12 +1,11 @@
 #include "tests/world/World.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <csignal>
 #include <iterator>
 #include <sstream>
+
+#include "tests/AnotherProcess.h"
 
 namespace Routing::Pim::Worlds {
 
@@ -202,32 +201,15 @@ void World::repeat(Operation const& operation) {
 // The library must stop the process with this assertion, and everything up to then must be the same. A copy of the
 // process finds out.
 std::string World::stopDiffers(Operation const& operation, std::string const& expression) {
-  int ends[2];
-  if (pipe(ends) != 0) return "there is no pipe\n";
-  pid_t const child = fork();
-  if (child < 0) return "there is no process\n";
-  if (child == 0) {
-    close(ends[0]);
-    dup2(ends[1], STDERR_FILENO);
-    auto const tell = [&ends](std::string const& line) {
-      if (write(ends[1], line.data(), line.size()) < 0) _exit(2);
-    };
-    library_.listener = [&tell](Event const& event) {
-      tell(std::string(1, static_cast<char>('a' + event.level)) + event.text + '\n');
+  auto const [told, status] = inACopy([&](int end) {
+    dup2(end, STDERR_FILENO);
+    library_.listener = [end](Event const& event) {
+      say(end, std::string(1, static_cast<char>('a' + event.level)) + event.text + '\n');
     };
     // Only what the library itself has registered is to act at the end.
     std::signal(SIGABRT, SIG_DFL);
     library_.perform(operation);
-    _exit(0);
-  }
-  close(ends[1]);
-  std::string told;
-  char part[4096];
-  for (ssize_t count; (count = read(ends[0], part, sizeof part)) > 0;)
-    told.append(part, static_cast<std::size_t>(count));
-  close(ends[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
+  });
   if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGABRT) {
     return "expected the process to stop by \"" + expression + "\", and it ended with status " +
            std::to_string(status) + " after\n" + told;
