@@ -99,18 +99,11 @@ std::optional<Descriptor> parseDescriptor(std::span<U8 const> bytes) {
 }
 
 std::optional<Argument> parseArgument(Cursor& cursor, ArgumentKind kind) {
-  switch (kind) {
-    case ArgumentKind::address: {
-      std::span<U8 const> const bytes = cursor.bytes(cursor.value<U8>());
-      if (!bytes.empty() && bytes.size() != 4 && bytes.size() != 16) return {};
-      return Dova::IpGenAddr::fromBytes(bytes);
-    }
-    case ArgumentKind::string:
-      return cursor.text<U8>();
-    case ArgumentKind::integer:
-      return cursor.value<std::int64_t>();
-  }
-  return {};
+  if (kind == ArgumentKind::string) return cursor.text<U8>();
+  if (kind == ArgumentKind::integer) return cursor.value<std::int64_t>();
+  std::span<U8 const> const bytes = cursor.bytes(cursor.value<U8>());
+  if (!bytes.empty() && bytes.size() != 4 && bytes.size() != 16) return {};
+  return Dova::IpGenAddr::fromBytes(bytes);
 }
 
 // Where a file was cut off.
