@@ -9,6 +9,7 @@
 #include <optional>
 #include <ostream>
 #include <set>
+#include <tuple>
 
 #include "agent/RingMessages.h"
 
@@ -184,8 +185,8 @@ class ChromeWriter {
       if (event.kind == EventKind::blockTimer)
         slices.push_back({timeline_.at(event.counter - event.elapsed), timeline_.at(event.counter), &event});
     }
-    std::stable_sort(slices.rbegin(), slices.rend(), [](Slice const& a, Slice const& b) {
-      return a.begin > b.begin || (a.begin == b.begin && a.end < b.end);
+    std::sort(slices.begin(), slices.end(), [](Slice const& a, Slice const& b) {
+      return std::tie(a.begin, b.end, a.event) < std::tie(b.begin, a.end, b.event);
     });
     for (auto const& slice : slices) putSlice(slice);
     for (auto const& event : reader_.events())
