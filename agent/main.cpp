@@ -43,7 +43,7 @@ constexpr char moreAboutReplay[] =
 constexpr char moreAboutTrace[] =
     "FILE may be open in another process, or be what a killed one left. What is damaged is passed over, and "
     "of "
-    "a file that was cut off, what is whole is printed.\n"
+    "a file that was cut off, what is whole is printed, with status 2.\n"
     "Exit status: 0 all fine, 1 something was passed over, 2 the file or the call is wrong.";
 
 constexpr char moreAboutSimulate[] =

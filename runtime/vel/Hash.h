@@ -14,7 +14,7 @@ namespace Vel {
 /// fixed, so that walks repeat from run to run; an agent that faces strangers seeds from `getrandom(2)`.
 VEL_API void hashSeedIs(U64 seed);
 
-/// The seed in use.
+/// What tells one seed from another, for a log; it is not the number that was given to `hashSeedIs`.
 VEL_API U64 hashSeed();
 
 namespace Detail {
@@ -33,7 +33,7 @@ inline U64 foldedMultiply(U64 a, U64 b) {
 /// Collections keep 30 bits of a hash, so that a slot has room for two bits of its own.
 inline constexpr U32 hashMask = 0x3fffffff;
 
-/// The bits of a hash in reverse: collections are walked in ascending order of this. A hash of 30 bits leaves
+/// The bits of a hash in reverse: hashed collections are walked in ascending order of this. A hash of 30 bits leaves
 /// the two lowest bits of the result zero.
 constexpr U32 bitReverse(U32 v) {
   v = ((v >> 1) & 0x55555555u) | ((v & 0x55555555u) << 1);
