@@ -55,12 +55,12 @@ constexpr char moreAboutSimulate[] =
 
 // Runs a parser of option texts, whose complaint becomes the option's.
 template <class Parse>
-std::function<void(std::string const&)> checked(char const* option, Parse parse) {
-  return [option, parse](std::string const& text) {
+std::function<void(std::string const&)> checked(Parse parse) {
+  return [parse](std::string const& text) {
     try {
       parse(text);
     } catch (OptionError const& e) {
-      throw CLI::ValidationError(option, e.what());
+      throw CLI::ValidationError(e.what());  // CLI11 puts the option before it
     }
   };
 }
@@ -207,20 +207,18 @@ int run(int argc, char** argv) {
                    "none has: the one in the message. Repeatable")
       ->type_name("GROUP/LEN=ADDRESS")
       ->allow_extra_args(false)
-      ->each(checked("--rp", [&options](std::string const& text) { options.rps.add(text); }));
+      ->each(checked([&options](std::string const& text) { options.rps.add(text); }));
   replayCommand->add_option("--deny", denied, "Groups that the filter denies. Repeatable")
       ->type_name("GROUP/LEN")
       ->allow_extra_args(false)
-      ->each(checked("--deny", [&options](std::string const& text) {
-        options.denied.push_back(groupPrefixFromText(text));
-      }));
+      ->each(checked(
+          [&options](std::string const& text) { options.denied.push_back(groupPrefixFromText(text)); }));
   std::string levels;
   replayCommand
       ->add_option("--trace", levels, "Levels of the engine's trace lines, to standard error: 1,2,7 or 1-8")
       ->type_name("LEVELS")
-      ->each(checked("--trace", [&options](std::string const& text) {
-        options.traceLevels = traceLevelsFromText(text);
-      }));
+      ->each(
+          checked([&options](std::string const& text) { options.traceLevels = traceLevelsFromText(text); }));
   replayCommand
       ->add_option("--scrivo", options.scrivoFile, "Write the engine's ring trace file; see jpagent trace")
       ->type_name("FILE");
@@ -232,7 +230,7 @@ int run(int argc, char** argv) {
   auto* const asJson = traceCommand->add_flag("--json", traceJson, "One JSON object a line, for each event");
   traceCommand
       ->add_flag("--chrome", traceChrome,
-                 "Trace events for Perfetto, chrome://tracing and docs/trace-viewer.html")
+                 "Trace events for Perfetto, chrome://tracing and the trace-viewer.html that comes along")
       ->excludes(asJson);
   traceCommand->add_option("FILE", file, "What --scrivo or another process wrote")->required()->type_name("");
 

@@ -22,8 +22,9 @@ int main() {
   auto const machine =
       joinPruneMessageSmFactory(status, joinPruneFilterFactory(), pim, Vel::create<RpHashComputeStatus>(),
                                 rxJoin, rxPrune, channel, manager, wheel);
-  auto const eth0 = pim->pimIntfIs(Dova::IntfId("eth0"));
+  auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
   eth0->usedAddressWithMaskIs(Dova::IpGenPrefix(Dova::IpGenAddr("10.0.0.1"), 24));
+  pim->pimIntfIs(eth0);
   pim->pimNeighborIs(Dova::IpGenAddr("10.0.0.2"), eth0);
 
   auto const printer = Vel::create<Printer>();

@@ -28,8 +28,9 @@ int main(int argc, char** argv) {
       joinPruneMessageSmFactory(status, joinPruneFilterFactory(), pim, Vel::create<RpHashComputeStatus>(),
                                 joinPruneMessageInfoFactory(), joinPruneMessageInfoFactory(),
                                 Vel::create<IO::MessageInfo>(), manager, wheel);
-  auto const eth0 = pim->pimIntfIs(Dova::IntfId("eth0"));
+  auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
   eth0->usedAddressWithMaskIs(Dova::IpGenPrefix(Dova::IpGenAddr("10.0.0.1"), 24));
+  pim->pimIntfIs(eth0);
   Dova::IpGenAddr const neighbor("10.0.0.2");
   pim->pimNeighborIs(neighbor, eth0);
 
