@@ -730,6 +730,21 @@ TEST_F(JoinPruneMessageSmTest, AMachineThatIsReplacedInItsOwnCallbackLeavesTheDa
   }
 }
 
+TEST_F(JoinPruneMessageSmTest, AMachineWhoseSuccessorHasGoneRemovesDataSetsAgain) {
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  neighbor("10.0.0.2", eth0);
+  neighbor("10.0.0.3", eth0);
+  auto const first = start();
+  start();
+  pim->pimNeighborDel(
+      addr("10.0.0.2"));  // the first machine leaves the sets to the second, which removes them
+  EXPECT_EQ(sets("10.0.0.2"), "-");
+  machine = nullptr;
+  EXPECT_EQ(sets("10.0.0.3"), "top");
+  pim->pimNeighborDel(addr("10.0.0.3"));
+  EXPECT_EQ(sets("10.0.0.3"), "-");
+}
+
 TEST_F(JoinPruneMessageSmTest, WhoRemovesADataSetForEverGetsNoMachine) {
   class Remover final : public JoinPruneStatus::NotifieeConst {
    public:

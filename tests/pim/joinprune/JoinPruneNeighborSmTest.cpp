@@ -1,5 +1,8 @@
 #include <cmath>
+#include <cstdio>
 
+#include "runtime/scrivo/TraceFile.h"
+#include "runtime/scrivo/TraceReader.h"
 #include "tests/pim/joinprune/World.h"
 
 namespace Routing::Pim {
@@ -123,6 +126,30 @@ TEST_F(JoinPruneNeighborSmTest, TheStartUpCountIsNotValidatedWhileItIsPartial) {
   EXPECT_EQ(neighborSm->numPeriodicRoutes(), 2u);
   EXPECT_THAT(log.takeWith("[8] " + form()),
               ElementsAre(line(8, "validateNumPeriodicRoutes(1)"), line(8, "validateNumPeriodicRoutes(2)")));
+}
+
+TEST_F(JoinPruneNeighborSmTest, TheStartUpCountIsToldStepByStepToWhoeverHearsOnlyOneOfItsLevelsOrTheRing) {
+  auto const fill = [&] {
+    p = Vel::create<Packet::JoinPruneData>(addr(N));
+    for (char const* const g : {"239.1.1.1", "239.1.1.2", "239.1.1.3"}) group(p, g)->joinedSourceIs(addr(S));
+  };
+  log.levels({8});
+  fill();
+  make();
+  EXPECT_THAT(log.takeWith("validate"),
+              ElementsAre(line(8, "validateNumPeriodicRoutes(1)"), line(8, "validateNumPeriodicRoutes(2)"),
+                          line(8, "validateNumPeriodicRoutes(3)")));
+  log.levels({});
+  fill();
+  auto const file = testing::TempDir() + "/start-up-count.trace";
+  Scrivo::TraceFile::open(file);
+  make();
+  Scrivo::TraceFile::close();
+  int steps = 0;
+  for (auto const& event : Scrivo::TraceReader(file).events())
+    steps += event.text.find("::validateNumPeriodicRoutes()") != event.text.npos;
+  EXPECT_EQ(steps, 3);
+  std::remove(file.c_str());
 }
 
 // Whoever is called during the start-up may change what is being counted.

@@ -94,6 +94,16 @@ TEST_F(TraceFileTest, KeepsOnlyWholeRecordsOfWhichTheNewestIsLastWhenItWrapsArou
   }
 }
 
+TEST_F(TraceFileTest, FillsTheEndOfARingWithoutTouchingWhatLiesBehindIt) {
+  TraceFile::open(path(), smallest);
+  { SCRIVO_BLOCK_TIMER("T", "the first of the ring behind"); }
+  for (int i = 0; i < 1000; ++i) SCRIVO_MESSAGE("T", "n ", i);  // 24 bytes: eight are left at the end
+  TraceReader const reader(path());
+  EXPECT_EQ(reader.damaged(), 0u);
+  EXPECT_EQ(reader.lost(EventKind::message), 1000u - 8192 / 24);
+  EXPECT_THAT(timers(), testing::SizeIs(1));
+}
+
 TEST_F(TraceFileTest, HoldsWhatAQueueOfRecordsWouldHold) {
   for (unsigned seed = 1; seed <= 20; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
