@@ -161,11 +161,10 @@ struct AddressSlot {
   using Key = IpGenAddr;
   using Stored = Ip6Addr;
 
-  static U32 mark(Key const& key) { return key.order() | (static_cast<U32>(key.af_) + 1); }
+  static U32 tag(Key const& key) { return static_cast<U32>(key.af_); }
+  static U32 mark(Key const& key) { return key.order() | tag(key); }
   static Stored const& stored(Key const& key) { return key.ip6_; }
-  static Key key(U32 mark, Stored const& stored) {
-    return Key(stored, static_cast<AddressFamily>((mark & 3) - 1));
-  }
+  static Key key(U32 mark, Stored const& stored) { return Key(stored, static_cast<AddressFamily>(mark & 3)); }
   static bool holds(Stored const& stored, Key const& key) { return stored == key.ip6_; }
 };
 

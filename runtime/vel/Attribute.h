@@ -213,13 +213,15 @@
   void foo##Is(Key const&, ::Vel::Ptr<Element> const&) const { ::Vel::throwConstInstance(); }
 
 /// A collection of entities that are constructed from their key: the above, and fooIs(key), which finds or
-/// creates (newFoo(key), then the notification).
+/// creates (as newFoo(key) does, then the notification).
 #define VEL_ENTITIES(Key, Element, foo, Foo)                                         \
   VEL_ENTITIES_DEL(Key, Element, foo, Foo)                                           \
   /** The element of `foo` under a key; made, and told, if it is missing. */         \
   ::Vel::Ptr<Element> foo##Is(Key const& key) {                                      \
-    if (Element* const present = foo##_.find(key)) return present;                   \
-    ::Vel::Ptr<Element> const added = ::Vel::valid(new##Foo(key));                   \
+    auto const where = foo##_.where(key);                                            \
+    if (Element* const present = where.element()) return present;                    \
+    ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                   \
+    foo##_.insert(where, added);                                                     \
     foo##Notify(added->velKey());                                                    \
     return added;                                                                    \
   }                                                                                  \

@@ -45,7 +45,8 @@ struct EntitySlot {
   using Key = K;
   using Stored = Element*;
 
-  static U32 mark(Key const& key) { return orderOf(key) | 1; }
+  static U32 tag(Key const&) { return 0; }
+  static U32 mark(Key const& key) { return orderOf(key); }
   static decltype(auto) key(U32, Element const* element) { return element->velKey(); }
   static bool holds(Element const* element, Key const& key) { return element->velKey() == key; }
 };
@@ -65,16 +66,45 @@ class EntityMap {
       released.at(i.position)->deleteRef();
   }
 
+  /// The element, or null.
   Element* find(Key const& key) const {
     U32 const at = table_.find(key);
     return at != Table::none ? table_.at(at) : nullptr;
   }
+
+  /// Where a key is or belongs, for one search instead of several. It holds as long as the map is unchanged; what is
+  /// done with an older one searches again.
+  class Where {
+   public:
+    /// The element that was found, or null.
+    Element* element() const { return element_; }
+
+   private:
+    friend class EntityMap;
+    Where(Table const& table, Key const& key) : where_(table.where(key)), epoch_(table.epoch()) {
+      if (where_.found) element_ = table.at(where_.at);
+    }
+    typename Table::Where where_;
+    U32 epoch_;
+    Element* element_ = nullptr;
+  };
+  /// Where a key is or belongs.
+  Where where(Key const& key) const { return Where(table_, key); }
 
   /// REQUIRES: the element's key is absent. Throws std::bad_alloc, and then nothing has changed.
   void insert(Ptr<Element> const& element) {
     table_.insert(element->velKey(), element.get());
     element->newRef();
   }
+  /// The same, where the element's key belongs.
+  void insert(Where const& where, Ptr<Element> const& element) {
+    if (where.epoch_ != table_.epoch()) return insert(element);
+    table_.insert(where.where_, element->velKey(), element.get());
+    element->newRef();
+  }
+
+  /// Makes room for so many elements in all. Throws std::bad_alloc, and then nothing has changed.
+  void reserve(U32 count) { table_.reserve(count); }
 
   /// Puts an element where another one with the same key is. REQUIRES: there is one. The displaced element.
   Ptr<Element> replace(Ptr<Element> const& element) {
@@ -90,9 +120,7 @@ class EntityMap {
   Ptr<Element> remove(Key const& key) {
     U32 const at = table_.find(key);
     if (at == Table::none) return nullptr;
-    Ptr<Element> const element(table_.remove(at));
-    element->deleteRef();  // the collection's
-    return element;
+    return Ptr<Element>::owning(table_.remove(at));  // the collection's reference
   }
 
   U32 size() const { return table_.size(); }

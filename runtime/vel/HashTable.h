@@ -10,6 +10,9 @@
 //   - a walk can be resumed behind any key, whether or not it is still there. Iterators rely on it to survive
 //     every change: while the table is unchanged they step, otherwise they search for their successor.
 //
+// Most tables of a router hold one entry: the source of a group. The first entry therefore lies inside the table, needs
+// no memory of its own, and is compared instead of hashed.
+//
 // The price of that order: keys that arrive in it, as when one collection is copied into another, gather at one end
 // of a table that is still small. So positions in a long run are found by doubling steps, a table whose runs become
 // too long grows early, and one is made smaller only if that leaves no long run behind.
@@ -22,6 +25,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -34,9 +38,10 @@ namespace Vel {
 
 /// A table of what `Slot` says. It offers
 ///   using Key; using Stored, which is cheap to move and default-constructs;
-///   static U32 mark(Key const&): the bit-reversed hash, whose two low bits are zero, plus 1, 2 or 3
-///   static key(U32 mark, Stored const&), for keys with one hash in the order of marks
-///   static bool holds(Stored const&, Key const&), where the marks are equal
+///   static U32 tag(Key const&): 0, 1 or 2, what tells keys apart that are stored alike
+///   static U32 mark(Key const&): the bit-reversed hash, whose two low bits are zero, plus the tag
+///   static key(U32 mark, Stored const&), for keys with one hash in the order of marks; looks at the tag alone
+///   static bool holds(Stored const&, Key const&), where the tags are equal
 template <class Slot>
 class HashTable {
  public:
@@ -45,18 +50,21 @@ class HashTable {
 
   static constexpr U32 none = ~U32{0};
 
-  HashTable() = default;
+  HashTable() {}
   HashTable(HashTable const&) = delete;
   HashTable& operator=(HashTable const&) = delete;
-  ~HashTable() { release(marks_, end()); }
+  ~HashTable() {
+    if (!isInside())
+      release(many_.marks, shape());
+    else if (size_ != 0)
+      std::destroy_at(lone());
+  }
 
   void swap(HashTable& other) noexcept {
-    std::swap(marks_, other.marks_);
+    static_assert(isPlain && sizeof(Inside) <= sizeof(Many), "the one inside is copied with the rest");
+    std::swap(many_, other.many_);
     std::swap(size_, other.size_);
     std::swap(epoch_, other.epoch_);
-    std::swap(low_, other.low_);
-    std::swap(buckets_, other.buckets_);
-    std::swap(tail_, other.tail_);
   }
 
   U32 size() const { return size_; }
@@ -66,55 +74,93 @@ class HashTable {
 
   /// The position of a key, or `none`.
   U32 find(Key const& key) const {
-    U32 const mark = Slot::mark(key);
-    for (U32 at = firstNotBefore(mark), last = end(); at < last && marks_[at] == mark; ++at)
-      if (Slot::holds(stored()[at], key)) return at;
-    return none;
+    if (isInside()) return size_ != 0 && isLone(key) ? 0 : none;
+    return found(Slot::mark(key), key);
   }
 
-  /// Inserts a key with what is stored of it; false if it is there already. Throws std::bad_alloc, and then nothing has
-  /// changed.
-  bool insert(Key const& key, Stored value) {
+  /// Where a key is, or belongs, as long as the table does not change.
+  struct Where {
+    U32 at;
+    U32 mark;  // in a table that holds at most one inside itself: the tag alone
+    bool found;
+  };
+  Where where(Key const& key) const {
+    if (isInside()) return {0, Slot::tag(key), size_ != 0 && isLone(key)};
     U32 const mark = Slot::mark(key);
-    U32 at = placeOf(mark, key);
-    if (at < end() && marks_[at] == mark && Slot::holds(stored()[at], key)) return false;
+    U32 const at = placeOf(mark, key);
+    return {at, mark, holds(at, mark, key)};
+  }
+
+  /// Inserts a key with what is stored of it where it belongs. REQUIRES: the table has not changed since it was asked
+  /// where, and the key was not found. Throws std::bad_alloc, and then nothing has changed.
+  void insert(Where where, Key const& key, Stored value) {
+    if (isInside()) {
+      if (size_ == 0) {
+        std::construct_at(lone(), std::move(value));
+        inside_.tag = where.mark;
+        size_ = 1;
+        ++epoch_;
+        return;
+      }
+      where.mark = Slot::mark(key);
+      where.at = grown(larger(), where.mark, key);
+    }
+    U32 const mark = where.mark;
+    U32 at = where.at;
     if (isFull()) at = grown(larger(), mark, key);
     for (;;) {
       U32 const gap = gapAt(at);
-      bool const sparse = size_ <= buckets_ / 8;
-      if (gap == end()) {
-        at = grown(sparse ? Shape{buckets_, 2 * tail_} : larger(), mark, key);
+      bool const sparse = size_ <= many_.buckets / 8;
+      if (gap == many_.places) {
+        at = grown(sparse ? Shape{many_.buckets, 2 * shape().tail} : larger(), mark, key);
       } else if (at - home(mark) > longRun && !sparse) {
         at = grown(larger(), mark, key);
       } else {
         Stored* const all = stored();
         for (U32 to = gap; to > at; --to) moveTo(to, to - 1, all);
-        marks_[at] = mark;
+        many_.marks[at] = compared(mark);
         all[at] = std::move(value);
-        low_ = std::min(low_, at);
+        many_.low = std::min(many_.low, at);
         break;
       }
     }
     ++size_;
     ++epoch_;
-    return true;
+  }
+
+  /// The same in one; false if the key is there already.
+  bool insert(Key const& key, Stored value) {
+    Where const where = this->where(key);
+    if (!where.found) insert(where, key, std::move(value));
+    return !where.found;
   }
 
   /// Removes what is at a position, and hands it over.
   Stored remove(U32 at) {
     Stored* const all = stored();
     Stored removed = std::move(all[at]);
-    U32 const last = end();
-    U32 behind = at + 1;
-    // Those that stand behind their home move up.
-    for (; behind < last && marks_[behind] != 0 && home(marks_[behind]) < behind; ++behind)
-      moveTo(behind - 1, behind, all);
-    marks_[behind - 1] = 0;
-    if constexpr (!isPlain) all[behind - 1] = Stored();
-    --size_;
     ++epoch_;
-    shrink();
+    --size_;
+    if (isInside()) {
+      std::destroy_at(all);
+      return removed;
+    }
+    // Those that stand behind their home move up.
+    U32 behind = at + 1;
+    for (; behind < many_.places && isDisplaced(behind); ++behind) moveTo(behind - 1, behind, all);
+    many_.marks[behind - 1] = unused;
+    if constexpr (!isPlain) all[behind - 1] = Stored();
+    if (size_ <= many_.buckets / 10 && (size_ & (size_ - 1)) == 0) [[unlikely]]
+      shrink();
     return removed;
+  }
+
+  /// Makes room for so many in all, for somebody who knows how many will come. Throws std::bad_alloc, and then nothing has
+  /// changed.
+  void reserve(U32 count) {
+    if (count <= mostInSmall) return;
+    Shape const wanted = shapeOf(std::max(2 * mostInSmall, count + count / 7 + 1));
+    if (wanted.buckets > shape().buckets) rehash(allocated(wanted), wanted);
   }
 
   /// A place in a walk through an unchanged table: a position, and which of those behind it up to the next multiple of
@@ -125,8 +171,9 @@ class HashTable {
   };
 
   Place first() const {
-    Place const place = from(low_);
-    low_ = place.position;
+    if (isInside()) return {size_ != 0 ? 0 : end(), 0};
+    Place const place = from(many_.low);
+    if (place.position != end()) many_.low = place.position;
     return place;
   }
 
@@ -134,7 +181,7 @@ class HashTable {
     U32 base = place.position / near * near;
     while (place.used == 0) {
       base += near;
-      if (base >= end()) return {end(), 0};
+      if (base >= many_.places) return {end(), 0};
       place.used = usedFrom(base);
     }
     place.position = base + static_cast<U32>(__builtin_ctz(place.used));
@@ -145,8 +192,12 @@ class HashTable {
   /// The first place behind a key, which need not be there.
   Place after(Key const& key) const {
     U32 const mark = Slot::mark(key);
+    if (isInside()) {
+      bool const isBehind = size_ != 0 && (mark != markAt(0) ? mark < markAt(0) : key < keyAt(0));
+      return {isBehind ? 0 : end(), 0};
+    }
     U32 at = firstNotBefore(mark);
-    for (U32 const last = end(); at < last && marks_[at] == mark && !(key < keyAt(at)); ++at) {
+    for (; holdsMark(at, mark) && !(key < keyAt(at)); ++at) {
     }
     return from(at);
   }
@@ -154,26 +205,42 @@ class HashTable {
   /// What stands at a position of the walk.
   Stored const& at(U32 position) const { return stored()[position]; }
   void atIs(U32 position, Stored value) { stored()[position] = std::move(value); }
-  U32 markAt(U32 position) const { return marks_[position]; }
-  decltype(auto) keyAt(U32 position) const { return Slot::key(marks_[position], stored()[position]); }
+  U32 markAt(U32 position) const {
+    return isInside() ? Slot::mark(keyAt(position)) : compared(many_.marks[position]);
+  }
+  decltype(auto) keyAt(U32 position) const {
+    return Slot::key(isInside() ? inside_.tag : compared(many_.marks[position]), stored()[position]);
+  }
 
-  /// The position behind the last. REQUIRES an unchanged table, as all positions do.
-  U32 end() const { return buckets_ + tail_; }
+  /// The position of a walk that is over.
+  static constexpr U32 end() { return none; }
 
   /// What is stored so many places behind a position; null where nothing is.
   Stored const* ahead(U32 position, U32 places) const {
     U32 const at = position + places;
-    return at < end() && marks_[at] != 0 ? stored() + at : nullptr;
+    return at < many_.places && many_.marks[at] != unused ? stored() + at : nullptr;
   }
 
   /// Asks for the memory in which a walk begins.
-  void prefetch() const { __builtin_prefetch(marks_); }
+  void prefetch() const {
+    if (!isInside()) __builtin_prefetch(many_.marks);
+  }
 
  private:
+  // A mark as it is compared: signed, for which processors have an instruction. Tag 3 is no key's, so the largest number
+  // is nobody's mark: places that are not used come behind all that are.
+  using Compared = std::int32_t;
+  static constexpr U32 sign = 0x80000000;
+  static constexpr Compared unused = 0x7fffffff;
+  static Compared compared(U32 mark) { return static_cast<Compared>(mark ^ sign); }
+  static U32 compared(Compared mark) { return static_cast<U32>(mark) ^ sign; }
+
   // Buckets are homes; the tail is for what stands behind the last of them. A small table is nothing but tail.
   struct Shape {
     U32 buckets, tail;
-    U32 end() const { return buckets + tail; }
+    U32 places() const { return buckets + tail; }
+    // A search looks at `near` of them wherever it begins.
+    U32 marks() const { return buckets == 0 ? tail : places() + near; }
   };
   static constexpr U32 mostInSmall = 8;
   static constexpr U32 near = mostInSmall;  // places that a search looks at together
@@ -187,109 +254,121 @@ class HashTable {
 
   static Shape shapeOf(U32 buckets) { return {buckets, std::min(longTail, mostInSmall + buckets / 8)}; }
 
-  // In smaller steps once memory counts; moving everything over is a walk in order and costs little.
-  Shape larger() const {
-    constexpr U32 many = 1 << 17;
-    if (buckets_ == 0 && tail_ < mostInSmall) return {0, tail_ == 0 ? 1 : 2 * tail_};
-    if (buckets_ == 0) return shapeOf(2 * mostInSmall);
-    return shapeOf(buckets_ < many ? 2 * buckets_ : buckets_ + buckets_ / 2);
+  Shape shape() const {
+    return isInside() ? Shape{0, 0} : Shape{many_.buckets, many_.places - many_.buckets};
   }
 
-  bool isFull() const { return buckets_ == 0 ? size_ == tail_ : size_ >= buckets_ - buckets_ / 8; }
+  // Doubling is what inserting costs least with. Where the marks weigh as much as what is stored, it goes in smaller steps
+  // once memory counts; moving everything over is a walk in order.
+  Shape larger() const {
+    constexpr U32 many = sizeof(Stored) <= 8 ? 1u << 17 : 1u << 30;
+    auto const [buckets, tail] = shape();
+    if (buckets == 0 && tail < mostInSmall) return {0, tail == 0 ? 2 : 2 * tail};
+    if (buckets == 0) return shapeOf(2 * mostInSmall);
+    return shapeOf(buckets < many ? 2 * buckets : buckets + buckets / 2);
+  }
+
+  bool isFull() const {
+    return many_.buckets == 0 ? size_ == many_.places : size_ >= many_.buckets - many_.buckets / 8;
+  }
 
   // One piece of memory: the marks, and behind them what is stored.
-  static std::size_t marksSize(U32 places) {
-    return (places * sizeof(U32) + alignof(Stored) - 1) / alignof(Stored) * alignof(Stored);
+  static std::size_t marksSize(Shape shape) {
+    return (shape.marks() * sizeof(Compared) + alignof(Stored) - 1) / alignof(Stored) * alignof(Stored);
   }
-  static Stored* storedBehind(U32* marks, U32 places) {
-    return reinterpret_cast<Stored*>(reinterpret_cast<char*>(marks) + marksSize(places));
+  static std::size_t bytes(Shape shape) { return marksSize(shape) + shape.places() * sizeof(Stored); }
+  static Stored* storedBehind(Compared* marks, Shape shape) {
+    return reinterpret_cast<Stored*>(reinterpret_cast<char*>(marks) + marksSize(shape));
   }
-  Stored* stored() const { return storedBehind(marks_, end()); }
+  Stored* stored() const { return isInside() ? lone() : storedBehind(many_.marks, shape()); }
 
-  static U32* allocated(U32 places) {
-    return prepared(::operator new(marksSize(places) + places * sizeof(Stored)), places);
-  }
-  static U32* prepared(void* memory, U32 places) {
-    U32* const marks = static_cast<U32*>(memory);
-    std::memset(marks, 0, places * sizeof(U32));
-    if constexpr (!isPlain) std::uninitialized_value_construct_n(storedBehind(marks, places), places);
+  static Compared* allocated(Shape shape) { return prepared(::operator new(bytes(shape)), shape); }
+  static Compared* prepared(void* memory, Shape shape) {
+    Compared* const marks = static_cast<Compared*>(memory);
+    std::fill_n(marks, shape.marks(), unused);
+    if constexpr (!isPlain) std::uninitialized_value_construct_n(storedBehind(marks, shape), shape.places());
     return marks;
   }
-  static void release(U32* marks, U32 places) {
-    if constexpr (!isPlain) std::destroy_n(storedBehind(marks, places), places);
+  static void release(Compared* marks, Shape shape) {
+    if constexpr (!isPlain) std::destroy_n(storedBehind(marks, shape), shape.places());
     ::operator delete(marks);
   }
 
   void moveTo(U32 to, U32 at, Stored* all) {
-    marks_[to] = marks_[at];
+    many_.marks[to] = many_.marks[at];
     all[to] = std::move(all[at]);
   }
 
   static U32 homeOf(U32 mark, U32 buckets) { return static_cast<U32>(U64{mark} * buckets >> 32); }
-  U32 home(U32 mark) const { return homeOf(mark, buckets_); }
+  U32 home(U32 mark) const { return homeOf(mark, many_.buckets); }
 
-  // Whether a place is used and comes before a mark: an unused one, 0, becomes the largest number.
-  bool isBefore(U32 at, U32 mark) const { return marks_[at] - 1 < mark - 1; }
+  // Whether a place is used, by one whose home is before it.
+  bool isDisplaced(U32 at) const { return many_.marks[at] != unused && home(compared(many_.marks[at])) < at; }
 
-  using Lanes [[gnu::vector_size(16)]] = U32;
+  using Lanes [[gnu::vector_size(16)]] = Compared;
   void load(U32 at, Lanes& a, Lanes& b) const {
-    static_assert(near * sizeof(U32) == 2 * sizeof(Lanes));
-    std::memcpy(&a, marks_ + at, sizeof a);
-    std::memcpy(&b, marks_ + at + near / 2, sizeof b);
+    static_assert(near * sizeof(Compared) == 2 * sizeof(Lanes));
+    std::memcpy(&a, many_.marks + at, sizeof a);
+    std::memcpy(&b, many_.marks + at + near / 2, sizeof b);
   }
+
+  // A bit for each of `near` results of a comparison.
+  static U32 bits(Lanes a, Lanes b) {
+#ifdef __SSE2__
+    __extension__ using Floats [[gnu::vector_size(16)]] = float;
+    return static_cast<U32>(__builtin_ia32_movmskps(reinterpret_cast<Floats>(a)) |
+                            __builtin_ia32_movmskps(reinterpret_cast<Floats>(b)) << near / 2);
+#else
+    Lanes const bits = (a & Lanes{1, 2, 4, 8}) | (b & Lanes{16, 32, 64, 128});
+    return static_cast<U32>(bits[0] | bits[1] | bits[2] | bits[3]);
+#endif
+  }
+  static constexpr U32 allBits = (1u << near) - 1;
 
   // Which of the `near` places from there on are used, as bits.
   U32 usedFrom(U32 at) const {
-    if (at + near > end()) [[unlikely]] {
-      U32 used = 0;
-      for (U32 i = 0; at + i < end(); ++i) used |= U32{marks_[at + i] != 0} << i;
-      return used;
-    }
+    if (many_.buckets == 0) return ((1u << size_) - 1) >> at;
     Lanes a, b;
     load(at, a, b);
-    Lanes const bits = (Lanes(a != 0) & Lanes{1, 2, 4, 8}) | (Lanes(b != 0) & Lanes{16, 32, 64, 128});
-    return bits[0] | bits[1] | bits[2] | bits[3];
+    return bits(a != unused, b != unused);
   }
 
   // The first used place from a position on.
   Place from(U32 position) const {
-    if (position >= end()) return {end(), 0};
+    if (position >= many_.places) return {end(), 0};
     U32 const base = position / near * near;
     return next({base, usedFrom(base) & (~U32{0} << position % near)});
-  }
-
-  // How many of `near` places come before a mark. They are the first of them, since the array is in order.
-  U32 countBefore(U32 at, U32 mark) const {
-    Lanes a, b;
-    load(at, a, b);
-    U32 const wanted = mark - 1;
-    auto const sum = (a - 1 < wanted) + (b - 1 < wanted);  // -1 for each
-    return static_cast<U32>(-(sum[0] + sum[1] + sum[2] + sum[3]));
   }
 
   // The first position from a mark's home on that is free or not before it. There is no loop that would end at a place
   // that nobody can predict, and hold up the next search until memory has answered.
   U32 firstNotBefore(U32 mark) const {
     U32 at = 0;
-    if (buckets_ == 0) {
-      while (at < size_ && isBefore(at, mark)) ++at;
+    Compared const wanted = compared(mark);
+    if (many_.buckets == 0) {
+      while (at < size_ && many_.marks[at] < wanted) ++at;
       return at;
     }
     at = home(mark);
-    U32 const before = countBefore(at, mark);  // the tail is no shorter
-    at += before;
-    if (before < near) [[likely]]
-      return at;
-    U32 const last = end();
-    // A long run: everything behind the first that is not before is not before either.
+    Lanes a, b;
+    load(at, a, b);
+    U32 const notBefore = bits(a >= wanted, b >= wanted);
+    if (notBefore != 0) [[likely]]
+      return at + static_cast<U32>(__builtin_ctz(notBefore));
+    return lastOfRun(at + near, wanted);
+  }
+
+  // A long run: everything behind the first that is not before is not before either.
+  [[gnu::noinline]] U32 lastOfRun(U32 at, Compared wanted) const {
+    U32 const last = many_.places;
     U32 high = at;
-    for (U32 step = 8; high < last && isBefore(high, mark); step *= 2) {
+    for (U32 step = 8; high < last && many_.marks[high] < wanted; step *= 2) {
       at = high + 1;
       high = at + std::min(step, last - at);
     }
     while (at < high) {
       U32 const middle = at + (high - at) / 2;
-      if (isBefore(middle, mark))
+      if (many_.marks[middle] < wanted)
         at = middle + 1;
       else
         high = middle;
@@ -297,78 +376,137 @@ class HashTable {
     return at;
   }
 
+  bool holdsMark(U32 at, U32 mark) const { return at < many_.places && many_.marks[at] == compared(mark); }
+  bool holds(U32 at, U32 mark, Key const& key) const {
+    return holdsMark(at, mark) && Slot::holds(stored()[at], key);
+  }
+
+  // The position of a key in memory of its own, or `none`.
+  U32 found(U32 mark, Key const& key) const {
+    U32 at;
+    if (many_.buckets != 0) [[likely]] {
+      // Nearly always one place has the mark, and it is the key's.
+      at = home(mark);
+      Compared const wanted = compared(mark);
+      Lanes a, b;
+      load(at, a, b);
+      if (U32 const same = bits(a == wanted, b == wanted)) [[likely]] {
+        U32 const first = at + static_cast<U32>(__builtin_ctz(same));
+        if (Slot::holds(stored()[first], key)) [[likely]]
+          return first;
+      } else if (bits(a > wanted, b > wanted) != 0) {
+        return none;
+      }
+    }
+    at = firstNotBefore(mark);
+    for (; holdsMark(at, mark); ++at)
+      if (Slot::holds(stored()[at], key)) return at;
+    return none;
+  }
+
   // Where a key is, or belongs.
   U32 placeOf(U32 mark, Key const& key) const {
     U32 at = firstNotBefore(mark);
-    for (U32 const last = end(); at < last && marks_[at] == mark && keyAt(at) < key;) ++at;
+    while (holdsMark(at, mark) && keyAt(at) < key) ++at;
     return at;
   }
 
-  // The first free position from there on; `end()` if there is none.
+  // The first free position from there on; that behind the last if there is none.
   U32 gapAt(U32 at) const {
-    if (buckets_ == 0) return size_;
-    U32 const last = end();
-    while (at < last && marks_[at] != 0) ++at;
+    if (many_.buckets == 0) return size_;
+    while (at < many_.places && many_.marks[at] != unused) ++at;
     return at;
   }
 
   U32 grown(Shape shape, U32 mark, Key const& key) {
-    rehash(allocated(shape.end()), shape);
+    rehash(allocated(shape), shape);
     return placeOf(mark, key);
   }
 
   // Everything goes over in order, so each comes behind the one before it or to its home. If the last ones find no
   // place, the tail was too short for them.
-  void rehash(U32* marks, Shape shape) {
-    U32 const last = end();
-    for (;;) {
-      U32 next = 0;
-      for (Place i = first(); i.position < last; i = this->next(i))
-        next = std::max(next, homeOf(marks_[i.position], shape.buckets)) + 1;
-      if (next <= shape.end()) break;
-      release(marks, shape.end());
-      shape.tail = next - shape.buckets + 1;
-      marks = allocated(shape.end());
-    }
-    Stored* const to = storedBehind(marks, shape.end());
+  void rehash(Compared* marks, Shape shape) {
     Stored* const all = stored();
+    if (isInside()) {
+      if (size_ != 0) {
+        U32 const mark = markAt(0), to = homeOf(mark, shape.buckets);
+        marks[to] = compared(mark);
+        storedBehind(marks, shape)[to] = std::move(*all);
+        std::destroy_at(all);
+      }
+    } else {
+      while (U32 const needed = spread(marks, shape, all)) {
+        release(marks, shape);
+        shape.tail = needed - shape.buckets + 1;
+        marks = allocated(shape);
+      }
+      release(many_.marks, this->shape());
+    }
+    many_ = {shape.places(), shape.buckets, marks, 0};
+    ++epoch_;
+  }
+
+  // Copies what is in memory of its own to where it belongs in other memory. Zero, or how many places it needs if there
+  // are not so many; then nothing has left where it was.
+  U32 spread(Compared* marks, Shape shape, Stored* all) {
     U32 next = 0;
-    for (Place i = first(); i.position < last; i = this->next(i)) {
-      next = std::max(next, homeOf(marks_[i.position], shape.buckets));
-      marks[next] = marks_[i.position];
-      to[next] = std::move(all[i.position]);
+    if constexpr (!isPlain) {
+      for (Place i = first(); i.position != end(); i = this->next(i))
+        next = std::max(next, homeOf(compared(many_.marks[i.position]), shape.buckets)) + 1;
+      if (next > shape.places()) return next;
+      next = 0;
+    }
+    U32 const last = shape.places();
+    Stored* const to = storedBehind(marks, shape);
+    for (Place i = first(); i.position != end(); i = this->next(i)) {
+      Compared const mark = many_.marks[i.position];
+      next = std::max(next, homeOf(compared(mark), shape.buckets));
+      if (next < last) [[likely]] {
+        marks[next] = mark;
+        to[next] = std::move(all[i.position]);
+      }
       ++next;
     }
-    release(marks_, end());
-    marks_ = marks;
-    ++epoch_;
-    buckets_ = shape.buckets;
-    tail_ = shape.tail;
-    low_ = 0;
+    return next > last ? next : 0;
   }
 
   // Memory follows the size down: when the table is nearly empty, else at every power of two below an eighth, unless
   // what is left lies so close together that it would make a long run.
-  void shrink() {
-    if (buckets_ == 0 || size_ > buckets_ / 10 || (size_ & (size_ - 1)) != 0) return;
+  [[gnu::noinline]] void shrink() {
     Shape const shape = size_ <= mostInSmall / 2 ? Shape{0, mostInSmall} : shapeOf(4 * size_);
-    if (shape.buckets >= buckets_) return;
+    if (shape.buckets >= many_.buckets) return;
     U64 next = 0;
-    for (Place i = first(); i.position < end() && shape.buckets != 0; i = this->next(i)) {
-      U64 const start = homeOf(marks_[i.position], shape.buckets);
-      if (next > start + longRun || next >= shape.end()) return;
+    for (Place i = first(); i.position != end() && shape.buckets != 0; i = this->next(i)) {
+      U64 const start = homeOf(compared(many_.marks[i.position]), shape.buckets);
+      if (next > start + longRun || next >= shape.places()) return;
       next = std::max(next, start) + 1;
     }
-    std::size_t const size = marksSize(shape.end()) + shape.end() * sizeof(Stored);
-    if (void* const memory = ::operator new(size, std::nothrow)) rehash(prepared(memory, shape.end()), shape);
+    if (void* const memory = ::operator new(bytes(shape), std::nothrow))
+      rehash(prepared(memory, shape), shape);
   }
 
-  U32* marks_ = nullptr;  // what is stored lies behind them
+  // One that is alone lies in the table itself, and nobody asks for its hash.
+  struct Inside {
+    U32 places;
+    U32 tag;
+    alignas(Stored) unsigned char stored[sizeof(Stored)];
+  };
+  struct Many {
+    U32 places;  // 0: nothing has been allocated
+    U32 buckets;
+    Compared* marks;  // what is stored lies behind them
+    mutable U32 low;  // no place before this is in use; spares a drain the empty front
+  };
+  bool isInside() const { return many_.places == 0; }
+  Stored* lone() const { return reinterpret_cast<Stored*>(const_cast<unsigned char*>(inside_.stored)); }
+  bool isLone(Key const& key) const { return inside_.tag == Slot::tag(key) && Slot::holds(*lone(), key); }
+
+  union {
+    Many many_ = {};
+    Inside inside_;
+  };
   U32 size_ = 0;
   U32 epoch_ = 0;
-  U32 buckets_ = 0;
-  U32 tail_ = 0;
-  mutable U32 low_ = 0;  // no place before this is in use; spares a drain the empty front
 };
 
 /// How a set of keys stores a key. The general form; Dova::IpGenAddr has a denser one.
@@ -377,7 +515,8 @@ struct ValueSlot {
   using Key = K;
   using Stored = K;
 
-  static U32 mark(Key const& key) { return orderOf(key) | 1; }
+  static U32 tag(Key const&) { return 0; }
+  static U32 mark(Key const& key) { return orderOf(key); }
   static Stored const& stored(Key const& key) { return key; }
   static Key const& key(U32, Stored const& stored) { return stored; }
   static bool holds(Stored const& stored, Key const& key) { return stored == key; }

@@ -126,6 +126,13 @@ class Ptr {
   /// Takes the reference over; the other is null then.
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
 
+  /// Takes over a reference that has been counted already.
+  static Ptr owning(T* object) noexcept {
+    Ptr ptr;
+    ptr.object_ = object;
+    return ptr;
+  }
+
   /// From a pointer to something that is a T.
   template <class U>
   requires std::convertible_to<U*, T*> Ptr(Ptr<U> const& other) : object_(other.get()) { take(); }
@@ -180,10 +187,7 @@ std::ostream& operator<<(std::ostream& os, Ptr<T> const& ptr) {
 /// Constructs an object and hands it over with a count of exactly 1.
 template <class T, class... Args>
 Ptr<T> create(Args&&... args) {
-  T* const object = new T(std::forward<Args>(args)...);
-  Ptr<T> ptr(object);
-  object->deleteRef();  // the creator's reference
-  return ptr;
+  return Ptr<T>::owning(new T(std::forward<Args>(args)...));
 }
 
 /// The pointer itself; throws "null ValidPtr" instead of handing out null. What factories and creators end

@@ -146,6 +146,40 @@ TEST(MemoryTest, AnEmptyCollectionTakesNothing) {
       0u);
 }
 
+TEST(MemoryTest, TheFirstOfACollectionTakesNothingHoweverOftenItComesAndGoes) {
+  auto const bulb = Vel::create<Vel::Bulb>(address(1));
+  EXPECT_EQ(requestsOf([&] {
+              Vel::HashSet<Dova::IpGenAddr> set;
+              Vel::EntityMap<Dova::IpGenAddr, Vel::Bulb> map;
+              for (int i = 0; i < 10; ++i) {
+                EXPECT_TRUE(set.insert(address(1)) && set.contains(address(1)) && !set.contains(address(2)));
+                map.insert(bulb);
+                EXPECT_TRUE(map.find(address(1)) == bulb.get() && !map.find(address(2)));
+                EXPECT_TRUE(set.remove(address(1)) && map.remove(address(1)) == bulb);
+              }
+            }),
+            0u);
+}
+
+TEST(MemoryTest, ACollectionWithRoomForAllThatComeTakesNothingMoreAndLosesNobody) {
+  for (Vel::U32 const before : {0u, 1u, 5u, 30u})
+    for (Vel::U32 const count : {9u, 14u, 100u, 1000u}) {
+      SCOPED_TRACE(std::to_string(before) + " of " + std::to_string(count));
+      std::vector<Vel::Ptr<Vel::Bulb>> bulbs;
+      for (Vel::U32 n = 0; n < count; ++n) bulbs.push_back(Vel::create<Vel::Bulb>(address(n)));
+      Vel::EntityMap<Dova::IpGenAddr, Vel::Bulb> map;
+      for (Vel::U32 n = 0; n < before && n < count; ++n) map.insert(bulbs[n]);
+      EXPECT_LE(requestsOf([&] { map.reserve(count); }), 1u);
+      EXPECT_EQ(requestsOf([&] {
+                  map.reserve(count / 2);
+                  for (Vel::U32 n = before; n < count; ++n) map.insert(bulbs[n]);
+                }),
+                0u);
+      for (auto const& bulb : bulbs) EXPECT_EQ(map.find(bulb->velKey()), bulb.get());
+      EXPECT_EQ(map.size(), count);
+    }
+}
+
 // The library with one interface, whose machine follows its periodic and triggered data. No trace is on.
 class MachineTest : public testing::Test {
  protected:

@@ -41,7 +41,7 @@ class GroupWalk {
   static constexpr U32 together = 32;
 
   void arrive() {
-    if (place_.position >= fetched_) fetch();
+    if (*this && place_.position >= fetched_) fetch();
   }
 
   void fetch() {

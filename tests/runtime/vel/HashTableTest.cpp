@@ -442,6 +442,33 @@ TEST(HashTableTest, EntityMapAgreesWithAStandardMapOfPointers) {
   }
 }
 
+TEST(HashTableTest, AnElementIsInsertedWhereItsKeyBelongsThoughTheMapChangedMeanwhile) {
+  using Map = EntityMap<Dova::IpGenAddr, Element<Dova::IpGenAddr>>;
+  // One goes into the empty map, the next ones into small and large tables.
+  for (U32 const before : {0u, 1u, 2u, 8u, 100u})
+    for (U32 const meanwhile : {0u, 1u, 20u}) {
+      SCOPED_TRACE(std::to_string(before) + " and " + std::to_string(meanwhile));
+      Map map;
+      std::set<Dova::IpGenAddr, InOrder> model;
+      auto const add = [&](U32 n) {
+        map.insert(create<Element<Dova::IpGenAddr>>(address(n)));
+        model.insert(address(n));
+      };
+      for (U32 n = 0; n < before; ++n) add(n);
+      auto const late = create<Element<Dova::IpGenAddr>>(address(1000));
+      auto const where = map.where(late->velKey());
+      ASSERT_EQ(where.element(), nullptr);
+      for (U32 n = 0; n < meanwhile; ++n) add(500 + n);
+      map.insert(where, late);
+      model.insert(late->velKey());
+      EXPECT_EQ(late->references(), 2u);
+      EXPECT_EQ(map.where(late->velKey()).element(), late.get());
+      std::vector<Dova::IpGenAddr> keys;
+      for (auto const& element : map.elements()) keys.push_back(element->velKey());
+      EXPECT_THAT(keys, ElementsAreArray(model.begin(), model.end()));
+    }
+}
+
 TEST(HashTableTest, ReversingTheBitsOfAHashPutsTheLowestFirst) {
   EXPECT_EQ(bitReverse(0), 0u);
   EXPECT_EQ(bitReverse(1), 0x80000000u);

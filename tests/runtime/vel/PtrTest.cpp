@@ -46,6 +46,16 @@ class PtrTest : public testing::Test {
   Log log;
 };
 
+TEST_F(PtrTest, AReferenceThatHasBeenCountedIsTakenOver) {
+  auto* const thing = new Thing(log);
+  {
+    auto const ptr = Ptr<Thing>::owning(thing);
+    EXPECT_EQ(ptr.get(), thing);
+    EXPECT_EQ(thing->references(), 1u);
+  }
+  EXPECT_THAT(log, ElementsAre("zero", "torn down", "destroyed"));
+}
+
 TEST_F(PtrTest, ANewObjectHasACountOfOneThatBelongsToItsCreator) {
   auto* const thing = new Thing(log);
   EXPECT_EQ(thing->references(), 1u);
