@@ -56,10 +56,18 @@ class Ip6Addr {
   }
   /// Numerically.
   friend bool operator<(Ip6Addr const& a, Ip6Addr const& b) {
-    return std::memcmp(a.words_, b.words_, sizeof a.words_) < 0;
+    U64 const highA = a.number(0), highB = b.number(0);
+    return (highA < highB) | ((highA == highB) & (a.number(2) < b.number(2)));
   }
 
  private:
+  // Eight bytes as the number that they are in network order.
+  U64 number(int word) const {
+    U64 bytes;
+    std::memcpy(&bytes, words_ + word, 8);
+    return std::endian::native == std::endian::little ? __builtin_bswap64(bytes) : bytes;
+  }
+
   U32 words_[4] = {};
 };
 
@@ -137,7 +145,7 @@ class VEL_API IpGenAddr {
 
   /// By family, then numerically.
   friend bool operator<(IpGenAddr const& a, IpGenAddr const& b) {
-    return a.af_ != b.af_ ? a.af_ < b.af_ : a.ip6_ < b.ip6_;
+    return (a.af_ < b.af_) | ((a.af_ == b.af_) & (a.ip6_ < b.ip6_));
   }
 
  private:

@@ -14,14 +14,13 @@
 #pragma once
 
 #include <iterator>
-#include <memory>
 #include <ostream>
-#include <set>
 #include <utility>
 #include <vector>
 
 #include "runtime/vel/Entity.h"
 #include "runtime/vel/HashTable.h"
+#include "runtime/vel/OrderedSet.h"
 
 namespace Vel {
 
@@ -277,63 +276,6 @@ class HashSet {
 
  private:
   Table table_;
-};
-
-/// A set of keys in ascending order. An empty one has no heap.
-template <class K>
-class OrderedSet {
- public:
-  /// What the set holds.
-  using Key = K;
-
-  class Cursor {
-   public:
-    bool first(OrderedSet const& set) { return set.set_ && arriveAt(set, set.set_->begin()); }
-    bool after(OrderedSet const& set, Key const& key) {
-      return set.set_ && arriveAt(set, set.set_->upper_bound(key));
-    }
-    bool next(OrderedSet const& set) {
-      if (!set.set_) return false;
-      return arriveAt(set, set.epoch_ == epoch_ ? std::next(position_) : set.set_->upper_bound(key_));
-    }
-    Key const& key() const { return key_; }
-
-   private:
-    bool arriveAt(OrderedSet const& set, typename std::set<Key>::const_iterator position) {
-      position_ = position;
-      epoch_ = set.epoch_;
-      if (position == set.set_->end()) return false;
-      key_ = *position;
-      return true;
-    }
-
-    Key key_;
-    typename std::set<Key>::const_iterator position_;
-    U64 epoch_ = 0;
-  };
-
-  /// Whether the key is there.
-  bool contains(Key const& key) const { return set_ && set_->contains(key); }
-  /// True if the key was absent.
-  bool insert(Key const& key) {
-    if (!set_) set_ = std::make_unique<std::set<Key>>();
-    bool const inserted = set_->insert(key).second;
-    epoch_ += inserted;
-    return inserted;
-  }
-  /// True if the key was present.
-  bool remove(Key const& key) {
-    if (!set_ || set_->erase(key) == 0) return false;
-    ++epoch_;
-    if (set_->empty()) set_.reset();
-    return true;
-  }
-  /// How many keys there are.
-  U32 size() const { return set_ ? static_cast<U32>(set_->size()) : 0; }
-
- private:
-  std::unique_ptr<std::set<Key>> set_;
-  U64 epoch_ = 0;
 };
 
 /// Walks a HashSet or an OrderedSet.

@@ -180,6 +180,57 @@ TEST(MemoryTest, ACollectionWithRoomForAllThatComeTakesNothingMoreAndLosesNobody
     }
 }
 
+// Texts of one size, too long for the object itself: the set has to copy the key as well.
+TEST(MemoryTest, AnOrderedSetThatGetsNoMemoryIsWhatItWas) {
+  struct Text {
+    std::string text;
+    bool operator==(Text const&) const = default;
+    auto operator<=>(Text const&) const = default;
+  };
+  auto const key = [](int n) {
+    return Text{"a text that needs the heap, number " + std::to_string(1000 + n)};
+  };
+  int failures = 0;
+  Vel::OrderedSet<Text> set;
+  for (int n = 0; n < 300; ++n) {
+    Text const added = key(n * 7 % 300), before = key(n == 0 ? 1 : 0);
+    Vel::OrderedSet<Text>::Cursor walk;
+    bool const walking = walk.first(set);
+    for (std::size_t request = 1;; ++request) {
+      bool thrown = false;
+      {
+        CountedHeap::Famine const famine(request);
+        try {
+          EXPECT_TRUE(set.insert(added));
+        } catch (std::bad_alloc const&) {
+          thrown = true;
+        }
+      }
+      if (!thrown) break;
+      ++failures;
+      ASSERT_EQ(set.size(), static_cast<Vel::U32>(n));
+      ASSERT_FALSE(set.contains(added));
+      ASSERT_EQ(set.contains(before), n != 0);
+      // A walk that stands goes on over all that is there.
+      if (!walking || n % 16 != 0) continue;
+      Vel::OrderedSet<Text>::Cursor i = walk;
+      int visited = 1;
+      while (i.next(set)) ++visited;
+      ASSERT_EQ(visited, n);
+    }
+  }
+  EXPECT_EQ(set.size(), 300u);
+  EXPECT_GT(failures, 300);
+  std::vector<Text> all;
+  for (int n = 0; n < 300; ++n) all.push_back(key(n));
+  CountedHeap::Famine const famine(1, 1000);
+  bool removed = true;
+  for (Text const& text : all) removed = removed && set.remove(text);
+  EXPECT_TRUE(removed);
+  EXPECT_EQ(famine.failures(), 0u);
+  EXPECT_EQ(set.size(), 0u);
+}
+
 // The library with one interface, whose machine follows its periodic and triggered data. No trace is on.
 class MachineTest : public testing::Test {
  protected:

@@ -469,6 +469,47 @@ TEST(HashTableTest, AnElementIsInsertedWhereItsKeyBelongsThoughTheMapChangedMean
     }
 }
 
+// Ascending, descending and at random; what is left of many leaves is as good as a small set.
+TEST(OrderedSetTest, AgreesWithAStandardSetThroughThousandsOfKeys) {
+  enum { ascending, descending, anyOrder };
+  constexpr U32 count = 3000;
+  for (int const coming : {ascending, descending, anyOrder})
+    for (int const going : {ascending, descending, anyOrder}) {
+      SCOPED_TRACE(std::to_string(coming) + ", " + std::to_string(going));
+      std::mt19937 random(1);
+      auto const inOrder = [&](int order) {
+        std::vector<U32> numbers(count);
+        for (U32 n = 0; n < count; ++n) numbers[n] = order == descending ? count - n : n + 1;
+        if (order == anyOrder) std::shuffle(numbers.begin(), numbers.end(), random);
+        return numbers;
+      };
+      Ordered<Dova::IpGenAddr> set;
+      std::set<Dova::IpGenAddr> model;
+      auto const compare = [&] {
+        ASSERT_THAT(keysOf(set), ElementsAreArray(model.begin(), model.end()));
+        Dova::IpGenAddr const any = address(static_cast<U32>(random() % count));
+        auto const behind = set.walkAfter(any);
+        auto const expected = model.upper_bound(any);
+        ASSERT_EQ(static_cast<bool>(behind), expected != model.end());
+        if (!behind) return;
+        ASSERT_EQ(behind.key(), *expected);
+      };
+      for (U32 const n : inOrder(coming)) {
+        ASSERT_TRUE(set.add(address(n)));
+        ASSERT_FALSE(set.add(address(n)));
+        model.insert(address(n));
+        if (n % 101 == 0) compare();
+      }
+      for (U32 const n : inOrder(going)) {
+        ASSERT_TRUE(set.del(address(n)));
+        ASSERT_FALSE(set.has(address(n)));
+        model.erase(address(n));
+        if (n % 101 == 0) compare();
+      }
+      EXPECT_EQ(set.size(), 0u);
+    }
+}
+
 TEST(HashTableTest, ReversingTheBitsOfAHashPutsTheLowestFirst) {
   EXPECT_EQ(bitReverse(0), 0u);
   EXPECT_EQ(bitReverse(1), 0x80000000u);
