@@ -3,8 +3,15 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 
 namespace Zanth {
+
+namespace {
+
+constexpr Seconds ticksPerSecond = 1024;
+
+}  // namespace
 
 TimerWheel::TimerWheel()
     : TimerWheel([] {
@@ -21,11 +28,14 @@ TimerWheel::~TimerWheel() {
     while (slot.following != &slot) remove(static_cast<Notifiee*>(slot.following));
 }
 
+// What is negative is 0, what is beyond the last tick is as good as the last: the order within a slot is that of the
+// times. Two instructions instead of branches.
 U64 TimerWheel::tickOf(Seconds time) {
-  constexpr Seconds ticksPerSecond = 1024;
-  if (!(time > 0)) return 0;
+  constexpr Seconds last = 0x0fffffffffffff80;  // the largest double below 2^60
+  static_assert(static_cast<U64>(last) <= lastTick);
   Seconds const ticks = time * ticksPerSecond;
-  return ticks >= static_cast<Seconds>(lastTick) ? lastTick : static_cast<U64>(ticks);
+  Seconds const notNegative = ticks > 0 ? ticks : 0;
+  return static_cast<U64>(static_cast<std::int64_t>(notNegative < last ? notNegative : last));
 }
 
 void TimerWheel::append(Link& ring, Notifiee* timer) {
@@ -38,8 +48,8 @@ void TimerWheel::append(Link& ring, Notifiee* timer) {
 
 void TimerWheel::insert(Notifiee* timer) {
   U64 const tick = std::max(tickOf(timer->timeMin_), tick_);  // what is late is due in the current slot
-  U64 const differing = tick ^ tick_;
-  U32 const level = differing == 0 ? 0 : (63 - static_cast<U32>(__builtin_clzll(differing))) / digitBits;
+  quietUntil_ = std::min(quietUntil_, timer->timeMin_);
+  U32 const level = (63 - static_cast<U32>(__builtin_clzll((tick ^ tick_) | 1))) / digitBits;
   U32 const digit = (tick >> level * digitBits) % slotsPerLevel;
   append(slots_[level * slotsPerLevel + digit], timer);
   occupied_[level] |= U64{1} << digit;
@@ -86,17 +96,24 @@ void TimerWheel::Notifiee::doDetach() noexcept {
 }
 
 void TimerWheel::Notifiee::timeMinIs(Seconds time) {
-  if (std::isnan(time)) throw Vel::InvalidArgumentException("a timer cannot be armed for NaN");
   TimerWheel* const wheel = static_cast<TimerWheel*>(velNotifier());
-  bool const wasArmed = previous != nullptr;
-  if (wasArmed) wheel->remove(this);
-  timeMin_ = time;
-  bool const isArmed = wheel && armed();
-  if (isArmed) {
+  if (time <= std::numeric_limits<Seconds>::max()) {
+    if (previous)
+      wheel->remove(this);
+    else if (wheel)
+      ++wheel->armedCount_;
+    timeMin_ = time;
+    if (!wheel) return;
     wheel->insert(this);
     wheel->timeMin_ = std::min(wheel->timeMin_, time);
+    return;
   }
-  if (wasArmed != isArmed) wheel->armedCount_ += isArmed ? 1 : -1u;
+  if (std::isnan(time)) throw Vel::InvalidArgumentException("a timer cannot be armed for NaN");
+  if (previous) {
+    wheel->remove(this);
+    --wheel->armedCount_;
+  }
+  timeMin_ = time;
 }
 
 void TimerWheel::Notifiee::notifierIs(Vel::Ptr<TimerWheel> const& wheel) {
@@ -147,6 +164,7 @@ void TimerWheel::collectDue(Seconds now) {
   U32 dueCount = 0;
   U32 slot = 0;
   U64 startTick = 0;
+  quietUntil_ = Vel::never;
   for (bool current = false; !current && firstSlot(slot, startTick) && startTick <= nowTick;) {
     current = slot < slotsPerLevel && startTick == nowTick;  // its later timers stay in it
     tick_ = std::max(tick_, startTick);
@@ -168,6 +186,8 @@ void TimerWheel::collectDue(Seconds now) {
   }
   *end = nullptr;
   tick_ = nowTick;
+  if (firstSlot(slot, startTick))
+    quietUntil_ = std::min(quietUntil_, static_cast<Seconds>(startTick) / ticksPerSecond);
   for (Link* timer = sorted(due, dueCount); timer;) {
     Link* const following = timer->following;
     append(slots_[dueSlot], static_cast<Notifiee*>(timer));
@@ -176,9 +196,12 @@ void TimerWheel::collectDue(Seconds now) {
 }
 
 void TimerWheel::expire() {
-  if (expiring_) return;
-  Vel::Ptr<TimerWheel> const keep(this);
   Seconds const at = now();
+  if (at >= quietUntil_ && !expiring_) callDue(at);
+}
+
+void TimerWheel::callDue(Seconds at) {
+  Vel::Ptr<TimerWheel> const keep(this);
   expiring_ = true;
   collectDue(at);
   for (Link& ring = slots_[dueSlot]; ring.following != &ring;) {

@@ -125,12 +125,15 @@ class VEL_API TimerWheel : public Vel::Entity {
   static void append(Link& ring, Notifiee* timer);
   void remove(Notifiee* timer);
   void insert(Notifiee* timer);
+  void callDue(Seconds now);
   void collectDue(Seconds now);
   static Link* sorted(Link* list, U32 count);
   bool firstSlot(U32& slot, U64& startTick) const;
 
   Clock clock_;
   U64 tick_ = 0;
+  Seconds quietUntil_ =
+      Vel::never;  // no timer is due before: a loop that comes by for other reasons is done at once
   U32 armedCount_ = 0;
   bool expiring_ = false;
   mutable bool timeMinKnown_ = true;

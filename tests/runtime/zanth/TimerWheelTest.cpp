@@ -127,6 +127,33 @@ TEST_F(TimerWheelTest, TimesThatDifferInTheLastBitFireInOrderAndSeparately) {
   EXPECT_THAT(fired, ElementsAre(1, 2));
 }
 
+TEST_F(TimerWheelTest, HoweverOftenALoopComesByATimerIsCalledAtItsVeryTime) {
+  // In the same tick, in the next one, and where the wheel's levels meet.
+  for (Seconds const delay : {0.0001, 0.001, 0.0625, 4.0, 256.0, 20000.5}) {
+    Seconds const start = time;
+    auto const one = timer(1, start + delay);
+    Seconds const at = one->timeMin();
+    for (int i = 0; i < 1000; ++i) expireAt(start + (at - start) * i / 1000);
+    expireAt(std::nextafter(at, 0));
+    EXPECT_THAT(fired, IsEmpty()) << delay;
+    expireAt(at);
+    EXPECT_THAT(fired, ElementsAre(1)) << delay;
+    fired.clear();
+  }
+}
+
+TEST_F(TimerWheelTest, AfterAClockThatWentBackATimerIsCalledAtItsTime) {
+  expireAt(200);
+  auto const ahead = timer(2, 300), late = timer(1, 150);
+  expireAt(140);
+  expireAt(149);
+  EXPECT_THAT(fired, IsEmpty());
+  expireAt(150);
+  EXPECT_THAT(fired, ElementsAre(1));
+  expireAt(300);
+  EXPECT_THAT(fired, ElementsAre(1, 2));
+}
+
 TEST_F(TimerWheelTest, NowMovesOnWithTheClockDuringAPass) {
   std::vector<Seconds> seen;
   auto const one = timer(
