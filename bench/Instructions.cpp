@@ -168,8 +168,8 @@ Body countedReference() {
   };
 }
 
-Body receive(Bench::Shape const& shape) {
-  auto const receiver = std::make_shared<Bench::Receiver>(shape, 1);
+Body receive(Bench::Shape const& shape, int observers) {
+  auto const receiver = std::make_shared<Bench::Receiver>(shape, observers);
   receiver->receive();  // what only a first message does has been done
   return [=] {
     for (int i = 0; i < 20; ++i) receiver->receive();
@@ -255,8 +255,9 @@ std::vector<Scenario> scenarios() {
   all.push_back({"disabled trace line", disabledTraceLine});
   all.push_back({"ring message and block timer", ringMessage});
   all.push_back({"counted reference", countedReference});
-  all.push_back({"receive, 70 groups of one source", [] { return receive({"", 70, 1, 0, 0, false}); }});
-  all.push_back({"receive, one group of 180", [] { return receive({"", 1, 180, 0, 0, false}); }});
+  all.push_back({"receive, 70 groups of one source", [] { return receive({"", 70, 1, 0, 0, false}, 1); }});
+  all.push_back({"receive, 70 groups, not watched", [] { return receive({"", 70, 1, 0, 0, false}, 0); }});
+  all.push_back({"receive, one group of 180", [] { return receive({"", 1, 180, 0, 0, false}, 1); }});
   all.push_back({"triggered routes", triggeredRoutes});
   all.push_back({"periodic routes", periodicRoutes});
   all.push_back({"refresh of 1k", refresh});

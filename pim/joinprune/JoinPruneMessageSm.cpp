@@ -548,13 +548,23 @@ void JoinPruneMessageSm::handleRxMessage() {
       writeEntry(record, sources.key(), group, flags, kind, nullptr);
   };
 
+  // Where nobody hears of the single entries, those of the usual kind of group are written at once.
+  auto const writeUnheard = [&](RxRecord& record, Packet::JoinPruneGroupData const& groupData) {
+    if (!record.info || !record.info->velUnheard() || !joinPruneIsQuiet()) return false;
+    auto const* const sources = groupData.velJoinsAlone();
+    if (!sources) return false;
+    record.info->velJoinsAre(data->upstreamNeighbor(), data->holdTime(), groupData.group(), *sources);
+    return record.headerDone = true;
+  };
+
   for (auto i = data->joinPruneGroupDataIterator(); i && !hold.gone(); ++i) {
     Packet::JoinPruneGroupData const& groupData = *i;
     Dova::IpGenAddr const group = groupData.group();
     join.headerDone = prune.headerDone = false;
-    writeSources(
-        join, groupData.joinedSourceCount(), [&] { return groupData.joinedSourceIterator(); }, group,
-        Packet::sgFlags, "");
+    if (!writeUnheard(join, groupData))
+      writeSources(
+          join, groupData.joinedSourceCount(), [&] { return groupData.joinedSourceIterator(); }, group,
+          Packet::sgFlags, "");
     writeSources(
         prune, groupData.prunedSourceCount(), [&] { return groupData.prunedSourceIterator(); }, group,
         Packet::sgFlags, "");

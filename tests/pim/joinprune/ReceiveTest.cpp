@@ -336,5 +336,46 @@ TEST_F(ReceiveTest, AThrowingObserverDoesNotKeepTheOtherEntriesFromBeingWritten)
   EXPECT_EQ(rxJoin->rxCount(), 2u);
 }
 
+// What both records are whenever the filter is asked, which is after each group's (S,G) entries, and at the end.
+Lines recordsOnTheWay(Vel::Ptr<Packet::JoinPruneMessage> const& message, bool watched) {
+  World world;
+  Lines seen, writes;
+  auto const look = [&] {
+    for (auto const& record : {world.rxJoin, world.rxPrune})
+      seen.push_back(text(record.get()) + ", count " + text(record->rxCount()));
+  };
+  world.filter->hook = look;
+  world.rxJoin->riKeyIs(RouteIntfKey(addr("10.9.9.9"), addr("239.9.9.9"), Dova::IntfId("eth9")));
+  auto const joinLog = Vel::create<RecordLog>("join", writes),
+             pruneLog = Vel::create<RecordLog>("prune", writes);
+  if (watched) {
+    joinLog->notifierIs(world.rxJoin);
+    pruneLog->notifierIs(world.rxPrune);
+  }
+  world.start();
+  world.channel->joinPruneMessageIs(message);
+  world.channel->countInc(1);
+  look();
+  return seen;
+}
+
+TEST(UnheardReceiveTest, ARecordThatNobodyWatchesGoesTheSameWayGroupByGroup) {
+  auto const data = Vel::create<Packet::JoinPruneData>(addr("10.0.0.13"));
+  data->holdTimeIs(105);
+  for (U32 g = 1; g <= 40; ++g) {
+    auto const group = data->joinPruneGroupDataIs(Dova::IpGenAddr::ipv4(0xef010100u + g));
+    for (U32 n = 1; n <= (g % 4 == 0 ? 20 : g % 3); ++n)
+      group->joinedSourceIs(Dova::IpGenAddr::ipv4(0x0a090000u + n));
+    if (g % 5 == 0) group->prunedSourceIs(addr("10.9.1.1"));
+    if (g % 7 == 0) group->wcSourceDataIs(Vel::create<Packet::WcSourceData>(addr("10.0.0.9"), false));
+    if (g % 11 == 0) group->joinedRptSourceIs(addr("10.9.1.2"));
+  }
+  auto const message = Vel::create<Packet::JoinPruneMessage>();
+  message->joinPruneDataIs(data);
+  Lines const unheard = recordsOnTheWay(message, false);
+  EXPECT_EQ(unheard.size(), 82u);
+  EXPECT_EQ(unheard, recordsOnTheWay(message, true));
+}
+
 }  // namespace
 }  // namespace Routing::Pim
