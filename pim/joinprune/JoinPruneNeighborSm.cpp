@@ -606,6 +606,7 @@ void JoinPruneNeighborSm::reconcile() {
   if (!groups || hold.gone()) return;
   if (Channel::groupData(*this).size() == 0 && !velWatched()) {
     // At the start there is nothing to compare with, and nobody is called.
+    Channel::groupData(*this).reserve(groups->joinPruneGroupDataCount());
     for (Packet::GroupWalk walk(*groups); walk; ++walk) newGroupData<Channel>(&*walk);
     return;
   }

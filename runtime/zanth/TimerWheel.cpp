@@ -196,12 +196,13 @@ void TimerWheel::collectDue(Seconds now) {
 }
 
 void TimerWheel::expire() {
+  if (expiring_) return;
+  Vel::Ptr<TimerWheel> const keep(this);  // the clock is somebody's code, too
   Seconds const at = now();
-  if (at >= quietUntil_ && !expiring_) callDue(at);
+  if (at >= quietUntil_) callDue(at);
 }
 
 void TimerWheel::callDue(Seconds at) {
-  Vel::Ptr<TimerWheel> const keep(this);
   expiring_ = true;
   collectDue(at);
   for (Link& ring = slots_[dueSlot]; ring.following != &ring;) {

@@ -647,6 +647,13 @@ TEST_F(SourceTest, AWholeCollectionNotificationOfAPeriodicGroupIsOnlyTraced) {
                                       groupLine("Periodic", "handleJoinedRptSource()"),
                                       groupLine("Periodic", "handlePrunedRptSource()")));
   EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  log.levels({});
+  g->joinedSourceNotifyImmediate();
+  g->prunedSourceNotifyImmediate();
+  g->joinedRptSourceNotifyImmediate();
+  g->prunedRptSourceNotifyImmediate();
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
 }
 
 TEST_F(SourceTest, AReactorThatWatchesNothingPrintsTheDefaultAddress) {
@@ -758,6 +765,35 @@ TEST_F(JoinPruneNeighborSmTest, WhatIsPendingIsTriedAgainIfItsExpiryFails) {
     EXPECT_TRUE(made->triggeredTimer()->armed());
     readings = 0;
   }
+}
+
+TEST_F(JoinPruneNeighborSmTest, WithoutInterfaceMessageAndManagerTheDatasHoldTimeStaysAndNothingIsLost) {
+  auto const bare = joinPruneNeighborSmFactory(nullptr, addr(N), nullptr, nullptr, t, o, nullptr, wheel, 2.5,
+                                               nullptr, nullptr);
+  bare->joinPrunePeriodicTimerSmDel();
+  for (auto const& data : {t, o}) {
+    data->holdTimeIs(77);
+    group(data, G)->joinedSourceIs(addr(S));
+    EXPECT_EQ(data->holdTime(), 77);
+  }
+  log.clear();
+  runUntil(time + 3);
+  EXPECT_THAT(log.texts, testing::Contains(testing::HasSubstr("Suspending TX after 0 sources")));
+  EXPECT_TRUE(bare->triggeredTimer()->armed());
+  EXPECT_TRUE(bare->overrideTimer()->armed());
+  EXPECT_TRUE(t->joinPruneGroupData(addr(G))->joinedSource(addr(S)));
+  bare->hasNotificationActiveIs(false);
+  EXPECT_FALSE(bare->hasNotificationActive());
+}
+
+TEST_F(JoinPruneNeighborSmTest, APeriodicMachineThatWasRemovedHasNoParentAndNoTimerAnyMore) {
+  make();
+  group(p, G)->joinedSourceIs(addr(S));
+  auto const removed = neighborSm->joinPrunePeriodicTimerSm();
+  ASSERT_TRUE(removed->periodicTimer()->armed());
+  neighborSm->joinPrunePeriodicTimerSmDel();
+  EXPECT_EQ(removed->parentSm(), nullptr);
+  EXPECT_FALSE(removed->periodicTimer());
 }
 
 TEST_F(JoinPruneNeighborSmTest, ThePeriodicMachineIsMadeOnce) {

@@ -397,6 +397,22 @@ TEST_F(JoinPrunePeriodicTimerSmTest, ParametersPrintAsIntervalAndRoutes) {
   EXPECT_EQ(text(&params), "Interval: 60, Routes/Interval: 12");
 }
 
+TEST_F(JoinPrunePeriodicTimerSmTest, WithoutAMessageARefreshIsAStepWithoutProgress) {
+  addRoutes(3);
+  manager->stop();
+  for (Vel::Ptr<IO::PamManager> const& with :
+       {Vel::Ptr<IO::PamManager>(manager), Vel::Ptr<IO::PamManager>()}) {
+    auto const bare =
+        joinPrunePeriodicTimerSmFactory(wheel, sm(N).get(), 0.1, periodic(N), eth0, with, nullptr);
+    bare->doUpdatePeriodicTimer();
+    ASSERT_TRUE(bare->periodicTimer()->armed());
+    log.clear();
+    bare->handlePeriodicTimerExpiry();
+    EXPECT_THAT(log.texts, Contains(testing::HasSubstr("Suspending TX after 0 groups, 0 sources")));
+    EXPECT_TRUE(bare->periodicTimer()->armed());
+  }
+}
+
 using JoinPrunePeriodicTimerSmDeathTest = JoinPrunePeriodicTimerSmTest;
 TEST_F(JoinPrunePeriodicTimerSmDeathTest, WhatHasNoPeriodCannotBePaced) {
   Vel::traceSinkIs({});

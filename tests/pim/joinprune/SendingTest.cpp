@@ -492,5 +492,57 @@ TEST_F(ChannelsTest, BlockTimersCarryTheFullSignatures) {
     EXPECT_THAT(timers, Contains(std::string(signature)));
 }
 
+TEST_F(ChannelsTest, EachHandlerLeavesABlockTimer) {
+  RingTrace const ring;
+  machine = nullptr;
+  start();
+  neighbor("10.0.0.3", eth0);
+  pim->pimNeighborDel(addr("10.0.0.3"));
+  for (auto const& data : {triggered(N), override_(N), periodic(N)}) {
+    auto const g = group(data, "239.1.1.1");
+    g->joinedSourceIs(addr("10.9.0.1"));
+    g->prunedSourceIs(addr("10.9.0.2"));
+    g->joinedRptSourceIs(addr("10.9.0.3"));
+    g->prunedRptSourceIs(addr("10.9.0.4"));
+    g->wcSourceDataIs(wildcard("10.5.0.1"));
+  }
+  auto const message = Vel::create<Packet::JoinPruneMessage>();
+  message->joinPruneDataIs(Vel::create<Packet::JoinPruneData>(addr("10.0.0.1")));
+  channel->joinPruneMessageIs(message);
+  channel->countInc(1);
+  runUntil(time + 61);
+  sm(N)->joinPrunePeriodicTimerSm()->holdTime();  // nothing but an agent asks for it
+
+  std::string const message_ = "JoinPruneMessageSm::", neighbor_ = "JoinPruneNeighborSm::",
+                    periodic_ = "JoinPrunePeriodicTimerSm::";
+  Lines handlers{message_ + "handleInitialized(",
+                 message_ + "handleNeighbor()",
+                 message_ + "handleNeighbor(const",
+                 message_ + "doMaybeDeleteNeighbor(",
+                 message_ + "handleRxMessage(",
+                 message_ + "VelPimIntf::handleNew(",
+                 neighbor_ + "handleInitialized(",
+                 neighbor_ + "handleTriggeredGroup(",
+                 neighbor_ + "handleOverrideGroup(",
+                 neighbor_ + "handlePeriodicGroup(",
+                 neighbor_ + "doUpdateTriggeredTimer(",
+                 neighbor_ + "doUpdateOverrideTimer(",
+                 neighbor_ + "handleTriggeredTimerExpiry(",
+                 neighbor_ + "handleOverrideTimerExpiry(",
+                 neighbor_ + "validateNumPeriodicRoutes(",
+                 periodic_ + "interval(",
+                 periodic_ + "numberOfMessages(",
+                 periodic_ + "holdTime(",
+                 periodic_ + "doResetHoldTime(",
+                 periodic_ + "handlePeriodicTimerExpiry("};
+  for (char const* const data : {"Triggered", "Override", "Periodic"})
+    for (char const* const kind :
+         {"JoinedSource", "PrunedSource", "JoinedRptSource", "PrunedRptSource", "WcSource"})
+      handlers.push_back(neighbor_ + "Vel" + data + "GroupData::handle" + kind + "(");
+  Lines const timers = ring.timers();
+  for (auto const& handler : handlers)
+    EXPECT_THAT(timers, testing::Contains(testing::HasSubstr(handler))) << handler;
+}
+
 }  // namespace
 }  // namespace Routing::Pim
