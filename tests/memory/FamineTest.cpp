@@ -73,6 +73,8 @@ TEST(FamineDeathTest, AMachineThatHasCaughtUpValidatesItsCountAgain) {
     Scene scene;
     scene.start();
     scene.machine->diagUpJoinCountIs(true);
+    scene.pass(5);  // nothing is pending any more
+    ASSERT_FALSE(scene.sm()->triggeredTimer()->armed());
     auto const added = addr("239.9.9.9");
     {
       Famine const famine(n);
@@ -83,6 +85,7 @@ TEST(FamineDeathTest, AMachineThatHasCaughtUpValidatesItsCountAgain) {
     auto const sm = scene.sm();
     wasBehind = data->joinPruneGroupData(added) && !sm->periodicGroupData(added);
     if (!wasBehind) continue;
+    EXPECT_TRUE(sm->triggeredTimer()->armed());
     data->joinPruneGroupData(added)->joinedSourceIs(addr("10.9.0.1"));
     EXPECT_EQ(sm->numPeriodicRoutes(), 12u);  // not counted yet, and nobody complains of it
     sm->numPeriodicRoutesIs(99);

@@ -730,6 +730,40 @@ TEST_F(JoinPruneMessageSmTest, AMachineThatIsReplacedInItsOwnCallbackLeavesTheDa
   }
 }
 
+TEST_F(JoinPruneMessageSmTest, AReactorThatIsAZombieOrHasLostItsMachineDoesNothing) {
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  neighbor("10.0.0.2", eth0);
+  start();
+  auto const watcher = machine->pimStatus();
+  auto const rx = machine->rxMessageInfo();
+  auto const poke = [&] {
+    log.clear();
+    watcher->onPimIntf(Dova::IntfId("eth0"));
+    watcher->onPimIntfvelImmediate();
+    watcher->onPimNeighbor(addr("10.0.0.2"));
+    rx->onCount();
+    return log.take();
+  };
+  EXPECT_FALSE(poke().empty());
+  machine->velDoZombieReactors(true);
+  EXPECT_THAT(poke(), IsEmpty());
+  machine->velDoZombieReactors(false);
+  EXPECT_FALSE(poke().empty());
+  machine = nullptr;
+  EXPECT_THAT(poke(), IsEmpty());
+}
+
+TEST_F(JoinPruneMessageSmTest, AReceiveChannelThatIsTakenAwayOrNotListenedToHandsOverNothing) {
+  start();
+  auto const rx = machine->rxMessageInfo();
+  log.clear();
+  rx->notifierIs(nullptr);
+  EXPECT_THAT(log.takeWith("handleRxMessage"), IsEmpty());
+  rx->hasNotificationActiveIs(false);
+  rx->notifierIs(channel);
+  EXPECT_THAT(log.takeWith("handleRxMessage"), IsEmpty());
+}
+
 TEST_F(JoinPruneMessageSmTest, AMachineWhoseSuccessorHasGoneRemovesDataSetsAgain) {
   auto const eth0 = intf("eth0", "10.0.0.1/24");
   neighbor("10.0.0.2", eth0);

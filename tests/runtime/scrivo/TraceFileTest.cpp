@@ -134,6 +134,9 @@ TEST_F(TraceFileTest, StillWritesLargestRecordsIntoTheSmallestRing) {
     std::vector<std::string> const kept = messages();
     ASSERT_GE(kept.size(), 1u) << i;
     for (std::string const& text : kept) ASSERT_EQ(text, std::string(15 * 255, 's'));
+    TraceReader const reader(path());
+    ASSERT_EQ(reader.damaged(), 0u);
+    ASSERT_EQ(reader.lost(EventKind::message) + kept.size(), static_cast<U64>(i) + 1);
   }
 }
 
@@ -193,6 +196,8 @@ TEST_F(TraceFileTest, RefusesSizesThatAreOutOfRange) {
             path() + ": descriptorBytes is 67108865, not 0 to 67108864");
   EXPECT_EQ(TraceFile::current(), nullptr);
   EXPECT_THAT(filesThere(), IsEmpty());
+  EXPECT_EQ(refusal(path(), {.messageBytes = 8192, .timerBytes = 8192, .descriptorBytes = 64 << 20}),
+            "opened");
 }
 
 TEST_F(TraceFileTest, RefusesAFileThatFindsNoSpaceAndKeepsTheOldOneOfItsName) {

@@ -149,6 +149,8 @@ TEST_F(TraceReaderTest, SaysWhereADamageIsAndWhatItIs) {
   std::memcpy(&bytes, example_.data() + record, sizeof bytes);
   patch(record + bytes, U32(12));
   EXPECT_EQ(damage(), std::to_string(record + bytes) + ": the size of a record");
+  patch(record + bytes + offsetof(Format::RecordHeader, id), U32(99));
+  EXPECT_EQ(damage(), std::to_string(record + bytes) + ": a record of an unknown call site");
   patch(record, U32(48));
   EXPECT_EQ(damage(), std::to_string(record) + ": a record");
   patch(offsetof(Format::FileHeader, descriptorCount), U64(3));
@@ -156,6 +158,52 @@ TEST_F(TraceReaderTest, SaysWhereADamageIsAndWhatItIs) {
   std::memcpy(&descriptors[0], example_.data() + 4096, 4);
   std::memcpy(&descriptors[1], example_.data() + 4096 + descriptors[0], 4);
   EXPECT_EQ(damage(), std::to_string(4096 + descriptors[0] + descriptors[1]) + ": the size of a descriptor");
+  // Cut off in the second descriptor, the file has nothing that could be said about the rings either.
+  write("trace", example_.substr(0, 4096 + descriptors[0] + 8));
+  TraceReader const cut(path());
+  ASSERT_FALSE(cut.damages().empty());
+  EXPECT_EQ(cut.damages()[0].offset, 4096 + descriptors[0]);
+  EXPECT_STREQ(cut.damages()[0].what, "the end of the file");
+}
+
+TEST_F(TraceReaderTest, ReadsADescriptorThatJustFitsItsArea) {
+  for (U64 room = 24;; room += 8) {
+    ASSERT_LT(room, 200u);
+    TraceFile::open(path(), {.messageBytes = 8192, .timerBytes = 8192, .descriptorBytes = room});
+    SCRIVO_MESSAGE("Sm", "just ", 1);
+    TraceFile::close();
+    TraceReader const reader(path());
+    EXPECT_EQ(reader.damaged(), 0u);
+    if (reader.refusedCallSites() != 0) continue;
+    EXPECT_THAT(messages(), ElementsAre("just 1"));
+    // Nor does a file end too early that ends with it.
+    example_ = bytesOf();
+    U32 bytes;
+    std::memcpy(&bytes, example_.data() + 4096, sizeof bytes);
+    EXPECT_EQ(bytes, room);
+    return;
+  }
+}
+
+TEST_F(TraceReaderTest, ABlockTimersDescriptorHasASignatureAndACount) {
+  TraceFile::open(path(), smallest);
+  { SCRIVO_BLOCK_TIMER("Sm", "void f()"); }
+  TraceFile::close();
+  example_ = bytesOf();
+  std::size_t const source = header().descriptors.offset + sizeof(Format::DescriptorHeader);
+  std::size_t const pieces = source + 2 + 2;    // a literal, and what is counted
+  std::size_t const last = pieces + 1 + 2 + 8;  // behind "void f()"
+  ASSERT_EQ(static_cast<U8>(example_[last]), static_cast<U8>(ArgumentKind::integer));
+  auto const isRefused = [this] {
+    TraceReader const reader(path());
+    EXPECT_TRUE(reader.descriptors().empty());
+    EXPECT_TRUE(reader.events().empty());
+    EXPECT_STREQ(reader.damages().at(0).what, "a descriptor");
+  };
+  patch(last, static_cast<U8>(ArgumentKind::string));
+  isRefused();
+  patch(header().descriptors.offset + offsetof(Format::DescriptorHeader, pieces), Format::U16(1));
+  isRefused();
 }
 
 TEST_F(TraceReaderTest, RefusesOtherVersionsAndByteOrders) {
