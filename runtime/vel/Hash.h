@@ -52,7 +52,7 @@ inline U32 order128(U64 high, U64 low) {
 /// Mixes 16 bytes into a 30-bit hash.
 inline U32 hash128(U64 high, U64 low) { return bitReverse(order128(high, low)); }
 
-/// The reversed hash of a key: its own `order()` if it has one.
+/// The reversed hash of a key: its own `order()` if it has one, whose two low bits must be zero.
 template <class Key>
 U32 orderOf(Key const& key) {
   if constexpr (requires { key.order(); })

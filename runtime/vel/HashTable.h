@@ -62,7 +62,10 @@ class HashTable {
 
   void swap(HashTable& other) noexcept {
     static_assert(isPlain && sizeof(Inside) <= sizeof(Many), "the one inside is copied with the rest");
-    std::swap(many_, other.many_);
+    unsigned char bytes[sizeof(Many)];
+    std::memcpy(bytes, &many_, sizeof bytes);
+    std::memcpy(static_cast<void*>(&many_), &other.many_, sizeof bytes);
+    std::memcpy(static_cast<void*>(&other.many_), bytes, sizeof bytes);
     std::swap(size_, other.size_);
     std::swap(epoch_, other.epoch_);
   }
@@ -155,7 +158,7 @@ class HashTable {
     return removed;
   }
 
-  /// Makes room for so many in all, for somebody who knows how many will come. Throws std::bad_alloc, and then nothing has
+  /// Makes room for so many in all, for somebody who knows how many will come; few are not worth it. Throws std::bad_alloc, and then nothing has
   /// changed.
   void reserve(U32 count) {
     if (count <= mostInSmall) return;
@@ -323,7 +326,6 @@ class HashTable {
     return static_cast<U32>(bits[0] | bits[1] | bits[2] | bits[3]);
 #endif
   }
-  static constexpr U32 allBits = (1u << near) - 1;
 
   // Which of the `near` places from there on are used, as bits.
   U32 usedFrom(U32 at) const {
@@ -470,7 +472,7 @@ class HashTable {
     return next > last ? next : 0;
   }
 
-  // Memory follows the size down: when the table is nearly empty, else at every power of two below an eighth, unless
+  // Memory follows the size down: when the table is nearly empty, else at every power of two below a tenth, unless
   // what is left lies so close together that it would make a long run.
   [[gnu::noinline]] void shrink() {
     Shape const shape = size_ <= mostInSmall / 2 ? Shape{0, mostInSmall} : shapeOf(4 * size_);

@@ -2,13 +2,14 @@
 //
 // The keys lie side by side in leaves of up to 64; where there is more than one leaf, a list of separators says which one
 // is a key's. So a search compares keys that are neighbors in memory, and a walk is a walk over arrays. A leaf that is
-// full is halved, one that gets nearly empty joins its neighbor.
+// full is halved, one that gets nearly empty joins a neighbor that is at most half full with it.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -20,11 +21,17 @@ namespace Vel {
 /// removing needs no memory.
 template <class K>
 class OrderedSet {
+  static_assert(std::is_nothrow_move_constructible_v<K> && std::is_nothrow_move_assignable_v<K>,
+                "keys move aside for others, which must not fail half-way");
   using Leaf = std::vector<K>;
 
  public:
   /// What the set holds.
   using Key = K;
+
+  OrderedSet() = default;
+  OrderedSet(OrderedSet const&) = delete;
+  OrderedSet& operator=(OrderedSet const&) = delete;
 
   class Cursor {
    public:
@@ -169,16 +176,22 @@ class OrderedSet {
       separators.insert(separators.begin() + place, std::move(separator));
     }
 
-    // Joins a leaf with the one behind it, or before it, if the two leave room to grow. An empty one always goes.
+    // Joins a leaf with the one behind it, or before it, if the two leave room to grow. An empty one always goes. No
+    // memory is needed: where there are several leaves, each has room for `most`.
     void merge(std::size_t index) {
-      if (more.empty()) return;
-      std::size_t const lower = index == more.size() ? index - 1 : index;
+      if (index < more.size() && join(index)) return;
+      if (index > 0) join(index - 1);
+    }
+
+    // The leaf and the one behind it. False if they are too full.
+    bool join(std::size_t lower) {
       Leaf &a = leaf(lower), &b = leaf(lower + 1);
-      if (a.size() + b.size() > most / 2 && !leaf(index).empty()) return;
+      if (a.size() + b.size() > most / 2 && !a.empty() && !b.empty()) return false;
       a.insert(a.end(), std::make_move_iterator(b.begin()), std::make_move_iterator(b.end()));
       auto const place = static_cast<std::ptrdiff_t>(lower);
       more.erase(more.begin() + place);
       separators.erase(separators.begin() + place);
+      return true;
     }
 
     Leaf first;

@@ -98,15 +98,14 @@ bool Reactor::velInUse() {
   return references() != 0;
 }
 
-bool Reactor::velNotifierIs(Entity* notifier) {
-  if (notifier == notifier_) return false;
+void Reactor::velNotifierIs(Entity* notifier) {
+  if (notifier == notifier_) return;
   // Raised before the old one is dropped, which may end it and call out.
   if (notifier && !isNondestructing()) notifier->newRef();
   unlink();
   Entity* const old = std::exchange(notifier_, notifier);
   if (notifier_) link();
   if (old && !isNondestructing()) old->deleteRef();
-  return true;
 }
 
 std::string Reactor::name() const { return fwkType(); }

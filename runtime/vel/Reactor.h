@@ -96,8 +96,8 @@ class VEL_API Reactor : public Counted {
 
   /// The entity watched, or null; not counted.
   Entity* velNotifier() const { return notifier_; }
-  /// Points the reactor at another entity or at none, and registers it there. False if it is the same one.
-  bool velNotifierIs(Entity* notifier);
+  /// Points the reactor at another entity or at none, and registers it there. The same one again is nothing.
+  void velNotifierIs(Entity* notifier);
 
  private:
   friend class Entity;

@@ -180,6 +180,20 @@ TEST(MemoryTest, ACollectionWithRoomForAllThatComeTakesNothingMoreAndLosesNobody
     }
 }
 
+TEST(MemoryTest, AnOrderedSetThatIsThinnedOutGivesItsMemoryBack) {
+  Vel::OrderedSet<Dova::IpGenAddr> set;
+  std::size_t const empty = CountedHeap::liveBytes;
+  for (Vel::U32 n = 0; n < 32'000; ++n) set.insert(address(n));
+  std::size_t const full = CountedHeap::liveBytes - empty;
+  EXPECT_EQ(requestsOf([&] {
+              for (Vel::U32 n = 0; n < 32'000; ++n)
+                if (n % 32 != 0) set.remove(address(n));
+            }),
+            0u);
+  EXPECT_EQ(set.size(), 1000u);
+  EXPECT_LT(CountedHeap::liveBytes - empty, full / 8);
+}
+
 // Texts of one size, too long for the object itself: the set has to copy the key as well.
 TEST(MemoryTest, AnOrderedSetThatGetsNoMemoryIsWhatItWas) {
   struct Text {

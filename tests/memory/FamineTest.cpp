@@ -89,6 +89,12 @@ TEST(FamineDeathTest, AMachineThatHasCaughtUpValidatesItsCountAgain) {
     data->joinPruneGroupData(added)->joinedSourceIs(addr("10.9.0.1"));
     EXPECT_EQ(sm->numPeriodicRoutes(), 12u);  // not counted yet, and nobody complains of it
     sm->numPeriodicRoutesIs(99);
+    {
+      Famine const still(1, ~std::size_t{0} / 2);
+      data->joinPruneGroupDataNotifyImmediate();
+      scene.pass(0.3);
+    }
+    EXPECT_NE(scene.audit(), "");  // neither a notification of all nor an expiry has helped yet
     scene.pass(1);
     EXPECT_EQ(scene.audit(), "");
     EXPECT_EQ(sm->numPeriodicRoutes(), 13u);

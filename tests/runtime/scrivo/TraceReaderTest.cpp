@@ -164,6 +164,10 @@ TEST_F(TraceReaderTest, SaysWhereADamageIsAndWhatItIs) {
   ASSERT_FALSE(cut.damages().empty());
   EXPECT_EQ(cut.damages()[0].offset, 4096 + descriptors[0]);
   EXPECT_STREQ(cut.damages()[0].what, "the end of the file");
+  EXPECT_EQ(cut.descriptors().size(), 1u);
+  // A descriptor that ends where the file does is whole.
+  write("trace", example_.substr(0, 4096 + descriptors[0]));
+  EXPECT_EQ(TraceReader(path()).descriptors().size(), 1u);
 }
 
 TEST_F(TraceReaderTest, ReadsADescriptorThatJustFitsItsArea) {
