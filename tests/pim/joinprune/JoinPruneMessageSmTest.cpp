@@ -746,7 +746,11 @@ TEST_F(JoinPruneMessageSmTest, AReactorThatIsAZombieOrHasLostItsMachineDoesNothi
   };
   EXPECT_FALSE(poke().empty());
   machine->velDoZombieReactors(true);
+  auto const eth1 = intf("eth1", "10.0.1.1/24");
   EXPECT_THAT(poke(), IsEmpty());
+  watcher->onPimIntf(eth1->intfId());
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(sets("10.0.1.1"), "-");
   machine->velDoZombieReactors(false);
   EXPECT_FALSE(poke().empty());
   machine = nullptr;
