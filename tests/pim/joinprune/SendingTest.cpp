@@ -1,11 +1,7 @@
 // The triggered and override channels, from the first change to the last message.
-#include <unistd.h>
-
 #include <cmath>
-#include <filesystem>
 
-#include "runtime/scrivo/Scrivo.h"
-#include "runtime/scrivo/TraceReader.h"
+#include "tests/pim/joinprune/RingTrace.h"
 #include "tests/pim/joinprune/World.h"
 
 namespace Routing::Pim {
@@ -17,31 +13,6 @@ using testing::IsEmpty;
 using Report = Packet::JoinPruneMessage::Report;
 
 constexpr char const* N = "10.0.0.2";
-
-/// A ring trace file for one test.
-class RingTrace {
- public:
-  RingTrace() { Scrivo::TraceFile::open(path_); }
-  ~RingTrace() {
-    Scrivo::TraceFile::close();
-    std::filesystem::remove(path_);
-  }
-  Lines messages() const {
-    Lines lines;
-    for (auto const& event : Scrivo::TraceReader(path_).events())
-      if (event.kind == Scrivo::EventKind::message) lines.push_back(event.text);
-    return lines;
-  }
-  Lines timers() const {
-    Lines lines;
-    for (auto const& event : Scrivo::TraceReader(path_).events())
-      if (event.kind == Scrivo::EventKind::blockTimer) lines.push_back(event.text);
-    return lines;
-  }
-
- private:
-  std::string const path_ = testing::TempDir() + "sending-" + std::to_string(getpid()) + ".trace";
-};
 
 /// What differs between the two channels.
 struct Channel {
