@@ -56,8 +56,8 @@ class Ip6Addr {
   }
   /// Numerically.
   friend bool operator<(Ip6Addr const& a, Ip6Addr const& b) {
-    U64 const highA = a.number(0), highB = b.number(0);
-    return (highA < highB) | ((highA == highB) & (a.number(2) < b.number(2)));
+    __extension__ using U128 = unsigned __int128;
+    return (U128{a.number(0)} << 64 | a.number(2)) < (U128{b.number(0)} << 64 | b.number(2));
   }
 
  private:

@@ -207,14 +207,11 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
       current_ = nullptr;
       return;
     }
-    auto const elementAhead = [&](U32 places) -> Element const* {
-      auto const* const element = table.ahead(position, places);
-      return element ? *element : nullptr;
-    };
-    if (Element const* const later = elementAhead(fetchedAhead)) Prefetch::object(later);
+    auto const* const all = table.all();
+    if (U32 const later = position + fetchedAhead; table.isUsed(later)) Prefetch::object(all[later]);
     if constexpr (requires(Element const& element) { element.velPrefetch(); })
-      if (Element const* const soon = elementAhead(fetchedAhead / 2)) soon->velPrefetch();
-    current_ = Ptr<Element>(table.at(position));
+      if (U32 const soon = position + fetchedAhead / 2; table.isUsed(soon)) all[soon]->velPrefetch();
+    current_ = Ptr<Element>(all[position]);
   }
 
   Entity::Keep owner_;

@@ -60,10 +60,12 @@ class VEL_API Delivery {
  private:
   friend class Entity;
 
+  // Written one by one and read at once: two neighbors would be written as a pair, which some processors cannot pass on
+  // to a read of one of them before it has reached the cache.
   Reactor* at_;
-  Reactor* const last_;
   U32 count_ = 0;
   bool abandoned_ = false;  // nobody refers to the entity any more
+  Reactor* const last_;
   Reactor* snapshot_[capacity];
 };
 
@@ -180,7 +182,7 @@ class VEL_API Entity : public Counted {
 
   // `act` does not throw. It is copied to where it is passed on by its address: in the loop it needs no memory.
   template <class F>
-  [[gnu::noinline]] void velForEachReactor(F act) {
+  void velForEachReactor(F act) {
     Act const any = [](Entity const& self, Reactor& reactor, void const* f) {
       if (reactor.velAccepts(&self)) (*static_cast<F const*>(f))(self, reactor);
     };
@@ -190,13 +192,15 @@ class VEL_API Entity : public Counted {
     }
     Reactor* r = notifiees_;
     Delivery delivery(r);
-    for (delivery_ = &delivery;;) {
+    delivery_ = &delivery;
+    for (;;) {
       if (r->velListens()) act(*this, *r);
       if (delivery.hasSnapshot()) [[unlikely]] {
         F const copy = act;
         return velFinish(any, &copy);
       }
-      if (r == delivery.last()) break;
+      if (r == delivery.last()) [[likely]]
+        break;
       delivery.atIs(r = r->next_);
     }
     delivery_ = nullptr;

@@ -158,7 +158,6 @@ class OrderedSet {
       if (more.empty()) return 0;
       return partition(separators, [&](Key const& separator) { return !(key < separator); });
     }
-    Leaf const& leaf(std::size_t index) const { return index == 0 ? first : more[index - 1]; }
     Leaf& leaf(std::size_t index) { return index == 0 ? first : more[index - 1]; }
 
     // Everything that needs memory comes first.

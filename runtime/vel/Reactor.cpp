@@ -144,6 +144,7 @@ void Reactor::velDoZombieReactors(bool zombie) {
   if (zombie == isZombie()) return;
   if (notifier_) hasNotificationActiveIs(!zombie);
   zombieIs(zombie);
+  flags_ = zombie ? flags_ | retired : flags_ & ~retired;
 }
 
 }  // namespace Vel

@@ -107,6 +107,7 @@ class VEL_API Reactor : public Counted {
   static constexpr U32 inactive = 1;
   static constexpr U32 nondestructing = 2;
   static constexpr U32 unregistered = 4;  // in the list only to be detached when the notifier goes
+  static constexpr U32 retired = 8;       // a zombie: here as well, so that a delivery asks once
 
   void link();
   void unlink();
@@ -115,11 +116,11 @@ class VEL_API Reactor : public Counted {
   /// Whether a pass over `entity`'s reactors still concerns this one. One that was unbound in the pass is
   /// called all the same, as one that was only unregistered.
   bool velAccepts(Entity const* entity) const {
-    return (flags_ & inactive) == 0 && !zombie() && (notifier_ == entity || notifier_ == nullptr);
+    return (flags_ & (inactive | retired)) == 0 && (notifier_ == entity || notifier_ == nullptr);
   }
 
   /// Whether it is to be called, while it stands in its notifier's list.
-  bool velListens() const { return (flags_ & (inactive | unregistered)) == 0 && !zombie(); }
+  bool velListens() const { return (flags_ & (inactive | unregistered | retired)) == 0; }
 
   U32 flags_ = 0;
   Entity* notifier_ = nullptr;

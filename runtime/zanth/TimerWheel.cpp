@@ -11,6 +11,11 @@ namespace {
 
 constexpr Seconds ticksPerSecond = 1024;
 
+// By itself, so that arming a timer has no registers to save for it.
+[[noreturn, gnu::noinline, gnu::cold]] void throwNaN() {
+  throw Vel::InvalidArgumentException("a timer cannot be armed for NaN");
+}
+
 }  // namespace
 
 TimerWheel::TimerWheel()
@@ -48,7 +53,7 @@ void TimerWheel::append(Link& ring, Notifiee* timer) {
 
 void TimerWheel::insert(Notifiee* timer) {
   U64 const tick = std::max(tickOf(timer->timeMin_), tick_);  // what is late is due in the current slot
-  quietUntil_ = std::min(quietUntil_, timer->timeMin_);
+  timeMin_ = std::min(timeMin_, timer->timeMin_);
   U32 const level = (63 - static_cast<U32>(__builtin_clzll((tick ^ tick_) | 1))) / digitBits;
   U32 const digit = (tick >> level * digitBits) % slotsPerLevel;
   append(slots_[level * slotsPerLevel + digit], timer);
@@ -105,10 +110,9 @@ void TimerWheel::Notifiee::timeMinIs(Seconds time) {
     timeMin_ = time;
     if (!wheel) return;
     wheel->insert(this);
-    wheel->timeMin_ = std::min(wheel->timeMin_, time);
     return;
   }
-  if (std::isnan(time)) throw Vel::InvalidArgumentException("a timer cannot be armed for NaN");
+  if (std::isnan(time)) throwNaN();
   if (previous) {
     wheel->remove(this);
     --wheel->armedCount_;
@@ -164,7 +168,8 @@ void TimerWheel::collectDue(Seconds now) {
   U32 dueCount = 0;
   U32 slot = 0;
   U64 startTick = 0;
-  quietUntil_ = Vel::never;
+  timeMin_ = Vel::never;
+  timeMinKnown_ = false;
   for (bool current = false; !current && firstSlot(slot, startTick) && startTick <= nowTick;) {
     current = slot < slotsPerLevel && startTick == nowTick;  // its later timers stay in it
     tick_ = std::max(tick_, startTick);
@@ -187,7 +192,7 @@ void TimerWheel::collectDue(Seconds now) {
   *end = nullptr;
   tick_ = nowTick;
   if (firstSlot(slot, startTick))
-    quietUntil_ = std::min(quietUntil_, static_cast<Seconds>(startTick) / ticksPerSecond);
+    timeMin_ = std::min(timeMin_, static_cast<Seconds>(startTick) / ticksPerSecond);
   for (Link* timer = sorted(due, dueCount); timer;) {
     Link* const following = timer->following;
     append(slots_[dueSlot], static_cast<Notifiee*>(timer));
@@ -199,7 +204,7 @@ void TimerWheel::expire() {
   if (expiring_) return;
   Vel::Ptr<TimerWheel> const keep(this);  // the clock is somebody's code, too
   Seconds const at = now();
-  if (at >= quietUntil_) callDue(at);
+  if (at >= timeMin_) callDue(at);
 }
 
 void TimerWheel::callDue(Seconds at) {

@@ -132,12 +132,12 @@ class VEL_API TimerWheel : public Vel::Entity {
 
   Clock clock_;
   U64 tick_ = 0;
-  Seconds quietUntil_ =
-      Vel::never;  // no timer is due before: a loop that comes by for other reasons is done at once
   U32 armedCount_ = 0;
   bool expiring_ = false;
-  mutable bool timeMinKnown_ = true;
+  // No timer is due before: a loop that comes by for other reasons is done at once. The earliest time itself only while
+  // that is known; what has been called since, or disarmed, may have been the earliest.
   mutable Seconds timeMin_ = Vel::never;
+  mutable bool timeMinKnown_ = true;
   // A bit for each slot of a level that has timers, or has had some since it was last looked at: a timer that goes does
   // not look back.
   mutable U64 occupied_[levels] = {};

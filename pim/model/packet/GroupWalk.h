@@ -45,15 +45,16 @@ class GroupWalk {
   }
 
   void fetch() {
-    fetched_ = place_.position + together;
-    for (U32 i = 0; i < together; ++i)
-      if (auto const* const group = groups_->ahead(place_.position, i)) read((*group)->references());
+    U32 const first = place_.position;
+    fetched_ = first + together;
+    auto const* const all = groups_->all();
+    for (U32 at = first; at < fetched_; ++at)
+      if (groups_->isUsed(at)) read(all[at]->references());
     // The pages are at hand now, so the rest can be asked for.
-    for (U32 i = 0; i < together; ++i) {
-      auto const* const group = groups_->ahead(place_.position, i);
-      if (!group) continue;
-      Vel::Prefetch::object(*group);
-      (*group)->velPrefetch();
+    for (U32 at = first; at < fetched_; ++at) {
+      if (!groups_->isUsed(at)) continue;
+      Vel::Prefetch::object(all[at]);
+      all[at]->velPrefetch();
     }
   }
 

@@ -510,6 +510,26 @@ TEST(OrderedSetTest, AgreesWithAStandardSetThroughThousandsOfKeys) {
     }
 }
 
+// Whatever the key does to its leaf, the walk goes on from where it stands to the last key.
+TEST(OrderedSetTest, AWalkThatStandsMeetsAKeyThatIsAddedAheadOfIt) {
+  for (U32 count = 1; count <= 200; ++count)
+    for (U32 const added : {3u, count / 2 * 2 + 1, 2 * count + 1}) {
+      SCOPED_TRACE(std::to_string(count) + " keys, then " + std::to_string(added));
+      Ordered<Dova::IpGenAddr> set;
+      std::set<Dova::IpGenAddr> model;
+      for (U32 n = 1; n <= count; ++n) {
+        set.add(address(2 * n));
+        model.insert(address(2 * n));
+      }
+      auto walk = set.walk();
+      set.add(address(added));
+      if (address(2) < address(added)) model.insert(address(added));
+      std::vector<Dova::IpGenAddr> met;
+      for (; walk && met.size() <= model.size(); ++walk) met.push_back(walk.key());
+      EXPECT_THAT(met, ElementsAreArray(model.begin(), model.end()));
+    }
+}
+
 TEST(HashTableTest, ReversingTheBitsOfAHashPutsTheLowestFirst) {
   EXPECT_EQ(bitReverse(0), 0u);
   EXPECT_EQ(bitReverse(1), 0x80000000u);
