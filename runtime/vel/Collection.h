@@ -234,25 +234,32 @@ class HashSet {
 
   class Cursor {
    public:
-    bool first(HashSet const& set) { return arriveAt(set, set.table_.first()); }
-    bool after(HashSet const& set, Key const& key) { return arriveAt(set, set.table_.after(key)); }
+    bool first(HashSet const& set) { return arriveAt(set.table_, set.table_.first()); }
+    bool after(HashSet const& set, Key const& key) { return arriveAt(set.table_, set.table_.after(key)); }
     bool next(HashSet const& set) {
       auto const& table = set.table_;
-      return arriveAt(set, table.epoch() == epoch_ ? table.next(place_) : table.after(key_));
+      if (table.epoch() != epoch_) return arriveAt(table, table.after(key_));
+      place_ = table.next(place_);
+      return take(table);
     }
     Key const& key() const { return key_; }
 
    private:
-    bool arriveAt(HashSet const& set, typename Table::Place place) {
+    bool arriveAt(Table const& table, typename Table::Place place) {
       place_ = place;
-      epoch_ = set.table_.epoch();
-      if (place.position == set.table_.end()) return false;
-      key_ = set.table_.keyAt(place.position);
+      all_ = table.all();
+      epoch_ = table.epoch();
+      return take(table);
+    }
+    bool take(Table const& table) {
+      if (place_.position == table.end()) return false;
+      key_ = Slot::key(table.tagAt(place_.position), all_[place_.position]);
       return true;
     }
 
     Key key_;
     typename Table::Place place_;
+    typename Table::Stored const* all_ = nullptr;  // while the table is unchanged
     U32 epoch_ = 0;
   };
 

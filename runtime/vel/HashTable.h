@@ -211,9 +211,9 @@ class HashTable {
   U32 markAt(U32 position) const {
     return isInside() ? Slot::mark(keyAt(position)) : compared(many_.marks[position]);
   }
-  decltype(auto) keyAt(U32 position) const {
-    return Slot::key(isInside() ? inside_.tag : compared(many_.marks[position]), stored()[position]);
-  }
+  /// A number with the tag of what stands at a position, as `Slot::key()` takes it.
+  U32 tagAt(U32 position) const { return isInside() ? inside_.tag : compared(many_.marks[position]); }
+  decltype(auto) keyAt(U32 position) const { return Slot::key(tagAt(position), stored()[position]); }
 
   /// The position of a walk that is over.
   static constexpr U32 end() { return none; }
