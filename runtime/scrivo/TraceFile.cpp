@@ -46,7 +46,7 @@ class NewFile {
  public:
   NewFile(std::string const& path, U64 bytes) : path_(path), temporary_(path + ".XXXXXX"), bytes_(bytes) {
     descriptor_ = mkostemp(temporary_.data(), O_CLOEXEC);
-    if (descriptor_ < 0) refuse(path_, errno);
+    if (descriptor_ == -1) refuse(path_, errno);
   }
   NewFile(NewFile const&) = delete;
   NewFile& operator=(NewFile const&) = delete;

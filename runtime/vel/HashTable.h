@@ -162,7 +162,7 @@ class HashTable {
   /// changed.
   void reserve(U32 count) {
     if (count <= mostInSmall) return;
-    Shape const wanted = shapeOf(std::max(2 * mostInSmall, count + count / 4 + 1));
+    Shape const wanted = shapeOf(std::max(2 * mostInSmall, count + count / 7 + 1));
     if (wanted.buckets > shape().buckets) rehash(allocated(wanted), wanted);
   }
 
@@ -174,7 +174,7 @@ class HashTable {
   };
 
   Place first() const {
-    if (isInside()) return {size_ != 0 ? 0 : end(), 0};
+    if (isInside()) return {size_ != 0 ? 0 : end()};
     Place const place = from(many_.low);
     if (place.position != end()) many_.low = place.position;
     return place;
@@ -184,7 +184,7 @@ class HashTable {
     U32 base = place.position / near * near;
     while (place.used == 0) {
       base += near;
-      if (base >= many_.places) return {end(), 0};
+      if (base >= many_.places) return {end()};
       place.used = usedFrom(base);
     }
     place.position = base + static_cast<U32>(__builtin_ctz(place.used));
@@ -196,8 +196,8 @@ class HashTable {
   Place after(Key const& key) const {
     U32 const mark = Slot::mark(key);
     if (isInside()) {
-      bool const isBehind = size_ != 0 && (mark != markAt(0) ? mark < markAt(0) : key < keyAt(0));
-      return {isBehind ? 0 : end(), 0};
+      bool const isBehind = size_ != 0 && (mark < markAt(0) || (mark == markAt(0) && key < keyAt(0)));
+      return {isBehind ? 0 : end()};
     }
     U32 at = firstNotBefore(mark);
     for (; holdsMark(at, mark) && !(key < keyAt(at)); ++at) {
@@ -249,7 +249,7 @@ class HashTable {
   static constexpr U32 near = mostInSmall;  // places that a search looks at together
   static constexpr U32 longTail = 64;
 
-  // Uniform hashes make no run of this length in a table that is never fuller.
+  // Uniform hashes make no run of this length in a table that keeps an eighth free.
   static constexpr U32 longRun = 1024;
 
   // Nothing to construct and nothing to destroy.
@@ -271,9 +271,10 @@ class HashTable {
     return shapeOf(buckets < many ? 2 * buckets : buckets + buckets / 2);
   }
 
-  // Three sixteenths stay free: with an eighth, what is inserted last into a table would move twice as many.
+  // With more than an eighth free, less would move aside for what comes last, but a table that has just doubled would take
+  // more than 48 bytes an address.
   bool isFull() const {
-    return many_.buckets == 0 ? size_ == many_.places : size_ >= many_.buckets - many_.buckets / 16 * 3;
+    return many_.buckets == 0 ? size_ == many_.places : size_ >= many_.buckets - many_.buckets / 8;
   }
 
   // One piece of memory: the marks, and behind them what is stored.
@@ -338,7 +339,7 @@ class HashTable {
 
   // The first used place from a position on.
   Place from(U32 position) const {
-    if (position >= many_.places) return {end(), 0};
+    if (position >= many_.places) return {end()};
     U32 const base = position / near * near;
     return next({base, usedFrom(base) & (~U32{0} << position % near)});
   }

@@ -135,6 +135,55 @@ TEST(MemoryTest, ALargeSetTakesAtMostFortyEightBytesASource) {
   EXPECT_LE(liveBytes - before, 1024u);
 }
 
+// Four bytes of mark and sixteen of address a place; eight marks more where there are buckets.
+TEST(MemoryTest, ASetGrowsFromNothingToEightPlacesAndThenDoublesWhenSevenEighthsAreTaken) {
+  auto const bytesWith = [](std::size_t buckets) {
+    std::size_t const places = buckets + std::min<std::size_t>(64, 8 + buckets / 8);
+    return places * 20 + 8 * 4;
+  };
+  struct Step {
+    U32 upTo;
+    std::size_t bytes;
+  };
+  Step const growing[] = {{1, 0},
+                          {2, 2 * 20},
+                          {4, 4 * 20},
+                          {8, 8 * 20},
+                          {14, bytesWith(16)},
+                          {28, bytesWith(32)},
+                          {56, bytesWith(64)},
+                          {112, bytesWith(128)},
+                          {224, bytesWith(256)},
+                          {448, bytesWith(512)},
+                          {896, bytesWith(1024)},
+                          {1000, bytesWith(2048)}};
+  Vel::HashSet<Dova::IpGenAddr> sources;
+  std::size_t const before = liveBytes;
+  U32 count = 0;
+  for (Step const& step : growing)
+    while (count < step.upTo) {
+      sources.insert(address(count++));
+      ASSERT_EQ(liveBytes - before, step.bytes) << count;
+    }
+  // And back, when a tenth is left and the number is a power of two.
+  Step const shrinking[] = {
+      {128, bytesWith(2048)}, {32, bytesWith(512)}, {8, bytesWith(128)}, {2, bytesWith(32)}, {0, 8 * 20}};
+  for (Step const& step : shrinking)
+    while (count > step.upTo) {
+      ASSERT_EQ(liveBytes - before, step.bytes) << count;
+      sources.remove(address(--count));
+    }
+  EXPECT_EQ(liveBytes - before, 8u * 20);
+}
+
+TEST(MemoryTest, FourOfFortyNeedNoBuckets) {
+  Vel::HashSet<Dova::IpGenAddr> sources;
+  std::size_t const before = liveBytes;
+  for (U32 n = 0; n < 40; ++n) sources.insert(address(n));
+  for (U32 n = 40; n > 4; --n) sources.remove(address(n - 1));
+  EXPECT_EQ(liveBytes - before, 8u * 20);
+}
+
 TEST(MemoryTest, AnEmptyCollectionTakesNothing) {
   EXPECT_EQ(
       requestsOf([] {

@@ -905,6 +905,18 @@ TEST_F(JoinPruneMessageSmTest, TargetsThatAreMadeWhileTheMachineIsSwitchedOffAre
   EXPECT_EQ(wheel->armedCount(), 1u);
 }
 
+TEST_F(JoinPruneMessageSmTest, AnInterfaceThatIsHandedOverWhileTheMachineIsSwitchedOffWaitsWithIt) {
+  start();
+  machine->hasNotificationActiveIs(false);
+  auto const eth1 = Vel::create<Intf>(Dova::IntfId("eth1"));
+  auto const reactor = machine->pimIntfIs(eth1);
+  EXPECT_FALSE(reactor->hasNotificationActive());
+  eth1->usedAddressWithMaskIs(Dova::IpGenPrefix(addr("10.1.0.1"), 24));
+  EXPECT_FALSE(machine->joinPruneNeighborSm(addr("10.1.0.1")));
+  machine->hasNotificationActiveIs(true);
+  EXPECT_TRUE(reactor->hasNotificationActive());
+}
+
 TEST_F(JoinPruneMessageSmTest, AMachineMayBeDroppedWhileAllItsInterfacesAreDeleted) {
   class Dropper final : public JoinPruneStatus::NotifieeConst {
    public:

@@ -368,7 +368,9 @@ TEST_F(JoinPruneNeighborSmTest, TheSameGroupDataAgainKeepsItsReactorAndAnotherOb
   auto const reactor = neighborSm->triggeredGroupData(addr(G));
   EXPECT_TRUE(neighborSm->triggeredGroupDataIs(first) == reactor);
   auto const second = Vel::create<Packet::JoinPruneGroupData>(addr(G));
+  reactor->hasNotificationActiveIs(false);
   EXPECT_TRUE(neighborSm->triggeredGroupDataIs(second) == reactor);
+  EXPECT_TRUE(reactor->hasNotificationActive());
   log.clear();
   first->joinedSourceIs(addr(S));
   EXPECT_THAT(log.take(), IsEmpty());
