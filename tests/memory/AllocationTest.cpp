@@ -176,12 +176,35 @@ TEST(MemoryTest, ASetGrowsFromNothingToEightPlacesAndThenDoublesWhenSevenEighths
   EXPECT_EQ(liveBytes - before, 8u * 20);
 }
 
+TEST(MemoryTest, TheOneThatLiesInsideASetGoesWithIt) {
+  struct Text {
+    std::string text;
+    U32 hash() const { return Vel::hashText(text); }
+    bool operator==(Text const&) const = default;
+    bool operator<(Text const& other) const { return text < other.text; }
+  };
+  std::size_t const before = liveBytes;
+  {
+    Vel::HashSet<Text> set;
+    set.insert({std::string(100, 'x')});
+    EXPECT_GE(liveBytes - before, 100u);
+  }
+  EXPECT_EQ(liveBytes, before);
+}
+
 TEST(MemoryTest, FourOfFortyNeedNoBuckets) {
   Vel::HashSet<Dova::IpGenAddr> sources;
   std::size_t const before = liveBytes;
   for (U32 n = 0; n < 40; ++n) sources.insert(address(n));
   for (U32 n = 40; n > 4; --n) sources.remove(address(n - 1));
   EXPECT_EQ(liveBytes - before, 8u * 20);
+}
+
+TEST(MemoryTest, DeletingAllOfACollectionTakesOneListOfThem) {
+  auto const lamp = Vel::create<Vel::Lamp>();
+  for (U32 n = 0; n < 8; ++n) lamp->bulbIs(address(n));  // no more, so that the table itself stays as it is
+  EXPECT_EQ(requestsOf([&] { lamp->bulbDelAll(); }), 1u);
+  EXPECT_EQ(lamp->bulbCount(), 0u);
 }
 
 TEST(MemoryTest, AnEmptyCollectionTakesNothing) {
