@@ -308,6 +308,19 @@ TYPED_TEST(ContainerTest, AWalkIsResumedBehindAnyKeyWhetherOrNotItIsThere) {
   }
 }
 
+TYPED_TEST(ContainerTest, AWalkIsResumedBeforeTheOnlyKeyButNotBehindIt) {
+  using Key = typename TypeParam::Key;
+  for (U32 only = 0; only < 8; ++only) {
+    TypeParam container;
+    typename TypeParam::Model model{keyOf<Key>(only)};
+    container.add(keyOf<Key>(only));
+    for (U32 n = 0; n < 8; ++n)
+      EXPECT_EQ(static_cast<bool>(container.walkAfter(keyOf<Key>(n))),
+                model.upper_bound(keyOf<Key>(n)) != model.end())
+          << keyOf<Key>(only) << " behind " << keyOf<Key>(n);
+  }
+}
+
 TYPED_TEST(ContainerTest, AWalkThatDrainsFromTheFrontMeetsEachKeyOnceEvenIfSomeComeBack) {
   using Key = typename TypeParam::Key;
   for (unsigned seed = 1; seed <= 3; ++seed) {
