@@ -109,6 +109,8 @@ class VEL_API Reactor : public Counted {
   static constexpr U32 unregistered = 4;  // in the list only to be detached when the notifier goes
   static constexpr U32 retired = 8;       // a zombie: here as well, so that a delivery asks once
 
+  using Counted::zombieIs;  // by velDoZombieReactors() alone, which keeps `retired` in step
+
   void link();
   void unlink();
   bool velInUse() override;
