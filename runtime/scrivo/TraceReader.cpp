@@ -294,6 +294,7 @@ void TraceReader::sortByTime() {
   for (Event const& event : events_) order.emplace_back(event.counter, order.size());
   std::sort(order.begin(), order.end());
   std::vector<Event> sorted;
+  sorted.reserve(events_.size());
   for (auto const& [counter, index] : order) sorted.push_back(std::move(events_[index]));
   events_ = std::move(sorted);
 }
