@@ -1,10 +1,19 @@
 #include "pim/joinprune/JoinPruneMessageSm.h"
 
+#include <cmath>
+
 #include "pim/joinprune/JoinPruneTrace.h"
 #include "pim/joinprune/NestedReactor.h"
 #include "runtime/vel/Assert.h"
 
 namespace Routing::Pim {
+
+namespace {
+
+// After a failure for want of memory, in seconds.
+constexpr Seconds catchUpDelay = 0.1;
+
+}  // namespace
 
 // --- Life ----------------------------------------------------------------------------------------
 
@@ -22,7 +31,8 @@ JoinPruneMessageSm::JoinPruneMessageSm(
       pimStatus_(reactorOn<VelPimStatus>(pimStatus, this)),
       rxMessageInfo_(reactorOn<VelRxMessageInfo>(rxMessageInfo, this)),
       pimPamManager_(reactorOn<VelPimPamManager>(pimPamManager, this)),
-      timerWheel_(reactorOn<VelTimerWheel>(timerWheel, this)) {}
+      timerWheel_(reactorOn<VelTimerWheel>(timerWheel, this)),
+      catchUpTimer_(reactorOn<VelCatchUpTimer>(timerWheel, this)) {}
 
 Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
     Vel::Ptr<JoinPruneStatus> joinPruneStatus, Vel::Ptr<JoinPruneFilter const> joinPruneFilter,
@@ -30,30 +40,28 @@ Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
     Vel::Ptr<JoinPruneMessageInfo> rxJoin, Vel::Ptr<JoinPruneMessageInfo> rxPrune,
     Vel::Ptr<IO::MessageInfo> rxMessageInfo, Vel::Ptr<IO::PamManager> pimPamManager,
     Vel::Ptr<Zanth::TimerWheel> timerWheel) {
-  auto const sm = Vel::valid(Vel::create<JoinPruneMessageSm>(joinPruneStatus, joinPruneFilter, pimStatus,
-                                                             rpHashComputeStatus, rxJoin, rxPrune,
-                                                             rxMessageInfo, pimPamManager, timerWheel));
-  sm->velStart();
-  return sm;
-}
-
-void JoinPruneMessageSm::velStart() {
-  if (joinPruneStatus_) joinPruneStatus_->velMachineIs(this);
+  auto const sm = Vel::Ptr<JoinPruneMessageSm>::owning(
+      new JoinPruneMessageSm(joinPruneStatus, joinPruneFilter, pimStatus, rpHashComputeStatus, rxJoin,
+                             rxPrune, rxMessageInfo, pimPamManager, timerWheel));
+  if (joinPruneStatus) joinPruneStatus->velMachineIs(sm.get());
   // Before the interfaces: their machines are given the message too.
-  txMessageIs();
-  if (pimStatus_) syncPimIntf();
-  handleInitialized();
+  sm->txMessageIs();
+  if (pimStatus) sm->syncPimIntf();
+  sm->handleInitialized();
+  return sm;
 }
 
 void JoinPruneMessageSm::handleInitialized() {
   JOIN_PRUNE_BLOCK_TIMER();
-  Hold const hold(this);
+  if (!start()) return;
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(8, this, "()");
+  if (retired()) return;
   txMessageIs();
   handleNeighbor();
   // What is left of neighbors that vanished while there was no machine.
   if (Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus()) {
-    for (auto i = periodic->upJoinPruneIterator(); i && !hold.gone(); ++i) {
+    for (auto i = periodic->upJoinPruneIterator(); i && !retired(); ++i) {
       Dova::IpGenAddr const address = i.key();
       JoinPruneNeighborSm const* const sm = joinPruneNeighborSm_.find(address);
       if (listedNeighbor(address) || (sm && !sm->neighbor())) continue;
@@ -61,16 +69,22 @@ void JoinPruneMessageSm::handleInitialized() {
       handleNeighbor(address);
     }
   }
-  initializedIs(true);
+  if (!retired()) initializedIs(true);
 }
 
 void JoinPruneMessageSm::doTeardown() {
-  // First it turns deaf, so that nobody can make it take up anything new while it goes.
+  // First it turns deaf, so that nothing can make it take up anything new from here on.
   retire();
   if (pimStatus_) unhook(*pimStatus_);
   if (rxMessageInfo_) unhook(*rxMessageInfo_);
-  pimIntfDelAll();
-  joinPruneNeighborSmDelAll();
+  if (catchUpTimer_) {
+    catchUpTimer_->timeMinIs(Vel::never);
+    unhook(*catchUpTimer_);
+  }
+  // By iterators, which need no memory: what is short must not keep anything live.
+  for (auto i = joinPruneNeighborSmIterator(); i; ++i) i->velRetire();
+  for (auto i = pimIntfIterator(); i; ++i) removePimIntf(i.key());
+  for (auto i = joinPruneNeighborSmIterator(); i; ++i) removeJoinPruneNeighborSm(i.key());
   if (pimPamManager_) unhook(*pimPamManager_);
   if (timerWheel_) unhook(*timerWheel_);
   if (joinPruneStatus_ && joinPruneStatus_->velMachine() == this) joinPruneStatus_->velMachineIs(nullptr);
@@ -83,12 +97,12 @@ JoinPruneMessageSm::~JoinPruneMessageSm() {
   auto const forget = [](auto const&... reactors) {
     ((reactors ? reactors->joinPruneMessageSmIs(nullptr) : void()), ...);
   };
-  forget(pimStatus_, rxMessageInfo_, pimPamManager_, timerWheel_);
+  forget(pimStatus_, rxMessageInfo_, pimPamManager_, timerWheel_, catchUpTimer_);
 }
 
 void JoinPruneMessageSm::velVisitReactors(ReactorVisitor const& visit) {
   auto const visitAll = [&visit](auto const... reactors) { ((reactors ? visit(*reactors) : void()), ...); };
-  visitAll(pimStatus_, rxMessageInfo_, pimPamManager_, timerWheel_);
+  visitAll(pimStatus_, rxMessageInfo_, pimPamManager_, timerWheel_, catchUpTimer_);
   for (auto i = pimIntfIterator(); i; ++i) visit(*i);
 }
 
@@ -97,6 +111,7 @@ Vel::Ptr<Packet::JoinPruneMessage> JoinPruneMessageSm::txMessageIs() {
 }
 
 Vel::Ptr<Packet::JoinPruneMessage> JoinPruneMessageSm::newTxMessage() {
+  if (retired()) return txMessage_;
   auto const made = Vel::create<Packet::JoinPruneMessage>();
   txMessage_ = made;
   velDeliver<NotifieeConst, txMessageId>([](NotifieeConst& r) { r.onTxMessage(); });
@@ -149,7 +164,7 @@ bool JoinPruneMessageSm::succeeded() const {
 template <class Wanted>
 void JoinPruneMessageSm::closeTarget(Dova::IpGenAddr const& address, Wanted const& wanted) {
   auto const stays = [&] { return wanted() || succeeded(); };
-  joinPruneNeighborSmDel(address);
+  removeJoinPruneNeighborSm(address);
   if (stays()) return;
   if (joinPruneStatus_) joinPruneStatus_->triggeredGroupDel(address);
   if (stays()) return;
@@ -158,12 +173,24 @@ void JoinPruneMessageSm::closeTarget(Dova::IpGenAddr const& address, Wanted cons
   if (Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus()) periodic->upJoinPruneDel(address);
 }
 
+// Displaces the machine that is there, if there is one. No callback runs between its removal and the
+// insertion of the new one, so nothing can take the place meanwhile.
 void JoinPruneMessageSm::startTarget(Target const& target, Dova::IpGenAddr const& address,
                                      Vel::Ptr<Neighbor const> const& neighbor,
                                      Vel::Ptr<Intf const> const& intf) {
-  joinPruneNeighborSmIs(this, address, neighbor, intf, target.triggered, target.override, target.periodic,
-                        notifierOf(timerWheel_), intf ? intf->usedOverrideIntervalInSeconds() : 0,
-                        notifierOf(pimPamManager_), txMessage_);
+  auto const sm = JoinPruneNeighborSm::velConstruct(this, address, neighbor, intf, target.triggered,
+                                                    target.override, target.periodic, notifierOf(timerWheel_),
+                                                    intf ? intf->usedOverrideIntervalInSeconds() : 0,
+                                                    notifierOf(pimPamManager_), txMessage_);
+  Vel::Ptr<JoinPruneNeighborSm> const displaced(joinPruneNeighborSm_.find(address));
+  if (displaced) {
+    joinPruneNeighborSm_.replace(sm);
+    displaced->velRetire();
+  } else {
+    joinPruneNeighborSm_.insert(sm);
+  }
+  startMachine(*sm);
+  if (joinPruneNeighborSm_.find(address) == sm.get()) joinPruneNeighborSmNotify(address);
 }
 
 Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::joinPruneNeighborSmIs(
@@ -186,17 +213,11 @@ Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::joinPruneNeighborSmIs(
     requireSameParameter("_txMessage", txMessage, present->txMessage());
     return present;
   }
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   auto const sm =
       newJoinPruneNeighborSm(parentSm, neighborAddr, neighbor, intf, triggeredGroup, overrideGroup,
                              periodicGroup, timerWheel, overrideInterval, pimPamManager, txMessage);
-  try {
-    sm->velStart();
-  } catch (...) {
-    joinPruneNeighborSmDel(neighborAddr);  // half a machine is worse than none
-    throw;
-  }
-  if (joinPruneNeighborSm_.find(neighborAddr) == sm.get()) joinPruneNeighborSmNotify(neighborAddr);
+  if (sm && joinPruneNeighborSm_.find(neighborAddr) == sm.get()) joinPruneNeighborSmNotify(neighborAddr);
   return sm;
 }
 
@@ -206,16 +227,36 @@ Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::newJoinPruneNeighborSm(
     Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
     Vel::Ptr<Zanth::TimerWheel> timerWheel, double const& overrideInterval,
     Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage) {
-  auto const sm = Vel::valid(Vel::create<JoinPruneNeighborSm>(
-      parentSm, neighborAddr, neighbor, intf, triggeredGroup, overrideGroup, periodicGroup, timerWheel,
-      overrideInterval, pimPamManager, txMessage));
+  if (retired()) return nullptr;
+  Vel::MemoryHold const memory(this);
+  auto const sm = JoinPruneNeighborSm::velConstruct(parentSm, neighborAddr, neighbor, intf, triggeredGroup,
+                                                    overrideGroup, periodicGroup, timerWheel,
+                                                    overrideInterval, pimPamManager, txMessage);
   joinPruneNeighborSm_.insert(sm);
+  startMachine(*sm);
   return sm;
+}
+
+// A machine is in its place before it is started, so that what its start calls can find it and take it away.
+void JoinPruneMessageSm::startMachine(JoinPruneNeighborSm& sm) {
+  try {
+    sm.velStart();
+  } catch (...) {
+    // Half a machine is worse than none.
+    if (joinPruneNeighborSm_.find(sm.neighborAddr()) == &sm) removeJoinPruneNeighborSm(sm.neighborAddr());
+    throw;
+  }
 }
 
 Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::joinPruneNeighborSmDel(
     Dova::IpGenAddr const& neighborAddr) {
-  Hold const hold(this);
+  return retired() ? nullptr : removeJoinPruneNeighborSm(neighborAddr);
+}
+
+// Also while this machine is being retired.
+Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::removeJoinPruneNeighborSm(
+    Dova::IpGenAddr const& neighborAddr) {
+  Vel::MemoryHold const memory(this);
   Vel::Ptr<JoinPruneNeighborSm> const removed = joinPruneNeighborSm_.remove(neighborAddr);
   if (removed) {
     removed->velRetire();
@@ -230,7 +271,7 @@ Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::joinPruneNeighborSmDel(
 }
 
 void JoinPruneMessageSm::joinPruneNeighborSmDelAll() {
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   for (auto const& sm : joinPruneNeighborSm_.elements())
     if (joinPruneNeighborSm_.find(sm->neighborAddr()) == sm.get()) joinPruneNeighborSmDel(sm->neighborAddr());
 }
@@ -244,26 +285,28 @@ Vel::Ptr<Neighbor const> JoinPruneMessageSm::listedNeighbor(Dova::IpGenAddr cons
 
 void JoinPruneMessageSm::handleNeighbor() {
   JOIN_PRUNE_BLOCK_TIMER();
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(2, this, "()");
   Vel::Ptr<Status const> const status = notifierOf(pimStatus_);
-  if (!status) return;
-  for (auto i = status->pimNeighborIterator(); i && !hold.gone(); ++i) handleNeighbor(i.key());
+  if (!status || retired()) return;
+  for (auto i = status->pimNeighborIterator(); i && !retired(); ++i) handleNeighbor(i.key());
 }
 
 void JoinPruneMessageSm::handleNeighbor(Dova::IpGenAddr const& changed) {
   JOIN_PRUNE_BLOCK_TIMER();
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   Dova::IpGenAddr const address = changed;
-  if (hold.gone()) return;
+  if (retired()) return;
   JOIN_PRUNE_TRACE(8, this, '(' << address << ')');
+  if (retired()) return;
   Vel::Ptr<Neighbor const> const neighbor = listedNeighbor(address);
   if (!neighbor) {
     JOIN_PRUNE_TRACE(2, this, '(' << address << "), Neighbor down");
-    doMaybeDeleteNeighbor(address);
+    if (!retired()) doMaybeDeleteNeighbor(address);
     return;
   }
   JOIN_PRUNE_TRACE(2, this, '(' << address << "), Neighbor up");
+  if (retired() || listedNeighbor(address) != neighbor) return;
   if (joinPruneNeighborSm(address)) {
     JOIN_PRUNE_TRACE(
         2, this,
@@ -273,32 +316,87 @@ void JoinPruneMessageSm::handleNeighbor(Dova::IpGenAddr const& changed) {
                "interface.");
     return;
   }
-  Target target;
-  if (openTarget(target, address, [&] {
-        return !hold.gone() && listedNeighbor(address) == neighbor && !joinPruneNeighborSm(address);
-      }))
-    startTarget(target, address, neighbor, neighbor->intf());
+  try {
+    Target target;
+    if (openTarget(target, address, [&] {
+          return !retired() && listedNeighbor(address) == neighbor && !joinPruneNeighborSm(address);
+        }))
+      startTarget(target, address, neighbor, neighbor->intf());
+  } catch (...) {
+    fallBehind();
+    throw;
+  }
 }
 
-void JoinPruneMessageSm::doMaybeDeleteNeighbor(Dova::IpGenAddr const& gone) {
+void JoinPruneMessageSm::doMaybeDeleteNeighbor(Dova::IpGenAddr const& vanished) {
   JOIN_PRUNE_BLOCK_TIMER();
-  Hold const hold(this);
-  Dova::IpGenAddr const address = gone;  // the caller's may go with what is deleted here
+  Vel::MemoryHold const memory(this);
+  Dova::IpGenAddr const address = vanished;  // the caller's may end with what is deleted here
   JOIN_PRUNE_TRACE(8, this, '(' << address << ')');
-  if (listedNeighbor(address)) return;
+  if (retired() || listedNeighbor(address)) return;
   Vel::Ptr<JoinPruneNeighborSm> const sm = joinPruneNeighborSm(address);
-  if (sm && !sm->neighbor()) return;  // an interface's own address: its machine goes with the interface
-  auto const wanted = [&] {
-    return hold.gone() || listedNeighbor(address) || joinPruneNeighborSm(address) != nullptr;
-  };
-  if (Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus()) {
+  if (sm && !sm->neighbor()) return;  // an interface's own address: its machine is removed with the interface
+  try {
+    Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus();
     // Deliberately kept while there is something to send: the prunes towards a neighbor that may only be
     // flapping.
-    if (periodic->upJoinPruneIs(address)->joinPruneGroupDataCount() != 0) return;
-    if (hold.gone() || listedNeighbor(address) || joinPruneNeighborSm(address) != sm) return;
+    auto const unneeded = [&] {
+      return !retired() && !listedNeighbor(address) && joinPruneNeighborSm(address) == sm &&
+             (!periodic || periodic->upJoinPruneIs(address)->joinPruneGroupDataCount() == 0);
+    };
+    // The first time it may make the data set, which calls out.
+    if (!unneeded() || !unneeded()) return;
+    JOIN_PRUNE_TRACE(2, this, '(' << address << "), deleting neighbor");
+    if (!unneeded()) return;
+    closeTarget(address, [&] {
+      return retired() || listedNeighbor(address) || joinPruneNeighborSm(address) != nullptr;
+    });
+  } catch (...) {
+    fallBehind();
+    throw;
   }
-  JOIN_PRUNE_TRACE(2, this, '(' << address << "), deleting neighbor");
-  closeTarget(address, wanted);
+}
+
+// --- Want of memory ------------------------------------------------------------------------------
+
+// A target was not made or not removed. It is tried again after a moment, and earlier when an interface, a
+// neighbor or a message is heard of.
+void JoinPruneMessageSm::fallBehind() noexcept {
+  if (retired()) return;
+  behind_ = true;
+  if (!catchUpTimer_ || catchUpTimer_->armed()) return;
+  try {
+    if (Vel::Ptr<Zanth::TimerWheel> const wheel = catchUpTimer_->notifier())
+      catchUpTimer_->timeMinIs(wheel->now() + catchUpDelay);
+  } catch (...) {
+    // A clock that fails arms no timer.
+  }
+}
+
+// What fails again is tried again; the first failure has been reported.
+void JoinPruneMessageSm::catchUp() noexcept {
+  if (!behind_ || retired()) return;
+  Vel::MemoryHold const memory(this);
+  try {
+    // No machine can be made while the clock gives no time.
+    Vel::Ptr<Zanth::TimerWheel> const wheel = notifierOf(timerWheel_);
+    if (wheel && std::isnan(wheel->now())) return;
+    behind_ = false;  // before what may fail again
+    if (pimStatus_) syncPimIntf();
+    for (auto i = pimIntfIterator(); i && !retired(); ++i)
+      if (i->unfinished()) i->handleNew();
+    if (Vel::Ptr<Status const> const status = notifierOf(pimStatus_))
+      for (auto i = status->pimNeighborIterator(); i && !retired(); ++i)
+        if (!joinPruneNeighborSm(i.key())) handleNeighbor(i.key());
+    for (auto i = joinPruneNeighborSmIterator(); i && !retired(); ++i)
+      if (i->neighbor() && !listedNeighbor(i.key())) doMaybeDeleteNeighbor(i.key());
+  } catch (...) {
+    fallBehind();
+  }
+}
+
+void JoinPruneMessageSm::VelCatchUpTimer::onTime() {
+  if (joinPruneMessageSm()) joinPruneMessageSm()->catchUp();
 }
 
 // --- Interfaces ----------------------------------------------------------------------------------
@@ -321,8 +419,9 @@ void JoinPruneMessageSm::VelPimStatus::onPimIntfvelImmediate() {
 void JoinPruneMessageSm::VelPimStatus::onPimIntf(Dova::IntfId intfId) {
   JoinPruneMessageSm* const sm = joinPruneMessageSm();
   if (!sm || isZombie()) return;
-  Hold const hold(sm);
-  if (hold.gone()) return;
+  Vel::MemoryHold const machineMemory(sm);
+  sm->catchUp();
+  if (sm->retired()) return;
   Vel::Ptr<Status const> const status = notifier();
   if (Vel::Ptr<Intf const> const intf = status ? status->pimIntf(intfId) : nullptr)
     sm->pimIntfIs(intf);
@@ -331,35 +430,42 @@ void JoinPruneMessageSm::VelPimStatus::onPimIntf(Dova::IntfId intfId) {
 }
 
 void JoinPruneMessageSm::VelPimStatus::onPimNeighbor(Dova::IpGenAddr address) {
-  if (joinPruneMessageSm() && !isZombie()) joinPruneMessageSm()->handleNeighbor(address);
+  JoinPruneMessageSm* const sm = joinPruneMessageSm();
+  if (!sm || isZombie()) return;
+  Vel::MemoryHold const machineMemory(sm);
+  sm->catchUp();
+  sm->handleNeighbor(address);
 }
 
 // Adds what Status has and deletes what it has no more.
 void JoinPruneMessageSm::syncPimIntf() {
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   Vel::Ptr<Status const> const status = notifierOf(pimStatus_);
   if (status)
-    for (auto i = status->pimIntfIterator(); i && !hold.gone(); ++i) pimIntfIs(i.ptr());
-  for (auto i = pimIntfIterator(); i && !hold.gone(); ++i)
+    for (auto i = status->pimIntfIterator(); i && !retired(); ++i) pimIntfIs(i.ptr());
+  for (auto i = pimIntfIterator(); i && !retired(); ++i)
     if (!status || !status->pimIntf(i.key())) pimIntfDel(i);
 }
 
 Vel::Ptr<JoinPruneMessageSm::VelPimIntf> JoinPruneMessageSm::pimIntfIs(Vel::Ptr<Intf const> const& intf) {
   if (!intf) Vel::throwNullParameter("_pimIntf", "Routing::Pim::JoinPruneMessageSm::pimIntf");
-  Hold const hold(this);
+  if (retired()) return nullptr;
+  Vel::MemoryHold const memory(this);
   Vel::Ptr<VelPimIntf> reactor(pimIntf_.find(intf->intfId()));
   if (reactor) {
     if (reactor->notifier() == intf) return reactor;
     reactor->notifierIs(intf);
   } else {
-    reactor = Vel::create<VelPimIntf>(intf, this);
-    reactor->hasNotificationActiveIs(hasNotificationActive());
-    // In its place before it calls out, so that nobody makes a second one.
-    pimIntf_.insert(reactor);
     try {
+      reactor = Vel::create<VelPimIntf>(intf, this);
+      reactor->hasNotificationActiveIs(hasNotificationActive());
+      // In its place before it calls out, so that no second one is made.
+      pimIntf_.insert(reactor);
       reactor->handleNew();
     } catch (...) {
-      pimIntfDel(reactor->velKey());  // a reactor without its machine would never make one
+      fallBehind();
+      // A reactor without its machine would never make one.
+      if (reactor && pimIntf_.find(reactor->velKey()) == reactor.get()) removePimIntf(reactor->velKey());
       throw;
     }
   }
@@ -368,7 +474,12 @@ Vel::Ptr<JoinPruneMessageSm::VelPimIntf> JoinPruneMessageSm::pimIntfIs(Vel::Ptr<
 }
 
 Vel::Ptr<JoinPruneMessageSm::VelPimIntf> JoinPruneMessageSm::pimIntfDel(Dova::IntfId const& intfId) {
-  Hold const hold(this);
+  return retired() ? nullptr : removePimIntf(intfId);
+}
+
+// Also while this machine is being retired.
+Vel::Ptr<JoinPruneMessageSm::VelPimIntf> JoinPruneMessageSm::removePimIntf(Dova::IntfId const& intfId) {
+  Vel::MemoryHold const memory(this);
   Vel::Ptr<VelPimIntf> const removed = pimIntf_.remove(intfId);
   if (!removed) return nullptr;
   unhook(*removed);
@@ -381,7 +492,7 @@ Vel::Ptr<JoinPruneMessageSm::VelPimIntf> JoinPruneMessageSm::pimIntfDel(PimIntfI
 }
 
 void JoinPruneMessageSm::pimIntfDelAll() {
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   for (auto const& reactor : pimIntf_.elements())
     if (pimIntf_.find(reactor->velKey()) == reactor.get()) pimIntfDel(reactor->velKey());
 }
@@ -396,23 +507,26 @@ void JoinPruneMessageSm::VelPimIntf::notifierIs(Vel::Ptr<Intf const> const& intf
   if (intf && !(intf->intfId() == intfId_))
     throw Vel::InvalidArgumentException("the reactor of interface " + intfId_.name() +
                                         " cannot watch interface " + intf->intfId().name());
-  Vel::Ptr<VelPimIntf> const keep(this);
+  Vel::MemoryHold const memory(this);
   Owned::notifierIs(intf);
   handleDel();
-  if (live()) handleNew();
+  if (live() && notifier() == intf) handleNew();
 }
 
 bool JoinPruneMessageSm::VelPimIntf::live() const {
-  return joinPruneMessageSm() && !isZombie() && notifier() && !Hold(joinPruneMessageSm()).gone();
+  return joinPruneMessageSm() && !isZombie() && notifier() && !joinPruneMessageSm()->retired();
 }
 
 void JoinPruneMessageSm::VelPimIntf::onUsedAddressWithMask() {
-  if (live()) handleUsedAddress();
+  if (!live()) return;
+  Vel::MemoryHold const memory(this);
+  joinPruneMessageSm()->catchUp();
+  handleUsedAddress();
 }
 
 void JoinPruneMessageSm::VelPimIntf::velDoZombieReactors(bool zombie) {
   if (zombie == isZombie()) return;
-  Vel::Ptr<VelPimIntf> const keep(this);
+  Vel::MemoryHold const memory(this);
   Owned::velDoZombieReactors(zombie);
   if (joinPruneMessageSm()) joinPruneMessageSm()->vel_handlePimIntf(this);
 }
@@ -422,63 +536,84 @@ void JoinPruneMessageSm::vel_handlePimIntf(VelPimIntf* reactor) { reactor->handl
 void JoinPruneMessageSm::VelPimIntf::handleNew() {
   JOIN_PRUNE_BLOCK_TIMER();
   if (!live()) return;
-  Vel::Ptr<VelPimIntf> const keep(this);
-  Hold const hold(joinPruneMessageSm());
+  Vel::MemoryHold const memory(this);
+  Vel::MemoryHold const machineMemory(joinPruneMessageSm());
   JOIN_PRUNE_TRACE_BARE(8, '(' << intfId_ << ')');
+  if (!live()) return;
   JOIN_PRUNE_TRACE_BARE(2, '(' << intfId_ << "), Intf up");
   if (!live()) return;
   Dova::IpGenAddr const address = notifier()->usedAddressWithMask().ipGenAddr();
-  // Before the machine is made: whoever is called meanwhile can take it away again.
+  // Before the machine is made: what is called meanwhile can take it away again.
   addressIs(address);
+  auto const wanted = [&] { return live() && address_ == address; };
   if (joinPruneMessageSm()->joinPruneNeighborSm(address)) {
     JOIN_PRUNE_TRACE_BARE(2, ", Deleting existing SM for " << address);
+    if (!wanted()) return;
     deleteJoinPruneSm(address);
   }
-  if (live() && address_ == address) createJoinPruneSm(address);
+  if (wanted()) createJoinPruneSm(address);
 }
 
 void JoinPruneMessageSm::VelPimIntf::handleDel() {
-  if (!joinPruneMessageSm()) return;
+  JoinPruneMessageSm* const sm = joinPruneMessageSm();
+  if (!sm) return;
+  Vel::MemoryHold const memory(this);
+  Vel::MemoryHold const machineMemory(sm);
+  Dova::IpGenAddr const address = address_;
+  Vel::Ptr<JoinPruneNeighborSm> const present = sm->joinPruneNeighborSm(address);
   JOIN_PRUNE_TRACE_BARE(2, '(' << intfId_ << "), Intf down");
-  deleteJoinPruneSm(address_);
+  // A machine that was made since the line was written belongs to another interface or neighbor, or to this
+  // one anew.
+  Vel::Ptr<JoinPruneNeighborSm> const now = sm->joinPruneNeighborSm(address);
+  if (!now || now == present) deleteJoinPruneSm(address);
 }
 
 void JoinPruneMessageSm::VelPimIntf::handleUsedAddress() {
   if (!live()) return;
-  Vel::Ptr<VelPimIntf> const keep(this);
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE_BARE(2, '(' << intfId_ << "), Address changed");
   if (!live()) return;
+  Dova::IpGenAddr const previous = address_;
   Dova::IpGenAddr const address = notifier()->usedAddressWithMask().ipGenAddr();
-  if (address_ == address) return;
+  if (previous == address) return;
   JOIN_PRUNE_TRACE_BARE(
-      4, '(' << intfId_ << "), Previous address: " << address_ << ", New address: " << address);
+      4, '(' << intfId_ << "), Previous address: " << previous << ", New address: " << address);
+  // A change of the address inside a callback has been handled when the callback returns.
+  auto const unhandled = [&] { return live() && address_ == previous; };
+  if (!unhandled()) return;
   handleDel();
-  if (live()) handleNew();
+  if (unhandled()) handleNew();
 }
 
 void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wantedAddress) {
   JoinPruneMessageSm* const sm = joinPruneMessageSm();
   if (!sm) return;
-  Hold const hold(sm);
+  Vel::MemoryHold const memory(this);
+  Vel::MemoryHold const machineMemory(sm);
   Vel::Ptr<Intf const> const intf = notifier();
   Dova::IpGenAddr const address = wantedAddress;
-  Target target;
-  if (!sm->openTarget(target, address,
-                      [&] { return !hold.gone() && live() && notifier() == intf && address_ == address; }))
-    return;
-  // A neighbor with this address may have come up meanwhile, or this very interface anew.
-  if (Vel::Ptr<JoinPruneNeighborSm> const present = sm->joinPruneNeighborSm(address)) {
-    if (!present->neighbor() && present->intf() == intf) return;
-    sm->joinPruneNeighborSmDel(address);
-    if (hold.gone() || !live() || address_ != address) return;
+  Dova::IpGenAddr const ownAddress = address_;
+  unfinished_ = true;
+  try {
+    Target target;
+    if (sm->openTarget(target, address,
+                       [&] { return live() && notifier() == intf && address_ == ownAddress; })) {
+      // A neighbor with this address may have come up meanwhile, or this very interface anew.
+      Vel::Ptr<JoinPruneNeighborSm> const present = sm->joinPruneNeighborSm(address);
+      if (!present || present->neighbor() || present->intf() != intf)
+        sm->startTarget(target, address, nullptr, intf);
+    }
+    unfinished_ = false;
+  } catch (...) {
+    sm->fallBehind();
+    throw;
   }
-  sm->startTarget(target, address, nullptr, intf);
 }
 
 void JoinPruneMessageSm::VelPimIntf::deleteJoinPruneSm(Dova::IpGenAddr const& oldAddress) {
   JoinPruneMessageSm* const sm = joinPruneMessageSm();
   if (!sm) return;
-  Hold const hold(sm);
+  Vel::MemoryHold const machineMemory(sm);
   Dova::IpGenAddr const address = oldAddress;
   sm->closeTarget(address, [&] { return sm->joinPruneNeighborSm(address) != nullptr; });
 }
@@ -498,7 +633,11 @@ void JoinPruneMessageSm::VelRxMessageInfo::notifierIs(Vel::Ptr<IO::MessageInfo> 
 }
 
 void JoinPruneMessageSm::VelRxMessageInfo::onCount() {
-  if (joinPruneMessageSm() && !isZombie()) joinPruneMessageSm()->handleRxMessage();
+  JoinPruneMessageSm* const sm = joinPruneMessageSm();
+  if (!sm || isZombie()) return;
+  Vel::MemoryHold const machineMemory(sm);
+  sm->catchUp();
+  if (!sm->retired()) sm->handleRxMessage();
 }
 
 namespace {
@@ -514,8 +653,9 @@ struct RxRecord {
 
 void JoinPruneMessageSm::handleRxMessage() {
   JOIN_PRUNE_BLOCK_TIMER();
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(8, this, "()");
+  if (retired()) return;
   Vel::Ptr<IO::MessageInfo> const channel = notifierOf(rxMessageInfo_);
   Vel::Ptr<Packet::JoinPruneMessage> const message = channel ? channel->joinPruneMessage() : nullptr;
   Vel::Ptr<Packet::JoinPruneData> const data = message ? message->joinPruneData() : nullptr;
@@ -526,7 +666,7 @@ void JoinPruneMessageSm::handleRxMessage() {
   // Each write notifies, so the order is what observers rely on. They may drop this machine in between.
   auto const writeEntry = [&](RxRecord& record, Dova::IpGenAddr const& source, Dova::IpGenAddr const& group,
                               Packet::SourceFlags flags, char const* kind, Dova::IpGenAddr const* wcSource) {
-    if (hold.gone()) return;
+    if (retired()) return;
     JoinPruneMessageInfo* const info = record.info.get();
     if (info) {
       if (!std::exchange(record.headerDone, true)) {
@@ -538,13 +678,13 @@ void JoinPruneMessageSm::handleRxMessage() {
       if (wcSource) info->wcSourceIs(*wcSource);
     }
     JOIN_PRUNE_TRACE_AS(7, this, "handleRxMessage", "(), " << record.name << kind << info);
-    if (info) info->rxCountInc(1);
+    if (info && !retired()) info->rxCountInc(1);
   };
   // Most groups have sources of one kind, so the others are asked for their number first.
   auto const writeSources = [&](RxRecord& record, U32 count, auto const& sourcesOf,
                                 Dova::IpGenAddr const& group, Packet::SourceFlags flags, char const* kind) {
     if (count == 0) return;
-    for (auto sources = sourcesOf(); sources && !hold.gone(); ++sources)
+    for (auto sources = sourcesOf(); sources && !retired(); ++sources)
       writeEntry(record, sources.key(), group, flags, kind, nullptr);
   };
 
@@ -557,7 +697,7 @@ void JoinPruneMessageSm::handleRxMessage() {
     return record.headerDone = true;
   };
 
-  for (auto i = data->joinPruneGroupDataIterator(); i && !hold.gone(); ++i) {
+  for (auto i = data->joinPruneGroupDataIterator(); i && !retired(); ++i) {
     Packet::JoinPruneGroupData const& groupData = *i;
     Dova::IpGenAddr const group = groupData.group();
     join.headerDone = prune.headerDone = false;
@@ -568,10 +708,10 @@ void JoinPruneMessageSm::handleRxMessage() {
     writeSources(
         prune, groupData.prunedSourceCount(), [&] { return groupData.prunedSourceIterator(); }, group,
         Packet::sgFlags, "");
-    if (hold.gone()) return;
+    if (retired()) return;
     // Kept: asked only now, so the (S,G) entries of a denied group are recorded.
     if (joinPruneFilter_ && joinPruneFilter_->deny(group)) continue;
-    if (Vel::Ptr<Packet::WcSourceData> const wildcard = hold.gone() ? nullptr : groupData.wcSourceData()) {
+    if (Vel::Ptr<Packet::WcSourceData> const wildcard = retired() ? nullptr : groupData.wcSourceData()) {
       Dova::IpGenAddr const wcAddress = wildcard->address();
       Dova::IpGenAddr const anySource = Dova::IpGenAddr::zero(wcAddress.af());
       if (!wildcard->join()) {

@@ -30,6 +30,16 @@
 
 namespace Routing::Pim {
 
+class JoinPruneMessageSm;
+
+/// Makes a working machine with a count of 1. Any argument may be null; what belongs to it is then left out.
+VEL_API Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
+    Vel::Ptr<JoinPruneStatus> joinPruneStatus, Vel::Ptr<JoinPruneFilter const> joinPruneFilter,
+    Vel::Ptr<Status const> pimStatus, Vel::Ptr<RpHashComputeStatus> rpHashComputeStatus,
+    Vel::Ptr<JoinPruneMessageInfo> rxJoin, Vel::Ptr<JoinPruneMessageInfo> rxPrune,
+    Vel::Ptr<IO::MessageInfo> rxMessageInfo, Vel::Ptr<IO::PamManager> pimPamManager,
+    Vel::Ptr<Zanth::TimerWheel> timerWheel);
+
 /// The top-level machine. It keeps one JoinPruneNeighborSm for every upstream target: each PIM neighbor, and
 /// each PIM interface's own address. An address has one machine: a neighbor never displaces one that is
 /// there, an interface always does.
@@ -134,6 +144,16 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
     }
   };
 
+  /// Expires a moment after a target could not be made or removed for want of memory.
+  class VEL_API VelCatchUpTimer final : public Owned<Zanth::TimerWheel::Notifiee> {
+   public:
+    /// On a wheel, not armed.
+    VelCatchUpTimer(Vel::Ptr<Zanth::TimerWheel> const& wheel, JoinPruneMessageSm* sm) : Owned(sm) {
+      notifierIs(wheel);
+    }
+    void onTime() override;
+  };
+
   /// Follows one interface and keeps the machine of its own address.
   class VEL_API VelPimIntf final : public Owned<Intf::NotifieeConst> {
    public:
@@ -160,16 +180,21 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
     void handleDel();
     /// The address may have changed. If it has: `handleDel()`, `handleNew()`.
     void handleUsedAddress();
-    /// Makes the data sets of an address, and its machine.
+    /// Makes the data sets of an address, and its machine, in place of one that is there.
     void createJoinPruneSm(Dova::IpGenAddr const& address);
     /// Removes the machine of an address, and its data sets.
     void deleteJoinPruneSm(Dova::IpGenAddr const& address);
 
    private:
+    friend class JoinPruneMessageSm;
+
     bool live() const;
+    // True if the machine of the address could not be made for want of memory.
+    bool unfinished() const { return unfinished_; }
 
     Dova::IntfId const intfId_;
     Dova::IpGenAddr address_;
+    bool unfinished_ = false;
   };
 
   // --- Attributes fixed at construction ----------------------------------------------------------
@@ -223,14 +248,16 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
 
  public:
   /// Finds the machine of a target, or makes it. One that is there with other parameters throws the range
-  /// exception "Reinstantiating the pointer interface ..." for the first that differs.
+  /// exception "Reinstantiating the pointer interface ..." for the first that differs. Null if this machine
+  /// is retired.
   Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmIs(
       JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
       Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
       Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
       Vel::Ptr<Zanth::TimerWheel> timerWheel, double const& overrideInterval,
       Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
-  /// Makes the machine of a target and puts it in its place, without telling anybody. REQUIRES: there is none.
+  /// Makes the machine of a target, puts it in its place and starts it, without notifying the reactors of
+  /// this machine. A machine that is there throws the range exception and stays.
   Vel::Ptr<JoinPruneNeighborSm> newJoinPruneNeighborSm(
       JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
       Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
@@ -287,18 +314,6 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
 
   Vel::AttributeTable const& attributeTable() const override;
 
-  /// Constructs only; `joinPruneMessageSmFactory` is what makes a working machine.
-  JoinPruneMessageSm(
-      Vel::Ptr<JoinPruneStatus> const& joinPruneStatus,
-      Vel::Ptr<JoinPruneFilter const> const& joinPruneFilter, Vel::Ptr<Status const> const& pimStatus,
-      Vel::Ptr<RpHashComputeStatus> const& rpHashComputeStatus, Vel::Ptr<JoinPruneMessageInfo> const& rxJoin,
-      Vel::Ptr<JoinPruneMessageInfo> const& rxPrune, Vel::Ptr<IO::MessageInfo> const& rxMessageInfo,
-      Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Zanth::TimerWheel> const& timerWheel);
-
-  /// The second half of construction, apart because it calls out: the interfaces, then `handleInitialized()`. The
-  /// factory calls it, once.
-  void velStart();
-
  protected:
   ~JoinPruneMessageSm() override;
   void doTeardown() override;
@@ -306,7 +321,26 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
 
  private:
   struct Target;
+  friend Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
+      Vel::Ptr<JoinPruneStatus> joinPruneStatus, Vel::Ptr<JoinPruneFilter const> joinPruneFilter,
+      Vel::Ptr<Status const> pimStatus, Vel::Ptr<RpHashComputeStatus> rpHashComputeStatus,
+      Vel::Ptr<JoinPruneMessageInfo> rxJoin, Vel::Ptr<JoinPruneMessageInfo> rxPrune,
+      Vel::Ptr<IO::MessageInfo> rxMessageInfo, Vel::Ptr<IO::PamManager> pimPamManager,
+      Vel::Ptr<Zanth::TimerWheel> timerWheel);
 
+  // Only the factory constructs, and it starts what it has made: the interfaces, then handleInitialized().
+  JoinPruneMessageSm(
+      Vel::Ptr<JoinPruneStatus> const& joinPruneStatus,
+      Vel::Ptr<JoinPruneFilter const> const& joinPruneFilter, Vel::Ptr<Status const> const& pimStatus,
+      Vel::Ptr<RpHashComputeStatus> const& rpHashComputeStatus, Vel::Ptr<JoinPruneMessageInfo> const& rxJoin,
+      Vel::Ptr<JoinPruneMessageInfo> const& rxPrune, Vel::Ptr<IO::MessageInfo> const& rxMessageInfo,
+      Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Zanth::TimerWheel> const& timerWheel);
+
+  void startMachine(JoinPruneNeighborSm& sm);
+  Vel::Ptr<JoinPruneNeighborSm> removeJoinPruneNeighborSm(Dova::IpGenAddr const& neighborAddr);
+  Vel::Ptr<VelPimIntf> removePimIntf(Dova::IntfId const& intfId);
+  void fallBehind() noexcept;
+  void catchUp() noexcept;
   void syncPimIntf();
   bool succeeded() const;
   Vel::Ptr<Packet::JoinPruneStatus> periodicStatus() const;
@@ -327,16 +361,10 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   Vel::Ptr<VelRxMessageInfo> rxMessageInfo_;
   Vel::Ptr<VelPimPamManager> pimPamManager_;
   Vel::Ptr<VelTimerWheel> timerWheel_;
+  Vel::Ptr<VelCatchUpTimer> catchUpTimer_;
   Vel::Ptr<Packet::JoinPruneMessage> txMessage_;
+  bool behind_ = false;  // a target was not made or not removed for want of memory; see catchUp()
 };
-
-/// Makes a working machine with a count of 1. Any argument may be null; what belongs to it is then left out.
-VEL_API Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
-    Vel::Ptr<JoinPruneStatus> joinPruneStatus, Vel::Ptr<JoinPruneFilter const> joinPruneFilter,
-    Vel::Ptr<Status const> pimStatus, Vel::Ptr<RpHashComputeStatus> rpHashComputeStatus,
-    Vel::Ptr<JoinPruneMessageInfo> rxJoin, Vel::Ptr<JoinPruneMessageInfo> rxPrune,
-    Vel::Ptr<IO::MessageInfo> rxMessageInfo, Vel::Ptr<IO::PamManager> pimPamManager,
-    Vel::Ptr<Zanth::TimerWheel> timerWheel);
 
 /// "JoinPruneMessageSm::".
 VEL_API std::ostream& operator<<(std::ostream& os, JoinPruneMessageSm const* sm);

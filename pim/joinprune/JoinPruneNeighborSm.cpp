@@ -6,6 +6,7 @@
 #include "pim/joinprune/JoinPruneMessageSm.h"
 #include "pim/joinprune/JoinPruneTrace.h"
 #include "pim/joinprune/NestedReactor.h"
+#include "pim/joinprune/TransmitStep.h"
 #include "pim/model/packet/GroupWalk.h"
 #include "runtime/vel/Assert.h"
 
@@ -67,7 +68,10 @@ struct JoinPruneNeighborSm::Triggered {
   static void notify(JoinPruneNeighborSm& sm, Dova::IpGenAddr const& group) {
     sm.triggeredGroupDataNotify(group);
   }
-  static auto& timer(JoinPruneNeighborSm& sm) { return sm.triggeredTimer_; }
+  template <class Sm>
+  static auto& timer(Sm& sm) {
+    return sm.triggeredTimer_;
+  }
   static void notifyTimer(JoinPruneNeighborSm& sm) {
     sm.velDeliver<NotifieeConst, triggeredTimerId>([](NotifieeConst& r) { r.onTriggeredTimer(); });
   }
@@ -87,7 +91,10 @@ struct JoinPruneNeighborSm::Override {
   static void notify(JoinPruneNeighborSm& sm, Dova::IpGenAddr const& group) {
     sm.overrideGroupDataNotify(group);
   }
-  static auto& timer(JoinPruneNeighborSm& sm) { return sm.overrideTimer_; }
+  template <class Sm>
+  static auto& timer(Sm& sm) {
+    return sm.overrideTimer_;
+  }
   static void notifyTimer(JoinPruneNeighborSm& sm) {
     sm.velDeliver<NotifieeConst, overrideTimerId>([](NotifieeConst& r) { r.onOverrideTimer(); });
   }
@@ -128,8 +135,8 @@ template <class Channel>
 void JoinPruneNeighborSm::ChannelGroup<Channel>::onJoinPruneGroupData(Dova::IpGenAddr group) {
   JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
   if (!sm) return;
-  Vel::Ptr<ChannelGroup> const keep(this);
-  Hold const hold(sm);
+  Vel::MemoryHold const memory(this);
+  Vel::MemoryHold const machineMemory(sm);
   if (Vel::Ptr<Packet::JoinPruneData> const data = this->notifier()) {
     try {
       if (Vel::Ptr<GroupData> const groupData = data->joinPruneGroupData(group))
@@ -154,8 +161,8 @@ template <class Channel>
 void JoinPruneNeighborSm::ChannelGroup<Channel>::onJoinPruneGroupDatavelImmediate() {
   JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
   if (!sm) return;
-  Vel::Ptr<ChannelGroup> const keep(this);
-  Hold const hold(sm);
+  Vel::MemoryHold const memory(this);
+  Vel::MemoryHold const machineMemory(sm);
   try {
     sm->reconcile<Channel>();
   } catch (...) {
@@ -191,21 +198,22 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAdd
     }
   }
   SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
-  Vel::Ptr<ChannelGroupData> const keep(this);
-  Hold const hold(sm);
+  Vel::MemoryHold const memory(this);
+  Vel::MemoryHold const machineMemory(sm);
   Vel::Ptr<GroupData> const groupData = this->notifier();
   if (!groupData) return;
   auto const* const subject = static_cast<typename Channel::GroupReactor const*>(this);
 
   if constexpr (Channel::counted) {
     if (Kind::present(*groupData, source)) {
-      if (sm->counted_) sm->numPeriodicRoutesInc(1);
+      sm->tellOfCount(sm->countSilently(1));
       JOIN_PRUNE_TRACE_AS(7, subject, handler.data(),
                           '(' << source << "), added, sources: " << sm->numPeriodicRoutes());
       return;
     }
+    U32 const before = sm->countSilently(-1);
     JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << "), Deleted");
-    if (sm->counted_) sm->numPeriodicRoutesDec(1);
+    sm->tellOfCount(before);
   } else {
     JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << ')');
     if (Kind::present(*groupData, source)) {
@@ -224,8 +232,8 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleWcSource() {
   JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
   if (!sm) return;
   SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
-  Vel::Ptr<ChannelGroupData> const keep(this);
-  Hold const hold(sm);
+  Vel::MemoryHold const memory(this);
+  Vel::MemoryHold const machineMemory(sm);
   Vel::Ptr<GroupData> const groupData = this->notifier();
   if (!groupData) return;
   auto const* const subject = static_cast<typename Channel::GroupReactor const*>(this);
@@ -235,14 +243,15 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleWcSource() {
     if (wildcard) {
       if (wcSourceSet_) return;
       wcSourceSet_ = true;  // before the count calls out
-      if (sm->counted_) sm->numPeriodicRoutesInc(1);
+      sm->tellOfCount(sm->countSilently(1));
       JOIN_PRUNE_TRACE(7, subject,
                        '(' << wildcard->address() << "), added, sources: " << sm->numPeriodicRoutes());
       return;
     }
-    JOIN_PRUNE_TRACE(7, subject, "(*,G), Deleted");
     wcSourceSet_ = false;
-    if (sm->counted_) sm->numPeriodicRoutesDec(1);  // Kept: also if the entry itself was never counted.
+    U32 const before = sm->countSilently(-1);  // Kept: also if the entry itself was never counted.
+    JOIN_PRUNE_TRACE(7, subject, "(*,G), Deleted");
+    sm->tellOfCount(before);
   } else {
     if (wildcard) {
       sm->doUpdateTimer<Channel>();
@@ -256,14 +265,18 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleWcSource() {
 // If nothing is left in the group, takes it out of its data set, which takes this reactor out of the machine.
 template <class Channel>
 void JoinPruneNeighborSm::ChannelGroupData<Channel>::retireGroup(char const* handler, bool traced) {
-  JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
   Vel::Ptr<GroupData> const groupData = this->notifier();
-  if (!sm || !groupData || !groupData->empty()) return;
+  if (!this->joinPruneNeighborSm() || !groupData || !groupData->empty()) return;
   if (traced)
     JOIN_PRUNE_TRACE_AS(7, static_cast<typename Channel::GroupReactor const*>(this), handler,
                         (Channel::counted ? "(): Deleted group " : "(): Finished group ")
                             << groupData->group());
-  if (Vel::Ptr<Packet::JoinPruneData> const data = sm->data<Channel>())
+  // The line may have led to another entry in the group, to another group in its place, or to the end of the
+  // machine.
+  JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
+  if (!sm || !groupData->empty()) return;
+  Vel::Ptr<Packet::JoinPruneData> const data = sm->data<Channel>();
+  if (data && data->joinPruneGroupData(groupData->group()) == groupData)
     data->joinPruneGroupDataDel(groupData->group());
 }
 
@@ -309,12 +322,12 @@ template <class Channel>
 void JoinPruneNeighborSm::ChannelTimer<Channel>::onTime() {
   JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
   if (!sm) return;
-  Hold const hold(sm);
+  Vel::MemoryHold const machineMemory(sm);
   try {
     sm->handleTimerExpiry<Channel>();
   } catch (...) {
     // What is pending must not wait for the next change to be tried again.
-    if (!hold.gone()) sm->doUpdateTimer<Channel>();
+    if (!sm->retired()) sm->doUpdateTimer<Channel>();
     throw;
   }
 }
@@ -326,8 +339,11 @@ Seconds randomDelay(Seconds interval) {
   return r * interval;
 }
 
+// On the clock of the channel's timer, which need not be that of the machine's own wheel.
+template <class Channel>
 Seconds JoinPruneNeighborSm::now() const {
-  Vel::Ptr<Zanth::TimerWheel> const wheel = notifierOf(timerWheel_);
+  Vel::Ptr<Zanth::TimerWheel> wheel = notifierOf(Channel::timer(*this));
+  if (!wheel) wheel = notifierOf(timerWheel_);
   return wheel ? wheel->now() : 0;
 }
 
@@ -350,9 +366,9 @@ void JoinPruneNeighborSm::doUpdateTimer() {
   static constexpr auto signature =
       joined("void Routing::Pim::JoinPruneNeighborSm::doUpdate", Channel::name, "Timer()");
   if (timerRunsQuietly<Channel>()) return;
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   auto const timer = Channel::timer(*this);
-  if (!timer || hold.gone()) return;
+  if (!timer || retired()) return;
   SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
   if (timer->armed()) {
     JOIN_PRUNE_TRACE_AS(7, this, function.data(), "(): Timer running");
@@ -367,9 +383,10 @@ void JoinPruneNeighborSm::doUpdateTimer() {
   }
   U16 const holdTime = intf_ ? intf_->joinPruneHoldTime() : pending->holdTime();
   JOIN_PRUNE_TRACE_AS(7, this, function.data(), "(): Arming timer, setting holdtime to " << holdTime);
+  if (retired()) return;
   pending->holdTimeIs(holdTime);
-  if (hold.gone() || timer->armed()) return;
-  timer->timeMinIs(now() + Channel::delay(*this));
+  if (retired() || timer->armed() || Channel::timer(*this) != timer) return;
+  timer->timeMinIs(now<Channel>() + Channel::delay(*this));
 }
 
 template <class Channel>
@@ -383,11 +400,11 @@ void JoinPruneNeighborSm::handleTimerExpiry() {
   static constexpr auto finished =
       joined("JoinPruneNeighborSm: Finished sending ", Channel::word, " joins/prunes to ");
   SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE_AS(7, this, function.data(), "()");
-  if (!initialized_ || hold.gone()) return;
+  if (!initialized_ || retired()) return;
   catchUp();
-  if (hold.gone()) return;
+  if (retired()) return;
 
   Vel::Ptr<Packet::JoinPruneData> const pending = data<Channel>();
   auto const groups = [&pending] { return pending ? pending->joinPruneGroupDataCount() : 0; };
@@ -395,25 +412,19 @@ void JoinPruneNeighborSm::handleTimerExpiry() {
   SCRIVO_MESSAGE(JOIN_PRUNE_SOURCE, sending.data(), neighborAddr_, ", Intf: ", outgoing.name(),
                  ", Groups: ", groups());
 
-  Seconds const deadline = now() + loopQuantum_;
-  Vel::Ptr<IO::PamManager> const manager = notifierOf(pimPamManager_);
-  Vel::Ptr<IO::MessageInfo> const info = manager ? manager->txMessageInfo() : nullptr;
-  if (info) {
-    info->joinPruneMessageIs(txMessage_);
-    info->intfIdIs(outgoing);
-  }
-  if (txMessage_) txMessage_->joinPruneDataIs(pending);
-  if (hold.gone()) return;
+  Seconds const deadline = now<Channel>() + loopQuantum_;
+  TransmitStep const step{notifierOf(pimPamManager_), txMessage_, pending, outgoing};
+  step.prepare();
+  if (retired()) return;
 
-  Packet::JoinPruneMessage::Report report;
-  for (bool done = false; !done && groups() != 0;) {
-    if (txMessage_) txMessage_->reportIs({});
-    if (info && !hold.gone()) info->countInc(1);
-    if (hold.gone()) return;
-    // Without a message or a transmit record this was a step without progress.
-    report = txMessage_ ? txMessage_->report() : Packet::JoinPruneMessage::Report();
+  // The reactor on the data may be pointed at another set meanwhile.
+  auto const live = [&] { return !retired() && data<Channel>() == pending; };
+  TransmitStep::Report report;
+  for (bool done = false; !done && live() && groups() != 0;) {
+    report = step.send(live);
+    if (retired()) return;
     // Kept: suppressed sources do not count as progress here.
-    done = (report.sources == 0 && report.filteredSources == 0) || now() >= deadline;
+    done = (report.sources == 0 && report.filteredSources == 0) || now<Channel>() >= deadline;
   }
   if (groups() != 0) {
     SCRIVO_MESSAGE(JOIN_PRUNE_SOURCE, suspending.data(), neighborAddr_, ", Intf: ", outgoing.name(),
@@ -440,11 +451,15 @@ void JoinPruneNeighborSm::timerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
   using Timer = typename std::remove_reference_t<decltype(timer)>::Element;
   auto const displaced = std::exchange(timer, reactorOn<Timer>(wheel, this));
   if (timer) timer->hasNotificationActiveIs(hasNotificationActive());
+  bool const wasArmed = displaced && displaced->armed();
   if (displaced) {
     displaced->timeMinIs(Vel::never);
     unhook(*displaced);
   }
+  Vel::MemoryHold const memory(this);
   Channel::notifyTimer(*this);
+  // The time that was set belongs to the other wheel's clock.
+  if (wasArmed) doUpdateTimer<Channel>();
 }
 
 void JoinPruneNeighborSm::triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
@@ -482,40 +497,54 @@ JoinPruneNeighborSm::JoinPruneNeighborSm(JoinPruneMessageSm* parentSm, Dova::IpG
       timerWheel_(reactorOn<VelTimerWheel>(timerWheel, this)),
       pimPamManager_(reactorOn<VelPimPamManager>(pimPamManager, this)) {}
 
+Vel::Ptr<JoinPruneNeighborSm> JoinPruneNeighborSm::velConstruct(
+    JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr,
+    Vel::Ptr<Neighbor const> const& neighbor, Vel::Ptr<Intf const> const& intf,
+    Vel::Ptr<Packet::JoinPruneData> const& triggeredGroup,
+    Vel::Ptr<Packet::JoinPruneData> const& overrideGroup,
+    Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Zanth::TimerWheel> const& timerWheel,
+    Seconds const& overrideInterval, Vel::Ptr<IO::PamManager> const& pimPamManager,
+    Vel::Ptr<Packet::JoinPruneMessage> const& txMessage) {
+  Vel::requireDuration("overrideInterval", overrideInterval);
+  return Vel::Ptr<JoinPruneNeighborSm>::owning(
+      new JoinPruneNeighborSm(parentSm, neighborAddr, neighbor, intf, triggeredGroup, overrideGroup,
+                              periodicGroup, timerWheel, overrideInterval, pimPamManager, txMessage));
+}
+
 Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
     JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
     Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
     Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
     Vel::Ptr<Zanth::TimerWheel> timerWheel, Seconds const& overrideInterval,
     Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage) {
-  auto const sm = Vel::valid(Vel::create<JoinPruneNeighborSm>(
-      parentSm, neighborAddr, neighbor, intf, triggeredGroup, overrideGroup, periodicGroup, timerWheel,
-      overrideInterval, pimPamManager, txMessage));
+  auto const sm = JoinPruneNeighborSm::velConstruct(parentSm, neighborAddr, neighbor, intf, triggeredGroup,
+                                                    overrideGroup, periodicGroup, timerWheel,
+                                                    overrideInterval, pimPamManager, txMessage);
   sm->velStart();
   return sm;
 }
 
 void JoinPruneNeighborSm::velStart() {
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   reconcile<Triggered>();
   reconcile<Override>();
   reconcile<Periodic>();
-  if (!hold.gone()) handleInitialized();
+  if (!retired()) handleInitialized();
 }
 
 void JoinPruneNeighborSm::handleInitialized() {
   JOIN_PRUNE_BLOCK_TIMER();
-  Hold const hold(this);
+  if (!start()) return;
+  Vel::MemoryHold const memory(this);
   Vel::Ptr<Packet::JoinPruneData> const periodic = data<Periodic>();
   if (periodic) periodic->periodicIs(true);
-  if (hold.gone()) return;
+  if (retired()) return;
   Vel::Ptr<Zanth::TimerWheel> const wheel = notifierOf(timerWheel_);
   triggeredTimerIs(wheel);
   overrideTimerIs(wheel);
-  if (hold.gone()) return;
   doUpdateTriggeredTimer();
   doUpdateOverrideTimer();
-  if (hold.gone()) return;
+  if (retired()) return;
   joinPrunePeriodicTimerSmIs(wheel, this, loopQuantum_, periodic, intf_, notifierOf(pimPamManager_),
                              txMessage_);
   if (periodic) countRoutesAtStart(*periodic);
@@ -523,9 +552,9 @@ void JoinPruneNeighborSm::handleInitialized() {
   // sources are counted one by one.
   counted_ = true;
   countRoutes();
-  if (hold.gone()) return;
+  if (retired()) return;
   JOIN_PRUNE_TRACE(2, this, "(), total number of periodic joins and prunes is " << numPeriodicRoutes_);
-  initializedIs(true);
+  if (!retired()) initializedIs(true);
 }
 
 void JoinPruneNeighborSm::velRetire() {
@@ -558,18 +587,28 @@ void JoinPruneNeighborSm::velVisitReactors(ReactorVisitor const& visit) {
 void JoinPruneNeighborSm::hasNotificationActiveIs(bool active) {
   Machine::hasNotificationActiveIs(active);
   if (joinPrunePeriodicTimerSm_) joinPrunePeriodicTimerSm_->hasNotificationActiveIs(active);
+  if (active) bringTimersUpToDate();
 }
 
 void JoinPruneNeighborSm::velDoZombieReactors(bool zombie) {
   Machine::velDoZombieReactors(zombie);
   if (joinPrunePeriodicTimerSm_) joinPrunePeriodicTimerSm_->velDoZombieReactors(zombie);
+  if (!zombie) bringTimersUpToDate();
+}
+
+// What became due while it could not be called is due now.
+void JoinPruneNeighborSm::bringTimersUpToDate() {
+  if (retired()) return;
+  if (triggeredTimer_ && triggeredTimer_->missed()) triggeredTimer_->timeMinIs(now<Triggered>());
+  if (overrideTimer_ && overrideTimer_->missed()) overrideTimer_->timeMinIs(now<Override>());
 }
 
 Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPruneNeighborSm::joinPrunePeriodicTimerSmIs(
     Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
     Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
     Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage) {
-  if (joinPrunePeriodicTimerSm_) return joinPrunePeriodicTimerSm_;
+  if (joinPrunePeriodicTimerSm_ || retired()) return joinPrunePeriodicTimerSm_;
+  Vel::MemoryHold const memory(this);
   auto const made = newJoinPrunePeriodicTimerSm(timerWheel, parentSm, loopQuantum, periodicGroup, intf,
                                                 pimPamManager, txMessage);
   velDeliver<NotifieeConst, joinPrunePeriodicTimerSmId>(
@@ -581,6 +620,7 @@ Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPruneNeighborSm::newJoinPrunePeriodicTime
     Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
     Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
     Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage) {
+  if (retired()) return nullptr;
   auto const made = joinPrunePeriodicTimerSmFactory(timerWheel, parentSm, loopQuantum, periodicGroup, intf,
                                                     pimPamManager, txMessage);
   made->hasNotificationActiveIs(hasNotificationActive());
@@ -589,6 +629,7 @@ Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPruneNeighborSm::newJoinPrunePeriodicTime
 }
 
 void JoinPruneNeighborSm::joinPrunePeriodicTimerSmDel() {
+  if (retired()) return;
   auto const removed = std::exchange(joinPrunePeriodicTimerSm_, nullptr);
   if (!removed) return;
   removed->handleRetired();
@@ -601,25 +642,27 @@ void JoinPruneNeighborSm::joinPrunePeriodicTimerSmDel() {
 // Brings the group reactors into line with the data.
 template <class Channel>
 void JoinPruneNeighborSm::reconcile() {
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Channel>();
-  if (!groups || hold.gone()) return;
+  if (!groups || retired()) return;
   if (Channel::groupData(*this).size() == 0 && !velWatched()) {
     // At the start there is nothing to compare with, and nobody is called.
     Channel::groupData(*this).reserve(groups->joinPruneGroupDataCount());
     for (Packet::GroupWalk walk(*groups); walk; ++walk) newGroupData<Channel>(&*walk);
     return;
   }
-  for (auto i = groups->joinPruneGroupDataIterator(); i && !hold.gone(); ++i) groupDataIs<Channel>(i.ptr());
+  for (auto i = groups->joinPruneGroupDataIterator(); i && !retired(); ++i) groupDataIs<Channel>(i.ptr());
   using Iterator =
       Vel::EntityIterator<Dova::IpGenAddr, typename Channel::GroupReactor, typename Channel::GroupReactor>;
-  for (Iterator i(this, Channel::groupData(*this)); i && !hold.gone(); ++i)
+  for (Iterator i(this, Channel::groupData(*this)); i && !retired(); ++i)
     if (!groups->joinPruneGroupData(i.key())) groupDataDel<Channel>(i.key());
 }
 
 template <class Channel>
 auto JoinPruneNeighborSm::newGroupData(Vel::Ptr<GroupData> const& groupData) {
-  auto const reactor = Vel::create<typename Channel::GroupReactor>(groupData, this);
+  Vel::Ptr<typename Channel::GroupReactor> reactor;
+  if (retired()) return reactor;
+  reactor = Vel::create<typename Channel::GroupReactor>(groupData, this);
   Channel::groupData(*this).insert(reactor);
   if (!hasNotificationActive()) reactor->hasNotificationActiveIs(false);
   return reactor;
@@ -629,7 +672,8 @@ template <class Channel>
 auto JoinPruneNeighborSm::groupDataIs(Vel::Ptr<GroupData> const& groupData) {
   using Reactor = typename Channel::GroupReactor;
   if (!groupData) Vel::throwNullParameter(Channel::parameter, Channel::mutator);
-  Hold const hold(this);
+  if (retired()) return Vel::Ptr<Reactor>();
+  Vel::MemoryHold const memory(this);
   Vel::Ptr<Reactor> reactor(Channel::groupData(*this).find(groupData->group()));
   if (reactor && reactor->notifier() == groupData) return reactor;
   if (reactor) {
@@ -644,7 +688,8 @@ auto JoinPruneNeighborSm::groupDataIs(Vel::Ptr<GroupData> const& groupData) {
 
 template <class Channel>
 auto JoinPruneNeighborSm::groupDataDel(Dova::IpGenAddr const& group) {
-  auto const removed = Channel::groupData(*this).remove(group);
+  Vel::Ptr<typename Channel::GroupReactor> removed;
+  if (!retired()) removed = Channel::groupData(*this).remove(group);
   if (removed) {
     unhook(*removed);
     Channel::notify(*this, removed->velKey());
@@ -654,7 +699,7 @@ auto JoinPruneNeighborSm::groupDataDel(Dova::IpGenAddr const& group) {
 
 template <class Channel>
 void JoinPruneNeighborSm::groupDataDelAll() {
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   for (auto const& reactor : Channel::groupData(*this).elements())
     if (Channel::groupData(*this).find(reactor->velKey()) == reactor.get())
       groupDataDel<Channel>(reactor->velKey());
@@ -695,7 +740,7 @@ void JoinPruneNeighborSm::handleGroup(Dova::IpGenAddr const& group) {
     return;
   }
   SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE_AS(7, this, function.data(), '(' << group << ')');
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Channel>();
   if (Vel::Ptr<GroupData> const found = groups ? groups->joinPruneGroupData(group) : nullptr) {
@@ -715,7 +760,7 @@ void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
       periodicGroup_->velData()->joinPruneGroupDataCount() != 0 && !groupOf<Periodic>(group))
     return;
   JOIN_PRUNE_BLOCK_TIMER();
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(7, this, '(' << group << ')');
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Periodic>();
   if (Vel::Ptr<GroupData> const found = groups ? groups->joinPruneGroupData(group) : nullptr) {
@@ -723,9 +768,10 @@ void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
     return;
   }
   JOIN_PRUNE_TRACE(7, this, '(' << group << "): Deleted");
-  if (hold.gone() || (groups && groups->joinPruneGroupDataCount() != 0)) return;
+  auto const drained = [&] { return !retired() && (!groups || groups->joinPruneGroupDataCount() == 0); };
+  if (!drained()) return;
   catchUp();
-  if (hold.gone()) return;
+  if (!drained()) return;
   if (counted_ && numPeriodicRoutes_ != 0) {
     // A group was removed before its sources: what this machine counts is no longer what there is.
     JOIN_PRUNE_TRACE(1, this, '(' << group << "), Num routes: " << numPeriodicRoutes_);
@@ -757,15 +803,19 @@ JOIN_PRUNE_FORWARD(PeriodicGroup)
 void JoinPruneNeighborSm::fallBehind() {
   if (retired()) return;
   behind_ = true;
-  if (triggeredTimer_ && !triggeredTimer_->armed()) triggeredTimer_->timeMinIs(now() + triggeredInterval_);
+  if (triggeredTimer_ && !triggeredTimer_->armed())
+    triggeredTimer_->timeMinIs(now<Triggered>() + triggeredInterval_);
 }
 
 // Follows what could not be followed, counts anew and arms what is pending. Asked at each expiry, and when the
 // periodic data has run empty.
 void JoinPruneNeighborSm::catchUp() {
   if (!behind_) return;
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   try {
+    retireUnfollowedGroups<Triggered>();
+    retireUnfollowedGroups<Override>();
+    retireUnfollowedGroups<Periodic>();
     reconcile<Triggered>();
     reconcile<Override>();
     reconcile<Periodic>();
@@ -775,7 +825,22 @@ void JoinPruneNeighborSm::catchUp() {
   }
   behind_ = false;
   countRoutes();
-  if (!hold.gone()) doUpdateTimer<Override>();
+  if (!retired()) doUpdateTimer<Override>();
+  // The owner may have been told of nothing since the data ran empty.
+  Vel::Ptr<Packet::JoinPruneData> const periodic = data<Periodic>();
+  if (!retired() && parentSm_ && (!periodic || periodic->joinPruneGroupDataCount() == 0))
+    parentSm_->doMaybeDeleteNeighbor(neighborAddr_);
+}
+
+// A group that was filled and emptied while it had no reactor is removed, as its reactor would have done. One
+// that was never filled stays: its entries are still to come.
+template <class Channel>
+void JoinPruneNeighborSm::retireUnfollowedGroups() {
+  Vel::Ptr<Packet::JoinPruneData> const groups = data<Channel>();
+  if (!groups) return;
+  for (auto i = groups->joinPruneGroupDataIterator(); i && !retired(); ++i)
+    if (i->empty() && i->velWasFilled() && !Channel::groupData(*this).find(i.key()))
+      groups->joinPruneGroupDataDel(i.key());
 }
 
 // --- The route count -----------------------------------------------------------------------------
@@ -783,8 +848,8 @@ void JoinPruneNeighborSm::catchUp() {
 // Counts up group by group. Where nobody would hear of the single steps, only those are made that lead to the timer being
 // armed, since it is the first routes that set its time; countRoutes() makes the rest at once.
 void JoinPruneNeighborSm::countRoutesAtStart(Packet::JoinPruneData const& periodic) {
-  Hold const hold(this);
-  for (auto i = periodic.joinPruneGroupDataIterator(); i && !hold.gone(); ++i) {
+  Vel::MemoryHold const memory(this);
+  for (auto i = periodic.joinPruneGroupDataIterator(); i && !retired(); ++i) {
     bool const paceIsSet = !joinPrunePeriodicTimerSm_ || joinPrunePeriodicTimerSm_->velPaceIsSet();
     if (paceIsSet && !velWatched() && joinPruneIsQuiet()) return;
     numPeriodicRoutesInc(i->routes());
@@ -793,9 +858,9 @@ void JoinPruneNeighborSm::countRoutesAtStart(Packet::JoinPruneData const& period
 
 // Takes the count from the data, with all (*,G) entries that are there: they are not counted again.
 void JoinPruneNeighborSm::countRoutes() {
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   Vel::Ptr<Packet::JoinPruneData> const periodic = data<Periodic>();
-  if (!periodic || hold.gone()) return;
+  if (!periodic || retired()) return;
   U32 sum = 0;
   auto const& groups = periodic->velGroups();
   auto const& reactors = periodicGroupData_.table();
@@ -817,22 +882,36 @@ void JoinPruneNeighborSm::countRoutes() {
   numPeriodicRoutesIs(sum);
 }
 
-void JoinPruneNeighborSm::numPeriodicRoutesIs(U32 n) {
-  if (n == numPeriodicRoutes_) return;
-  Hold const hold(this);
-  numPeriodicRoutes_ = n;
+// Moves the count by one source, without any consequence yet. The count before.
+U32 JoinPruneNeighborSm::countSilently(int difference) {
+  U32 const before = numPeriodicRoutes_;
+  if (counted_ && !retired()) numPeriodicRoutes_ += static_cast<U32>(difference);
+  return before;
+}
+
+// What follows from a changed count.
+void JoinPruneNeighborSm::tellOfCount(U32 before) {
+  if (numPeriodicRoutes_ == before || retired()) return;
+  Vel::MemoryHold const memory(this);
   vel_handleNumPeriodicRoutes();
   velDeliver<NotifieeConst, numPeriodicRoutesId>([](NotifieeConst& r) { r.onNumPeriodicRoutes(); });
 }
 
+void JoinPruneNeighborSm::numPeriodicRoutesIs(U32 n) {
+  if (retired()) return;
+  U32 const before = std::exchange(numPeriodicRoutes_, n);
+  tellOfCount(before);
+}
+
 U32 JoinPruneNeighborSm::numPeriodicRoutesInc(U32 n) {
+  if (retired()) return numPeriodicRoutes_;
   U32 const value = numPeriodicRoutes_ + n;
   numPeriodicRoutesIs(value);
   return value;
 }
 
 void JoinPruneNeighborSm::vel_handleNumPeriodicRoutes() {
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   if (retired()) return;
   if (Vel::Ptr<JoinPrunePeriodicTimerSm> const periodic = joinPrunePeriodicTimerSm_)
     periodic->doUpdatePeriodicTimer();
@@ -841,7 +920,7 @@ void JoinPruneNeighborSm::vel_handleNumPeriodicRoutes() {
 
 void JoinPruneNeighborSm::validateNumPeriodicRoutes() {
   JOIN_PRUNE_BLOCK_TIMER();
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(8, this, '(' << numPeriodicRoutes_ << ')');
   if (!initialized_ || retired() || behind_ || (parentSm_ && !parentSm_->diagUpJoinCount())) return;
   U32 sum = 0;

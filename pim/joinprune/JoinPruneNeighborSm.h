@@ -11,6 +11,17 @@
 namespace Routing::Pim {
 
 class JoinPruneMessageSm;
+class JoinPruneNeighborSm;
+
+/// Makes a working machine with a count of 1. Any pointer may be null: no data, nothing to do; no wheel, no
+/// timers; no manager, nothing sent. Without an interface the first periodic route stops the process. The
+/// parent is not counted. An override interval that is NaN or negative throws Vel::InvalidArgumentException.
+VEL_API Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
+    JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
+    Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
+    Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
+    Vel::Ptr<Zanth::TimerWheel> timerWheel, Seconds const& overrideInterval,
+    Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
 
 /// The transmit machine of one upstream target: a PIM neighbor, or an interface's own address.
 ///
@@ -414,7 +425,30 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Dova::IpGenAddr const& velKey() const { return neighborAddr_; }
   Vel::AttributeTable const& attributeTable() const override;
 
-  /// Constructs only; `joinPruneNeighborSmFactory` is what makes a working machine.
+ protected:
+  ~JoinPruneNeighborSm() override;
+  void doTeardown() override;
+  void velVisitReactors(ReactorVisitor const& visit) override;
+
+ private:
+  friend class JoinPruneMessageSm;  // which puts a machine into its collection between construction and start
+  friend Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
+      JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
+      Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
+      Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
+      Vel::Ptr<Zanth::TimerWheel> timerWheel, Seconds const& overrideInterval,
+      Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
+
+  // Only the factory and the message machine construct, and they start what they have made. An override
+  // interval that is NaN or negative throws Vel::InvalidArgumentException.
+  static Vel::Ptr<JoinPruneNeighborSm> velConstruct(
+      JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr,
+      Vel::Ptr<Neighbor const> const& neighbor, Vel::Ptr<Intf const> const& intf,
+      Vel::Ptr<Packet::JoinPruneData> const& triggeredGroup,
+      Vel::Ptr<Packet::JoinPruneData> const& overrideGroup,
+      Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Zanth::TimerWheel> const& timerWheel,
+      Seconds const& overrideInterval, Vel::Ptr<IO::PamManager> const& pimPamManager,
+      Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
   JoinPruneNeighborSm(JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr,
                       Vel::Ptr<Neighbor const> const& neighbor, Vel::Ptr<Intf const> const& intf,
                       Vel::Ptr<Packet::JoinPruneData> const& triggeredGroup,
@@ -424,21 +458,15 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
                       Vel::Ptr<IO::PamManager> const& pimPamManager,
                       Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
 
-  /// The second half of construction, apart because it calls out: a reactor for each group that is there,
-  /// then `handleInitialized()`. The owner has put the machine into its collection before, so that whoever is
-  /// called can find it, and take it away. Called once.
+  // The second half of construction, apart because it calls out: a reactor for each group that is there, then
+  // handleInitialized(). The owner has put the machine into its collection before, so that what is called can
+  // find it, and take it away.
   void velStart();
 
-  /// Lets go of everything that could call this machine: timers are disarmed, reactors lose their back
-  /// pointer, and the parent is forgotten. What the owner does when it removes the machine.
+  // Lets go of everything that could call this machine: timers are disarmed, reactors lose their back
+  // pointer, and the parent is forgotten. What the owner does when it removes the machine.
   void velRetire();
 
- protected:
-  ~JoinPruneNeighborSm() override;
-  void doTeardown() override;
-  void velVisitReactors(ReactorVisitor const& visit) override;
-
- private:
   template <class Channel>
   Vel::Ptr<Packet::JoinPruneData> data() const;
   template <class Channel>
@@ -464,11 +492,17 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   void fallBehind();
   void catchUp();
   template <class Channel>
+  void retireUnfollowedGroups();
+  void bringTimersUpToDate();
+  U32 countSilently(int difference);
+  void tellOfCount(U32 before);
+  template <class Channel>
   bool timerRunsQuietly();
   template <class Channel>
   void doUpdateTimer();
   template <class Channel>
   void handleTimerExpiry();
+  template <class Channel>
   Seconds now() const;
 
   JoinPruneMessageSm* parentSm_;
@@ -489,15 +523,6 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   bool behind_ = false;   // a group could not be followed, for want of memory; see catchUp()
   bool counted_ = false;  // the start-up count is complete; until then no change of a source moves the count
 };
-
-/// Makes a working machine with a count of 1. Any pointer may be null: no data, nothing to do; no wheel, no
-/// timers; no manager, nothing sent. The parent is not counted.
-VEL_API Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
-    JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
-    Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
-    Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
-    Vel::Ptr<Zanth::TimerWheel> timerWheel, Seconds const& overrideInterval,
-    Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
 
 /// A delay for t_override: at least a tenth of the interval, below the whole of it, drawn from `drand48()`,
 /// which the agent seeds. Kept: values between 0.1 and 0.2 of it are twice as likely as any other band of

@@ -2,6 +2,7 @@
 
 #include "pim/joinprune/JoinPruneNeighborSm.h"
 #include "pim/joinprune/JoinPruneTrace.h"
+#include "pim/joinprune/TransmitStep.h"
 #include "runtime/vel/Assert.h"
 
 namespace Routing::Pim {
@@ -39,14 +40,17 @@ Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
     Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
     Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
     Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage) {
-  auto const sm = Vel::valid(Vel::create<JoinPrunePeriodicTimerSm>(
+  Vel::requireDuration("loopQuantum", loopQuantum);
+  auto const sm = Vel::Ptr<JoinPrunePeriodicTimerSm>::owning(new JoinPrunePeriodicTimerSm(
       timerWheel, parentSm, loopQuantum, periodicGroup, intf, pimPamManager, txMessage));
   sm->handleInitialized();
   sm->hasNotificationActiveIs(true);
   return sm;
 }
 
-void JoinPrunePeriodicTimerSm::handleInitialized() { initializedIs(true); }
+void JoinPrunePeriodicTimerSm::handleInitialized() {
+  if (start()) initializedIs(true);
+}
 
 U32 JoinPrunePeriodicTimerSm::interval() const {
   JOIN_PRUNE_BLOCK_TIMER();
@@ -62,7 +66,10 @@ U32 JoinPrunePeriodicTimerSm::interval() const {
 
 U32 JoinPrunePeriodicTimerSm::numberOfMessages() const {
   JOIN_PRUNE_BLOCK_TIMER();
-  Vel::Ptr<JoinPruneNeighborSm> const parent = parentSm_;  // the trace may make it let go
+  // The trace may retire this machine and drop the parent.
+  Vel::MemoryHold const memory(this);
+  JoinPruneNeighborSm const* const parent = parentSm_;
+  Vel::MemoryHold const parentMemory(parent);
   JOIN_PRUNE_TRACE(8, subject(this), "()");
   if (!parent) {
     JOIN_PRUNE_TRACE(1, subject(this), "null parentSm ");
@@ -89,32 +96,25 @@ void JoinPrunePeriodicTimerSm::doResetHoldTime() {
 
 void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
   JOIN_PRUNE_BLOCK_TIMER();
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   U64 count = 0;
   {
     Sending const sending(*this);
     JOIN_PRUNE_TRACE(8, subject(this), "()");
-    if (!initialized_ || hold.gone()) return;
+    if (!initialized_ || retired()) return;
 
     Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer();
     Vel::Ptr<Zanth::TimerWheel> const wheel = timer ? timer->notifier() : nullptr;
     auto const now = [&wheel] { return wheel ? wheel->now() : 0; };
     Seconds const deadline = now() + loopQuantum_;
-    Vel::Ptr<IO::MessageInfo> const info = pimPamManager_ ? pimPamManager_->txMessageInfo() : nullptr;
-    if (info) {
-      info->joinPruneMessageIs(txMessage_);
-      info->intfIdIs(intf_ ? intf_->intfId() : Dova::IntfId());
-    }
-    if (txMessage_) txMessage_->joinPruneDataIs(periodicGroup_);
-    if (hold.gone()) return;
+    TransmitStep const transmit{pimPamManager_, txMessage_, periodicGroup_,
+                                intf_ ? intf_->intfId() : Dova::IntfId()};
+    transmit.prepare();
+    if (retired()) return;
 
     while (count < routesLeftInSlice()) {
-      if (txMessage_) txMessage_->reportIs({});
-      if (info && !hold.gone()) info->countInc(1);
-      if (hold.gone()) return;
-      // Without a message or a transmit record this was a step without progress.
-      Packet::JoinPruneMessage::Report const report =
-          txMessage_ ? txMessage_->report() : Packet::JoinPruneMessage::Report();
+      TransmitStep::Report const report = transmit.send([this] { return !retired(); });
+      if (retired()) return;
       U64 const step = report.sources + report.skipped();
       routesDoneInc(step);
       if (step == 0 || now() >= deadline) {
@@ -130,7 +130,7 @@ void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
   // Kept: the last step is not counted here, so a first step that meets the deadline ends the slice.
   if (count == 0 || count >= routesLeftInSlice()) {
     JOIN_PRUNE_TRACE(7, subject(this), "(): Finished TX");
-    if (!hold.gone()) doUpdatePeriodicTimer();
+    if (!retired()) doUpdatePeriodicTimer();
   } else {
     doReschedulePeriodicTimer();
   }

@@ -8,6 +8,14 @@
 namespace Routing::Pim {
 
 class JoinPruneNeighborSm;
+class JoinPrunePeriodicTimerSm;
+
+/// Makes a machine that is initialized, with a count of 1. Any pointer may be null; see the operations for
+/// what they then do.
+VEL_API Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
+    Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
+    Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
+    Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
 
 /// Refreshes the periodic joins and prunes of one neighbor machine at the interface's Join/Prune interval
 /// (RFC 7761, 4.5.4, 4.5.5: t_periodic). The pacing is the base's; this machine knows the interval, the routes and
@@ -57,13 +65,6 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
     void notifierIs(std::nullptr_t) { notifierIs(Vel::Ptr<JoinPrunePeriodicTimerSm>()); }
   };
 
-  /// Constructs only; `joinPrunePeriodicTimerSmFactory` is what makes a working machine. The parent is not
-  /// counted.
-  JoinPrunePeriodicTimerSm(Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm,
-                           Seconds const& loopQuantum, Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
-                           Vel::Ptr<Intf const> const& intf, Vel::Ptr<IO::PamManager> const& pimPamManager,
-                           Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
-
   /// The interface's Join/Prune interval, in seconds. Without an interface, and for an interval of 0, the
   /// process stops: there is no way to pace what has no period.
   U32 interval() const override;
@@ -108,6 +109,17 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
   Vel::AttributeTable const& attributeTable() const override;
 
  private:
+  friend Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
+      Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm,
+      Seconds const& loopQuantum, Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
+      Vel::Ptr<Intf const> const& intf, Vel::Ptr<IO::PamManager> const& pimPamManager,
+      Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
+
+  JoinPrunePeriodicTimerSm(Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm,
+                           Seconds const& loopQuantum, Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
+                           Vel::Ptr<Intf const> const& intf, Vel::Ptr<IO::PamManager> const& pimPamManager,
+                           Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
+
   friend class JoinPruneNeighborSm;
 
   /// The parent lets go: the timer goes and nothing is sent any more.
@@ -124,12 +136,5 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
   Vel::Ptr<IO::PamManager> const pimPamManager_;
   Vel::Ptr<Packet::JoinPruneMessage> const txMessage_;
 };
-
-/// Makes a machine that is initialized, with a count of 1. Any pointer may be null; see the operations for
-/// what they then do.
-VEL_API Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
-    Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
-    Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
-    Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
 
 }  // namespace Routing::Pim

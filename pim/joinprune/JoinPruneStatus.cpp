@@ -41,7 +41,7 @@ Vel::Ptr<JoinPruneMessageInfo> JoinPruneStatus::rxPruneDel(RouteIntfKey const& k
 }
 
 void JoinPruneStatus::rxPruneDelAll() {
-  Keep const keep(this);
+  Vel::MemoryHold const memory(this);
   for (auto const& entry : rxPrune_.elements())
     if (rxPrune_.find(entry->velKey()) == entry.get()) rxPruneDel(entry->velKey());
 }

@@ -20,7 +20,12 @@ auto notifierOf(Vel::Ptr<Reactor> const& reactor) -> decltype(reactor->notifier(
 /// Lets go of a reactor. Zombie first, then the back pointer: in between nothing is delivered.
 template <class Reactor>
 void unhook(Reactor& reactor) {
-  reactor.velDoZombieReactors(true);
+  try {
+    reactor.velDoZombieReactors(true);
+  } catch (...) {
+    reactor.velOwnerDel();
+    throw;
+  }
   reactor.velOwnerDel();
 }
 

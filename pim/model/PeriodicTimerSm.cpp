@@ -25,7 +25,10 @@ PeriodicTimerSm::PeriodicTimerSm(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
 // Not left to doTeardown() alone: a derived constructor may have thrown.
 PeriodicTimerSm::~PeriodicTimerSm() { PeriodicTimerSm::periodicTimerDel(); }
 
-void PeriodicTimerSm::doTeardown() { periodicTimerDel(); }
+void PeriodicTimerSm::doTeardown() {
+  retire();
+  periodicTimerDel();
+}
 
 void PeriodicTimerSm::handleInitialized() {}
 
@@ -62,10 +65,10 @@ void PeriodicTimerSm::periodicTimerDel() {
 }
 
 void PeriodicTimerSm::doUpdatePeriodicTimer() {
-  Hold const hold(this);
-  if (hold.gone()) return;
+  Vel::MemoryHold const memory(this);
+  if (retired()) return;
   U32 const seconds = interval();
-  if (hold.gone()) return;
+  if (retired()) return;
   U32 const routes = numberOfMessages();
   PeriodicParams const params = slice(seconds, routes);
   periodicParamsIs(params);
@@ -92,7 +95,7 @@ void PeriodicTimerSm::VelPeriodicTimer::onTime() {
 }
 
 void PeriodicTimerSm::handleTimer() {
-  Hold const hold(this);
+  Vel::MemoryHold const memory(this);
   Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer_;
   try {
     {

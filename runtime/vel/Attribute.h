@@ -57,15 +57,14 @@
  private:                                                                                                    \
   Type foo##_
 
-/// As VEL_VALUE for a time in seconds: NaN, which equals nothing and orders with nothing, throws
-/// InvalidArgumentException.
+/// As VEL_VALUE for a duration in seconds: NaN and negative values throw InvalidArgumentException.
 #define VEL_SECONDS(foo, Foo)                                                                                \
  public:                                                                                                     \
   /** The value of the attribute `foo`, in seconds. */                                                       \
   ::Vel::Seconds foo() const { return foo##_; }                                                              \
-  /** Sets `foo`, in seconds, and tells the reactors; an equal value is nothing, NaN throws. */              \
+  /** Sets `foo`, in seconds, and tells the reactors; NaN and less than 0 throw. */                          \
   void foo##Is(::Vel::Seconds value) {                                                                       \
-    if (std::isnan(value)) throw ::Vel::InvalidArgumentException(#foo " cannot be NaN");                     \
+    ::Vel::requireDuration(#foo, value);                                                                     \
     this->template velValueIs<NotifieeConst, foo##Id>(foo##_, value, [](NotifieeConst& r) { r.on##Foo(); }); \
   }                                                                                                          \
   void foo##Is(::Vel::Seconds) const { ::Vel::throwConstInstance(); }                                        \
@@ -171,7 +170,7 @@
   }                                                                                         \
   /** Removes what is in `foo` now, and tells the reactors of each. */                      \
   void foo##DelAll() {                                                                      \
-    Keep const keep(this);                                                                  \
+    ::Vel::MemoryHold const memory(this);                                                   \
     for (auto const& element : foo##_.elements())                                           \
       if (foo##_.find(element->velKey()) == element.get()) foo##Del(element->velKey());     \
   }                                                                                         \
@@ -269,7 +268,7 @@
   bool foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }                         \
   /** Removes what is in `foo` now, and tells the reactors of each. */                        \
   void foo##DelAll() {                                                                        \
-    Keep const keep(this);                                                                    \
+    ::Vel::MemoryHold const memory(this);                                                     \
     std::vector<Set::Key> all;                                                                \
     all.reserve(foo##Count());                                                                \
     for (auto i = foo##Iterator(); i; ++i) all.push_back(i.key());                            \

@@ -6,8 +6,8 @@
 //
 // All sizes are O(1). An iterator may stand while anything happens to the collection: its own element is
 // removed, others come and go, the table grows, the entity that holds it is dropped (the iterator holds that
-// entity). Every element that is there during the whole walk is visited exactly once; so a walk copies no
-// keys.
+// entity's memory). Every element that is there during the whole walk is visited exactly once; so a walk
+// copies no keys.
 //
 //   for (auto i = status->pimNeighborIterator(); i; ++i)
 //     if (i->intf() == gone) status->pimNeighborDel(i);
@@ -158,7 +158,7 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
   using Map = EntityMap<Key, Element>;
 
   EntityIterator() = default;
-  /// At the first element. Keeps the entity that holds the map.
+  /// At the first element. Holds the memory of the entity that has the map.
   EntityIterator(Entity const* owner, Map const& map) : owner_(owner), map_(&map) {
     arriveAt(map.table().first());
   }
@@ -214,7 +214,7 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
     current_ = Ptr<Element>(all[position]);
   }
 
-  Entity::Keep owner_;
+  MemoryHold owner_;
   Map const* map_ = nullptr;
   Ptr<Element> current_;
   typename Map::Table::Place place_;
@@ -275,6 +275,8 @@ class HashSet {
   }
   /// How many keys there are.
   U32 size() const { return table_.size(); }
+  /// True once a key was inserted, whatever was removed since.
+  bool velWasFilled() const { return table_.epoch() != 0; }
   /// Asks for the memory of the first keys, before a walk.
   void velPrefetch() const { table_.prefetch(); }
 
@@ -290,7 +292,7 @@ class SetIterator : public IteratorRange<SetIterator<Set>> {
   using Key = typename Set::Key;
 
   SetIterator() = default;
-  /// At the first key. Keeps the entity that holds the set.
+  /// At the first key. Holds the memory of the entity that has the set.
   SetIterator(Entity const* owner, Set const& set) : owner_(owner), set_(&set), valid_(cursor_.first(set)) {}
   /// Begins behind a key, which need not be there.
   SetIterator(Entity const* owner, Set const& set, Key const& after)
@@ -313,7 +315,7 @@ class SetIterator : public IteratorRange<SetIterator<Set>> {
   }
 
  private:
-  Entity::Keep owner_;
+  MemoryHold owner_;
   Set const* set_ = nullptr;
   typename Set::Cursor cursor_;
   bool valid_ = false;

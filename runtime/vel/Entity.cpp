@@ -41,14 +41,6 @@ void Entity::velFinish(Act act, void const* context) {
     delivery.snapshot_[i]->deleteRef();
   }
   delivery_ = nullptr;
-  if (delivery.abandoned_ && references() == 0) handleZeroRef();
-}
-
-bool Entity::velInUse() {
-  if (!delivery_) return false;
-  velDisturb();
-  delivery_->abandoned_ = true;
-  return true;
 }
 
 namespace {
@@ -84,7 +76,7 @@ void walkOnStack(Take const& take, Act const& act, SnapshotPart* first, Snapshot
 
 // Whatever has changed must be told: where there is no memory for the snapshot, it is taken on the stack.
 void Entity::velForEachOfSnapshot(Act act, void const* context) {
-  Keep const keep(this);
+  MemoryHold const memory(this);
   try {
     for (SnapshotIterator i(*this); i; ++i) act(*this, *i, context);
   } catch (std::bad_alloc const&) {

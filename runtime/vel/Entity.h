@@ -64,7 +64,6 @@ class VEL_API Delivery {
   // to a read of one of them before it has reached the cache.
   Reactor* at_;
   U32 count_ = 0;
-  bool abandoned_ = false;  // nobody refers to the entity any more
   Reactor* const last_;
   Reactor* snapshot_[capacity];
 };
@@ -98,39 +97,6 @@ class VEL_API Entity : public Counted {
   /// Calls `onZeroReferences()` on each reactor, before destruction.
   void zeroReferencesIs(bool zero) override;
 
-  /// A reference for as long as something runs or stands: a delivery, a handler, an iterator. It is counted
-  /// apart as well, so that one can tell an entity that somebody has from one that is merely still in use.
-  class Keep {
-   public:
-    /// Keeps nothing.
-    Keep() = default;
-    /// Keeps an entity; none for null.
-    explicit Keep(Entity const* entity) : entity_(entity) { take(); }
-    /// Keeps the same once more.
-    Keep(Keep const& other) : entity_(other.entity_) { take(); }
-    /// Takes over; the other keeps nothing then.
-    Keep(Keep&& other) noexcept : entity_(std::exchange(other.entity_, nullptr)) {}
-    /// Keeps another one.
-    Keep& operator=(Keep other) noexcept {
-      std::swap(entity_, other.entity_);
-      return *this;
-    }
-    ~Keep() {
-      if (!entity_) return;
-      --entity_->keeps_;
-      entity_->deleteRef();
-    }
-
-   private:
-    void take() const {
-      if (!entity_) return;
-      entity_->newRef();
-      ++entity_->keeps_;
-    }
-
-    Entity const* entity_ = nullptr;
-  };
-
  protected:
   Entity() = default;
   ~Entity() override;
@@ -140,9 +106,6 @@ class VEL_API Entity : public Counted {
 
   /// True if there may be a reactor that is to be called.
   bool velWatched() const { return notifiees_ != nullptr; }
-
-  /// True if somebody refers to this entity, and not only what runs or stands at the moment.
-  bool velReferred() const { return references() > keeps_; }
 
   /// Calls `call(reactor)` on each reactor of type R that is registered now, each under its own guard, and keeps this
   /// entity alive meanwhile. `id` is what a throwing reactor is told. `call` is copied.
@@ -190,6 +153,7 @@ class VEL_API Entity : public Counted {
       F const copy = act;
       return velForEachOfSnapshot(any, &copy);
     }
+    MemoryHold const memory(this);
     Reactor* r = notifiees_;
     Delivery delivery(r);
     delivery_ = &delivery;
@@ -214,8 +178,6 @@ class VEL_API Entity : public Counted {
     if (delivery_ && !delivery_->hasSnapshot()) delivery_->takeSnapshot();
   }
 
-  bool velInUse() override;
-
   template <class R, AttributeId id, class Call>
   VEL_INLINE static void velCall(Reactor& reactor, Call const& call) noexcept {
     R* const typed = R::velMixedTypes ? dynamic_cast<R*>(&reactor) : static_cast<R*>(&reactor);
@@ -227,7 +189,6 @@ class VEL_API Entity : public Counted {
     }
   }
 
-  mutable U32 keeps_ = 0;
   Reactor* notifiees_ = nullptr;  // the first of a ring in the order of registration
   Delivery* delivery_ = nullptr;  // the one that walks the ring
   U32 reactors_ = 0;              // in the ring

@@ -1,5 +1,7 @@
 #include "runtime/vel/Exception.h"
 
+#include <cmath>
+
 namespace Vel {
 
 RangeException::~RangeException() = default;
@@ -13,6 +15,11 @@ void throwNullParameter(std::string_view parameter, std::string_view mutator) {
   std::ostringstream text;
   text << "null " << parameter << " parameter to mutator for " << mutator << " not allowed\"";
   throw InvalidArgumentException(text.str());
+}
+
+void requireDuration(std::string_view name, Seconds seconds) {
+  if (std::isnan(seconds)) throw InvalidArgumentException(std::string(name) + " cannot be NaN");
+  if (seconds < 0) throw InvalidArgumentException(std::string(name) + " cannot be negative");
 }
 
 void throwReinstantiation(std::string_view parameter, std::string const& given, std::string const& current) {

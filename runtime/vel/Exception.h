@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "runtime/vel/Export.h"
+#include "runtime/vel/Types.h"
 
 namespace Vel {
 
@@ -34,6 +35,10 @@ class VEL_API InvalidArgumentException : public RangeException {
 /// Throws InvalidArgumentException "null <parameter> parameter to mutator for <mutator> not allowed" and a
 /// double-quote character. Kept: the quote has no partner, and log filters in the field match on it.
 [[noreturn]] VEL_API void throwNullParameter(std::string_view parameter, std::string_view mutator);
+
+/// Throws InvalidArgumentException "<name> cannot be NaN" or "<name> cannot be negative" for a time, in
+/// seconds, that is no duration.
+VEL_API void requireDuration(std::string_view name, Seconds seconds);
 
 /// Throws RangeException "Reinstantiating the pointer interface where constructor parameter attribute
 /// <parameter> has a different value of <given> than the current value of <current>".

@@ -3,13 +3,13 @@
 namespace Vel {
 
 void Machine::hasNotificationActiveIs(bool active) {
-  Keep const keep(this);
+  MemoryHold const memory(this);
   active_ = active;
   velVisitReactors([active](Reactor& reactor) { reactor.hasNotificationActiveIs(active); });
 }
 
 void Machine::velDoZombieReactors(bool zombie) {
-  Keep const keep(this);
+  MemoryHold const memory(this);
   velVisitReactors([zombie](Reactor& reactor) { reactor.velDoZombieReactors(zombie); });
 }
 

@@ -131,6 +131,8 @@ class OrderedSet {
 
   /// How many keys there are.
   U32 size() const { return size_; }
+  /// True once a key was inserted, whatever was removed since.
+  bool velWasFilled() const { return epoch_ != 0; }
 
  private:
   static constexpr std::size_t most = 64;  // in a leaf

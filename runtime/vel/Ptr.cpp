@@ -27,13 +27,19 @@ bool Counted::velInUse() { return false; }
 void Counted::handleZeroRef() {
   if (velInUse()) return;
   bitIs(zeroHandlingBit, true);
+  MemoryHold const memory(this);
   try {
     zeroReferencesIs(true);
     if (references() == 0) doTeardown();
   } catch (...) {
     // Out of memory at worst; the destructors release what is left.
   }
+}
+
+// After the zero-reference handling, when the last hold has ended.
+void Counted::settle() {
   if (references() == 0) {
+    holdMemory();  // what is called from here on may hold this object, and must not settle it again
     doDetach();
     delete this;
     return;

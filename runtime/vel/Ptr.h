@@ -33,11 +33,11 @@ VEL_API void threadSafeIs(bool on);
 
 /// An object with a reference count. A new one has a count of 1, which belongs to its creator.
 ///
-/// At zero, in this order: `zeroReferencesIs(true)`; then, if nobody took a reference that lasts,
-/// `doTeardown()` while the object is whole; then, if still nobody did, `doDetach()` and destruction. What the
-/// first two throw is swallowed, since a reference may be dropped anywhere. A reference that is
-/// taken and dropped meanwhile changes nothing; one that is kept revives the object
-/// (`zeroReferencesIs(false)`).
+/// At zero, in this order: `zeroReferencesIs(true)`; then, if there is no new reference, `doTeardown()` while
+/// the object is whole; then, when the last MemoryHold has ended and there is still no new reference,
+/// `doDetach()` and destruction. What the first two throw is swallowed, since a reference may be dropped
+/// anywhere. A reference that is taken and dropped meanwhile changes nothing. One that is kept revives the
+/// object (`zeroReferencesIs(false)`).
 class VEL_API Counted {
  public:
   Counted(Counted const&) = delete;
@@ -89,11 +89,21 @@ class VEL_API Counted {
   static constexpr U32 zeroHandlingBit = 1u << 29;
   static constexpr U32 countMask = 0x5fffffff;
 
-  friend class Entity;  // which looks again at its count when what put off its end is over
+  friend class MemoryHold;
 
   void handleZeroRef();
+  void settle();
 
-  // True if something that runs needs the object a little longer, and looks at its count again afterwards.
+  // Memory holds; see MemoryHold.
+  void holdMemory() const { flagsAndHolds_ += holdUnit; }
+  void releaseMemory() const {
+    flagsAndHolds_ -= holdUnit;
+    // The zero-reference handling has a hold of its own, so the last hold to end settles what that left open.
+    if ((word() & zeroHandlingBit) != 0 && flagsAndHolds_ < holdUnit) [[unlikely]]
+      const_cast<Counted*>(this)->settle();
+  }
+
+  // Called when the count has dropped to zero. True if something that is running has taken a reference.
   virtual bool velInUse();
 
   U32 word() const { return std::atomic_ref(word_).load(std::memory_order_relaxed); }
@@ -106,7 +116,50 @@ class VEL_API Counted {
       word_ = on ? word_ | bit : word_ & ~bit;
   }
 
+  static constexpr U32 holdUnit = 256;
+
   mutable U32 word_ = 1;
+
+ protected:
+  /// The flags of a Reactor in the lowest byte; above them the number of memory holds.
+  mutable U32 flagsAndHolds_ = 0;
+};
+
+/// Keeps an object's memory, and is no reference: when the last reference is dropped, the zero-reference
+/// handling and the retirement of the object happen immediately; only its destruction waits until the last
+/// hold ends. What calls out (a handler, a delivery) or lasts (an iterator) holds the object that it belongs
+/// to. After each call out it asks whether the object is still live; a machine says so by `retired()`.
+///
+///     Vel::MemoryHold const memory(this);
+///     callback();               // may drop the last reference to this
+///     if (retired()) return;    // this can still be read
+///
+/// Holds are not atomic, also in the thread-safe mode.
+class MemoryHold {
+ public:
+  /// Holds nothing.
+  MemoryHold() = default;
+  /// Holds an object; nothing for null.
+  explicit MemoryHold(Counted const* object) : object_(object) { hold(); }
+  /// Holds the same object once more.
+  MemoryHold(MemoryHold const& other) : object_(other.object_) { hold(); }
+  /// Takes the hold over; the other holds nothing then.
+  MemoryHold(MemoryHold&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  /// Holds another object.
+  MemoryHold& operator=(MemoryHold other) noexcept {
+    std::swap(object_, other.object_);
+    return *this;
+  }
+  ~MemoryHold() {
+    if (object_) object_->releaseMemory();
+  }
+
+ private:
+  void hold() const {
+    if (object_) object_->holdMemory();
+  }
+
+  Counted const* object_ = nullptr;
 };
 
 /// A counted reference to a T, or null. Dereferencing null throws RangeException "null ValidPtr".

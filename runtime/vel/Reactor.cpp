@@ -26,7 +26,7 @@ Reactor::~Reactor() { velNotifierIs(nullptr); }
 void Reactor::doDetach() noexcept { velNotifierIs(nullptr); }
 
 void Reactor::hasNotificationActiveIs(bool active) {
-  flags_ = active ? flags_ & ~inactive : flags_ | inactive;
+  flagsAndHolds_ = active ? flagsAndHolds_ & ~inactive : flagsAndHolds_ | inactive;
 }
 
 U32 Reactor::auditErrors() const {
@@ -39,13 +39,13 @@ U32 Reactor::auditErrors() const {
 
 void Reactor::isNondestructingIs(bool on) {
   if (on == isNondestructing()) return;
-  flags_ ^= nondestructing;
+  flagsAndHolds_ ^= nondestructing;
   if (!notifier_) return;
   if (!isRegisteredNotifiee()) {
     // Who does not keep the notifier must be found when it goes, registered or not.
     if (on) {
       link();
-      flags_ |= unregistered;
+      flagsAndHolds_ |= unregistered;
     } else {
       unlink();
     }
@@ -60,7 +60,7 @@ void Reactor::isRegisteredNotifieeIs(bool registered) {
   if (registered == isRegisteredNotifiee() || !notifier_) return;
   unlink();
   if (registered || isNondestructing()) link();
-  if (!registered && isNondestructing()) flags_ |= unregistered;
+  if (!registered && isNondestructing()) flagsAndHolds_ |= unregistered;
 }
 
 // At the end of the notifier's list.
@@ -79,7 +79,7 @@ void Reactor::link() {
 void Reactor::unlink() {
   if (!next_) return;
   notifier_->velDisturb();
-  flags_ &= ~unregistered;
+  flagsAndHolds_ &= ~unregistered;
   --notifier_->reactors_;
   Reactor*& first = notifier_->notifiees_;
   if (next_ == this) {
@@ -144,7 +144,7 @@ void Reactor::velDoZombieReactors(bool zombie) {
   if (zombie == isZombie()) return;
   if (notifier_) hasNotificationActiveIs(!zombie);
   zombieIs(zombie);
-  flags_ = zombie ? flags_ | retired : flags_ & ~retired;
+  flagsAndHolds_ = zombie ? flagsAndHolds_ | retired : flagsAndHolds_ & ~retired;
 }
 
 }  // namespace Vel

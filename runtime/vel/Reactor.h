@@ -38,7 +38,7 @@ class VEL_API Reactor : public Counted {
   /// Switches callbacks on (the default) or off. What was missed is not made up for.
   virtual void hasNotificationActiveIs(bool active);
   /// Whether callbacks are on.
-  bool hasNotificationActive() const { return (flags_ & inactive) == 0; }
+  bool hasNotificationActive() const { return (flagsAndHolds_ & inactive) == 0; }
 
   /// How many inconsistencies there are between this reactor and its notifier; 0 in a healthy process.
   virtual U32 auditErrors() const;
@@ -47,14 +47,14 @@ class VEL_API Reactor : public Counted {
   /// notifier goes, and its notifier reads null afterwards. Off by default.
   virtual void isNondestructingIs(bool nondestructing);
   /// Whether this reactor leaves its notifier's life to others.
-  bool isNondestructing() const { return (flags_ & nondestructing) != 0; }
+  bool isNondestructing() const { return (flagsAndHolds_ & nondestructing) != 0; }
 
   ~Reactor() override;
 
   /// Puts this reactor into its notifier's list (at the end) or takes it out, without changing the notifier.
   virtual void isRegisteredNotifieeIs(bool registered);
   /// Whether the notifier has this reactor in its list.
-  bool isRegisteredNotifiee() const { return next_ && (flags_ & unregistered) == 0; }
+  bool isRegisteredNotifiee() const { return next_ && (flagsAndHolds_ & unregistered) == 0; }
 
   /// A name for traces; the type's unless overridden.
   virtual std::string name() const;
@@ -118,13 +118,12 @@ class VEL_API Reactor : public Counted {
   /// Whether a pass over `entity`'s reactors still concerns this one. One that was unbound in the pass is
   /// called all the same, as one that was only unregistered.
   bool velAccepts(Entity const* entity) const {
-    return (flags_ & (inactive | retired)) == 0 && (notifier_ == entity || notifier_ == nullptr);
+    return (flagsAndHolds_ & (inactive | retired)) == 0 && (notifier_ == entity || notifier_ == nullptr);
   }
 
   /// Whether it is to be called, while it stands in its notifier's list.
-  bool velListens() const { return (flags_ & (inactive | unregistered | retired)) == 0; }
+  bool velListens() const { return (flagsAndHolds_ & (inactive | unregistered | retired)) == 0; }
 
-  U32 flags_ = 0;
   Entity* notifier_ = nullptr;
   Reactor* previous_ = nullptr;  // neighbors in the notifier's list, a ring; null while in none
   Reactor* next_ = nullptr;

@@ -103,6 +103,7 @@ void TimerWheel::Notifiee::doDetach() noexcept {
 void TimerWheel::Notifiee::timeMinIs(Seconds time) {
   TimerWheel* const wheel = static_cast<TimerWheel*>(velNotifier());
   if (time <= std::numeric_limits<Seconds>::max()) {
+    missed_ = false;
     if (previous)
       wheel->remove(this);
     else if (wheel)
@@ -113,6 +114,7 @@ void TimerWheel::Notifiee::timeMinIs(Seconds time) {
     return;
   }
   if (std::isnan(time)) throwNaN();
+  missed_ = false;
   if (previous) {
     wheel->remove(this);
     --wheel->armedCount_;
@@ -202,7 +204,7 @@ void TimerWheel::collectDue(Seconds now) {
 
 void TimerWheel::expire() {
   if (expiring_) return;
-  Vel::Ptr<TimerWheel> const keep(this);  // the clock is somebody's code, too
+  Vel::MemoryHold const memory(this);  // the clock is somebody's code, too
   Seconds const at = now();
   if (at >= timeMin_) callDue(at);
 }
@@ -215,7 +217,8 @@ void TimerWheel::callDue(Seconds at) {
     remove(timer.get());
     --armedCount_;
     timer->timeMin_ = Vel::never;
-    if (!timer->hasNotificationActive() || timer->isZombie()) continue;
+    timer->missed_ = !timer->hasNotificationActive() || timer->isZombie();
+    if (timer->missed_) continue;
     try {
       timer->onTime();
     } catch (...) {

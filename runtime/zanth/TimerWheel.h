@@ -65,6 +65,9 @@ class VEL_API TimerWheel : public Vel::Entity {
     /// True if a finite time is set, the largest finite double included.
     bool armed() const { return timeMin_ <= std::numeric_limits<Seconds>::max(); }
 
+    /// True if the timer expired while it could not be called, and was not armed or disarmed since.
+    bool missed() const { return missed_; }
+
     /// Goes over to another wheel, or to none, with the time that is set.
     void notifierIs(Vel::Ptr<TimerWheel> const& wheel) override;
 
@@ -81,6 +84,7 @@ class VEL_API TimerWheel : public Vel::Entity {
     friend class TimerWheel;
 
     Seconds timeMin_ = Vel::never;
+    bool missed_ = false;
   };
 
   /// On the monotonic clock of the system.

@@ -183,8 +183,9 @@ std::string World::step(Operation const& operation) {
 }
 
 void World::keepFewTraces() {
-  if (traces_ == Traces::few)
-    std::erase_if(model_.events, [](Event const& event) { return event.level > 4; });
+  if (traces_ != Traces::all)
+    std::erase_if(model_.events,
+                  [this](Event const& event) { return event.level > (traces_ == Traces::few ? 4u : 0u); });
 }
 
 void World::repeat(Operation const& operation) {
@@ -194,7 +195,11 @@ void World::repeat(Operation const& operation) {
   model_.silent = false;
   library_.manager.messages = library_.expiries = 0;
   library_.perform(operation);
-  library_.tracesIs(true);
+  setTraces();
+}
+
+void World::setTraces() {
+  library_.tracesIs(traces_ != Traces::none);
   if (traces_ == Traces::few) library_.fewTraces();
 }
 

@@ -101,10 +101,8 @@ class World {
  public:
   /// Lines for each handler and each entry are most of what there is to compare; without them, the library takes the
   /// shorter ways that are open when nobody listens.
-  enum class Traces { all, few };
-  explicit World(Traces traces = Traces::all) : traces_(traces) {
-    if (traces == Traces::few) library_.fewTraces();
-  }
+  enum class Traces { all, few, none };
+  explicit World(Traces traces = Traces::all) : traces_(traces) { setTraces(); }
 
   /// Does the operation to both. Empty if both did the same, otherwise what differs.
   std::string step(Operation const& operation);
@@ -125,6 +123,7 @@ class World {
   std::string stopDiffers(Operation const& operation, std::string const& expression);
   std::string differs(Model::Machine const& expected, JoinPruneNeighborSm const& got);
   void keepFewTraces();
+  void setTraces();
   void forget();
 
   Traces const traces_;

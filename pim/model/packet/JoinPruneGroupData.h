@@ -72,10 +72,16 @@ class VEL_API JoinPruneGroupData final : public Vel::Entity {
   VEL_SET(Vel::HashSet<Dova::IpGenAddr>, joinedRptSource, JoinedRptSource);
   VEL_SET(Vel::OrderedSet<Dova::IpGenAddr>, prunedRptSource, PrunedRptSource);
 
-  /// The (*,G) entry, or null. Setting another record notifies, whatever it holds.
-  VEL_POINTER(WcSourceData, wcSourceData, WcSourceData);
-
  public:
+  /// The (*,G) entry, or null. Setting another record notifies, whatever it holds.
+  Vel::Ptr<WcSourceData> wcSourceData() const { return wcSourceData_; }
+  /// Sets or, by null, removes it, and tells the reactors; the same one is nothing.
+  void wcSourceDataIs(Vel::Ptr<WcSourceData> const& wildcard) {
+    hadWcSourceData_ = hadWcSourceData_ || wildcard;
+    velValueIs<NotifieeConst, wcSourceDataId>(wcSourceData_, wildcard,
+                                              [](NotifieeConst& r) { r.onWcSourceData(); });
+  }
+  void wcSourceDataIs(Vel::Ptr<WcSourceData> const&) const { Vel::throwConstInstance(); }
   /// Removes the (*,G) entry.
   void wcSourceDataDel() { wcSourceDataIs(nullptr); }
   void wcSourceDataDel() const { Vel::throwConstInstance(); }
@@ -96,10 +102,20 @@ class VEL_API JoinPruneGroupData final : public Vel::Entity {
     return joinedSource_.size() != 0 && others == 0 && !wcSourceData_ ? &joinedSource_ : nullptr;
   }
 
+  /// True once there was an entry of any kind, whatever was removed since.
+  bool velWasFilled() const {
+    return joinedSource_.velWasFilled() || prunedSource_.velWasFilled() || joinedRptSource_.velWasFilled() ||
+           prunedRptSource_.velWasFilled() || hadWcSourceData_;
+  }
+
   Dova::IpGenAddr const& velKey() const { return group_; }
   /// For walks over many groups: most have one kind of source.
   void velPrefetch() const { (joinedSource_.size() != 0 ? joinedSource_ : prunedSource_).velPrefetch(); }
   Vel::AttributeTable const& attributeTable() const override;
+
+ private:
+  Vel::Ptr<WcSourceData> wcSourceData_;
+  bool hadWcSourceData_ = false;
 };
 
 }  // namespace Routing::Pim::Packet

@@ -272,7 +272,7 @@ TEST_P(SendingTest, AManagerMayTakeTheWorldDownFromInsideTheSend) {
                          for (auto g = pending->joinPruneGroupDataIterator(); g; ++g) g->joinedSourceDelAll();
                        },
                        1},
-                      {"record", [](World& w) { w.manager->txMessageInfoDel(); }, 3},
+                      {"record", [](World& w) { w.manager->txMessageInfoDel(); }, 1},
                       // A manager that fails has sent nothing: a step without progress.
                       {"throw", [](World&) { throw std::runtime_error("no buffer"); }, 1}};
   for (Row const& row : rows) {

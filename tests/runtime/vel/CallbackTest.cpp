@@ -114,11 +114,14 @@ TEST_P(KindTest, TheEntityMayBeDroppedInsideTheDelivery) {
     self.then = nullptr;
   };
   scene.change();  // the scene's pointer is the only one
-  Log const heard = taken(scene.log);
-  Log expected = scene.heardBy("abc");
-  ASSERT_GE(heard.size(), expected.size());
-  EXPECT_THAT(Log(heard.begin(), heard.begin() + static_cast<long>(expected.size())),
-              ElementsAreArray(expected));
+  // In the middle of the pass the reactors hear of the lamp's end, its emptied collections included; then it
+  // goes on.
+  Log const heard = taken(scene.log), expected = scene.heardBy("abc");
+  auto next = expected.begin();
+  for (auto const& line : heard)
+    if (next != expected.end() && line == *next) ++next;
+  EXPECT_TRUE(next == expected.end()) << testing::PrintToString(heard);
+  EXPECT_EQ(heard.back(), expected.back());
   EXPECT_EQ(Lamp::alive, 0);
   EXPECT_EQ(Bulb::alive, 0);
   EXPECT_FALSE(scene.a->notifier());

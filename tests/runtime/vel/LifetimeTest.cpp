@@ -16,6 +16,8 @@ using Dova::IpGenAddr;
 using Routing::Pim::JoinPruneMessageInfo;
 using Routing::Pim::JoinPruneStatus;
 using Routing::Pim::RouteIntfKey;
+using testing::ElementsAre;
+using testing::IsEmpty;
 using Group = Routing::Pim::Packet::JoinPruneGroupData;
 
 IpGenAddr source(U32 i) { return IpGenAddr::ipv4(0x0a000000u + i); }
@@ -141,21 +143,132 @@ TEST(LifetimeTest, AnErrorInZeroReferenceHandlingDoesNotEscapeFromADroppedRefere
   EXPECT_EQ(destroyed, 1);
 }
 
-TEST(LifetimeTest, OneThatIsOnlyInUseIsToldFromOneThatSomebodyHas) {
-  class Thing final : public Entity {
-   public:
-    using Entity::velReferred;
-  };
-  auto thing = create<Thing>();
-  Thing* const raw = thing.get();
+class Held final : public Entity {
+ public:
+  explicit Held(std::vector<std::string>& l) : log(l) {}
+  ~Held() override { log.push_back("destroyed"); }
+  void zeroReferencesIs(bool zero) override { log.push_back(zero ? "no references" : "revived"); }
+  void doTeardown() override { log.push_back("torn down"); }
+  std::vector<std::string>& log;
+};
+
+class MemoryHoldTest : public testing::Test {
+ protected:
+  std::vector<std::string> taken() { return std::exchange(log, {}); }
+  std::vector<std::string> log;
+  Ptr<Held> held = create<Held>(log);
+  Held* const raw = held.get();
+};
+
+TEST_F(MemoryHoldTest, AHoldIsNoReference) {
   {
-    Entity::Keep const keep(raw);
-    Entity::Keep const copy = keep;
-    EXPECT_TRUE(raw->velReferred());
-    thing = nullptr;
-    EXPECT_FALSE(raw->velReferred());
-    EXPECT_EQ(raw->references(), 2u);
+    MemoryHold const hold(raw);
+    MemoryHold const copy = hold;
+    EXPECT_EQ(raw->references(), 1u);
   }
+  EXPECT_THAT(taken(), IsEmpty());
+}
+
+TEST_F(MemoryHoldTest, TheLastReferenceEndsTheObjectImmediatelyAndOnlyItsDestructionWaitsForTheHolds) {
+  {
+    MemoryHold const outer(raw);
+    {
+      MemoryHold inner(raw);
+      held = nullptr;
+      EXPECT_THAT(taken(), ElementsAre("no references", "torn down"));
+      MemoryHold const moved = std::move(inner);
+    }
+    EXPECT_THAT(taken(), IsEmpty());
+  }
+  EXPECT_THAT(taken(), ElementsAre("destroyed"));
+}
+
+TEST_F(MemoryHoldTest, AReferenceThatIsTakenAndDroppedMeanwhileChangesNothing) {
+  {
+    MemoryHold const hold(raw);
+    held = nullptr;
+    taken();
+    Ptr<Held>{raw};
+    EXPECT_THAT(taken(), IsEmpty());
+  }
+  EXPECT_THAT(taken(), ElementsAre("destroyed"));
+}
+
+TEST_F(MemoryHoldTest, AReferenceThatIsKeptRevivesTheObjectWhenTheLastHoldEnds) {
+  Ptr<Held> kept;
+  {
+    MemoryHold const hold(raw);
+    held = nullptr;
+    taken();
+    kept = Ptr<Held>(raw);
+  }
+  EXPECT_THAT(taken(), ElementsAre("revived"));
+  kept = nullptr;
+  EXPECT_THAT(taken(), ElementsAre("no references", "torn down", "destroyed"));
+}
+
+TEST_F(MemoryHoldTest, AHoldThatBeginsAndEndsInTheZeroReferenceHandlingDoesNotDestroyTheObjectInIt) {
+  class Holding final : public Entity {
+   public:
+    explicit Holding(std::vector<std::string>& l) : log(l) {}
+    ~Holding() override {
+      MemoryHold const hold(this);
+      log.push_back("destroyed");
+    }
+    void zeroReferencesIs(bool) override {
+      MemoryHold const hold(this);
+      log.push_back("no references");
+    }
+    void doTeardown() override {
+      { MemoryHold const hold(this); }
+      log.push_back("torn down");
+    }
+    std::vector<std::string>& log;
+  };
+  create<Holding>(log);
+  EXPECT_THAT(taken(), ElementsAre("no references", "torn down", "destroyed"));
+}
+
+TEST_F(MemoryHoldTest, AnotherObjectIsHeldByAssignment) {
+  auto other = create<Held>(log);
+  MemoryHold hold(raw);
+  hold = MemoryHold(other.get());
+  held = nullptr;
+  EXPECT_THAT(taken(), ElementsAre("no references", "torn down", "destroyed"));
+  other = nullptr;
+  EXPECT_THAT(taken(), ElementsAre("no references", "torn down"));
+  hold = MemoryHold();
+  EXPECT_THAT(taken(), ElementsAre("destroyed"));
+}
+
+TEST(LifetimeTest, AnEntityThatIsDroppedInItsOwnDeliveryHasNoReferencesThenAndThereAndTheDeliveryEnds) {
+  class Dropper final : public JoinPruneMessageInfo::NotifieeConst {
+   public:
+    Dropper(std::vector<std::string>& l, char const* n, Ptr<JoinPruneMessageInfo>* r)
+        : log(l), me(n), record(r) {}
+    void onRxCount() override {
+      log.push_back(me + " is called");
+      if (record) *record = nullptr;
+      log.push_back(me + " returns");
+    }
+    void onZeroReferences() override { log.push_back(me + " hears of no references"); }
+    std::vector<std::string>& log;
+    std::string const me;
+    Ptr<JoinPruneMessageInfo>* const record;
+  };
+  std::vector<std::string> log;
+  auto record = Routing::Pim::joinPruneMessageInfoFactory();
+  auto const first = create<Dropper>(log, "first", &record), second = create<Dropper>(log, "second", nullptr);
+  for (auto const& reactor : {first, second}) {
+    reactor->isNondestructingIs(true);
+    reactor->notifierIs(record);
+  }
+  JoinPruneMessageInfo* const raw = record.get();
+  raw->rxCountInc(1);
+  EXPECT_THAT(log,
+              ElementsAre("first is called", "first hears of no references", "second hears of no references",
+                          "first returns", "second is called", "second returns"));
+  EXPECT_FALSE(first->notifier());
 }
 
 // The least of several measurements: the others were disturbed.

@@ -22,6 +22,7 @@ class Switchboard final : public Machine {
   void handleInitialized() override {}
 
   using Machine::retire;
+  using Machine::start;
 
   Ptr<Recorder> const& left() const { return left_; }
   Ptr<Recorder> const& right() const { return right_; }
@@ -79,32 +80,38 @@ TEST_F(MachineTest, AMachineIsTheOnlyHolderOfItsInputsUntilItGoes) {
   EXPECT_EQ(Lamp::alive, 1);
 }
 
-TEST_F(MachineTest, AHoldKeepsTheMachineAndKnowsWhenNobodyElseDoes) {
+TEST_F(MachineTest, AMachineIsRetiredWhenItsLastReferenceIsDroppedAndItsMemoryWaitsForTheHold) {
   auto* const machine = board.get();
   {
-    Machine::Hold const outer(machine);
+    MemoryHold const outer(machine);
     {
-      Machine::Hold const inner(machine);
-      EXPECT_FALSE(outer.gone());
-      EXPECT_FALSE(inner.gone());
+      MemoryHold const inner(machine);
+      EXPECT_EQ(machine->references(), 1u);
+      EXPECT_FALSE(machine->retired());
       board = nullptr;
-      EXPECT_TRUE(outer.gone());
-      EXPECT_TRUE(inner.gone());
-      EXPECT_EQ(machine->references(), 2u);
-      Ptr<Switchboard> const again(machine);
-      EXPECT_FALSE(inner.gone());
+      EXPECT_TRUE(machine->retired());
+      EXPECT_EQ(machine->references(), 0u);
     }
-    EXPECT_TRUE(outer.gone());
+    EXPECT_TRUE(machine->retired());
     EXPECT_EQ(Recorder::alive, 2);
   }
   EXPECT_EQ(Recorder::alive, 0);
 }
 
-TEST_F(MachineTest, AHoldOnARetiredMachineIsGoneAtOnce) {
-  Machine::Hold const hold(board.get());
+TEST_F(MachineTest, ARetiredMachineIsRetiredOnceAndForAll) {
+  EXPECT_FALSE(board->retired());
   EXPECT_TRUE(board->retire());
-  EXPECT_TRUE(hold.gone());
+  EXPECT_TRUE(board->retired());
   EXPECT_FALSE(board->retire());
+  EXPECT_TRUE(board->retired());
+}
+
+TEST_F(MachineTest, AMachineStartsOnceAndNotAfterItsRetirement) {
+  EXPECT_TRUE(board->start());
+  EXPECT_FALSE(board->start());
+  auto const other = create<Switchboard>(left, right, log);
+  other->retire();
+  EXPECT_FALSE(other->start());
 }
 
 }  // namespace

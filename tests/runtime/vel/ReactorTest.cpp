@@ -517,9 +517,10 @@ TEST_F(ReactorTest, ANotifierMayGoInTheMiddleOfItsOwnDelivery) {
     EXPECT_TRUE(whole);
     EXPECT_THAT(log, SizeIs(2 * count));
     EXPECT_EQ(Lamp::alive, 0);
-    Log const heard = taken(log);
-    EXPECT_THAT(Log(heard.begin(), heard.begin() + count), Each("x: brightness"));
-    EXPECT_THAT(Log(heard.begin() + count, heard.end()), Each("x: zero references"));
+    Log expected(count, "x: zero references");
+    expected.insert(expected.begin(), "x: brightness");
+    expected.insert(expected.end(), count - 1, "x: brightness");
+    EXPECT_EQ(taken(log), expected);
   }
 }
 
