@@ -11,7 +11,9 @@ class JoinPruneNeighborSm;
 class JoinPrunePeriodicTimerSm;
 
 /// Makes a machine that is initialized, with a count of 1. Any pointer may be null; see the operations for
-/// what they then do.
+/// what they then do. Without an interface or a parent that ends the process when the first periodic route
+/// comes: the timer is to be armed then, and there is no interval or no number of routes to arm it by. A loop
+/// quantum that is NaN or negative throws Vel::InvalidArgumentException.
 VEL_API Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
     Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
     Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
@@ -81,16 +83,16 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
   void handleInitialized() override;
 
   /// Sets a cached value, for observers; nothing here reads it. In seconds.
-  virtual void intervalIs(U32 interval);
+  void intervalIs(U32 interval) override;
   void intervalIs(U32) const { Vel::throwConstInstance(); }
   /// As intervalIs(), in seconds.
-  virtual void holdTimeIs(U16 holdTime);
+  void holdTimeIs(U16 holdTime) override;
   void holdTimeIs(U16) const { Vel::throwConstInstance(); }
   /// As intervalIs(), in routes.
-  virtual void numberOfMessagesIs(U32 numberOfMessages);
+  void numberOfMessagesIs(U32 numberOfMessages) override;
   void numberOfMessagesIs(U32) const { Vel::throwConstInstance(); }
   /// Sets the flag and tells the reactors.
-  virtual void initializedIs(bool initialized);
+  void initializedIs(bool initialized) override;
   void initializedIs(bool) const { Vel::throwConstInstance(); }
 
   /// The neighbor machine, or null once it has let go of this one.

@@ -41,27 +41,96 @@ void PeriodicTimerSm::periodicParamsIs(PeriodicParams const& params) {
                                               [](NotifieeConst& r) { r.onPeriodicParams(); });
 }
 
+// What a derived machine does not show need not be kept.
+void PeriodicTimerSm::intervalIs(U32) {}
+void PeriodicTimerSm::holdTimeIs(U16) {}
+void PeriodicTimerSm::numberOfMessagesIs(U32) {}
+void PeriodicTimerSm::initializedIs(bool) {}
+
+void PeriodicTimerSm::hasNotificationActiveIs(bool active) {
+  Vel::MemoryHold const memory(this);
+  Machine::hasNotificationActiveIs(active);
+  bringTimerUpToDate();
+}
+
+void PeriodicTimerSm::velDoZombieReactors(bool zombie) {
+  Vel::MemoryHold const memory(this);
+  Machine::velDoZombieReactors(zombie);
+  bringTimerUpToDate();
+}
+
+// The wheel drops an expiry of a timer that is switched off. What was missed is made up for, and nothing else.
+void PeriodicTimerSm::bringTimerUpToDate() {
+  Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer_;
+  if (!timer || !timer->hasNotificationActive() || timer->isZombie() || !timer->notifier()) return;
+  if (timer->armed()) return followClock(*timer);
+  if (!timer->missed()) return;
+  if (periodicParams_.routes == 0) return timer->timeMinIs(Vel::never);
+  Seconds const now = timer->notifier()->now();
+  if (periodicTimer_ == timer) moveToClock(*timer, now, now);
+}
+
 Vel::Ptr<PeriodicTimerSm::VelPeriodicTimer> PeriodicTimerSm::newPeriodicTimer(
     Vel::Ptr<Zanth::TimerWheel> const& wheel) {
-  PeriodicTimerSm::periodicTimerDel();  // somebody may hold the old one, which must not call back
-  periodicTimer_ = Vel::create<VelPeriodicTimer>(this);
-  periodicTimer_->notifierIs(wheel);
-  periodicTimer_->hasNotificationActiveIs(hasNotificationActive());
-  return periodicTimer_;
+  if (retired()) return periodicTimer_;
+  Vel::Ptr<VelPeriodicTimer> const old = periodicTimer_;
+  auto const made = Vel::create<VelPeriodicTimer>(this);
+  made->notifierIs(wheel);
+  made->hasNotificationActiveIs(hasNotificationActive());
+  periodicTimer_ = made;
+  if (!old) return made;
+  made->velDoZombieReactors(old->isZombie());
+  Seconds const time = old->missed() ? -Vel::never : old->timeMin();
+  // A deadline on another clock says nothing.
+  if (old->notifier() != wheel) deadline_ = -Vel::never;
+  // Somebody may hold the old one, which must not call back.
+  letGo(old);
+  if (time == Vel::never) return made;
+  Vel::MemoryHold const memory(this);
+  Seconds const now = wheel->now();
+  if (periodicTimer_ == made) moveToClock(*made, time, now);
+  return made;
 }
 
 void PeriodicTimerSm::periodicTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
-  if (periodicTimer_ ? periodicTimer_->notifier() == wheel : !wheel) return;
-  periodicTimerDel();
-  if (wheel) newPeriodicTimer(wheel);
+  if (retired() || (periodicTimer_ ? periodicTimer_->notifier() == wheel : !wheel)) return;
+  if (!wheel) return periodicTimerDel();
+  Vel::MemoryHold const memory(this);
+  bool const first = !periodicTimer_;
+  newPeriodicTimer(wheel);
+  if (first && periodicParams_.routes != 0) doUpdatePeriodicTimer();
 }
 
 void PeriodicTimerSm::periodicTimerDel() {
-  Vel::Ptr<VelPeriodicTimer> const timer = std::exchange(periodicTimer_, nullptr);
-  if (!timer) return;
+  deadline_ = -Vel::never;
+  if (auto const timer = std::exchange(periodicTimer_, nullptr)) letGo(timer);
+}
+
+void PeriodicTimerSm::letGo(Vel::Ptr<VelPeriodicTimer> const& timer) {
   timer->timeMinIs(Vel::never);
   timer->velDoZombieReactors(true);
   timer->periodicTimerSmIs(nullptr);
+}
+
+// `now` is what the timer's clock reads, and `interval` what is waited for.
+void PeriodicTimerSm::arm(VelPeriodicTimer& timer, Seconds time, Seconds now, Seconds interval) {
+  armedAt_ = now;
+  armedInterval_ = interval;
+  timer.timeMinIs(time);
+}
+
+// The time is one of another clock, or of this one before it was set back: it may be far away.
+void PeriodicTimerSm::moveToClock(VelPeriodicTimer& timer, Seconds time, Seconds now) {
+  deadline_ = std::clamp(time, now, now + armedInterval_);
+  arm(timer, deadline_, now, armedInterval_);
+}
+
+// A running timer is not moved while its clock goes forward.
+void PeriodicTimerSm::followClock(VelPeriodicTimer& timer) {
+  Vel::Ptr<Zanth::TimerWheel> const wheel = timer.notifier();
+  if (!wheel) return;
+  Seconds const now = wheel->now();
+  if (now < armedAt_ && periodicTimer_ == &timer) moveToClock(timer, timer.timeMin(), now);
 }
 
 void PeriodicTimerSm::doUpdatePeriodicTimer() {
@@ -72,22 +141,32 @@ void PeriodicTimerSm::doUpdatePeriodicTimer() {
   U32 const routes = numberOfMessages();
   PeriodicParams const params = slice(seconds, routes);
   periodicParamsIs(params);
-  if (!periodicTimer_ || sending_ || periodicTimer_->armed()) return;
   Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer_;
+  if (!timer || sending_) return;
+  if (timer->armed()) return followClock(*timer);
+  if (routes == 0) timer->timeMinIs(Vel::never);  // what was missed is not due any more
+  if (timer->missed()) return bringTimerUpToDate();
   left_ = wholeSlice;
   if (routes == 0) return;
   Seconds const now = timer->notifier()->now();
+  if (periodicTimer_ != timer) return;
+  Seconds const latest = now + params.interval;
   Seconds const next = deadline_ + params.interval;
-  deadline_ = next > now ? next : now + params.interval;
-  timer->timeMinIs(deadline_);
+  if (next > now)
+    deadline_ = std::min(next, latest);  // the clock may have been set back
+  else
+    deadline_ = expiring_ && deadline_ != -Vel::never ? now : latest;
+  arm(*timer, deadline_, now, params.interval);
 }
 
 void PeriodicTimerSm::doReschedulePeriodicTimer() {
+  Vel::MemoryHold const memory(this);
   Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer_;
   if (!timer) return;
   U64 const bound = routesLeftInSlice();
   left_ = bound > done_ ? bound - done_ : 0;
-  timer->timeMinIs(timer->notifier()->now() + rescheduleDelay);
+  Seconds const now = timer->notifier()->now();
+  if (periodicTimer_ == timer) arm(*timer, now + rescheduleDelay, now, rescheduleDelay);
 }
 
 void PeriodicTimerSm::VelPeriodicTimer::onTime() {
@@ -96,18 +175,21 @@ void PeriodicTimerSm::VelPeriodicTimer::onTime() {
 
 void PeriodicTimerSm::handleTimer() {
   Vel::MemoryHold const memory(this);
-  Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer_;
+  expiring_ = true;
   try {
     {
       Sending const sending(*this);
       doResetHoldTime();
     }
-    if (timer->periodicTimerSm() == this) handlePeriodicTimerExpiry();
+    // The timer may be another one by now; without one the machine has let go.
+    if (periodicTimer_) handlePeriodicTimerExpiry();
   } catch (...) {
+    expiring_ = false;
     // The refresh must not end with the first failure, whatever it was.
-    if (timer->periodicTimerSm() == this && !timer->armed()) doReschedulePeriodicTimer();
+    if (periodicTimer_ && !periodicTimer_->armed()) doReschedulePeriodicTimer();
     throw;
   }
+  expiring_ = false;
 }
 
 Vel::AttributeTable const& PeriodicTimerSm::baseAttributes() {

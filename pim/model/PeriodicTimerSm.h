@@ -15,7 +15,8 @@ namespace Routing::Pim {
 ///
 /// Up to 1,000 routes are refreshed in one slice per interval. More are cut into slices of about 1,000
 /// routes, at least 0.1 s apart, so that neither this router nor its neighbor meets a burst. A slice that
-/// could not be sent in one go (the expiry has a time quantum) goes on 0.1 s later with what is left of it.
+/// could not be sent in one go (the expiry has a time quantum) goes on 0.1 s later with what is left of it. A
+/// slice that took longer than its interval is followed by the next one at once.
 class VEL_API PeriodicTimerSm : public Vel::Machine {
  public:
   /// One slice: the time until the next one, and how many routes it refreshes.
@@ -52,6 +53,9 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
     PeriodicTimerSm* periodicTimerSm_;
   };
 
+  // The order of the virtual operations is that of their slots, in the derived machines as well. Those that
+  // have theirs from Vel::Machine are declared in their place.
+
   /// The interval, in whole seconds; greater than 0.
   virtual U32 interval() const = 0;
   /// The hold time to advertise, in seconds.
@@ -67,31 +71,55 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// True once `handleInitialized()` has run. While false, expiries send nothing.
   virtual bool initialized() const = 0;
   void handleInitialized() override;
+  /// Sets the current slice and tells the reactors; an equal one is nothing. Does not touch the timer.
+  virtual void periodicParamsIs(PeriodicParams const& params);
+  void periodicParamsIs(PeriodicParams const&) const { Vel::throwConstInstance(); }
+  /// Sets the interval that a derived machine shows to observers, in seconds. By default there is none to
+  /// set.
+  virtual void intervalIs(U32 interval);
+  void intervalIs(U32) const { Vel::throwConstInstance(); }
+  /// As intervalIs(), of the hold time, in seconds.
+  virtual void holdTimeIs(U16 holdTime);
+  void holdTimeIs(U16) const { Vel::throwConstInstance(); }
+  /// As intervalIs(), of the number of routes.
+  virtual void numberOfMessagesIs(U32 numberOfMessages);
+  void numberOfMessagesIs(U32) const { Vel::throwConstInstance(); }
+  /// As intervalIs(), of what `initialized()` says.
+  virtual void initializedIs(bool initialized);
+  void initializedIs(bool) const { Vel::throwConstInstance(); }
+  /// Retires or revives the timer. A revived one is brought up to date, as by hasNotificationActiveIs().
+  void velDoZombieReactors(bool zombie) override;
+  /// Removes the timer, which is not called any more.
+  virtual void periodicTimerDel();
+  void periodicTimerDel() const { Vel::throwConstInstance(); }
+  /// Makes the timer on another wheel, as newPeriodicTimer(); none for null. The same wheel: nothing. Where
+  /// there was no timer and there are routes, it is armed one slice's interval ahead.
+  virtual void periodicTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  void periodicTimerIs(Vel::Ptr<Zanth::TimerWheel> const&) const { Vel::throwConstInstance(); }
+
+  /// Switches the timer's callback on or off. What became due while it was off is due once it is on again.
+  void hasNotificationActiveIs(bool active) override;
   Vel::AttributeTable const& attributeTable() const override;
 
   /// The current slice.
   PeriodicParams periodicParams() const { return periodicParams_; }
-  /// Sets it and tells the reactors; an equal one is nothing. Does not touch the timer.
-  virtual void periodicParamsIs(PeriodicParams const& params);
-  void periodicParamsIs(PeriodicParams const&) const { Vel::throwConstInstance(); }
 
   /// The timer, or null.
   Vel::Ptr<VelPeriodicTimer> periodicTimer() const { return periodicTimer_; }
-  /// Makes the timer on another wheel; none for null. The same wheel: nothing.
-  virtual void periodicTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
-  void periodicTimerIs(Vel::Ptr<Zanth::TimerWheel> const&) const { Vel::throwConstInstance(); }
-  /// Removes the timer, which is not called any more.
-  virtual void periodicTimerDel();
-  void periodicTimerDel() const { Vel::throwConstInstance(); }
-  /// Makes the timer, in place of the one that there is. REQUIRES: a wheel.
+  /// Makes the timer, in place of the one that there is. If that was armed, so is the new one: for the same
+  /// time, or for when the interval with which it was armed has passed on the new wheel, whichever is
+  /// earlier. REQUIRES: a wheel.
   Vel::Ptr<VelPeriodicTimer> newPeriodicTimer(Vel::Ptr<Zanth::TimerWheel> const& wheel);
   Vel::Ptr<VelPeriodicTimer> newPeriodicTimer(Vel::Ptr<Zanth::TimerWheel> const&) const {
     Vel::throwConstInstance();
   }
 
-  /// Takes the parameters from `interval()` and `numberOfMessages()`; O(1). A running timer is left alone. An
-  /// idle one is armed if there are routes: a slice's interval after the previous deadline, or after now if
-  /// there was none or that time has gone by. While a slice is being sent, only the parameters are taken.
+  /// Takes the parameters from `interval()` and `numberOfMessages()`; O(1). While a slice is being sent,
+  /// nothing else happens. An idle timer is armed if there are routes, for a slice's interval after the
+  /// previous deadline. If that time has passed, it is armed for now at the end of an expiry, so that a
+  /// refresh that cannot keep up loses no further time, and otherwise, as without a previous deadline, for a
+  /// slice's interval after now. A running timer is left alone, unless its clock was set back behind the
+  /// moment at which it was armed: then it waits no longer than the interval with which it was armed.
   void doUpdatePeriodicTimer();
 
   /// True if a change of the route count would do no more than move the parameters, and nobody hears of that.
@@ -137,13 +165,21 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   static constexpr U64 wholeSlice = ~U64{0};
 
   void handleTimer();
+  void arm(VelPeriodicTimer& timer, Seconds time, Seconds now, Seconds interval);
+  void moveToClock(VelPeriodicTimer& timer, Seconds time, Seconds now);
+  void followClock(VelPeriodicTimer& timer);
+  void bringTimerUpToDate();
+  void letGo(Vel::Ptr<VelPeriodicTimer> const& timer);
 
   PeriodicParams periodicParams_;
   Vel::Ptr<VelPeriodicTimer> periodicTimer_;
   Seconds deadline_ = -Vel::never;  // when the latest slice was, or is, to begin
+  Seconds armedAt_ = -Vel::never;   // what the clock read then
+  Seconds armedInterval_ = 0;       // the longest time that it may wait from now
   U64 left_ = wholeSlice;           // of a slice that was cut short
   U64 done_ = 0;
   bool sending_ = false;
+  bool expiring_ = false;
 };
 
 /// "Interval: 60, Routes/Interval: 12"; "null" for null.

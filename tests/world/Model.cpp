@@ -590,7 +590,7 @@ void Model::handleOnceExpiry(MachinePtr const& m, Channel channel) {
   doUpdateTimer(*m, channel);
 }
 
-void Model::doUpdatePeriodicTimer(Machine& m) {
+void Model::doUpdatePeriodicTimer(Machine& m, bool atEndOfExpiry) {
   trace(8, periodicForm(m), "interval()");
   trace(8, periodicForm(m), "numberOfMessages()");
   U64 const routes = m.routes;
@@ -603,7 +603,7 @@ void Model::doUpdatePeriodicTimer(Machine& m) {
   m.left.reset();
   if (routes == 0) return;
   Seconds next = m.deadline + m.sliceInterval;
-  if (next <= now) next = now + m.sliceInterval;
+  if (next <= now) next = atEndOfExpiry ? now : now + m.sliceInterval;
   m.deadline = next;
   arm(m, Channel::periodic, next);
 }
@@ -637,7 +637,7 @@ void Model::handlePeriodicExpiry(MachinePtr const& m) {
   m->sending = false;
   if (count == 0 || count >= bound()) {
     trace(7, begin, "(): Finished TX");
-    doUpdatePeriodicTimer(*m);
+    doUpdatePeriodicTimer(*m, true);
   } else {
     m->left = bound() - std::min(bound(), dealtWith);
     arm(*m, Channel::periodic, now + 0.1);

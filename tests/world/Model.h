@@ -264,7 +264,7 @@ class Model {
   void send(RecordPtr const& r);
   void handleOnceExpiry(MachinePtr const& m, Channel channel);
   void handlePeriodicExpiry(MachinePtr const& m);
-  void doUpdatePeriodicTimer(Machine& m);
+  void doUpdatePeriodicTimer(Machine& m, bool atEndOfExpiry = false);
 
   GroupPtr groupIs(DataPtr const& data, Addr group);
   DataPtr find(Operation const& operation) const;

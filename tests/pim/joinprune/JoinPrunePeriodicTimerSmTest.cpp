@@ -1,3 +1,5 @@
+#include <cstring>
+
 #include "tests/pim/joinprune/World.h"
 
 namespace Routing::Pim {
@@ -413,7 +415,100 @@ TEST_F(JoinPrunePeriodicTimerSmTest, WithoutAMessageARefreshIsAStepWithoutProgre
   }
 }
 
+TEST_F(JoinPrunePeriodicTimerSmTest,
+       ARefreshThatWasDueWhileItsNeighborMachineWasSwitchedOffIsDueOnceItIsOnAgain) {
+  using Switch = void (*)(JoinPruneNeighborSm&, bool on);
+  addRoutes(3);
+  manager->perMessage = 3;
+  for (Switch const turn : {Switch([](JoinPruneNeighborSm&n, bool on) { n.hasNotificationActiveIs(on); }),
+                            Switch([](JoinPruneNeighborSm&n, bool on) { n.velDoZombieReactors(!on); })}) {
+    manager->messages = 0;
+    turn(*sm(N), false);
+    fire();
+    EXPECT_EQ(timeMin(), Vel::never);
+    time += 600;
+    turn(*sm(N), true);
+    EXPECT_EQ(timeMin(), time);
+    EXPECT_EQ(manager->messages, 0u);
+    fire();
+    EXPECT_EQ(manager->messages, 1u);
+    EXPECT_EQ(timeMin(), time + 60);
+  }
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ARetiredMachineIsNotBroughtBackByASwitchNorByAWheel) {
+  addRoutes(1);
+  sm(N)->hasNotificationActiveIs(false);
+  fire();
+  sm(N)->joinPrunePeriodicTimerSmDel();
+  periodicSm->hasNotificationActiveIs(true);
+  periodicSm->velDoZombieReactors(false);
+  EXPECT_FALSE(periodicSm->periodicTimer());
+  periodicSm->periodicTimerIs(wheel);
+  EXPECT_FALSE(periodicSm->periodicTimer());
+  EXPECT_FALSE(periodicSm->newPeriodicTimer(wheel));
+  EXPECT_FALSE(periodicSm->periodicTimer());
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, OnAnotherWheelTheRefreshGoesOn) {
+  addRoutes(3);
+  manager->perMessage = 3;
+  Seconds otherTime = 5;
+  auto const other = Vel::create<Zanth::TimerWheel>([&otherTime] { return otherTime; });
+  periodicSm->periodicTimerIs(other);
+  EXPECT_EQ(timeMin(), 65);
+  otherTime = 65;
+  other->expire();
+  EXPECT_EQ(manager->messages, 1u);
+  EXPECT_EQ(timeMin(), 125);
+  machine = nullptr;
+  periodicSm = nullptr;
+}
+
+#ifdef __GNUC__
+// The place of a virtual function in its table, as the C++ ABI of g++ and clang has it in a pointer to member.
+template <class Function>
+std::ptrdiff_t slot(Function function) {
+  std::ptrdiff_t words[2];
+  static_assert(sizeof function == sizeof words);
+  std::memcpy(words, &function, sizeof words);
+  return words[0] & ~std::ptrdiff_t{1};
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ItsVirtualOperationsHaveTheirSlotsInTheOrderInWhichTheyAreDeclared) {
+  using T = JoinPrunePeriodicTimerSm;
+  std::ptrdiff_t const slots[] = {
+      slot(&T::interval), slot(&T::holdTime), slot(&T::numberOfMessages), slot(&T::doResetHoldTime),
+      slot(&T::handlePeriodicTimerExpiry), slot(&T::initialized),
+      // handleInitialized() has the slot of every machine.
+      slot(static_cast<void (T::*)(PeriodicTimerSm::PeriodicParams const&)>(&T::periodicParamsIs)),
+      slot(static_cast<void (T::*)(U32)>(&T::intervalIs)),
+      slot(static_cast<void (T::*)(U16)>(&T::holdTimeIs)),
+      slot(static_cast<void (T::*)(U32)>(&T::numberOfMessagesIs)),
+      slot(static_cast<void (T::*)(bool)>(&T::initializedIs)),
+      // velDoZombieReactors() likewise.
+      slot(static_cast<void (T::*)()>(&T::periodicTimerDel)),
+      slot(static_cast<void (T::*)(Vel::Ptr<Zanth::TimerWheel> const&)>(&T::periodicTimerIs))};
+  for (std::size_t i = 1; i < std::size(slots); ++i)
+    EXPECT_EQ(slots[i], slots[i - 1] + static_cast<std::ptrdiff_t>(sizeof(void*))) << "operation " << i;
+}
+#endif
+
 using JoinPrunePeriodicTimerSmDeathTest = JoinPrunePeriodicTimerSmTest;
+TEST_F(JoinPrunePeriodicTimerSmDeathTest, WithoutAnInterfaceOrAParentTheFirstRouteEndsTheProcess) {
+  Vel::traceSinkIs({});
+  auto const withoutIntf =
+      joinPrunePeriodicTimerSmFactory(wheel, sm(N).get(), 0.1, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_DEATH(withoutIntf->doUpdatePeriodicTimer(), "interval null intf \n.*Assertion `false' failed");
+  auto const orphan = joinPrunePeriodicTimerSmFactory(wheel, nullptr, 0.1, nullptr, eth0, nullptr, nullptr);
+  EXPECT_DEATH(orphan->doUpdatePeriodicTimer(), "numberOfMessagesnull parentSm \n.*Assertion `false' failed");
+  // Until then it is a machine like any other.
+  withoutIntf->hasNotificationActiveIs(true);
+  withoutIntf->periodicTimerIs(nullptr);
+  withoutIntf->periodicTimerIs(wheel);
+  EXPECT_FALSE(withoutIntf->periodicTimer()->armed());
+}
+
 TEST_F(JoinPrunePeriodicTimerSmDeathTest, WhatHasNoPeriodCannotBePaced) {
   Vel::traceSinkIs({});
   auto const make = [&](Vel::Ptr<Intf const> on) {

@@ -166,13 +166,29 @@ TEST_F(PeriodicTimerSmTest, TheNextSliceComesOneIntervalAfterTheDeadlineNotAfter
   EXPECT_EQ(armedFor(), 1120);
 }
 
-TEST_F(PeriodicTimerSmTest, AfterADeadlineThatWasMissedAltogetherTimeStartsAnew) {
+TEST_F(PeriodicTimerSmTest, ASliceThatOutlastsItsIntervalIsFollowedByTheNextOneAtOnce) {
   routesAre(1);
+  sm->whileSending = [this] { time += 70; };
+  expireAt(1060);
+  EXPECT_EQ(armedFor(), 1130);
+  expireAt(1130);
+  EXPECT_EQ(armedFor(), 1200);
+  sm->whileSending = nullptr;
+  expireAt(1200);
+  EXPECT_EQ(armedFor(), 1260);  // nothing is made up for
+  EXPECT_THAT(
+      log, ElementsAre("hold time", "sent 1 of 1", "hold time", "sent 1 of 1", "hold time", "sent 1 of 1"));
+}
+
+TEST_F(PeriodicTimerSmTest, AfterADeadlineThatWasMissedAltogetherOneMoreSliceComesAtOnceAndThenTheUsualPace) {
+  routesAre(1);
+  expireAt(1300);
+  EXPECT_EQ(armedFor(), 1300);
   expireAt(1300);
   EXPECT_EQ(armedFor(), 1360);
 }
 
-TEST_F(PeriodicTimerSmTest, AMachineThatWasEmptyForAWhileStartsAnewToo) {
+TEST_F(PeriodicTimerSmTest, AMachineThatWasEmptyForAWhileStartsAnew) {
   routesAre(1);
   sm->routes = 0;
   expireAt(1060);
@@ -329,6 +345,351 @@ TEST_F(PeriodicTimerSmTest, AMachineWhoseNotificationsAreOffIsNotCalled) {
   EXPECT_THAT(log, ElementsAre("hold time", "sent 1 of 1"));
 }
 
+TEST_F(PeriodicTimerSmTest, AnExpiryThatComesWhileNotificationsAreOffIsDueOnceTheyAreOnAgain) {
+  using Switch = void (*)(Refresher&, bool on);
+  for (Switch const turn : {Switch([](Refresher&r, bool on) { r.hasNotificationActiveIs(on); }),
+                            Switch([](Refresher&r, bool on) { r.velDoZombieReactors(!on); })}) {
+    time = 1000;
+    sm = Vel::create<Refresher>(wheel, log);
+    routesAre(1);
+    turn(*sm, false);
+    expireAt(1060);
+    EXPECT_EQ(armedFor(), Vel::never);
+    time = 1400;
+    turn(*sm, true);
+    EXPECT_THAT(taken(log), IsEmpty());
+    EXPECT_EQ(armedFor(), 1400);
+    turn(*sm, true);
+    EXPECT_EQ(armedFor(), 1400);
+    expireAt(1400);
+    EXPECT_THAT(taken(log), ElementsAre("hold time", "sent 1 of 1"));
+    EXPECT_EQ(armedFor(), 1460);
+  }
+}
+
+TEST_F(PeriodicTimerSmTest, SwitchingOnLeavesAloneWhatIsNotDueYet) {
+  sm->hasNotificationActiveIs(false);
+  sm->hasNotificationActiveIs(true);
+  EXPECT_EQ(armedFor(), Vel::never);
+  routesAre(1);
+  sm->hasNotificationActiveIs(false);
+  time = 1030;
+  sm->hasNotificationActiveIs(true);
+  EXPECT_EQ(armedFor(), 1060);
+  sm->hasNotificationActiveIs(false);
+  time = 1070;  // due, but the wheel has not been there yet
+  sm->hasNotificationActiveIs(true);
+  EXPECT_EQ(armedFor(), 1060);
+  sm->periodicTimer()->timeMinIs(Vel::never);  // by hand
+  sm->hasNotificationActiveIs(false);
+  sm->hasNotificationActiveIs(true);
+  EXPECT_EQ(armedFor(), Vel::never);
+  EXPECT_THAT(log, IsEmpty());
+}
+
+TEST_F(PeriodicTimerSmTest, SwitchingOnInsideAnExpiryChangesNothing) {
+  routesAre(1);
+  sm->whileSending = [this] {
+    sm->hasNotificationActiveIs(false);
+    sm->hasNotificationActiveIs(true);
+    sm->velDoZombieReactors(true);
+    sm->velDoZombieReactors(false);
+    EXPECT_EQ(armedFor(), Vel::never);
+  };
+  expireAt(1060);
+  EXPECT_EQ(armedFor(), 1120);
+}
+
+TEST_F(PeriodicTimerSmTest, WhatWasDueWhileNotificationsWereOffIsNotPostponedByAChangeOfTheCount) {
+  routesAre(1);
+  sm->hasNotificationActiveIs(false);
+  expireAt(1060);
+  time = 1065;
+  routesAre(2);
+  EXPECT_EQ(armedFor(), Vel::never);
+  time = 1070;
+  sm->hasNotificationActiveIs(true);
+  EXPECT_EQ(armedFor(), 1070);
+}
+
+TEST_F(PeriodicTimerSmTest, WithTheLastRouteGoneNothingIsDueWhenNotificationsAreOnAgain) {
+  for (bool const countedBefore : {false, true}) {
+    time = 1000;
+    sm = Vel::create<Refresher>(wheel, log);
+    routesAre(1);
+    if (countedBefore) routesAre(0);
+    sm->hasNotificationActiveIs(false);
+    expireAt(1060);
+    if (!countedBefore) routesAre(0);
+    sm->hasNotificationActiveIs(true);
+    EXPECT_EQ(armedFor(), Vel::never);
+    time = 1300;
+    routesAre(1);
+    EXPECT_EQ(armedFor(), 1360);
+  }
+}
+
+TEST_F(PeriodicTimerSmTest, ASliceWhoseRestWasDueWhileNotificationsWereOffIsContinuedNotRepeated) {
+  routesAre(100);
+  sm->perExpiry = 30;
+  expireAt(1060);
+  sm->hasNotificationActiveIs(false);
+  expireAt(1061);
+  sm->hasNotificationActiveIs(true);
+  expireAt(1061);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 30 of 100", "hold time", "sent 30 of 70"));
+}
+
+TEST_F(PeriodicTimerSmTest, AZombieTimerIsNotArmedByActiveNotifications) {
+  routesAre(1);
+  sm->velDoZombieReactors(true);
+  expireAt(1060);
+  sm->hasNotificationActiveIs(true);
+  EXPECT_EQ(armedFor(), Vel::never);
+  sm->velDoZombieReactors(false);
+  EXPECT_EQ(armedFor(), 1060);
+}
+
+TEST_F(PeriodicTimerSmTest, AClockThatIsSetBackBringsARunningTimerWithinItsInterval) {
+  struct Row {
+    char const* what;
+    std::function<void()> notice;
+  } const rows[] = {{"a change of the count", [this] { routesAre(2); }},
+                    {"switching on", [this] { sm->hasNotificationActiveIs(true); }},
+                    {"revival", [this] { sm->velDoZombieReactors(false); }}};
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.what);
+    time = 1000;
+    sm = Vel::create<Refresher>(wheel, log);
+    routesAre(1);
+    time = 1050;
+    row.notice();
+    time = 1000;  // not behind the moment at which it was armed
+    row.notice();
+    EXPECT_EQ(armedFor(), 1060);
+    time = 999;
+    row.notice();
+    EXPECT_EQ(armedFor(), 1059);
+    time = 100;
+    row.notice();
+    EXPECT_EQ(armedFor(), 160);
+    time = 120;
+    row.notice();
+    EXPECT_EQ(armedFor(), 160);
+    expireAt(160);
+    EXPECT_EQ(armedFor(), 220);
+  }
+}
+
+TEST_F(PeriodicTimerSmTest, AClockThatIsSetBackDoesNotHoldUpTheRestOfASlice) {
+  routesAre(100);
+  sm->perExpiry = 60;
+  expireAt(1060);
+  time = 10;
+  routesAre(101);
+  EXPECT_DOUBLE_EQ(armedFor(), 10.1);
+  expireAt(10.2);
+  EXPECT_EQ(taken(log).back(), "sent 40 of 40");
+  EXPECT_GT(armedFor(), 70);
+  EXPECT_LE(armedFor(), 70.2);
+}
+
+TEST_F(PeriodicTimerSmTest, AnIdleTimerIsArmedByTheClockAsItIsNow) {
+  routesAre(1);
+  sm->whileSending = [this] { time = 500; };
+  expireAt(1060);
+  EXPECT_EQ(armedFor(), 560);
+  sm->whileSending = nullptr;
+  sm->routes = 0;
+  expireAt(560);
+  ASSERT_EQ(armedFor(), Vel::never);
+  time = 10;
+  routesAre(1);
+  EXPECT_EQ(armedFor(), 70);
+}
+
+TEST_F(PeriodicTimerSmTest, OnAnotherWheelARunningTimerKeepsItsTimeUpToItsInterval) {
+  struct Row {
+    char const* what;
+    Seconds otherNow, armedFor, next;
+  } const rows[] = {{"the same clock", 1010, 1060, 1120},
+                    {"a clock that is behind", 200, 260, 320},
+                    {"a clock that is a little ahead", 1020, 1060, 1120},
+                    {"a clock that is far ahead", 9000, 9000, 9060}};
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.what);
+    time = 1000;
+    sm = Vel::create<Refresher>(wheel, log);
+    routesAre(1);
+    time = 1010;
+    Seconds otherTime = row.otherNow;
+    auto const other = Vel::create<Zanth::TimerWheel>([&otherTime] { return otherTime; });
+    sm->periodicTimerIs(other);
+    EXPECT_EQ(wheel->armedCount(), 0u);
+    EXPECT_EQ(armedFor(), row.armedFor);
+    sm->doUpdatePeriodicTimer();
+    EXPECT_EQ(armedFor(), row.armedFor);
+    otherTime = row.armedFor;
+    other->expire();
+    EXPECT_EQ(armedFor(), row.next);
+    sm = nullptr;
+  }
+}
+
+TEST_F(PeriodicTimerSmTest, OnAnotherWheelTheRestOfASliceIsSentSoon) {
+  routesAre(100);
+  sm->perExpiry = 60;
+  expireAt(1060);
+  Seconds otherTime = 10;
+  auto const other = Vel::create<Zanth::TimerWheel>([&otherTime] { return otherTime; });
+  sm->periodicTimerIs(other);
+  EXPECT_DOUBLE_EQ(armedFor(), 10.1);
+  otherTime = 10.1;
+  other->expire();
+  EXPECT_EQ(log.back(), "sent 40 of 40");
+  EXPECT_DOUBLE_EQ(armedFor(), 70.1);
+  sm = nullptr;
+}
+
+TEST_F(PeriodicTimerSmTest, ATimerThatIsMadeAnewOnTheSameWheelKeepsTheRhythm) {
+  routesAre(1);
+  time = 1030;
+  sm->newPeriodicTimer(wheel);
+  EXPECT_EQ(armedFor(), 1060);
+  sm->routes = 0;
+  expireAt(1060);
+  sm->newPeriodicTimer(wheel);
+  EXPECT_EQ(armedFor(), Vel::never);
+  time = 1070;
+  routesAre(1);
+  EXPECT_EQ(armedFor(), 1120);
+}
+
+TEST_F(PeriodicTimerSmTest, AnIdleTimerOnAnotherWheelKnowsNoEarlierDeadline) {
+  routesAre(1);
+  sm->routes = 0;
+  expireAt(1060);
+  auto const other = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  sm->periodicTimerIs(other);
+  EXPECT_EQ(armedFor(), Vel::never);
+  time = 1070;
+  routesAre(1);
+  EXPECT_EQ(armedFor(), 1130);
+}
+
+TEST_F(PeriodicTimerSmTest, AMachineThatIsGivenAWheelRefreshesTheRoutesThatItHas) {
+  routesAre(1);
+  time = 1050;
+  sm->periodicTimerIs(nullptr);
+  routesAre(2);
+  sm->periodicTimerIs(wheel);
+  EXPECT_EQ(armedFor(), 1110);
+  sm->periodicTimerIs(nullptr);
+  routesAre(0);
+  sm->periodicTimerIs(wheel);
+  EXPECT_EQ(armedFor(), Vel::never);
+}
+
+TEST_F(PeriodicTimerSmTest, TheWheelMayBeReplacedInsideAnExpiry) {
+  Seconds otherTime = 5000;
+  auto const other = Vel::create<Zanth::TimerWheel>([&otherTime] { return otherTime; });
+  for (auto Refresher::*const when : {&Refresher::atHoldTime, &Refresher::whileSending}) {
+    sm = Vel::create<Refresher>(wheel, log);
+    routesAre(1);
+    (*sm).*when = [&] { sm->periodicTimerIs(other); };
+    expireAt(armedFor());
+    EXPECT_THAT(taken(log), ElementsAre("hold time", "sent 1 of 1"));
+    EXPECT_EQ(wheel->armedCount(), 0u);
+    EXPECT_EQ(armedFor(), 5060);
+    (*sm).*when = [&] {
+      sm->periodicTimerIs(nullptr);
+      sm->periodicTimerIs(other);
+      throw std::runtime_error("after all that");
+    };
+    otherTime = 5060;
+    other->expire();
+    EXPECT_DOUBLE_EQ(armedFor(), 5060.1);
+    otherTime = 5000;
+    (void)taken(log);
+  }
+  sm = nullptr;
+}
+
+TEST_F(PeriodicTimerSmTest, OnAnotherWheelATimerIsAsSilentAsItWas) {
+  auto const other = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  routesAre(1);
+  sm->velDoZombieReactors(true);
+  sm->periodicTimerIs(other);
+  EXPECT_TRUE(sm->periodicTimer()->isZombie());
+  time = 1060;
+  other->expire();
+  EXPECT_THAT(log, IsEmpty());
+  sm->periodicTimerIs(wheel);  // what was due is due on any wheel
+  sm->velDoZombieReactors(false);
+  expireAt(1060);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 1 of 1"));
+}
+
+TEST_F(PeriodicTimerSmTest, ATimerThatWasTakenOffItsWheelByHandIsLeftAlone) {
+  routesAre(1);
+  sm->periodicTimer()->notifierIs(nullptr);
+  routesAre(2);
+  sm->hasNotificationActiveIs(true);
+  EXPECT_EQ(armedFor(), 1060);
+}
+
+TEST_F(PeriodicTimerSmTest, AMachineMayGoWhileItsClockIsRead) {
+  std::function<void()> atClock;
+  auto const called = Vel::create<Zanth::TimerWheel>([&] {
+    if (auto const act = std::exchange(atClock, nullptr)) act();
+    return time;
+  });
+  struct Row {
+    char const* what;
+    std::function<void()> prepare, act;
+  } const rows[] = {{"arming", [] {}, [this] { routesAre(1); }},
+                    {"a running timer", [this] { routesAre(1), time = 10; }, [this] { routesAre(2); }},
+                    {"rescheduling", [this] { routesAre(1); }, [this] { sm->doReschedulePeriodicTimer(); }},
+                    {"another wheel", [this] { sm->periodicTimerIs(wheel), routesAre(1); },
+                     [&] { sm->periodicTimerIs(called); }},
+                    {"switching on",
+                     [this] {
+                       routesAre(1);
+                       sm->hasNotificationActiveIs(false);
+                       time = 1060;
+                       sm->periodicTimer()->notifier()->expire();
+                     },
+                     [this] { sm->hasNotificationActiveIs(true); }}};
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.what);
+    time = 1000;
+    sm = Vel::create<Refresher>(called, log);
+    row.prepare();
+    auto* const machine = sm.get();
+    bool wasCalled = false;
+    atClock = [&] {
+      wasCalled = true;
+      machine->periodicTimerDel();
+      sm = nullptr;
+    };
+    row.act();
+    EXPECT_TRUE(wasCalled);
+    EXPECT_FALSE(sm);
+    EXPECT_EQ(called->armedCount(), 0u);
+  }
+}
+
+TEST_F(PeriodicTimerSmTest, WhatADerivedMachineDoesNotShowNeedNotBeSet) {
+  sm->intervalIs(1);
+  sm->holdTimeIs(2);
+  sm->numberOfMessagesIs(3);
+  sm->initializedIs(false);
+  EXPECT_EQ(sm->interval(), 60u);
+  EXPECT_EQ(sm->holdTime(), 210u);
+  EXPECT_EQ(sm->numberOfMessages(), 0u);
+  EXPECT_TRUE(sm->initialized());
+}
+
 TEST_F(PeriodicTimerSmTest, ATimerThatIsMadeWhileNotificationsAreOffIsOffToo) {
   sm->hasNotificationActiveIs(false);
   auto const timer = sm->newPeriodicTimer(wheel);
@@ -359,6 +720,10 @@ TEST_F(PeriodicTimerSmTest, TheParametersHaveATextAndCanBeWatched) {
        [&] {
          view->periodicParamsIs({1, 1});
        }},
+      {"intervalIs", [&] { view->intervalIs(1); }},
+      {"holdTimeIs", [&] { view->holdTimeIs(1); }},
+      {"numberOfMessagesIs", [&] { view->numberOfMessagesIs(1); }},
+      {"initializedIs", [&] { view->initializedIs(true); }},
       {"periodicTimerIs", [&] { view->periodicTimerIs(nullptr); }},
       {"periodicTimerDel", [&] { view->periodicTimerDel(); }},
       {"newPeriodicTimer", [&] { view->newPeriodicTimer(wheel); }},
