@@ -363,6 +363,67 @@ TEST_F(Guide, AnIntervalOfZeroEndsTheProcess) {
                "Assertion `interval > 0' failed");
 }
 
+TEST_F(Guide, AMachineWithoutAnInterfaceEndsTheProcessAtItsFirstPeriodicRoute) {
+  auto const data = [this] { return Vel::create<Packet::JoinPruneData>(upstream); };
+  auto const standing = data();
+  auto const bare = joinPruneNeighborSmFactory(nullptr, upstream, nullptr, nullptr, data(), data(), standing,
+                                               wheel, 2.5, manager, nullptr);
+  auto const added = standing->joinPruneGroupDataIs(group);
+  EXPECT_DEATH(added->joinedSourceIs(source), "Assertion `false' failed");
+}
+
+TEST_F(Guide, AMachineThatIsSwitchedOffWhileItsDataChangesEndsTheProcessWithTheLastGroup) {
+  auto const standing = status->periodicGroupStatus()->upJoinPrune(upstream);
+  auto const sm = machine->joinPruneNeighborSm(upstream);
+  auto const added = standing->joinPruneGroupDataIs(group);
+  added->joinedSourceIs(source);
+  using Switch = void (*)(JoinPruneNeighborSm&, bool on);
+  for (Switch const turn : {Switch([](JoinPruneNeighborSm&n, bool on) { n.hasNotificationActiveIs(on); }),
+                            Switch([](JoinPruneNeighborSm&n, bool on) { n.velDoZombieReactors(!on); })}) {
+    EXPECT_DEATH(
+        {
+          turn(*sm, false);
+          added->joinedSourceDel(source);
+          turn(*sm, true);
+          standing->joinPruneGroupDataDel(group);
+        },
+        "Assertion `false' failed");
+  }
+}
+
+TEST_F(Guide, AMachineThatIsSwitchedOnAgainRefreshesWhatBecameDueMeanwhile) {
+  status->periodicGroupStatus()->upJoinPrune(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);
+  auto const sm = machine->joinPruneNeighborSm(upstream);
+  sm->hasNotificationActiveIs(false);
+  wait(100);
+  EXPECT_THAT(sent(), IsEmpty());
+  sm->hasNotificationActiveIs(true);
+  wait(0);
+  EXPECT_THAT(sent(), ElementsAre("join 10.9.0.1 to 10.0.0.2"));
+  wait(60);
+  EXPECT_THAT(sent(), ElementsAre("join 10.9.0.1 to 10.0.0.2"));
+}
+
+TEST_F(Guide, AGroupThatWasAddedEmptyAndStaysEmptyKeepsTheTimerGoing) {
+  auto const triggered = status->triggeredGroup(upstream);
+  auto const timer = machine->joinPruneNeighborSm(upstream)->triggeredTimer();
+  triggered->joinPruneGroupDataIs(IpGenAddr("239.1.1.9"));
+  EXPECT_FALSE(timer->armed());
+  triggered->joinPruneGroupDataIs(group)->joinedSourceIs(source);
+  wait(0.1);
+  EXPECT_THAT(sent(), ElementsAre("join 10.9.0.1 to 10.0.0.2"));
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_TRUE(timer->armed());
+    U32 const before = drain->messages;
+    wait(timer->timeMin() - now);
+    EXPECT_EQ(drain->messages, before + 1);
+  }
+  EXPECT_THAT(sent(), IsEmpty());
+  triggered->joinPruneGroupDataDel(IpGenAddr("239.1.1.9"));
+  wait(0.2);
+  EXPECT_FALSE(timer->armed());
+}
+
 TEST_F(Guide, TwoMachinesOnOneStatusRefreshTwice) {
   status->periodicGroupStatus()->upJoinPrune(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);
   auto const predecessor = machine;
