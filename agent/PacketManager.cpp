@@ -482,7 +482,7 @@ class PacketManager::Bookmark final : public Data::NotifieeConst {
   }
 
   void onZeroReferences() override {
-    Vel::Ptr<Bookmark> const keep(this);
+    Vel::MemoryHold const memory(this);
     PacketManager* const manager = manager_;
     Data const* const data = notifier().get();
     retire();
@@ -520,7 +520,7 @@ void PacketManager::doTeardown() {
 }
 
 void PacketManager::start() {
-  Vel::Ptr<PacketManager> const keep(this);
+  Vel::MemoryHold const memory(this);
   if (!transmitter_) transmitter_ = Vel::create<Transmitter>(this);
   Vel::Ptr<Transmitter> const transmitter = transmitter_;
   Vel::Ptr<IO::MessageInfo> const record = txMessageInfoIs();  // calls out, and may be told to stop
@@ -537,7 +537,7 @@ U32 PacketManager::mtu(Dova::IntfId const& intf) const {
 }
 
 void PacketManager::transmit(IO::MessageInfo& record) {
-  Vel::Ptr<PacketManager> const keep(this);
+  Vel::MemoryHold const memory(this);
   Dova::IntfId const intf = record.intfId();
   Vel::Ptr<Packet::JoinPruneMessage> const message = record.joinPruneMessage();
   if (!message) {

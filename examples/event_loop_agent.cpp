@@ -103,7 +103,7 @@ class Sender final : public IO::MessageInfo::Notifiee {
   Sender(char const* router, int socket) : router_(router), socket_(socket) {}
 
   void onCount() override {
-    Vel::Ptr<Sender> const keep(this);  // taking entries out calls others, who may let go of this
+    Vel::MemoryHold const memory(this);  // taking entries out calls others, which may drop this
     auto const message = notifier()->joinPruneMessage();
     auto const data = message->joinPruneData();
 
