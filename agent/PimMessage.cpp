@@ -375,19 +375,50 @@ bool isPimType(std::span<U8 const> message, PimType type) {
   return !message.empty() && message[0] == (pimVersion << 4 | static_cast<U8>(type));
 }
 
+namespace {
+
+// REQUIRES: the header is there.
+std::optional<Refusal> checksumFault(std::span<U8 const> bytes, IpGenAddr const& source,
+                                     IpGenAddr const& destination) {
+  if (pimChecksum(bytes, source, destination) == 0) return std::nullopt;
+  std::vector<U8> zeroed(bytes.begin(), bytes.end());
+  zeroed[2] = zeroed[3] = 0;
+  return Refusal{Reason::badChecksum, fmt::format("0x{:02x}{:02x}, computed 0x{:04x}", bytes[2], bytes[3],
+                                                  pimChecksum(zeroed, source, destination))};
+}
+
+}  // namespace
+
 std::variant<WireMessage, Refusal> decodeJoinPrune(std::span<U8 const> bytes, IpGenAddr const& source,
                                                    IpGenAddr const& destination) {
   if (bytes.size() < headerSize) return Refusal{Reason::truncated, "in the PIM header"};
   if (!isPimType(bytes, PimType::joinPrune)) {
     return Refusal{Reason::notJoinPrune, fmt::format("version {}, type {}", bytes[0] >> 4, bytes[0] & 15)};
   }
-  if (pimChecksum(bytes, source, destination) != 0) {
-    std::vector<U8> zeroed(bytes.begin(), bytes.end());
-    zeroed[2] = zeroed[3] = 0;
-    return Refusal{Reason::badChecksum, fmt::format("0x{:02x}{:02x}, computed 0x{:04x}", bytes[2], bytes[3],
-                                                    pimChecksum(zeroed, source, destination))};
-  }
+  if (auto fault = checksumFault(bytes, source, destination)) return *fault;
   return Decoder(bytes, source.af()).message();
+}
+
+std::variant<U16, Refusal> decodeHello(std::span<U8 const> bytes, IpGenAddr const& source,
+                                       IpGenAddr const& destination) {
+  constexpr U16 holdTimeOption = 1;
+  if (bytes.size() < headerSize) return Refusal{Reason::truncated, "in the PIM header"};
+  if (auto fault = checksumFault(bytes, source, destination)) return *fault;
+  U16 holdTime = defaultHelloHoldTime;
+  for (Cursor in(bytes.subspan(headerSize)); in.left() != 0;) {
+    std::size_t const at = headerSize + in.offset();
+    U16 option, length;
+    std::span<U8 const> value;
+    if (!in.read(option) || !in.read(length) || !in.read(length, value)) {
+      return Refusal{Reason::truncated, fmt::format("in the Hello option at byte {}", at)};
+    }
+    if (option != holdTimeOption) continue;
+    if (length != 2) {
+      return Refusal{Reason::badHelloOption, fmt::format("a hold time of {} bytes at byte {}", length, at)};
+    }
+    holdTime = static_cast<U16>(value[0] << 8 | value[1]);
+  }
+  return holdTime;
 }
 
 std::vector<U8> encodeJoinPrune(WireMessage const& message, IpGenAddr const& source,

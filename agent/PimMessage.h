@@ -1,4 +1,4 @@
-// The wire form of PIM version 2 Join/Prune messages (RFC 7761, 4.9).
+// The wire form of PIM version 2 Join/Prune messages (RFC 7761, 4.9), and the hold time of Hellos.
 //
 // Bytes are looked at through a Cursor; what comes out is a WireMessage, which can only be valid, or the
 // reason why there is none. The same value goes back onto the wire, and nothing is lost on the way:
@@ -220,6 +220,18 @@ bool isPimType(std::span<U8 const> message, PimType type);
 /// destination are those of the IP header. REQUIRES: both addresses are of one known family.
 std::variant<WireMessage, Refusal> decodeJoinPrune(std::span<U8 const> bytes, IpGenAddr const& source,
                                                    IpGenAddr const& destination);
+
+/// A hold time that never ends.
+inline constexpr U16 endlessHoldTime = 65535;
+
+/// What a Hello without option 1 has: 3.5 times the Hello_Period of 30 s (RFC 7761, 4.11).
+inline constexpr U16 defaultHelloHoldTime = 105;
+
+/// The hold time of a Hello in seconds, after a check of the whole message (RFC 7761, 4.9.2); the arguments are those of
+/// decodeJoinPrune(). Of several options 1 the last one counts, other options are not looked into. REQUIRES: the type is that
+/// of a Hello.
+std::variant<U16, Refusal> decodeHello(std::span<U8 const> bytes, IpGenAddr const& source,
+                                       IpGenAddr const& destination);
 
 /// The bytes of a message, checksum filled in. Throws Vel::RangeException if no IP datagram could hold them,
 /// or if the addresses are not of the message's family.

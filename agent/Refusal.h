@@ -30,10 +30,11 @@ enum class Reason : Vel::U8 {
   upstreamNotUnicast,  ///< A multicast upstream neighbor.
   wildcardWithoutRpt,  ///< W without R: (*,G) lives on the RP tree alone.
   leftOver,            ///< Bytes of the IP payload after the last group.
+  badHelloOption,      ///< A Hello option of another length than it must have (RFC 7761, 4.9.2).
 };
 
 /// The fixed texts, in the order of the enumeration.
-inline constexpr std::array<std::string_view, 17> reasonNames = {
+inline constexpr std::array<std::string_view, 18> reasonNames = {
     "truncated",
     "bad IP header",
     "fragment",
@@ -51,8 +52,9 @@ inline constexpr std::array<std::string_view, 17> reasonNames = {
     "upstream neighbor not unicast",
     "wildcard without the RPT bit",
     "bytes left over",
+    "bad Hello option",
 };
-static_assert(reasonNames.size() == static_cast<std::size_t>(Reason::leftOver) + 1);
+static_assert(reasonNames.size() == static_cast<std::size_t>(Reason::badHelloOption) + 1);
 
 constexpr std::string_view text(Reason reason) { return reasonNames[static_cast<std::size_t>(reason)]; }
 std::ostream& operator<<(std::ostream& os, Reason reason);

@@ -1,5 +1,9 @@
 #include "agent/Replay.h"
 
+#include <algorithm>
+#include <limits>
+#include <tuple>
+
 #include "agent/Conversion.h"
 
 namespace Routing::Pim::Agent {
@@ -37,6 +41,16 @@ class DenyOptions final : public JoinPruneFilter {
 SourceKind kindOf(Packet::SourceFlags flags) {
   if (flags == Packet::wildcardFlags) return SourceKind::wildcard;
   return flags == Packet::sgRptFlags ? SourceKind::sourceRpt : SourceKind::source;
+}
+
+// Entries of one model message, of which no two are the same: by group, and in the order that the engine has within a
+// group.
+void sortEntries(std::span<Entry> entries) {
+  auto const rank = [](Entry const& entry) {
+    return std::tie(entry.group, entry.kind, entry.record, entry.source);
+  };
+  std::sort(entries.begin(), entries.end(),
+            [&rank](Entry const& a, Entry const& b) { return rank(a) < rank(b); });
 }
 
 }  // namespace
@@ -89,6 +103,7 @@ Replay::~Replay() {
 
 void Replay::frameIs(Frame const& frame) {
   ++totals_.frames;
+  expireNeighbors(frame.time);
   auto const datagram = findDatagram(frame.link, frame.bytes);
   if (datagram && datagram->protocol == pimProtocol) pimIs({frame.number, frame.time}, *datagram);
 }
@@ -112,27 +127,56 @@ void Replay::pimIs(Place const& place, Datagram const& datagram) {
   }
   if (maybeJoinPrune) {
     joinPruneIs(place, datagram);
-  } else if (isPimType(datagram.payload, PimType::hello) &&
-             pimChecksum(datagram.payload, datagram.source, datagram.destination) == 0) {
-    neighborIs(datagram.source);
+  } else if (isPimType(datagram.payload, PimType::hello)) {
+    helloIs(place, datagram);
   }
 }
 
 void Replay::joinPruneIs(Place const& place, Datagram const& datagram) {
   auto const decoded = decodeJoinPrune(datagram.payload, datagram.source, datagram.destination);
   if (auto const* refusal = std::get_if<Refusal>(&decoded)) return refuse(place, *refusal);
+  auto const& message = std::get<WireMessage>(decoded);
   ++totals_.messages;
-  neighborIs(datagram.source);
-  deliver(place, std::get<WireMessage>(decoded));
+  neighborIs(datagram.source, place.time, message.holdTime());
+  deliver(place, message);
 }
 
-void Replay::neighborIs(IpGenAddr const& sender) { pimStatus_->pimNeighborIs(sender, intf_); }
+void Replay::helloIs(Place const& place, Datagram const& datagram) {
+  auto const decoded = decodeHello(datagram.payload, datagram.source, datagram.destination);
+  if (auto const* holdTime = std::get_if<U16>(&decoded)) neighborIs(datagram.source, place.time, *holdTime);
+}
+
+void Replay::neighborIs(IpGenAddr const& sender, Vel::Seconds now, U16 holdTime) {
+  if (auto const known = neighborEnds_.find(sender); known != neighborEnds_.end()) {
+    neighborsByEnd_.erase({known->second, sender});
+    neighborEnds_.erase(known);
+  }
+  if (holdTime == 0) {
+    pimStatus_->pimNeighborDel(sender);
+    return;
+  }
+  constexpr auto never = std::numeric_limits<Vel::Seconds>::infinity();
+  Vel::Seconds const end = holdTime == endlessHoldTime ? never : now + holdTime;
+  neighborEnds_.emplace(sender, end);
+  neighborsByEnd_.emplace(end, sender);
+  pimStatus_->pimNeighborIs(sender, intf_);
+}
+
+void Replay::expireNeighbors(Vel::Seconds now) {
+  while (!neighborsByEnd_.empty() && neighborsByEnd_.begin()->first <= now) {
+    auto const sender = neighborsByEnd_.extract(neighborsByEnd_.begin()).value().second;
+    neighborEnds_.erase(sender);
+    pimStatus_->pimNeighborDel(sender);
+  }
+}
 
 void Replay::deliver(Place const& place, WireMessage const& message) {
   for (auto const& model : modelMessages(message)) {
     rxMessageInfo_->joinPruneMessageIs(model);
     rxMessageInfo_->intfIdIs(intf_->intfId());
+    std::size_t const first = entries_.size();
     rxMessageInfo_->countInc(1);
+    sortEntries(std::span(entries_).subspan(first));
   }
   for (auto const& entry : entries_) {
     ++totals_.entries[static_cast<std::size_t>(entry.record)][static_cast<std::size_t>(entry.kind)];

@@ -25,11 +25,17 @@
 //   FrameBuilder.h, Sample.h   a capture to try it all on
 //   main.cpp        the command line
 //
+// The hash of a process that replays is seeded at random, because the addresses in a capture are anybody's choice. The
+// engine walks its collections in the order of the hash, so the entries of a message are sorted before they are told.
+//
 // A message is decoded and checked as a whole before the machine sees any of it. What the machine does not
 // record is not told: a (*,G) join whose RP is not the one that the RP hash gives, and the (*,G) and
 // (S,G,rpt) entries of a denied group.
 #pragma once
 
+#include <map>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "agent/Capture.h"
@@ -47,12 +53,13 @@ class Replay {
   Replay(Replay const&) = delete;
   Replay& operator=(Replay const&) = delete;
 
-  /// Hears a frame. Everything in it has been reported on return.
+  /// Hears a frame. Everything in it has been reported on return. Its time is the clock, by which senders are forgotten.
   void frameIs(Frame const& frame);
 
   Totals const& totals() const { return totals_; }
 
-  /// The senders of Hellos and Join/Prune messages so far are neighbors in here.
+  /// The senders of Hellos and Join/Prune messages are neighbors in here, each until the hold time of the last of them has
+  /// passed.
   Vel::Ptr<Status const> pimStatus() const { return pimStatus_; }
 
  private:
@@ -60,13 +67,20 @@ class Replay {
 
   void pimIs(Place const& place, Datagram const& datagram);
   void joinPruneIs(Place const& place, Datagram const& datagram);
-  void neighborIs(IpGenAddr const& sender);
+  void helloIs(Place const& place, Datagram const& datagram);
+  void neighborIs(IpGenAddr const& sender, Vel::Seconds now, U16 holdTime);
+  void expireNeighbors(Vel::Seconds now);
   void deliver(Place const& place, WireMessage const& message);
   void refuse(Place const& place, Refusal const& refusal);
 
   Report& report_;
   Totals totals_;
   std::vector<Entry> entries_;  // What the reactors saw of the message that is being delivered.
+
+  // When each neighbor is forgotten, and the same by time. Ordered by address, so that a trace of neighbors that expire
+  // together does not depend on the hash.
+  std::map<IpGenAddr, Vel::Seconds> neighborEnds_;
+  std::set<std::pair<Vel::Seconds, IpGenAddr>> neighborsByEnd_;
 
   // Fixed at construction.
   Vel::Ptr<Status> pimStatus_;

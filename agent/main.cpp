@@ -1,9 +1,12 @@
 // jpagent, the reference agent: see --help.
 #include <fmt/format.h>
+#include <sys/random.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -16,6 +19,7 @@
 #include "agent/TraceExport.h"
 #include "runtime/scrivo/TraceFile.h"
 #include "runtime/scrivo/TraceReader.h"
+#include "runtime/vel/Hash.h"
 #include "runtime/vel/Trace.h"
 
 namespace {
@@ -81,7 +85,16 @@ class ScrivoRecording {
   ScrivoRecording& operator=(ScrivoRecording const&) = delete;
 };
 
+// Senders choose the addresses in a capture, and must not be able to choose such as collide.
+void seedHash() {
+  U64 seed;
+  if (getrandom(&seed, sizeof seed, 0) != sizeof seed)
+    throw std::runtime_error(fmt::format("no random numbers: {}", std::strerror(errno)));
+  Vel::hashSeedIs(seed);
+}
+
 int replay(std::string const& file, ReplayOptions const& options, Report& report) {
+  seedHash();
   Capture capture(file);
   // A trace file takes the place of what had its name, and nobody means the capture by that.
   std::error_code notThere;

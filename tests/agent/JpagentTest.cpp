@@ -349,6 +349,36 @@ TEST_F(JpagentTest, TheRingTraceFileIsPrintedAsLines) {
             8);
 }
 
+/// A capture of a Hello from each of so many link-local senders. Those that crowd are chosen for the fixed seed of the
+/// hash, which this process has: all fall into one 64th of the order.
+std::vector<TimedFrame> hellosOfManySenders(unsigned count, bool crowd) {
+  std::mt19937_64 random(1);
+  auto const to = allPimRouters(AddressFamily::ipv6);
+  std::vector<TimedFrame> frames;
+  while (frames.size() < count) {
+    Bytes bytes = hex("fe80000000000000");
+    for (auto n = random(); bytes.size() < 16; n >>= 8) bytes.push_back(static_cast<U8>(n));
+    auto const from = IpGenAddr::fromBytes(bytes);
+    if (crowd && from.hash() % 64 != 0) continue;
+    auto const hello = withChecksum(hex("20000000 0001 0002 0069"), from, to);
+    frames.push_back({0, ipDatagram(from, to, pimProtocol, hello)});
+  }
+  return frames;
+}
+
+TEST_F(JpagentTest, SendersChosenForTheFixedSeedOfTheHashTakeNoLongerThanOthers) {
+  constexpr unsigned count = 16'000;
+  TemporaryFolder const other;
+  auto const crowding = writeCapture(folder_, DLT_RAW, hellosOfManySenders(count, true));
+  auto const usual = writeCapture(other, DLT_RAW, hellosOfManySenders(count, false));
+  double attacked = 1e9, undisturbed = 1e9;
+  for (int turn = 0; turn < 3; ++turn) {
+    undisturbed = std::min(undisturbed, jpagent({"replay", usual}).cpuSeconds);
+    attacked = std::min(attacked, jpagent({"replay", crowding}).cpuSeconds);
+  }
+  EXPECT_LT(attacked / undisturbed, 1.5);
+}
+
 // What tshark says about the same capture, in the words of our own JSON lines.
 
 std::vector<json> listOf(json const& object, std::string const& name) {

@@ -9,6 +9,7 @@
 #include "agent/FrameBuilder.h"
 #include "agent/Sample.h"
 #include "tests/agent/Support.h"
+#include "tests/runtime/vel/AnotherProcess.h"
 
 namespace Routing::Pim::Agent {
 namespace {
@@ -53,6 +54,22 @@ class ReplayTest : public testing::Test {
     return recorder_.text;
   }
 
+  /// A replay that has heard nothing yet; hears() goes on with it.
+  void begin() {
+    recorder_.text.clear();
+    replay_ = std::make_unique<Replay>(options_, recorder_);
+  }
+
+  /// The neighbors after a datagram at this time; an empty one is a frame without any.
+  std::vector<std::string> neighborsAt(Vel::Seconds time, Bytes const& datagram = {}) {
+    Frame frame;
+    frame.link = LinkType::rawIp;
+    frame.time = time;
+    frame.bytes = datagram;
+    replay_->frameIs(frame);
+    return neighbors();
+  }
+
   static Bytes datagram(WireMessage const& message) {
     return ipDatagram(sender, routers, pimProtocol, encodeJoinPrune(message, sender, routers));
   }
@@ -66,15 +83,15 @@ class ReplayTest : public testing::Test {
     return found;
   }
 
-  static WireMessage oneJoin() {
-    WireMessage message(upstream, 210);
+  static WireMessage oneJoin(U16 holdTime = 210) {
+    WireMessage message(upstream, holdTime);
     message.groupAdd(group);
     message.joinAdd(SourceKind::source, s1);
     return message;
   }
 
-  static Bytes hello(IpGenAddr const& from, IpGenAddr const& to) {
-    return ipDatagram(from, to, pimProtocol, withChecksum(hex("20000000 0001 0002 0069"), from, to));
+  static Bytes hello(IpGenAddr const& from, IpGenAddr const& to, char const* options = "0001 0002 0069") {
+    return ipDatagram(from, to, pimProtocol, withChecksum(hex("20000000") + hex(options), from, to));
   }
 
   static constexpr char const* oneJoinShown =
@@ -193,6 +210,103 @@ TEST_F(ReplayTest, WhoSendsWhatIsBrokenBecomesNoNeighbor) {
   brokenJoin.back() ^= 1;
   shown({brokenHello, brokenJoin});
   EXPECT_THAT(neighbors(), testing::IsEmpty());
+}
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST_F(ReplayTest, ASenderIsANeighborUntilTheHoldTimeOfItsHelloHasPassed) {
+  begin();
+  EXPECT_THAT(neighborsAt(7, hello(sender, routers)), ElementsAre("10.0.0.14@capture0"));
+  EXPECT_THAT(neighborsAt(111.999), ElementsAre("10.0.0.14@capture0"));
+  EXPECT_THAT(neighborsAt(112), IsEmpty());
+  EXPECT_THAT(neighborsAt(113, hello(sender, routers)), ElementsAre("10.0.0.14@capture0"));
+}
+
+TEST_F(ReplayTest, ASenderIsANeighborUntilTheHoldTimeOfItsMessageHasPassed) {
+  begin();
+  EXPECT_THAT(neighborsAt(7, datagram(oneJoin(210))), ElementsAre("10.0.0.14@capture0"));
+  EXPECT_THAT(neighborsAt(216.999), ElementsAre("10.0.0.14@capture0"));
+  EXPECT_THAT(neighborsAt(217), IsEmpty());
+}
+
+TEST_F(ReplayTest, TheLatestHelloOrMessageDecidesHowLongItsSenderIsANeighbor) {
+  begin();
+  neighborsAt(0, hello(sender, routers));
+  neighborsAt(100, hello(sender, routers));
+  EXPECT_THAT(neighborsAt(204), ElementsAre("10.0.0.14@capture0"));
+  neighborsAt(204, datagram(oneJoin(300)));
+  EXPECT_THAT(neighborsAt(503), ElementsAre("10.0.0.14@capture0"));
+  neighborsAt(503, datagram(oneJoin(10)));
+  EXPECT_THAT(neighborsAt(513), IsEmpty());
+}
+
+TEST_F(ReplayTest, EachSenderHasAHoldTimeOfItsOwn) {
+  IpGenAddr const other("10.0.0.15");
+  begin();
+  neighborsAt(0, hello(sender, routers));
+  neighborsAt(0, hello(other, routers, "0001 0002 000a"));
+  EXPECT_THAT(neighborsAt(10), ElementsAre("10.0.0.14@capture0"));
+  EXPECT_THAT(neighborsAt(105), IsEmpty());
+}
+
+TEST_F(ReplayTest, AHelloWithoutAHoldTimeHolds105Seconds) {
+  begin();
+  neighborsAt(0, hello(sender, routers, "0014 0004 01020304"));
+  EXPECT_THAT(neighborsAt(104), ElementsAre("10.0.0.14@capture0"));
+  EXPECT_THAT(neighborsAt(105), IsEmpty());
+}
+
+TEST_F(ReplayTest, AHoldTimeOf65535NeverExpires) {
+  begin();
+  neighborsAt(0, hello(sender, routers, "0001 0002 ffff"));
+  EXPECT_THAT(neighborsAt(1e18), ElementsAre("10.0.0.14@capture0"));
+  neighborsAt(1e18, hello(sender, routers, "0001 0002 0001"));
+  EXPECT_THAT(neighborsAt(2e18), IsEmpty());
+}
+
+TEST_F(ReplayTest, AHoldTimeOf0EndsTheNeighborAtOnce) {
+  begin();
+  EXPECT_THAT(neighborsAt(0, hello(sender, routers, "0001 0002 0000")), IsEmpty());
+  neighborsAt(1, hello(sender, routers, "0001 0002 ffff"));
+  EXPECT_THAT(neighborsAt(2, hello(sender, routers, "0001 0002 0000")), IsEmpty());
+  neighborsAt(3, hello(sender, routers));
+  EXPECT_THAT(neighborsAt(4, datagram(oneJoin(0))), IsEmpty());
+  EXPECT_THAT(neighborsAt(1000, hello(sender, routers)), ElementsAre("10.0.0.14@capture0"));
+}
+
+TEST_F(ReplayTest, WhatIsShownDoesNotDependOnTheSeedOfTheHash) {
+  WireMessage message(upstream, 210);
+  for (U32 g = 0; g < 40; ++g) {
+    message.groupAdd(IpGenAddr::ipv4(0xef010101 + g * 7 % 40));
+    for (U32 s = 0; s < 10; ++s) {
+      message.joinAdd(SourceKind::source, IpGenAddr::ipv4(0xc0000201 + s * 3 % 10));
+      message.joinAdd(SourceKind::sourceRpt, IpGenAddr::ipv4(0xc0000201 + s * 7 % 10));
+    }
+  }
+  std::vector<std::string> seen;
+  for (U64 const seed : {1, 2, 3})
+    seen.push_back(Vel::inAnotherProcess(seed, [&] { return shown({datagram(message)}); }));
+  EXPECT_EQ(lines(seen[0]).size(), 800u);
+  EXPECT_EQ(seen[0], seen[1]);
+  EXPECT_EQ(seen[0], seen[2]);
+}
+
+TEST_F(ReplayTest, EntriesOfAMessageAreSortedByGroupKindAndSource) {
+  WireMessage message(upstream, 210);
+  for (auto const& address : {otherGroup, group}) {
+    message.groupAdd(address);
+    message.joinAdd(SourceKind::sourceRpt, s1);
+    message.joinAdd(SourceKind::source, s2);
+    message.joinAdd(SourceKind::source, s1);
+  }
+  EXPECT_EQ(shown({datagram(message)}),
+            "1 join (S,G) 192.0.2.1 239.1.1.1 to 10.0.0.13 hold 210 flags 4\n"
+            "1 join (S,G) 192.0.2.2 239.1.1.1 to 10.0.0.13 hold 210 flags 4\n"
+            "1 join (S,G,rpt) 192.0.2.1 239.1.1.1 to 10.0.0.13 hold 210 flags 5\n"
+            "1 join (S,G) 192.0.2.1 239.1.1.2 to 10.0.0.13 hold 210 flags 4\n"
+            "1 join (S,G) 192.0.2.2 239.1.1.2 to 10.0.0.13 hold 210 flags 4\n"
+            "1 join (S,G,rpt) 192.0.2.1 239.1.1.2 to 10.0.0.13 hold 210 flags 5\n");
 }
 
 Bytes changed(Bytes bytes, std::size_t at, U8 value) {

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <pcap/pcap.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -144,6 +145,7 @@ inline Bytes pcapngFile(std::uint16_t linkType, std::vector<TimedFrame> const& f
 struct Outcome {
   int status;
   std::string out, err;
+  double cpuSeconds;
 };
 
 /// Runs a program, found through PATH, to its end.
@@ -164,8 +166,13 @@ inline Outcome run(std::string const& program, std::vector<std::string> argument
   posix_spawn_file_actions_destroy(&actions);
   if (error != 0) throw std::runtime_error("cannot run " + program);
   int status = 0;
-  waitpid(child, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readText(out), readText(err)};
+  rusage used = {};
+  wait4(child, &status, 0, &used);
+  auto const seconds = [](timeval const& time) {
+    return static_cast<double>(time.tv_sec) + time.tv_usec / 1e6;
+  };
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readText(out), readText(err),
+          seconds(used.ru_utime) + seconds(used.ru_stime)};
 }
 
 inline std::vector<std::string> lines(std::string const& text) {
