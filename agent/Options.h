@@ -49,6 +49,7 @@ struct ReplayOptions {
   std::vector<IpGenPrefix> denied;
   std::vector<U32> traceLevels;
   std::string scrivoFile;  ///< Empty for none.
+  bool lenient = false;    ///< Takes messages from senders, or to destinations, that the rules do not allow.
 };
 
 }  // namespace Routing::Pim::Agent

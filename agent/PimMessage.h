@@ -227,9 +227,9 @@ inline constexpr U16 endlessHoldTime = 65535;
 /// What a Hello without option 1 has: 3.5 times the Hello_Period of 30 s (RFC 7761, 4.11).
 inline constexpr U16 defaultHelloHoldTime = 105;
 
-/// The hold time of a Hello in seconds, after a check of the whole message (RFC 7761, 4.9.2); the arguments are those of
-/// decodeJoinPrune(). Of several options 1 the last one counts, other options are not looked into. REQUIRES: the type is that
-/// of a Hello.
+/// The hold time of a Hello in seconds, after a check of the whole message (RFC 7761, 4.9.2); the arguments
+/// are those of decodeJoinPrune(). Of several options 1 the last one counts, other options are not looked
+/// into. REQUIRES: the type is that of a Hello.
 std::variant<U16, Refusal> decodeHello(std::span<U8 const> bytes, IpGenAddr const& source,
                                        IpGenAddr const& destination);
 

@@ -31,10 +31,14 @@ enum class Reason : Vel::U8 {
   wildcardWithoutRpt,  ///< W without R: (*,G) lives on the RP tree alone.
   leftOver,            ///< Bytes of the IP payload after the last group.
   badHelloOption,      ///< A Hello option of another length than it must have (RFC 7761, 4.9.2).
+  senderNotUnicast,    ///< An IP source that is multicast, all zeros or the broadcast address.
+  senderNotLinkLocal,  ///< An IPv6 source that is not link-local (RFC 7761, 4.9).
+  notAllPimRouters,    ///< An IP destination other than 224.0.0.13 and ff02::d (RFC 7761, 4.9).
+  hopLimitNotOne,      ///< Another TTL or hop limit than senders have to use (RFC 7761, 4.9).
 };
 
 /// The fixed texts, in the order of the enumeration.
-inline constexpr std::array<std::string_view, 18> reasonNames = {
+inline constexpr std::array<std::string_view, 22> reasonNames = {
     "truncated",
     "bad IP header",
     "fragment",
@@ -53,8 +57,12 @@ inline constexpr std::array<std::string_view, 18> reasonNames = {
     "wildcard without the RPT bit",
     "bytes left over",
     "bad Hello option",
+    "sender not unicast",
+    "sender not link-local",
+    "destination not ALL-PIM-ROUTERS",
+    "TTL or hop limit not 1",
 };
-static_assert(reasonNames.size() == static_cast<std::size_t>(Reason::badHelloOption) + 1);
+static_assert(reasonNames.size() == static_cast<std::size_t>(Reason::hopLimitNotOne) + 1);
 
 constexpr std::string_view text(Reason reason) { return reasonNames[static_cast<std::size_t>(reason)]; }
 std::ostream& operator<<(std::ostream& os, Reason reason);

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
+#include <string>
 #include <tuple>
 
 #include "agent/Conversion.h"
@@ -10,7 +12,7 @@ namespace Routing::Pim::Agent {
 
 namespace {
 
-// libpcap reads the interfaces of a file as one.
+// The interfaces of a file are read as one.
 constexpr std::string_view captureIntf = "capture0";
 
 class RpOptions final : public RpHashComputeStatus {
@@ -43,14 +45,35 @@ SourceKind kindOf(Packet::SourceFlags flags) {
   return flags == Packet::sgRptFlags ? SourceKind::sourceRpt : SourceKind::source;
 }
 
-// Entries of one model message, of which no two are the same: by group, and in the order that the engine has within a
-// group.
+// Entries of one model message, of which no two are the same: by group, and in the order that the engine has
+// within a group.
 void sortEntries(std::span<Entry> entries) {
   auto const rank = [](Entry const& entry) {
     return std::tie(entry.group, entry.kind, entry.record, entry.source);
   };
   std::sort(entries.begin(), entries.end(),
             [&rank](Entry const& a, Entry const& b) { return rank(a) < rank(b); });
+}
+
+bool isLinkLocal(IpGenAddr const& ipv6) {
+  auto const bytes = ipv6.bytes();
+  return bytes[0] == 0xfe && (bytes[1] & 0xc0) == 0x80;
+}
+
+// RFC 7761, 4.9 has senders use these addresses and a TTL of 1, and asks no receiver to test them. This is
+// hardening: without it, routers that are not on the link could speak as if they were.
+std::optional<Refusal> senderFault(Datagram const& datagram) {
+  static IpGenAddr const broadcast("255.255.255.255");
+  auto const& source = datagram.source;
+  if (sourceFault(source, source.af()) || source == broadcast) {
+    return Refusal{Reason::senderNotUnicast, toText(source)};
+  }
+  if (source.isIpv6() && !isLinkLocal(source)) return Refusal{Reason::senderNotLinkLocal, toText(source)};
+  if (datagram.destination != allPimRouters(source.af())) {
+    return Refusal{Reason::notAllPimRouters, toText(datagram.destination)};
+  }
+  if (datagram.hopLimit != 1) return Refusal{Reason::hopLimitNotOne, std::to_string(datagram.hopLimit)};
+  return std::nullopt;
 }
 
 }  // namespace
@@ -81,6 +104,7 @@ class Replay::EntryReactor final : public JoinPruneMessageInfo::NotifieeConst {
 
 Replay::Replay(ReplayOptions const& options, Report& report)
     : report_(report),
+      lenient_(options.lenient),
       pimStatus_(Vel::create<Status>()),
       intf_(pimStatus_->pimIntfIs(Dova::IntfId(captureIntf))),
       rxMessageInfo_(Vel::create<IO::MessageInfo>()),
@@ -104,37 +128,52 @@ Replay::~Replay() {
 void Replay::frameIs(Frame const& frame) {
   ++totals_.frames;
   expireNeighbors(frame.time);
-  auto const datagram = findDatagram(frame.link, frame.bytes);
-  if (datagram && datagram->protocol == pimProtocol) pimIs({frame.number, frame.time}, *datagram);
+  auto const found = findDatagram(frame.link, frame.bytes);
+  if (auto const* const why = std::get_if<PassedOver>(&found)) return passOver(*why);
+  auto const& datagram = std::get<Datagram>(found);
+  if (datagram.protocol != pimProtocol) return passOver(PassedOver::otherProtocol);
+  pimIs({frame.number, frame.time}, datagram);
 }
+
+void Replay::passOver(PassedOver why) { ++totals_.passedOver[static_cast<std::size_t>(why)]; }
 
 // A message whose type is out of sight may be a Join/Prune: better refused than passed over.
 void Replay::pimIs(Place const& place, Datagram const& datagram) {
-  bool const maybeJoinPrune = datagram.payload.empty() || isPimType(datagram.payload, PimType::joinPrune);
+  if (datagram.state == Datagram::State::laterFragment) return passOver(PassedOver::laterFragment);
+  PimType const type = isPimType(datagram.payload, PimType::hello) ? PimType::hello : PimType::joinPrune;
+  if (!datagram.payload.empty() && !isPimType(datagram.payload, type)) {
+    return passOver(PassedOver::otherMessage);
+  }
   switch (datagram.state) {
     case Datagram::State::malformed:
-      return refuse(place, {Reason::badIpHeader, ""});
-    case Datagram::State::laterFragment:
-      return;  // The first one stands for all of them.
+      return refuse(place, type, {Reason::badIpHeader, ""});
     case Datagram::State::firstFragment:
-      if (maybeJoinPrune) refuse(place, {Reason::fragment, ""});
-      return;
+      return refuse(place, type, {Reason::fragment, ""});
     case Datagram::State::snapped:
-      if (maybeJoinPrune) refuse(place, {Reason::truncated, "by the capture"});
-      return;
+      return refuse(place, type, {Reason::truncated, "by the capture"});
+    case Datagram::State::laterFragment:
     case Datagram::State::whole:
       break;
   }
-  if (maybeJoinPrune) {
-    joinPruneIs(place, datagram);
-  } else if (isPimType(datagram.payload, PimType::hello)) {
+  if (!maySend(place, type, datagram)) return;
+  if (type == PimType::hello)
     helloIs(place, datagram);
-  }
+  else
+    joinPruneIs(place, datagram);
+}
+
+bool Replay::maySend(Place const& place, PimType type, Datagram const& datagram) {
+  auto const fault = senderFault(datagram);
+  if (fault && !lenient_) refuse(place, type, *fault);
+  if (fault && lenient_) ++totals_.lenient;
+  return !fault || lenient_;
 }
 
 void Replay::joinPruneIs(Place const& place, Datagram const& datagram) {
   auto const decoded = decodeJoinPrune(datagram.payload, datagram.source, datagram.destination);
-  if (auto const* refusal = std::get_if<Refusal>(&decoded)) return refuse(place, *refusal);
+  if (auto const* refusal = std::get_if<Refusal>(&decoded)) {
+    return refuse(place, PimType::joinPrune, *refusal);
+  }
   auto const& message = std::get<WireMessage>(decoded);
   ++totals_.messages;
   neighborIs(datagram.source, place.time, message.holdTime());
@@ -143,7 +182,9 @@ void Replay::joinPruneIs(Place const& place, Datagram const& datagram) {
 
 void Replay::helloIs(Place const& place, Datagram const& datagram) {
   auto const decoded = decodeHello(datagram.payload, datagram.source, datagram.destination);
-  if (auto const* holdTime = std::get_if<U16>(&decoded)) neighborIs(datagram.source, place.time, *holdTime);
+  if (auto const* refusal = std::get_if<Refusal>(&decoded)) return refuse(place, PimType::hello, *refusal);
+  ++totals_.hellos;
+  neighborIs(datagram.source, place.time, std::get<U16>(decoded));
 }
 
 void Replay::neighborIs(IpGenAddr const& sender, Vel::Seconds now, U16 holdTime) {
@@ -153,6 +194,10 @@ void Replay::neighborIs(IpGenAddr const& sender, Vel::Seconds now, U16 holdTime)
   }
   if (holdTime == 0) {
     pimStatus_->pimNeighborDel(sender);
+    return;
+  }
+  if (neighborEnds_.size() == maxNeighbors) {
+    ++totals_.strangers;
     return;
   }
   constexpr auto never = std::numeric_limits<Vel::Seconds>::infinity();
@@ -185,10 +230,10 @@ void Replay::deliver(Place const& place, WireMessage const& message) {
   entries_.clear();
 }
 
-void Replay::refuse(Place const& place, Refusal const& refusal) {
-  ++totals_.messages;
+void Replay::refuse(Place const& place, PimType type, Refusal const& refusal) {
+  ++(type == PimType::hello ? totals_.hellos : totals_.messages);
   ++totals_.refused[static_cast<std::size_t>(refusal.reason)];
-  report_.refusal(place, refusal);
+  report_.refusal(place, type, refusal);
 }
 
 }  // namespace Routing::Pim::Agent

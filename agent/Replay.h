@@ -8,7 +8,7 @@
 //
 // Design of the folder, from the bottom up:
 //
-//   Capture.h       frames from files, by libpcap
+//   Capture.h       frames from files: pcap by libpcap, pcapng by Pcapng.h
 //   Datagram.h      the IP datagram in a frame
 //   Cursor.h        a cursor over bytes that may be anything
 //   Refusal.h       why a message is not applied
@@ -25,8 +25,9 @@
 //   FrameBuilder.h, Sample.h   a capture to try it all on
 //   main.cpp        the command line
 //
-// The hash of a process that replays is seeded at random, because the addresses in a capture are anybody's choice. The
-// engine walks its collections in the order of the hash, so the entries of a message are sorted before they are told.
+// The hash of a process that replays is seeded at random, because the addresses in a capture are anybody's
+// choice. The engine walks its collections in the order of the hash, so the entries of a message are sorted
+// before they are told.
 //
 // A message is decoded and checked as a whole before the machine sees any of it. What the machine does not
 // record is not told: a (*,G) join whose RP is not the one that the RP hash gives, and the (*,G) and
@@ -47,19 +48,23 @@ namespace Routing::Pim::Agent {
 
 class Replay {
  public:
+  /// So that memory has a bound, whatever a capture holds: 1 to 2 KB are taken for each.
+  static constexpr std::size_t maxNeighbors = 20'000;
+
   /// The report must outlive the replay.
   Replay(ReplayOptions const& options, Report& report);
   ~Replay();
   Replay(Replay const&) = delete;
   Replay& operator=(Replay const&) = delete;
 
-  /// Hears a frame. Everything in it has been reported on return. Its time is the clock, by which senders are forgotten.
+  /// Hears a frame. Everything in it has been reported on return. Its time is the clock by which senders are
+  /// forgotten.
   void frameIs(Frame const& frame);
 
   Totals const& totals() const { return totals_; }
 
-  /// The senders of Hellos and Join/Prune messages are neighbors in here, each until the hold time of the last of them has
-  /// passed.
+  /// The senders of Hellos and Join/Prune messages are neighbors in here, each until the hold time of its
+  /// last message has passed; no more than `maxNeighbors` at a time.
   Vel::Ptr<Status const> pimStatus() const { return pimStatus_; }
 
  private:
@@ -67,18 +72,21 @@ class Replay {
 
   void pimIs(Place const& place, Datagram const& datagram);
   void joinPruneIs(Place const& place, Datagram const& datagram);
+  void passOver(PassedOver why);
+  bool maySend(Place const& place, PimType type, Datagram const& datagram);
   void helloIs(Place const& place, Datagram const& datagram);
   void neighborIs(IpGenAddr const& sender, Vel::Seconds now, U16 holdTime);
   void expireNeighbors(Vel::Seconds now);
   void deliver(Place const& place, WireMessage const& message);
-  void refuse(Place const& place, Refusal const& refusal);
+  void refuse(Place const& place, PimType type, Refusal const& refusal);
 
   Report& report_;
+  bool const lenient_;
   Totals totals_;
   std::vector<Entry> entries_;  // What the reactors saw of the message that is being delivered.
 
-  // When each neighbor is forgotten, and the same by time. Ordered by address, so that a trace of neighbors that expire
-  // together does not depend on the hash.
+  // When each neighbor is forgotten, and the same by time. Ordered by address, so that a trace of neighbors
+  // that expire together does not depend on the hash.
   std::map<IpGenAddr, Vel::Seconds> neighborEnds_;
   std::set<std::pair<Vel::Seconds, IpGenAddr>> neighborsByEnd_;
 

@@ -24,6 +24,8 @@ constexpr int routeWidth = 33, addressWidth = 15;
 
 U64 Totals::refusedMessages() const { return std::accumulate(refused.begin(), refused.end(), U64{0}); }
 
+U64 Totals::passedOverFrames() const { return std::accumulate(passedOver.begin(), passedOver.end(), U64{0}); }
+
 void TextReport::entry(Place const& place, Entry const& entry) {
   anyLine_ = true;
   auto const route = fmt::format("({},{})", toText(entry.source), toText(entry.group));
@@ -34,9 +36,10 @@ void TextReport::entry(Place const& place, Entry const& entry) {
   out_ << '\n';
 }
 
-void TextReport::refusal(Place const& place, Refusal const& refusal) {
+void TextReport::refusal(Place const& place, PimType type, Refusal const& refusal) {
   anyLine_ = true;
-  fmt::print(out_, "frame {}  refused: {}\n", place.frame, toText(refusal));
+  fmt::print(out_, "frame {}  {}refused: {}\n", place.frame, type == PimType::hello ? "Hello " : "",
+             toText(refusal));
 }
 
 void TextReport::totals(Totals const& totals) {
@@ -56,6 +59,13 @@ void TextReport::totals(Totals const& totals) {
   for (std::size_t reason = 0; reason < reasonNames.size(); ++reason) {
     if (totals.refused[reason]) row(fmt::format("  {}", reasonNames[reason]), totals.refused[reason]);
   }
+  if (totals.lenient) row("taken because of --lenient", totals.lenient);
+  row("Hello messages", totals.hellos);
+  if (totals.strangers) row("without room for their sender", totals.strangers);
+  row("frames passed over", totals.passedOverFrames());
+  for (std::size_t why = 0; why < passedOverNames.size(); ++why) {
+    if (totals.passedOver[why]) row(fmt::format("  {}", passedOverNames[why]), totals.passedOver[why]);
+  }
 }
 
 void JsonReport::entry(Place const& place, Entry const& entry) {
@@ -74,11 +84,22 @@ void JsonReport::entry(Place const& place, Entry const& entry) {
   out_ << object.dump() << '\n';
 }
 
-void JsonReport::refusal(Place const& place, Refusal const& refusal) {
-  nlohmann::ordered_json const object = {{"frame", place.frame}, {"refused", text(refusal.reason)}};
+void JsonReport::refusal(Place const& place, PimType type, Refusal const& refusal) {
+  nlohmann::ordered_json object = {{"frame", place.frame}};
+  if (type == PimType::hello) object["message"] = "Hello";
+  object["refused"] = text(refusal.reason);
   out_ << object.dump() << '\n';
 }
 
-void JsonReport::totals(Totals const&) {}
+void JsonReport::totals(Totals const& totals) {
+  if (totals.passedOverFrames() == 0) return;
+  std::string counts;
+  for (std::size_t why = 0; why < passedOverNames.size(); ++why) {
+    if (totals.passedOver[why] == 0) continue;
+    counts +=
+        fmt::format("{}{} {}", counts.empty() ? "" : ", ", totals.passedOver[why], passedOverNames[why]);
+  }
+  fmt::print(beside_, "{} of {} frames passed over: {}\n", totals.passedOverFrames(), totals.frames, counts);
+}
 
 }  // namespace Routing::Pim::Agent

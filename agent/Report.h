@@ -4,6 +4,7 @@
 #include <array>
 #include <iosfwd>
 
+#include "agent/Datagram.h"
 #include "agent/PimMessage.h"
 #include "agent/Refusal.h"
 #include "runtime/vel/Types.h"
@@ -35,30 +36,38 @@ struct Entry {
 
 struct Totals {
   U64 frames = 0;
-  U64 messages = 0;  ///< Join/Prune messages, those refused included.
+  U64 messages = 0;   ///< Join/Prune messages, those refused included.
+  U64 hellos = 0;     ///< Likewise.
+  U64 lenient = 0;    ///< Messages of both types that a replay took because it is lenient.
+  U64 strangers = 0;  ///< Messages of both types whose sender found no room among the neighbors.
   std::array<std::array<U64, sourceKindNames.size()>, recordNames.size()> entries = {};
-  std::array<U64, reasonNames.size()> refused = {};
+  std::array<U64, reasonNames.size()> refused = {};         ///< Messages of both types.
+  std::array<U64, passedOverNames.size()> passedOver = {};  ///< Frames without a message of either type.
 
   U64 refusedMessages() const;
+  U64 passedOverFrames() const;
 };
 
 class Report {
  public:
   virtual ~Report() = default;
   virtual void entry(Place const& place, Entry const& entry) = 0;
-  virtual void refusal(Place const& place, Refusal const& refusal) = 0;
+  /// Of a Join/Prune message or a Hello.
+  virtual void refusal(Place const& place, PimType type, Refusal const& refusal) = 0;
   virtual void totals(Totals const& totals) = 0;
 };
 
 /// Aligned lines:
 ///
-///     frame 3        10.848741  join   (*,G)      (0.0.0.0,239.1.1.1)  upstream 10.0.0.13  hold 210  flags
-///     SWR  rp 1.1.1.1 frame 7  refused: bad checksum (0x5ae5, computed 0x5ae6)
+///     frame 3  10.848741  join  (*,G)  (0.0.0.0,239.1.1.1)  upstream 10.0.0.13  hold 210  flags SWR
+///       rp 1.1.1.1 (all in one line)
+///     frame 7  refused: bad checksum (0x5ae5, computed 0x5ae6)
+///     frame 8  Hello refused: TTL or hop limit not 1 (64)
 class TextReport final : public Report {
  public:
   explicit TextReport(std::ostream& out) : out_(out) {}
   void entry(Place const& place, Entry const& entry) override;
-  void refusal(Place const& place, Refusal const& refusal) override;
+  void refusal(Place const& place, PimType type, Refusal const& refusal) override;
   void totals(Totals const& totals) override;
 
  private:
@@ -66,20 +75,23 @@ class TextReport final : public Report {
   bool anyLine_ = false;  // Whether the totals need an empty line before them.
 };
 
-/// One object a line. Refusals are the fixed text of the reason; there are no totals.
+/// One object a line. Refusals are the fixed text of the reason. Of the totals, only what was passed over is
+/// told, as one line of text beside the objects.
 ///
 ///     {"frame":3,"time":10.848741,"record":"join","kind":"(*,G)","source":"0.0.0.0","group":"239.1.1.1",
 ///      "upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"1.1.1.1"}
 ///     {"frame":7,"refused":"bad checksum"}
+///     {"frame":8,"message":"Hello","refused":"TTL or hop limit not 1"}
 class JsonReport final : public Report {
  public:
-  explicit JsonReport(std::ostream& out) : out_(out) {}
+  JsonReport(std::ostream& out, std::ostream& beside) : out_(out), beside_(beside) {}
   void entry(Place const& place, Entry const& entry) override;
-  void refusal(Place const& place, Refusal const& refusal) override;
+  void refusal(Place const& place, PimType type, Refusal const& refusal) override;
   void totals(Totals const& totals) override;
 
  private:
   std::ostream& out_;
+  std::ostream& beside_;
 };
 
 }  // namespace Routing::Pim::Agent

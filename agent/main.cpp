@@ -38,7 +38,11 @@ constexpr char moreAboutReplay[] =
     "engine; "
     "what the engine records is printed, then totals. A message that is not well formed is refused as a "
     "whole, with "
-    "the reason.\n"
+    "the reason; so is a Hello. A sender is a neighbor until the hold time of its last message has passed by "
+    "the clock of the capture. Frames with neither are passed over and counted; with --json, a line on "
+    "standard error tells how many.\n"
+    "Entries of one message are sorted by group, kind and source. The engine's trace lines about them come "
+    "in an order of their own, which differs from run to run.\n"
     "Not printed, since the engine does not record it: a (*,G) join whose RP is not the one that --rp gives "
     "for the "
     "group, and the (*,G) and (S,G,rpt) entries of a group that --deny names.\n"
@@ -226,6 +230,11 @@ int run(int argc, char** argv) {
       ->allow_extra_args(false)
       ->each(checked(
           [&options](std::string const& text) { options.denied.push_back(groupPrefixFromText(text)); }));
+  replayCommand->add_flag(
+      "--lenient", options.lenient,
+      "Take Join/Prune messages and Hellos also from a source that is not unicast (IPv6: not "
+      "link-local), to another destination than 224.0.0.13 or ff02::d, or with another TTL "
+      "or hop limit than 1; they are refused otherwise");
   std::string levels;
   replayCommand
       ->add_option("--trace", levels, "Levels of the engine's trace lines, to standard error: 1,2,7 or 1-8")
@@ -290,7 +299,7 @@ int run(int argc, char** argv) {
   }
   if (*simulateCommand) return simulateFile(file, simulateOptions);
   TextReport textReport(std::cout);
-  JsonReport jsonReport(std::cout);
+  JsonReport jsonReport(std::cout, std::cerr);
   return replay(file, options, json ? static_cast<Report&>(jsonReport) : textReport);
 }
 

@@ -105,7 +105,9 @@ TEST_F(JpagentTest, TextHasTheEntriesTheRefusalsAndTotals) {
                                      "(S,G,rpt) prune                           2\n"
                                      "refused messages                          2\n"
                                      "  bad checksum                            1\n"
-                                     "  wrong count                             1\n"));
+                                     "  wrong count                             1\n"
+                                     "Hello messages                            4\n"
+                                     "frames passed over                        0\n"));
 }
 
 IpGenAddr const sender("10.0.0.14");
@@ -265,7 +267,8 @@ TEST_F(JpagentTest, HelpGoesToStandardOutputAndSaysWhatIsNotPrinted) {
   auto const outcome = jpagent({"replay", "--help"});
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.err, "");
-  for (char const* text : {"--json", "--rp", "--deny", "--trace", "--scrivo", "Not printed", "Exit status"}) {
+  for (char const* text :
+       {"--json", "--rp", "--deny", "--lenient", "--trace", "--scrivo", "Not printed", "Exit status"}) {
     EXPECT_THAT(outcome.out, HasSubstr(text));
   }
   EXPECT_THAT(jpagent({"--help"}).out, HasSubstr("sample"));
@@ -347,6 +350,38 @@ TEST_F(JpagentTest, TheRingTraceFileIsPrintedAsLines) {
                                    std::string::npos;
                           }),
             8);
+}
+
+TEST_F(JpagentTest, AMessageFromFarAwayIsRefusedUnlessTheReplayIsLenient) {
+  auto far = goodDatagram();
+  far[8] = 64;
+  auto const path = writeCapture(folder_, DLT_RAW, {{7, far}});
+  auto const strict = jpagent({"replay", path});
+  EXPECT_EQ(strict.status, 1);
+  EXPECT_EQ(strict.out.rfind("frame 1  refused: TTL or hop limit not 1 (64)\n\n", 0), 0u) << strict.out;
+  EXPECT_EQ(jpagent({"replay", "--json", path}).out, R"x({"frame":1,"refused":"TTL or hop limit not 1"})x"
+                                                     "\n");
+  auto const lenient = jpagent({"replay", "--lenient", path});
+  EXPECT_EQ(lenient.status, 0);
+  EXPECT_THAT(lenient.out, HasSubstr("(192.0.2.1,239.1.1.1)"));
+  EXPECT_THAT(lenient.out, HasSubstr("taken because of --lenient                1\n"));
+}
+
+TEST_F(JpagentTest, WhatIsPassedOverIsToldAtTheEnd) {
+  auto const arp = hex("ffffffffffff 020000000001 0806") + Bytes(46);
+  auto const igmp = ethernetFrame(ipDatagram(sender, IpGenAddr("224.0.0.1"), 2, Bytes(8)));
+  auto const path = writeCapture(folder_, DLT_EN10MB, {{0, arp}, {0, igmp}, {0, arp}});
+  auto const text = jpagent({"replay", path});
+  EXPECT_EQ(text.status, 0);
+  EXPECT_EQ(text.err, "");
+  EXPECT_THAT(text.out, HasSubstr("Hello messages                            0\n"
+                                  "frames passed over                        3\n"
+                                  "  not IP                                  2\n"
+                                  "  IP of another protocol                  1\n"));
+  auto const objects = jpagent({"replay", "--json", path});
+  EXPECT_EQ(objects.status, 0);
+  EXPECT_EQ(objects.out, "");
+  EXPECT_EQ(objects.err, "3 of 3 frames passed over: 2 not IP, 1 IP of another protocol\n");
 }
 
 /// A capture of a Hello from each of so many link-local senders. Those that crowd are chosen for the fixed seed of the

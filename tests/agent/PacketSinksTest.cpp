@@ -84,7 +84,8 @@ TEST(PacketSinksTest, APcapFileHasWholeDatagramsThatTheProjectsOwnCaptureReads) 
     ASSERT_TRUE(capture.next(frame));
     EXPECT_EQ(frame.time, four ? 0 : 1.5);
     EXPECT_EQ(frame.link, LinkType::ethernet);
-    auto const datagram = findDatagram(frame.link, frame.bytes);
+    auto const found = findDatagram(frame.link, frame.bytes);
+    auto const* const datagram = std::get_if<Datagram>(&found);
     ASSERT_TRUE(datagram);
     EXPECT_EQ(datagram->state, Datagram::State::whole);
     EXPECT_EQ(datagram->protocol, pimProtocol);

@@ -30,8 +30,9 @@ class Recorder final : public Report {
     if (entry.kind == SourceKind::wildcard) text += " rp " + toText(entry.rp);
     text += "\n";
   }
-  void refusal(Place const& place, Refusal const& refusal) override {
-    text += std::to_string(place.frame) + " refused: " + toText(refusal) + "\n";
+  void refusal(Place const& place, PimType type, Refusal const& refusal) override {
+    text += std::to_string(place.frame) + (type == PimType::hello ? " Hello refused: " : " refused: ") +
+            toText(refusal) + "\n";
   }
   void totals(Totals const&) override {}
 
@@ -346,25 +347,153 @@ TEST_F(ReplayTest, WhatCannotBeCheckedIsRefused) {
   }
 }
 
-TEST_F(ReplayTest, WhatIsNoJoinPruneIsPassedOver) {
+TEST_F(ReplayTest, AHelloThatCannotBeCheckedIsRefused) {
+  auto const good = hello(sender, routers);
+  auto const pim = [](char const* bytes) {
+    return ipDatagram(sender, routers, pimProtocol, withChecksum(hex(bytes), sender, routers));
+  };
+  struct {
+    char const* what;
+    Bytes datagram;
+    char const* shown;
+  } const rows[] = {
+      {"snapped", firstOf(good, 22), "1 Hello refused: truncated (by the capture)\n"},
+      {"first fragment", changed(good, 6, 0x20), "1 Hello refused: fragment\n"},
+      {"not intact", changed(good, 29, 9), "1 Hello refused: bad checksum (0xdf93, computed 0xdff3)\n"},
+      {"an option over the end", pim("20000000 0001 0003 0069"),
+       "1 Hello refused: truncated (in the Hello option at byte 4)\n"},
+  };
+  for (auto const& row : rows) {
+    EXPECT_EQ(shown({row.datagram}), row.shown) << row.what;
+    EXPECT_EQ(replay_->totals().hellos, 1u) << row.what;
+    EXPECT_EQ(replay_->totals().messages, 0u) << row.what;
+    EXPECT_EQ(replay_->totals().refusedMessages(), 1u) << row.what;
+    EXPECT_THAT(neighbors(), IsEmpty()) << row.what;
+  }
+}
+
+TEST_F(ReplayTest, WhatIsNeitherJoinPruneNorHelloIsPassedOverAndCounted) {
   auto const good = datagram(oneJoin());
   struct {
     char const* what;
     Bytes datagram;
+    PassedOver why;
   } const rows[] = {
-      {"later fragment", changed(good, 7, 1)},
-      {"another protocol", changed(good, 9, 17)},
-      {"version 1", changed(good, 20, 0x13)},
-      {"an assert", changed(good, 20, 0x25)},
-      {"a snapped hello", firstOf(hello(sender, routers), 22)},
-      {"a fragment of a hello", changed(hello(sender, routers), 6, 0x20)},
-      {"nothing", {}},
+      {"later fragment", changed(good, 7, 1), PassedOver::laterFragment},
+      {"another protocol", changed(good, 9, 17), PassedOver::otherProtocol},
+      {"version 1", changed(good, 20, 0x13), PassedOver::otherMessage},
+      {"an assert", changed(good, 20, 0x25), PassedOver::otherMessage},
+      {"a snapped assert", firstOf(changed(good, 20, 0x25), 22), PassedOver::otherMessage},
+      {"a security payload", changed(good, 9, 50), PassedOver::notOpened},
+      {"another IP version", changed(good, 0, 0x55), PassedOver::notIp},
+      {"nothing", {}, PassedOver::unreadable},
   };
   for (auto const& row : rows) {
-    EXPECT_EQ(shown({row.datagram}), "") << row.what;
-    EXPECT_EQ(replay_->totals().frames, 1u) << row.what;
+    EXPECT_EQ(shown({row.datagram, row.datagram}), "") << row.what;
+    EXPECT_EQ(replay_->totals().frames, 2u) << row.what;
     EXPECT_EQ(replay_->totals().messages, 0u) << row.what;
+    EXPECT_EQ(replay_->totals().passedOver[static_cast<std::size_t>(row.why)], 2u) << row.what;
+    EXPECT_EQ(replay_->totals().passedOverFrames(), 2u) << row.what;
   }
+}
+
+TEST_F(ReplayTest, FramesOfAnUnknownLinkAreCounted) {
+  begin();
+  Frame frame;
+  frame.link = LinkType::unknown;
+  auto const good = datagram(oneJoin());
+  frame.bytes = good;
+  replay_->frameIs(frame);
+  EXPECT_EQ(recorder_.text, "");
+  EXPECT_EQ(replay_->totals().passedOver[static_cast<std::size_t>(PassedOver::unknownLink)], 1u);
+}
+
+struct SenderRow {
+  char const *source, *destination;
+  U8 hopLimit;
+  char const* reason;
+};
+
+SenderRow const senderRows[] = {
+    {"0.0.0.0", "224.0.0.13", 1, "sender not unicast (0.0.0.0)"},
+    {"239.1.1.1", "224.0.0.13", 1, "sender not unicast (239.1.1.1)"},
+    {"255.255.255.255", "224.0.0.13", 1, "sender not unicast (255.255.255.255)"},
+    {"10.0.0.14", "10.0.0.13", 1, "destination not ALL-PIM-ROUTERS (10.0.0.13)"},
+    {"10.0.0.14", "224.0.0.14", 1, "destination not ALL-PIM-ROUTERS (224.0.0.14)"},
+    {"10.0.0.14", "224.0.0.13", 0, "TTL or hop limit not 1 (0)"},
+    {"10.0.0.14", "224.0.0.13", 2, "TTL or hop limit not 1 (2)"},
+    {"10.0.0.14", "224.0.0.13", 255, "TTL or hop limit not 1 (255)"},
+    {"::", "ff02::d", 1, "sender not unicast (::)"},
+    {"ff02::d", "ff02::d", 1, "sender not unicast (ff02::d)"},
+    {"2001:db8::14", "ff02::d", 1, "sender not link-local (2001:db8::14)"},
+    {"fec0::14", "ff02::d", 1, "sender not link-local (fec0::14)"},
+    {"fe80::14", "fe80::13", 1, "destination not ALL-PIM-ROUTERS (fe80::13)"},
+    {"fe80::14", "ff05::d", 1, "destination not ALL-PIM-ROUTERS (ff05::d)"},
+    {"fe80::14", "ff02::d", 64, "TTL or hop limit not 1 (64)"},
+};
+
+/// A Join/Prune and a Hello, sent in this way.
+std::vector<Bytes> bothSent(SenderRow const& row) {
+  IpGenAddr const from(row.source), to(row.destination);
+  bool const four = from.isIpv4();
+  WireMessage message(IpGenAddr(four ? "10.0.0.13" : "fe80::13"), 210);
+  message.groupAdd(IpGenAddr(four ? "239.1.1.1" : "ff0e::1"));
+  message.joinAdd(SourceKind::source, IpGenAddr(four ? "192.0.2.1" : "2001:db8::1"));
+  std::vector<Bytes> both = {
+      ipDatagram(from, to, pimProtocol, encodeJoinPrune(message, from, to)),
+      ipDatagram(from, to, pimProtocol, withChecksum(hex("20000000 0001 0002 0069"), from, to))};
+  for (auto& bytes : both) bytes[four ? 8 : 7] = row.hopLimit;
+  return both;
+}
+
+TEST_F(ReplayTest, OnlyALinkLocalWayToAllPimRoutersCounts) {
+  for (auto const& row : senderRows) {
+    EXPECT_EQ(shown(bothSent(row)),
+              "1 refused: " + std::string(row.reason) + "\n2 Hello refused: " + row.reason + "\n");
+    EXPECT_THAT(neighbors(), IsEmpty()) << row.reason;
+    EXPECT_EQ(replay_->totals().messages, 1u) << row.reason;
+    EXPECT_EQ(replay_->totals().hellos, 1u) << row.reason;
+    EXPECT_EQ(replay_->totals().lenient, 0u) << row.reason;
+  }
+}
+
+TEST_F(ReplayTest, ALenientReplayTakesEverySenderAndCountsThem) {
+  options_.lenient = true;
+  for (auto const& row : senderRows) {
+    bool const four = IpGenAddr(row.source).isIpv4();
+    EXPECT_EQ(shown(bothSent(row)), four ? std::string("1") + oneJoinShown
+                                         : "1 join (S,G) 2001:db8::1 ff0e::1 to fe80::13 hold 210 flags 4\n");
+    EXPECT_THAT(neighbors(), ElementsAre(std::string(row.source) + "@capture0"));
+    EXPECT_EQ(replay_->totals().refusedMessages(), 0u) << row.reason;
+    EXPECT_EQ(replay_->totals().lenient, 2u) << row.reason;
+  }
+  shown({datagram(oneJoin())});
+  EXPECT_EQ(replay_->totals().lenient, 0u);
+}
+
+TEST_F(ReplayTest, MessagesInsideTunnelsCountLikeOthers) {
+  auto const inner = datagram(oneJoin());
+  auto const gre = ipDatagram(IpGenAddr("192.0.2.7"), IpGenAddr("192.0.2.8"), 47, hex("0000 0800") + inner);
+  EXPECT_EQ(shown({gre}), std::string("1") + oneJoinShown);
+  EXPECT_THAT(neighbors(), ElementsAre("10.0.0.14@capture0"));
+}
+
+TEST_F(ReplayTest, NoMoreThanTheMostNeighborsAreKept) {
+  begin();
+  Frame frame;
+  frame.link = LinkType::rawIp;
+  for (U32 n = 0; n < Replay::maxNeighbors + 2; ++n) {
+    auto const bytes = hello(IpGenAddr::ipv4(0x0a000001 + n), routers);
+    frame.bytes = bytes;
+    replay_->frameIs(frame);
+  }
+  EXPECT_THAT(neighbors(), testing::SizeIs(Replay::maxNeighbors));
+  EXPECT_EQ(replay_->totals().strangers, 2u);
+  EXPECT_EQ(replay_->totals().refusedMessages(), 0u);
+  // Those that are there are heard again, and leave room behind.
+  auto const goodbye = hello(IpGenAddr("10.0.0.1"), routers, "0001 0002 0000");
+  EXPECT_THAT(neighborsAt(1, goodbye), testing::SizeIs(Replay::maxNeighbors - 1));
+  EXPECT_THAT(neighborsAt(1, hello(IpGenAddr("10.99.0.1"), routers)), testing::SizeIs(Replay::maxNeighbors));
 }
 
 TEST_F(ReplayTest, TotalsCountWhatWasShown) {
@@ -377,6 +506,8 @@ TEST_F(ReplayTest, TotalsCountWhatWasShown) {
   auto const& totals = replay_->totals();
   EXPECT_EQ(totals.frames, 4u);
   EXPECT_EQ(totals.messages, 3u);
+  EXPECT_EQ(totals.hellos, 1u);
+  EXPECT_EQ(totals.passedOverFrames(), 0u);
   EXPECT_EQ(totals.entries, (decltype(totals.entries){{{4, 0, 0}, {0, 2, 0}}}));
   EXPECT_EQ(totals.refused[static_cast<std::size_t>(Reason::badChecksum)], 1u);
 }
@@ -409,7 +540,9 @@ TEST_F(ReplayTest, OfADamagedCaptureEveryMessageIsCountedOnce) {
       for (U64 const count : kinds) entries += count;
     }
     EXPECT_EQ(lines(recorder_.text).size(), entries) << "seed " << seed;
-    EXPECT_LE(replay.totals().refusedMessages(), replay.totals().messages) << "seed " << seed;
+    auto const& totals = replay.totals();
+    EXPECT_LE(totals.refusedMessages(), totals.messages + totals.hellos) << "seed " << seed;
+    EXPECT_EQ(totals.messages + totals.hellos + totals.passedOverFrames(), totals.frames) << "seed " << seed;
   }
   EXPECT_GT(readToTheEnd, 100u);
 }
