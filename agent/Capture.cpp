@@ -7,13 +7,17 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
-#include <optional>
 
 namespace Routing::Pim::Agent {
 
 namespace {
 
 constexpr int snapLength = 65535;
+
+constexpr int linkTypeRaw = 101;
+
+// What a section of pcapng begins with. No pcap file begins with this byte.
+constexpr int firstOfPcapng = 0x0a;
 
 struct KnownLink {
   int number;
@@ -27,6 +31,10 @@ constexpr KnownLink knownLinks[] = {
     {DLT_IPV6, LinkType::rawIp},
     {DLT_LINUX_SLL, LinkType::linuxCooked},
     {DLT_LINUX_SLL2, LinkType::linuxCooked2},
+    {DLT_PPP, LinkType::ppp},
+    {DLT_PPP_SERIAL, LinkType::ppp},
+    // In pcapng files, where libpcap does not translate it.
+    {linkTypeRaw, LinkType::rawIp},
 };
 
 std::optional<LinkType> linkOf(int number) {
@@ -43,6 +51,10 @@ std::string linkName(int number) {
 
 [[noreturn]] void fail(std::string const& path, std::string const& what) {
   throw CaptureError(fmt::format("{}: {}", path, what));
+}
+
+[[noreturn]] void failOfLink(std::string const& path, int number) {
+  fail(path, fmt::format("link type {} is not supported", linkName(number)));
 }
 
 [[noreturn]] void failWithErrno(std::string const& path) { fail(path, std::strerror(errno)); }
@@ -64,12 +76,23 @@ Vel::Seconds elapsed(long long seconds, long long nanoseconds, long long firstSe
 }  // namespace
 
 Capture::Capture(std::string const& path) : path_(path), pcap_(nullptr, pcap_close) {
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
+  PcapngReader::File file(std::fopen(path.c_str(), "rb"), std::fclose);
   if (!file) failWithErrno(path);
   struct stat status;
   if (fstat(fileno(file.get()), &status) != 0) failWithErrno(path);
   if (S_ISDIR(status.st_mode)) fail(path, std::strerror(EISDIR));
   if (S_ISREG(status.st_mode) && status.st_size == 0) fail(path, "the file is empty");
+
+  int const firstByte = std::fgetc(file.get());
+  if (firstByte != EOF) std::ungetc(firstByte, file.get());
+  if (firstByte == firstOfPcapng) {
+    try {
+      pcapng_ = std::make_unique<PcapngReader>(std::move(file));
+    } catch (PcapngError const& e) {
+      fail(path, fmt::format("not a capture: {}", e.what()));
+    }
+    return;
+  }
 
   char error[PCAP_ERRBUF_SIZE] = "";
   pcap_.reset(pcap_fopen_offline_with_tstamp_precision(file.get(), PCAP_TSTAMP_PRECISION_NANO, error));
@@ -77,27 +100,58 @@ Capture::Capture(std::string const& path) : path_(path), pcap_(nullptr, pcap_clo
   file.release();
 
   auto const link = linkOf(pcap_datalink(pcap_.get()));
-  if (!link) fail(path, fmt::format("link type {} is not supported", linkName(pcap_datalink(pcap_.get()))));
+  if (!link) failOfLink(path, pcap_datalink(pcap_.get()));
   link_ = *link;
 }
 
 Capture::~Capture() = default;
 
-bool Capture::next(Frame& frame) {
+bool Capture::next(Frame& frame) { return pcapng_ ? nextOfPcapng(frame) : nextOfPcap(frame); }
+
+bool Capture::nextOfPcap(Frame& frame) {
   pcap_pkthdr* header = nullptr;
   u_char const* bytes = nullptr;
   int const result = pcap_next_ex(pcap_.get(), &header, &bytes);
   if (result == PCAP_ERROR_BREAK) return false;
   if (result != 1) fail(path_, fmt::format("after frame {}: {}", number_, pcap_geterr(pcap_.get())));
-  if (number_ == 0) {
-    firstSeconds_ = header->ts.tv_sec;
-    firstNanoseconds_ = header->ts.tv_usec;
-  }
   frame.number = ++number_;
-  frame.time = elapsed(header->ts.tv_sec, header->ts.tv_usec, firstSeconds_, firstNanoseconds_);
+  frame.time = sinceFirst(header->ts.tv_sec, header->ts.tv_usec);
   frame.bytes = {bytes, header->caplen};
   frame.link = link_;
   return true;
+}
+
+bool Capture::nextOfPcapng(Frame& frame) {
+  PcapngReader::Packet packet;
+  try {
+    if (!pcapng_->next(packet)) {
+      if (unknownLink_ && !anyKnownLink_) failOfLink(path_, *unknownLink_);
+      return false;
+    }
+  } catch (PcapngError const& e) {
+    fail(path_, fmt::format("after frame {}: {}", number_, e.what()));
+  }
+  auto const link = linkOf(packet.linkType);
+  if (link)
+    anyKnownLink_ = true;
+  else
+    unknownLink_ = packet.linkType;
+  frame.number = ++number_;
+  // A packet without a time is taken to come with the one before it.
+  if (packet.hasTime) time_ = sinceFirst(packet.seconds, packet.nanoseconds);
+  frame.time = time_;
+  frame.bytes = packet.bytes;
+  frame.link = link.value_or(LinkType::unknown);
+  return true;
+}
+
+Vel::Seconds Capture::sinceFirst(long long seconds, long long nanoseconds) {
+  if (!hasFirstTime_) {
+    hasFirstTime_ = true;
+    firstSeconds_ = seconds;
+    firstNanoseconds_ = nanoseconds;
+  }
+  return elapsed(seconds, nanoseconds, firstSeconds_, firstNanoseconds_);
 }
 
 CaptureWriter::CaptureWriter(std::string const& path)

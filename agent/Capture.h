@@ -7,11 +7,13 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
 
 #include "agent/Datagram.h"
+#include "agent/Pcapng.h"
 #include "runtime/vel/Types.h"
 
 struct pcap;
@@ -34,23 +36,36 @@ struct Frame {
   LinkType link = LinkType::ethernet;
 };
 
-/// Reads a file frame by frame. All interfaces of a pcapng file are read as one.
+/// Reads a file frame by frame. The interfaces of a pcapng file are read as one, though their link types and
+/// snap lengths may differ.
 class Capture {
  public:
-  /// Throws CaptureError if the file is missing, empty, no capture, or of a link type that nobody here can
-  /// take apart.
+  /// Throws CaptureError if the file is missing, empty, no capture, or a pcap file of a link type that nobody
+  /// here can take apart.
   explicit Capture(std::string const& path);
   ~Capture();
 
   /// False after the last frame. Throws CaptureError if the file is damaged there; what came before was good.
+  /// Frames of a pcapng interface whose link type nobody here can take apart come as `LinkType::unknown`; if
+  /// all frames are such, CaptureError is thrown at the end.
   bool next(Frame& frame);
 
  private:
+  bool nextOfPcap(Frame& frame);
+  bool nextOfPcapng(Frame& frame);
+  Vel::Seconds sinceFirst(long long seconds, long long nanoseconds);
+
   std::string path_;
-  std::unique_ptr<pcap, void (*)(pcap*)> pcap_;
+  std::unique_ptr<pcap, void (*)(pcap*)> pcap_;  // null for a pcapng file
+  std::unique_ptr<PcapngReader> pcapng_;
   LinkType link_ = LinkType::ethernet;
   U64 number_ = 0;
+  bool hasFirstTime_ = false;
   long long firstSeconds_ = 0, firstNanoseconds_ = 0;
+  Vel::Seconds time_ = 0;  // of the frame before
+  // Of a pcapng file: whether a frame had a link type that is known, and one that is not.
+  bool anyKnownLink_ = false;
+  std::optional<int> unknownLink_;
 };
 
 /// Writes an Ethernet capture with time stamps in microseconds.
