@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "tests/pim/joinprune/FailingHeap.h"
 #include "tests/pim/joinprune/RingTrace.h"
 #include "tests/pim/joinprune/World.h"
 
@@ -815,6 +816,225 @@ TEST_F(JoinPruneNeighborSmTest, ThePeriodicMachineIsMadeOnce) {
   EXPECT_TRUE(neighborSm->joinPrunePeriodicTimerSm() == made);
   EXPECT_EQ(made->loopQuantum(), 0.5);
   EXPECT_EQ(counter->count, 2);
+}
+
+TEST_F(JoinPruneNeighborSmTest, AGroupThatComesWhileMemoryIsShortIsTakenUpSoonAndOnlyOnce) {
+  log.levels({});
+  for (auto const which : {0, 1, 2}) {
+    bool failed = true;
+    for (std::size_t n = 1; failed; ++n) {
+      SCOPED_TRACE("channel " + std::to_string(which) + ", request " + std::to_string(n));
+      World w;
+      auto const eth = w.intf("eth0", "10.0.0.1/24");
+      w.neighbor(N, eth);
+      w.start();
+      auto const own = w.sm(N);
+      Vel::Ptr<Packet::JoinPruneData> const sets[] = {w.triggered(N), w.override_(N), w.periodic(N)};
+      auto const& data = sets[which];
+      auto const before = group(w.periodic(N), "239.1.1.1");
+      before->joinedSourceIs(addr(S));
+      before->wcSourceDataIs(wildcard("10.5.0.1"));
+      Dova::IpGenAddr const added = addr("239.1.1.2"), source = addr(S);
+      auto const record = wildcard("10.5.0.2");
+      {
+        FailingHeap::Failure const failure(n);
+        try {
+          data->joinPruneGroupDataIs(added);
+        } catch (std::bad_alloc const&) {
+        }
+        failed = failure.happened();
+      }
+      auto const g = data->joinPruneGroupDataIs(added);
+      g->joinedSourceIs(source);
+      g->wcSourceDataIs(record);
+      w.runUntil(w.time + 0.25);
+      // By now it is followed as if nothing had happened.
+      EXPECT_EQ(own->numPeriodicRoutes(), which == 2 ? 4u : 2u);
+      EXPECT_EQ(own->triggeredGroupDataCount(), 0u);
+      EXPECT_EQ(own->overrideGroupDataCount(), which == 1 ? 1u : 0u);
+      EXPECT_EQ(own->overrideTimer()->armed(), which == 1);
+      EXPECT_EQ(own->periodicGroupDataCount(), which == 2 ? 2u : 1u);
+      for (auto i = own->periodicGroupDataIterator(); i; ++i) EXPECT_TRUE(i->wcSourceSet());
+      EXPECT_EQ(w.manager->sent.size(), which == 0 ? 2u : 0u);
+      EXPECT_FALSE(own->triggeredTimer()->armed());
+      w.runUntil(w.time + 5);
+      EXPECT_EQ(w.manager->sent.size(), which == 2 ? 0u : 2u);
+      // The record is replaced, which counts nothing, and everything goes, which ends at 0.
+      if (which == 2) {
+        g->wcSourceDataIs(wildcard("10.5.0.3"));
+        EXPECT_EQ(own->numPeriodicRoutes(), 4u);
+        g->joinedSourceDel(source);
+        g->wcSourceDataDel();
+      }
+      before->wcSourceDataIs(wildcard("10.5.0.3"));
+      EXPECT_EQ(own->numPeriodicRoutes(), 2u);
+      before->joinedSourceDel(addr(S));
+      before->wcSourceDataDel();
+      EXPECT_EQ(own->numPeriodicRoutes(), 0u);
+      EXPECT_EQ(w.periodic(N)->joinPruneGroupDataCount(), 0u);
+    }
+  }
+}
+
+TEST_F(JoinPruneNeighborSmTest, WhatWasNotFollowedForWantOfMemoryIsCountedBeforeTheLastGroupGoes) {
+  log.levels({});
+  bool failed = true;
+  for (std::size_t n = 1; failed; ++n) {
+    SCOPED_TRACE(n);
+    World w;
+    auto const eth = w.intf("eth0", "10.0.0.1/24");
+    w.neighbor(N, eth);
+    w.start();
+    auto const data = w.periodic(N);
+    Dova::IpGenAddr const added = addr(G), source = addr(S);
+    group(data, "239.1.1.9")->joinedSourceIs(source);
+    {
+      FailingHeap::Failure const failure(n);
+      try {
+        data->joinPruneGroupDataIs(added)->joinedSourceIs(source);
+      } catch (std::bad_alloc const&) {
+      }
+      failed = failure.happened();
+    }
+    w.pim->pimNeighborDel(addr(N));
+    ASSERT_TRUE(w.sm(N));
+    // The groups are emptied and removed before any timer fires.
+    for (auto const* const g : {G, "239.1.1.9"})
+      if (auto const there = data->joinPruneGroupData(addr(g))) {
+        there->joinedSourceDel(source);
+        data->joinPruneGroupDataDel(addr(g));
+      }
+    EXPECT_FALSE(w.sm(N));
+    EXPECT_EQ(w.sets(N), "-");
+  }
+}
+
+TEST_F(JoinPruneNeighborSmTest, TimersAndThePeriodicMachineThatAreMadeWhileItIsSwitchedOffAreOffToo) {
+  make();
+  neighborSm->hasNotificationActiveIs(false);
+  auto const other = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  neighborSm->triggeredTimerIs(other);
+  neighborSm->overrideTimerIs(other);
+  neighborSm->joinPrunePeriodicTimerSmDel();
+  auto const periodicSm =
+      neighborSm->joinPrunePeriodicTimerSmIs(other, neighborSm.get(), 0.1, p, eth0, manager, message);
+  EXPECT_FALSE(neighborSm->triggeredTimer()->hasNotificationActive());
+  EXPECT_FALSE(neighborSm->overrideTimer()->hasNotificationActive());
+  EXPECT_FALSE(periodicSm->hasNotificationActive());
+  EXPECT_FALSE(periodicSm->periodicTimer()->hasNotificationActive());
+  for (auto const& data : {t, o, p}) data->newJoinPruneGroupData(addr(G));
+  auto const g = t->joinPruneGroupData(addr(G));
+  EXPECT_FALSE(neighborSm->triggeredGroupDataIs(g)->hasNotificationActive());
+  EXPECT_FALSE(neighborSm->overrideGroupDataIs(o->joinPruneGroupData(addr(G)))->hasNotificationActive());
+  EXPECT_FALSE(neighborSm->periodicGroupDataIs(p->joinPruneGroupData(addr(G)))->hasNotificationActive());
+  neighborSm->hasNotificationActiveIs(true);
+  EXPECT_TRUE(neighborSm->triggeredTimer()->hasNotificationActive());
+  EXPECT_TRUE(neighborSm->overrideTimer()->hasNotificationActive());
+  EXPECT_TRUE(periodicSm->periodicTimer()->hasNotificationActive());
+  g->joinedSourceIs(addr(S));
+  EXPECT_EQ(neighborSm->triggeredTimer()->timeMin(), time + 0.1);
+  EXPECT_EQ(other->armedCount(), 1u);
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, AGroupReactorThatIsSwitchedOffFollowsItsDataWithoutPassingAnythingOn) {
+  make();
+  group(p, "239.1.1.9");
+  auto const poke = [&](auto const& reactor, Vel::Ptr<Packet::JoinPruneData> const& data) {
+    reactor->hasNotificationActiveIs(false);
+    data->newJoinPruneGroupData(addr(G));
+    log.clear();
+    reactor->onJoinPruneGroupData(addr(G));
+    EXPECT_THAT(log.take(), IsEmpty());
+    data->newJoinPruneGroupData(addr("239.1.1.2"));
+    reactor->onJoinPruneGroupDatavelImmediate();
+    EXPECT_THAT(log.take(), IsEmpty());
+  };
+  poke(neighborSm->triggeredGroup(), t);
+  poke(neighborSm->overrideGroup(), o);
+  poke(neighborSm->periodicGroup(), p);
+  EXPECT_EQ(neighborSm->triggeredGroupDataCount(), 2u);
+  EXPECT_EQ(neighborSm->overrideGroupDataCount(), 2u);
+  EXPECT_EQ(neighborSm->periodicGroupDataCount(), 3u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, AGroupReactorWhoseMachineIsRetiredWhileItFollowsPassesNothingOn) {
+  class OnGroupData final : public JoinPruneNeighborSm::NotifieeConst {
+   public:
+    void onTriggeredGroupData(Dova::IpGenAddr) override { act(); }
+    void onOverrideGroupData(Dova::IpGenAddr) override { act(); }
+    void onPeriodicGroupData(Dova::IpGenAddr) override { act(); }
+    std::function<void()> act;
+  };
+  for (auto const which : {0, 1, 2})
+    for (bool const all : {false, true}) {
+      World w;
+      auto const eth = w.intf("eth0", "10.0.0.1/24");
+      w.neighbor(N, eth);
+      w.start();
+      auto const own = w.sm(N);
+      auto const watcher = Vel::create<OnGroupData>();
+      watcher->notifierIs(own);
+      watcher->act = [&] {
+        if (w.sm(N)) w.machine->joinPruneNeighborSmDel(addr(N));
+        log.clear();
+      };
+      Vel::Ptr<Packet::JoinPruneData> const sets[] = {w.triggered(N), w.override_(N), w.periodic(N)};
+      if (all) {
+        sets[which]->newJoinPruneGroupData(addr(G));
+        sets[which]->joinPruneGroupDataNotifyImmediate();
+      } else {
+        group(sets[which], G);
+      }
+      EXPECT_FALSE(w.sm(N));
+      EXPECT_THAT(log.take(), IsEmpty()) << which << all;
+    }
+}
+
+TEST_F(SourceTest, AWildcardThatGoesAndComesBackIsCountedAgain) {
+  make();  // without a parent, so that each count is validated
+  auto const g = group(p, G);
+  g->joinedSourceIs(addr(S));
+  for (int i = 0; i < 2; ++i) {
+    g->wcSourceDataIs(wildcard("10.5.0.1"));
+    EXPECT_EQ(neighborSm->numPeriodicRoutes(), 2u);
+    EXPECT_TRUE(neighborSm->periodicGroupData(addr(G))->wcSourceSet());
+    g->wcSourceDataDel();
+    EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+    EXPECT_FALSE(neighborSm->periodicGroupData(addr(G))->wcSourceSet());
+  }
+}
+
+TEST_F(SourceTest, AWildcardIsMarkedAsCountedBeforeAnybodyHearsOfTheCount) {
+  makeOwned();
+  auto const g = group(p, G);
+  class Replacer final : public JoinPruneNeighborSm::NotifieeConst {
+   public:
+    void onNumPeriodicRoutes() override { act(); }
+    std::function<void()> act;
+  };
+  auto const replacer = Vel::create<Replacer>();
+  bool once = false;
+  replacer->act = [&] {
+    if (!std::exchange(once, true)) g->wcSourceDataIs(wildcard("10.5.0.9"));
+  };
+  replacer->notifierIs(neighborSm);
+  g->wcSourceDataIs(wildcard("10.5.0.1"));
+  EXPECT_TRUE(once);
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+}
+
+TEST_F(SourceTest, AtTheStartOnlyTheGroupsThatHaveAWildcardAreMarkedAsCounted) {
+  constexpr int groups = 200;
+  auto const name = [](int i) { return "239.1." + std::to_string(i / 100) + "." + std::to_string(i % 100); };
+  for (int i = 0; i < groups; ++i) {
+    group(p, name(i))->joinedSourceIs(addr(S));
+    if (i % 3 == 0) group(p, name(i))->wcSourceDataIs(wildcard("10.5.0.1"));
+  }
+  make();
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 267u);
+  for (int i = 0; i < groups; ++i)
+    EXPECT_EQ(neighborSm->periodicGroupData(addr(name(i)))->wcSourceSet(), i % 3 == 0) << i;
 }
 
 }  // namespace

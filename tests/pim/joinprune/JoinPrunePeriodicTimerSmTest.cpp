@@ -1,3 +1,4 @@
+#include <cmath>
 #include <cstring>
 
 #include "tests/pim/joinprune/World.h"
@@ -132,6 +133,54 @@ TEST_F(JoinPrunePeriodicTimerSmTest, ASpentQuantumIsTracedWithTheStepsBeforeItAn
                        "handlePeriodicTimerExpiry(): Suspending TX after 18 groups, 4 sources, 3 suppressed "
                        "sources, 2 filtered sources")));
   EXPECT_DOUBLE_EQ(timeMin(), time + 0.1);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AStepThatEndsAtTheVeryDeadlineIsTheLast) {
+  addRoutes(100);
+  Seconds const quantum = periodicSm->loopQuantum();
+  for (bool const meets : {false, true}) {
+    SCOPED_TRACE(meets);
+    manager->instead = [&](Report& report) {
+      report = {10, 0, 0};
+      if (manager->messages == 2) {
+        Seconds const deadline = time + quantum;
+        time = meets ? deadline : std::nextafter(deadline, 0);
+      }
+      return true;
+    };
+    manager->messages = 0;
+    fire();
+    EXPECT_EQ(manager->messages, meets ? 2u : 10u);
+  }
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, WhatAManagerReportsIsAddedUpBeyondThirtyTwoBits) {
+  addRoutes(5);
+  constexpr U32 most = ~U32{0};
+  // Added up in 32 bits these would be nothing, and the step one without progress.
+  manager->instead = [&](Report& report) {
+    report = {1, most, 0};
+    return true;
+  };
+  fire();
+  EXPECT_EQ(manager->messages, 1u);
+  EXPECT_THAT(log.takeWith("TX"), ElementsAre(line(7, "handlePeriodicTimerExpiry(): Finished TX")));
+  manager->instead = [&](Report& report) {
+    report = {0, most, 1};
+    return true;
+  };
+  fire();
+  EXPECT_EQ(manager->messages, 2u);
+  EXPECT_THAT(log.takeWith("TX"), ElementsAre(line(7, "handlePeriodicTimerExpiry(): Finished TX")));
+  // Nor does the sum over the steps of one expiry wrap.
+  periodicSm->periodicParamsIs({60, most});
+  manager->instead = [&](Report& report) {
+    report = {most - 1, 0, 0};
+    return true;
+  };
+  manager->messages = 0;
+  periodicSm->handlePeriodicTimerExpiry();
+  EXPECT_EQ(manager->messages, 2u);
 }
 
 TEST_F(JoinPrunePeriodicTimerSmTest, SuppressedSourcesCountAsProgress) {

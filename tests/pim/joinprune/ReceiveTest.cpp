@@ -86,6 +86,19 @@ TEST_F(ReceiveTest, TheHeaderIsWrittenAnewForEachGroup) {
   EXPECT_EQ(std::count(writes.begin(), writes.end(), "join.upstreamNeighbor=10.0.0.13"), 2);
 }
 
+TEST_F(ReceiveTest, TheHeaderOfThePrunesIsWrittenOnceForEachGroupToo) {
+  for (auto const* const g : {"239.1.1.1", "239.1.1.2", "239.1.1.3"}) {
+    add(g)->prunedSourceIs(addr("10.9.0.1"));
+    add(g)->prunedRptSourceIs(addr("10.9.0.2"));
+  }
+  start();
+  pruneLog->hook = [&] { rxPrune->upstreamNeighborIs(addr("10.0.0.99")); };
+  receive();
+  EXPECT_EQ(rxPrune->rxCount(), 6u);
+  EXPECT_EQ(std::count(writes.begin(), writes.end(), "prune.upstreamNeighbor=10.0.0.13"), 3);
+  EXPECT_EQ(std::count(writes.begin(), writes.end(), "prune.upstreamNeighbor=10.0.0.99"), 3);
+}
+
 TEST_F(ReceiveTest, AHoldTimeOf210OnANewRecordNotifiesNobody) {
   data->holdTimeIs(210);
   add("239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));

@@ -163,6 +163,22 @@ TEST_P(SendingTest, ASpentQuantumSuspendsTheSendingWithTheNumbersOfTheLastStep) 
   EXPECT_EQ(timeMin(), Vel::never);
 }
 
+TEST_P(SendingTest, AMessageThatEndsAtTheVeryDeadlineIsTheLast) {
+  for (bool const meets : {false, true}) {
+    SCOPED_TRACE(meets);
+    addGroups(5);
+    manager->perMessage = 1;
+    manager->messages = 0;
+    manager->after = [&](PacketManager&) {
+      if (manager->messages != 2) return;
+      Seconds const deadline = time + neighborSm->loopQuantum();
+      time = meets ? deadline : std::nextafter(deadline, 0);
+    };
+    fire();
+    EXPECT_EQ(manager->messages, meets ? 2u : 5u);
+  }
+}
+
 TEST_P(SendingTest, WithAQuantumOfZeroEachExpirySendsOneMessage) {
   neighborSm->loopQuantumIs(0);
   manager->perMessage = 1;

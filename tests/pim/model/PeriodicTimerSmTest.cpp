@@ -19,9 +19,20 @@ class Refresher final : public PeriodicTimerSm {
  public:
   Refresher(Vel::Ptr<Zanth::TimerWheel> const& wheel, Log& log) : PeriodicTimerSm(wheel), log_(log) {}
 
-  U32 interval() const override { return seconds; }
+  ~Refresher() override {
+    if (atTheEnd) atTheEnd(*this);
+  }
+
+  U32 interval() const override {
+    ++asked;
+    if (atInterval) atInterval();
+    return seconds;
+  }
   U16 holdTime() const override { return 210; }
-  U32 numberOfMessages() const override { return routes; }
+  U32 numberOfMessages() const override {
+    ++asked;
+    return routes;
+  }
   bool initialized() const override { return true; }
   void doResetHoldTime() override {
     log_.push_back("hold time");
@@ -39,12 +50,15 @@ class Refresher final : public PeriodicTimerSm {
       doReschedulePeriodicTimer();
     else
       doUpdatePeriodicTimer();
+    if (afterwards) afterwards();
   }
 
   U32 seconds = 60;
   U32 routes = 0;
   U64 perExpiry = ~U64{0};
-  std::function<void()> atHoldTime, whileSending;
+  std::function<void()> atHoldTime, whileSending, atInterval, afterwards;
+  std::function<void(Refresher&)> atTheEnd;
+  mutable int asked = 0;  // how often for the interval or the number of routes
 
  private:
   Log& log_;
@@ -328,6 +342,88 @@ TEST_F(PeriodicTimerSmTest, AMachineMayGoInsideItsOwnExpiry) {
   expireAt(1060);
   EXPECT_FALSE(sm);
   EXPECT_EQ(log.front(), "hold time");
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
+TEST_F(PeriodicTimerSmTest, ARouteThatComesAtTheVeryDeadlineWaitsForAWholeInterval) {
+  routesAre(1);
+  sm->routes = 0;
+  expireAt(1060);
+  time = 1120;
+  routesAre(5);
+  EXPECT_EQ(armedFor(), 1180);
+}
+
+TEST_F(PeriodicTimerSmTest, AnExpiryThatThrowsAfterItHasArmedTheTimerLeavesItArmed) {
+  Vel::traceSinkIs([](Vel::TraceLine const&) {});
+  routesAre(10);
+  sm->afterwards = [] { throw std::runtime_error("no buffer"); };
+  expireAt(1060);
+  EXPECT_EQ(armedFor(), 1120);
+  // Nor does a failure move another timer that has taken its place.
+  sm->afterwards = [&] {
+    sm->newPeriodicTimer(wheel)->timeMinIs(1500);
+    throw std::runtime_error("no buffer");
+  };
+  expireAt(1120);
+  EXPECT_EQ(armedFor(), 1500);
+  Vel::traceSinkIs(nullptr);
+}
+
+TEST_F(PeriodicTimerSmTest, AMachineThatHasGoneIsAskedForNothing) {
+  routesAre(1);
+  Refresher* const machine = sm.get();
+  int before = 0, after = -1;
+  machine->whileSending = [&, machine] {
+    sm = nullptr;
+    before = machine->asked;
+  };
+  machine->afterwards = [&, machine] { after = machine->asked; };
+  expireAt(1060);
+  EXPECT_EQ(after, before);
+
+  auto another = Vel::create<Refresher>(wheel, log);
+  int asked = 0;
+  another->atTheEnd = [&](Refresher& ended) { asked = ended.asked; };
+  another->atInterval = [&] { another = nullptr; };
+  another->routes = 1;
+  Refresher* const raw = another.get();
+  raw->doUpdatePeriodicTimer();
+  EXPECT_EQ(asked, 1);  // for the interval alone
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
+TEST_F(PeriodicTimerSmTest, ATimerGoesBeforeItsMachinesDerivedPartsAndIsAZombieFromThenOn) {
+  auto const timer = sm->periodicTimer();
+  routesAre(1);
+  bool hadNone = false;
+  sm->atTheEnd = [&](Refresher& ended) { hadNone = ended.periodicTimer() == nullptr && !timer->armed(); };
+  EXPECT_FALSE(timer->isZombie());
+  sm = nullptr;
+  EXPECT_TRUE(hadNone);
+  EXPECT_TRUE(timer->isZombie());
+}
+
+TEST_F(PeriodicTimerSmTest, AMachineThatCouldNotBeMadeLeavesItsTimerWithoutAMachine) {
+  using Timer = Vel::Ptr<PeriodicTimerSm::VelPeriodicTimer>;
+  class Failing final : public PeriodicTimerSm {
+   public:
+    Failing(Vel::Ptr<Zanth::TimerWheel> const& wheel, Timer& timer) : PeriodicTimerSm(wheel) {
+      timer = periodicTimer();
+      timer->timeMinIs(1060);
+      throw std::runtime_error("no memory");
+    }
+    U32 interval() const override { return 60; }
+    U16 holdTime() const override { return 210; }
+    U32 numberOfMessages() const override { return 1; }
+    bool initialized() const override { return true; }
+    void doResetHoldTime() override {}
+    void handlePeriodicTimerExpiry() override {}
+  };
+  Timer timer;
+  EXPECT_THROW(Vel::create<Failing>(wheel, timer), std::runtime_error);
+  ASSERT_TRUE(timer);
+  EXPECT_TRUE(timer->periodicTimerSm() == nullptr);
   EXPECT_EQ(wheel->armedCount(), 0u);
 }
 
