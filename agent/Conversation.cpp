@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -15,9 +16,9 @@ namespace Routing::Pim::Agent {
 namespace {
 
 constexpr std::size_t shortestRule = 4;
-constexpr U32 mostRoutes = 1'000'000;
 constexpr std::size_t mostEntries = 65535 / 8;  // of a message: each takes eight bytes at the least
 constexpr Seconds longestTime = 1e6;
+constexpr std::size_t longestQuoted = 60;
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
@@ -32,21 +33,40 @@ bool isRule(std::string_view line) {
   return line.size() >= shortestRule && line.find_first_not_of('-') == line.npos;
 }
 
-// Without the newlines; a last line needs none.
-std::vector<std::string_view> splitLines(std::string_view text) {
-  std::vector<std::string_view> lines;
-  while (!text.empty()) {
-    auto const end = std::min(text.find('\n'), text.size());
-    lines.push_back(text.substr(0, end));
-    text.remove_prefix(std::min(end + 1, text.size()));
+// The lines of a text one by one, without the newlines; a last line needs none.
+class Lines {
+ public:
+  explicit Lines(std::string_view text) : rest_(text) {}
+
+  /// False at the end.
+  bool next(std::string_view& line) {
+    if (rest_.empty()) return false;
+    auto const end = std::min(rest_.find('\n'), rest_.size());
+    line = rest_.substr(0, end);
+    rest_.remove_prefix(std::min(end + 1, rest_.size()));
+    return true;
   }
-  return lines;
+  std::string_view rest() const { return rest_; }
+
+ private:
+  std::string_view rest_;
+};
+
+// The beginning of a word says which one it is; a message need not be as long as what it is about.
+std::string quoted(std::string_view word) {
+  return word.size() <= longestQuoted ? fmt::format("\"{}\"", word)
+                                      : fmt::format("\"{}...\"", word.substr(0, longestQuoted));
 }
+
+class Words;
+Command commandFrom(Words& words);
 
 // The words of a command, taken one by one. Whoever takes one says what it must be.
 class Words {
  public:
-  Words(std::string_view text, U32 line) : rest_(trimmed(text)), line_(line) {}
+  Words(std::string_view text, U32 line) : Words(text, line, ownRoutes_, false) {}
+  Words(Words const&) = delete;
+  Words& operator=(Words const&) = delete;
 
   explicit operator bool() const { return !rest_.empty(); }
 
@@ -71,8 +91,9 @@ class Words {
   }
 
   [[noreturn]] void fail(std::string_view expected) const {
-    throw ConversationError(line_, rest_.empty() ? fmt::format("expected {} at the end of the line", expected)
-                                                 : fmt::format("expected {}, not \"{}\"", expected, peek()));
+    throw ConversationError(line_, rest_.empty()
+                                       ? fmt::format("expected {} at the end of the line", expected)
+                                       : fmt::format("expected {}, not {}", expected, quoted(peek())));
   }
   [[noreturn]] void refuse(std::string const& why) const { throw ConversationError(line_, why); }
 
@@ -87,8 +108,18 @@ class Words {
   }
   Seconds seconds() { return number<Seconds>(0, longestTime, "seconds"); }
 
-  /// Another command.
-  void check(std::string_view command) const { commandFromText(command, line_); }
+  /// A command inside this one.
+  void check(std::string_view command) const;
+  bool inside() const { return inside_; }
+
+  /// How many routes the ranges of the line have.
+  U32 routes() const { return routes_; }
+  void routesInc(U32 n) {
+    if (n > mostRoutesOfLine - routes_)
+      refuse(fmt::format("expected at most {} routes in the ranges of a line, not {}", mostRoutesOfLine,
+                         routes_ + n));
+    routes_ += n;
+  }
 
   IpGenAddr address(std::string_view what) {
     auto const address = IpGenAddr::fromText(peek());
@@ -107,8 +138,14 @@ class Words {
   }
 
  private:
+  Words(std::string_view text, U32 line, U32& routes, bool inside)
+      : rest_(trimmed(text)), line_(line), inside_(inside), routes_(routes) {}
+
   std::string_view rest_;
   U32 const line_;
+  bool const inside_;  // another command
+  U32 ownRoutes_ = 0;
+  U32& routes_;
 };
 
 // --- Routes
@@ -119,14 +156,16 @@ constexpr std::string_view entryForms =
 RouteEntry takeRoute(Words& words, bool join) {
   auto const word = words.peek();
   if (word.size() < 2 || word.front() != '(' || word.back() != ')') words.fail(entryForms);
-  std::vector<std::string_view> parts;
-  for (std::size_t at = 1; at < word.size();) {
+  std::array<std::string_view, 3> parts;
+  std::size_t count = 0;
+  for (std::size_t at = 1; at < word.size(); ++count) {
+    if (count == parts.size()) words.fail(entryForms);
     auto const end = std::min(word.find(',', at), word.size() - 1);
-    parts.push_back(word.substr(at, end - at));
+    parts[count] = word.substr(at, end - at);
     at = end + 1;
   }
-  bool const rpt = parts.size() == 3 && parts[2] == "rpt";
-  if (parts.size() != 2 && !rpt) words.fail(entryForms);
+  bool const rpt = count == 3 && parts[2] == "rpt";
+  if (count != 2 && !rpt) words.fail(entryForms);
   bool const wildcard = !rpt && parts[0] == "*";
   auto const group = IpGenAddr::fromText(parts[1]);
   auto const source = wildcard ? group : IpGenAddr::fromText(parts[0]);
@@ -149,44 +188,63 @@ RouteEntry takeRoute(Words& words, bool join) {
   return entry;
 }
 
-// The address that follows, as a number.
-IpGenAddr successor(IpGenAddr const& address) {
-  auto const bytes = address.bytes();
-  std::vector<U8> next(bytes.begin(), bytes.end());
-  for (auto byte = next.rbegin(); byte != next.rend(); ++byte)
-    if (++*byte != 0) break;
-  return IpGenAddr::fromBytes(next);
+// The address so many further on, as a number; beyond the last one it begins again at zero.
+IpGenAddr further(IpGenAddr const& address, U32 count) {
+  auto const from = address.bytes();
+  std::array<U8, 16> bytes;
+  U64 sum = count;
+  for (std::size_t i = from.size(); i-- > 0; sum >>= 8) bytes[i] = static_cast<U8>(sum += from[i]);
+  return IpGenAddr::fromBytes({bytes.data(), from.size()});
+}
+
+RouteEntry routeOf(RouteRange const& range, U32 at) {
+  RouteEntry entry = range.first;
+  IpGenAddr& counted = range.sources ? entry.source : entry.group;
+  counted = further(counted, at);
+  return entry;
+}
+
+// Whether there is such a route. Those that there are lie side by side at the beginning of a range, since
+// it is shorter than the blocks of addresses of either kind.
+bool exists(RouteRange const& range, U32 at) {
+  auto const entry = routeOf(range, at);
+  bool const begunAgain = range.sources ? entry.source < range.first.source : entry.group < range.first.group;
+  return !begunAgain && !groupFault(entry.group, entry.group.af()) &&
+         !sourceFault(entry.source, entry.group.af());
 }
 
 // "3000 routes from (10.9.0.1,239.1.0.1)": a group each, counted upwards. "3000 sources from ...": a source
 // each, all in one group.
-void takeRoutes(Words& words, bool join, std::vector<RouteEntry>& entries) {
-  U32 const count = words.number<U32>(1, mostRoutes, "a number of routes");
-  bool const sources = words.taken("sources");
-  if (!sources && !words.taken("routes")) words.fail("\"routes\" or \"sources\"");
+RouteRange takeRange(Words& words, bool join) {
+  RouteRange range;
+  range.count = words.number<U32>(1, mostRoutesOfLine, "a number of routes");
+  words.routesInc(range.count);
+  range.sources = words.taken("sources");
+  if (!range.sources && !words.taken("routes")) words.fail("\"routes\" or \"sources\"");
   words.require("from");
-  RouteEntry entry = takeRoute(words, join);
-  if (sources && entry.kind == SourceKind::wildcard) words.refuse("expected sources, and (*,G) has none");
-  for (U32 i = 0; i < count; ++i) {
-    if (groupFault(entry.group, entry.group.af()) || sourceFault(entry.source, entry.group.af())) {
-      words.refuse(fmt::format("expected fewer: there is no {}", toText(entry)));
+  range.first = takeRoute(words, join);
+  if (range.sources && range.first.kind == SourceKind::wildcard)
+    words.refuse("expected sources, and (*,G) has none");
+  if (!exists(range, range.count - 1)) {
+    U32 there = 0, missing = range.count - 1;
+    while (missing - there > 1) {
+      U32 const middle = there + (missing - there) / 2;
+      (exists(range, middle) ? there : missing) = middle;
     }
-    entries.push_back(entry);
-    (sources ? entry.source : entry.group) = successor(sources ? entry.source : entry.group);
+    words.refuse(fmt::format("expected fewer: there is no {}", toText(routeOf(range, missing))));
   }
+  return range;
 }
 
 // "join ROUTE... prune ROUTE...", one at the least, to the end of the line.
-std::vector<RouteEntry> takeEntries(Words& words) {
-  std::vector<RouteEntry> entries;
+Routes takeEntries(Words& words) {
+  Routes entries;
   do {
     bool const join = words.taken("join");
     if (!join && !words.taken("prune")) words.fail("\"join\" or \"prune\"");
     do {
-      if (words.peek().starts_with('('))
-        entries.push_back(takeRoute(words, join));
-      else
-        takeRoutes(words, join, entries);
+      entries.add(words.peek().starts_with('(') ? RouteRange{takeRoute(words, join)}
+                                                : takeRange(words, join));
     } while (words && words.peek() != "join" && words.peek() != "prune");
   } while (words);
   return entries;
@@ -302,13 +360,13 @@ Command data(Words& words) {
 }
 
 // A message as a router builds it: each group once (RFC 7761, 4.9.5).
-WireMessage messageOf(IpGenAddr const& upstream, U16 holdTime, std::vector<RouteEntry> const& entries) {
+WireMessage messageOf(IpGenAddr const& upstream, U16 holdTime, Routes const& entries) {
   WireMessage message(upstream, holdTime);
   // First, so that no time is spent on what cannot be a message anyway.
   if (entries.size() > mostEntries)
     throw Vel::RangeException(fmt::format("{} entries do not fit an IP datagram", entries.size()));
   std::vector<IpGenAddr> groups;
-  std::map<IpGenAddr, std::vector<RouteEntry const*>> entriesOf;
+  std::map<IpGenAddr, std::vector<RouteEntry>> entriesOf;
   for (auto const& entry : entries) {
     auto& list = entriesOf[entry.group];
     if (list.empty()) {
@@ -316,15 +374,15 @@ WireMessage messageOf(IpGenAddr const& upstream, U16 holdTime, std::vector<Route
         throw Vel::RangeException(fmt::format("more than {} groups", WireMessage::maxGroups));
       groups.push_back(entry.group);
     }
-    list.push_back(&entry);
+    list.push_back(entry);
   }
   for (auto const& group : groups) {
     message.groupAdd(group);
     // Joins first: one that comes after prunes would move them all.
-    for (auto const* const entry : entriesOf[group])
-      if (entry->join) message.joinAdd(entry->kind, entry->source);
-    for (auto const* const entry : entriesOf[group])
-      if (!entry->join) message.pruneAdd(entry->kind, entry->source);
+    for (auto const& entry : entriesOf[group])
+      if (entry.join) message.joinAdd(entry.kind, entry.source);
+    for (auto const& entry : entriesOf[group])
+      if (!entry.join) message.pruneAdd(entry.kind, entry.source);
   }
   encodeJoinPrune(message, upstream, upstream);  // says if it is too long
   return message;
@@ -346,6 +404,7 @@ Command receive(Words& words) {
 }
 
 Command wait(Words& words) {
+  if (words.inside()) words.refuse("expected no wait inside a temper: time passes while nothing is sent");
   bool const until = words.taken("until");
   return WaitCommand{words.seconds(), until};
 }
@@ -381,6 +440,7 @@ Command temper(Words& words) {
   TemperCommand command;
   if (words.taken("off")) return command;
   if (!words.taken("on")) words.fail("\"on\" or \"off\"");
+  if (words.inside()) words.refuse("expected no temper inside a temper");
   command.on = true;
   while (words) {
     if (words.taken("take")) {
@@ -487,7 +547,7 @@ constexpr Form forms[] = {
      "in it, groups arrive filled, or are told of without a change: one by one, or as a whole"},
     {"periodic", data<Channel::periodic>, "TARGET [remove] join ROUTE... prune ROUTE...",
      "the same; ROUTE is (S,G), (*,G) rp ADDRESS, (S,G,rpt), or N routes from ROUTE (groups are counted "
-     "upwards), or N sources from ROUTE (sources are)"},
+     "upwards), or N sources from ROUTE (sources are): at most 1000000 in a line and 2000000 in a file"},
     {"receive", receive, "NAME upstream ADDRESS hold S join ROUTE... prune ROUTE...",
      "a Join/Prune message comes in"},
     {"wait", wait, "S | until S", "time passes; every timer fires at its time"},
@@ -502,15 +562,28 @@ constexpr Form forms[] = {
      "MOMENT] "
      "[cost S] [MOMENT of N do COMMAND ; COMMAND...]",
      "another packet manager takes so many entries per message, calls some of them filtered or suppressed, "
-     "removes "
-     "empty groups, tells lies, throws, takes its time, or performs commands at the first, middle or last "
-     "moment of "
-     "its message number N"},
+     "removes empty groups, tells lies, throws, takes its time, or performs commands (not wait or temper on) "
+     "at the first, middle or last moment of its message number N"},
     {"packets", packets, "full | brief", "how packets are shown from now on"},
     {"trace", trace, "LEVELS | off", "which trace lines of the engine are shown from now on"},
     {"show", show, "[sets]", "the machines, or what is pending entry by entry"},
     {"say", say, "TEXT", "a line in the output"},
 };
+
+Command commandFrom(Words& words) {
+  for (auto const& form : forms) {
+    if (!words.taken(form.word)) continue;
+    auto command = form.parse(words);
+    if (words) words.fail("the end of the line");
+    return command;
+  }
+  words.fail("a command");
+}
+
+void Words::check(std::string_view command) const {
+  Words words(command, line_, routes_, true);
+  commandFrom(words);
+}
 
 }  // namespace
 
@@ -522,15 +595,29 @@ std::string toText(RouteEntry const& entry) {
                      entry.kind == SourceKind::sourceRpt ? ",rpt" : "");
 }
 
+Routes::Iterator::Iterator(RouteRange const* range, RouteRange const* end) : range_(range), end_(end) {
+  if (range_ != end_) entry_ = range_->first;
+}
+
+Routes::Iterator& Routes::Iterator::operator++() {
+  if (++passed_ != range_->count) {
+    IpGenAddr& counted = range_->sources ? entry_.source : entry_.group;
+    counted = further(counted, 1);
+  } else {
+    passed_ = 0;
+    if (++range_ != end_) entry_ = range_->first;
+  }
+  return *this;
+}
+
+void Routes::add(RouteRange const& range) {
+  ranges_.push_back(range);
+  size_ += range.count;
+}
+
 Command commandFromText(std::string_view text, U32 line) {
   Words words(text, line);
-  for (auto const& form : forms) {
-    if (!words.taken(form.word)) continue;
-    auto command = form.parse(words);
-    if (words) words.fail("the end of the line");
-    return command;
-  }
-  words.fail("a command");
+  return commandFrom(words);
 }
 
 std::string commandReference() {
@@ -541,24 +628,30 @@ std::string commandReference() {
   return text;
 }
 
-Conversation::Conversation(std::string_view text) {
-  auto const lines = splitLines(text);
-  if (lines.empty() || !lines[0].starts_with('#') || trimmed(lines[0].substr(1)).empty()) {
+Conversation::Conversation(std::string_view text) : text_(std::make_shared<std::string const>(text)) {
+  Lines lines(*text_);
+  std::string_view line;
+  if (!lines.next(line) || !line.starts_with('#') || trimmed(line.substr(1)).empty()) {
     throw ConversationError(1, "expected a comment (#) that tells the story in one sentence");
   }
-  story_ = trimmed(lines[0].substr(1));
-  for (U32 at = 0; at < lines.size(); ++at) {
-    if (hasRule()) {
-      expected_.emplace_back(lines[at]);
-      continue;
+  story_ = trimmed(line.substr(1));
+  U32 routes = 0;
+  for (U32 at = 2; !hasRule() && lines.next(line); ++at) {
+    line = trimmed(line);
+    if (isRule(line)) {
+      firstExpectedLine_ = at + 1;
+    } else if (!line.empty() && line.front() != '#') {
+      Words words(line, at);
+      commandFrom(words);
+      routes += words.routes();
+      if (routes > mostRoutesOfFile)
+        words.refuse(fmt::format("expected at most {} routes in the ranges of all lines up to here, not {}",
+                                 mostRoutesOfFile, routes));
+      steps_.push_back({at, line});
     }
-    head_.append(lines[at]) += '\n';
-    auto const line = trimmed(lines[at]);
-    if (isRule(line))
-      firstExpectedLine_ = at + 2;
-    else if (!line.empty() && line.front() != '#')
-      steps_.push_back({at + 1, commandFromText(line, at + 1)});
   }
+  expected_ = lines.rest();
+  head_ = std::string_view(*text_).substr(0, text_->size() - expected_.size());
   if (steps_.empty()) throw ConversationError(0, "expected commands");
 }
 
@@ -577,28 +670,41 @@ Conversation Conversation::fromFile(std::string const& path) {
 
 std::string Conversation::difference(std::string_view name, std::string_view output) const {
   constexpr std::size_t context = 3, shown = 6;
-  auto const came = splitLines(output);
-  std::size_t const same = static_cast<std::size_t>(
-      std::mismatch(expected_.begin(), expected_.end(), came.begin(), came.end()).first - expected_.begin());
-  if (same == expected_.size() && same == came.size()) return {};
-  std::string text = fmt::format("{}:{}: something else came out\n", name, firstExpectedLine_ + same);
-  for (std::size_t i = same - std::min(same, context); i < same; ++i)
-    text += fmt::format("  {}\n", expected_[i]);
-  auto const tell = [&](char sign, auto const& lines) {
-    for (std::size_t i = same; i < std::min(same + shown, lines.size()); ++i)
-      text += fmt::format("{} {}\n", sign, lines[i]);
-    if (same >= lines.size())
-      text += fmt::format("{} (the end)\n", sign);
-    else if (lines.size() - same > shown)
-      text += fmt::format("{} ({} more)\n", sign, lines.size() - same - shown);
-  };
-  tell('-', expected_);
-  tell('+', came);
-  return text;
+  Lines expected(expected_), came(output);
+  std::vector<std::string_view> before;  // the last lines that are the same
+  for (std::size_t same = 0;; ++same) {
+    Lines const expectedRest = expected, cameRest = came;
+    std::string_view line, other;
+    bool const more = expected.next(line), moreCame = came.next(other);
+    if (!more && !moreCame) return {};
+    if (more && moreCame && line == other) {
+      if (before.size() == context) before.erase(before.begin());
+      before.push_back(line);
+      continue;
+    }
+    std::string text = fmt::format("{}:{}: something else came out\n", name, firstExpectedLine_ + same);
+    for (auto const& one : before) text += fmt::format("  {}\n", one);
+    auto const tell = [&text](char sign, Lines lines) {
+      std::string_view one;
+      std::size_t told = 0, left = 0;
+      for (; told < shown && lines.next(one); ++told) text += fmt::format("{} {}\n", sign, one);
+      while (lines.next(one)) ++left;
+      if (told == 0)
+        text += fmt::format("{} (the end)\n", sign);
+      else if (left != 0)
+        text += fmt::format("{} ({} more)\n", sign, left);
+    };
+    tell('-', expectedRest);
+    tell('+', cameRest);
+    return text;
+  }
 }
 
 std::string Conversation::withExpected(std::string_view output) const {
-  return (hasRule() ? head_ : head_ + "----\n") + std::string(output);
+  std::string text(head_);
+  if (!text.ends_with('\n')) text += '\n';
+  if (!hasRule()) text += "----\n";
+  return text.append(output);
 }
 
 }  // namespace Routing::Pim::Agent

@@ -18,6 +18,7 @@
 // them; this header has what a file says, checked as a whole before any of it is performed.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -53,6 +54,53 @@ struct RouteEntry {
   IpGenAddr group;
 };
 std::string toText(RouteEntry const& entry);
+
+/// So many routes from one on: each in the group above the one before, or from the source above.
+struct RouteRange {
+  RouteEntry first;
+  U32 count = 1;
+  bool sources = false;  ///< The sources are counted, not the groups.
+};
+
+/// The routes of a command, in order: a walk over `RouteEntry`s, of which only the ranges are kept.
+class Routes {
+ public:
+  class Iterator {
+   public:
+    RouteEntry const& operator*() const { return entry_; }
+    Iterator& operator++();
+    bool operator!=(Iterator const& other) const {
+      return range_ != other.range_ || passed_ != other.passed_;
+    }
+
+   private:
+    friend class Routes;
+    Iterator(RouteRange const* range, RouteRange const* end);
+
+    RouteRange const* range_;
+    RouteRange const* end_;
+    U32 passed_ = 0;  // of the range
+    RouteEntry entry_;
+  };
+
+  /// REQUIRES: at least one route, and addresses that do not run out.
+  void add(RouteRange const& range);
+
+  std::vector<RouteRange> const& ranges() const { return ranges_; }
+  /// How many routes there are, which is more than the ranges.
+  std::size_t size() const { return size_; }
+  bool empty() const { return ranges_.empty(); }
+  Iterator begin() const { return {ranges_.data(), ranges_.data() + ranges_.size()}; }
+  Iterator end() const { return {ranges_.data() + ranges_.size(), ranges_.data() + ranges_.size()}; }
+
+ private:
+  std::vector<RouteRange> ranges_;
+  std::size_t size_ = 0;
+};
+
+/// How many routes the ranges ("N routes from", "N sources from") of one line, and of all lines of a file,
+/// may have together. Single routes are not counted: they take as much room in the file.
+inline constexpr U32 mostRoutesOfLine = 1'000'000, mostRoutesOfFile = 2'000'000;
 
 /// What a set of joins and prunes is sent as.
 enum class Channel : U8 { triggered, override, periodic };
@@ -107,7 +155,7 @@ struct DataCommand {
   Channel channel;
   IpGenAddr target;
   Change change = Change::add;
-  std::vector<RouteEntry> entries;
+  Routes entries;
   IpGenAddr group = {};
   bool all = false;  // Told of as a whole instead of one by one.
 };
@@ -134,7 +182,8 @@ struct KeepCommand {
 struct RecordCommand {
   bool on;
 };
-/// Another packet manager in place of the real one; see Simulation.h. Nothing in it for the real one.
+/// Another packet manager in place of the real one; see Simulation.h. Nothing in it for the real one. Among
+/// its commands is no `wait`, and no other that puts such a manager in place.
 struct TemperCommand {
   enum class Moment : U8 { none, first, middle, last };
   using Report = Packet::JoinPruneMessage::Report;
@@ -178,12 +227,16 @@ Command commandFromText(std::string_view text, U32 line = 0);
 /// The forms of all commands with a few words on each, for help texts.
 std::string commandReference();
 
-/// A file's content.
+/// A file's content, checked as a whole and kept as the text that it is.
 class Conversation {
  public:
+  /// A line with a command. The text is the conversation's, or a copy's.
   struct Step {
     U32 line;
-    Command command;
+    std::string_view text;
+
+    /// Made each time: a command may be much larger than its text.
+    Command command() const { return commandFromText(text, line); }
   };
 
   /// Throws ConversationError.
@@ -205,10 +258,11 @@ class Conversation {
   std::string withExpected(std::string_view output) const;
 
  private:
+  std::shared_ptr<std::string const> text_;  // at one place, for steps_ and for copies
   std::string story_;
   std::vector<Step> steps_;
-  std::string head_;  // Up to and with the rule.
-  std::vector<std::string> expected_;
+  std::string_view head_;  // Up to and with the rule.
+  std::string_view expected_;
   U32 firstExpectedLine_ = 0;
 };
 

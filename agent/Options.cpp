@@ -39,20 +39,13 @@ void RpTable::add(std::string_view text) {
   if (!rp) fail(text, "does not end in an address");
   if (rp->af() != prefix.ipGenAddr().af()) fail(text, "has groups and an RP of different families");
   if (sourceFault(*rp, rp->af())) fail(text, "names an RP that is not unicast");
-  for (auto const& row : rows_) {
-    if (row.groups.length() == prefix.length() && row.groups.contains(prefix.ipGenAddr())) {
-      fail(text, "gives the same groups an RP again");
-    }
-  }
-  rows_.push_back({prefix, *rp});
+  if (rows_.find(prefix)) fail(text, "gives the same groups an RP again");
+  rows_[prefix] = *rp;
 }
 
 IpGenAddr RpTable::rp(IpGenAddr const& group, IpGenAddr const& otherwise) const {
-  Row const* best = nullptr;
-  for (auto const& row : rows_) {
-    if (row.groups.contains(group) && (!best || row.groups.length() > best->groups.length())) best = &row;
-  }
-  return best ? best->rp : otherwise;
+  auto const* const rp = rows_.longest(group);
+  return rp ? *rp : otherwise;
 }
 
 IpGenPrefix groupPrefixFromText(std::string_view text) {
@@ -63,7 +56,7 @@ IpGenPrefix groupPrefixFromText(std::string_view text) {
 }
 
 std::vector<U32> traceLevelsFromText(std::string_view text) {
-  std::vector<U32> levels;
+  U32 named = 0;  // bit n is level n
   for (std::size_t at = 0; at <= text.size();) {
     auto const end = std::min(text.find(',', at), text.size());
     auto const item = text.substr(at, end - at);
@@ -71,9 +64,12 @@ std::vector<U32> traceLevelsFromText(std::string_view text) {
     U32 const first = levelFromText(item.substr(0, dash), text);
     U32 const last = dash == item.size() ? first : levelFromText(item.substr(dash + 1), text);
     if (last < first) fail(text, "has a range that ends before it begins");
-    for (U32 level = first; level <= last; ++level) levels.push_back(level);
+    for (U32 level = first; level <= last; ++level) named |= 1u << level;
     at = end + 1;
   }
+  std::vector<U32> levels;
+  for (U32 level = lowestLevel; level <= highestLevel; ++level)
+    if (named >> level & 1) levels.push_back(level);
   return levels;
 }
 

@@ -7,12 +7,10 @@
 #include <string_view>
 #include <vector>
 
-#include "runtime/dova/IpGenPrefix.h"
+#include "agent/PrefixTable.h"
 
 namespace Routing::Pim::Agent {
 
-using Dova::IpGenAddr;
-using Dova::IpGenPrefix;
 using Vel::U32;
 
 class OptionError : public std::invalid_argument {
@@ -31,17 +29,13 @@ class RpTable {
   IpGenAddr rp(IpGenAddr const& group, IpGenAddr const& otherwise) const;
 
  private:
-  struct Row {
-    IpGenPrefix groups;
-    IpGenAddr rp;
-  };
-  std::vector<Row> rows_;
+  PrefixTable<IpGenAddr> rows_;
 };
 
 /// From "239.0.0.0/8", or a group alone.
 IpGenPrefix groupPrefixFromText(std::string_view text);
 
-/// Trace levels, each from 1 to 30: "1,2,7", "1-8", "1-2,7".
+/// Trace levels, each from 1 to 30, once and in ascending order: "1,2,7", "1-8", "1-2,7".
 std::vector<U32> traceLevelsFromText(std::string_view text);
 
 struct ReplayOptions {

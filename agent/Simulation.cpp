@@ -11,6 +11,7 @@
 #include <tuple>
 
 #include "agent/Conversion.h"
+#include "agent/PrefixTable.h"
 #include "agent/RingMessages.h"
 
 namespace Routing::Pim::Agent {
@@ -54,11 +55,7 @@ template <class... Arguments>
   throw std::range_error(fmt::format(format, std::forward<Arguments>(arguments)...));
 }
 
-std::string pointerText(void const* pointer) {
-  std::ostringstream text;
-  text << pointer;
-  return text.str();
-}
+std::string pointerText(void const* pointer) { return fmt::format("{}", pointer); }
 
 std::string secondsText(Seconds seconds) { return fmt::format("{:.3f}", seconds); }
 
@@ -67,6 +64,22 @@ std::string counted(std::size_t count, std::string_view what) {
 }
 
 bool isHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
+
+// The addresses of objects in a trace's text: "::@0x55d0c0de::" and, at the beginning, "0x55d0c0dehandler()",
+// where the handler's name may go on in what could be digits. `each` gets where one begins and ends.
+template <class Each>
+void forEachPointer(std::string_view text, std::string_view function, Each const& each) {
+  std::size_t at = 0;
+  if (text.starts_with("0x") && !function.empty()) {
+    auto const end = text.find(function, 2);
+    if (end != text.npos) each(0, at = end);
+  }
+  while ((at = text.find("@0x", at)) != text.npos) {
+    auto const begin = ++at;
+    for (at += 2; at < text.size() && isHexDigit(text[at]);) ++at;
+    each(begin, at);
+  }
+}
 
 // "remove join (10.9.0.1,239.1.1.1)" for one that goes, the entry alone for one that comes.
 std::string changeText(Change change, RouteEntry const& entry) {
@@ -171,11 +184,18 @@ class Simulation::Rps final : public RpHashComputeStatus {
 
 class Simulation::Groups final : public JoinPruneFilter {
  public:
-  bool deny(IpGenAddr const& group) const override {
-    return std::any_of(prefixes.begin(), prefixes.end(),
-                       [&group](IpGenPrefix const& prefix) { return prefix.contains(group); });
+  bool deny(IpGenAddr const& group) const override { return named_.longest(group) != nullptr; }
+  void add(IpGenPrefix const& groups) { named_[groups].insert(groups.ipGenAddr()); }
+  /// False if it was not added in these words, host bits included.
+  bool remove(IpGenPrefix const& groups) {
+    auto* const forms = named_.find(groups);
+    if (!forms || forms->erase(groups.ipGenAddr()) == 0) return false;
+    if (forms->empty()) named_.erase(groups);
+    return true;
   }
-  std::vector<IpGenPrefix> prefixes;
+
+ private:
+  PrefixTable<std::set<IpGenAddr>> named_;  // with the addresses by which they were named
 };
 
 // --- What tells of the outputs
@@ -248,18 +268,28 @@ void Simulation::machineChanged(IpGenAddr const& address) {
   auto const owner = machineWatch_->notifier();
   auto const sm = owner ? owner->joinPruneNeighborSm(address) : nullptr;
   auto const known = targets_.find(address);
+  touched_.insert(address);
   if (known != targets_.end() && !sm) {
     // The object's address may be another one's soon.
     ringGone(address);
     names_.erase(pointerText(known->second.machine));
     names_.erase(pointerText(known->second.periodicTimerSm));
+    forget(address, known->second);
     targets_.erase(known);
     line(fmt::format("machine {} gone", toText(address)));
   } else if (sm && (known == targets_.end() || known->second.machine != sm.get())) {
     auto const periodic = sm->joinPrunePeriodicTimerSm();
     auto const intf = sm->intf()->intfId().name();
-    if (known != targets_.end()) ringGone(address);
+    if (known != targets_.end()) {
+      ringGone(address);
+      forget(address, known->second);
+    }
     targets_[address] = {sm.get(), periodic.get(), intf, {Vel::never, Vel::never, Vel::never}};
+    machineAt_[pointerText(sm.get())] = address;
+    machineAt_[pointerText(periodic.get())] = address;
+    // It takes up all that is pending.
+    for (auto const& data : dataOf(address))
+      if (data) lookedAt_ += data->joinPruneGroupDataCount();
     line(fmt::format("machine {} made on {}, for the {}", toText(address), intf,
                      sm->neighbor() ? "neighbor" : "interface"));
   }
@@ -322,12 +352,13 @@ std::string_view Simulation::channelOf(Packet::JoinPruneData const& data) const 
 // What `temper` says, instead of packets. Whatever is called here may change the temper, the data and the machines.
 void Simulation::sendTempered(IO::MessageInfo const& record) {
   using Moment = TemperCommand::Moment;
-  TemperCommand const temper = temper_;
+  auto const kept = temper_;
+  TemperCommand const& temper = *kept;
   auto const message = record.joinPruneMessage();
   auto const data = message->joinPruneData();
   auto const intf = record.intfId();
   bool const performs = ++temperedMessages_ == temper.message;
-  bool const weary = ++temperedAtOnce_ > mostTemperedMessages;
+  bool const weary = ++temperedAtOnce_ > mostTemperedMessages || lookedAt_ > mayLookAt_;
   auto const throws = [this, &temper](Moment now) {
     if (temper.throws != now) return;
     line("the packet manager throws");
@@ -337,6 +368,7 @@ void Simulation::sendTempered(IO::MessageInfo const& record) {
     if (!performs || temper.moment != now) return;
     for (auto const& command : temper.commands) {
       try {
+        refuseIfLookedAtTooMuch();
         std::visit([this](auto const& one) { on(one); }, commandFromText(command));
       } catch (std::range_error const& e) {
         line(fmt::format("cannot {}: {}", command, e.what()));
@@ -356,6 +388,7 @@ void Simulation::sendTempered(IO::MessageInfo const& record) {
     add(g->joinedRptSourceIterator(), SourceKind::sourceRpt, true);
     add(g->prunedRptSourceIterator(), SourceKind::sourceRpt, false);
   }
+  lookedAt_ += data->joinPruneGroupDataCount() + pending.size();
   auto const channel = channelOf(*data);
   auto const holdTime = data->holdTime();
   throws(Moment::first);
@@ -395,10 +428,14 @@ void Simulation::sendTempered(IO::MessageInfo const& record) {
 void Simulation::traced(Vel::TraceLine const& trace) {
   for (auto const& [handler, channel] : expiryHandlers) {
     if (due_.empty() || trace.function != handler) continue;
-    for (auto const& [address, target] : targets_) {
-      auto const machine = channel == Channel::periodic ? target.periodicTimerSm : target.machine;
-      if (trace.text.find(pointerText(machine)) != trace.text.npos) tellFiring(address, channel);
-    }
+    forEachPointer(trace.text, trace.function, [&, channel = channel](std::size_t begin, std::size_t end) {
+      auto const pointer = trace.text.substr(begin, end - begin);
+      auto const known = machineAt_.find(pointer);
+      if (known == machineAt_.end()) return;
+      auto const& target = targets_.at(known->second);
+      auto const* const machine = channel == Channel::periodic ? target.periodicTimerSm : target.machine;
+      if (pointerText(machine) == pointer) tellFiring(known->second, channel);
+    });
   }
   bool const engine = trace.handle == tracedHandles[0];
   if (isTracedHandle(trace.handle) && !(shownLevels_ >> trace.level & 1)) return;
@@ -406,53 +443,72 @@ void Simulation::traced(Vel::TraceLine const& trace) {
                    named(trace.text, trace.function)));
 }
 
-// Puts names for the addresses of objects: "::@0x55d0c0de::" and, at the beginning, "0x55d0c0dehandler()",
-// where the handler's name may go on in what could be digits.
+// Puts names for the addresses of objects.
 std::string Simulation::named(std::string_view text, std::string_view function) {
   std::string result;
-  auto const bare = text.starts_with("0x") && !function.empty() ? text.find(function, 2) : text.npos;
-  if (bare != text.npos) {
-    result = "@" + nameOf(std::string(text.substr(0, bare)));
-    text.remove_prefix(bare);
-  }
-  for (;;) {
-    auto const at = text.find("@0x");
-    if (at == text.npos) return result.append(text);
-    auto const begin = text.begin() + static_cast<std::ptrdiff_t>(at);
-    auto const end = std::find_if_not(begin + 3, text.end(), isHexDigit);
-    result.append(text.begin(), begin + 1).append(nameOf(std::string(begin + 1, end)));
-    text.remove_prefix(static_cast<std::size_t>(end - text.begin()));
-  }
+  std::size_t done = 0;
+  forEachPointer(text, function, [&](std::size_t begin, std::size_t end) {
+    result.append(text.substr(done, begin - done));
+    if (begin == 0) result += '@';
+    result.append(nameOf(std::string(text.substr(begin, end - begin))));
+    done = end;
+  });
+  return result.append(text.substr(done));
 }
 
 std::string const& Simulation::nameOf(std::string const& pointer) {
   auto& name = names_[pointer];
-  if (name.empty()) name = std::to_string(++lastName_);
+  if (name.empty()) {
+    name = std::to_string(++lastName_);
+    passing_.push_back(pointer);
+  }
   return name;
 }
 
 // What is no machine any more has lost its name: another object may come to lie there.
 void Simulation::forgetNames() {
-  std::set<std::string> alive;
-  for (auto const& [address, target] : targets_) {
-    alive.insert(pointerText(target.machine));
-    alive.insert(pointerText(target.periodicTimerSm));
+  for (auto const& pointer : passing_)
+    if (!machineAt_.contains(pointer)) names_.erase(pointer);
+  passing_.clear();
+}
+
+// What is kept of a target beside targets_.
+void Simulation::forget(IpGenAddr const& address, Target const& target) {
+  for (auto const* const object : {target.machine, target.periodicTimerSm}) {
+    auto pointer = pointerText(object);
+    auto const known = machineAt_.find(pointer);
+    if (known != machineAt_.end() && known->second == address) machineAt_.erase(known);
+    passing_.push_back(std::move(pointer));
   }
-  std::erase_if(names_, [&alive](auto const& name) { return !alive.contains(name.first); });
+  for (std::size_t i = 0; i < target.timers.size(); ++i)
+    armed_.erase({target.timers[i], address, static_cast<Channel>(i)});
+}
+
+// What it was.
+Seconds Simulation::timerIs(IpGenAddr const& address, Target& target, Channel channel, Seconds time) {
+  Seconds const was = std::exchange(target.timers[static_cast<std::size_t>(channel)], time);
+  if (was != time) {
+    armed_.erase({was, address, channel});
+    if (time != Vel::never) armed_.emplace(time, address, channel);
+  }
+  return was;
 }
 
 void Simulation::tellTimers() {
-  for (auto const& [address, sm] : machines()) {
+  for (auto const& address : std::exchange(touched_, {})) {
+    ++machinesLookedAt_;
     auto const known = targets_.find(address);
-    if (known == targets_.end()) continue;
+    auto const sm = machine_ ? machine_->joinPruneNeighborSm(address) : nullptr;
+    if (known == targets_.end() || !sm) continue;
     auto const timers = timersOf(*sm);
     for (std::size_t i = 0; i < timers.size(); ++i) {
-      Seconds const was = std::exchange(known->second.timers[i], timers[i]);
+      auto const channel = static_cast<Channel>(i);
+      Seconds const was = timerIs(address, known->second, channel, timers[i]);
       if (was == timers[i]) continue;
       ringTimer(timers[i] == Vel::never ? TimerEvent::disarmed
                 : was == Vel::never     ? TimerEvent::armed
                                         : TimerEvent::moved,
-                address, static_cast<Channel>(i), timers[i]);
+                address, channel, timers[i]);
       auto const change = timers[i] == Vel::never ? "disarmed"
                           : was == Vel::never
                               ? "armed for " + secondsText(timers[i])
@@ -462,13 +518,26 @@ void Simulation::tellTimers() {
   }
 }
 
+bool Simulation::everyTimerIsTold() const {
+  auto const all = machines();
+  return std::all_of(all.begin(), all.end(), [this](auto const& machine) {
+    auto const known = targets_.find(machine.first);
+    return known == targets_.end() || known->second.timers == timersOf(*machine.second);
+  });
+}
+
+void Simulation::refuseIfLookedAtTooMuch() const {
+  if (lookedAt_ > mayLookAt_)
+    refuse("too much has been looked at as a whole: more than {} interfaces, data sets, groups and routes",
+           mayLookAt_);
+}
+
 void Simulation::expire() {
-  for (auto& [address, target] : targets_) {
-    for (std::size_t i = 0; i < target.timers.size(); ++i) {
-      if (target.timers[i] > now_) continue;
-      due_.emplace(std::pair(address, static_cast<Channel>(i)), target.timers[i]);
-      target.timers[i] = Vel::never;
-    }
+  while (!armed_.empty() && std::get<Seconds>(*armed_.begin()) <= now_) {
+    auto const [time, address, channel] = *armed_.begin();
+    due_.emplace(std::pair(address, channel), time);
+    timerIs(address, targets_.at(address), channel, Vel::never);
+    touched_.insert(address);
   }
   // Which of several comes first, and how long those before it take, the engine's own traces tell.
   if (due_.size() == 1)
@@ -493,7 +562,7 @@ void Simulation::tellFiring(IpGenAddr const& address, Channel channel) {
 
 // --- Life
 
-Simulation::Simulation(std::ostream& out, PacketSink* alsoTo)
+Simulation::Simulation(std::ostream& out, PacketSink* alsoTo, std::size_t mayLookAt)
     : out_(out),
       alsoTo_(alsoTo),
       wheel_(Vel::create<Zanth::TimerWheel>([this] { return now_; })),
@@ -509,7 +578,8 @@ Simulation::Simulation(std::ostream& out, PacketSink* alsoTo)
       temperer_(Vel::create<Temper>(*this)),
       machineWatch_(Vel::create<MachineWatch>(*this)),
       joinWatch_(Vel::create<RecordWatch>(*this, true)),
-      pruneWatch_(Vel::create<RecordWatch>(*this, false)) {
+      pruneWatch_(Vel::create<RecordWatch>(*this, false)),
+      mayLookAt_(mayLookAt) {
   srand48(0);
   RingMessages::clock(now_);
   Vel::traceSinkIs([this](Vel::TraceLine const& trace) { traced(trace); });
@@ -559,6 +629,7 @@ Vel::Ptr<Intf> Simulation::knownIntf(std::string const& name) const {
 
 void Simulation::perform(Command const& command) {
   temperedAtOnce_ = 0;
+  refuseIfLookedAtTooMuch();
   std::visit([this](auto const& one) { on(one); }, command);
   tellTimers();
   forgetNames();
@@ -585,6 +656,7 @@ void Simulation::on(IntfCommand const& command) {
   if (command.address) intf->usedAddressWithMaskIs(*command.address);
   if (command.notify) intf->usedAddressWithMaskNotify();
   if (command.again) {
+    lookedAt_ += intfs_.size();
     pimStatus_->pimIntfNotify(id);
     pimStatus_->pimIntfNotifyImmediate();
   }
@@ -597,6 +669,7 @@ void Simulation::on(IntfCommand const& command) {
 void Simulation::on(NeighborCommand const& command) {
   auto const address = toText(command.address);
   auto const known = neighbors_.find(command.address);
+  touched_.insert(command.address);
   if (command.again) {
     pimStatus_->pimNeighborNotify(command.address);
     return;
@@ -623,10 +696,10 @@ void Simulation::on(RpCommand const& command) {
 
 void Simulation::on(PolicyCommand const& command) {
   Groups* const policies[] = {denied_.get(), filtered_.get(), suppressed_.get()};
-  auto& prefixes = policies[static_cast<std::size_t>(command.policy)]->prefixes;
+  auto& policy = *policies[static_cast<std::size_t>(command.policy)];
   if (!command.off)
-    prefixes.push_back(command.groups);
-  else if (std::erase(prefixes, command.groups) == 0)
+    policy.add(command.groups);
+  else if (!policy.remove(command.groups))
     refuse("these groups were not named before");
 }
 
@@ -648,7 +721,10 @@ void Simulation::fill(Packet::JoinPruneData& data, DataCommand const& command) {
 }
 
 void Simulation::again(Packet::JoinPruneData& data, DataCommand const& command) {
-  if (command.entries.empty()) data.joinPruneGroupDataNotifyImmediate();
+  if (command.entries.empty()) {
+    lookedAt_ += data.joinPruneGroupDataCount();
+    data.joinPruneGroupDataNotifyImmediate();
+  }
   for (auto const& entry : command.entries) {
     auto const group = data.joinPruneGroupData(entry.group);
     if (!group) refuse("there is no group {}", toText(entry.group));
@@ -673,17 +749,19 @@ void Simulation::again(Packet::JoinPruneData& data, DataCommand const& command) 
 // All or nothing: what cannot be removed is found before anything is.
 void Simulation::refuseUnlessAllAreThere(Packet::JoinPruneData const& data, DataCommand const& command) {
   std::set<std::tuple<bool, SourceKind, IpGenAddr, IpGenAddr>> removed;
+  bool const mayRepeat = command.entries.ranges().size() > 1;
   for (auto const& entry : command.entries) {
     auto const group = data.joinPruneGroupData(entry.group);
     if (!group || !has(*group, entry))
       refuse("{} has no {} {}", toText(command.target), text(command.channel), toText(entry));
-    if (!removed.emplace(entry.join, entry.kind, entry.source, entry.group).second)
+    if (mayRepeat && !removed.emplace(entry.join, entry.kind, entry.source, entry.group).second)
       refuse("{} has no second {} {}", toText(command.target), text(command.channel), toText(entry));
   }
 }
 
 void Simulation::on(DataCommand const& command) {
   auto const target = toText(command.target);
+  touched_.insert(command.target);
   auto const data = dataOf(command.target)[static_cast<std::size_t>(command.channel)];
   if (command.change == Change::make) {
     switch (command.channel) {
@@ -701,9 +779,14 @@ void Simulation::on(DataCommand const& command) {
   if (!data) refuse("{} is no upstream target", target);
   if (Scrivo::TraceFile::current() != nullptr && !command.entries.empty()) {
     RingMessages::ofChannel(command.channel, [&]<Channel one>() {
-      RingMessages::changed<one>(command.target, changeText(command.change, command.entries.front()),
+      RingMessages::changed<one>(command.target, changeText(command.change, *command.entries.begin()),
                                  command.entries.size());
     });
+  }
+  if (command.channel == Channel::periodic && machine_ && machine_->diagUpJoinCount()) {
+    // The check of each route looks at all groups.
+    lookedAt_ += command.entries.size() * (data->joinPruneGroupDataCount() + command.entries.size());
+    refuseIfLookedAtTooMuch();
   }
   // Where there is a machine, emptied groups are its own to remove.
   auto const retireGroup = [&](Packet::JoinPruneGroupData const& group) {
@@ -773,6 +856,7 @@ void Simulation::on(WaitCommand const& command) {
     Seconds const before = now_;
     nowIs(std::max(now_, wheel_->timeMin()));
     expire();
+    refuseIfLookedAtTooMuch();
     atOnce = now_ > before ? 0 : atOnce + 1;
     if (atOnce > mostExpiriesAtOnce) refuse("timers fire for ever at {}", secondsText(now_));
   }
@@ -793,7 +877,7 @@ void Simulation::on(KeepCommand const& command) {
 
 // Whoever is to serve the transmit record, the manager or the temper.
 void Simulation::serveRecord() {
-  if (temper_.on) {
+  if (temper_->on) {
     manager_->stop();
     temperer_->notifierIs(manager_->txMessageInfo());
   } else {
@@ -812,7 +896,7 @@ void Simulation::on(RecordCommand const& command) {
 }
 
 void Simulation::on(TemperCommand const& command) {
-  temper_ = command;
+  temper_ = std::make_shared<TemperCommand>(command);
   temperedMessages_ = 0;
   serveRecord();
 }
@@ -833,6 +917,7 @@ void Simulation::on(SetCommand const& command) {
       refuse("the interval must not be 0");
   } else if (auto const address = IpGenAddr::fromText(command.subject); address && machine_) {
     subject = machine_->joinPruneNeighborSm(*address);
+    touched_.insert(*address);
   }
   if (!subject) refuse("there is no machine or interface {}", command.subject);
   subject->attributeIs(command.attribute, command.value);
@@ -840,6 +925,8 @@ void Simulation::on(SetCommand const& command) {
 
 void Simulation::on(StartCommand const&) {
   if (machine_) refuse("the machine is there already");
+  lookedAt_ += intfs_.size() + neighbors_.size() + status_->triggeredGroupCount() +
+               status_->overrideGroupCount() + status_->periodicGroupStatus()->upJoinPruneCount();
   machine_ = joinPruneMessageSmFactory(status_, denied_, pimStatus_, rps_, rxJoin_, rxPrune_, channel_,
                                        manager_, wheel_);
   machineWatch_->notifierIs(machine_);
@@ -849,7 +936,10 @@ void Simulation::on(StartCommand const&) {
 void Simulation::on(DropCommand const&) {
   if (!machine_) refuse("there is no machine");
   machine_ = nullptr;
-  for (auto const& [address, target] : targets_) ringGone(address);
+  for (auto const& [address, target] : targets_) {
+    ringGone(address);
+    forget(address, target);
+  }
   targets_.clear();
 }
 
@@ -896,7 +986,11 @@ void Simulation::showEntries(IpGenAddr const& address) {
   auto const data = dataOf(address);
   for (std::size_t i = 0; i < data.size(); ++i) {
     if (!data[i]) continue;
-    for (auto const& entry : entriesOf(*data[i]))
+    auto const entries = entriesOf(*data[i]);
+    // What has lines pays for itself.
+    lookedAt_ += 1 + data[i]->joinPruneGroupDataCount() -
+                 std::min<std::size_t>(data[i]->joinPruneGroupDataCount(), entries.size());
+    for (auto const& entry : entries)
       line(fmt::format("show {} {} {}", toText(address), channelNames[i], toText(entry)));
   }
 }
@@ -917,7 +1011,7 @@ void Simulation::on(SayCommand const& command) {
 void simulate(Conversation const& conversation, Simulation& simulation) {
   for (auto const& step : conversation.steps()) {
     try {
-      simulation.perform(step.command);
+      simulation.perform(step.command());
     } catch (std::range_error const& e) {
       throw ConversationError(step.line, e.what());
     }

@@ -19,7 +19,9 @@
 #include <iosfwd>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "agent/Conversation.h"
@@ -31,12 +33,19 @@ namespace Routing::Pim::Agent {
 
 enum class TimerEvent : U8;
 
+/// A command costs what it changes and what comes out, however many machines there are. What is looked at as
+/// a whole without a line for it (data sets at a start, groups that are told of again) is bounded for all
+/// commands together.
+///
 /// REQUIRES: one simulation at a time in a process, since traces and the random generator are the process's.
 class Simulation {
  public:
+  /// How many interfaces, data sets, groups and routes may be looked at as a whole.
+  static constexpr std::size_t mostLookedAt = 20'000'000;
+
   /// Lines go to `out`; each packet also goes to `alsoTo`, if there is one, after its line. Both must outlive
   /// the simulation.
-  explicit Simulation(std::ostream& out, PacketSink* alsoTo = nullptr);
+  explicit Simulation(std::ostream& out, PacketSink* alsoTo = nullptr, std::size_t mayLookAt = mostLookedAt);
   ~Simulation();
   Simulation(Simulation const&) = delete;
   Simulation& operator=(Simulation const&) = delete;
@@ -47,6 +56,12 @@ class Simulation {
   /// The virtual time, in seconds.
   Seconds now() const { return now_; }
 
+  /// Whether the output has told of each timer as it is, which holds between commands. For tests: it looks
+  /// at all machines.
+  bool everyTimerIsTold() const;
+  /// At how many machines the commands so far have looked, to tell of their timers. For tests.
+  std::size_t machinesLookedAt() const { return machinesLookedAt_; }
+
  private:
   class MachineWatch;
   class RecordWatch;
@@ -54,7 +69,8 @@ class Simulation {
   class Groups;
   class Temper;
 
-  // What is known of a neighbor machine; lines on its timers come from comparing it with what is.
+  // What is known of a neighbor machine; lines on its timers come from comparing it with what is. Its
+  // timers are in armed_ too.
   struct Target {
     void const* machine;
     void const* periodicTimerSm;
@@ -102,6 +118,9 @@ class Simulation {
   void expire();
   void tellFiring(IpGenAddr const& address, Channel channel);
   void tellTimers();
+  Seconds timerIs(IpGenAddr const& address, Target& target, Channel channel, Seconds time);
+  void forget(IpGenAddr const& address, Target const& target);
+  void refuseIfLookedAtTooMuch() const;
   void showTarget(IpGenAddr const& address);
   void showEntries(IpGenAddr const& address);
   void forgetNames();
@@ -135,7 +154,7 @@ class Simulation {
   std::vector<Vel::Ptr<JoinPruneNeighborSm>> kept_;
 
   // A packet manager in place of the real one.
-  TemperCommand temper_;
+  std::shared_ptr<TemperCommand const> temper_ = std::make_shared<TemperCommand>();
   U32 temperedMessages_ = 0;  // since the temper came
   U32 temperedAtOnce_ = 0;    // in one command
   Vel::Ptr<Temper> const temperer_;
@@ -148,8 +167,15 @@ class Simulation {
   std::map<std::pair<IpGenAddr, Channel>, Seconds>
       due_;  // while timers fire: those of which no line told yet
   std::map<IpGenAddr, Target> targets_;
-  std::map<std::string, std::string> names_;  // of objects, by the text of their address
+  std::set<IpGenAddr> touched_;  // targets whose timers may not be as was last told
+  std::set<std::tuple<Seconds, IpGenAddr, Channel>> armed_;  // of targets_, by time
+  std::map<std::string, IpGenAddr, std::less<>> machineAt_;  // of targets_, by the text of their address
+  std::map<std::string, std::string> names_;                 // of objects, by the text of their address
+  std::vector<std::string> passing_;                         // those in names_ that may be of no machine
   U32 lastName_ = 0;
+  std::size_t machinesLookedAt_ = 0;
+  std::size_t const mayLookAt_;
+  std::size_t lookedAt_ = 0;  // as a whole, and without a line of its own
 };
 
 /// Performs a conversation. What cannot be done throws ConversationError with its line.

@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(U8 const* data, std::size_t size) {
     for (std::size_t i = 0; i < conversation.steps().size(); ++i) {
       auto const& was = conversation.steps()[i];
       FUZZ_REQUIRE(rewritten.steps()[i].line == was.line);
-      FUZZ_REQUIRE(rewritten.steps()[i].command.index() == was.command.index());
+      FUZZ_REQUIRE(rewritten.steps()[i].command().index() == was.command().index());
     }
   } catch (ConversationError const& error) {
     FUZZ_REQUIRE(error.line() <= static_cast<U32>(std::count(text.begin(), text.end(), '\n')) + 1);

@@ -33,10 +33,14 @@ RouteEntry entryFrom(Input& input) {
   return {(how & 1) != 0, static_cast<SourceKind>((how >> 1) % 3), source, group};
 }
 
-std::vector<RouteEntry> entriesFrom(Input& input) {
-  std::vector<RouteEntry> entries;
-  do entries.push_back(entryFrom(input));
-  while (input.u8() & 1);
+Routes entriesFrom(Input& input) {
+  Routes entries;
+  U8 how = 0;
+  do {
+    auto const entry = entryFrom(input);
+    how = input.u8();
+    entries.add({entry, 1 + (how >> 1 & 3u), (how & 8) != 0 && entry.kind != SourceKind::wildcard});
+  } while (how & 1);
   return entries;
 }
 
@@ -78,6 +82,30 @@ SetCommand settingFrom(Input& input) {
   constexpr std::string_view values[] = {"0", "1", "0.1", "0.5", "nan", "-1", "true", ""};
   std::string const subject(input.flag() ? oneOf(input, unicasts) : input.flag() ? "machine" : "eth0");
   return {subject, std::string(oneOf(input, attributes)), std::string(oneOf(input, values))};
+}
+
+TemperCommand temperFrom(Input& input) {
+  using Moment = TemperCommand::Moment;
+  constexpr std::string_view commands[] = {"neighbor 10.0.0.2 down",
+                                           "drop",
+                                           "start",
+                                           "record off",
+                                           "temper off",
+                                           "busy 0.2",
+                                           "intf eth0 down",
+                                           "triggered 10.0.0.3 join (10.9.0.1,239.1.1.1)",
+                                           "periodic 10.0.0.2 join 9 routes from (10.9.0.1,239.1.1.1)"};
+  TemperCommand command;
+  U8 const how = input.u8();
+  command.on = how & 3;
+  if (how & 4) command.take = input.below(4);
+  command.tidy = how & 8;
+  if (how & 16) command.report.emplace().sources = 1;
+  command.throws = static_cast<Moment>(how >> 5 & 3);
+  command.moment = static_cast<Moment>(input.below(4));
+  command.message = 1 + input.below(3);
+  while (input.flag()) command.commands.emplace_back(oneOf(input, commands));
+  return command;
 }
 
 Command commandFrom(Input& input) {
@@ -125,11 +153,15 @@ Command commandFrom(Input& input) {
       if (input.flag()) return DropCommand{};
       return ShowCommand{input.flag()};
     default:
-      switch (input.below(3)) {
+      switch (input.below(5)) {
         case 0:
           return TraceCommand{{2, 7}};
         case 1:
           return SeedCommand{input.u8()};
+        case 2:
+          return temperFrom(input);
+        case 3:
+          return RecordCommand{input.flag()};
         default:
           return PacketsCommand{input.flag()};
       }
@@ -152,7 +184,9 @@ std::string lines(U8 const* bytes, std::size_t size) {
       simulation.perform(commandFrom(input));
     } catch (std::range_error const& error) {
       out << error.what() << '\n';
+      continue;
     }
+    FUZZ_REQUIRE(simulation.everyTimerIsTold());
   }
   return out.str();
 }

@@ -1,6 +1,7 @@
 #include "pim/joinprune/JoinPruneMessageSm.h"
 
 #include <cmath>
+#include <exception>
 
 #include "pim/joinprune/JoinPruneTrace.h"
 #include "pim/joinprune/NestedReactor.h"
@@ -697,6 +698,18 @@ void JoinPruneMessageSm::handleRxMessage() {
     return record.headerDone = true;
   };
 
+  // What a filter or RP hash that throws was asked about is not recorded; the rest of the message is.
+  std::exception_ptr firstError;
+  auto const answered = [&firstError](auto const& ask) {
+    try {
+      ask();
+      return true;
+    } catch (...) {
+      if (!firstError) firstError = std::current_exception();
+      return false;
+    }
+  };
+
   for (auto i = data->joinPruneGroupDataIterator(); i && !retired(); ++i) {
     Packet::JoinPruneGroupData const& groupData = *i;
     Dova::IpGenAddr const group = groupData.group();
@@ -708,9 +721,11 @@ void JoinPruneMessageSm::handleRxMessage() {
     writeSources(
         prune, groupData.prunedSourceCount(), [&] { return groupData.prunedSourceIterator(); }, group,
         Packet::sgFlags, "");
-    if (retired()) return;
+    if (retired()) break;
     // Kept: asked only now, so the (S,G) entries of a denied group are recorded.
-    if (joinPruneFilter_ && joinPruneFilter_->deny(group)) continue;
+    bool denied = false;
+    if (joinPruneFilter_ && !answered([&] { denied = joinPruneFilter_->deny(group); })) denied = true;
+    if (denied) continue;
     if (Vel::Ptr<Packet::WcSourceData> const wildcard = retired() ? nullptr : groupData.wcSourceData()) {
       Dova::IpGenAddr const wcAddress = wildcard->address();
       Dova::IpGenAddr const anySource = Dova::IpGenAddr::zero(wcAddress.af());
@@ -719,13 +734,14 @@ void JoinPruneMessageSm::handleRxMessage() {
         writeEntry(prune, anySource, group, Packet::wildcardFlags, ", WC", &wcAddress);
       } else {
         Dova::IpGenAddr rp;
+        bool known = true;
         if (rpHashComputeStatus_) {
-          rp = rpHashComputeStatus_->rpHashCompute(group, wcAddress);
-          VEL_ASSERT(JOIN_PRUNE_SOURCE, rp.af() != Dova::ipunknown());
+          known = answered([&] { rp = rpHashComputeStatus_->rpHashCompute(group, wcAddress); });
+          if (known) VEL_ASSERT(JOIN_PRUNE_SOURCE, rp.af() != Dova::ipunknown());
         }
-        if (rp == wcAddress && rpHashComputeStatus_)
+        if (known && rpHashComputeStatus_ && rp == wcAddress)
           writeEntry(join, anySource, group, Packet::wildcardFlags, ", WC", &wcAddress);
-        else
+        else if (known)
           JOIN_PRUNE_TRACE(
               2, this,
               "(), RP (" << rp << ") does not match received RP (" << wcAddress << ") for group " << group);
@@ -738,6 +754,7 @@ void JoinPruneMessageSm::handleRxMessage() {
         prune, groupData.prunedRptSourceCount(), [&] { return groupData.prunedRptSourceIterator(); }, group,
         Packet::sgRptFlags, ", RPT");
   }
+  if (firstError) std::rethrow_exception(firstError);
 }
 
 // --- Text ----------------------------------------------------------------------------------------

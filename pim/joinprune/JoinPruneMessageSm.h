@@ -307,7 +307,9 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   /// own address, or there is periodic data that is still to be sent. Called again by the neighbor machine
   /// when its periodic data has run empty.
   void doMaybeDeleteNeighbor(Dova::IpGenAddr const& address);
-  /// Takes the channel's message apart, entry by entry, into `rxJoin` and `rxPrune`.
+  /// Takes the channel's message apart, entry by entry, into `rxJoin` and `rxPrune`. If the filter throws,
+  /// the group counts as denied; if the RP hash does, the (*,G) join is left out. The first error is thrown
+  /// on once the rest of the message is recorded.
   void handleRxMessage();
   /// An interface reactor was retired or revived.
   void vel_handlePimIntf(VelPimIntf* reactor);

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include "tests/agent/Support.h"
 
 namespace Routing::Pim::Agent {
@@ -39,7 +41,7 @@ std::string fileComplaint(std::string_view text) {
   return "none";
 }
 
-std::vector<std::string> texts(std::vector<RouteEntry> const& entries) {
+std::vector<std::string> texts(Routes const& entries) {
   std::vector<std::string> result;
   for (auto const& entry : entries) result.push_back(toText(entry));
   return result;
@@ -88,6 +90,108 @@ TEST(ConversationTest, RoutesThatRunOutOfAddressesAreRefused) {
             "expected \"routes\" or \"sources\", not \"groups\"");
 }
 
+std::string times(U32 count, std::string_view text) {
+  std::string all;
+  for (U32 i = 0; i < count; ++i) all += text;
+  return all;
+}
+
+TEST(ConversationTest, ARangeTakesTheRoomOfOneRoute) {
+  auto const entries =
+      parsed<DataCommand>("periodic 10.0.0.2 join 1000000 routes from (10.9.0.1,239.1.0.1)").entries;
+  EXPECT_THAT(entries.ranges(), SizeIs(1));
+  EXPECT_EQ(entries.size(), 1'000'000u);
+  EXPECT_FALSE(entries.empty());
+  std::size_t count = 0;
+  IpGenAddr last;
+  for (auto const& entry : entries) {
+    ++count;
+    last = entry.group;
+  }
+  EXPECT_EQ(count, 1'000'000u);
+  EXPECT_EQ(last, IpGenAddr("239.16.66.64"));
+}
+
+TEST(ConversationTest, TheRangesOfALineHaveALimitTogether) {
+  std::string const half = " 500000 sources from (10.0.0.1,239.1.1.1)";
+  EXPECT_EQ(parsed<DataCommand>("periodic 10.0.0.2 join" + half + half).entries.size(), 1'000'000u);
+  EXPECT_EQ(complaint("periodic 10.0.0.2 join" + half + half + " 3 routes from (10.9.0.1,239.1.0.1)"),
+            "expected at most 1000000 routes in the ranges of a line, not 1000003");
+  EXPECT_EQ(complaint("periodic 10.0.0.2 join 1000001 routes from (10.9.0.1,239.1.0.1)"),
+            "expected a number of routes from 1 to 1000000, not \"1000001\"");
+  // The commands of a temper are in one line.
+  EXPECT_EQ(complaint("temper on first of 1 do periodic 10.0.0.2 join" + half + half +
+                      " ; periodic 10.0.0.2 prune" + half),
+            "expected at most 1000000 routes in the ranges of a line, not 1500000");
+  // Single routes take their room in the file.
+  EXPECT_EQ(parsed<DataCommand>("periodic 10.0.0.2 join (10.9.0.1,239.1.1.1)" + half + half).entries.size(),
+            1'000'001u);
+}
+
+TEST(ConversationTest, TheRangesOfAFileHaveALimitTogether) {
+  std::string const million = "periodic 10.0.0.2 join 1000000 routes from (10.9.0.1,239.1.0.1)\n";
+  EXPECT_EQ(fileComplaint("# S.\n" + million + "wait 1\n" + million), "none");
+  EXPECT_EQ(fileComplaint("# S.\n" + million + "wait 1\n" + million +
+                          "receive eth0 upstream 10.0.0.1 hold 1 join 2 routes from (10.9.0.1,239.1.1.1)\n"),
+            "5: expected at most 2000000 routes in the ranges of all lines up to here, not 2000002");
+}
+
+TEST(ConversationTest, ALineOfManyRangesIsReadInNoTimeOrRefused) {
+  std::clock_t const begin = std::clock();
+  EXPECT_EQ(complaint("receive eth0 upstream 10.0.0.1 hold 1 join" +
+                      times(29, " 1000000 routes from (10.9.0.1,239.1.0.1)")),
+            "expected at most 1000000 routes in the ranges of a line, not 2000000");
+  EXPECT_EQ(
+      parsed<DataCommand>("periodic 10.0.0.2 join" + times(100, " 10000 routes from (10.9.0.1,239.1.0.1)"))
+          .entries.ranges()
+          .size(),
+      100u);
+  EXPECT_LT(static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC, 1.0);
+}
+
+TEST(ConversationTest, ARangeThatRunsOutOfAddressesNamesTheFirstThatIsMissing) {
+  auto const missing = [](std::string const& range) { return complaint("periodic 10.0.0.2 join " + range); };
+  EXPECT_EQ(missing("1000000 routes from (10.9.0.1,239.255.255.0)"),
+            "expected fewer: there is no join (10.9.0.1,240.0.0.0)");
+  EXPECT_EQ(missing("257 routes from (10.9.0.1,239.255.255.0)"),
+            "expected fewer: there is no join (10.9.0.1,240.0.0.0)");
+  EXPECT_EQ(missing("256 routes from (10.9.0.1,239.255.255.0)"), "none");
+  EXPECT_EQ(missing("1000000 routes from (2001:db8::1,ffff:ffff:ffff:ffff:ffff:ffff:ffff:fff0)"),
+            "expected fewer: there is no join (2001:db8::1,::)");
+  EXPECT_EQ(missing("17 sources from (255.255.255.240,239.1.1.1)"),
+            "expected fewer: there is no join (0.0.0.0,239.1.1.1)");
+  EXPECT_EQ(missing("1000000 sources from (feff:ffff:ffff:ffff:ffff:ffff:ffff:ff00,ff0e::1)"),
+            "expected fewer: there is no join (ff00::,ff0e::1)");
+}
+
+TEST(ConversationTest, ATemperHoldsNoOtherAndNoWait) {
+  EXPECT_EQ(complaint("temper on first of 1 do temper on first of 1 do drop"),
+            "expected no temper inside a temper");
+  EXPECT_EQ(complaint("temper on first of 1 do drop ; wait 1"),
+            "expected no wait inside a temper: time passes while nothing is sent");
+  EXPECT_EQ(complaint(times(100'000, "temper on first of 1 do ") + "drop"),
+            "expected no temper inside a temper");
+  EXPECT_THAT(parsed<TemperCommand>("temper on first of 1 do temper off ; busy 1").commands,
+              ElementsAre("temper off", "busy 1"));
+}
+
+TEST(ConversationTest, ALongWordIsQuotedByItsBeginning) {
+  EXPECT_EQ(complaint("wait " + times(60, "x")),
+            "expected seconds from 0 to 1000000, not \"" + times(60, "x") + "\"");
+  EXPECT_EQ(complaint("wait " + times(1'000'000, "x")),
+            "expected seconds from 0 to 1000000, not \"" + times(60, "x") + "...\"");
+  EXPECT_THAT(complaint("triggered 10.0.0.2 join (" + times(1'000'000, ",") + ")"),
+              testing::EndsWith("not \"(" + times(59, ",") + "...\""));
+}
+
+TEST(ConversationTest, ACopyIsAConversationOfItsOwn) {
+  auto conversation = std::make_unique<Conversation>("# S.\nsay a\n----\n0.000 -- a\n");
+  Conversation const copy(*conversation);
+  conversation.reset();
+  EXPECT_EQ(std::get<SayCommand>(copy.steps()[0].command()).text, "a");
+  EXPECT_EQ(copy.difference("f", "0.000 -- a\n"), "");
+}
+
 TEST(ConversationTest, AnInterfaceTakesItsWordsInAnyOrder) {
   auto const command =
       parsed<IntfCommand>("intf eth0 hold 105 10.0.0.1/24 mtu 576 interval 30 override 0.5 notify");
@@ -134,7 +238,7 @@ TEST(ConversationTest, ATemperTakesItsWordsInAnyOrderAndItsCommandsLast) {
   using Moment = TemperCommand::Moment;
   auto const temper = parsed<TemperCommand>(
       "temper on cost 0.5 tidy take 3 suppressed 2 filtered 1 throws last report 7 8 9 middle of 2 do drop ; "
-      "wait 1");
+      "busy 1");
   EXPECT_TRUE(temper.on && temper.tidy);
   EXPECT_EQ(temper.take, 3u);
   EXPECT_EQ(temper.filtered, 1u);
@@ -144,7 +248,7 @@ TEST(ConversationTest, ATemperTakesItsWordsInAnyOrderAndItsCommandsLast) {
   EXPECT_EQ(temper.cost, 0.5);
   EXPECT_EQ(temper.moment, Moment::middle);
   EXPECT_EQ(temper.message, 2u);
-  EXPECT_THAT(temper.commands, ElementsAre("drop", "wait 1"));
+  EXPECT_THAT(temper.commands, ElementsAre("drop", "busy 1"));
   auto const even = parsed<TemperCommand>("temper on");
   EXPECT_TRUE(even.on);
   EXPECT_FALSE(even.report || even.tidy);
@@ -274,7 +378,7 @@ TEST(ConversationTest, AFileHasAStoryCommandsAndWhatIsExpected) {
   EXPECT_EQ(conversation.story(), "The story.");
   ASSERT_THAT(conversation.steps(), SizeIs(2));
   EXPECT_EQ(conversation.steps()[0].line, 3u);
-  EXPECT_TRUE(std::holds_alternative<StartCommand>(conversation.steps()[0].command));
+  EXPECT_TRUE(std::holds_alternative<StartCommand>(conversation.steps()[0].command()));
   EXPECT_EQ(conversation.steps()[1].line, 5u);
   EXPECT_TRUE(conversation.hasRule());
   EXPECT_EQ(conversation.difference("f", "1.000 something\n"), "");

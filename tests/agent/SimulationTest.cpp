@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include "tests/agent/Support.h"
 
 namespace Routing::Pim::Agent {
@@ -495,6 +497,196 @@ TEST_F(SimulationTest, AMachineThatIsKeptIsSilentOnceItIsGone) {
   EXPECT_THAT(outputOf({"keep 10.0.0.2", join, "neighbor 10.0.0.2 down", "wait 1", "keep nothing"}),
               ElementsAre(HasSubstr("armed"), "0.000 machine 10.0.0.2 gone"));
   EXPECT_EQ(complaint("keep 10.0.0.2"), "10.0.0.2 has no machine");
+}
+
+// --- What it costs
+
+/// A router with so many neighbors, each with a periodic route, started.
+class Crowd {
+ public:
+  explicit Crowd(U32 neighbors) {
+    perform("intf eth0 10.0.0.1/8");
+    perform("start");
+    for (U32 i = 0; i < neighbors; ++i) {
+      auto const address = toText(IpGenAddr::ipv4(0x0a010000 + i));
+      perform("neighbor " + address + " on eth0");
+      perform("periodic " + address + " join (10.9.0.1,239.1.1.1)");
+    }
+  }
+
+  void perform(std::string const& command) {
+    out_.str({});
+    simulation_.perform(commandFromText(command));
+  }
+  void performAll() {
+    for (auto const* command :
+         {"triggered 10.1.0.7 join (10.9.0.1,239.1.1.1)", "cost 0", "wait 0.2", "say so", "trace 1",
+          "override 10.1.0.7 prune (10.9.0.1,239.1.1.1)", "set 10.1.0.7 loopQuantum 0.2", "wait 3",
+          "receive eth0 upstream 10.0.0.1 hold 9 join (10.9.0.1,239.1.1.1)", "neighbor 10.1.0.8 again"})
+      perform(command);
+  }
+  /// The shortest time of some, in seconds of this process.
+  double timeOfAll() {
+    double least = 1e9;
+    for (int i = 0; i < 5; ++i) {
+      std::clock_t const begin = std::clock();
+      performAll();
+      least = std::min(least, static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC);
+    }
+    return least;
+  }
+  std::size_t machinesLookedAt() const { return simulation_.machinesLookedAt(); }
+
+ private:
+  std::ostringstream out_;
+  Simulation simulation_{out_};
+};
+
+TEST(SimulationCostTest, ACommandLooksAtTheMachinesThatItTouchesHoweverManyThereAre) {
+  std::size_t looked[2] = {};
+  for (std::size_t i = 0; i < 2; ++i) {
+    Crowd crowd(i == 0 ? 20 : 1000);
+    auto const before = crowd.machinesLookedAt();
+    crowd.performAll();
+    looked[i] = crowd.machinesLookedAt() - before;
+  }
+  EXPECT_EQ(looked[0], looked[1]);
+  EXPECT_LE(looked[1], 10u);
+}
+
+TEST(SimulationCostTest, ACommandCostsAsMuchWithTenTimesAsManyMachines) {
+  Crowd few(2000), many(20'000);
+  double const little = few.timeOfAll(), much = many.timeOfAll();
+  EXPECT_LT(much, 3 * little + 0.001) << little;
+}
+
+TEST(SimulationCostTest, EveryTimerIsToldAfterEachCommandOfTheConversations) {
+  std::size_t count = 0;
+  for (auto const& file : std::filesystem::directory_iterator(JOINPRUNE_SOURCE_DIR "/tests/conversations")) {
+    auto const conversation = Conversation::fromFile(file.path().string());
+    std::ostringstream out;
+    Simulation simulation(out);
+    for (auto const& step : conversation.steps()) {
+      simulation.perform(step.command());
+      ASSERT_TRUE(simulation.everyTimerIsTold()) << file.path() << ":" << step.line;
+      ++count;
+    }
+  }
+  EXPECT_GT(count, 100u);
+}
+
+/// A router like the others, with little patience.
+class ImpatientSimulationTest : public testing::Test {
+ protected:
+  ImpatientSimulationTest() {
+    for (auto const* command : {"intf eth0 10.0.0.1/24", "neighbor 10.0.0.2 on eth0", "start"}) run(command);
+  }
+  void run(std::string const& command) { simulation_.perform(commandFromText(command)); }
+  /// Whether it is refused since too much has been looked at.
+  bool isTooMuch(std::string const& command) {
+    try {
+      run(command);
+    } catch (std::range_error const& e) {
+      EXPECT_STREQ(
+          e.what(),
+          "too much has been looked at as a whole: more than 10000 interfaces, data sets, groups and routes");
+      return true;
+    }
+    return false;
+  }
+  /// How often it can be done; at most 20,000 times.
+  U32 timesDone(std::vector<std::string> const& commands) {
+    U32 times = 0;
+    while (times < 20'000 && std::none_of(commands.begin(), commands.end(),
+                                          [this](auto const& command) { return isTooMuch(command); }))
+      ++times;
+    return times;
+  }
+
+  std::ostringstream out_;
+  Simulation simulation_{out_, nullptr, 10'000};
+};
+
+TEST_F(ImpatientSimulationTest, WhatIsToldOfAgainAsAWholeHasALimit) {
+  run("periodic 10.0.0.2 join 1000 routes from (10.9.0.1,239.1.0.1)");
+  U32 const times = timesDone({"periodic 10.0.0.2 again"});
+  EXPECT_GE(times, 10u);
+  EXPECT_LE(times, 11u);
+  EXPECT_TRUE(isTooMuch("say so"));
+}
+
+TEST_F(ImpatientSimulationTest, InterfacesThatAreToldOfAgainHaveALimit) {
+  for (U32 i = 1; i < 100; ++i) run("intf eth" + std::to_string(i));
+  U32 const times = timesDone({"intf eth0 again"});
+  EXPECT_GE(times, 90u);
+  EXPECT_LE(times, 101u);
+}
+
+TEST_F(ImpatientSimulationTest, MachinesThatAreMadeAgainOverManyGroupsHaveALimit) {
+  run("triggered 10.0.0.2 join 1000 routes from (10.9.0.1,239.1.0.1)");
+  run("periodic 10.0.0.2 join 1000 routes from (10.9.0.1,239.1.0.1)");
+  U32 const times = timesDone({"drop", "start"});
+  EXPECT_GE(times, 4u);
+  EXPECT_LE(times, 5u);
+}
+
+TEST_F(ImpatientSimulationTest, DataSetsWithoutANeighborThatAStartPassesHaveALimit) {
+  for (U32 i = 0; i < 1000; ++i) run("triggered " + toText(IpGenAddr::ipv4(0x0a020000 + i)) + " make");
+  U32 const times = timesDone({"drop", "start"});
+  EXPECT_GE(times, 9u);
+  EXPECT_LE(times, 10u);
+}
+
+TEST_F(ImpatientSimulationTest, DataSetsThatNeverShowAnythingHaveALimit) {
+  for (U32 i = 0; i < 1000; ++i) run("triggered " + toText(IpGenAddr::ipv4(0x0a020000 + i)) + " make");
+  U32 const times = timesDone({"show sets"});
+  EXPECT_GE(times, 9u);
+  EXPECT_LE(times, 10u);
+}
+
+TEST_F(ImpatientSimulationTest, WhatHasLinesMayBeShownForEver) {
+  run("triggered 10.0.0.2 join 1000 routes from (10.9.0.1,239.1.0.1)");
+  for (U32 i = 0; i < 100; ++i) EXPECT_FALSE(isTooMuch("show sets")) << i;
+}
+
+TEST_F(ImpatientSimulationTest, TheCheckOfEachRouteOfALongRangeIsRefusedBeforeAnythingIsChanged) {
+  run("set machine diagUpJoinCount true");
+  run("periodic 10.0.0.2 join 3 routes from (10.9.0.1,239.1.0.1)");
+  out_.str({});
+  EXPECT_TRUE(isTooMuch("periodic 10.0.0.2 join 100 routes from (10.9.0.1,239.2.0.1)"));
+  EXPECT_EQ(out_.str(), "");
+}
+
+TEST_F(ImpatientSimulationTest, AManagerThatTakesNothingCannotWalkAllRoutesForEver) {
+  run("intf eth0 interval 1");
+  run("periodic 10.0.0.2 join 1000 routes from (10.9.0.1,239.1.0.1)");
+  run("temper on take 0");
+  EXPECT_TRUE(isTooMuch("wait 1000000"));
+  EXPECT_LT(simulation_.now(), 1000);
+}
+
+TEST_F(ImpatientSimulationTest, ATemperCannotDoWhatIsTooMuchEither) {
+  run("periodic 10.0.0.2 join 1000 routes from (10.9.0.1,239.1.0.1)");
+  std::string again = "temper on first of 1 do periodic 10.0.0.2 again";
+  for (U32 i = 0; i < 100; ++i) again += " ; periodic 10.0.0.2 again";
+  run(again);
+  run("triggered 10.0.0.2 join (10.9.0.1,239.1.1.1)");
+  EXPECT_TRUE(isTooMuch("wait 1"));
+  auto const lines = out_.str();
+  EXPECT_THAT(lines, HasSubstr("cannot periodic 10.0.0.2 again: too much has been looked at"));
+}
+
+TEST_F(SimulationTest, GroupsAreDeniedByAnyOfManyPrefixes) {
+  std::string const joined = "receive eth0 upstream 10.0.0.1 hold 9 join (*,239.1.2.3) rp 10.0.0.9";
+  EXPECT_THAT(outputOf({joined}), SizeIs(1));
+  EXPECT_THAT(outputOf({"deny 239.1.2.9/24", "deny 239.0.0.0/8", "deny ff0e::/16", joined}), IsEmpty());
+  // One is named off in the words in which it was named.
+  EXPECT_EQ(complaint("deny 239.1.2.0/24 off"), "these groups were not named before");
+  EXPECT_THAT(outputOf({"deny 239.0.0.0/8 off", joined}), IsEmpty());
+  EXPECT_THAT(outputOf({"deny 239.1.2.9/24 off", joined}), SizeIs(1));
+  EXPECT_EQ(complaint("deny 239.1.2.9/24 off"), "these groups were not named before");
+  EXPECT_THAT(outputOf({"deny 239.1.2.3/32", joined}), IsEmpty());
+  EXPECT_THAT(outputOf({"deny 239.1.2.3/32 off", "deny 239.1.2.2/31", joined}), IsEmpty());
 }
 
 }  // namespace

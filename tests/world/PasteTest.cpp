@@ -80,7 +80,11 @@ TEST_P(PasteTest, APastedSequenceTracesTheSame) {
     auto const text = asConversation("A world.", sequence);
     std::ostringstream out;
     Agent::Simulation simulation(out);
-    ASSERT_NO_THROW(Agent::simulate(Agent::Conversation(text), simulation)) << text;
+    Agent::Conversation const conversation(text);
+    for (auto const& step : conversation.steps()) {
+      ASSERT_NO_THROW(simulation.perform(step.command())) << text;
+      ASSERT_TRUE(simulation.everyTimerIsTold()) << "line " << step.line << "\n" << text;
+    }
     auto const got = tracesOf(out.str());
     auto const [one, other] = std::mismatch(expected.begin(), expected.end(), got.begin(), got.end());
     ASSERT_TRUE(one == expected.end() && other == got.end())

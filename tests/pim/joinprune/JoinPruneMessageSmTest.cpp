@@ -1069,5 +1069,48 @@ TEST_F(JoinPruneMessageSmTest, AHundredThousandFlapsOfANeighborLeaveNothingBehin
   EXPECT_EQ(wheel->references(), wheelBefore);
 }
 
+TEST_F(JoinPruneMessageSmTest, EachNestedReactorIsDeafWhileTheMachineIsSwitchedOffOrRetired) {
+  struct Row {
+    char const* name;
+    char const* reaction;
+    std::function<void(U32)> provoke;  // with another number each time
+  };
+  auto const eth0 = intf("eth0", "10.0.0.1/24"), eth1 = intf("eth1", "10.1.0.1/24");
+  auto const address = [](U32 net, U32 host) { return Dova::IpGenAddr::ipv4(net + 2 + host); };
+  channel->joinPruneMessageIs(Vel::create<Packet::JoinPruneMessage>());
+  start();
+  Row const rows[] = {
+      {"a neighbor", "handleNeighbor(", [&](U32 n) { pim->pimNeighborIs(address(0x0a000100, n), eth0); }},
+      {"an interface", "Intf up",
+       [&](U32 n) { pim->pimIntfIs(Vel::create<Intf>(Dova::IntfId("eth" + std::to_string(10 + n)))); }},
+      {"eth0", "(eth0), Address changed",
+       [&](U32 n) { eth0->usedAddressWithMaskIs(Dova::IpGenPrefix(address(0x0a000000, n), 24)); }},
+      {"eth1", "(eth1), Address changed",
+       [&](U32 n) { eth1->usedAddressWithMaskIs(Dova::IpGenPrefix(address(0x0a010000, n), 24)); }},
+      {"a message", "handleRxMessage()", [&](U32) { channel->countInc(1); }}};
+  U32 provoked = 0;
+  auto const reacts = [&](Row const& row) {
+    log.clear();
+    row.provoke(++provoked);
+    return !log.takeWith(row.reaction).empty();
+  };
+  auto const allReact = [&](bool react) {
+    for (auto const& row : rows) EXPECT_EQ(reacts(row), react) << row.name;
+    EXPECT_EQ(machine->timerWheel()->hasNotificationActive(), react);
+    EXPECT_EQ(machine->pimPamManager()->hasNotificationActive(), react);
+  };
+  allReact(true);
+  machine->hasNotificationActiveIs(false);
+  allReact(false);
+  machine->hasNotificationActiveIs(true);
+  allReact(true);
+  machine->velDoZombieReactors(true);
+  EXPECT_TRUE(machine->timerWheel()->isZombie());
+  EXPECT_TRUE(machine->pimPamManager()->isZombie());
+  allReact(false);
+  machine->velDoZombieReactors(false);
+  allReact(true);
+}
+
 }  // namespace
 }  // namespace Routing::Pim

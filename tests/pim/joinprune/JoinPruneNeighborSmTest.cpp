@@ -1035,6 +1035,203 @@ TEST_F(SourceTest, AtTheStartOnlyTheGroupsThatHaveAWildcardAreMarkedAsCounted) {
   EXPECT_EQ(neighborSm->numPeriodicRoutes(), 267u);
   for (int i = 0; i < groups; ++i)
     EXPECT_EQ(neighborSm->periodicGroupData(addr(name(i)))->wcSourceSet(), i % 3 == 0) << i;
+
+// --- Switched off and retired, reactor by reactor
+
+/// What is done to a machine, and the way back.
+struct Silence {
+  char const* name;
+  void (*on)(Vel::Machine& machine);
+  void (*off)(Vel::Machine& machine);
+};
+constexpr Silence silences[] = {
+    {"SwitchedOff", [](Vel::Machine& machine) { machine.hasNotificationActiveIs(false); },
+     [](Vel::Machine& machine) { machine.hasNotificationActiveIs(true); }},
+    {"Retired", [](Vel::Machine& machine) { machine.velDoZombieReactors(true); },
+     [](Vel::Machine& machine) { machine.velDoZombieReactors(false); }}};
+
+/// Each nested reactor, by what it alone reacts to.
+enum class Nested {
+  triggeredGroup,
+  overrideGroup,
+  periodicGroup,
+  triggeredGroupData,
+  overrideGroupData,
+  periodicGroupData,
+  triggeredTimer,
+  overrideTimer,
+  periodicTimer
+};
+constexpr std::pair<char const*, char const*> nestedReactors[] = {
+    {"TriggeredGroup", "handleTriggeredGroup("},
+    {"OverrideGroup", "handleOverrideGroup("},
+    {"PeriodicGroup", "handlePeriodicGroup("},
+    {"TriggeredGroupData", "Triggered(239.1.1.1)::handleJoinedSource("},
+    {"OverrideGroupData", "Override(239.1.1.1)::handleJoinedSource("},
+    {"PeriodicGroupData", "Periodic(239.1.1.1)::handleJoinedSource("},
+    {"TriggeredTimer", "handleTriggeredTimerExpiry()"},
+    {"OverrideTimer", "handleOverrideTimerExpiry()"},
+    {"PeriodicTimer", "handlePeriodicTimerExpiry()"}};
+
+class NestedReactorTest : public JoinPruneNeighborSmTest,
+                          public testing::WithParamInterface<std::tuple<Silence, Nested>> {
+ protected:
+  NestedReactorTest() {
+    makeOwned();
+    for (auto const& data : {t, o, p}) group(data, G)->joinedSourceIs(addr(S));
+  }
+
+  /// Gives the reactor something to react to.
+  void provoke(Nested nested) {
+    auto const next = Dova::IpGenAddr::ipv4(0xef020000u + ++provoked_);
+    switch (nested) {
+      case Nested::triggeredGroup:
+        t->joinPruneGroupDataIs(next);
+        break;
+      case Nested::overrideGroup:
+        o->joinPruneGroupDataIs(next);
+        break;
+      case Nested::periodicGroup:
+        p->joinPruneGroupDataIs(next);
+        break;
+      case Nested::triggeredGroupData:
+        group(t, G)->joinedSourceIs(Dova::IpGenAddr::ipv4(0x0a0a0000u + provoked_));
+        break;
+      case Nested::overrideGroupData:
+        group(o, G)->joinedSourceIs(Dova::IpGenAddr::ipv4(0x0a0a0000u + provoked_));
+        break;
+      case Nested::periodicGroupData:
+        group(p, G)->joinedSourceIs(Dova::IpGenAddr::ipv4(0x0a0a0000u + provoked_));
+        break;
+      case Nested::triggeredTimer:
+        neighborSm->triggeredTimer()->timeMinIs(time + 1);
+        runUntil(time + 2);
+        break;
+      case Nested::overrideTimer:
+        neighborSm->overrideTimer()->timeMinIs(time + 1);
+        runUntil(time + 2);
+        break;
+      case Nested::periodicTimer:
+        neighborSm->joinPrunePeriodicTimerSm()->periodicTimer()->timeMinIs(time + 1);
+        runUntil(time + 2);
+        break;
+    }
+  }
+  bool reacts(Nested nested) {
+    log.clear();
+    provoke(nested);
+    return !log.takeWith(nestedReactors[static_cast<std::size_t>(nested)].second).empty();
+  }
+
+ private:
+  U32 provoked_ = 0;
+};
+
+TEST_P(NestedReactorTest, ItIsDeafUntilTheMachineIsBack) {
+  auto const& [silence, nested] = GetParam();
+  ASSERT_TRUE(reacts(nested));
+  silence.on(*neighborSm);
+  EXPECT_FALSE(reacts(nested));
+  silence.off(*neighborSm);
+  EXPECT_TRUE(reacts(nested));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, NestedReactorTest,
+                         testing::Combine(testing::ValuesIn(silences),
+                                          testing::Values(Nested::triggeredGroup, Nested::overrideGroup,
+                                                          Nested::periodicGroup, Nested::triggeredGroupData,
+                                                          Nested::overrideGroupData,
+                                                          Nested::periodicGroupData, Nested::triggeredTimer,
+                                                          Nested::overrideTimer, Nested::periodicTimer)),
+                         [](auto const& tested) {
+                           return std::string(std::get<0>(tested.param).name) +
+                                  nestedReactors[static_cast<std::size_t>(std::get<1>(tested.param))].first;
+                         });
+
+TEST_F(JoinPruneNeighborSmTest, ReactorsWithoutCallbacksAreSwitchedOffAndRetiredWithTheOthers) {
+  makeOwned();
+  auto const isSilent = [this](bool silent) {
+    for (Vel::Reactor const* const reactor :
+         {static_cast<Vel::Reactor const*>(neighborSm->timerWheel().get()),
+          static_cast<Vel::Reactor const*>(neighborSm->pimPamManager().get())})
+      EXPECT_EQ(reactor->hasNotificationActive(), !silent);
+  };
+  neighborSm->hasNotificationActiveIs(false);
+  isSilent(true);
+  neighborSm->hasNotificationActiveIs(true);
+  isSilent(false);
+  neighborSm->velDoZombieReactors(true);
+  EXPECT_TRUE(neighborSm->timerWheel()->isZombie());
+  EXPECT_TRUE(neighborSm->pimPamManager()->isZombie());
+  isSilent(true);
+  neighborSm->velDoZombieReactors(false);
+  isSilent(false);
+}
+
+TEST_F(JoinPruneNeighborSmTest, SourcesThatChangeWhileItIsSwitchedOffAreMissedAndLaterOnesAreSeen) {
+  makeOwned();
+  for (auto const& data : {t, o, p}) group(data, G)->joinedSourceIs(addr(S));
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  log.clear();
+  neighborSm->hasNotificationActiveIs(false);
+  for (auto const& data : {t, o, p}) {
+    group(data, G)->joinedSourceIs(addr("10.9.0.2"));
+    group(data, G)->prunedSourceIs(addr("10.9.0.3"));
+    group(data, G)->wcSourceDataIs(wildcard("10.5.0.1"));
+    group(data, G)->joinedSourceDel(addr("10.9.0.2"));
+  }
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  neighborSm->hasNotificationActiveIs(true);
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  log.clear();
+  for (auto const& data : {t, o, p}) group(data, G)->joinedRptSourceIs(addr("10.9.0.4"));
+  auto const lines = log.take();
+  for (auto const* const reactor : {"Triggered(", "Override(", "Periodic("})
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [reactor](auto const& line) {
+                              return line.find(reactor + std::string(G) +
+                                               ")::handleJoinedRptSource(10.9.0.4)") != line.npos;
+                            }),
+              1)
+        << reactor;
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 2u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, GroupsThatComeWhileItIsSwitchedOffHaveNoReactorAndLaterOnesHave) {
+  makeOwned();
+  neighborSm->hasNotificationActiveIs(false);
+  for (auto const& data : {t, o, p}) group(data, "239.1.1.2")->joinedSourceIs(addr(S));
+  neighborSm->hasNotificationActiveIs(true);
+  for (auto const* const collection : {"triggeredGroupData", "overrideGroupData", "periodicGroupData"})
+    EXPECT_EQ(neighborSm->attribute(collection), "") << collection;
+  log.clear();
+  for (auto const& data : {t, o, p}) group(data, "239.1.1.2")->joinedSourceIs(addr("10.9.0.2"));
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 0u);
+  for (auto const& data : {t, o, p}) group(data, "239.1.1.3")->joinedSourceIs(addr(S));
+  for (auto const* const collection : {"triggeredGroupData", "overrideGroupData", "periodicGroupData"})
+    EXPECT_EQ(neighborSm->attribute(collection), "239.1.1.3") << collection;
+  EXPECT_EQ(neighborSm->numPeriodicRoutes(), 1u);
+  // Until the collection as a whole is said to have changed.
+  t->joinPruneGroupDataNotifyImmediate();
+  EXPECT_EQ(neighborSm->triggeredGroupDataCount(), 2u);
+}
+
+TEST_F(JoinPruneNeighborSmTest, ASourceThatComesOnceItIsSwitchedOnAgainArmsTheTimer) {
+  makeOwned();
+  for (auto const& data : {t, o, p}) group(data, G);
+  neighborSm->hasNotificationActiveIs(false);
+  neighborSm->hasNotificationActiveIs(true);
+  EXPECT_EQ(wheel->armedCount(), 0u);
+  group(t, G)->joinedSourceIs(addr(S));
+  EXPECT_EQ(neighborSm->triggeredTimer()->timeMin(), time + 0.1);
+  group(o, G)->joinedSourceIs(addr(S));
+  EXPECT_TRUE(neighborSm->overrideTimer()->armed());
+  group(p, G)->joinedSourceIs(addr(S));
+  EXPECT_EQ(neighborSm->joinPrunePeriodicTimerSm()->periodicTimer()->timeMin(), time + 60);
+  runUntil(time + 61);
+  EXPECT_THAT(manager->sent, testing::SizeIs(3));
 }
 
 }  // namespace

@@ -573,5 +573,24 @@ TEST_F(JoinPrunePeriodicTimerSmDeathTest, WhatHasNoPeriodCannotBePaced) {
   EXPECT_DEATH(make(eth0)->interval(), "Assertion `interval > 0' failed");
 }
 
+TEST_F(JoinPrunePeriodicTimerSmTest, SwitchedOffOrRetiredByItselfItsTimerExpiresUnheard) {
+  addRoutes(1);
+  auto const expiries = [this] {
+    log.clear();
+    periodicSm->periodicTimer()->timeMinIs(time + 1);
+    runUntil(time + 2);
+    return log.takeWith("handlePeriodicTimerExpiry(): Finished TX").size();
+  };
+  EXPECT_EQ(expiries(), 1u);
+  periodicSm->hasNotificationActiveIs(false);
+  EXPECT_EQ(expiries(), 0u);
+  periodicSm->hasNotificationActiveIs(true);
+  EXPECT_EQ(expiries(), 1u);
+  periodicSm->velDoZombieReactors(true);
+  EXPECT_EQ(expiries(), 0u);
+  periodicSm->velDoZombieReactors(false);
+  EXPECT_EQ(expiries(), 1u);
+}
+
 }  // namespace
 }  // namespace Routing::Pim

@@ -349,6 +349,83 @@ TEST_F(ReceiveTest, AThrowingObserverDoesNotKeepTheOtherEntriesFromBeingWritten)
   EXPECT_EQ(rxJoin->rxCount(), 2u);
 }
 
+TEST_F(ReceiveTest, AFilterThatThrowsDeniesItsGroupAndTheRestOfTheMessageIsTaken) {
+  for (auto const* g : {"239.1.1.1", "239.1.1.2", "239.1.1.3"}) {
+    add(g)->joinedSourceIs(addr("10.9.0.1"));
+    add(g)->wcSourceDataIs(wildcard("10.5.0.1"));
+    add(g)->prunedRptSourceIs(addr("10.9.0.2"));
+  }
+  start();
+  filter->hook = [this] {
+    if (filter->asked.size() == 1) throw std::runtime_error("no policy for " + filter->asked.back());
+  };
+  receive();
+  ASSERT_THAT(filter->asked, testing::SizeIs(3));
+  EXPECT_EQ(rxJoin->rxCount(), 5u);   // three (S,G), two (*,G)
+  EXPECT_EQ(rxPrune->rxCount(), 2u);  // two (S,G,rpt)
+  EXPECT_THAT(rpHash->asked, ElementsAre(filter->asked[1] + " 10.5.0.1", filter->asked[2] + " 10.5.0.1"));
+  EXPECT_THAT(log.takeWith("no policy for " + filter->asked[0]), testing::SizeIs(1));
+}
+
+TEST_F(ReceiveTest, AnRpHashThatThrowsLeavesOutTheWildcardJoinAndTheRestOfTheMessageIsTaken) {
+  for (auto const* g : {"239.1.1.1", "239.1.1.2"}) {
+    add(g)->joinedSourceIs(addr("10.9.0.1"));
+    add(g)->wcSourceDataIs(wildcard("10.5.0.1"));
+    add(g)->joinedRptSourceIs(addr("10.9.0.2"));
+    add(g)->prunedRptSourceIs(addr("10.9.0.3"));
+  }
+  start();
+  rpHash->hook = [this] {
+    if (rpHash->asked.size() == 1) throw std::runtime_error("no RP");
+  };
+  receive();
+  ASSERT_THAT(rpHash->asked, testing::SizeIs(2));
+  EXPECT_EQ(rxJoin->rxCount(), 5u);  // two (S,G), two (S,G,rpt), one (*,G)
+  EXPECT_EQ(rxPrune->rxCount(), 2u);
+  auto const lines = log.take();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](auto const& line) { return line.find("no RP") != line.npos; }),
+            1);
+  // It is no mismatch: the local RP is not known.
+  EXPECT_THAT(lines, testing::Each(testing::Not(testing::HasSubstr("does not match"))));
+}
+
+TEST_F(ReceiveTest, OfSeveralErrorsTheFirstIsHeardOfOnceTheWholeMessageIsTaken) {
+  for (auto const* g : {"239.1.1.1", "239.1.1.2", "239.1.1.3"}) {
+    add(g)->joinedSourceIs(addr("10.9.0.1"));
+    add(g)->wcSourceDataIs(wildcard("10.5.0.1"));
+  }
+  start();
+  filter->hook = [this] {
+    if (filter->asked.size() == 2) throw std::runtime_error("second");
+  };
+  rpHash->hook = [this] {
+    if (rpHash->asked.size() == 1) throw std::runtime_error("first");
+    throw 3;
+  };
+  try {
+    machine->handleRxMessage();
+    FAIL() << "nothing was thrown";
+  } catch (std::runtime_error const& error) {
+    EXPECT_STREQ(error.what(), "first");
+  }
+  EXPECT_EQ(rxJoin->rxCount(), 3u);
+  EXPECT_THAT(filter->asked, testing::SizeIs(3));
+}
+
+TEST_F(ReceiveTest, AFilterMayDropTheMachineAndThrow) {
+  for (auto const* g : {"239.1.1.1", "239.1.1.2"}) add(g)->joinedSourceIs(addr("10.9.0.1"));
+  start();
+  filter->hook = [this] {
+    machine = nullptr;
+    throw std::runtime_error("dropped");
+  };
+  receive();
+  EXPECT_FALSE(machine);
+  EXPECT_EQ(rxJoin->rxCount(), 1u);
+  EXPECT_THAT(log.takeWith("dropped"), testing::SizeIs(1));
+}
+
 // What both records are whenever the filter is asked, which is after each group's (S,G) entries, and at the end.
 Lines recordsOnTheWay(Vel::Ptr<Packet::JoinPruneMessage> const& message, bool watched) {
   World world;
