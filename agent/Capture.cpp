@@ -95,7 +95,9 @@ Capture::Capture(std::string const& path) : path_(path), pcap_(nullptr, pcap_clo
   }
 
   char error[PCAP_ERRBUF_SIZE] = "";
+  errno = 0;
   pcap_.reset(pcap_fopen_offline_with_tstamp_precision(file.get(), PCAP_TSTAMP_PRECISION_NANO, error));
+  if (!pcap_ && errno == ENOMEM) failWithErrno(path);
   if (!pcap_) fail(path, fmt::format("not a capture: {}", error));
   file.release();
 
@@ -111,8 +113,10 @@ bool Capture::next(Frame& frame) { return pcapng_ ? nextOfPcapng(frame) : nextOf
 bool Capture::nextOfPcap(Frame& frame) {
   pcap_pkthdr* header = nullptr;
   u_char const* bytes = nullptr;
+  errno = 0;
   int const result = pcap_next_ex(pcap_.get(), &header, &bytes);
   if (result == PCAP_ERROR_BREAK) return false;
+  if (result != 1 && errno == ENOMEM) failWithErrno(path_);
   if (result != 1) fail(path_, fmt::format("after frame {}: {}", number_, pcap_geterr(pcap_.get())));
   frame.number = ++number_;
   frame.time = sinceFirst(header->ts.tv_sec, header->ts.tv_usec);
@@ -154,31 +158,29 @@ Vel::Seconds Capture::sinceFirst(long long seconds, long long nanoseconds) {
   return elapsed(seconds, nanoseconds, firstSeconds_, firstNanoseconds_);
 }
 
-CaptureWriter::CaptureWriter(std::string const& path)
-    : path_(path),
-      pcap_(pcap_open_dead(DLT_EN10MB, snapLength), pcap_close),
-      dumper_(nullptr, pcap_dump_close) {
-  if (!pcap_) fail(path, "out of memory");
-  dumper_.reset(pcap_dump_open(pcap_.get(), path.c_str()));
-  if (!dumper_) throw CaptureError(pcap_geterr(pcap_.get()));
+namespace {
+
+template <class Value>
+void put(std::ostream& out, Value const& value) {
+  out.write(reinterpret_cast<char const*>(&value), sizeof value);
 }
 
-CaptureWriter::~CaptureWriter() = default;
+}  // namespace
+
+CaptureWriter::CaptureWriter(std::string const& path) : output_(path) {
+  constexpr bpf_u_int32 microsecondCapture = 0xa1b2c3d4;
+  put(output_, pcap_file_header{microsecondCapture, PCAP_VERSION_MAJOR, PCAP_VERSION_MINOR, 0, 0, snapLength,
+                                DLT_EN10MB});
+}
 
 void CaptureWriter::frameAdd(U64 microseconds, std::span<U8 const> bytes) {
-  pcap_pkthdr header = {};
-  header.ts.tv_sec = static_cast<time_t>(microseconds / 1'000'000);
-  header.ts.tv_usec = static_cast<suseconds_t>(microseconds % 1'000'000);
-  header.caplen = header.len = static_cast<bpf_u_int32>(bytes.size());
-  pcap_dump(reinterpret_cast<u_char*>(dumper_.get()), &header, bytes.data());
-}
-
-void CaptureWriter::close() {
-  // pcap_dump() tells nobody that the disk is full; the stream remembers.
-  bool const written = pcap_dump_flush(dumper_.get()) == 0 && !std::ferror(pcap_dump_file(dumper_.get()));
-  int const error = errno;
-  dumper_.reset();
-  if (!written) fail(path_, std::strerror(error));
+  // In a file the header of a frame has four numbers of 32 bits: the time, and twice the length.
+  auto const length = static_cast<bpf_u_int32>(bytes.size());
+  for (U64 const number : {microseconds / 1'000'000, microseconds % 1'000'000})
+    put(output_, static_cast<bpf_u_int32>(number));
+  put(output_, length);
+  put(output_, length);
+  output_.write(reinterpret_cast<char const*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 }  // namespace Routing::Pim::Agent

@@ -5,7 +5,6 @@
 //     while (capture.next(frame)) show(frame.number, frame.time, frame.bytes);
 #pragma once
 
-#include <cstdio>
 #include <memory>
 #include <optional>
 #include <span>
@@ -13,17 +12,17 @@
 #include <string>
 
 #include "agent/Datagram.h"
+#include "agent/Output.h"
 #include "agent/Pcapng.h"
 #include "runtime/vel/Types.h"
 
 struct pcap;
-struct pcap_dumper;
 
 namespace Routing::Pim::Agent {
 
 using Vel::U64;
 
-/// A file that cannot be read or written. `what()` is one line that names the file and what is wrong with it.
+/// A file that cannot be read. `what()` is one line that names the file and what is wrong with it.
 class CaptureError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -71,20 +70,18 @@ class Capture {
 /// Writes an Ethernet capture with time stamps in microseconds.
 class CaptureWriter {
  public:
-  /// Throws CaptureError if the file cannot be made.
+  /// Throws OutputError if the file cannot be made. A device or a FIFO is written in place.
   explicit CaptureWriter(std::string const& path);
-  ~CaptureWriter();
 
   /// The time is in microseconds since 1970; not before.
   void frameAdd(U64 microseconds, std::span<U8 const> bytes);
 
-  /// Brings everything to the file. Throws CaptureError if that fails; without this call nobody would know.
-  void close();
+  /// Brings everything to the file and gives it its name. Throws OutputError if that fails, or if frameAdd() has
+  /// failed. Without this call there is no file.
+  void close() { output_.close(); }
 
  private:
-  std::string path_;
-  std::unique_ptr<pcap, void (*)(pcap*)> pcap_;
-  std::unique_ptr<pcap_dumper, void (*)(pcap_dumper*)> dumper_;
+  FileOutput output_;
 };
 
 }  // namespace Routing::Pim::Agent

@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <system_error>
 
 #include "runtime/vel/Exception.h"
 #include "runtime/vel/Text.h"
@@ -657,13 +659,14 @@ Conversation::Conversation(std::string_view text) : text_(std::make_shared<std::
 
 Conversation Conversation::fromFile(std::string const& path) {
   std::string text;
+  errno = 0;
   try {
     std::ifstream file;
     file.exceptions(std::ios::failbit | std::ios::badbit);
     file.open(path, std::ios::binary);
     text.assign(std::istreambuf_iterator<char>(file), {});
   } catch (std::ios_base::failure const&) {  // a folder is refused only when it is read
-    throw ConversationError(0, "cannot be read");
+    throw ConversationError(0, errno == 0 ? "cannot be read" : std::generic_category().message(errno));
   }
   return Conversation(text);
 }

@@ -34,14 +34,14 @@ class PcapPackets final : public PacketSink {
   /// Microseconds since 1970.
   using Clock = std::function<U64()>;
 
-  /// Throws CaptureError if the file cannot be made. The clock gives the packets' time stamps; without one it
+  /// Throws OutputError if the file cannot be made. The clock gives the packets' time stamps; without one it
   /// is the system's.
   explicit PcapPackets(std::string const& path, Clock clock = {});
 
   void send(OutgoingPacket const& packet) override;
 
-  /// Brings everything to the file; nothing may be sent after it. Throws CaptureError if that fails. Without
-  /// this call the file is complete when the sink goes, but nobody hears of a full disk.
+  /// Brings everything to the file and gives it its name; nothing may be sent after it. Throws OutputError if that
+  /// fails. Without this call there is no file.
   void close() { writer_.close(); }
 
  private:

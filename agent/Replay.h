@@ -22,6 +22,7 @@
 //   PacketManager.h from the machines' data sets to packets; PacketSinks.h is where those go
 //   Conversation.h  what a file of commands and expected output says
 //   Simulation.h    the engine in a world of its own, on a virtual clock, told by such commands
+//   Output.h        standard output and the files that are written; Ending.h, how the program ends when it cannot go on
 //   FrameBuilder.h, Sample.h   a capture to try it all on
 //   main.cpp        the command line
 //

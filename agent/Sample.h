@@ -6,7 +6,7 @@
 
 namespace Routing::Pim::Agent {
 
-/// Writes the capture. Throws CaptureError if the file cannot be written.
+/// Writes the capture. Throws OutputError if the file cannot be written.
 void writeSample(std::string const& path);
 
 }  // namespace Routing::Pim::Agent

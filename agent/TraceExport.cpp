@@ -82,38 +82,32 @@ class Message {
               : name_.size() != phrase.size() ? phrase.substr(name_.size() + 1)
                                               : phrase.substr(phrase.rfind(' ') + 1);
     }
+    auto& arguments = arguments_.get_ref<Json::object_t&>();
     std::string key(label);
-    if (key.empty() || arguments_.contains(key)) key += fmt::format("#{}", arguments_.size() + 1);
+    number_ = std::max(number_, arguments.size());
+    while (key.empty() || !names_.insert(key).second) key = fmt::format("{}#{}", label, ++number_);
+    // At the end, for looking whether the name is there takes an object of this kind longer the more it has.
     if (auto const* const address = std::get_if<Dova::IpGenAddr>(&argument)) {
       if (!address_) address_ = *address;
-      arguments_[key] = toText(*address);
+      arguments.emplace_back(std::move(key), toText(*address));
     } else if (auto const* const text = std::get_if<std::string>(&argument)) {
-      arguments_[key] = *text;
+      arguments.emplace_back(std::move(key), *text);
     } else {
-      arguments_[key] = std::get<std::int64_t>(argument);
+      arguments.emplace_back(std::move(key), std::get<std::int64_t>(argument));
     }
   }
 
   std::string name_;
   Json arguments_ = Json::object();
+  // Of arguments; those of putMessage() are taken.
+  std::set<std::string, std::less<>> names_ = {"text", "source"};
+  std::size_t number_ = 0;  // for the next argument whose name is taken
   std::optional<IpGenAddr> address_;
 };
 
-/// The call sites of a file by their identifiers, and messages from them.
-class CallSites {
- public:
-  explicit CallSites(TraceReader const& reader) : descriptors_(reader.descriptors()) {}
-
-  Message message(Event const& event) const {
-    auto const descriptor =
-        std::lower_bound(descriptors_.begin(), descriptors_.end(), event.descriptor,
-                         [](Scrivo::Descriptor const& one, Vel::U32 id) { return one.id < id; });
-    return Message(event, *descriptor);
-  }
-
- private:
-  std::vector<Scrivo::Descriptor> const& descriptors_;
-};
+Message messageOf(TraceReader const& reader, Event const& event) {
+  return Message(event, reader.descriptorOf(event));
+}
 
 /// The time of the picture at each moment of the cycle counter. It goes with the counter, and jumps ahead where a
 /// simulation moves its clock. It never goes back, though computing may take longer than the clock says.
@@ -124,21 +118,23 @@ class Timeline {
     bool first = true;
     for (auto const& event : reader.events()) {
       if (!isClock(event)) continue;
-      Nanoseconds const clock = 1000 * std::get<std::int64_t>(event.arguments[0]);
+      Nanoseconds const clock =
+          1000 * std::clamp(std::get<std::int64_t>(event.arguments[0]), -farthest / 1000, farthest / 1000);
       if (std::exchange(first, false))
         pieces_.push_back({event.counter, clock});
       else
         pieces_.push_back({event.counter, std::max(clock, at(event.counter))});
     }
     if (pieces_.empty() && !reader.events().empty()) {
-      auto const& event = reader.events().front();
-      pieces_.push_back({event.counter, static_cast<Nanoseconds>(std::llround(event.seconds * 1e9))});
+      auto const event = reader.events()[0];
+      pieces_.push_back({event.counter, bounded(event.seconds * 1e9)});
     }
   }
 
   static bool isClock(Event const& event) {
     return event.kind == EventKind::message && event.source == SIMULATION_SOURCE &&
-           event.arguments.size() == 1 && event.text.starts_with(clockLiteral);
+           event.arguments.size() == 1 && std::holds_alternative<std::int64_t>(event.arguments[0]) &&
+           event.text.starts_with(clockLiteral);
   }
 
   Nanoseconds at(Vel::U64 counter) const {
@@ -146,10 +142,17 @@ class Timeline {
                                   [](Vel::U64 one, Piece const& other) { return one < other.counter; });
     if (piece != pieces_.begin()) --piece;
     auto const counts = static_cast<double>(static_cast<std::int64_t>(counter - piece->counter));
-    return piece->time + static_cast<Nanoseconds>(std::llround(counts * nanosecondsPerCount_));
+    return std::clamp(piece->time + bounded(counts * nanosecondsPerCount_), -farthest, farthest);
   }
 
  private:
+  // A damaged file has any numbers. Sums and differences of two times must have a place in 64 bits.
+  static constexpr Nanoseconds farthest = Nanoseconds{1} << 61;
+  static Nanoseconds bounded(double nanoseconds) {
+    constexpr auto most = static_cast<double>(farthest);
+    return static_cast<Nanoseconds>(std::llround(std::clamp(nanoseconds, -most, most)));
+  }
+
   struct Piece {
     Vel::U64 counter;
     Nanoseconds time;
@@ -172,7 +175,7 @@ std::string shortSignature(std::string_view signature) {
 class ChromeWriter {
  public:
   ChromeWriter(TraceReader const& reader, std::ostream& out)
-      : reader_(reader), callSites_(reader), timeline_(reader), out_(out) {}
+      : reader_(reader), timeline_(reader), out_(out) {}
 
   void write() {
     out_ << R"({"displayTimeUnit":"ns","traceEvents":[)";
@@ -181,23 +184,31 @@ class ChromeWriter {
     findIntfs();
     // Viewers nest slices in the order in which they begin; the file has them in that in which they end.
     std::vector<Slice> slices;
-    for (auto const& event : reader_.events()) {
-      if (event.kind == EventKind::blockTimer)
-        slices.push_back({timeline_.at(event.counter - event.elapsed), timeline_.at(event.counter), &event});
+    auto const events = reader_.events();
+    for (std::size_t i = 0; i < events.size(); ++i) {
+      auto const event = events[i];
+      if (event.kind != EventKind::blockTimer) continue;
+      auto const begin = event.counter - std::min(event.elapsed, event.counter);
+      slices.push_back({timeline_.at(begin), timeline_.at(event.counter), i});
     }
     std::sort(slices.begin(), slices.end(), [](Slice const& a, Slice const& b) {
       return std::tie(a.begin, b.end, a.event) < std::tie(b.begin, a.end, b.event);
     });
-    for (auto const& slice : slices) putSlice(slice);
-    for (auto const& event : reader_.events())
+    for (auto const& slice : slices) {
+      if (!out_) return;
+      putSlice(slice);
+    }
+    for (auto const& event : events) {
+      if (!out_) return;
       if (event.kind == EventKind::message && !Timeline::isClock(event)) putMessage(event);
+    }
     out_ << "\n]}\n";
   }
 
  private:
   struct Slice {
     Nanoseconds begin, end;
-    Event const* event;
+    std::size_t event;
   };
 
   static constexpr int process = 1, engineTrack = 1, messagesTrack = 2, firstNeighborTrack = 3;
@@ -206,7 +217,7 @@ class ChromeWriter {
   void findIntfs() {
     for (auto const& event : reader_.events()) {
       if (event.kind != EventKind::message) continue;
-      auto const message = callSites_.message(event);
+      auto const message = messageOf(reader_, event);
       if (!message.address()) continue;
       auto& intf = intfs_[*message.address()];
       if (intf.empty()) intf = message.text("Intf");
@@ -228,7 +239,7 @@ class ChromeWriter {
   }
 
   void putSlice(Slice const& slice) {
-    auto const& event = *slice.event;
+    auto const event = reader_.events()[slice.event];
     put({{"name", shortSignature(event.text)},
          {"cat", "block"},
          {"ph", "X"},
@@ -240,12 +251,13 @@ class ChromeWriter {
   }
 
   void putMessage(Event const& event) {
-    auto const message = callSites_.message(event);
+    auto const message = messageOf(reader_, event);
     int const track = trackOf(message);
     Nanoseconds const time = timeline_.at(event.counter);
     Json arguments = message.arguments();
-    arguments["text"] = event.text;
-    arguments["source"] = place(event);
+    auto& members = arguments.get_ref<Json::object_t&>();
+    members.emplace_back("text", event.text);
+    members.emplace_back("source", place(event));
     put({{"name", message.name()},
          {"cat", "message"},
          {"ph", "i"},
@@ -304,7 +316,6 @@ class ChromeWriter {
   static std::string place(Event const& event) { return fmt::format("{} {}", event.source, event.line); }
 
   TraceReader const& reader_;
-  CallSites const callSites_;
   Timeline const timeline_;
   std::ostream& out_;
   bool anyEvent_ = false, anyWithoutAddress_ = false;
@@ -316,11 +327,11 @@ class ChromeWriter {
 }  // namespace
 
 void exportText(TraceReader const& reader, std::ostream& out) {
-  for (auto const& event : reader.events()) out << event << '\n';
+  for (auto const& event : reader.events())
+    if (!(out << event << '\n')) return;
 }
 
 void exportJson(TraceReader const& reader, std::ostream& out) {
-  CallSites const callSites(reader);
   for (auto const& event : reader.events()) {
     bool const timer = event.kind == EventKind::blockTimer;
     Json object = {{"time", event.seconds},
@@ -332,10 +343,10 @@ void exportJson(TraceReader const& reader, std::ostream& out) {
       object["elapsed"] = event.elapsedSeconds;
       object["counts"] = event.elapsed;
     } else {
-      object["arguments"] = callSites.message(event).arguments();
+      object["arguments"] = messageOf(reader, event).arguments();
     }
     // Strings of a file need not be UTF-8.
-    out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+    if (!(out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n')) return;
   }
 }
 

@@ -7,11 +7,11 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <sstream>
 
+#include "agent/Ending.h"
+#include "agent/Output.h"
 #include "agent/PacketSinks.h"
 #include "agent/Replay.h"
 #include "agent/Sample.h"
@@ -26,7 +26,7 @@ namespace {
 
 using namespace Routing::Pim::Agent;
 
-constexpr int allFine = 0, somethingRefused = 1, somethingDiffers = 1, cannotDo = 2;
+constexpr int allFine = 0, somethingRefused = 1, somethingDiffers = 1;
 
 constexpr char about[] = "Reference agent of the PIM sparse mode Join/Prune engine (RFC 7761).";
 
@@ -73,6 +73,9 @@ std::function<void(std::string const&)> checked(Parse parse) {
   };
 }
 
+// An empty name is no name, and not that there is to be no file.
+std::string fileNamed(std::string const& name) { return name.empty() ? "needs the name of a file" : ""; }
+
 int cannot(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   std::cerr << "jpagent: " << text << '\n';
@@ -82,7 +85,9 @@ int cannot(std::string text) {
 class ScrivoRecording {
  public:
   explicit ScrivoRecording(std::string const& path) {
-    if (!path.empty()) Scrivo::TraceFile::open(path);
+    if (path.empty()) return;
+    traceFileIs(path);
+    Scrivo::TraceFile::open(path);
   }
   ~ScrivoRecording() { Scrivo::TraceFile::close(); }
   ScrivoRecording(ScrivoRecording const&) = delete;
@@ -99,12 +104,10 @@ void seedHash() {
 
 int replay(std::string const& file, ReplayOptions const& options, Report& report) {
   seedHash();
+  std::vector<NamedFile> files = {{"the capture", file}};
+  if (!options.scrivoFile.empty()) files.push_back({"--scrivo", options.scrivoFile});
+  refuseSharedFiles(files);
   Capture capture(file);
-  // A trace file takes the place of what had its name, and nobody means the capture by that.
-  std::error_code notThere;
-  if (std::filesystem::equivalent(file, options.scrivoFile, notThere)) {
-    return cannot(fmt::format("--scrivo: {} is the capture", options.scrivoFile));
-  }
   ScrivoRecording const scrivo(options.scrivoFile);
   for (Vel::U32 const level : options.traceLevels)
     Vel::TraceHandle::find("Pim::JoinPrune").levelIs(level, true);
@@ -112,7 +115,7 @@ int replay(std::string const& file, ReplayOptions const& options, Report& report
   std::string damage;
   try {
     Frame frame;
-    while (capture.next(frame)) machine.frameIs(frame);
+    while (std::cout && capture.next(frame)) machine.frameIs(frame);
   } catch (CaptureError const& e) {
     damage = e.what();
   }
@@ -129,29 +132,19 @@ struct SimulateOptions {
   std::string pcapFile, scrivoFile;
 };
 
-// A file with another content, which takes its place only when it is complete.
-void replaceFile(std::string const& path, std::string const& content) {
-  auto const draft = path + ".new";
-  {
-    std::ofstream file(draft, std::ios::binary | std::ios::trunc);
-    file << content;
-    if (!file.flush()) throw std::runtime_error(fmt::format("{} cannot be written", draft));
-  }
-  std::filesystem::rename(draft, path);
-}
-
 int simulateFile(std::string const& file, SimulateOptions const& options) {
-  std::error_code notThere;
-  for (auto const* const written : {&options.pcapFile, &options.scrivoFile}) {
-    if (std::filesystem::equivalent(file, *written, notThere))
-      return cannot(fmt::format("{} is the conversation", *written));
-  }
+  std::vector<NamedFile> files = {{"the conversation", file}};
+  if (!options.pcapFile.empty()) files.push_back({"--pcap", options.pcapFile});
+  if (!options.scrivoFile.empty()) files.push_back({"--scrivo", options.scrivoFile});
+  refuseSharedFiles(files);
   std::ostringstream output;
   bool const toFile = options.check || options.rewrite;
   try {
     auto const conversation = Conversation::fromFile(file);
     if (options.check && !conversation.hasRule())
       throw ConversationError(0, "expected a rule (----) and under it what is to come out");
+    std::optional<FileOutput> rewritten;
+    if (options.rewrite) rewritten.emplace(file, Scrivo::OutputFile::Use::file);
     ScrivoRecording const scrivo(options.scrivoFile);
     Simulation const* clock = nullptr;
     auto const microseconds = [&clock] { return static_cast<U64>(std::llround(clock->now() * 1e6)); };
@@ -163,7 +156,10 @@ int simulateFile(std::string const& file, SimulateOptions const& options) {
       simulate(conversation, simulation);
     }
     if (packets) packets->close();
-    if (options.rewrite) replaceFile(file, conversation.withExpected(output.view()));
+    if (rewritten) {
+      *rewritten << conversation.withExpected(output.view());
+      rewritten->close();
+    }
     if (!options.check) return allFine;
     auto const difference = conversation.difference(file, output.view());
     std::cout << difference;
@@ -178,6 +174,8 @@ int simulateFile(std::string const& file, SimulateOptions const& options) {
 enum class TraceForm { text, json, chrome };
 
 int printTrace(std::string const& file, TraceForm form) {
+  refuseSharedFiles({{"the trace file", file}});
+  traceFileIs(file);
   Scrivo::TraceReader const reader(file);
   switch (form) {
     case TraceForm::text:
@@ -243,6 +241,7 @@ int run(int argc, char** argv) {
           checked([&options](std::string const& text) { options.traceLevels = traceLevelsFromText(text); }));
   replayCommand
       ->add_option("--scrivo", options.scrivoFile, "Write the engine's ring trace file; see jpagent trace")
+      ->check(fileNamed)
       ->type_name("FILE");
 
   bool traceJson = false, traceChrome = false;
@@ -275,10 +274,12 @@ int run(int argc, char** argv) {
       ->add_flag("--rewrite", simulateOptions.rewrite, "Expect from now on what comes out: rewrites FILE")
       ->excludes(check);
   simulateCommand->add_option("--pcap", simulateOptions.pcapFile, "Write a capture of what was sent")
+      ->check(fileNamed)
       ->type_name("FILE");
   simulateCommand
       ->add_option("--scrivo", simulateOptions.scrivoFile,
                    "Write the engine's ring trace file; see jpagent trace")
+      ->check(fileNamed)
       ->type_name("FILE");
 
   try {
@@ -290,10 +291,12 @@ int run(int argc, char** argv) {
     auto const what = extras.empty() ? e.what() : fmt::format("\"{}\" is no command", extras.front());
     return cannot(fmt::format("{} (see jpagent --help)", what));
   }
+  subjectIs(file);
   if (*traceCommand) {
     return printTrace(file, traceJson ? TraceForm::json : traceChrome ? TraceForm::chrome : TraceForm::text);
   }
   if (*sampleCommand) {
+    refuseSharedFiles({{"the capture", file}});
     writeSample(file);
     return allFine;
   }
@@ -306,13 +309,23 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  endWithReasons();
   std::ios::sync_with_stdio(false);
+  StandardOutput standardOutput;
+  int status = cannotDo;
   try {
-    int const status = run(argc, argv);
-    if (!std::cout.flush()) return cannot("standard output cannot be written");
-    return status;
+    status = run(argc, argv);
+  } catch (std::bad_alloc const&) {
+    endAtOnce(ENOMEM);
   } catch (std::exception const& e) {
     std::cout.flush();
-    return cannot(e.what());
+    cannot(e.what());
   }
+  try {
+    standardOutput.close();
+  } catch (OutputError const& e) {
+    status = cannot(e.what());
+  }
+  // Trace lines were asked for, and there is no place left to say more.
+  return std::cerr ? status : cannotDo;
 }

@@ -29,6 +29,7 @@
 //   Kinds.h              kinds of events and arguments
 //   CycleCounter.h       the time stamp of a record
 //   Format.h             the layout of the file, and why a kill at any instruction leaves it readable
+//   OutputFile.h         a file that gets its name when it is complete
 //   TraceFile.h          the open file and the writing of records
 //   MessageDescriptor.h  what a call site tells the file about itself, once
 //   CallSite.h           SCRIVO_MESSAGE

@@ -3,18 +3,17 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <memory>
 #include <new>
 #include <system_error>
 
 #include "runtime/scrivo/CycleCounter.h"
+#include "runtime/scrivo/OutputFile.h"
 #include "runtime/vel/Exception.h"
 
 namespace Scrivo {
@@ -41,48 +40,17 @@ void requireSize(std::string const& path, char const* name, U64 bytes, U64 least
                    " to " + std::to_string(most));
 }
 
-// A file that is being made. It goes away again unless it is moved to its name.
-class NewFile {
- public:
-  NewFile(std::string const& path, U64 bytes) : path_(path), temporary_(path + ".XXXXXX"), bytes_(bytes) {
-    descriptor_ = mkostemp(temporary_.data(), O_CLOEXEC);
-    if (descriptor_ == -1) refuse(path_, errno);
-  }
-  NewFile(NewFile const&) = delete;
-  NewFile& operator=(NewFile const&) = delete;
-  ~NewFile() {
-    ::close(descriptor_);
-    if (!named_) unlink(temporary_.c_str());
-  }
-
-  void takeSpace() {
-    int const error = posix_fallocate(descriptor_, 0, static_cast<off_t>(bytes_));
-    if (error != 0) refuse(path_, error);
-  }
-
-  U8* map() {
-    void* const mapping = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0);
-    if (mapping == MAP_FAILED) refuse(path_, errno);
+U8* map(OutputFile const& file, U64 bytes) {
+  void* const mapping = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file.descriptor(), 0);
+  if (mapping == MAP_FAILED) refuse(file.path(), errno);
 #ifdef MADV_POPULATE_WRITE
-    // No record is to wait for its page; where this kernel cannot, the first ones do.
-    madvise(mapping, bytes_, MADV_POPULATE_WRITE);
+  // No record is to wait for its page; where this kernel cannot, the first ones do.
+  madvise(mapping, bytes, MADV_POPULATE_WRITE);
 #endif
-    return static_cast<U8*>(mapping);
-  }
+  return static_cast<U8*>(mapping);
+}
 
-  void name() {
-    if (std::rename(temporary_.c_str(), path_.c_str()) != 0) refuse(path_, errno);
-    named_ = true;
-  }
-
- private:
-  std::string const& path_;
-  std::string temporary_;
-  U64 bytes_;
-  int descriptor_ = -1;
-  bool named_ = false;
-};
-
+constexpr mode_t onlyForOwner = 0600;
 constexpr U64 oneSecond = 1'000'000'000;  // in nanoseconds
 
 U64 rate(U64 counts, U64 nanoseconds) {
@@ -126,16 +94,17 @@ TraceFile& TraceFile::open(std::string const& path, TraceOptions const& options)
   static int const childKnows = pthread_atfork(nullptr, nullptr, &TraceFile::abandonInChild);
   if (childKnows != 0) refuse(path, childKnows);
 
-  NewFile file(path, bytes);
-  file.takeSpace();
+  OutputFile file(path, OutputFile::Use::file, onlyForOwner);
+  int const noSpace = posix_fallocate(file.descriptor(), 0, static_cast<off_t>(bytes));
+  if (noSpace != 0) refuse(path, noSpace);
   auto const destroy = [](TraceFile* made) { delete made; };
-  U8* const mapping = file.map();
+  U8* const mapping = map(file, bytes);
   std::unique_ptr<TraceFile, decltype(destroy)> made(new (std::nothrow) TraceFile(mapping, bytes, rounded));
   if (!made) {
     munmap(mapping, bytes);
     refuse(path, ENOMEM);
   }
-  file.name();
+  file.commit();
   close();
   current_ = made.release();
   return *current_;

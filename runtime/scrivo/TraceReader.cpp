@@ -13,6 +13,7 @@
 #include <ostream>
 #include <span>
 #include <system_error>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -48,10 +49,11 @@ class Cursor {
     return result;
   }
 
+  // Valid as long as the bytes.
   template <class Length>
-  std::string text() {
+  std::string_view text() {
     std::span<U8 const> const taken = bytes(value<Length>());
-    return {taken.begin(), taken.end()};
+    return {reinterpret_cast<char const*>(taken.data()), taken.size()};
   }
 
   bool good() const { return good_; }
@@ -78,28 +80,42 @@ bool isTimer(std::vector<Piece> const& pieces) {
          pieces[1] == Piece(ArgumentKind::integer);
 }
 
+// The pieces of a descriptor, one after the other. False for a piece of an unknown kind; the cursor says whether all
+// were there.
+template <class OnLiteral, class OnArgument>
+bool walkPieces(Cursor& cursor, unsigned count, OnLiteral const& onLiteral, OnArgument const& onArgument) {
+  for (unsigned i = 0; i < count && cursor.good(); ++i) {
+    U8 const kind = cursor.value<U8>();
+    if (kind == Format::literalPiece)
+      onLiteral(cursor.text<Format::U16>());
+    else if (isArgumentKind(kind))
+      onArgument(static_cast<ArgumentKind>(kind));
+    else
+      return false;
+  }
+  return true;
+}
+
 std::optional<Descriptor> parseDescriptor(std::span<U8 const> bytes) {
   Cursor cursor(bytes);
   auto const header = cursor.value<Format::DescriptorHeader>();
   if (!isEventKind(header.kind)) return {};
-  Descriptor descriptor{
-      header.id, static_cast<EventKind>(header.kind), cursor.text<Format::U16>(), header.line, {}};
-  for (unsigned i = 0; i < header.pieces && cursor.good(); ++i) {
-    U8 const kind = cursor.value<U8>();
-    if (kind == Format::literalPiece)
-      descriptor.pieces.emplace_back(cursor.text<Format::U16>());
-    else if (isArgumentKind(kind))
-      descriptor.pieces.emplace_back(static_cast<ArgumentKind>(kind));
-    else
-      return {};
-  }
-  if (!cursor.doneBut8()) return {};
+  Descriptor descriptor{header.id,
+                        static_cast<EventKind>(header.kind),
+                        std::string(cursor.text<Format::U16>()),
+                        header.line,
+                        {}};
+  bool const known = walkPieces(
+      cursor, header.pieces,
+      [&](std::string_view literal) { descriptor.pieces.emplace_back(std::string(literal)); },
+      [&](ArgumentKind kind) { descriptor.pieces.emplace_back(kind); });
+  if (!known || !cursor.doneBut8()) return {};
   if (descriptor.kind == EventKind::blockTimer && !isTimer(descriptor.pieces)) return {};
   return descriptor;
 }
 
 std::optional<Argument> parseArgument(Cursor& cursor, ArgumentKind kind) {
-  if (kind == ArgumentKind::string) return cursor.text<U8>();
+  if (kind == ArgumentKind::string) return std::string(cursor.text<U8>());
   if (kind == ArgumentKind::integer) return cursor.value<std::int64_t>();
   std::span<U8 const> const bytes = cursor.bytes(cursor.value<U8>());
   if (!bytes.empty() && bytes.size() != 4 && bytes.size() != 16) return {};
@@ -275,58 +291,70 @@ TraceReader::TraceReader(std::string const& path) {
   countsPerSecond_ = source.countsPerSecond();
 
   // Rings first: whatever a record in the copy refers to is registered by now.
-  Source::RingCopy const messages = source.readRing(EventKind::message);
-  Source::RingCopy const timers = source.readRing(EventKind::blockTimer);
+  Source::RingCopy messages = source.readRing(EventKind::message);
+  Source::RingCopy timers = source.readRing(EventKind::blockTimer);
   U64 const descriptorCount = source.descriptorCount();
   Format::FileHeader const& header = source.header();
-  readDescriptors(header.descriptors, source.read(header.descriptors), descriptorCount);
+  descriptorBytes_ = source.read(header.descriptors);
+  readDescriptors(header.descriptors, descriptorCount);
   missingBytes_ = source.missingBytes();
   refusedCallSites_ = source.refusedCallSites();
   lost_[Format::ringIndex(EventKind::message)] = messages.state.overwritten;
   lost_[Format::ringIndex(EventKind::blockTimer)] = timers.state.overwritten;
-  readRing(header.rings[0], messages.bytes, messages.state, EventKind::message);
-  readRing(header.rings[1], timers.bytes, timers.state, EventKind::blockTimer);
-  sortByTime();
+  ringBytes_[0] = std::move(messages.bytes);
+  ringBytes_[1] = std::move(timers.bytes);
+  readRing(header.rings[0], messages.state, EventKind::message);
+  readRing(header.rings[1], timers.state, EventKind::blockTimer);
+  std::sort(records_.begin(), records_.end(), [](Record const& a, Record const& b) {
+    return std::tie(a.counter, a.order) < std::tie(b.counter, b.order);
+  });
 }
 
-void TraceReader::sortByTime() {
-  std::vector<std::pair<U64, std::size_t>> order;
-  for (Event const& event : events_) order.emplace_back(event.counter, order.size());
-  std::sort(order.begin(), order.end());
-  std::vector<Event> sorted;
-  sorted.reserve(events_.size());
-  for (auto const& [counter, index] : order) sorted.push_back(std::move(events_[index]));
-  events_ = std::move(sorted);
+std::vector<Event> TraceReader::events() && {
+  auto const list = std::as_const(*this).events();
+  return {list.begin(), list.end()};
+}
+
+std::vector<Descriptor> TraceReader::descriptors() && {
+  auto const list = std::as_const(*this).descriptors();
+  return {list.begin(), list.end()};
 }
 
 U64 TraceReader::lost(EventKind kind) const { return lost_[Format::ringIndex(kind)]; }
 
-void TraceReader::readDescriptors(Format::Area const& area, std::vector<U8> const& bytesThere, U64 count) {
-  std::span<U8 const> left = bytesThere;
+void TraceReader::readDescriptors(Format::Area const& area, U64 count) {
+  std::span<U8 const> left = descriptorBytes_;
   for (U64 id = 1; id <= count; ++id) {
-    U64 const at = area.offset + bytesThere.size() - left.size();
+    U64 const place = descriptorBytes_.size() - left.size(), at = area.offset + place;
     U32 bytes = 0;
     if (left.size() >= sizeof(Format::DescriptorHeader)) std::memcpy(&bytes, left.data(), sizeof bytes);
-    if (bytesThere.size() < area.bytes &&
+    if (descriptorBytes_.size() < area.bytes &&
         std::max<U64>(bytes, sizeof(Format::DescriptorHeader)) > left.size()) {
       damages_.push_back({at, endOfFile});
       return;
     }
-    if (bytes < sizeof(Format::DescriptorHeader) || bytes % 8 != 0 || bytes > left.size()) {
+    // Longer ones are not written, and a record of a few bytes may repeat all that its descriptor says.
+    if (bytes < sizeof(Format::DescriptorHeader) || bytes > Format::maxDescriptorBytes || bytes % 8 != 0 ||
+        bytes > left.size()) {
       damages_.push_back({at, "the size of a descriptor"});
       return;
     }
-    std::optional<Descriptor> descriptor = parseDescriptor(left.first(bytes));
-    if (descriptor && descriptor->id == id)
-      descriptors_.push_back(*std::move(descriptor));
-    else
-      damages_.push_back({at, "a descriptor"});
+    std::optional<Descriptor> const descriptor = parseDescriptor(left.first(bytes));
     left = left.subspan(bytes);
+    if (!descriptor || descriptor->id != id) {
+      damages_.push_back({at, "a descriptor"});
+      continue;
+    }
+    auto const firstKind = static_cast<U32>(kinds_.size());
+    for (Piece const& piece : descriptor->pieces)
+      if (auto const* const kind = std::get_if<ArgumentKind>(&piece)) kinds_.push_back(*kind);
+    sites_.push_back({descriptor->id, static_cast<U32>(place), bytes, firstKind,
+                      static_cast<U32>(kinds_.size()) - firstKind, descriptor->kind});
   }
 }
 
-void TraceReader::readRing(Format::Area const& area, std::vector<U8> const& ring,
-                           Format::RingState const& state, EventKind kind) {
+void TraceReader::readRing(Format::Area const& area, Format::RingState const& state, EventKind kind) {
+  std::vector<U8> const& ring = ringBytes_[Format::ringIndex(kind)];
   for (U64 at = state.tail; at != state.head;) {
     U64 const place = at % area.bytes;
     U32 start[2] = {};
@@ -345,54 +373,83 @@ void TraceReader::readRing(Format::Area const& area, std::vector<U8> const& ring
       damages_.push_back({area.offset + place, "the size of a record"});
       return;
     }
-    if (!filler) readRecord(area.offset + place, ring.data() + place, bytes, kind);
+    if (!filler) readRecord(area, place, bytes, kind);
     at += bytes;
   }
 }
 
-void TraceReader::readRecord(U64 offset, U8 const* record, U32 bytes, EventKind kind) {
-  Cursor cursor({record, bytes});
+void TraceReader::readRecord(Format::Area const& area, U64 place, U32 bytes, EventKind kind) {
+  U32 const ring = Format::ringIndex(kind);
+  Cursor cursor({ringBytes_[ring].data() + place, bytes});
   auto const header = cursor.value<Format::RecordHeader>();
-  auto const descriptor = std::lower_bound(descriptors_.begin(), descriptors_.end(), header.id,
-                                           [](Descriptor const& d, U32 id) { return d.id < id; });
-  if (descriptor == descriptors_.end() || descriptor->id != header.id || descriptor->kind != kind) {
-    damages_.push_back({offset, "a record of an unknown call site"});
+  Site const* const from = site(header.id);
+  if (!from || from->kind != kind) {
+    damages_.push_back({area.offset + place, "a record of an unknown call site"});
     return;
   }
+  bool whole = true;
+  for (U32 i = 0; i < from->kinds && whole && cursor.good(); ++i)
+    whole = parseArgument(cursor, kinds_[from->firstKind + i]).has_value();
+  if (!whole || !cursor.doneBut8()) {
+    damages_.push_back({area.offset + place, "a record"});
+    return;
+  }
+  records_.push_back({header.counter, static_cast<U32>(records_.size()), ring & 1,
+                      static_cast<U32>(place / 8) & 0x7fffffffu});
+}
+
+TraceReader::Site const* TraceReader::site(U32 id) const {
+  auto const found = std::lower_bound(sites_.begin(), sites_.end(), id,
+                                      [](Site const& s, U32 wanted) { return s.id < wanted; });
+  return found == sites_.end() || found->id != id ? nullptr : &*found;
+}
+
+Descriptor TraceReader::descriptor(std::size_t index) const {
+  Site const& from = sites_[index];
+  return *parseDescriptor(std::span(descriptorBytes_).subspan(from.offset, from.bytes));
+}
+
+Descriptor TraceReader::descriptorOf(Event const& event) const {
+  return descriptor(static_cast<std::size_t>(site(event.descriptor) - sites_.data()));
+}
+
+// All of it was looked at when the file was read, and is there.
+Event TraceReader::event(std::size_t index) const {
+  Record const& place = records_[index];
+  U8 const* const bytes = ringBytes_[place.ring].data() + U64(place.place) * 8;
+  U32 size;
+  std::memcpy(&size, bytes, sizeof size);
+  Cursor record({bytes, size});
+  auto const header = record.value<Format::RecordHeader>();
+  Site const& from = *site(header.id);
+  Cursor descriptor(std::span(descriptorBytes_).subspan(from.offset, from.bytes));
+  auto const about = descriptor.value<Format::DescriptorHeader>();
+
   double const countsPerSecond = static_cast<double>(countsPerSecond_);
   double const sinceOpen = static_cast<double>(static_cast<std::int64_t>(header.counter - counterAtOpen_));
   Event event{header.counter,
               sinceOpen / countsPerSecond,
-              kind,
+              from.kind,
               header.id,
-              descriptor->source,
-              descriptor->line,
+              std::string(descriptor.text<Format::U16>()),
+              about.line,
               {},
               {},
               0,
               0};
-  for (Piece const& piece : descriptor->pieces) {
-    if (auto const* literal = std::get_if<std::string>(&piece)) {
-      event.text += *literal;
-      continue;
-    }
-    std::optional<Argument> argument = parseArgument(cursor, std::get<ArgumentKind>(piece));
-    if (!argument) {
-      damages_.push_back({offset, "a record"});
-      return;
-    }
-    if (kind == EventKind::message) event.text += toText(*argument);
-    event.arguments.push_back(*std::move(argument));
-  }
-  if (!cursor.doneBut8()) {
-    damages_.push_back({offset, "a record"});
-    return;
-  }
-  if (kind == EventKind::blockTimer) {
+  event.arguments.reserve(from.kinds);
+  walkPieces(
+      descriptor, about.pieces, [&](std::string_view literal) { event.text += literal; },
+      [&](ArgumentKind kind) {
+        Argument argument = *parseArgument(record, kind);
+        if (event.kind == EventKind::message) event.text += toText(argument);
+        event.arguments.push_back(std::move(argument));
+      });
+  if (event.kind == EventKind::blockTimer) {
     event.elapsed = static_cast<U64>(std::get<std::int64_t>(event.arguments.front()));
     event.elapsedSeconds = static_cast<double>(event.elapsed) / countsPerSecond;
   }
-  events_.push_back(std::move(event));
+  return event;
 }
 
 ArgumentKind kindOf(Argument const& argument) {

@@ -8,8 +8,10 @@
 // a snapshot: to follow a file, make another.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -83,7 +85,73 @@ struct Damage {
   char const* what;
 };
 
-/// Reads whatever the bytes are: nothing in the file is believed before it was checked.
+class TraceReader;
+
+/// The events or the descriptors of a reader, by position. Each is composed when it is asked for: a record of 16 bytes
+/// can stand for a text of 8 KiB, so all of them together could take many times the memory that the file has bytes.
+/// Valid as long as the reader is where it is.
+template <class Item>
+class TraceList {
+ public:
+  using value_type = Item;  ///< An event or a descriptor, by value.
+
+  /// From the first to the last.
+  class const_iterator {
+   public:
+    using value_type = Item;                             ///< What it gives.
+    using reference = Item;                              ///< By value.
+    using pointer = void;                                ///< There is nothing to point at.
+    using difference_type = std::ptrdiff_t;              ///< Of positions.
+    using iterator_category = std::input_iterator_tag;   ///< As far as values go.
+    using iterator_concept = std::forward_iterator_tag;  ///< It can walk more than once.
+
+    const_iterator() = default;
+    /// At a position of a list.
+    const_iterator(TraceList const& list, std::size_t index) : list_(list), index_(index) {}
+
+    /// Composes the item.
+    Item operator*() const { return list_[index_]; }
+    /// The next one.
+    const_iterator& operator++() {
+      ++index_;
+      return *this;
+    }
+    /// The next one, by the position before.
+    const_iterator operator++(int) { return {list_, index_++}; }
+    /// Whether both are at the same position. REQUIRES: of the same list.
+    friend bool operator==(const_iterator const& a, const_iterator const& b) { return a.index_ == b.index_; }
+
+   private:
+    TraceList list_;
+    std::size_t index_ = 0;
+  };
+
+  TraceList() = default;
+
+  /// How many there are.
+  std::size_t size() const { return size_; }
+  /// Whether there are none.
+  bool empty() const { return size_ == 0; }
+  /// Composes the item at a position. REQUIRES: index < size().
+  Item operator[](std::size_t index) const { return (reader_->*compose_)(index); }
+  /// At the first.
+  const_iterator begin() const { return {*this, 0}; }
+  /// Behind the last.
+  const_iterator end() const { return {*this, size_}; }
+
+ private:
+  friend TraceReader;
+  using Compose = Item (TraceReader::*)(std::size_t) const;
+  TraceList(TraceReader const& reader, std::size_t size, Compose compose)
+      : reader_(&reader), size_(size), compose_(compose) {}
+
+  TraceReader const* reader_ = nullptr;
+  std::size_t size_ = 0;
+  Compose compose_ = nullptr;
+};
+
+/// Reads whatever the bytes are: nothing in the file is believed before it was checked. Takes time in proportion to
+/// the file's size, and at most a few times as much memory.
 class VEL_API TraceReader {
  public:
   /// Reads the file. Throws Vel::RangeException "<path>: <reason>" if it is not a trace file, is longer than
@@ -92,15 +160,17 @@ class VEL_API TraceReader {
   explicit TraceReader(std::string const& path);
 
   /// The whole records of both rings by time; equal times in the order of recording, messages first.
-  /// A reader that is about to go gives them away, so `for (auto& e : TraceReader(path).events())` is sound.
-  std::vector<Event> const& events() const& { return events_; }
-  /// The same, of a reader that is about to go.
-  std::vector<Event> events() && { return std::move(events_); }
+  TraceList<Event> events() const& { return {*this, records_.size(), &TraceReader::event}; }
+  /// The same, of a reader that is about to go, so that `for (auto& e : TraceReader(path).events())` is sound. Takes
+  /// the memory of all texts at once.
+  std::vector<Event> events() &&;
 
   /// In the order of registration.
-  std::vector<Descriptor> const& descriptors() const& { return descriptors_; }
+  TraceList<Descriptor> descriptors() const& { return {*this, sites_.size(), &TraceReader::descriptor}; }
   /// The same, of a reader that is about to go.
-  std::vector<Descriptor> descriptors() && { return std::move(descriptors_); }
+  std::vector<Descriptor> descriptors() &&;
+  /// The call site of one of this reader's events.
+  Descriptor descriptorOf(Event const& event) const;
 
   /// How many events of this kind were overwritten by newer ones.
   U64 lost(EventKind kind) const;
@@ -125,20 +195,41 @@ class VEL_API TraceReader {
  private:
   class Source;
 
-  // Of each area there may be less than it should have. The offset of a record is that in the file.
-  void readDescriptors(Format::Area const& area, std::vector<U8> const& bytesThere, U64 count);
-  void readRing(Format::Area const& area, std::vector<U8> const& ring, Format::RingState const& state,
-                EventKind kind);
-  void readRecord(U64 offset, U8 const* record, U32 bytes, EventKind kind);
-  void sortByTime();
+  /// A call site whose descriptor is whole.
+  struct Site {
+    U32 id;
+    U32 offset, bytes;  // in descriptorBytes_
+    U32 firstKind, kinds;
+    EventKind kind;
+  };
+  /// A whole record.
+  struct Record {
+    U64 counter;
+    U32 order;  // of the file
+    U32 ring : 1;
+    U32 place : 31;  // in the ring, in units of 8 bytes
+  };
+
+  Event event(std::size_t index) const;
+  Descriptor descriptor(std::size_t index) const;
+  Site const* site(U32 id) const;
+
+  // Of each area there may be less than it should have.
+  void readDescriptors(Format::Area const& area, U64 count);
+  void readRing(Format::Area const& area, Format::RingState const& state, EventKind kind);
+  void readRecord(Format::Area const& area, U64 place, U32 bytes, EventKind kind);
 
   // Fixed by the header.
   U64 counterAtOpen_ = 0;
   U64 countsPerSecond_ = 0;
   U64 realtimeAtOpen_ = 0;
+  // The areas, as far as they are there.
+  std::vector<U8> descriptorBytes_;
+  std::vector<U8> ringBytes_[2];
   // Filled area by area.
-  std::vector<Descriptor> descriptors_;
-  std::vector<Event> events_;
+  std::vector<Site> sites_;
+  std::vector<ArgumentKind> kinds_;  // of the arguments of all sites, one after the other
+  std::vector<Record> records_;
   U64 lost_[2] = {};
   U64 refusedCallSites_ = 0;
   U64 missingBytes_ = 0;

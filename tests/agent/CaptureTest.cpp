@@ -362,11 +362,20 @@ TEST_F(CaptureTest, WhatTheWriterWritesIsReadAgain) {
   EXPECT_EQ(shown(path), "1 0.000000 ethernet 2 bytes; 2 1.250000 ethernet 60 bytes");
 }
 
+TEST_F(CaptureTest, WhatTheWriterWritesIsWhatLibpcapWouldWrite) {
+  auto const path = folder_.file("written.pcap");
+  CaptureWriter writer(path);
+  std::vector<TimedFrame> const frames = {{1'000'007, twoBytes}, {1'700'000'000'999'999, Bytes(60, 7)}};
+  for (auto const& frame : frames) writer.frameAdd(frame.microseconds, frame.bytes);
+  writer.close();
+  EXPECT_EQ(readBytes(path), readBytes(writeCapture(folder_, DLT_EN10MB, frames)));
+}
+
 TEST_F(CaptureTest, AFileThatCannotBeWrittenIsNamed) {
   try {
     CaptureWriter writer(folder_.file("no/such/folder"));
     FAIL() << "written";
-  } catch (CaptureError const& e) {
+  } catch (OutputError const& e) {
     EXPECT_EQ(e.what(), folder_.file("no/such/folder") + ": No such file or directory");
   }
 }
@@ -378,7 +387,7 @@ TEST_F(CaptureTest, AFullDiskIsNoticed) {
   try {
     writer.close();
     FAIL() << "closed";
-  } catch (CaptureError const& e) {
+  } catch (OutputError const& e) {
     EXPECT_STREQ(e.what(), "/dev/full: No space left on device");
   }
 }

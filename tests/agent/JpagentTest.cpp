@@ -2,9 +2,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <csignal>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <thread>
 
 #include "agent/FrameBuilder.h"
 #include "tests/agent/Support.h"
@@ -26,6 +31,13 @@ class JpagentTest : public testing::Test {
   std::string sample() const {
     auto const path = folder_.file("sample.pcap");
     EXPECT_EQ(jpagent({"sample", path}).status, 0);
+    return path;
+  }
+
+  /// Writes a conversation in which packets are sent, with a rule and nothing under it.
+  static std::string conversation(std::string const& path) {
+    std::ofstream(path) << "# A join.\nintf eth0 10.0.0.1/24\nneighbor 10.0.0.2 on eth0\nstart\n"
+                           "triggered 10.0.0.2 join (10.9.0.1,239.1.1.1)\nwait 1\n----\n";
     return path;
   }
 
@@ -278,7 +290,169 @@ TEST_F(JpagentTest, OutputThatCannotBeWrittenIsAnError) {
   if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
   auto const outcome = run("sh", {"-c", "exec " JPAGENT " replay " + sample() + " > /dev/full"});
   EXPECT_EQ(outcome.status, 2);
-  EXPECT_EQ(outcome.err, "jpagent: standard output cannot be written\n");
+  EXPECT_EQ(outcome.err, "jpagent: standard output: No space left on device\n");
+}
+
+TEST_F(JpagentTest, AStandardOutputThatIsClosedIsAnErrorAndNoFileTakesItsPlace) {
+  auto const file = sample(), sent = folder_.file("sent.pcap"), story = folder_.file("story.txt");
+  for (auto const& call : {"replay " + file, "simulate --pcap " + sent + " " + conversation(story)}) {
+    auto const outcome = run("sh", {"-c", "exec " JPAGENT " " + call + " >&- <&-"});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.err, "jpagent: standard output: Bad file descriptor\n");
+  }
+  EXPECT_EQ(readText(sent).find("machine"), std::string::npos);
+}
+
+TEST_F(JpagentTest, TraceLinesThatCannotBeWrittenAreAnError) {
+  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
+  auto const file = writeCapture(folder_, DLT_RAW, {{7, goodDatagram()}});
+  EXPECT_EQ(run("sh", {"-c", "exec " JPAGENT " replay --trace 7 " + file + " 2> /dev/full"}).status, 2);
+  EXPECT_EQ(run("sh", {"-c", "exec " JPAGENT " replay " + file + " 2> /dev/full"}).status, 0);
+}
+
+TEST_F(JpagentTest, TwoFilesOfOneCallThatAreOneAreRefusedBeforeAnythingIsOpened) {
+  auto const story = conversation(folder_.file("story.txt")), one = folder_.file("one"),
+             none = folder_.file("none");
+  std::ofstream(one) << "one";
+  auto const link = folder_.file("link"), dangling = folder_.file("dangling"), hard = folder_.file("hard");
+  std::filesystem::create_symlink("one", link);
+  std::filesystem::create_symlink("none", dangling);
+  std::filesystem::create_hard_link(one, hard);
+  auto const told = readText(story);
+  struct {
+    std::string pcap, scrivo, message;
+  } const rows[] = {
+      {one, one, "--scrivo: " + one + " is the file of --pcap"},
+      {one, folder_.file("./one"), "--scrivo: " + folder_.file("./one") + " is the file of --pcap"},
+      {one, link, "--scrivo: " + link + " is the file of --pcap"},
+      {one, hard, "--scrivo: " + hard + " is the file of --pcap"},
+      {none, none, "--scrivo: " + none + " is the file of --pcap"},
+      {none, dangling, "--scrivo: " + dangling + " is the file of --pcap"},
+      {story, none, "--pcap: " + story + " is the conversation"},
+      {none, story, "--scrivo: " + story + " is the conversation"},
+  };
+  for (auto const& row : rows) {
+    for (std::string const how : {"--check", "--rewrite"}) {
+      auto const outcome = jpagent({"simulate", how, "--pcap", row.pcap, "--scrivo", row.scrivo, story});
+      EXPECT_EQ(outcome.status, 2);
+      EXPECT_EQ(outcome.err, "jpagent: " + row.message + "\n");
+    }
+  }
+  EXPECT_EQ(readText(one), "one");
+  EXPECT_EQ(readText(story), told);
+  EXPECT_FALSE(std::filesystem::exists(none));
+
+  auto const out = folder_.file("out");
+  auto const both = run("sh", {"-c", "exec " JPAGENT " simulate --pcap " + out + " " + story + " > " + out});
+  EXPECT_EQ(both.status, 2);
+  EXPECT_EQ(both.err, "jpagent: --pcap: " + out + " is standard output\n");
+  EXPECT_EQ(readText(out), "");
+  auto const behind = run("sh", {"-c", "exec " JPAGENT " simulate " + story + " >> " + story});
+  EXPECT_EQ(behind.status, 2);
+  EXPECT_EQ(behind.err, "jpagent: the conversation: " + story + " is standard output\n");
+}
+
+TEST_F(JpagentTest, AFifoThatAnOutputNamesStaysOneAndTakesAPlainStream) {
+  auto const story = conversation(folder_.file("story.txt")), fifo = folder_.file("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  auto const ring = jpagent({"simulate", "--scrivo", fifo, story});
+  EXPECT_EQ(ring.status, 2);
+  EXPECT_EQ(ring.err, "jpagent: " + fifo + ": is a FIFO\n");
+  int const reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(reader, 0);
+  auto const whole = readBytes(sample());
+  EXPECT_EQ(jpagent({"sample", fifo}).status, 0);
+  Bytes through(whole.size() + 1);
+  EXPECT_EQ(::read(reader, through.data(), through.size()), static_cast<ssize_t>(whole.size()));
+  through.pop_back();
+  EXPECT_EQ(through, whole);
+  EXPECT_EQ(jpagent({"simulate", "--pcap", fifo, story}).status, 0);
+  ::close(reader);
+  EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+}
+
+TEST_F(JpagentTest, RewritingTouchesNoOtherFileAndKeepsTheModeAndTheLink) {
+  auto const story = conversation(folder_.file("story.txt")), link = folder_.file("link.txt");
+  std::filesystem::create_symlink("story.txt", link);
+  for (auto const& other : {story, link}) std::ofstream(other + ".new") << "another one";
+  ASSERT_EQ(chmod(story.c_str(), 0640), 0);
+  EXPECT_EQ(jpagent({"simulate", "--rewrite", link}).status, 0);
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
+  EXPECT_THAT(readText(story), HasSubstr("----\n0.000 machine"));
+  struct stat status;
+  ASSERT_EQ(stat(story.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640u);
+  for (auto const& other : {story, link}) EXPECT_EQ(readText(other + ".new"), "another one");
+  EXPECT_EQ(jpagent({"simulate", "--check", story}).status, 0);
+}
+
+TEST_F(JpagentTest, WhatFailsLeavesTheOlderFilesAsTheyWereAndNoOthers) {
+  auto const story = folder_.file("story.txt"), sent = folder_.file("sent.pcap");
+  std::ofstream(story) << "# Fails in its last line.\nintf eth0 10.0.0.1/24\nstart\nstart\n----\n";
+  std::ofstream(sent) << "older";
+  auto const told = readText(story);
+  EXPECT_EQ(jpagent({"simulate", "--rewrite", "--pcap", sent, story}).status, 2);
+  EXPECT_EQ(readText(sent), "older");
+  EXPECT_EQ(readText(story), told);
+  auto const there = std::filesystem::directory_iterator(std::filesystem::path(story).parent_path());
+  EXPECT_EQ(std::distance(begin(there), end(there)), 2);
+}
+
+TEST_F(JpagentTest, AnEmptyNameOfAFileIsRefused) {
+  auto const story = conversation(folder_.file("story.txt"));
+  for (char const* option : {"--pcap", "--scrivo"}) {
+    auto const outcome = jpagent({"simulate", option, "", story});
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_THAT(outcome.err, HasSubstr(std::string("jpagent: ") + option + ": needs the name of a file"));
+  }
+}
+
+TEST_F(JpagentTest, AConversationThatCannotBeReadIsNamedWithTheSystemsReason) {
+  auto const folder = folder_.file("folder"), missing = folder_.file("missing");
+  std::filesystem::create_directory(folder);
+  EXPECT_EQ(jpagent({"simulate", folder}).err, "jpagent: " + folder + ": Is a directory\n");
+  EXPECT_EQ(jpagent({"simulate", missing}).err, "jpagent: " + missing + ": No such file or directory\n");
+}
+
+TEST_F(JpagentTest, ARingThatSomebodyTruncatesEndsTheRunWithItsName) {
+  auto const capture = writeCapture(folder_, DLT_RAW, std::vector<TimedFrame>(2000, {7, goodDatagram()}));
+  auto const bytes = readBytes(capture);
+  auto const fifo = folder_.file("fifo"), ring = folder_.file("ring");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::signal(SIGPIPE, SIG_IGN);
+  // The run waits for frames until its ring has been emptied.
+  std::thread feeder([&] {
+    int const end = ::open(fifo.c_str(), O_WRONLY);
+    auto const put = [&](std::size_t from, std::size_t size) {
+      return ::write(end, bytes.data() + from, size) == static_cast<ssize_t>(size);
+    };
+    if (put(0, 100)) {
+      while (!std::filesystem::exists(ring)) std::this_thread::yield();
+      std::filesystem::resize_file(ring, 0);
+      put(100, bytes.size() - 100);
+    }
+    ::close(end);
+  });
+  auto const outcome = jpagent({"replay", "--scrivo", ring, fifo});
+  feeder.join();
+  std::signal(SIGPIPE, SIG_DFL);
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err, "jpagent: " + ring + ": truncated while it was open\n");
+}
+
+TEST_F(JpagentTest, ARunThatIsToldToEndTakesItsUnfinishedFilesAway) {
+  auto const story = folder_.file("story"), sent = folder_.file("sent.pcap"), ring = folder_.file("ring");
+  std::ofstream file(story);
+  file << "# Takes long.\nintf eth0 10.0.0.1/24\nneighbor 10.0.0.2 on eth0\nstart\n"
+          "periodic 10.0.0.2 join (10.9.0.1,239.1.1.1)\n";
+  for (int i = 0; i < 10000; ++i) file << "wait 900000\n";
+  file.close();
+  auto const outcome = run("sh", {"-c", JPAGENT " simulate --scrivo " + ring + " --pcap " + sent + " " +
+                                            story + " > /dev/null & while [ ! -e " + ring +
+                                            " ]; do sleep 0.01; done; sleep 0.3; kill -TERM $!; wait $!"});
+  EXPECT_EQ(outcome.status, 128 + SIGTERM);
+  auto const there = std::filesystem::directory_iterator(std::filesystem::path(story).parent_path());
+  EXPECT_EQ(std::distance(begin(there), end(there)), 2);
 }
 
 /// "3 join (*,G) 239.1.1.1" for each entry.

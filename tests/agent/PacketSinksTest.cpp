@@ -100,10 +100,14 @@ TEST(PacketSinksTest, APcapFileHasWholeDatagramsThatTheProjectsOwnCaptureReads) 
   EXPECT_FALSE(capture.next(frame));
 }
 
-TEST(PacketSinksTest, APcapFileIsCompleteWhenTheSinkHasGone) {
+TEST(PacketSinksTest, APcapFileHasItsNameWhenTheSinkIsClosedAndNotBefore) {
   TemporaryFolder const folder;
   auto const path = folder.file("sent.pcap");
   PcapPackets(path).send(packet(true, 210));
+  EXPECT_THROW(Capture capture(path), CaptureError);
+  PcapPackets packets(path);
+  packets.send(packet(true, 210));
+  packets.close();
   Capture capture(path);
   Frame frame;
   EXPECT_TRUE(capture.next(frame));
@@ -114,7 +118,9 @@ TEST(PacketSinksTest, WithoutAClockThePacketsHaveTheSystemsTime) {
   TemporaryFolder const folder;
   auto const path = folder.file("sent.pcap");
   std::time_t const before = std::time(nullptr);
-  PcapPackets(path).send(packet(true, 210));
+  PcapPackets packets(path);
+  packets.send(packet(true, 210));
+  packets.close();
   std::time_t const after = std::time(nullptr);
   // The first packet's seconds lie behind the file's 24 bytes, in the order of this machine.
   auto const bytes = readBytes(path);
@@ -127,10 +133,10 @@ TEST(PacketSinksTest, WithoutAClockThePacketsHaveTheSystemsTime) {
 
 TEST(PacketSinksTest, APcapFileThatCannotBeMadeIsSaidAtOnceAndOneThatIsFullAtItsEnd) {
   TemporaryFolder const folder;
-  EXPECT_THROW(PcapPackets(folder.file("nowhere/sent.pcap")), CaptureError);
+  EXPECT_THROW(PcapPackets(folder.file("nowhere/sent.pcap")), OutputError);
   PcapPackets full("/dev/full");
   full.send(packet(true, 210));
-  EXPECT_THROW(full.close(), CaptureError);
+  EXPECT_THROW(full.close(), OutputError);
 }
 
 // What tshark says about a capture, entry by entry in the form of describe(), or why a packet is not good.

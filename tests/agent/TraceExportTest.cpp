@@ -10,6 +10,7 @@
 
 #include "runtime/scrivo/Scrivo.h"
 #include "tests/agent/Support.h"
+#include "tests/runtime/scrivo/CraftedRing.h"
 
 namespace Routing::Pim::Agent {
 namespace {
@@ -248,6 +249,58 @@ TEST_F(TraceExportTest, ATimeThatIsLongInComputingDoesNotGoBack) {
   EXPECT_GE(after, before);
   EXPECT_GE(later, 9000000);
   EXPECT_LT(later, 9001000 + 2000000);
+}
+
+TEST_F(TraceExportTest, WhateverTheTimesAreEventsAreInTheirOrderAndNoneEndsBeforeItsBegin) {
+  using Scrivo::EventKind;
+  using Scrivo::Test::CraftedRing;
+  constexpr auto most = std::numeric_limits<std::int64_t>::max(),
+                 least = std::numeric_limits<std::int64_t>::min();
+  constexpr auto integer = Scrivo::ArgumentKind::integer;
+  auto const number = [](std::int64_t value) {
+    return std::string(reinterpret_cast<char const*>(&value), sizeof value);
+  };
+  for (Vel::U64 const rate : {Vel::U64{1}, Vel::U64{1'000'000'000}, ~Vel::U64{0}}) {
+    CraftedRing ring;
+    auto const clock = ring.descriptor(EventKind::message, "Simulation",
+                                       CraftedRing::literal("Clock: ") + CraftedRing::place(integer), 2);
+    auto const text = ring.descriptor(
+        EventKind::message, "Simulation",
+        CraftedRing::literal("Clock: ") + CraftedRing::place(Scrivo::ArgumentKind::string), 2);
+    auto const timer = ring.descriptor(EventKind::blockTimer, "T",
+                                       CraftedRing::literal("void f()") + CraftedRing::place(integer), 2);
+    for (Vel::U64 const counter : {Vel::U64{0}, Vel::U64{1} << 40, Vel::U64{1} << 63, ~Vel::U64{0}}) {
+      for (std::int64_t const value :
+           {least, std::int64_t{-1}, std::int64_t{0}, std::int64_t{1} << 53, most}) {
+        ring.record(EventKind::message, clock, counter, number(value));
+        ring.record(EventKind::blockTimer, timer, counter, number(value));
+      }
+      ring.record(EventKind::message, text, counter, std::string("\1x"));
+    }
+    auto const bytes = ring.bytes(rate);
+    auto const file = folder_.with("crafted", Bytes(bytes.begin(), bytes.end()));
+    int slices = 0;
+    for (auto const& event : json::parse(chrome(file))["traceEvents"]) {
+      if (event["ph"] != "X") continue;
+      ++slices;
+      EXPECT_GE(event["dur"].get<double>(), 0) << event;
+      EXPECT_LE(std::abs(event["ts"].get<double>()), 3e15) << event;
+    }
+    EXPECT_EQ(slices, 20);
+  }
+}
+
+TEST_F(TraceExportTest, EveryArgumentIsThereWhateverItIsCalled) {
+  open();
+  SCRIVO_MESSAGE("Sm", "Did text: ", 1, ", text: ", 2, ", source: ", 3, ", text#2: ", 4, ", text: ", 5,
+                 ", : ", 6);
+  auto const arguments = trackEvents().back()["args"];
+  EXPECT_EQ(arguments.size(), 8u) << arguments;
+  EXPECT_EQ(arguments["text"], "Did text: 1, text: 2, source: 3, text#2: 4, text: 5, : 6");
+  int sum = 0;
+  for (auto const& argument : arguments)
+    if (argument.is_number()) sum += argument.get<int>();
+  EXPECT_EQ(sum, 1 + 2 + 3 + 4 + 5 + 6);
 }
 
 class TraceCommandTest : public TraceExportTest {

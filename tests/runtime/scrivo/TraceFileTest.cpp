@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <random>
 
 #include "runtime/scrivo/CycleCounter.h"
+#include "tests/AnotherProcess.h"
 #include "tests/runtime/scrivo/TraceFixture.h"
 
 namespace Scrivo::Test {
@@ -50,11 +52,12 @@ int newestOf(TraceReader const& reader) {
   for (Event const& event : reader.events())
     if (event.kind == EventKind::message) number = static_cast<int>(std::get<2>(event.arguments[0]));
   int expected = number;
-  for (auto event = reader.events().rbegin(); event != reader.events().rend(); ++event)
-    if (event->kind == EventKind::message) {
-      EXPECT_EQ(event->text, numberedText(expected));
-      --expected;
-    }
+  for (std::size_t i = reader.events().size(); i-- > 0;) {
+    Event const event = reader.events()[i];
+    if (event.kind != EventKind::message) continue;
+    EXPECT_EQ(event.text, numberedText(expected));
+    --expected;
+  }
   return number;
 }
 
@@ -185,6 +188,68 @@ TEST_F(TraceFileTest, RefusesAPathThatCannotBeMadeAndKeepsTheOpenFile) {
   SCRIVO_MESSAGE("T", "still here");
   EXPECT_THAT(messages(), ElementsAre("still here"));
   EXPECT_THAT(filesThere(), testing::UnorderedElementsAre("trace", "folder"));
+}
+
+TEST_F(TraceFileTest, RefusesAFifoAndLeavesItThere) {
+  ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+  EXPECT_EQ(refusal(path("fifo")), path("fifo") + ": is a FIFO");
+  EXPECT_TRUE(std::filesystem::is_fifo(path("fifo")));
+  EXPECT_THAT(filesThere(), ElementsAre("fifo"));
+}
+
+TEST_F(TraceFileTest, FollowsALinkToItsTargetAndKeepsTheModeOfAFileThere) {
+  write("target", "older");
+  ASSERT_EQ(chmod(path("target").c_str(), 0640), 0);
+  std::filesystem::create_symlink("target", path());
+  TraceFile::open(path());
+  SCRIVO_MESSAGE("T", "through the link");
+  EXPECT_TRUE(std::filesystem::is_symlink(path()));
+  EXPECT_THAT(messages("target"), ElementsAre("through the link"));
+  struct stat status;
+  ASSERT_EQ(stat(path("target").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640u);
+  TraceFile::open(path("new"));
+  ASSERT_EQ(stat(path("new").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST_F(TraceFileTest, CanBeRotatedByARenameAndAnotherOpen) {
+  TraceFile::open(path());
+  SCRIVO_MESSAGE("T", "first");
+  std::filesystem::rename(path(), path("trace.1"));
+  SCRIVO_MESSAGE("T", "still into the first");
+  TraceFile::open(path());
+  SCRIVO_MESSAGE("T", "second");
+  EXPECT_THAT(messages("trace.1"), ElementsAre("first", "still into the first"));
+  EXPECT_THAT(messages(), ElementsAre("second"));
+}
+
+// For somebody who handles SIGBUS.
+TEST_F(TraceFileTest, KnowsWhichAddressesLieInTheFile) {
+  TraceFile const& file = TraceFile::open(path(), smallest);
+  static TraceFile const* asked = &file;
+  asked = &file;
+  auto const ended = inACopy([this](int end) {
+    // A child of fork(2) has no file open, so it opens one.
+    asked = &TraceFile::open(path("of the copy"), smallest);
+    static int said;
+    said = end;
+    struct sigaction action = {};
+    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = [](int, siginfo_t* info, void*) {
+      say(said, asked->contains(info->si_addr) ? "truncated" : "elsewhere");
+      _exit(0);
+    };
+    sigaction(SIGBUS, &action, nullptr);
+    if (truncate(path("of the copy").c_str(), 0) != 0) _exit(3);
+    SCRIVO_MESSAGE("T", "into nothing");
+    _exit(4);
+  });
+  EXPECT_EQ(ended.said, "truncated");
+  EXPECT_EQ(ended.status, 0);
+  int outside = 0;
+  EXPECT_FALSE(file.contains(&outside));
+  EXPECT_FALSE(file.contains(nullptr));
 }
 
 TEST_F(TraceFileTest, RefusesSizesThatAreOutOfRange) {
