@@ -29,7 +29,7 @@ constexpr std::size_t maxPayload = 65535 - ipv4HeaderSize;
 
 // RFC 7761, 4.9.1: an encoded group or source has four bytes beside its address; a group set has two counts
 // of two bytes behind its group.
-std::size_t sourceSize(AddressFamily family) { return 4 + IpGenAddr::zero(family).bytes().size(); }
+std::size_t sourceSize(AddressFamily family) { return 4 + IpGenAddr::zero(family).width() / 8u; }
 std::size_t groupSize(AddressFamily family) { return sourceSize(family) + 4; }
 
 // A group's entries in the order in which they go into messages. The (S,G,rpt) prunes come next to the (*,G)

@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <valgrind/callgrind.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -126,6 +127,36 @@ struct Timers {
   Vel::Ptr<Zanth::TimerWheel> const wheel = Vel::create<Zanth::TimerWheel>([this] { return time; });
   std::vector<Vel::Ptr<Timer>> timers;
 };
+
+/// Many timers in one second. The earliest becomes the last, or another one is armed before it and disarmed,
+/// and each time the loop asks how long it may sleep.
+Body earliestOf(U32 size) {
+  auto const timers = std::make_shared<std::vector<Vel::Ptr<Timer>>>();
+  auto const wheel = Vel::create<Zanth::TimerWheel>([] { return 0.0; });
+  double const step = 1.0 / size;
+  for (U32 i = 0; i <= size; ++i) {
+    timers->push_back(Vel::create<Timer>());
+    timers->back()->notifierIs(wheel);
+    timers->back()->timeMinIs(60 + i * step);
+  }
+  auto const front = timers->back();
+  auto const ask = [=](double expected) {
+    if (std::abs(wheel->timeMin() - expected) > step / 2) std::abort();
+  };
+  front->timeMinIs(1);
+  front->timeMinIs(Vel::never);
+  ask(60);  // does what arming has put off
+  return [=] {
+    for (U32 i = 0; i < 10'000; ++i) {
+      (*timers)[i]->timeMinIs(61 + i * step);
+      if (i + 1 < size) ask(60 + (i + 1) * step);
+      front->timeMinIs(1);
+      ask(1);
+      front->timeMinIs(Vel::never);
+      if (i + 1 < size) ask(60 + (i + 1) * step);
+    }
+  };
+}
 
 Body onTimers(bool armed, void (*operation)(Timers&)) {
   auto const timers = std::make_shared<Timers>();
@@ -251,6 +282,8 @@ std::vector<Scenario> scenarios() {
   all.push_back(
       {"timers, re-arm", [] { return onTimers(true, [](Timers& timers) { timers.arm(timers.others); }); }});
   all.push_back({"timers, cancel", [] { return onTimers(true, [](Timers& timers) { timers.cancel(); }); }});
+  all.push_back({"timers, earliest of 10k", [] { return earliestOf(10'000); }});
+  all.push_back({"timers, earliest of 100k", [] { return earliestOf(100'000); }});
   all.push_back({"timers, fire", [] { return onTimers(true, [](Timers& timers) { timers.fire(); }); }});
   all.push_back({"disabled trace line", disabledTraceLine});
   all.push_back({"ring message and block timer", ringMessage});

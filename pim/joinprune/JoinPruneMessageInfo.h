@@ -68,6 +68,7 @@ class VEL_API JoinPruneMessageInfo final : public Vel::Entity {
     if (riKey_.routeIs(source, group))
       velDeliver<NotifieeConst, riKeyId>([](NotifieeConst& r) { r.onRiKey(); });
   }
+  void velRouteIs(Dova::IpGenAddr const&, Dova::IpGenAddr const&) const { Vel::throwConstInstance(); }
 
   /// True if nobody watches, so that nobody hears of what is written before the last of many entries.
   bool velUnheard() const { return !velWatched(); }
@@ -84,6 +85,10 @@ class VEL_API JoinPruneMessageInfo final : public Vel::Entity {
     riKey_.routeIs(source.key(), group);
     sourceFlags_ = Packet::sgFlags;
     rxCount_ += sources.size();
+  }
+  void velJoinsAre(Dova::IpGenAddr const&, Seconds, Dova::IpGenAddr const&,
+                   Vel::HashSet<Dova::IpGenAddr> const&) const {
+    Vel::throwConstInstance();
   }
 
   Vel::AttributeTable const& attributeTable() const override;

@@ -228,12 +228,13 @@ Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::newJoinPruneNeighborSm(
     Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
     Vel::Ptr<Zanth::TimerWheel> timerWheel, double const& overrideInterval,
     Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage) {
+  auto const where = Vel::vacancy(joinPruneNeighborSm_, neighborAddr, __func__, *this);
   if (retired()) return nullptr;
   Vel::MemoryHold const memory(this);
   auto const sm = JoinPruneNeighborSm::velConstruct(parentSm, neighborAddr, neighbor, intf, triggeredGroup,
                                                     overrideGroup, periodicGroup, timerWheel,
                                                     overrideInterval, pimPamManager, txMessage);
-  joinPruneNeighborSm_.insert(sm);
+  joinPruneNeighborSm_.insert(where, sm);
   startMachine(*sm);
   return sm;
 }

@@ -94,8 +94,10 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
     JoinPruneMessageSm* joinPruneMessageSm() const { return joinPruneMessageSm_; }
     /// Sets the back pointer.
     void joinPruneMessageSmIs(JoinPruneMessageSm* sm) { joinPruneMessageSm_ = sm; }
+    void joinPruneMessageSmIs(JoinPruneMessageSm*) const { Vel::throwConstInstance(); }
     /// Clears the back pointer.
     void velOwnerDel() { joinPruneMessageSm_ = nullptr; }
+    void velOwnerDel() const { Vel::throwConstInstance(); }
 
    protected:
     /// Of a machine, which is not counted.
@@ -111,6 +113,9 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
     /// Watches a status.
     VelPimStatus(Vel::Ptr<Status const> const& status, JoinPruneMessageSm* sm);
     void notifierIs(Vel::Ptr<Status const> const& status) override;
+    using Owned::notifierIs;
+    using Owned::onPimIntf;
+    using Owned::onPimNeighbor;
     void onPimIntf(Dova::IntfId intfId) override;
     void onPimIntfvelImmediate() override;
     void onPimNeighbor(Dova::IpGenAddr address) override;
@@ -166,13 +171,16 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
     Dova::IpGenAddr address() const { return address_; }
     /// Sets that address; no machine is moved.
     void addressIs(Dova::IpGenAddr const& address) { address_ = address; }
+    void addressIs(Dova::IpGenAddr const&) const { Vel::throwConstInstance(); }
 
     /// Another object with the same identifier is another interface: the machine is rebuilt on it. An object
     /// with another identifier throws Vel::InvalidArgumentException.
     void notifierIs(Vel::Ptr<Intf const> const& intf) override;
+    using Owned::notifierIs;
     void onUsedAddressWithMask() override;
     /// Kept: the machine goes on every change of state, also when a retired reactor is revived.
     void velDoZombieReactors(bool zombie) override;
+    using Owned::velDoZombieReactors;
 
     /// The interface is there: makes the machine of its address, in place of one that a neighbor had.
     void handleNew();
@@ -277,7 +285,17 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
       Vel::Ptr<Packet::JoinPruneMessage>) const {
     Vel::throwConstInstance();
   }
+  Vel::Ptr<JoinPruneNeighborSm> newJoinPruneNeighborSm(
+      JoinPruneMessageSm*, Dova::IpGenAddr const&, Vel::Ptr<Neighbor const>, Vel::Ptr<Intf const>,
+      Vel::Ptr<Packet::JoinPruneData>, Vel::Ptr<Packet::JoinPruneData>, Vel::Ptr<Packet::JoinPruneData>,
+      Vel::Ptr<Zanth::TimerWheel>, double const&, Vel::Ptr<IO::PamManager>,
+      Vel::Ptr<Packet::JoinPruneMessage>) const {
+    Vel::throwConstInstance();
+  }
   Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(Dova::IpGenAddr const&) const {
+    Vel::throwConstInstance();
+  }
+  Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(JoinPruneNeighborSmIterator const&) const {
     Vel::throwConstInstance();
   }
   void joinPruneNeighborSmDelAll() const { Vel::throwConstInstance(); }
@@ -294,6 +312,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   void pimIntfDelAll();
   Vel::Ptr<VelPimIntf> pimIntfIs(Vel::Ptr<Intf const> const&) const { Vel::throwConstInstance(); }
   Vel::Ptr<VelPimIntf> pimIntfDel(Dova::IntfId const&) const { Vel::throwConstInstance(); }
+  Vel::Ptr<VelPimIntf> pimIntfDel(PimIntfIterator const&) const { Vel::throwConstInstance(); }
   void pimIntfDelAll() const { Vel::throwConstInstance(); }
 
   // --- Reactions and steps -----------------------------------------------------------------------

@@ -60,6 +60,7 @@ struct JoinPruneNeighborSm::Triggered {
   static constexpr char word[] = "triggered";
   static constexpr char parameter[] = "_triggeredGroupData";
   static constexpr char mutator[] = "Routing::Pim::JoinPruneNeighborSm::triggeredGroupData";
+  static constexpr char maker[] = "newTriggeredGroupData";
   static constexpr bool counted = false;
   static constexpr bool tracesFinishedJoins =
       false;  // Kept: the join handlers retire a group without a word.
@@ -84,6 +85,7 @@ struct JoinPruneNeighborSm::Override {
   static constexpr char word[] = "override";
   static constexpr char parameter[] = "_overrideGroupData";
   static constexpr char mutator[] = "Routing::Pim::JoinPruneNeighborSm::overrideGroupData";
+  static constexpr char maker[] = "newOverrideGroupData";
   static constexpr bool counted = false;
   static constexpr bool tracesFinishedJoins = true;
   static auto& group(JoinPruneNeighborSm const& sm) { return sm.overrideGroup_; }
@@ -106,6 +108,7 @@ struct JoinPruneNeighborSm::Periodic {
   static constexpr char name[] = "Periodic";
   static constexpr char parameter[] = "_periodicGroupData";
   static constexpr char mutator[] = "Routing::Pim::JoinPruneNeighborSm::periodicGroupData";
+  static constexpr char maker[] = "newPeriodicGroupData";
   static constexpr bool counted = true;
   static constexpr bool tracesFinishedJoins = true;
   static auto& group(JoinPruneNeighborSm const& sm) { return sm.periodicGroup_; }
@@ -621,6 +624,7 @@ Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPruneNeighborSm::newJoinPrunePeriodicTime
     Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Intf const> const& intf,
     Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage) {
   if (retired()) return nullptr;
+  if (joinPrunePeriodicTimerSm_) Vel::throwPresent("newJoinPrunePeriodicTimerSm", fwkType(), "one");
   auto const made = joinPrunePeriodicTimerSmFactory(timerWheel, parentSm, loopQuantum, periodicGroup, intf,
                                                     pimPamManager, txMessage);
   made->hasNotificationActiveIs(hasNotificationActive());
@@ -660,10 +664,12 @@ void JoinPruneNeighborSm::reconcile() {
 
 template <class Channel>
 auto JoinPruneNeighborSm::newGroupData(Vel::Ptr<GroupData> const& groupData) {
+  if (!groupData) Vel::throwNullParameter(Channel::parameter, Channel::mutator);
   Vel::Ptr<typename Channel::GroupReactor> reactor;
   if (retired()) return reactor;
+  auto const where = Vel::vacancy(Channel::groupData(*this), groupData->group(), Channel::maker, *this);
   reactor = Vel::create<typename Channel::GroupReactor>(groupData, this);
-  Channel::groupData(*this).insert(reactor);
+  Channel::groupData(*this).insert(where, reactor);
   if (!hasNotificationActive()) reactor->hasNotificationActiveIs(false);
   return reactor;
 }

@@ -95,8 +95,10 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     JoinPruneNeighborSm* joinPruneNeighborSm() const { return joinPruneNeighborSm_; }
     /// Sets the back pointer.
     void joinPruneNeighborSmIs(JoinPruneNeighborSm* sm) { joinPruneNeighborSm_ = sm; }
+    void joinPruneNeighborSmIs(JoinPruneNeighborSm*) const { Vel::throwConstInstance(); }
     /// Clears the back pointer.
     void velOwnerDel() { joinPruneNeighborSm_ = nullptr; }
+    void velOwnerDel() const { Vel::throwConstInstance(); }
 
    protected:
     /// Of a machine, which is not counted.
@@ -147,6 +149,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     /// What makes it a reactor.
     using Base = Owned<Packet::JoinPruneData::Notifiee>;
     using Base::notifierIs;
+    using Base::onJoinPruneGroupData;
 
     /// Watches a data set; what is in it is taken up by the machine's start.
     ChannelGroup(Vel::Ptr<Packet::JoinPruneData> const& data, JoinPruneNeighborSm* sm);
@@ -164,6 +167,9 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   template <class Channel>
   class VEL_API ChannelGroupData : public Owned<Packet::JoinPruneGroupData::Notifiee> {
    public:
+    /// What makes it a reactor.
+    using Base = Owned<Packet::JoinPruneGroupData::Notifiee>;
+
     /// Watches a group.
     ChannelGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData, JoinPruneNeighborSm* sm);
 
@@ -182,6 +188,10 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     /// The same for the (*,G) entry.
     void handleWcSource();
 
+    using Base::onJoinedRptSource;
+    using Base::onJoinedSource;
+    using Base::onPrunedRptSource;
+    using Base::onPrunedSource;
     void onJoinedSource(Dova::IpGenAddr source) override { handleJoinedSource(source); }
     void onPrunedSource(Dova::IpGenAddr source) override { handlePrunedSource(source); }
     void onJoinedRptSource(Dova::IpGenAddr source) override { handleJoinedRptSource(source); }
@@ -236,6 +246,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     bool wcSourceSet() const { return wcSourceSet_; }
     /// Sets the flag; no count is moved.
     void wcSourceSetIs(bool set) { wcSourceSet_ = set; }
+    void wcSourceSetIs(bool) const { Vel::throwConstInstance(); }
 
     /// The (S,G) joins as a whole may have changed: a trace, nothing else.
     void handleJoinedSource();
@@ -329,7 +340,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {          \
     Vel::throwConstInstance();                                                             \
   }                                                                                        \
-  /** Makes it, silently. REQUIRES: the group has none. */                                 \
+  /** Makes it, silently; one that is there throws RangeException. */                      \
   Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);      \
   Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {         \
     Vel::throwConstInstance();                                                             \
@@ -339,6 +350,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const&) const { Vel::throwConstInstance(); } \
   /** The same for the reactor at which an iterator stands. */                             \
   Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }        \
+  Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const&) const { Vel::throwConstInstance(); }   \
   /** The same for all that are there now. */                                              \
   void foo##DelAll();                                                                      \
   void foo##DelAll() const { Vel::throwConstInstance(); }
@@ -360,12 +372,24 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
       Seconds const& loopQuantum, Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
       Vel::Ptr<Intf const> const& intf, Vel::Ptr<IO::PamManager> const& pimPamManager,
       Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
-  /// Makes it, silently. REQUIRES: there is none.
+  Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmIs(
+      Vel::Ptr<Zanth::TimerWheel> const&, JoinPruneNeighborSm*, Seconds const&,
+      Vel::Ptr<Packet::JoinPruneData> const&, Vel::Ptr<Intf const> const&, Vel::Ptr<IO::PamManager> const&,
+      Vel::Ptr<Packet::JoinPruneMessage> const&) const {
+    Vel::throwConstInstance();
+  }
+  /// Makes it, silently; one that is there throws RangeException.
   Vel::Ptr<JoinPrunePeriodicTimerSm> newJoinPrunePeriodicTimerSm(
       Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm,
       Seconds const& loopQuantum, Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
       Vel::Ptr<Intf const> const& intf, Vel::Ptr<IO::PamManager> const& pimPamManager,
       Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
+  Vel::Ptr<JoinPrunePeriodicTimerSm> newJoinPrunePeriodicTimerSm(
+      Vel::Ptr<Zanth::TimerWheel> const&, JoinPruneNeighborSm*, Seconds const&,
+      Vel::Ptr<Packet::JoinPruneData> const&, Vel::Ptr<Intf const> const&, Vel::Ptr<IO::PamManager> const&,
+      Vel::Ptr<Packet::JoinPruneMessage> const&) const {
+    Vel::throwConstInstance();
+  }
   /// Retires and removes it.
   void joinPrunePeriodicTimerSmDel();
   void joinPrunePeriodicTimerSmDel() const { Vel::throwConstInstance(); }
@@ -421,6 +445,8 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
 
   void hasNotificationActiveIs(bool active) override;
   void velDoZombieReactors(bool zombie) override;
+  using Machine::hasNotificationActiveIs;
+  using Machine::velDoZombieReactors;
 
   Dova::IpGenAddr const& velKey() const { return neighborAddr_; }
   Vel::AttributeTable const& attributeTable() const override;

@@ -65,6 +65,9 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
     }
     /// Watches none.
     void notifierIs(std::nullptr_t) { notifierIs(Vel::Ptr<JoinPrunePeriodicTimerSm>()); }
+    void notifierIs(Vel::Ptr<JoinPrunePeriodicTimerSm> const&) const { Vel::throwConstInstance(); }
+    void notifierIs(Vel::Ptr<PeriodicTimerSm const> const&) const { Vel::throwConstInstance(); }
+    void notifierIs(std::nullptr_t) const { Vel::throwConstInstance(); }
   };
 
   /// The interface's Join/Prune interval, in seconds. Without an interface, and for an interval of 0, the

@@ -30,7 +30,9 @@ void JoinPruneStatus::rxPruneIs(RouteIntfKey const& key, Vel::Ptr<JoinPruneMessa
 }
 
 void JoinPruneStatus::newRxPrune(RouteIntfKey const& key, Vel::Ptr<JoinPruneMessageInfo> const& ptr) {
-  rxPrune_.insert(Vel::create<VelRxPrune>(key, ptr));
+  if (!ptr) Vel::throwNullParameter("_rxPrune", "Routing::Pim::JoinPruneStatus::rxPrune");
+  auto const where = Vel::vacancy(rxPrune_, key, __func__, *this);
+  rxPrune_.insert(where, Vel::create<VelRxPrune>(key, ptr));
 }
 
 Vel::Ptr<JoinPruneMessageInfo> JoinPruneStatus::rxPruneDel(RouteIntfKey const& key) {

@@ -76,7 +76,8 @@ class VEL_API JoinPruneStatus final : public Vel::Entity {
   void rxPruneIs(RouteIntfKey const&, Vel::Ptr<JoinPruneMessageInfo> const&) const {
     Vel::throwConstInstance();
   }
-  /// Inserts without a notification. REQUIRES: the key is absent and `ptr` is not null.
+  /// Inserts without a notification. A key that is there throws RangeException, null
+  /// InvalidArgumentException.
   void newRxPrune(RouteIntfKey const& key, Vel::Ptr<JoinPruneMessageInfo> const& ptr);
   void newRxPrune(RouteIntfKey const&, Vel::Ptr<JoinPruneMessageInfo> const&) const {
     Vel::throwConstInstance();

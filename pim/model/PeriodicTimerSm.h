@@ -32,8 +32,6 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// Hears of the base's attributes; can be registered with every derived machine.
   class NotifieeConst : public Vel::ReactorOn<PeriodicTimerSm> {
    public:
-    /// Reactors on the base are among those on the derived machine.
-    static constexpr bool velMixedTypes = true;
     virtual void onPeriodicParams() { handleNotification(periodicParamsId); }
   };
   using Notifiee = Vel::WritableReactor<NotifieeConst, PeriodicTimerSm>;
@@ -47,6 +45,7 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
     PeriodicTimerSm* periodicTimerSm() const { return periodicTimerSm_; }
     /// Sets the back pointer.
     void periodicTimerSmIs(PeriodicTimerSm* sm) { periodicTimerSm_ = sm; }
+    void periodicTimerSmIs(PeriodicTimerSm*) const { Vel::throwConstInstance(); }
     void onTime() override;
 
    private:
@@ -89,6 +88,7 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   void initializedIs(bool) const { Vel::throwConstInstance(); }
   /// Retires or revives the timer. A revived one is brought up to date, as by hasNotificationActiveIs().
   void velDoZombieReactors(bool zombie) override;
+  void velDoZombieReactors(bool) const { Vel::throwConstInstance(); }
   /// Removes the timer, which is not called any more.
   virtual void periodicTimerDel();
   void periodicTimerDel() const { Vel::throwConstInstance(); }
@@ -99,6 +99,7 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
 
   /// Switches the timer's callback on or off. What became due while it was off is due once it is on again.
   void hasNotificationActiveIs(bool active) override;
+  void hasNotificationActiveIs(bool) const { Vel::throwConstInstance(); }
   Vel::AttributeTable const& attributeTable() const override;
 
   /// The current slice.

@@ -1,6 +1,7 @@
 // Keys of multicast routes.
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 
 #include "runtime/dova/IntfId.h"
@@ -22,9 +23,13 @@ class VEL_API RouteKey {
   RouteKey(Dova::IpGenAddr const& source, Dova::IpGenAddr const& group) : source_(source), group_(group) {}
 
   /// The source; all zeros for (*,G).
-  Dova::IpGenAddr const& source() const { return source_; }
+  Dova::IpGenAddr const& source() const& { return source_; }
+  /// The same, of a key that ends at once.
+  Dova::IpGenAddr source() const&& { return source_; }
   /// The group.
-  Dova::IpGenAddr const& group() const { return group_; }
+  Dova::IpGenAddr const& group() const& { return group_; }
+  /// The same, of a key that ends at once.
+  Dova::IpGenAddr group() const&& { return group_; }
   /// 30 bits, seeded by `Vel::hashSeedIs`.
   U32 hash() const { return Vel::hashCombine(source_.hash(), group_.hash()); }
 
@@ -53,13 +58,21 @@ class VEL_API RouteIntfKey {
       : RouteIntfKey(RouteKey(source, group), intfId) {}
 
   /// The route.
-  RouteKey const& routeKey() const { return route_; }
+  RouteKey const& routeKey() const& { return route_; }
+  /// The same, of a key that ends at once.
+  RouteKey routeKey() const&& { return route_; }
   /// The route's source; all zeros for (*,G).
-  Dova::IpGenAddr const& source() const { return route_.source(); }
+  Dova::IpGenAddr const& source() const& { return route_.source(); }
+  /// The same, of a key that ends at once.
+  Dova::IpGenAddr source() const&& { return route_.source(); }
   /// The route's group.
-  Dova::IpGenAddr const& group() const { return route_.group(); }
+  Dova::IpGenAddr const& group() const& { return route_.group(); }
+  /// The same, of a key that ends at once.
+  Dova::IpGenAddr group() const&& { return route_.group(); }
   /// The interface; empty if the key names none.
-  Dova::IntfId const& intfId() const { return intfId_; }
+  Dova::IntfId const& intfId() const& { return intfId_; }
+  /// The same, of a key that ends at once.
+  Dova::IntfId intfId() const&& { return intfId_; }
   /// 30 bits, seeded by `Vel::hashSeedIs`.
   U32 hash() const { return Vel::hashCombine(route_.hash(), intfId_.hash()); }
 
@@ -88,3 +101,15 @@ class VEL_API RouteIntfKey {
 VEL_API std::ostream& operator<<(std::ostream& os, RouteIntfKey const& key);
 
 }  // namespace Routing::Pim
+
+/// The hash of collections, for those of the standard library.
+template <>
+struct std::hash<Routing::Pim::RouteKey> {
+  std::size_t operator()(Routing::Pim::RouteKey const& key) const noexcept { return key.hash(); }
+};
+
+/// The hash of collections, for those of the standard library.
+template <>
+struct std::hash<Routing::Pim::RouteIntfKey> {
+  std::size_t operator()(Routing::Pim::RouteIntfKey const& key) const noexcept { return key.hash(); }
+};

@@ -1,6 +1,7 @@
 // Interface identifiers.
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -18,7 +19,9 @@ class VEL_API IntfId {
   explicit IntfId(std::string_view name) : name_(name) {}
 
   /// The name; empty for the default.
-  std::string const& name() const { return name_; }
+  std::string const& name() const& { return name_; }
+  /// The same, of an identifier that ends at once.
+  std::string name() const&& { return name_; }
   /// 30 bits, seeded by `Vel::hashSeedIs`.
   Vel::U32 hash() const { return Vel::hashText(name_); }
 
@@ -36,3 +39,9 @@ VEL_API std::ostream& operator<<(std::ostream& os, IntfId const& id);
 VEL_API bool fromText(std::string_view text, IntfId& id);
 
 }  // namespace Dova
+
+/// The hash of collections, for those of the standard library.
+template <>
+struct std::hash<Dova::IntfId> {
+  std::size_t operator()(Dova::IntfId const& id) const noexcept { return id.hash(); }
+};

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <ostream>
+#include <sstream>
 
 #include "runtime/vel/Exception.h"
 
@@ -21,10 +22,37 @@ std::ostream& operator<<(std::ostream& os, AddressFamily af) {
   return os << "AddressFamily(" << static_cast<U32>(af) << ")";
 }
 
+bool fromText(std::string_view text, AddressFamily& af) {
+  for (AddressFamily const known : {AddressFamily::unknown, AddressFamily::ipv4, AddressFamily::ipv6}) {
+    std::ostringstream name;
+    name << known;
+    if (name.view() != text) continue;
+    af = known;
+    return true;
+  }
+  return false;
+}
+
 IpGenAddr IpGenAddr::ipv4(U32 hostOrder) {
   U8 const bytes[4] = {static_cast<U8>(hostOrder >> 24), static_cast<U8>(hostOrder >> 16),
                        static_cast<U8>(hostOrder >> 8), static_cast<U8>(hostOrder)};
   return fromBytes(bytes);
+}
+
+U32 IpGenAddr::ipv4() const {
+  if (!isIpv4()) throw Vel::RangeException("not an IPv4 address: \"" + toText(*this) + "\"");
+  U32 hostOrder = 0;
+  for (U8 const byte : bytes()) hostOrder = hostOrder << 8 | byte;
+  return hostOrder;
+}
+
+std::optional<IpGenAddr> IpGenAddr::fromIp6Addr(Ip6Addr const& ip6, AddressFamily af) {
+  IpGenAddr const address(ip6, af);
+  // The form of an IPv4 address begins like that of 0.0.0.0; the default's is the only one of unknown family.
+  bool const fits = af == AddressFamily::ipv6 ||
+                    (af == AddressFamily::ipv4 && address == fromBytes(address.bytes())) ||
+                    address == IpGenAddr();
+  return fits ? std::optional(address) : std::nullopt;
 }
 
 IpGenAddr IpGenAddr::zero(AddressFamily af) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <cstring>
+#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <span>
@@ -29,6 +30,8 @@ constexpr AddressFamily ipunknown() { return AddressFamily::unknown; }
 
 /// "unknown", "IPv4", "IPv6".
 VEL_API std::ostream& operator<<(std::ostream& os, AddressFamily af);
+/// From that text; false for any other.
+VEL_API bool fromText(std::string_view text, AddressFamily& af);
 
 /// Sixteen bytes of an IPv6 address, in network order.
 class Ip6Addr {
@@ -105,6 +108,9 @@ class VEL_API IpGenAddr {
     return address;
   }
 
+  /// The inverse of `ip6Addr()`: the address of a family that has this IPv6 form, or nothing if none has.
+  static std::optional<IpGenAddr> fromIp6Addr(Ip6Addr const& ip6, AddressFamily af);
+
   /// The address of a family whose bits are all zero; the default for an unknown family.
   static IpGenAddr zero(AddressFamily af);
 
@@ -123,15 +129,21 @@ class VEL_API IpGenAddr {
   }
 
   /// The address in IPv6 form.
-  Ip6Addr const& ip6Addr() const { return ip6_; }
+  Ip6Addr const& ip6Addr() const& { return ip6_; }
+  /// The same, of an address that ends at once.
+  Ip6Addr ip6Addr() const&& { return ip6_; }
 
-  /// The bytes on the wire: 4, 16 or none. They lie within this object.
-  std::span<U8 const> bytes() const {
+  /// The bytes on the wire: 4, 16 or none. They lie within this object; of a temporary one there are none.
+  std::span<U8 const> bytes() const& {
     U8 const* const first = reinterpret_cast<U8 const*>(&ip6_);
     if (isIpv4()) return {first + 12, 4};
     if (isIpv6()) return {first, 16};
     return {};
   }
+  std::span<U8 const> bytes() const&& = delete;
+
+  /// An IPv4 address in host order, the inverse of `ipv4(U32)`. Any other family throws Vel::RangeException.
+  U32 ipv4() const;
 
   /// How many bits a prefix of this family can have: 32, 128 or 0.
   U8 width() const { return isIpv4() ? 32 : isIpv6() ? 128 : 0; }
@@ -181,4 +193,16 @@ struct AddressSlot {
 template <>
 struct Vel::SlotOf<Dova::IpGenAddr> {
   using Type = Dova::AddressSlot;
+};
+
+/// The hash of collections, for those of the standard library.
+template <>
+struct std::hash<Dova::Ip6Addr> {
+  std::size_t operator()(Dova::Ip6Addr const& address) const noexcept { return address.hash(); }
+};
+
+/// The hash of collections, for those of the standard library.
+template <>
+struct std::hash<Dova::IpGenAddr> {
+  std::size_t operator()(Dova::IpGenAddr const& address) const noexcept { return address.hash(); }
 };

@@ -34,11 +34,12 @@ bool IpGenPrefix::contains(IpGenAddr const& address) const {
   return rest == 0 || ((ours[whole] ^ theirs[whole]) >> (8 - rest)) == 0;
 }
 
-std::ostream& operator<<(std::ostream& os, IpGenPrefix const& prefix) {
-  os << prefix.ipGenAddr();
-  if (prefix.ipGenAddr().af() != ipunknown()) os << '/' << static_cast<unsigned>(prefix.length());
-  return os;
+std::string toText(IpGenPrefix const& prefix) {
+  std::string const address = toText(prefix.ipGenAddr());
+  return prefix.ipGenAddr().af() == ipunknown() ? address : address + '/' + std::to_string(prefix.length());
 }
+
+std::ostream& operator<<(std::ostream& os, IpGenPrefix const& prefix) { return os << toText(prefix); }
 
 bool fromText(std::string_view text, IpGenPrefix& prefix) {
   std::optional<IpGenPrefix> const parsed = IpGenPrefix::fromText(text);

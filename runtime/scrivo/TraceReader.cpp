@@ -422,7 +422,7 @@ Event TraceReader::event(std::size_t index) const {
   Cursor record({bytes, size});
   auto const header = record.value<Format::RecordHeader>();
   Site const& from = *site(header.id);
-  Cursor descriptor(std::span(descriptorBytes_).subspan(from.offset, from.bytes));
+  Cursor descriptor(std::span<U8 const>(descriptorBytes_).subspan(from.offset, from.bytes));
   auto const about = descriptor.value<Format::DescriptorHeader>();
 
   double const countsPerSecond = static_cast<double>(countsPerSecond_);

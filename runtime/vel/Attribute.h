@@ -34,6 +34,22 @@
 //     VEL_ROW_FIXED(guest)}; return table;
 //   }
 //
+// A class that is not `final`, such as IO::PamManager, can be derived from. The derived class is written in
+// the same way: with a NotifieeConst of its own, which hears of its own attributes, and with numbers that
+// follow those of its base. On one entity the reactors of both classes hear of what they know, each of its
+// own class's attributes:
+//
+//   class DimmableLamp final : public OpenLamp {
+//    public:
+//     enum Attribute : Vel::AttributeId { dimmingId = OpenLamp::brightnessId + 1 };
+//     class NotifieeConst : public Vel::ReactorOn<DimmableLamp> {
+//      public:
+//       virtual void onDimming() { handleNotification(dimmingId); }
+//     };
+//     using Notifiee = Vel::WritableReactor<NotifieeConst, DimmableLamp>;
+//     VEL_VALUE(bool, dimming, Dimming) = false;
+//   };
+//
 // A macro declares nothing but named functions of a line or two, which forward to the templates in Entity.h
 // and Collection.h; a debugger stops in a function with the attribute's name. Each mutator has a const
 // overload that throws "attempting to modify a const instance", so a call through Vel::Ptr<Lamp const> fails
@@ -213,25 +229,26 @@
 
 /// A collection of entities that are constructed from their key: the above, and fooIs(key), which finds or
 /// creates (as newFoo(key) does, then the notification).
-#define VEL_ENTITIES(Key, Element, foo, Foo)                                         \
-  VEL_ENTITIES_DEL(Key, Element, foo, Foo)                                           \
-  /** The element of `foo` under a key; made, and told, if it is missing. */         \
-  ::Vel::Ptr<Element> foo##Is(Key const& key) {                                      \
-    auto const where = foo##_.where(key);                                            \
-    if (Element* const present = where.element()) return present;                    \
-    ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                   \
-    foo##_.insert(where, added);                                                     \
-    foo##Notify(added->velKey());                                                    \
-    return added;                                                                    \
-  }                                                                                  \
-  /** Constructs and inserts without a notification. REQUIRES: the key is absent. */ \
-  ::Vel::Ptr<Element> new##Foo(Key const& key) {                                     \
-    ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                   \
-    foo##_.insert(added);                                                            \
-    return added;                                                                    \
-  }                                                                                  \
-  ::Vel::Ptr<Element> foo##Is(Key const&) const { ::Vel::throwConstInstance(); }     \
-  ::Vel::Ptr<Element> new##Foo(Key const&) const { ::Vel::throwConstInstance(); }    \
+#define VEL_ENTITIES(Key, Element, foo, Foo)                                                  \
+  VEL_ENTITIES_DEL(Key, Element, foo, Foo)                                                    \
+  /** The element of `foo` under a key; made, and told, if it is missing. */                  \
+  ::Vel::Ptr<Element> foo##Is(Key const& key) {                                               \
+    auto const where = foo##_.where(key);                                                     \
+    if (Element* const present = where.element()) return present;                             \
+    ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                            \
+    foo##_.insert(where, added);                                                              \
+    foo##Notify(added->velKey());                                                             \
+    return added;                                                                             \
+  }                                                                                           \
+  /** Constructs and inserts, and tells nobody; a key that is there throws RangeException. */ \
+  ::Vel::Ptr<Element> new##Foo(Key const& key) {                                              \
+    auto const where = ::Vel::vacancy(foo##_, key, "new" #Foo, *this);                        \
+    ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                            \
+    foo##_.insert(where, added);                                                              \
+    return added;                                                                             \
+  }                                                                                           \
+  ::Vel::Ptr<Element> foo##Is(Key const&) const { ::Vel::throwConstInstance(); }              \
+  ::Vel::Ptr<Element> new##Foo(Key const&) const { ::Vel::throwConstInstance(); }             \
   VEL_ENTITIES_READ(Key, Element, foo, Foo)
 
 /// A collection of keys without elements, a HashSet or an OrderedSet: foo(key) says whether the key is there,

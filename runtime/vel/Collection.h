@@ -21,6 +21,7 @@
 #include "runtime/vel/Entity.h"
 #include "runtime/vel/HashTable.h"
 #include "runtime/vel/OrderedSet.h"
+#include "runtime/vel/Text.h"
 
 namespace Vel {
 
@@ -90,12 +91,14 @@ class EntityMap {
   /// Where a key is or belongs.
   Where where(Key const& key) const { return Where(table_, key); }
 
-  /// REQUIRES: the element's key is absent. Throws std::bad_alloc, and then nothing has changed.
+  /// Throws RangeException if the element's key is there already, and std::bad_alloc; then nothing has
+  /// changed.
   void insert(Ptr<Element> const& element) {
-    table_.insert(element->velKey(), element.get());
+    if (!table_.insert(element->velKey(), element.get())) [[unlikely]]
+      throwPresent("insert", element->fwkType(), "its key");
     element->newRef();
   }
-  /// The same, where the element's key belongs.
+  /// The same, where the element's key belongs. REQUIRES: nothing was found there.
   void insert(Where const& where, Ptr<Element> const& element) {
     if (where.epoch_ != table_.epoch()) return insert(element);
     table_.insert(where.where_, element->velKey(), element.get());
@@ -137,6 +140,17 @@ class EntityMap {
  private:
   Table table_;
 };
+
+/// Where a key belongs that `mutator` is about to insert for `owner`. A key that is there already throws
+/// RangeException "<mutator> of <type>: <key> is there already".
+template <class Key, class Element>
+typename EntityMap<Key, Element>::Where vacancy(EntityMap<Key, Element> const& map, Key const& key,
+                                                std::string_view mutator, Counted const& owner) {
+  auto const where = map.where(key);
+  if (where.element()) [[unlikely]]
+    throwPresent(mutator, owner.fwkType(), textOf(key));
+  return where;
+}
 
 /// What makes an iterator a range of its own: `for (auto& neighbor : status->pimNeighborIterator())`.
 template <class Iterator>

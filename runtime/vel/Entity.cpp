@@ -32,6 +32,11 @@ void Delivery::takeSnapshot() {
   }
 }
 
+// Not inlined, so that the loop is short.
+void Entity::velActIfListening(Act act, Reactor& reactor, void const* context) {
+  if (reactor.velListens()) act(*this, reactor, context);
+}
+
 // Goes on after the call of the snapshot's first reactor.
 void Entity::velFinish(Act act, void const* context) {
   Delivery& delivery = *delivery_;

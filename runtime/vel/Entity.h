@@ -96,6 +96,7 @@ class VEL_API Entity : public Counted {
 
   /// Calls `onZeroReferences()` on each reactor, before destruction.
   void zeroReferencesIs(bool zero) override;
+  void zeroReferencesIs(bool) const { throwConstInstance(); }
 
  protected:
   Entity() = default;
@@ -112,17 +113,17 @@ class VEL_API Entity : public Counted {
   template <class R, AttributeId id, class Call>
   VEL_INLINE void velDeliver(Call const& call) {
     if (notifiees_)
-      velForEachReactor([call](Entity const&, Reactor& reactor)
-                            VEL_INLINE { velCall<R, id>(reactor, call); });
+      velForEachReactor<R>([call]<bool sure>(Entity const&, Reactor& reactor)
+                               VEL_INLINE { velCall<R, id, sure>(reactor, call); });
   }
 
   /// The same for a key of a collection: two callbacks on each reactor, each under its own guard.
   template <class R, AttributeId id, class KeyCall, class Call>
   VEL_INLINE void velDeliverKey(KeyCall const& keyCall, Call const& call) {
     if (notifiees_)
-      velForEachReactor([keyCall, call](Entity const& self, Reactor& reactor) VEL_INLINE {
-        velCall<R, id>(reactor, keyCall);
-        if (reactor.velAccepts(&self)) velCall<R, id>(reactor, call);
+      velForEachReactor<R>([keyCall, call]<bool sure>(Entity const& self, Reactor& reactor) VEL_INLINE {
+        velCall<R, id, sure>(reactor, keyCall);
+        if (reactor.velAccepts(&self)) velCall<R, id, sure>(reactor, call);
       });
   }
 
@@ -143,11 +144,12 @@ class VEL_API Entity : public Counted {
 
   using Act = void (*)(Entity const& self, Reactor& reactor, void const* context);
 
-  // `act` does not throw. It is copied to where it is passed on by its address: in the loop it needs no memory.
-  template <class F>
+  // `act` does not throw. It is told whether the reactor is an R for sure, which nearly all are. It is copied
+  // to where it is passed on by its address: in the loop it needs no memory.
+  template <class R, class F>
   void velForEachReactor(F act) {
     Act const any = [](Entity const& self, Reactor& reactor, void const* f) {
-      if (reactor.velAccepts(&self)) (*static_cast<F const*>(f))(self, reactor);
+      if (reactor.velAccepts(&self)) static_cast<F const*>(f)->template operator()<false>(self, reactor);
     };
     if (reactors_ > Delivery::capacity || delivery_ || threadSafe()) [[unlikely]] {
       F const copy = act;
@@ -158,7 +160,12 @@ class VEL_API Entity : public Counted {
     Delivery delivery(r);
     delivery_ = &delivery;
     for (;;) {
-      if (r->velListens()) act(*this, *r);
+      if (R::velListensForSure(*r)) [[likely]] {
+        act.template operator()<true>(*this, *r);
+      } else {
+        F const copy = act;
+        velActIfListening(any, *r, &copy);
+      }
       if (delivery.hasSnapshot()) [[unlikely]] {
         F const copy = act;
         return velFinish(any, &copy);
@@ -169,6 +176,7 @@ class VEL_API Entity : public Counted {
     }
     delivery_ = nullptr;
   }
+  void velActIfListening(Act act, Reactor& reactor, void const* context);
   void velForEachOfSnapshot(Act act, void const* context);
   void velForEachWithoutHeap(Act act, void const* context);
   void velFinish(Act act, void const* context);
@@ -178,9 +186,9 @@ class VEL_API Entity : public Counted {
     if (delivery_ && !delivery_->hasSnapshot()) delivery_->takeSnapshot();
   }
 
-  template <class R, AttributeId id, class Call>
+  template <class R, AttributeId id, bool sure, class Call>
   VEL_INLINE static void velCall(Reactor& reactor, Call const& call) noexcept {
-    R* const typed = R::velMixedTypes ? dynamic_cast<R*>(&reactor) : static_cast<R*>(&reactor);
+    R* const typed = sure ? static_cast<R*>(&reactor) : R::template velAs<R>(reactor);
     if (!typed) return;
     try {
       call(*typed);

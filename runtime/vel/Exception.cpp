@@ -22,6 +22,10 @@ void requireDuration(std::string_view name, Seconds seconds) {
   if (seconds < 0) throw InvalidArgumentException(std::string(name) + " cannot be negative");
 }
 
+void throwPresent(std::string_view mutator, std::string const& type, std::string const& what) {
+  throw RangeException(std::string(mutator) + " of " + type + ": " + what + " is there already");
+}
+
 void throwReinstantiation(std::string_view parameter, std::string const& given, std::string const& current) {
   std::ostringstream text;
   text << "Reinstantiating the pointer interface where constructor parameter attribute " << parameter

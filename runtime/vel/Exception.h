@@ -40,6 +40,10 @@ class VEL_API InvalidArgumentException : public RangeException {
 /// seconds, that is no duration.
 VEL_API void requireDuration(std::string_view name, Seconds seconds);
 
+/// Throws RangeException "<mutator> of <type>: <what> is there already".
+[[noreturn]] VEL_API void throwPresent(std::string_view mutator, std::string const& type,
+                                       std::string const& what);
+
 /// Throws RangeException "Reinstantiating the pointer interface where constructor parameter attribute
 /// <parameter> has a different value of <given> than the current value of <current>".
 [[noreturn]] VEL_API void throwReinstantiation(std::string_view parameter, std::string const& given,

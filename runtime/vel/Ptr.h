@@ -64,6 +64,7 @@ class VEL_API Counted {
 
   /// Told true when the count has dropped to zero, false when the object was revived meanwhile.
   virtual void zeroReferencesIs(bool zero);
+  void zeroReferencesIs(bool) const { throwConstInstance(); }
 
   /// The name of the object's own type, in full.
   virtual std::string fwkType() const;
@@ -258,3 +259,9 @@ Ptr<T> dynamicCast(Ptr<U> const& ptr) {
 }
 
 }  // namespace Vel
+
+/// The hash of the plain pointer.
+template <class T>
+struct std::hash<Vel::Ptr<T>> {
+  std::size_t operator()(Vel::Ptr<T> const& ptr) const noexcept { return std::hash<T*>()(ptr.get()); }
+};

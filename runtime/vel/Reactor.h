@@ -19,7 +19,9 @@
 // `onNotificationException`; the others are still called.
 #pragma once
 
+#include <concepts>
 #include <string_view>
+#include <type_traits>
 
 #include "runtime/vel/Export.h"
 #include "runtime/vel/Ptr.h"
@@ -32,11 +34,9 @@ class Entity;
 /// framework's side of them.
 class VEL_API Reactor : public Counted {
  public:
-  /// True where an entity's list can hold reactors that know only its base type; see PeriodicTimerSm.
-  static constexpr bool velMixedTypes = false;
-
   /// Switches callbacks on (the default) or off. What was missed is not made up for.
   virtual void hasNotificationActiveIs(bool active);
+  void hasNotificationActiveIs(bool) const { throwConstInstance(); }
   /// Whether callbacks are on.
   bool hasNotificationActive() const { return (flagsAndHolds_ & inactive) == 0; }
 
@@ -46,6 +46,7 @@ class VEL_API Reactor : public Counted {
   /// A nondestructing reactor does not keep its notifier alive: it gets `onZeroReferences()` when the
   /// notifier goes, and its notifier reads null afterwards. Off by default.
   virtual void isNondestructingIs(bool nondestructing);
+  void isNondestructingIs(bool) const { throwConstInstance(); }
   /// Whether this reactor leaves its notifier's life to others.
   bool isNondestructing() const { return (flagsAndHolds_ & nondestructing) != 0; }
 
@@ -53,6 +54,7 @@ class VEL_API Reactor : public Counted {
 
   /// Puts this reactor into its notifier's list (at the end) or takes it out, without changing the notifier.
   virtual void isRegisteredNotifieeIs(bool registered);
+  void isRegisteredNotifieeIs(bool) const { throwConstInstance(); }
   /// Whether the notifier has this reactor in its list.
   bool isRegisteredNotifiee() const { return next_ && (flagsAndHolds_ & unregistered) == 0; }
 
@@ -87,11 +89,13 @@ class VEL_API Reactor : public Counted {
   /// Retires the reactor (true: callbacks stop) or revives it. Nothing happens if it is in that state
   /// already. Does not touch back pointers.
   virtual void velDoZombieReactors(bool zombie);
+  void velDoZombieReactors(bool) const { throwConstInstance(); }
   /// True while retired.
   bool isZombie() const { return zombie(); }
 
  protected:
-  Reactor() = default;
+  /// `isOnOpenType`: it watches entities of a type that others derive from, see `velIsOpen()` of ReactorOn.
+  explicit Reactor(bool isOnOpenType = true) { flagsAndHolds_ = isOnOpenType ? onOpenType : 0; }
   void doDetach() noexcept override;
 
   /// The entity watched, or null; not counted.
@@ -103,11 +107,21 @@ class VEL_API Reactor : public Counted {
   friend class Entity;
   friend class SnapshotIterator;
   friend class Delivery;
+  template <class T>
+  friend class ReactorOn;
 
   static constexpr U32 inactive = 1;
   static constexpr U32 nondestructing = 2;
   static constexpr U32 unregistered = 4;  // in the list only to be detached when the notifier goes
   static constexpr U32 retired = 8;       // a zombie: here as well, so that a delivery asks once
+  static constexpr U32 onOpenType = 16;   // other types of reactors may be in the list; never changes
+
+  // What is told to all reactors alike: see ReactorOn.
+  template <class R>
+  static R* velAs(Reactor& reactor) {
+    return &reactor;
+  }
+  static bool velListensForSure(Reactor const& reactor) { return reactor.velListens(); }
 
   using Counted::zombieIs;  // by velDoZombieReactors() alone, which keeps `retired` in step
 
@@ -129,15 +143,39 @@ class VEL_API Reactor : public Counted {
   Reactor* next_ = nullptr;
 };
 
-/// The reactor base of an entity type that has no base entity with reactors of its own.
+/// The reactor base of an entity type.
 template <class T>
 class ReactorOn : public Reactor {
  public:
+  /// Whether other entity types can derive from T. An entity can have reactors on each of its types, and each
+  /// knows the attributes of its own: a delivery asks those on open types, which are marked, what they are.
+  /// The others are on a `final` type, which is the entity's own.
+  static constexpr bool velIsOpen() { return !std::is_final_v<T>; }
+
   /// The entity watched, or null.
   Ptr<T const> notifier() const { return Ptr<T const>(static_cast<T const*>(velNotifier())); }
 
   /// Watches another entity, or none. The same one again: nothing.
   virtual void notifierIs(Ptr<T const> const& entity) { velNotifierIs(const_cast<T*>(entity.get())); }
+  void notifierIs(Ptr<T const> const&) const { throwConstInstance(); }
+
+ protected:
+  ReactorOn() : Reactor(velIsOpen()) {}
+
+ private:
+  friend class Entity;
+
+  // Whether it is to be called, and nobody has to ask what it is.
+  static bool velListensForSure(Reactor const& reactor) {
+    return !velIsOpen() && (reactor.flagsAndHolds_ & (inactive | unregistered | retired | onOpenType)) == 0;
+  }
+
+  // The reactor as an R; null if it is on another type and does not know R's attributes.
+  template <class R>
+  static R* velAs(Reactor& reactor) {
+    if (velIsOpen() || (reactor.flagsAndHolds_ & onOpenType) != 0) return dynamic_cast<R*>(&reactor);
+    return static_cast<R*>(&reactor);
+  }
 };
 
 /// The writable form of an entity type's reactor base: T::Notifiee is WritableReactor<T::NotifieeConst, T>.
@@ -156,6 +194,16 @@ class WritableReactor : public Base {
   }
   /// Watches none.
   void notifierIs(std::nullptr_t) { notifierIs(Ptr<T>()); }
+  /// Watches another entity, of a type that is derived from T.
+  template <class U>
+  requires std::convertible_to<U*, T*>
+  void notifierIs(Ptr<U> const& entity) { notifierIs(Ptr<T>(entity)); }
+  template <class U>
+  requires std::convertible_to<U*, T*>
+  void notifierIs(Ptr<U> const&) const { throwConstInstance(); }
+  void notifierIs(Ptr<T> const&) const { throwConstInstance(); }
+  void notifierIs(Ptr<T const> const&) const { throwConstInstance(); }
+  void notifierIs(std::nullptr_t) const { throwConstInstance(); }
 };
 
 }  // namespace Vel

@@ -37,8 +37,10 @@ class VEL_API TraceHandle {
   /// All levels off.
   void levelsDel();
 
-  /// Whether a line of that level must be formatted at all.
-  bool wanted(U32 level) const { return (levels_ & (1u << level | coverageBit)) != 0; }
+  /// Whether a line of that level must be formatted at all. A level above 30 is never on.
+  bool wanted(U32 level) const {
+    return (levels_ & ((level <= maxLevel ? 1u << level : 0) | coverageBit)) != 0;
+  }
 
  private:
   friend void coverageStreamIs(std::ostream* stream);

@@ -15,8 +15,9 @@
 //   poll(fds, count, std::clamp(std::ceil((wheel->timeMin() - wheel->now()) * 1000), 0.0, 60000.0));
 //   wheel->expire();
 //
-// Arming, moving and disarming a timer are O(1). Timers fire in the exact order of their times, as doubles;
-// those of equal time in the order in which they were armed.
+// Disarming a timer is O(1); arming and moving one, and asking for the earliest time, are at most O(log n) on
+// average, wherever the times lie. None of it needs the heap. Timers fire in the exact order of their times,
+// as doubles; those of equal time in the order in which they were armed.
 #pragma once
 
 #include <functional>
@@ -31,7 +32,7 @@ using Vel::U64;
 
 /// All timers on one clock. An agent has one, makes it first, and drives it from its loop.
 class VEL_API TimerWheel : public Vel::Entity {
-  // A place in a ring of timers; a slot of the wheel is the one with which its ring begins and ends.
+  // A place in a ring of timers; a ring begins and ends with a link of the wheel.
   struct Link {
     Link* previous = nullptr;  // null while in no ring
     Link* following = nullptr;
@@ -96,8 +97,9 @@ class VEL_API TimerWheel : public Vel::Entity {
   /// The clock, read now: it moves on during an `expire()`.
   Seconds now() const { return clock_(); }
 
-  /// The earliest time for which a timer is armed; +infinity if none is. Usually O(1); at worst it looks at
-  /// the timers that share the earliest slot, and passes slots that have become empty once each.
+  /// The earliest time for which a timer is armed; +infinity if none is. O(1) unless the timer that was the
+  /// earliest has been called, moved or disarmed; then at most O(log n), counting what arming has put off:
+  /// the first call since many timers were armed may look at each of them.
   Seconds timeMin() const;
 
   /// Calls every timer that is due now. What becomes due or is armed for the past meanwhile waits for the
@@ -113,39 +115,74 @@ class VEL_API TimerWheel : public Vel::Entity {
   ~TimerWheel() override;
 
  private:
-  // Time is cut into ticks of 1/1024 s. Level 0 has a slot for each of the next 64 ticks, each further level
-  // slots 64 times as wide. A timer sits at the level of the highest digit (base 64) in which its tick
-  // differs from tick_, so it moves down at most once a level before it is due. Timers of equal time thus share a slot at
-  // any time, in the order in which they were armed.
-  static constexpr U32 digitBits = 6;
-  static constexpr U32 slotsPerLevel = 1 << digitBits;
-  static constexpr U32 levels = 10;
-  static constexpr U32 dueSlot =
-      levels * slotsPerLevel;  // the list of what the expire() in progress will call
-  static constexpr U64 lastTick = (U64{1} << (digitBits * levels)) - 1;
+  // Timers wait in rings, each in the order of arming, and at first in one. When the earliest is asked for,
+  // the ring that is first in line is split into rings for ranges of time, and the first of those again,
+  // until it has few timers or a single time. A fan stands in for a ring that was split. So a timer is looked
+  // at once for each split on its way to the front, each into at least 31 ranges, and what is far ahead costs
+  // nothing.
+  //
+  // Times are compared as 64-bit numbers in the same order, so that ranges are cut by shifting, whatever the
+  // times.
+  static constexpr U32 ringsOfFan = 64;
+  static constexpr U32 fanCount = 16;
+  static constexpr U32 few = 12;  // are looked at one by one
+  static constexpr Vel::U8 none = 0xff;
 
-  static U64 tickOf(Seconds time);
+  struct Fan {
+    // Of the times that were split; what is earlier or later comes into the first or the last ring.
+    U64 least, most;
+    // From a time to its ring.
+    U32 shift;
+    // A bit for each ring that has had timers since it was last looked at. The others are not valid.
+    U64 used = 0;
+    // The fan that stands in for a ring, or none.
+    Vel::U8 fanOf[ringsOfFan];
+    Link rings[ringsOfFan];
 
-  static void append(Link& ring, Notifiee* timer);
+    U32 ringOf(U64 key) const;
+    U32 firstUsed() const { return static_cast<U32>(__builtin_ctzll(used)); }
+    void use(U32 ring);
+  };
+
+  // The ring that is first in line, and its earliest time.
+  struct First {
+    Link* ring = nullptr;
+    Seconds time = Vel::never;
+  };
+
+  static U64 keyOf(Seconds time);
+  static bool isEmpty(Link const& ring) { return ring.following == &ring; }
+  static void clear(Link& ring) { ring.previous = ring.following = &ring; }
+  static void append(Link& ring, Link* timer);
+  static void unlink(Link* timer);
+  static void moveAll(Link& from, Link& to);
+  static void insertSorted(Link& ring, Notifiee* timer);
+
   void remove(Notifiee* timer);
   void insert(Notifiee* timer);
-  void callDue(Seconds now);
+  Link& ringFor(U64 key);
+  First first() const;
+  void split(Link& ring, Vel::U8& fan) const;
+  void fold(Link& ring, Vel::U8& fan) const;
+  void makeRoom() const;
+  void release(Vel::U8 fan) const { spare_ |= 1u << fan; }
   void collectDue(Seconds now);
-  static Link* sorted(Link* list, U32 count);
-  bool firstSlot(U32& slot, U64& startTick) const;
+  void callDue(Seconds now);
 
   Clock clock_;
-  U64 tick_ = 0;
   U32 armedCount_ = 0;
   bool expiring_ = false;
-  // No timer is due before: a loop that comes by for other reasons is done at once. The earliest time itself only while
-  // that is known; what has been called since, or disarmed, may have been the earliest.
-  mutable Seconds timeMin_ = Vel::never;
-  mutable bool timeMinKnown_ = true;
-  // A bit for each slot of a level that has timers, or has had some since it was last looked at: a timer that goes does
-  // not look back.
-  mutable U64 occupied_[levels] = {};
-  Link slots_[levels * slotsPerLevel + 1];
+  // No timer in the rings is due before: a loop that comes by for other reasons is done at once. The earliest
+  // time itself only while that is known; a timer that was moved or disarmed since may have been the
+  // earliest.
+  mutable Seconds earliest_ = Vel::never;
+  mutable bool earliestKnown_ = true;
+  // Asking for the earliest time splits rings; nobody else can tell.
+  mutable Vel::U8 top_ = none;  // the fan that stands in for all_
+  mutable Link all_;
+  mutable U32 spare_ = (1u << fanCount) - 1;  // a bit for each fan that stands in for no ring
+  mutable Fan fans_[fanCount];
+  Link due_;  // what the expire() in progress has still to call, in order
 };
 
 }  // namespace Zanth

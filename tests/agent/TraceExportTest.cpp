@@ -280,7 +280,8 @@ TEST_F(TraceExportTest, WhateverTheTimesAreEventsAreInTheirOrderAndNoneEndsBefor
     auto const bytes = ring.bytes(rate);
     auto const file = folder_.with("crafted", Bytes(bytes.begin(), bytes.end()));
     int slices = 0;
-    for (auto const& event : json::parse(chrome(file))["traceEvents"]) {
+    json const all = json::parse(chrome(file));
+    for (auto const& event : all["traceEvents"]) {
       if (event["ph"] != "X") continue;
       ++slices;
       EXPECT_GE(event["dur"].get<double>(), 0) << event;

@@ -1035,6 +1035,7 @@ TEST_F(SourceTest, AtTheStartOnlyTheGroupsThatHaveAWildcardAreMarkedAsCounted) {
   EXPECT_EQ(neighborSm->numPeriodicRoutes(), 267u);
   for (int i = 0; i < groups; ++i)
     EXPECT_EQ(neighborSm->periodicGroupData(addr(name(i)))->wcSourceSet(), i % 3 == 0) << i;
+}
 
 // --- Switched off and retired, reactor by reactor
 
@@ -1230,6 +1231,7 @@ TEST_F(JoinPruneNeighborSmTest, ASourceThatComesOnceItIsSwitchedOnAgainArmsTheTi
   EXPECT_TRUE(neighborSm->overrideTimer()->armed());
   group(p, G)->joinedSourceIs(addr(S));
   EXPECT_EQ(neighborSm->joinPrunePeriodicTimerSm()->periodicTimer()->timeMin(), time + 60);
+  manager->perMessage = 1;
   runUntil(time + 61);
   EXPECT_THAT(manager->sent, testing::SizeIs(3));
 }

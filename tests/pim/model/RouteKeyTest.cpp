@@ -4,6 +4,8 @@
 
 #include <set>
 #include <tuple>
+#include <type_traits>
+#include <unordered_set>
 
 #include "tests/pim/model/Recorder.h"
 
@@ -13,6 +15,23 @@ namespace {
 TEST(RouteKeyTest, ARouteIsWrittenAsSourceAndGroup) {
   EXPECT_EQ(inText(RouteKey("10.0.0.1"_ip, "239.1.1.1"_ip)), "(10.0.0.1,239.1.1.1)");
   EXPECT_EQ(inText(RouteKey("2001:db8::1"_ip, "ff0e::1"_ip)), "(2001:db8::1,ff0e::1)");
+}
+
+// Nothing that is handed out refers into a key that has ended with its expression.
+static_assert(std::is_same_v<decltype(RouteKey().source()), Dova::IpGenAddr>);
+static_assert(std::is_same_v<decltype(RouteKey().group()), Dova::IpGenAddr>);
+static_assert(std::is_same_v<decltype(RouteIntfKey().routeKey()), RouteKey>);
+static_assert(std::is_same_v<decltype(RouteIntfKey().source()), Dova::IpGenAddr>);
+static_assert(std::is_same_v<decltype(RouteIntfKey().group()), Dova::IpGenAddr>);
+static_assert(std::is_same_v<decltype(RouteIntfKey().intfId()), Dova::IntfId>);
+
+TEST(RouteKeyTest, TheContainersOfTheStandardLibraryTakeRoutes) {
+  RouteKey const route("10.0.0.1"_ip, "239.1.1.1"_ip);
+  RouteIntfKey const onEth0(route, Dova::IntfId("eth0"));
+  EXPECT_EQ(std::unordered_set<RouteKey>({route, route, RouteKey()}).size(), 2u);
+  EXPECT_EQ(std::unordered_set<RouteIntfKey>({onEth0, RouteIntfKey(route, {}), onEth0}).size(), 2u);
+  EXPECT_EQ(std::hash<RouteKey>()(route), route.hash());
+  EXPECT_EQ(std::hash<RouteIntfKey>()(onEth0), onEth0.hash());
 }
 
 TEST(RouteKeyTest, ASourceOfAllZerosMeansAny) {

@@ -8,7 +8,11 @@
 #include <random>
 #include <set>
 #include <sstream>
+#include <unordered_map>
+#include <unordered_set>
 
+#include "runtime/dova/IntfId.h"
+#include "runtime/dova/IpGenPrefix.h"
 #include "runtime/dova/NetU8.h"
 #include "runtime/vel/Exception.h"
 
@@ -232,6 +236,81 @@ TEST(IpGenAddrTest, FamiliesHaveNames) {
   EXPECT_EQ(streamed(AddressFamily::ipv4), "IPv4");
   EXPECT_EQ(streamed(AddressFamily::ipv6), "IPv6");
   EXPECT_EQ(streamed(static_cast<AddressFamily>(9)), "AddressFamily(9)");
+}
+
+TEST(IpGenAddrTest, AFamilyReadsBackFromItsName) {
+  for (AddressFamily const af : {AddressFamily::unknown, AddressFamily::ipv4, AddressFamily::ipv6}) {
+    AddressFamily read = af == AddressFamily::ipv4 ? AddressFamily::ipv6 : AddressFamily::ipv4;
+    EXPECT_TRUE(fromText(streamed(af), read)) << af;
+    EXPECT_EQ(read, af);
+  }
+  for (char const* other : {"", "ipv4", "IPv5", "IPv4 "}) {
+    AddressFamily untouched = AddressFamily::ipv6;
+    EXPECT_FALSE(fromText(other, untouched)) << other;
+    EXPECT_EQ(untouched, AddressFamily::ipv6);
+  }
+}
+
+TEST(IpGenAddrTest, AnIpv4AddressIsReadBackInHostOrderAndNoOtherAddressHasThatForm) {
+  for (U32 const number : {0u, 1u, 0x0a000002u, 0x80000000u, 0xffffffffu})
+    EXPECT_EQ(IpGenAddr::ipv4(number).ipv4(), number);
+  for (char const* other : {"unknown", "::", "::ffff:10.0.0.2"}) try {
+      IpGenAddr(other).ipv4();
+      ADD_FAILURE() << other;
+    } catch (Vel::RangeException const& error) {
+      EXPECT_EQ(error.what(), "not an IPv4 address: \"" + toText(IpGenAddr(other)) + '"');
+    }
+}
+
+TEST(IpGenAddrTest, AnAddressIsReadBackFromItsIpv6FormAndItsFamily) {
+  for (char const* text : {"unknown", "0.0.0.0", "10.0.0.2", "::", "2001:db8::1", "::ffff:10.0.0.2"}) {
+    IpGenAddr const address(text);
+    EXPECT_EQ(IpGenAddr::fromIp6Addr(address.ip6Addr(), address.af()), address);
+  }
+  Ip6Addr const ip6 = IpGenAddr("2001:db8::1").ip6Addr();
+  EXPECT_FALSE(IpGenAddr::fromIp6Addr(ip6, AddressFamily::ipv4));
+  EXPECT_FALSE(IpGenAddr::fromIp6Addr(ip6, AddressFamily::unknown));
+  EXPECT_FALSE(IpGenAddr::fromIp6Addr(Ip6Addr(), AddressFamily::ipv4));
+  EXPECT_FALSE(IpGenAddr::fromIp6Addr(Ip6Addr(), static_cast<AddressFamily>(3)));
+}
+
+// Nothing that is handed out refers into an object that has ended with its expression.
+template <class T>
+concept TemporaryHasBytes = requires {
+  T().bytes();
+};
+static_assert(!TemporaryHasBytes<IpGenAddr>);
+static_assert(!TemporaryHasBytes<IpGenAddr const>);
+static_assert(std::is_same_v<decltype(std::declval<IpGenAddr const&>().bytes()), std::span<U8 const>>);
+static_assert(std::is_same_v<decltype(IpGenAddr().ip6Addr()), Ip6Addr>);
+static_assert(std::is_same_v<decltype(IpGenPrefix().ipGenAddr()), IpGenAddr>);
+static_assert(std::is_same_v<decltype(IntfId().name()), std::string>);
+static_assert(std::is_same_v<decltype(std::declval<IntfId const&>().name()), std::string const&>);
+
+TEST(IpGenAddrTest, TheContainersOfTheStandardLibraryTakeAddressesPrefixesAndInterfaces) {
+  std::unordered_set<IpGenAddr> addresses{IpGenAddr("10.0.0.1"), IpGenAddr("::ffff:10.0.0.1"), IpGenAddr()};
+  EXPECT_EQ(addresses.count(IpGenAddr::ipv4(0x0a000001)), 1u);
+  EXPECT_EQ(addresses.size(), 3u);
+  std::unordered_map<IpGenPrefix, int> prefixes;
+  for (char const* text : {"10.0.0.1/24", "10.0.0.1/25", "10.0.0.2/24", "10.0.0.1/24"})
+    ++prefixes[*IpGenPrefix::fromText(text)];
+  EXPECT_EQ(prefixes.size(), 3u);
+  EXPECT_EQ(prefixes[*IpGenPrefix::fromText("10.0.0.1/24")], 2);
+  std::unordered_set<IntfId> interfaces{IntfId("eth0"), IntfId("eth1"), IntfId("eth0")};
+  EXPECT_EQ(interfaces.size(), 2u);
+  std::unordered_set<Ip6Addr> forms{IpGenAddr("10.0.0.1").ip6Addr(), IpGenAddr("::ffff:10.0.0.1").ip6Addr()};
+  EXPECT_EQ(forms.size(), 1u);
+}
+
+TEST(IpGenAddrTest, TheirHashIsTheSeededOneOfTheTables) {
+  IpGenAddr const address("2001:db8::1");
+  IpGenPrefix const prefix(address, 64);
+  EXPECT_EQ(std::hash<IpGenAddr>()(address), address.hash());
+  EXPECT_EQ(std::hash<Ip6Addr>()(address.ip6Addr()), address.hash());
+  EXPECT_EQ(std::hash<IntfId>()(IntfId("eth0")), IntfId("eth0").hash());
+  EXPECT_EQ(std::hash<IpGenPrefix>()(prefix), prefix.hash());
+  EXPECT_NE(prefix.hash(), IpGenPrefix(address, 65).hash());
+  EXPECT_LE(prefix.hash(), Vel::hashMask);
 }
 
 TEST(NetU8Test, AByteIsSetAndReadAndCompared) {

@@ -27,6 +27,14 @@ TEST(IpGenPrefixTest, AnAddressKeepsItsHostBits) {
   EXPECT_FALSE(own == prefix("10.0.0.1/25"));
 }
 
+TEST(IpGenPrefixTest, TheTextReadsBack) {
+  for (char const* text : {"10.0.0.1/24", "0.0.0.0/0", "2001:db8::1/128"}) {
+    EXPECT_EQ(toText(prefix(text)), text);
+    EXPECT_EQ(streamed(prefix(text)), text);
+  }
+  EXPECT_EQ(prefix(toText(IpGenPrefix())), IpGenPrefix());
+}
+
 TEST(IpGenPrefixTest, TheDefaultIsTheUnspecifiedAddress) {
   EXPECT_EQ(IpGenPrefix().ipGenAddr(), IpGenAddr());
   EXPECT_EQ(IpGenPrefix().length(), 0);

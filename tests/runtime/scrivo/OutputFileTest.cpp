@@ -158,8 +158,12 @@ TEST_F(OutputFileTest, ACharacterDeviceIsWrittenInPlaceByAStreamAndRefusedForAFi
   if (mknod(path("null").c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0)
     GTEST_SKIP() << "only root makes a device";
   EXPECT_EQ(refusal(path("null")), "is a device");
-  if (access(path("null").c_str(), W_OK) == 0 && open(path("null").c_str(), O_WRONLY) >= 0)
+  // A file system may be mounted without devices.
+  int const opened = open(path("null").c_str(), O_WRONLY);
+  if (opened >= 0) {
+    close(opened);
     EXPECT_EQ(refusal(path("null"), OutputFile::Use::stream), "written");
+  }
   ASSERT_EQ(mknod(path("disk").c_str(), S_IFBLK | 0600, makedev(7, 200)), 0);
   EXPECT_EQ(refusal(path("disk"), OutputFile::Use::stream), "is a block device");
   EXPECT_TRUE(fs::is_character_file(path("null")));

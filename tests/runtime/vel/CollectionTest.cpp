@@ -102,6 +102,31 @@ TEST_F(CollectionTest, NewIsSilent) {
   EXPECT_THAT(log, ElementsAre("a: bulb 10.0.0.1", "a: bulb"));
 }
 
+TEST_F(CollectionTest, NewOfAKeyThatIsThereIsRefusedAndChangesNothing) {
+  auto const made = lamp->newBulb(one);
+  auto const a = recorder("a");
+  try {
+    lamp->newBulb(one);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (RangeException const& error) {
+    EXPECT_STREQ(error.what(), "newBulb of Vel::Lamp: 10.0.0.1 is there already");
+  }
+  EXPECT_TRUE(lamp->bulb(one) == made);
+  EXPECT_EQ(made->references(), 2u);
+  EXPECT_EQ(Bulb::alive, 1);
+  EXPECT_THAT(log, IsEmpty());
+}
+
+TEST_F(CollectionTest, AMapRefusesAnElementWhoseKeyIsThere) {
+  EntityMap<Dova::IpGenAddr, Bulb> map;
+  for (Dova::IpGenAddr const& key : {one, two}) map.insert(create<Bulb>(key));
+  auto const another = create<Bulb>(one);
+  EXPECT_THROW(map.insert(another), RangeException);
+  EXPECT_EQ(another->references(), 1u);
+  EXPECT_FALSE(map.find(one) == another.get());
+  EXPECT_EQ(map.size(), 2u);
+}
+
 TEST_F(CollectionTest, ANewElementIsThereInsideItsNotificationAndARemovedOneIsNot) {
   auto const a = recorder("a");
   std::vector<bool> there;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <unordered_set>
 #include <vector>
 
 #include "tests/runtime/vel/Lamp.h"
@@ -186,6 +187,15 @@ TEST_F(PtrTest, PointersCompareByIdentityAndPrintTheirAddress) {
   address << static_cast<void const*>(one.get());
   EXPECT_EQ(inText(one), address.str());
   EXPECT_EQ(inText(Ptr<Thing>()), "0");
+}
+
+TEST_F(PtrTest, TheContainersOfTheStandardLibraryTakePointers) {
+  auto const a = create<Lamp>(), b = create<Lamp>();
+  std::unordered_set<Ptr<Lamp>> const some{a, b, a, nullptr};
+  EXPECT_EQ(some.size(), 3u);
+  EXPECT_TRUE(some.contains(b));
+  EXPECT_FALSE(some.contains(create<Lamp>()));
+  EXPECT_EQ(std::hash<Ptr<Lamp const>>()(a), std::hash<Ptr<Lamp>>()(a));
 }
 
 TEST_F(PtrTest, CastingDownFindsTheDerivedObjectOrNull) {

@@ -597,6 +597,40 @@ TEST_F(ReactorTest, AConstViewCannotBecomeAWritableNotifier) {
   EXPECT_FALSE(dimmer->notifier());
 }
 
+TEST_F(ReactorTest, AConstReactorRefusesEveryMutator) {
+  auto const dimmer = create<Dimmer>();
+  dimmer->notifierIs(lamp);
+  auto const a = recorder("a");
+  Ptr<Dimmer const> const writable = dimmer;
+  Ptr<Recorder const> const view = a;
+  std::vector<std::pair<char const*, std::function<void()>>> const mutators{
+      {"hasNotificationActiveIs", [&] { view->hasNotificationActiveIs(false); }},
+      {"isNondestructingIs", [&] { view->isNondestructingIs(true); }},
+      {"isRegisteredNotifieeIs", [&] { view->isRegisteredNotifieeIs(false); }},
+      {"velDoZombieReactors", [&] { view->velDoZombieReactors(true); }},
+      {"zeroReferencesIs", [&] { view->zeroReferencesIs(true); }},
+      {"notifierIs", [&] { view->notifierIs(nullptr); }},
+      {"notifierIs of a writable one", [&] { writable->notifierIs(create<Lamp>()); }},
+      {"notifierIs of a const one", [&] { writable->notifierIs(Ptr<Lamp const>(lamp)); }},
+      {"notifierIs of none", [&] { writable->notifierIs(nullptr); }},
+  };
+  for (auto const& [name, mutate] : mutators) {
+    SCOPED_TRACE(name);
+    try {
+      mutate();
+      ADD_FAILURE() << "nothing was thrown";
+    } catch (RangeException const& error) {
+      EXPECT_STREQ(error.what(), "attempting to modify a const instance");
+    }
+  }
+  EXPECT_TRUE(a->hasNotificationActive());
+  EXPECT_TRUE(a->isRegisteredNotifiee());
+  EXPECT_FALSE(a->isNondestructing());
+  EXPECT_FALSE(a->isZombie());
+  EXPECT_TRUE(a->notifier() == lamp.get());
+  EXPECT_TRUE(dimmer->notifier() == lamp.get());
+}
+
 TEST_F(ReactorTest, NothingIsLeftOver) {
   {
     auto const a = recorder("a");

@@ -93,6 +93,18 @@ TEST_F(TraceTest, ALevelBeyondTheLastIsRefused) {
   EXPECT_FALSE(handle.wanted(7));
 }
 
+TEST_F(TraceTest, ALineOfALevelBeyondTheLastIsWantedByTheCoverageStreamAlone) {
+  for (U32 level = 0; level <= 30; ++level) handle.levelIs(level, true);
+  for (U32 const level : {31u, 32u, 33u, 4294967295u}) EXPECT_FALSE(handle.wanted(level)) << level;
+  std::ostringstream coverage;
+  coverageStreamIs(&coverage);
+  for (U32 const level : {31u, 32u, 33u, 4294967295u}) EXPECT_TRUE(handle.wanted(level)) << level;
+  VEL_TRACE(handle, 32, "Source", "function", "line");
+  coverageStreamIs(nullptr);
+  EXPECT_EQ(coverage.str(), "line\n");
+  EXPECT_THAT(taken(), IsEmpty());
+}
+
 TEST_F(TraceTest, HandlesAreSwitchedApart) {
   TraceHandle& other = TraceHandle::find("Test::Other");
   handle.levelIs(7, true);

@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cmath>
 #include <functional>
+#include <limits>
+#include <map>
 #include <memory>
 #include <random>
 #include <vector>
@@ -343,6 +346,177 @@ TEST_F(TimerWheelTest, InsideAnExpiryTheEarliestTimeIsOfWhatIsStillToBeCalled) {
   expireAt(1003);
   EXPECT_EQ(seen, 1002);
   EXPECT_EQ(wheel->timeMin(), 2000);
+}
+
+// Arms timers for times of one kind after another, asks for the earliest in between, and lets them fire one
+// time after another: in order, and of equal time in the order of arming.
+class ManyTimersTest : public TimerWheelTest {
+ protected:
+  void arm(Seconds at) {
+    int const number = static_cast<int>(timers.size());
+    timers.push_back(timer(number, at));
+    expected.emplace(std::pair(at, ++armings), number);
+    ASSERT_EQ(wheel->timeMin(), expected.begin()->first.first);
+  }
+  // So that the wheel has to look for the earliest.
+  void ask() {
+    probe->timeMinIs(-never);
+    probe->timeMinIs(never);
+    ASSERT_EQ(wheel->timeMin(), expected.begin()->first.first);
+  }
+  void disarmFirst() {
+    timers[static_cast<std::size_t>(expected.begin()->second)]->timeMinIs(never);
+    expected.erase(expected.begin());
+  }
+  void fireAll() {
+    ask();
+    while (!expected.empty()) {
+      Seconds const next = expected.begin()->first.first;
+      ASSERT_EQ(wheel->timeMin(), next);
+      std::vector<int> due;
+      for (; !expected.empty() && expected.begin()->first.first == next; expected.erase(expected.begin()))
+        due.push_back(expected.begin()->second);
+      fired.clear();
+      expireAt(next);
+      ASSERT_EQ(fired, due);
+    }
+    EXPECT_EQ(wheel->timeMin(), never);
+    EXPECT_EQ(wheel->armedCount(), 0u);
+  }
+  Vel::Ptr<Timer> const probe = timer(-1);
+  std::vector<Vel::Ptr<Timer>> timers;
+  std::map<std::pair<Seconds, int>, int> expected;
+  int armings = 0;
+};
+
+TEST_F(ManyTimersTest, OfOneMillisecondFireInOrder) {
+  std::mt19937 random(1);
+  for (int i = 0; i < 3000; ++i) arm(1000 + (random() % 1000) * 1e-6);
+  fireAll();
+}
+
+TEST_F(ManyTimersTest, OfAFewTimesFireInTheOrderOfArming) {
+  std::mt19937 random(2);
+  for (int i = 0; i < 3000; ++i) arm(1000 + random() % 3);
+  fireAll();
+}
+
+TEST_F(ManyTimersTest, WhoseTimesAreAsFarApartAsDoublesCanBeFireInOrder) {
+  std::mt19937_64 random(3);
+  arm(-never);
+  for (Seconds const zero : {0.0, -0.0, 0.0, -0.0}) arm(zero);
+  for (int i = 0; i < 3000; ++i)
+    if (Seconds const at = std::bit_cast<Seconds>(random()); at <= std::numeric_limits<Seconds>::max())
+      arm(at);
+  for (int i = 0; i < 100; ++i) arm(std::ldexp(1.0, -i * 10));
+  fireAll();
+}
+
+TEST_F(ManyTimersTest, ThatCloseInOnATimeFireInOrder) {
+  for (int i = 0; i < 40; ++i) {
+    for (int k = 0; k < 20; ++k) arm(1000 + std::ldexp(1 + k * 0.01, -i));
+    ask();
+  }
+  fireAll();
+}
+
+// Each burst comes before all others: those that were in line before have to wait, in order as far as there
+// is room.
+TEST_F(ManyTimersTest, OfEarlierAndEarlierBurstsFireInOrder) {
+  std::mt19937 random(4);
+  for (int burst = 0; burst < 60; ++burst) {
+    for (int k = 0; k < 40; ++k) arm(100'000 - burst * 1000 + random() % 500 * 0.1);
+    ask();
+  }
+  fireAll();
+}
+
+// Each burst lies between the first timer and all others of the one before.
+TEST_F(ManyTimersTest, OfBurstsInTheGapsOfOthersFireInOrder) {
+  std::mt19937 random(5);
+  Seconds width = 1e6;
+  for (int burst = 0; burst < 60; ++burst, width *= 0.7) {
+    for (int k = 0; k < 40; ++k) arm(1000 + width * (1 + random() % 1000 * 1e-3));
+    ask();
+    for (int k = 0; k < 3; ++k) arm(2e6 + burst);
+  }
+  fireAll();
+}
+
+// The first burst spans all others, which come one before another.
+TEST_F(ManyTimersTest, OfBurstsInOneSpanFireInOrder) {
+  for (int k = 0; k <= 100; ++k) arm(1000 + k * 10);
+  ask();
+  for (int burst = 60; burst > 0; --burst) {
+    while (expected.begin()->first.first < 1000 + burst * 16) disarmFirst();
+    for (int k = 0; k < 40; ++k) arm(1000 + burst * 16 + k % 17 * 0.1);
+    ask();
+  }
+  fireAll();
+}
+
+// What lies behind a span has been first in line, and then more and more comes before it.
+TEST_F(ManyTimersTest, OfBurstsInASpanWhoseEndWasFirstOnceFireInOrder) {
+  for (int k = 0; k < 20; ++k) arm(1e6 + k * 1e5);
+  for (int k = 0; k < 20; ++k) arm(1000 + k * 5);
+  ask();
+  for (int k = 0; k < 30; ++k) arm(1200 + k);
+  for (int k = 0; k < 20; ++k) disarmFirst();
+  ask();
+  arm(1050);
+  for (int burst = 1; burst <= 20; ++burst) {
+    for (int k = 0; k < 20; ++k) arm(1050 - burst * 2 + k % 7 * 0.01);
+    ask();
+  }
+  fireAll();
+}
+
+// Bursts come before and behind one another, and what is first in line goes away from time to time.
+TEST_F(ManyTimersTest, OfBurstsAnywhereFireInOrder) {
+  for (unsigned seed = 1; seed <= 20; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    arm(1e6);
+    for (int burst = 0; burst < 150; ++burst) {
+      Seconds const distance = std::ldexp(1.0, static_cast<int>(random() % 24) - 4);
+      Seconds const begin = expected.begin()->first.first + (random() % 3 == 0 ? distance : -distance);
+      for (int k = 0; k < 30; ++k) arm(begin + random() % 1000 * distance / 3000);
+      ask();
+      for (U32 k = random() % 4 == 0 ? random() % 60 : 0; k > 0 && expected.size() > 1; --k) disarmFirst();
+      ASSERT_EQ(wheel->timeMin(), expected.begin()->first.first);
+    }
+    fireAll();
+  }
+}
+
+TEST_F(ManyTimersTest, ThatAreMovedWheneverTheyAreTheEarliestAgreeWithASortedList) {
+  std::mt19937 random(7);
+  Seconds const scales[] = {0, 1e-9, 1e-4, 1e-2, 1, 60, 3600};
+  for (int i = 0; i < 1000; ++i) arm(1000 + random() % 1000 * 1e-5);
+  for (int step = 0; step < 30'000; ++step) {
+    auto const first = expected.begin();
+    int const number = first->second;
+    Seconds const at = first->first.first + scales[random() % 7] * static_cast<Seconds>(random() % 1000);
+    expected.erase(first);
+    timers[static_cast<std::size_t>(number)]->timeMinIs(at);
+    expected.emplace(std::pair(at, ++armings), number);
+    ASSERT_EQ(wheel->timeMin(), expected.begin()->first.first) << step;
+  }
+  fireAll();
+}
+
+TEST_F(ManyTimersTest, ThatDoNotHoldTheWheelOutliveIt) {
+  for (int i = 0; i < 1000; ++i) {
+    arm(1000 + i % 100);
+    timers.back()->isNondestructingIs(true);
+  }
+  ask();
+  probe->notifierIs(nullptr);
+  wheel = nullptr;
+  for (auto const& timer : timers) {
+    EXPECT_FALSE(timer->notifier());
+    timer->timeMinIs(never);
+  }
 }
 
 }  // namespace
