@@ -76,8 +76,8 @@ class CaptureWriter {
   /// The time is in microseconds since 1970; not before.
   void frameAdd(U64 microseconds, std::span<U8 const> bytes);
 
-  /// Brings everything to the file and gives it its name. Throws OutputError if that fails, or if frameAdd() has
-  /// failed. Without this call there is no file.
+  /// Brings everything to the file and gives it its name. Throws OutputError if that fails, or if frameAdd()
+  /// has failed. Without this call there is no file.
   void close() { output_.close(); }
 
  private:

@@ -1,9 +1,9 @@
-// How jpagent ends when it cannot go on: with a line that names the file and the system's reason, and status 2; never by
-// a signal of its own making, and never as if all was well.
+// How jpagent ends when it cannot go on: with a line that names the file and the system's reason, and status
+// 2; never by a signal of its own making, and never as if all was well.
 //
-// The engine survives a request for memory that fails: it contains what its callbacks throw, and what was lost may never
-// be noticed. That is right for a router, and wrong for a program that is to print all of something. So the first
-// request that fails ends this program there and then, before anything is thrown.
+// The engine survives a request for memory that fails: it contains what its callbacks throw, and what was
+// lost may never be noticed. That is right for a router, and wrong for a program that is to print all of
+// something. So the first request that fails ends this program there and then, before anything is thrown.
 #pragma once
 
 #include <string_view>
@@ -13,9 +13,10 @@ namespace Routing::Pim::Agent {
 /// The exit status of a run that did not do what was asked for.
 inline constexpr int cannotDo = 2;
 
-/// From here on, a write to a closed pipe or beyond a limit is an error and no signal, a trace file that somebody else
-/// truncates ends the program with a line, and being told to end removes unfinished files first. Opens what is missing
-/// of the three standard streams, so that no file takes the place of one. Memory that runs out is seen to before main().
+/// From here on, a write to a closed pipe or beyond a limit is an error and no signal, a trace file that
+/// somebody else truncates ends the program with a line, and being told to end removes unfinished files
+/// first. Opens what is missing of the three standard streams, so that no file takes the place of one. Memory
+/// that runs out is seen to before main().
 void endWithReasons();
 
 /// What the program is at work on, to be named if memory runs out: the first of its files.
@@ -23,8 +24,8 @@ void subjectIs(std::string_view path) noexcept;
 /// The trace file that is written, or read, to be named if it is truncated.
 void traceFileIs(std::string_view path) noexcept;
 
-/// Ends the program with what it was at work on and the text of an errno, after what is printed so far. Removes
-/// unfinished files. Async-signal-safe.
+/// Ends the program with what it was at work on and the text of an errno, after what is printed so far.
+/// Removes unfinished files. Async-signal-safe.
 [[noreturn]] void endAtOnce(int error) noexcept;
 
 }  // namespace Routing::Pim::Agent

@@ -1,5 +1,5 @@
-// Where what jpagent writes ends up: standard output, and files that are named on the command line. A stream here knows
-// the system's reason when writing fails, and says it when it is closed.
+// Where what jpagent writes ends up: standard output, and files that are named on the command line. A stream
+// here knows the system's reason when writing fails, and says it when it is closed.
 //
 //     refuseSharedFiles({{"--pcap", "sent.pcap"}, {"the conversation", "story.txt"}});
 //     FileOutput file("sent.pcap");
@@ -69,8 +69,8 @@ class FileOutput final : public std::ostream {
   /// Throws OutputError.
   explicit FileOutput(std::string const& path, Scrivo::OutputFile::Use use = Scrivo::OutputFile::Use::stream);
 
-  /// Brings everything to the file and gives it its name. Throws OutputError, and then a file that had the name still
-  /// has it. REQUIRES: called once, and last.
+  /// Brings everything to the file and gives it its name. Throws OutputError, and then a file that had the
+  /// name still has it. REQUIRES: called once, and last.
   void close();
 
  private:
@@ -84,8 +84,8 @@ struct NamedFile {
   std::string path;
 };
 
-/// Throws OutputError "--pcap: sent.pcap is the conversation" if two of them are one regular file or FIFO, there or yet
-/// to be made, or if one is what standard output or standard error writes to. Opens nothing.
+/// Throws OutputError "--pcap: sent.pcap is the conversation" if two of them are one regular file or FIFO,
+/// there or yet to be made, or if one is what standard output or standard error writes to. Opens nothing.
 void refuseSharedFiles(std::vector<NamedFile> const& files);
 
 }  // namespace Routing::Pim::Agent

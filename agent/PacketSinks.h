@@ -40,8 +40,8 @@ class PcapPackets final : public PacketSink {
 
   void send(OutgoingPacket const& packet) override;
 
-  /// Brings everything to the file and gives it its name; nothing may be sent after it. Throws OutputError if that
-  /// fails. Without this call there is no file.
+  /// Brings everything to the file and gives it its name; nothing may be sent after it. Throws OutputError if
+  /// that fails. Without this call there is no file.
   void close() { writer_.close(); }
 
  private:

@@ -59,7 +59,8 @@ void PeriodicTimerSm::velDoZombieReactors(bool zombie) {
   bringTimerUpToDate();
 }
 
-// The wheel drops an expiry of a timer that is switched off. What was missed is made up for, and nothing else.
+// The wheel drops an expiry of a timer that is switched off. What was missed is made up for, and nothing
+// else.
 void PeriodicTimerSm::bringTimerUpToDate() {
   Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer_;
   if (!timer || !timer->hasNotificationActive() || timer->isZombie() || !timer->notifier()) return;

@@ -4,11 +4,11 @@
 //     write(file.descriptor(), bytes.data(), bytes.size());
 //     file.commit();   // now it has its name; without this call it never gets it
 //
-// What the name leads to decides. A regular file, or none yet, is written beside the place and renamed when it is
-// complete: who reads the old one is not disturbed, and what fails leaves it as it was. The new file takes over the
-// mode, and the owner if the process may give files away; a link is followed to its target and stays a link. Output
-// that is a plain stream may also go to a character device or a FIFO, which is written in place. Anything else is
-// refused, and so is a file that may not be written: a rename would not ask.
+// What the name leads to decides. A regular file, or none yet, is written beside the place and renamed when
+// it is complete: who reads the old one is not disturbed, and what fails leaves it as it was. The new file
+// takes over the mode, and the owner if the process may give files away; a link is followed to its target and
+// stays a link. Output that is a plain stream may also go to a character device or a FIFO, which is written
+// in place. Anything else is refused, and so is a file that may not be written: a rename would not ask.
 //
 // All output of the library and of jpagent is opened here. Not for more than one thread.
 #pragma once
@@ -43,20 +43,20 @@ class VEL_API OutputFile {
   /// As it was given.
   std::string const& path() const { return path_; }
 
-  /// Closes the file and gives it its name, if name() has not. Throws Vel::RangeException "<path>: <reason>" if either
-  /// fails; a file without its name is removed then. REQUIRES: called once.
+  /// Closes the file and gives it its name, if name() has not. Throws Vel::RangeException "<path>: <reason>"
+  /// if either fails; a file without its name is removed then. REQUIRES: called once.
   void commit();
 
-  /// Gives the file its name now, and leaves it open: for a process that writes as long as it runs. Throws as commit()
-  /// does. REQUIRES: before commit().
+  /// Gives the file its name now, and leaves it open: for a process that writes as long as it runs. Throws as
+  /// commit() does. REQUIRES: before commit().
   void name();
 
   /// Where a path leads that may be a link, or links in a row, to a file that need not be there. Throws
   /// Vel::RangeException "<path>: <reason>".
   static std::string followed(std::string const& path);
 
-  /// Removes what all files of this process have written beside their places: for a process that ends at once.
-  /// Async-signal-safe.
+  /// Removes what all files of this process have written beside their places: for a process that ends at
+  /// once. Async-signal-safe.
   static void abandonAll() noexcept;
 
  private:

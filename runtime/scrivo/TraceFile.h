@@ -6,10 +6,11 @@
 //
 // A process that ends without closing loses nothing: the file is what has been written.
 //
-// The file is mapped memory. Somebody else may read, rename or remove it while it is open, and may put another in its
-// place; but nothing can protect a mapped file from becoming shorter: if somebody truncates it, the next record sends
-// the process SIGBUS, and to reserve its space beforehand does not help. So tools that empty a log in place must not be
-// let at it (logrotate: no "copytruncate"). To rotate, have the process open the file anew:
+// The file is mapped memory. Somebody else may read, rename or remove it while it is open, and may put
+// another in its place; but nothing can protect a mapped file from becoming shorter: if somebody truncates
+// it, the next record sends the process SIGBUS, and to reserve its space beforehand does not help. So tools
+// that empty a log in place must not be let at it (logrotate: no "copytruncate"). To rotate, have the process
+// open the file anew:
 //
 //     std::filesystem::rename("/var/run/jpagent.trace", "/var/run/jpagent.trace.1");   // tracing continues into it
 //     Scrivo::TraceFile::open("/var/run/jpagent.trace");                               // and from here on into the new one
@@ -90,10 +91,10 @@ struct Ring {
 class VEL_API TraceFile {
  public:
   /// Makes the file and directs all tracing of this process to it; a file that was open is closed. The file
-  /// appears under its name when it is complete and replaces a regular file there, whose mode it takes over, so a
-  /// reader of the old one is not disturbed; without one, only its owner may read it. A link is followed to its
-  /// target. A device, a FIFO or a folder is refused. Its space is taken at once: a full disk is noticed here and not
-  /// by the first record. See OutputFile.h.
+  /// appears under its name when it is complete and replaces a regular file there, whose mode it takes over,
+  /// so a reader of the old one is not disturbed; without one, only its owner may read it. A link is followed
+  /// to its target. A device, a FIFO or a folder is refused. Its space is taken at once: a full disk is
+  /// noticed here and not by the first record. See OutputFile.h.
   ///
   /// Open after the process has become a daemon: a child of fork(2) starts with no file open.
   ///

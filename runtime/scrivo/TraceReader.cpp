@@ -80,8 +80,8 @@ bool isTimer(std::vector<Piece> const& pieces) {
          pieces[1] == Piece(ArgumentKind::integer);
 }
 
-// The pieces of a descriptor, one after the other. False for a piece of an unknown kind; the cursor says whether all
-// were there.
+// The pieces of a descriptor, one after the other. False for a piece of an unknown kind; the cursor says
+// whether all were there.
 template <class OnLiteral, class OnArgument>
 bool walkPieces(Cursor& cursor, unsigned count, OnLiteral const& onLiteral, OnArgument const& onArgument) {
   for (unsigned i = 0; i < count && cursor.good(); ++i) {

@@ -87,9 +87,9 @@ struct Damage {
 
 class TraceReader;
 
-/// The events or the descriptors of a reader, by position. Each is composed when it is asked for: a record of 16 bytes
-/// can stand for a text of 8 KiB, so all of them together could take many times the memory that the file has bytes.
-/// Valid as long as the reader is where it is.
+/// The events or the descriptors of a reader, by position. Each is composed when it is asked for: a record of
+/// 16 bytes can stand for a text of 8 KiB, so all of them together could take many times the memory that the
+/// file has bytes. Valid as long as the reader is where it is.
 template <class Item>
 class TraceList {
  public:
@@ -150,8 +150,8 @@ class TraceList {
   Compose compose_ = nullptr;
 };
 
-/// Reads whatever the bytes are: nothing in the file is believed before it was checked. Takes time in proportion to
-/// the file's size, and at most a few times as much memory.
+/// Reads whatever the bytes are: nothing in the file is believed before it was checked. Takes time in
+/// proportion to the file's size, and at most a few times as much memory.
 class VEL_API TraceReader {
  public:
   /// Reads the file. Throws Vel::RangeException "<path>: <reason>" if it is not a trace file, is longer than
@@ -161,8 +161,8 @@ class VEL_API TraceReader {
 
   /// The whole records of both rings by time; equal times in the order of recording, messages first.
   TraceList<Event> events() const& { return {*this, records_.size(), &TraceReader::event}; }
-  /// The same, of a reader that is about to go, so that `for (auto& e : TraceReader(path).events())` is sound. Takes
-  /// the memory of all texts at once.
+  /// The same, of a reader that is about to go, so that `for (auto& e : TraceReader(path).events())` is
+  /// sound. Takes the memory of all texts at once.
   std::vector<Event> events() &&;
 
   /// In the order of registration.

@@ -558,8 +558,8 @@ TEST_F(JpagentTest, WhatIsPassedOverIsToldAtTheEnd) {
   EXPECT_EQ(objects.err, "3 of 3 frames passed over: 2 not IP, 1 IP of another protocol\n");
 }
 
-/// A capture of a Hello from each of so many link-local senders. Those that crowd are chosen for the fixed seed of the
-/// hash, which this process has: all fall into one 64th of the order.
+/// A capture of a Hello from each of so many link-local senders. Those that crowd are chosen for the fixed
+/// seed of the hash, which this process has: all fall into one 64th of the order.
 std::vector<TimedFrame> hellosOfManySenders(unsigned count, bool crowd) {
   std::mt19937_64 random(1);
   auto const to = allPimRouters(AddressFamily::ipv6);

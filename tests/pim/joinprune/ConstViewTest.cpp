@@ -1,5 +1,5 @@
-// Every mutator of every entity type through a const view. Mutators.h is made by tests/mutators.py from the headers
-// when this is built: a mutator that is new is in it.
+// Every mutator of every entity type through a const view. Mutators.h is made by tests/mutators.py from the
+// headers when this is built: a mutator that is new is in it.
 #include <functional>
 #include <string>
 #include <type_traits>

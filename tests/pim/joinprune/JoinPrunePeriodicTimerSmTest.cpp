@@ -515,7 +515,8 @@ TEST_F(JoinPrunePeriodicTimerSmTest, OnAnotherWheelTheRefreshGoesOn) {
 }
 
 #ifdef __GNUC__
-// The place of a virtual function in its table, as the C++ ABI of g++ and clang has it in a pointer to member.
+// The place of a virtual function in its table, as the C++ ABI of g++ and clang has it in a pointer to
+// member.
 template <class Function>
 std::ptrdiff_t slot(Function function) {
   std::ptrdiff_t words[2];

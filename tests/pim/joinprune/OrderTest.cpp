@@ -1,5 +1,5 @@
-// What the top machine does, in one record: its trace lines, the data sets and machines that come and go, and the
-// attributes that change, in the order in which others hear of them.
+// What the top machine does, in one record: its trace lines, the data sets and machines that come and go, and
+// the attributes that change, in the order in which others hear of them.
 #include <regex>
 
 #include "tests/pim/joinprune/World.h"
