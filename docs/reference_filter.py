@@ -43,6 +43,9 @@ FAMILIES = [
     (re.compile(r'enum Attribute : Vel::AttributeId'), 'The numbers of the attributes, in the order of their declaration.'),
 ]
 
+# What the standard library asks for by itself has no page of its own.
+STD_HASH = re.compile(r'(?:^///[^\n]*\n)*^template <(?:class T)?>\nstruct std::hash<.*?^\};\n', re.S | re.M)
+
 
 def blank(match):
     return '\n' * match.group(0).count('\n')
@@ -179,7 +182,7 @@ def complete(tagfile, headers):
 
 
 def main(path):
-    text = header(path)[0]
+    text = STD_HASH.sub(blank, header(path)[0])
     text = DELETED.sub(blank, CONST_OVERLOAD.sub(blank, text))
 
     lines, result, enumerators = text.split('\n'), [], False

@@ -374,7 +374,7 @@ TEST_F(SimulateTest, WhatIsNoConversationOrNoCallIsRefused) {
   for (auto const* option : {"--pcap", "--scrivo"}) {
     auto const outcome = simulate({option, path, path});
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_EQ(outcome.err, "jpagent: " + path + " is the conversation\n");
+    EXPECT_EQ(outcome.err, "jpagent: " + std::string(option) + ": " + path + " is the conversation\n");
   }
   EXPECT_EQ(readText(path), commands_);
 }
