@@ -574,12 +574,12 @@ void Model::handleOnceExpiry(MachinePtr const& m, Channel channel) {
   std::string const begin = said(form(*m), "handle", channelWords[index(channel)], "TimerExpiry");
   trace(7, begin, "()");
   Seconds const deadline = now + m->loopQuantum;
-  auto const r = prepare(*m, channel);
+  prepare(*m, channel);
   auto const& groups = m->data[index(channel)]->groups;
   bool done = false;
   while (!groups.empty() && !done) {
     m->message->report = {};
-    send(r);
+    send(prepare(*m, channel));  // the record that there is now
     if (m->retired) return;
     auto const& report = m->message->report;
     done = (report.sources == 0 && report.filteredSources == 0) || now >= deadline;
@@ -615,13 +615,13 @@ void Model::handlePeriodicExpiry(MachinePtr const& m) {
   trace(8, begin, "()");
   constexpr Seconds quantum = 0.1;  // what the neighbor machine was made with
   Seconds const deadline = now + quantum;
-  auto const r = prepare(*m, Channel::periodic);
+  prepare(*m, Channel::periodic);
   auto const bound = [&m] { return std::min<U64>(m->sliceRoutes, m->left.value_or(~U64{0})); };
   m->sending = true;
   U64 count = 0, dealtWith = 0;
   while (count < bound()) {
     m->message->report = {};
-    send(r);
+    send(prepare(*m, Channel::periodic));
     if (m->retired) return;
     auto const& report = m->message->report;
     U64 const step = report.sources + report.skipped();
