@@ -126,7 +126,7 @@ void PeriodicTimerSm::moveToClock(VelPeriodicTimer& timer, Seconds time, Seconds
   arm(timer, deadline_, now, armedInterval_);
 }
 
-// A running timer is not moved while its clock goes forward.
+// A running timer is not moved while its clock moves forward.
 void PeriodicTimerSm::followClock(VelPeriodicTimer& timer) {
   Vel::Ptr<Zanth::TimerWheel> const wheel = timer.notifier();
   if (!wheel) return;

@@ -15,7 +15,7 @@ namespace Routing::Pim {
 ///
 /// Up to 1,000 routes are refreshed in one slice per interval. More are cut into slices of about 1,000
 /// routes, at least 0.1 s apart, so that neither this router nor its neighbor meets a burst. A slice that
-/// could not be sent in one go (the expiry has a time quantum) goes on 0.1 s later with what is left of it. A
+/// could not be sent in one go (the expiry has a time quantum) continues 0.1 s later with its rest. A
 /// slice that took longer than its interval is followed by the next one at once.
 class VEL_API PeriodicTimerSm : public Vel::Machine {
  public:

@@ -240,7 +240,7 @@
     foo##Notify(added->velKey());                                                             \
     return added;                                                                             \
   }                                                                                           \
-  /** Constructs and inserts, and tells nobody; a key that is there throws RangeException. */ \
+  /** Constructs and inserts, not notifying; a key that is there throws RangeException. */    \
   ::Vel::Ptr<Element> new##Foo(Key const& key) {                                              \
     auto const where = ::Vel::vacancy(foo##_, key, "new" #Foo, *this);                        \
     ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                            \

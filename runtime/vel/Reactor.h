@@ -165,7 +165,7 @@ class ReactorOn : public Reactor {
  private:
   friend class Entity;
 
-  // Whether it is to be called, and nobody has to ask what it is.
+  // Whether it is to be called, and is known to be on T without a look at its type.
   static bool velListensForSure(Reactor const& reactor) {
     return !velIsOpen() && (reactor.flagsAndHolds_ & (inactive | unregistered | retired | onOpenType)) == 0;
   }

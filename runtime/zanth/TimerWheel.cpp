@@ -134,7 +134,7 @@ void TimerWheel::split(Link& ring, Vel::U8& fan) const {
   }
 }
 
-// Makes a ring again of what a fan stands in for.
+// Collects the timers of a fan into one ring again, and gives the fan back.
 void TimerWheel::fold(Link& ring, Vel::U8& fan) const {
   Fan& folded = fans_[fan];
   clear(ring);

@@ -177,7 +177,7 @@ class VEL_API TimerWheel : public Vel::Entity {
   // earliest.
   mutable Seconds earliest_ = Vel::never;
   mutable bool earliestKnown_ = true;
-  // Asking for the earliest time splits rings; nobody else can tell.
+  // Asking for the earliest time splits rings, which no caller can notice.
   mutable Vel::U8 top_ = none;  // the fan that stands in for all_
   mutable Link all_;
   mutable U32 spare_ = (1u << fanCount) - 1;  // a bit for each fan that stands in for no ring
