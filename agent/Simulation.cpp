@@ -426,9 +426,10 @@ void Simulation::sendTempered(IO::MessageInfo const& record) {
 }
 
 void Simulation::traced(Vel::TraceLine const& trace) {
-  for (auto const& [handler, channel] : expiryHandlers) {
-    if (due_.empty() || trace.function != handler) continue;
-    forEachPointer(trace.text, trace.function, [&, channel = channel](std::size_t begin, std::size_t end) {
+  for (auto const& expiry : expiryHandlers) {
+    auto const channel = expiry.second;
+    if (due_.empty() || trace.function != expiry.first) continue;
+    forEachPointer(trace.text, trace.function, [&](std::size_t begin, std::size_t end) {
       auto const pointer = trace.text.substr(begin, end - begin);
       auto const known = machineAt_.find(pointer);
       if (known == machineAt_.end()) return;
