@@ -993,6 +993,11 @@ void Simulation::showEntries(IpGenAddr const& address) {
                  std::min<std::size_t>(data[i]->joinPruneGroupDataCount(), entries.size());
     for (auto const& entry : entries)
       line(fmt::format("show {} {} {}", toText(address), channelNames[i], toText(entry)));
+    std::set<IpGenAddr> empty;
+    for (auto const& group : data[i]->joinPruneGroupDataIterator())
+      if (group.empty()) empty.insert(group.group());
+    for (auto const& group : empty)
+      line(fmt::format("show {} {} group {} without entries", toText(address), channelNames[i], toText(group)));
   }
 }
 

@@ -46,19 +46,22 @@ constexpr char moreAboutReplay[] =
     "Not printed, since the engine does not record it: a (*,G) join whose RP is not the one that --rp gives "
     "for the "
     "group, and the (*,G) and (S,G,rpt) entries of a group that --deny names.\n"
-    "Exit status: 0 all fine, 1 something refused, 2 the file or the call is wrong.";
+    "Exit status: 0 all fine, 1 something refused, 2 the call or the file is wrong, memory is short,\n"
+    "or an output fails.";
 
 constexpr char moreAboutTrace[] =
     "FILE may be open in another process, or be what a killed one left. What is damaged is passed over, and "
     "of "
     "a file that was cut off, what is whole is printed, with status 2.\n"
-    "Exit status: 0 all fine, 1 something was passed over, 2 the file or the call is wrong.";
+    "Exit status: 0 all fine, 1 something was passed over, 2 the call or the file is wrong, memory is short,\n"
+    "or an output fails.";
 
 constexpr char moreAboutSimulate[] =
     "FILE begins with a comment (#) that tells the story; commands follow, and under a rule (----) "
     "everything "
     "that is to come out. Times are in seconds.\n"
-    "Exit status: 0 all fine, 1 something else came out, 2 the file or the call is wrong.\n"
+    "Exit status: 0 all fine, 1 something else came out, 2 the call or the file is wrong, memory is short,\n"
+    "or an output fails.\n"
     "Commands:\n";
 
 // Runs a parser of option texts, whose complaint becomes the option's.

@@ -441,6 +441,13 @@ TEST_F(SimulationTest, DataSetsAndGroupsComeAndGo) {
   EXPECT_THAT(outputOf({"triggered 10.0.0.3 gone", "show"}), Not(Contains(HasSubstr("10.0.0.3"))));
 }
 
+TEST_F(SimulationTest, AnEmptyGroupIsShownBecauseItKeepsTheTimerArmed) {
+  EXPECT_THAT(outputOf({"triggered 10.0.0.2 group 239.1.1.2", "triggered 10.0.0.2 join (10.9.0.1,239.1.1.1)",
+                        "wait 1", "show sets", "show"}),
+              AllOf(Contains("1.000 show 10.0.0.2 triggered group 239.1.1.2 without entries"),
+                    Contains(HasSubstr("triggered 1 group, at 1.100"))));
+}
+
 TEST_F(SimulationTest, WhatIsToldOfWithoutAChangeIsCountedAgain) {
   run({"periodic 10.0.0.2 join (10.9.0.1,239.1.1.1)", "periodic 10.0.0.2 again join (10.9.0.1,239.1.1.1)",
        "periodic 10.0.0.2 again all join (10.9.0.1,239.1.1.1)", "periodic 10.0.0.2 again"});
