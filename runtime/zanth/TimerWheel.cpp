@@ -7,6 +7,9 @@
 
 namespace Zanth {
 
+// A process has many. What has only two values is in the reactor's flags.
+static_assert(sizeof(void*) != 8 || sizeof(TimerWheel::Notifiee) <= 64);
+
 namespace {
 
 // By itself, so that arming a timer has no registers to save for it.
@@ -228,7 +231,7 @@ void TimerWheel::Notifiee::doDetach() noexcept {
 void TimerWheel::Notifiee::timeMinIs(Seconds time) {
   TimerWheel* const wheel = static_cast<TimerWheel*>(velNotifier());
   if (time <= std::numeric_limits<Seconds>::max()) {
-    missed_ = false;
+    missedIs(false);
     if (previous)
       wheel->remove(this);
     else if (wheel)
@@ -239,7 +242,7 @@ void TimerWheel::Notifiee::timeMinIs(Seconds time) {
     return;
   }
   if (std::isnan(time)) throwNaN();
-  missed_ = false;
+  missedIs(false);
   if (previous) {
     wheel->remove(this);
     --wheel->armedCount_;
@@ -290,8 +293,10 @@ void TimerWheel::callDue(Seconds at) {
     unlink(due_.following);
     --armedCount_;
     timer->timeMin_ = Vel::never;
-    timer->missed_ = !timer->hasNotificationActive() || timer->isZombie();
-    if (timer->missed_) continue;
+    if (!timer->hasNotificationActive() || timer->isZombie()) {
+      timer->missedIs(true);
+      continue;
+    }
     try {
       timer->onTime();
     } catch (...) {

@@ -67,7 +67,7 @@ class VEL_API TimerWheel : public Vel::Entity {
     bool armed() const { return timeMin_ <= std::numeric_limits<Seconds>::max(); }
 
     /// True if the timer expired while it could not be called, and was not armed or disarmed since.
-    bool missed() const { return missed_; }
+    bool missed() const { return velSpareFlag(); }
 
     /// Goes over to another wheel, or to none, with the time that is set.
     void notifierIs(Vel::Ptr<TimerWheel> const& wheel) override;
@@ -84,8 +84,9 @@ class VEL_API TimerWheel : public Vel::Entity {
    private:
     friend class TimerWheel;
 
+    void missedIs(bool missed) { velSpareFlagIs(missed); }
+
     Seconds timeMin_ = Vel::never;
-    bool missed_ = false;
   };
 
   /// On the monotonic clock of the system.

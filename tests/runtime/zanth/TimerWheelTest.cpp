@@ -220,6 +220,31 @@ TEST_F(TimerWheelTest, AZombieOrInactiveTimerIsNotCalled) {
   EXPECT_FALSE(zombie->armed());
 }
 
+TEST_F(TimerWheelTest, AnExpiryThatIsLostIsKnownUntilTheTimerIsArmedOrDisarmed) {
+  auto const zombie = timer(1, 101), inactive = timer(2, 101), live = timer(3, 101);
+  zombie->velDoZombieReactors(true);
+  inactive->hasNotificationActiveIs(false);
+  for (auto const& each : {zombie, inactive, live}) EXPECT_FALSE(each->missed());
+  expireAt(101);
+  EXPECT_FALSE(live->missed());
+  for (auto const& each : {zombie, inactive}) {
+    EXPECT_TRUE(each->missed());
+    EXPECT_THROW(each->timeMinIs(std::nan("")), Vel::InvalidArgumentException);
+  }
+  zombie->timeMinIs(never);
+  EXPECT_FALSE(zombie->missed());
+  inactive->timeMinIs(102);
+  EXPECT_FALSE(inactive->missed());
+  expireAt(102);
+  EXPECT_TRUE(inactive->missed());
+  inactive->hasNotificationActiveIs(true);
+  EXPECT_TRUE(inactive->missed());
+  inactive->timeMinIs(103);
+  expireAt(103);
+  EXPECT_FALSE(inactive->missed());
+  EXPECT_THAT(fired, ElementsAre(3, 2));
+}
+
 TEST_F(TimerWheelTest, AThrowingTimerIsToldSoAndTheOthersAreStillCalled) {
   auto const bad = timer([](Timer&) { throw 1; }, 101);
   auto const good = timer(2, 101);
