@@ -230,6 +230,9 @@ TEST_F(TimerWheelTest, AnExpiryThatIsLostIsKnownUntilTheTimerIsArmedOrDisarmed) 
   for (auto const& each : {zombie, inactive}) {
     EXPECT_TRUE(each->missed());
     EXPECT_THROW(each->timeMinIs(std::nan("")), Vel::InvalidArgumentException);
+    each->notifierIs(nullptr);
+    each->notifierIs(wheel);
+    EXPECT_TRUE(each->missed());
   }
   zombie->timeMinIs(never);
   EXPECT_FALSE(zombie->missed());
@@ -309,6 +312,45 @@ TEST_F(TimerWheelTest, ATimerTakesItsTimeAlongToAnotherWheel) {
   EXPECT_THAT(fired, IsEmpty());
   other->expire();
   EXPECT_THAT(fired, ElementsAre(1));
+}
+
+// Acts when its wheel has no references left.
+class AtTheEnd final : public TimerWheel::NotifieeConst {
+ public:
+  AtTheEnd(Vel::Ptr<TimerWheel> const& wheel, std::function<void()> act) : act_(std::move(act)) {
+    isNondestructingIs(true);
+    notifierIs(wheel);
+  }
+  void onZeroReferences() override { act_(); }
+
+ private:
+  std::function<void()> act_;
+};
+
+TEST_F(TimerWheelTest, WhatHappensToATimerAtTheEndOfTheWheelThatItLeavesHolds) {
+  auto const other = Vel::create<TimerWheel>([this] { return time; });
+  auto one = timer(1, 101);
+  auto watcher = Vel::create<AtTheEnd>(wheel, [&] { one->timeMinIs(500); });
+  wheel = nullptr;
+  one->notifierIs(other);
+  EXPECT_EQ(one->timeMin(), 500);
+  EXPECT_EQ(other->timeMin(), 500);
+
+  wheel = Vel::create<TimerWheel>([this] { return time; });
+  watcher = Vel::create<AtTheEnd>(wheel, [&] { one = nullptr; });
+  one->notifierIs(std::exchange(wheel, nullptr));
+  one->notifierIs(other);
+  EXPECT_FALSE(one);
+  EXPECT_EQ(other->armedCount(), 0u);
+}
+
+TEST_F(TimerWheelTest, AClockAtInfinityFiresWhateverIsArmed) {
+  expireAt(never);
+  EXPECT_THAT(fired, IsEmpty());
+  auto const last = timer(2, std::numeric_limits<double>::max()), first = timer(1, 101), off = timer(3);
+  expireAt(never);
+  EXPECT_THAT(fired, ElementsAre(1, 2));
+  EXPECT_EQ(wheel->timeMin(), never);
 }
 
 TEST_F(TimerWheelTest, AConstTimerCannotBeArmed) {
