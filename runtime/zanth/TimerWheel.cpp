@@ -32,8 +32,7 @@ TimerWheel::TimerWheel(Clock clock) : clock_(std::move(clock)) {
 TimerWheel::~TimerWheel() {
   fold(all_, top_);
   // Armed timers that do not hold the wheel: they must not point back into it.
-  for (Link* const ring : {&all_, &due_})
-    while (!isEmpty(*ring)) unlink(ring->following);
+  while (!isEmpty(all_)) unlink(all_.following);
 }
 
 // --- Rings ---------------------------------------------------------------------------------------

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <vector>
 
 namespace Zanth {
@@ -353,6 +354,40 @@ TEST_F(TimerWheelTest, AClockAtInfinityFiresWhateverIsArmed) {
   EXPECT_EQ(wheel->timeMin(), never);
 }
 
+TEST_F(TimerWheelTest, ATimerThatCouldNotBeMadeIsOffItsWheel) {
+  class Failing final : public TimerWheel::Notifiee {
+   public:
+    explicit Failing(Vel::Ptr<TimerWheel> const& wheel) {
+      notifierIs(wheel);
+      timeMinIs(101);
+      throw std::runtime_error("no memory");
+    }
+  };
+  EXPECT_THROW(Vel::create<Failing>(wheel), std::runtime_error);
+  EXPECT_EQ(wheel->armedCount(), 0u);
+  EXPECT_EQ(wheel->timeMin(), never);
+  expireAt(101);
+}
+
+TEST_F(TimerWheelTest, ATimerIsOffItsWheelBeforeItsDerivedPartsAreDestroyed) {
+  class Ending final : public TimerWheel::Notifiee {
+   public:
+    explicit Ending(U32& left) : left_(left) {}
+    ~Ending() override { left_ = wheel->armedCount(); }
+    Vel::Ptr<TimerWheel> wheel;
+
+   private:
+    U32& left_;
+  };
+  U32 left = 1;
+  auto ending = Vel::create<Ending>(left);
+  ending->wheel = wheel;
+  ending->notifierIs(wheel);
+  ending->timeMinIs(101);
+  ending = nullptr;
+  EXPECT_EQ(left, 0u);
+}
+
 TEST_F(TimerWheelTest, AConstTimerCannotBeArmed) {
   Vel::Ptr<Timer const> const one = timer(1);
   EXPECT_THROW(one->timeMinIs(1), Vel::RangeException);
@@ -476,6 +511,16 @@ TEST_F(ManyTimersTest, WhoseTimesAreAsFarApartAsDoublesCanBeFireInOrder) {
     if (Seconds const at = std::bit_cast<Seconds>(random()); at <= std::numeric_limits<Seconds>::max())
       arm(at);
   for (int i = 0; i < 100; ++i) arm(std::ldexp(1.0, -i * 10));
+  fireAll();
+}
+
+TEST_F(ManyTimersTest, BeforeAndBehindOthersThatAreAlmostOfOneTimeFireInOrder) {
+  Seconds at = 1000;
+  for (int i = 0; i < 20; ++i, at = std::nextafter(at, never)) arm(at);
+  ask();
+  for (int i = 0; i < 20; ++i) arm(2000 - i);
+  for (int i = 0; i < 20; ++i) arm(900 - i);
+  ask();
   fireAll();
 }
 
