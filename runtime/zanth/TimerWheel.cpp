@@ -17,6 +17,8 @@ namespace {
   throw Vel::InvalidArgumentException("a timer cannot be armed for NaN");
 }
 
+U64 withoutLowestBit(U64 bits) { return bits & (bits - 1); }
+
 }  // namespace
 
 TimerWheel::TimerWheel()
@@ -50,14 +52,12 @@ void TimerWheel::unlink(Link* timer) {
   timer->previous = nullptr;
 }
 
-// To the end of another ring.
+// To the end of another ring. The first is not valid any more.
 void TimerWheel::moveAll(Link& from, Link& to) {
-  if (isEmpty(from)) return;
   to.previous->following = from.following;
   from.following->previous = to.previous;
   from.previous->following = &to;
   to.previous = from.previous;
-  clear(from);
 }
 
 // Behind those that are not later.
@@ -146,7 +146,7 @@ void TimerWheel::fold(Link& ring, Vel::U8& fan) const {
   if (fan == none) return;
   Fan& folded = fans_[fan];
   clear(ring);
-  for (; folded.used != 0; folded.used &= folded.used - 1) {
+  for (; folded.used != 0; folded.used = withoutLowestBit(folded.used)) {
     U32 const i = folded.firstUsed();
     fold(folded.rings[i], folded.fanOf[i]);
     moveAll(folded.rings[i], ring);
@@ -158,8 +158,8 @@ void TimerWheel::fold(Link& ring, Vel::U8& fan) const {
 // first ring of the topmost fan, which stays.
 void TimerWheel::makeRoom() const {
   Fan& top = fans_[top_];
-  U64 const later = top.used & (top.used - 1);
-  for (U64 rest = later; rest != 0; rest &= rest - 1) {
+  U64 const later = withoutLowestBit(top.used);
+  for (U64 rest = later; rest != 0; rest = withoutLowestBit(rest)) {
     U32 const i = static_cast<U32>(__builtin_ctzll(rest));
     fold(top.rings[i], top.fanOf[i]);
   }
@@ -170,7 +170,7 @@ void TimerWheel::makeRoom() const {
   U32 const end = ringsOfFan - 1;
   fan.use(end);
   fold(fan.rings[end], fan.fanOf[end]);
-  for (U64 rest = later; rest != 0; rest &= rest - 1)
+  for (U64 rest = later; rest != 0; rest = withoutLowestBit(rest))
     moveAll(top.rings[__builtin_ctzll(rest)], fan.rings[end]);
   release(top_);
   top_ = next;
@@ -185,7 +185,7 @@ TimerWheel::Link& TimerWheel::firstRing() const {
     while (*fan != none) {
       Fan& in = fans_[*fan];
       while (in.used != 0 && in.fanOf[in.firstUsed()] == none && isEmpty(in.rings[in.firstUsed()]))
-        in.used &= in.used - 1;
+        in.used = withoutLowestBit(in.used);
       if (in.used == 0) {  // the way begins anew: its ring is empty
         clear(*ring);
         release(*fan);
@@ -194,7 +194,7 @@ TimerWheel::Link& TimerWheel::firstRing() const {
         continue;
       }
       U32 const i = in.firstUsed();
-      if (in.fanOf[i] != none && (in.used & (in.used - 1)) == 0) {  // it does nothing but lead to the next
+      if (in.fanOf[i] != none && withoutLowestBit(in.used) == 0) {  // it does nothing but lead to the next
         Vel::U8 const next = in.fanOf[i];
         release(*fan);
         *fan = next;

@@ -543,6 +543,28 @@ TEST_F(ManyTimersTest, OfEarlierAndEarlierBurstsFireInOrder) {
   fireAll();
 }
 
+TEST_F(ManyTimersTest, ThatAreDisarmedAllAtOnceLeaveTheWheelAsItWas) {
+  for (int i = 0; i < 3; ++i) {
+    for (int k = 0; k < 20; ++k) arm(1000 + k * 1e-3);
+    for (int k = 0; k < 20; ++k) arm(2000 + k);
+    ask();
+    while (!expected.empty()) disarmFirst();
+    EXPECT_EQ(wheel->timeMin(), never);
+  }
+  arm(1000);
+  fireAll();
+}
+
+// Each burst comes behind all others, and those go away.
+TEST_F(ManyTimersTest, OfLaterAndLaterBurstsFireInOrder) {
+  for (int burst = 0; burst < 40; ++burst) {
+    for (int k = 0; k < 20; ++k) arm(1000 + burst * 1000 + k);
+    while (expected.size() > 20) disarmFirst();
+    ask();
+  }
+  fireAll();
+}
+
 // Each burst lies between the first timer and all others of the one before.
 TEST_F(ManyTimersTest, OfBurstsInTheGapsOfOthersFireInOrder) {
   std::mt19937 random(5);
