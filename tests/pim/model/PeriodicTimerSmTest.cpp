@@ -531,7 +531,7 @@ TEST_F(PeriodicTimerSmTest, WithTheLastRouteGoneForAMomentTheRhythmIsKeptAndNoth
   expireAt(1060);
   routesAre(0);
   time = 1070;
-  routesAre(1);
+  routesAre(2);
   EXPECT_EQ(armedFor(), 1120);
   sm->hasNotificationActiveIs(true);
   EXPECT_EQ(armedFor(), 1120);
