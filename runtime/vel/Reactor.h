@@ -103,6 +103,11 @@ class VEL_API Reactor : public Counted {
   /// Points the reactor at another entity or at none, and registers it there. The same one again is nothing.
   void velNotifierIs(Entity* notifier);
 
+  /// A flag for the derived class, false at first: a member of its own would make each reactor a word larger.
+  bool velSpareFlag() const { return (flagsAndHolds_ & spare) != 0; }
+  /// Sets the flag.
+  void velSpareFlagIs(bool on) { flagsAndHolds_ = on ? flagsAndHolds_ | spare : flagsAndHolds_ & ~spare; }
+
  private:
   friend class Entity;
   friend class SnapshotIterator;
@@ -115,6 +120,7 @@ class VEL_API Reactor : public Counted {
   static constexpr U32 unregistered = 4;  // in the list only to be detached when the notifier goes
   static constexpr U32 retired = 8;       // a zombie: here as well, so that a delivery asks once
   static constexpr U32 onOpenType = 16;   // other types of reactors may be in the list; never changes
+  static constexpr U32 spare = 32;        // see velSpareFlag()
 
   // What is told to all reactors alike: see ReactorOn.
   template <class R>

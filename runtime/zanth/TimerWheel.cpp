@@ -7,12 +7,17 @@
 
 namespace Zanth {
 
+// A process has many. What has only two values is in the reactor's flags.
+static_assert(sizeof(void*) != 8 || sizeof(TimerWheel::Notifiee) <= 64);
+
 namespace {
 
 // By itself, so that arming a timer has no registers to save for it.
 [[noreturn, gnu::noinline, gnu::cold]] void throwNaN() {
   throw Vel::InvalidArgumentException("a timer cannot be armed for NaN");
 }
+
+U64 withoutLowestBit(U64 bits) { return bits & (bits - 1); }
 
 }  // namespace
 
@@ -27,10 +32,9 @@ TimerWheel::TimerWheel(Clock clock) : clock_(std::move(clock)) {
 }
 
 TimerWheel::~TimerWheel() {
-  if (top_ != none) fold(all_, top_);
+  fold(all_, top_);
   // Armed timers that do not hold the wheel: they must not point back into it.
-  for (Link* const ring : {&all_, &due_})
-    while (!isEmpty(*ring)) unlink(ring->following);
+  while (!isEmpty(all_)) unlink(all_.following);
 }
 
 // --- Rings ---------------------------------------------------------------------------------------
@@ -48,14 +52,12 @@ void TimerWheel::unlink(Link* timer) {
   timer->previous = nullptr;
 }
 
-// To the end of another ring.
+// To the end of another ring. The first is not valid any more.
 void TimerWheel::moveAll(Link& from, Link& to) {
-  if (isEmpty(from)) return;
   to.previous->following = from.following;
   from.following->previous = to.previous;
   from.previous->following = &to;
   to.previous = from.previous;
-  clear(from);
 }
 
 // Behind those that are not later.
@@ -123,8 +125,8 @@ void TimerWheel::split(Link& ring, Vel::U8& fan) const {
     made.most = std::max(made.most, key);
   }
   U64 const width = made.most - made.least;
-  made.shift = std::max(static_cast<U32>(std::bit_width(width)), 6u) - 6;
-  if (width >> made.shift > ringsOfFan - 3) ++made.shift;  // the first and the last ring are for others
+  // The first and the last ring are for other times.
+  made.shift = static_cast<U32>(std::bit_width(width / (ringsOfFan - 2)));
   for (Link* timer = ring.following; timer != &ring;) {
     Link* const following = timer->following;
     U32 const to = made.ringOf(keyOf(static_cast<Notifiee*>(timer)->timeMin_));
@@ -134,26 +136,32 @@ void TimerWheel::split(Link& ring, Vel::U8& fan) const {
   }
 }
 
-// Collects the timers of a fan into one ring again, and gives the fan back.
+void TimerWheel::release(Vel::U8& fan) const {
+  spare_ |= 1u << fan;
+  fan = none;
+}
+
+// Collects the timers of a fan, if there is one, into its ring again.
 void TimerWheel::fold(Link& ring, Vel::U8& fan) const {
+  if (fan == none) return;
   Fan& folded = fans_[fan];
   clear(ring);
-  for (; folded.used != 0; folded.used &= folded.used - 1) {
+  for (; folded.used != 0; folded.used = withoutLowestBit(folded.used)) {
     U32 const i = folded.firstUsed();
-    if (folded.fanOf[i] != none) fold(folded.rings[i], folded.fanOf[i]);
+    fold(folded.rings[i], folded.fanOf[i]);
     moveAll(folded.rings[i], ring);
   }
-  release(std::exchange(fan, none));
+  release(fan);
 }
 
 // Gives up the order of what is far ahead, for want of a fan. The way to the first timer leads through the
 // first ring of the topmost fan, which stays.
 void TimerWheel::makeRoom() const {
   Fan& top = fans_[top_];
-  U64 const later = top.used & (top.used - 1);
-  for (U64 rest = later; rest != 0; rest &= rest - 1) {
+  U64 const later = withoutLowestBit(top.used);
+  for (U64 rest = later; rest != 0; rest = withoutLowestBit(rest)) {
     U32 const i = static_cast<U32>(__builtin_ctzll(rest));
-    if (top.fanOf[i] != none) fold(top.rings[i], top.fanOf[i]);
+    fold(top.rings[i], top.fanOf[i]);
   }
   if (spare_ != 0) return;
   // All others are in the first ring: its fan becomes the topmost, and what is later comes to its end.
@@ -161,56 +169,57 @@ void TimerWheel::makeRoom() const {
   Fan& fan = fans_[next];
   U32 const end = ringsOfFan - 1;
   fan.use(end);
-  if (fan.fanOf[end] != none) fold(fan.rings[end], fan.fanOf[end]);
-  for (U64 rest = later; rest != 0; rest &= rest - 1)
+  fold(fan.rings[end], fan.fanOf[end]);
+  for (U64 rest = later; rest != 0; rest = withoutLowestBit(rest))
     moveAll(top.rings[__builtin_ctzll(rest)], fan.rings[end]);
-  release(std::exchange(top_, next));
+  release(top_);
+  top_ = next;
 }
 
-TimerWheel::First TimerWheel::first() const {
+// The ring that is first in line; it is empty if all are. Makes the earliest time known.
+TimerWheel::Link& TimerWheel::firstRing() const {
   Link* ring = &all_;
   Vel::U8* fan = &top_;
   bool oneTime = false;
   for (;;) {
-    if (*fan != none) {
+    while (*fan != none) {
       Fan& in = fans_[*fan];
       while (in.used != 0 && in.fanOf[in.firstUsed()] == none && isEmpty(in.rings[in.firstUsed()]))
-        in.used &= in.used - 1;
+        in.used = withoutLowestBit(in.used);
       if (in.used == 0) {  // the way begins anew: its ring is empty
         clear(*ring);
-        release(std::exchange(*fan, none));
+        release(*fan);
         ring = &all_;
         fan = &top_;
-        oneTime = false;
         continue;
       }
       U32 const i = in.firstUsed();
-      if (in.fanOf[i] != none && (in.used & (in.used - 1)) == 0) {  // it does nothing but lead to the next
-        release(std::exchange(*fan, in.fanOf[i]));
+      if (in.fanOf[i] != none && withoutLowestBit(in.used) == 0) {  // it does nothing but lead to the next
+        Vel::U8 const next = in.fanOf[i];
+        release(*fan);
+        *fan = next;
         continue;
       }
       oneTime = in.shift == 0 && i != 0 && i != ringsOfFan - 1;
       ring = &in.rings[i];
       fan = &in.fanOf[i];
-      continue;
     }
-    if (isEmpty(*ring)) return {};
+    Seconds time = Vel::never;
     Link const* timer = ring->following;
-    Seconds time = static_cast<Notifiee const*>(timer)->timeMin_;
-    if (oneTime) return {ring, time};
     for (U32 i = 0; i < few && timer != ring; ++i, timer = timer->following)
       time = std::min(time, static_cast<Notifiee const*>(timer)->timeMin_);
-    if (timer == ring) return {ring, time};
+    if (timer == ring || oneTime) {
+      earliest_ = time;
+      earliestKnown_ = true;
+      return *ring;
+    }
     if (spare_ == 0) makeRoom();
     split(*ring, *fan);
   }
 }
 
 Seconds TimerWheel::timeMin() const {
-  if (!earliestKnown_) {
-    earliest_ = first().time;
-    earliestKnown_ = true;
-  }
+  if (!earliestKnown_) firstRing();
   return isEmpty(due_) ? earliest_
                        : std::min(earliest_, static_cast<Notifiee const*>(due_.following)->timeMin_);
 }
@@ -228,18 +237,17 @@ void TimerWheel::Notifiee::doDetach() noexcept {
 void TimerWheel::Notifiee::timeMinIs(Seconds time) {
   TimerWheel* const wheel = static_cast<TimerWheel*>(velNotifier());
   if (time <= std::numeric_limits<Seconds>::max()) {
-    missed_ = false;
+    missedIs(false);
     if (previous)
       wheel->remove(this);
     else if (wheel)
       ++wheel->armedCount_;
     timeMin_ = time;
-    if (!wheel) return;
-    wheel->insert(this);
+    if (wheel) wheel->insert(this);
     return;
   }
   if (std::isnan(time)) throwNaN();
-  missed_ = false;
+  missedIs(false);
   if (previous) {
     wheel->remove(this);
     --wheel->armedCount_;
@@ -248,7 +256,9 @@ void TimerWheel::Notifiee::timeMinIs(Seconds time) {
 }
 
 void TimerWheel::Notifiee::notifierIs(Vel::Ptr<TimerWheel> const& wheel) {
-  if (wheel == static_cast<TimerWheel*>(velNotifier())) return;
+  Vel::Ptr<TimerWheel> const old = notifier();  // dropped last: its end calls out
+  if (wheel == old) return;
+  if (!armed()) return Base::notifierIs(wheel);
   Seconds const time = timeMin_;
   timeMinIs(Vel::never);
   Base::notifierIs(wheel);
@@ -260,11 +270,9 @@ void TimerWheel::Notifiee::notifierIs(Vel::Ptr<TimerWheel> const& wheel) {
 // Moves what is due out of the rings, in order.
 void TimerWheel::collectDue(Seconds now) {
   for (;;) {
-    First const next = first();
-    earliest_ = next.time;
-    earliestKnown_ = true;
-    if (!(next.time <= now)) return;
-    for (Link* timer = next.ring->following; timer != next.ring;) {
+    Link& ring = firstRing();
+    if (earliest_ > now || isEmpty(ring)) return;
+    for (Link* timer = ring.following; timer != &ring;) {
       Link* const following = timer->following;
       if (static_cast<Notifiee*>(timer)->timeMin_ <= now) {
         unlink(timer);
@@ -286,16 +294,19 @@ void TimerWheel::callDue(Seconds at) {
   expiring_ = true;
   collectDue(at);
   while (!isEmpty(due_)) {
-    Vel::Ptr<Notifiee> const timer(static_cast<Notifiee*>(due_.following));
-    unlink(due_.following);
+    Notifiee& timer = static_cast<Notifiee&>(*due_.following);
+    Vel::Ptr<Notifiee> const reference(&timer);
+    unlink(&timer);
     --armedCount_;
-    timer->timeMin_ = Vel::never;
-    timer->missed_ = !timer->hasNotificationActive() || timer->isZombie();
-    if (timer->missed_) continue;
+    timer.timeMin_ = Vel::never;
+    if (!timer.hasNotificationActive() || timer.isZombie()) {
+      timer.missedIs(true);
+      continue;
+    }
     try {
-      timer->onTime();
+      timer.onTime();
     } catch (...) {
-      timer->handleNotificationException();
+      timer.handleNotificationException();
     }
   }
   expiring_ = false;

@@ -67,7 +67,7 @@ class VEL_API TimerWheel : public Vel::Entity {
     bool armed() const { return timeMin_ <= std::numeric_limits<Seconds>::max(); }
 
     /// True if the timer expired while it could not be called, and was not armed or disarmed since.
-    bool missed() const { return missed_; }
+    bool missed() const { return velSpareFlag(); }
 
     /// Goes over to another wheel, or to none, with the time that is set.
     void notifierIs(Vel::Ptr<TimerWheel> const& wheel) override;
@@ -84,8 +84,9 @@ class VEL_API TimerWheel : public Vel::Entity {
    private:
     friend class TimerWheel;
 
+    void missedIs(bool missed) { velSpareFlagIs(missed); }
+
     Seconds timeMin_ = Vel::never;
-    bool missed_ = false;
   };
 
   /// On the monotonic clock of the system.
@@ -144,12 +145,6 @@ class VEL_API TimerWheel : public Vel::Entity {
     void use(U32 ring);
   };
 
-  // The ring that is first in line, and its earliest time.
-  struct First {
-    Link* ring = nullptr;
-    Seconds time = Vel::never;
-  };
-
   static U64 keyOf(Seconds time);
   static bool isEmpty(Link const& ring) { return ring.following == &ring; }
   static void clear(Link& ring) { ring.previous = ring.following = &ring; }
@@ -161,11 +156,11 @@ class VEL_API TimerWheel : public Vel::Entity {
   void remove(Notifiee* timer);
   void insert(Notifiee* timer);
   Link& ringFor(U64 key);
-  First first() const;
+  Link& firstRing() const;
   void split(Link& ring, Vel::U8& fan) const;
   void fold(Link& ring, Vel::U8& fan) const;
   void makeRoom() const;
-  void release(Vel::U8 fan) const { spare_ |= 1u << fan; }
+  void release(Vel::U8& fan) const;
   void collectDue(Seconds now);
   void callDue(Seconds now);
 

@@ -525,6 +525,18 @@ TEST_F(PeriodicTimerSmTest, WithTheLastRouteGoneNothingIsDueWhenNotificationsAre
   }
 }
 
+TEST_F(PeriodicTimerSmTest, WithTheLastRouteGoneForAMomentTheRhythmIsKeptAndNothingIsDueAtOnce) {
+  routesAre(1);
+  sm->hasNotificationActiveIs(false);
+  expireAt(1060);
+  routesAre(0);
+  time = 1070;
+  routesAre(2);
+  EXPECT_EQ(armedFor(), 1120);
+  sm->hasNotificationActiveIs(true);
+  EXPECT_EQ(armedFor(), 1120);
+}
+
 TEST_F(PeriodicTimerSmTest, ASliceWhoseRestWasDueWhileNotificationsWereOffIsContinuedNotRepeated) {
   routesAre(100);
   sm->perExpiry = 30;
@@ -686,6 +698,94 @@ TEST_F(PeriodicTimerSmTest, AMachineThatIsGivenAWheelRefreshesTheRoutesThatItHas
   EXPECT_EQ(armedFor(), Vel::never);
 }
 
+TEST_F(PeriodicTimerSmTest, AMachineWithoutRoutesIsAskedForNothingWhenItIsGivenAWheel) {
+  sm->periodicTimerIs(nullptr);
+  sm->periodicTimerIs(wheel);
+  EXPECT_EQ(sm->asked, 0);
+}
+
+TEST_F(PeriodicTimerSmTest, ATimerThatWasDisarmedByHandIsNotArmedByAnotherWheel) {
+  routesAre(1);
+  sm->periodicTimer()->timeMinIs(Vel::never);
+  sm->periodicTimerIs(Vel::create<Zanth::TimerWheel>([this] { return time; }));
+  EXPECT_EQ(armedFor(), Vel::never);
+}
+
+TEST_F(PeriodicTimerSmTest, AMachineThatWasWithoutAWheelForAMomentStartsAnew) {
+  routesAre(1);
+  sm->routes = 0;
+  expireAt(1060);
+  sm->periodicTimerIs(nullptr);
+  routesAre(1);
+  time = 1075;
+  sm->periodicTimerIs(wheel);
+  EXPECT_EQ(armedFor(), 1135);
+}
+
+// Acts when a wheel has no references left.
+class AtTheEnd final : public Zanth::TimerWheel::NotifieeConst {
+ public:
+  AtTheEnd(Vel::Ptr<Zanth::TimerWheel> const& wheel, std::function<void()> act) : act_(std::move(act)) {
+    isNondestructingIs(true);
+    notifierIs(wheel);
+  }
+  void onZeroReferences() override { act_(); }
+
+ private:
+  std::function<void()> act_;
+};
+
+TEST_F(PeriodicTimerSmTest, AWheelThatEndsWithItsTimerMayBeReplacedAtThatMoment) {
+  auto const other = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  auto const watcher = Vel::create<AtTheEnd>(wheel, [&] { sm->periodicTimerIs(other); });
+  routesAre(1);
+  wheel = nullptr;
+  time = 1030;
+  sm->periodicTimerIs(nullptr);
+  EXPECT_EQ(armedFor(), 1090);
+  time = 1095;
+  other->expire();
+  EXPECT_EQ(armedFor(), 1150);  // after the deadline, which is known
+  sm = nullptr;
+}
+
+TEST_F(PeriodicTimerSmTest, AMachineThatEndsWithItsWheelIsNotGivenAnotherOne) {
+  auto const other = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  bool hadTimer = true;
+  auto* const machine = sm.get();
+  auto const watcher = Vel::create<AtTheEnd>(wheel, [&] {
+    machine->periodicTimerIs(other);
+    hadTimer = machine->newPeriodicTimer(other) != nullptr;
+  });
+  routesAre(1);
+  wheel = nullptr;
+  sm = nullptr;
+  EXPECT_FALSE(hadTimer);
+}
+
+TEST_F(PeriodicTimerSmTest, AfterAnExpiryThatCouldNotEvenBeRepeatedTheMachineStartsAnew) {
+  Vel::traceSinkIs([](Vel::TraceLine const&) {});
+  bool failing = false;
+  wheel = Vel::create<Zanth::TimerWheel>([&] {
+    if (failing) throw std::runtime_error("no clock");
+    return time;
+  });
+  sm->periodicTimerIs(wheel);
+  routesAre(1);
+  sm->whileSending = [&] {
+    failing = true;
+    throw std::runtime_error("no buffer");
+  };
+  expireAt(1060);
+  Vel::traceSinkIs(nullptr);
+  EXPECT_EQ(armedFor(), Vel::never);
+  failing = false;
+  time = 1500;
+  routesAre(2);
+  EXPECT_EQ(armedFor(), 1560);
+  sm = nullptr;
+}
+
 TEST_F(PeriodicTimerSmTest, TheWheelMayBeReplacedInsideAnExpiry) {
   Seconds otherTime = 5000;
   auto const other = Vel::create<Zanth::TimerWheel>([&otherTime] { return otherTime; });
@@ -762,6 +862,7 @@ TEST_F(PeriodicTimerSmTest, AMachineMayGoWhileItsClockIsRead) {
     sm = Vel::create<Refresher>(called, log);
     row.prepare();
     auto* const machine = sm.get();
+    auto const timer = sm->periodicTimer();
     bool wasCalled = false;
     atClock = [&] {
       wasCalled = true;
@@ -771,6 +872,7 @@ TEST_F(PeriodicTimerSmTest, AMachineMayGoWhileItsClockIsRead) {
     row.act();
     EXPECT_TRUE(wasCalled);
     EXPECT_FALSE(sm);
+    EXPECT_FALSE(timer->armed());
     EXPECT_EQ(called->armedCount(), 0u);
   }
 }

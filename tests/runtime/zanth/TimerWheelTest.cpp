@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <vector>
 
 namespace Zanth {
@@ -220,6 +221,34 @@ TEST_F(TimerWheelTest, AZombieOrInactiveTimerIsNotCalled) {
   EXPECT_FALSE(zombie->armed());
 }
 
+TEST_F(TimerWheelTest, AnExpiryThatIsLostIsKnownUntilTheTimerIsArmedOrDisarmed) {
+  auto const zombie = timer(1, 101), inactive = timer(2, 101), live = timer(3, 101);
+  zombie->velDoZombieReactors(true);
+  inactive->hasNotificationActiveIs(false);
+  for (auto const& each : {zombie, inactive, live}) EXPECT_FALSE(each->missed());
+  expireAt(101);
+  EXPECT_FALSE(live->missed());
+  for (auto const& each : {zombie, inactive}) {
+    EXPECT_TRUE(each->missed());
+    EXPECT_THROW(each->timeMinIs(std::nan("")), Vel::InvalidArgumentException);
+    each->notifierIs(nullptr);
+    each->notifierIs(wheel);
+    EXPECT_TRUE(each->missed());
+  }
+  zombie->timeMinIs(never);
+  EXPECT_FALSE(zombie->missed());
+  inactive->timeMinIs(102);
+  EXPECT_FALSE(inactive->missed());
+  expireAt(102);
+  EXPECT_TRUE(inactive->missed());
+  inactive->hasNotificationActiveIs(true);
+  EXPECT_TRUE(inactive->missed());
+  inactive->timeMinIs(103);
+  expireAt(103);
+  EXPECT_FALSE(inactive->missed());
+  EXPECT_THAT(fired, ElementsAre(3, 2));
+}
+
 TEST_F(TimerWheelTest, AThrowingTimerIsToldSoAndTheOthersAreStillCalled) {
   auto const bad = timer([](Timer&) { throw 1; }, 101);
   auto const good = timer(2, 101);
@@ -284,6 +313,85 @@ TEST_F(TimerWheelTest, ATimerTakesItsTimeAlongToAnotherWheel) {
   EXPECT_THAT(fired, IsEmpty());
   other->expire();
   EXPECT_THAT(fired, ElementsAre(1));
+}
+
+// Acts when its wheel has no references left.
+class AtTheEnd final : public TimerWheel::NotifieeConst {
+ public:
+  AtTheEnd(Vel::Ptr<TimerWheel> const& wheel, std::function<void()> act) : act_(std::move(act)) {
+    isNondestructingIs(true);
+    notifierIs(wheel);
+  }
+  void onZeroReferences() override { act_(); }
+
+ private:
+  std::function<void()> act_;
+};
+
+TEST_F(TimerWheelTest, WhatHappensToATimerAtTheEndOfTheWheelThatItLeavesHolds) {
+  auto const other = Vel::create<TimerWheel>([this] { return time; });
+  auto one = timer(1, 101);
+  auto watcher = Vel::create<AtTheEnd>(wheel, [&] { one->timeMinIs(500); });
+  wheel = nullptr;
+  one->notifierIs(other);
+  EXPECT_EQ(one->timeMin(), 500);
+  EXPECT_EQ(other->timeMin(), 500);
+
+  wheel = Vel::create<TimerWheel>([this] { return time; });
+  watcher = Vel::create<AtTheEnd>(wheel, [&] { one = nullptr; });
+  one->notifierIs(std::exchange(wheel, nullptr));
+  one->notifierIs(other);
+  EXPECT_FALSE(one);
+  EXPECT_EQ(other->armedCount(), 0u);
+}
+
+TEST_F(TimerWheelTest, AClockAtInfinityFiresWhateverIsArmed) {
+  expireAt(never);
+  EXPECT_THAT(fired, IsEmpty());
+  auto const last = timer(2, std::numeric_limits<double>::max()), first = timer(1, 101), off = timer(3);
+  expireAt(never);
+  EXPECT_THAT(fired, ElementsAre(1, 2));
+  EXPECT_EQ(wheel->timeMin(), never);
+}
+
+TEST_F(TimerWheelTest, ATimerThatCouldNotBeMadeIsOffItsWheel) {
+  class Failing final : public TimerWheel::Notifiee {
+   public:
+    explicit Failing(Vel::Ptr<TimerWheel> const& wheel) {
+      notifierIs(wheel);
+      timeMinIs(101);
+      throw std::runtime_error("no memory");
+    }
+  };
+  EXPECT_THROW(Vel::create<Failing>(wheel), std::runtime_error);
+  EXPECT_EQ(wheel->armedCount(), 0u);
+  EXPECT_EQ(wheel->timeMin(), never);
+  expireAt(101);
+}
+
+TEST_F(TimerWheelTest, ATimerIsOffItsWheelBeforeItsDerivedPartsAreDestroyed) {
+  class Ending final : public TimerWheel::Notifiee {
+   public:
+    Ending(U32& left, bool& hasWheel) : left_(left), hasWheel_(hasWheel) {}
+    ~Ending() override {
+      left_ = wheel->armedCount();
+      hasWheel_ = notifier() != nullptr;
+    }
+    Vel::Ptr<TimerWheel> wheel;
+
+   private:
+    U32& left_;
+    bool& hasWheel_;
+  };
+  U32 left = 1;
+  bool hasWheel = true;
+  auto ending = Vel::create<Ending>(left, hasWheel);
+  ending->wheel = wheel;
+  ending->notifierIs(wheel);
+  ending->timeMinIs(101);
+  ending = nullptr;
+  EXPECT_EQ(left, 0u);
+  EXPECT_FALSE(hasWheel);
 }
 
 TEST_F(TimerWheelTest, AConstTimerCannotBeArmed) {
@@ -404,11 +512,21 @@ TEST_F(ManyTimersTest, OfAFewTimesFireInTheOrderOfArming) {
 TEST_F(ManyTimersTest, WhoseTimesAreAsFarApartAsDoublesCanBeFireInOrder) {
   std::mt19937_64 random(3);
   arm(-never);
-  for (Seconds const zero : {0.0, -0.0, 0.0, -0.0}) arm(zero);
+  for (int i = 0; i < 20; ++i) arm(i % 2 == 0 ? 0.0 : -0.0);
   for (int i = 0; i < 3000; ++i)
     if (Seconds const at = std::bit_cast<Seconds>(random()); at <= std::numeric_limits<Seconds>::max())
       arm(at);
   for (int i = 0; i < 100; ++i) arm(std::ldexp(1.0, -i * 10));
+  fireAll();
+}
+
+TEST_F(ManyTimersTest, BeforeAndBehindOthersThatAreAlmostOfOneTimeFireInOrder) {
+  Seconds at = 1000;
+  for (int i = 0; i < 20; ++i, at = std::nextafter(at, never)) arm(at);
+  ask();
+  for (int i = 0; i < 20; ++i) arm(2000 - i);
+  for (int i = 0; i < 20; ++i) arm(900 - i);
+  ask();
   fireAll();
 }
 
@@ -431,6 +549,28 @@ TEST_F(ManyTimersTest, OfEarlierAndEarlierBurstsFireInOrder) {
   fireAll();
 }
 
+TEST_F(ManyTimersTest, ThatAreDisarmedAllAtOnceLeaveTheWheelAsItWas) {
+  for (int i = 0; i < 3; ++i) {
+    for (int k = 0; k < 20; ++k) arm(1000 + k * 1e-3);
+    for (int k = 0; k < 20; ++k) arm(2000 + k);
+    ask();
+    while (!expected.empty()) disarmFirst();
+    EXPECT_EQ(wheel->timeMin(), never);
+  }
+  arm(1000);
+  fireAll();
+}
+
+// Each burst comes behind all others, and those go away.
+TEST_F(ManyTimersTest, OfLaterAndLaterBurstsFireInOrder) {
+  for (int burst = 0; burst < 40; ++burst) {
+    for (int k = 0; k < 20; ++k) arm(1000 + burst * 1000 + k);
+    while (expected.size() > 20) disarmFirst();
+    ask();
+  }
+  fireAll();
+}
+
 // Each burst lies between the first timer and all others of the one before.
 TEST_F(ManyTimersTest, OfBurstsInTheGapsOfOthersFireInOrder) {
   std::mt19937 random(5);
@@ -439,6 +579,7 @@ TEST_F(ManyTimersTest, OfBurstsInTheGapsOfOthersFireInOrder) {
     for (int k = 0; k < 40; ++k) arm(1000 + width * (1 + random() % 1000 * 1e-3));
     ask();
     for (int k = 0; k < 3; ++k) arm(2e6 + burst);
+    arm(4e6 - burst);
   }
   fireAll();
 }
