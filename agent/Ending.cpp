@@ -74,6 +74,9 @@ void truncated(int signal, siginfo_t* info, void*) {
   std::signal(signal, SIG_DFL);
 }
 
+// An assertion has written what does not hold. A debugger sees the signal before this does.
+void aborted(int) { endWith(subject.text(), "an assertion does not hold"); }
+
 void toldToEnd(int signal) {
   Scrivo::OutputFile::abandonAll();
   std::raise(signal);  // has its default effect by now
@@ -98,7 +101,8 @@ void endWithReasons() {
   }
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  for (int const signal : {SIGINT, SIGTERM, SIGHUP}) handle(signal, toldToEnd);
+  for (int const signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) handle(signal, toldToEnd);
+  handle(SIGABRT, aborted);
   struct sigaction action = {};
   action.sa_sigaction = truncated;
   action.sa_flags = SA_SIGINFO;

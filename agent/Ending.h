@@ -14,8 +14,8 @@ namespace Routing::Pim::Agent {
 inline constexpr int cannotDo = 2;
 
 /// From here on, a write to a closed pipe or beyond a limit is an error and no signal, a trace file that
-/// somebody else truncates ends the program with a line, and being told to end removes unfinished files
-/// first. Opens what is missing of the three standard streams, so that no file takes the place of one. Memory
+/// somebody else truncates ends the program with a line, so does an assertion that does not hold (a conversation
+/// can break the engine's rules), and being told to end removes unfinished files first. Opens what is missing of the three standard streams, so that no file takes the place of one. Memory
 /// that runs out is seen to before main().
 void endWithReasons();
 

@@ -546,6 +546,7 @@ void PacketManager::transmit(IO::MessageInfo& record) {
   }
   Vel::Ptr<Data> const data = message->joinPruneData();
   message->reportIs({});
+  if (!transmitter_) return;  // somebody who was told of the report has ended this
   if (!data) {
     AGENT_TRACE(intf << ": no data in the message");
     return;
@@ -574,6 +575,7 @@ MessageReport PacketManager::send(Dova::IntfId const& intf, Vel::Ptr<Data> const
   try {
     composer.compose(bookmark->position);
     if (!composer.message().groups().empty()) {
+      if (!transmitter_) return {};  // the filter or the suppression has ended this
       std::vector<U8> bytes = encodeJoinPrune(composer.message(), envelope.source, envelope.destination);
       sink_.send({intf, envelope.source, envelope.destination, composer.takeMessage(), std::move(bytes)});
     }

@@ -155,36 +155,35 @@ void Replay::pimIs(Place const& place, Datagram const& datagram) {
     case Datagram::State::whole:
       break;
   }
-  if (!maySend(place, type, datagram)) return;
-  if (type == PimType::hello)
-    helloIs(place, datagram);
-  else
-    joinPruneIs(place, datagram);
-}
-
-bool Replay::maySend(Place const& place, PimType type, Datagram const& datagram) {
   auto const fault = senderFault(datagram);
-  if (fault && !lenient_) refuse(place, type, *fault);
-  if (fault && lenient_) ++totals_.lenient;
-  return !fault || lenient_;
+  if (fault && !lenient_) return refuse(place, type, *fault);
+  bool const taken = type == PimType::hello ? helloIs(place, datagram) : joinPruneIs(place, datagram);
+  if (fault && taken) ++totals_.lenient;
 }
 
-void Replay::joinPruneIs(Place const& place, Datagram const& datagram) {
+// False if it is refused.
+bool Replay::joinPruneIs(Place const& place, Datagram const& datagram) {
   auto const decoded = decodeJoinPrune(datagram.payload, datagram.source, datagram.destination);
   if (auto const* refusal = std::get_if<Refusal>(&decoded)) {
-    return refuse(place, PimType::joinPrune, *refusal);
+    refuse(place, PimType::joinPrune, *refusal);
+    return false;
   }
   auto const& message = std::get<WireMessage>(decoded);
   ++totals_.messages;
   neighborIs(datagram.source, place.time, message.holdTime());
   deliver(place, message);
+  return true;
 }
 
-void Replay::helloIs(Place const& place, Datagram const& datagram) {
+bool Replay::helloIs(Place const& place, Datagram const& datagram) {
   auto const decoded = decodeHello(datagram.payload, datagram.source, datagram.destination);
-  if (auto const* refusal = std::get_if<Refusal>(&decoded)) return refuse(place, PimType::hello, *refusal);
+  if (auto const* refusal = std::get_if<Refusal>(&decoded)) {
+    refuse(place, PimType::hello, *refusal);
+    return false;
+  }
   ++totals_.hellos;
   neighborIs(datagram.source, place.time, std::get<U16>(decoded));
+  return true;
 }
 
 void Replay::neighborIs(IpGenAddr const& sender, Vel::Seconds now, U16 holdTime) {

@@ -72,10 +72,9 @@ class Replay {
   class EntryReactor;
 
   void pimIs(Place const& place, Datagram const& datagram);
-  void joinPruneIs(Place const& place, Datagram const& datagram);
+  bool joinPruneIs(Place const& place, Datagram const& datagram);
   void passOver(PassedOver why);
-  bool maySend(Place const& place, PimType type, Datagram const& datagram);
-  void helloIs(Place const& place, Datagram const& datagram);
+  bool helloIs(Place const& place, Datagram const& datagram);
   void neighborIs(IpGenAddr const& sender, Vel::Seconds now, U16 holdTime);
   void expireNeighbors(Vel::Seconds now);
   void deliver(Place const& place, WireMessage const& message);

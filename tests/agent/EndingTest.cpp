@@ -48,6 +48,15 @@ TEST(EndingTest, AnExceptionForWhichThereIsNoMemoryOrNoHandlerIsToldToo) {
             "jpagent: Cannot allocate memory\n");
 }
 
+TEST(EndingTest, AnAssertionThatDoesNotHoldEndsTheProgramWithWhatItWasAtWorkOn) {
+  EXPECT_EQ(lastWords([] {
+              endWithReasons();
+              subjectIs("story.txt");
+              std::abort();
+            }),
+            "jpagent: story.txt: an assertion does not hold\n");
+}
+
 TEST(EndingTest, WhatIsPrintedSoFarIsKeptAndUnfinishedFilesAreNot) {
   TemporaryFolder const folder;
   auto const out = folder.file("out"), half = folder.file("half");

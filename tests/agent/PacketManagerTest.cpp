@@ -924,7 +924,7 @@ TEST_F(PacketManagerTest, LeavesAnEmptiedGroupThatSomebodyHasMadeAnew) {
   EXPECT_EQ(data->joinPruneGroupData(IpGenAddr("239.1.1.1")), again);
 }
 
-TEST_F(PacketManagerTest, MayBeLetGoByItsOwnSuppressionHook) {
+TEST_F(PacketManagerTest, MayBeLetGoByItsOwnSuppressionHookAndThenSendsNothing) {
   int asked = 0;
   managerIs(nullptr, [&, mine = std::string("still there")](auto const&...) {
     if (asked++ == 0) manager = nullptr;
@@ -933,10 +933,39 @@ TEST_F(PacketManagerTest, MayBeLetGoByItsOwnSuppressionHook) {
   });
   auto const data = dataIs("10.0.0.2");
   for (U32 n = 1; n <= 3; ++n) groupIs(data, "239.1.1.1")->joinedSourceIs(behind("10.9.0.0", n));
-  EXPECT_EQ(ask(data), (MessageReport{3, 0, 0}));
+  EXPECT_EQ(ask(data), MessageReport());
   EXPECT_EQ(asked, 3);
-  EXPECT_THAT(packets(), SizeIs(1));
-  EXPECT_EQ(data->joinPruneGroupDataCount(), 0u);
+  EXPECT_THAT(packets(), IsEmpty());
+  EXPECT_EQ(data->joinPruneGroupDataCount(), 1u);
+}
+
+/// Calls at each report of a message.
+class ReportReactor final : public Packet::JoinPruneMessage::NotifieeConst {
+ public:
+  explicit ReportReactor(std::function<void()> call) : call_(std::move(call)) {}
+  void onReport() override { call_(); }
+
+ private:
+  std::function<void()> const call_;
+};
+
+TEST_F(PacketManagerTest, SendsNothingIfItIsLetGoOrStoppedWhileItClearsTheReport) {
+  for (bool const letGo : {true, false}) {
+    managerIs(nullptr);
+    auto const record = manager->txMessageInfo();
+    auto const message = Vel::create<Packet::JoinPruneMessage>();
+    message->reportIs({1, 2, 3});
+    auto const watcher = Vel::create<ReportReactor>([&] { letGo ? void(manager = nullptr) : manager->stop(); });
+    watcher->notifierIs(message);
+    record->joinPruneMessageIs(message);
+    auto const data = dataIs("10.0.0.2");
+    groupIs(data, "239.1.1.1")->joinedSourceIs(IpGenAddr("10.9.0.1"));
+    message->joinPruneDataIs(data);
+    record->intfIdIs(Dova::IntfId("eth0"));
+    record->countInc(1);
+    EXPECT_THAT(packets(), IsEmpty()) << letGo;
+    EXPECT_EQ(data->joinPruneGroupDataCount(), 1u) << letGo;
+  }
 }
 
 /// Calls at each count of a record.

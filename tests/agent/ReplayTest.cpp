@@ -471,6 +471,15 @@ TEST_F(ReplayTest, ALenientReplayTakesEverySenderAndCountsThem) {
   EXPECT_EQ(replay_->totals().lenient, 0u);
 }
 
+TEST_F(ReplayTest, WhatALenientReplayRefusesForAnotherReasonIsNotCountedAsTaken) {
+  options_.lenient = true;
+  for (auto both = bothSent(senderRows[0]); auto& bytes : both) {
+    bytes.back() ^= 1;  // which the checksum covers
+    EXPECT_THAT(shown({bytes}), testing::HasSubstr("refused"));
+    EXPECT_EQ(replay_->totals().lenient, 0u);
+  }
+}
+
 TEST_F(ReplayTest, MessagesInsideTunnelsCountLikeOthers) {
   auto const inner = datagram(oneJoin());
   auto const gre = ipDatagram(IpGenAddr("192.0.2.7"), IpGenAddr("192.0.2.8"), 47, hex("0000 0800") + inner);
