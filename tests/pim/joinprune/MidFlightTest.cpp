@@ -101,6 +101,37 @@ TEST_F(MidFlightTest, AMachineThatIsDroppedUnderItsHandlerIsRetiredBeforeTheHand
   EXPECT_EQ(rxJoin->rxCount(), 0u);
 }
 
+TEST_F(MidFlightTest, AMachineThatIsRevivedUnderItsHandlerIsRetiredWhenItIsDroppedAgainInTheSameHandler) {
+  startWithNeighbor();
+  class Reviver final : public JoinPruneMessageSm::NotifieeConst {
+   public:
+    void onZeroReferences() override {
+      if (++zeros == 1) kept = notifier();
+    }
+    int zeros = 0;
+    Vel::Ptr<JoinPruneMessageSm const> kept;
+  };
+  auto const reviver = Vel::create<Reviver>();
+  reviver->isNondestructingIs(true);
+  reviver->notifierIs(machine);
+  JoinPruneMessageSm const* const raw = machine.get();
+  inLine("handleRxMessage()", [&] {
+    machine = nullptr;
+    EXPECT_FALSE(raw->retired());
+    reviver->kept = nullptr;
+    EXPECT_TRUE(raw->retired());
+    EXPECT_EQ(reviver->zeros, 2);
+    neighbor("10.0.0.3", eth0);
+    EXPECT_EQ(sets("10.0.0.1"), "-");
+    EXPECT_EQ(sets("10.0.0.3"), "-");
+    log.clear();
+  });
+  receiveAJoin();
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(rxJoin->rxCount(), 0u);
+  EXPECT_FALSE(reviver->notifier());
+}
+
 TEST_F(MidFlightTest, ANeighborMachineOfNobodysThatIsDroppedInsideItsOwnSendDoesNotReactAnyMore) {
   auto const data = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
   manager->start();
