@@ -778,7 +778,7 @@ void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
   if (!drained()) return;
   catchUp();
   if (!drained()) return;
-  if (counted_ && numPeriodicRoutes_ != 0) {
+  if (counted_ && !behind_ && !catchingUp_ && numPeriodicRoutes_ != 0) {
     // A group was removed before its sources: what this machine counts is no longer what there is.
     JOIN_PRUNE_TRACE(1, this, '(' << group << "), Num routes: " << numPeriodicRoutes_);
     VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
@@ -816,8 +816,10 @@ void JoinPruneNeighborSm::fallBehind() {
 // Follows what could not be followed, counts anew and arms what is pending. Asked at each expiry, and when the
 // periodic data has run empty.
 void JoinPruneNeighborSm::catchUp() {
-  if (!behind_) return;
+  if (!behind_ || catchingUp_) return;
   Vel::MemoryHold const memory(this);
+  behind_ = false;  // before what may fall behind again
+  catchingUp_ = true;
   try {
     retireUnfollowedGroups<Triggered>();
     retireUnfollowedGroups<Override>();
@@ -826,10 +828,11 @@ void JoinPruneNeighborSm::catchUp() {
     reconcile<Override>();
     reconcile<Periodic>();
   } catch (...) {
+    catchingUp_ = false;
     fallBehind();
     throw;
   }
-  behind_ = false;
+  catchingUp_ = false;
   countRoutes();
   if (!retired()) doUpdateTimer<Override>();
   // The owner may have been told of nothing since the data ran empty.
@@ -928,7 +931,8 @@ void JoinPruneNeighborSm::validateNumPeriodicRoutes() {
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(8, this, '(' << numPeriodicRoutes_ << ')');
-  if (!initialized_ || retired() || behind_ || (parentSm_ && !parentSm_->diagUpJoinCount())) return;
+  if (!initialized_ || retired() || behind_ || catchingUp_ || (parentSm_ && !parentSm_->diagUpJoinCount()))
+    return;
   U32 sum = 0;
   if (Vel::Ptr<Packet::JoinPruneData> const groups = data<Periodic>())
     for (auto i = groups->joinPruneGroupDataIterator(); i; ++i) sum += i->routes();
