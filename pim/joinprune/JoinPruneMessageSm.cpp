@@ -595,7 +595,8 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
   Vel::Ptr<Intf const> const intf = notifier();
   Dova::IpGenAddr const address = wantedAddress;
   Dova::IpGenAddr const ownAddress = address_;
-  unfinished_ = true;
+  unfinished_ =
+      false;  // a call inside this one that fails sets it, and this one may not be wanted any more then
   try {
     Target target;
     if (sm->openTarget(target, address,
@@ -605,8 +606,8 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
       if (!present || present->neighbor() || present->intf() != intf)
         sm->startTarget(target, address, nullptr, intf);
     }
-    unfinished_ = false;
   } catch (...) {
+    unfinished_ = true;
     sm->fallBehind();
     throw;
   }

@@ -200,6 +200,44 @@ TEST_F(AfterFamineTest, TheMachineOfANewAddressIsMadeWithoutAnotherNotificationA
   EXPECT_GT(found, 3u);
 }
 
+TEST_F(AfterFamineTest, TheMachineOfAnAddressThatChangesWhileTheMachineOfTheOneBeforeIsMadeIsMade) {
+  class Mover final : public JoinPruneStatus::NotifieeConst {
+   public:
+    void onTriggeredGroup(Dova::IpGenAddr address) override {
+      if (address != addr("10.0.0.9")) return;
+      if (auto const once = std::exchange(act, nullptr)) once();
+    }
+    std::function<void()> act;
+  };
+  U32 found = 0;
+  bool failed = true;
+  for (std::size_t n = 1; failed; ++n) {
+    SCOPED_TRACE(n);
+    World w;
+    withNeighbor(w);
+    w.status->triggeredGroupIs(addr("10.0.0.8"));
+    auto const eth0 = w.pim->pimIntf(Dova::IntfId("eth0"));
+    auto const move = [&](char const* to) { eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText(to)); };
+    auto const mover = Vel::create<Mover>();
+    mover->act = [&] {
+      Famine const famine(n);
+      Scene::whateverHappens([&] { move("10.0.0.8/24"); });
+      failed = famine.failures() != 0;
+    };
+    mover->notifierIs(w.status);
+    move("10.0.0.9/24");
+    EXPECT_FALSE(mover->act);
+    found += !w.sm("10.0.0.8");
+    w.runUntil(w.time + 0.2);
+    EXPECT_TRUE(w.sm("10.0.0.8"));
+    EXPECT_FALSE(w.sm("10.0.0.9"));
+    mover->notifierIs(nullptr);
+    w.manager->stop();
+    w.machine = nullptr;
+  }
+  EXPECT_GT(found, 3u);
+}
+
 // Which data set, and what fills a group in it.
 struct Filling {
   char const* name;
