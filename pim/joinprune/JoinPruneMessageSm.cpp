@@ -218,7 +218,8 @@ Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::joinPruneNeighborSmIs(
   auto const sm =
       newJoinPruneNeighborSm(parentSm, neighborAddr, neighbor, intf, triggeredGroup, overrideGroup,
                              periodicGroup, timerWheel, overrideInterval, pimPamManager, txMessage);
-  if (sm && joinPruneNeighborSm_.find(neighborAddr) == sm.get()) joinPruneNeighborSmNotify(neighborAddr);
+  if (sm && joinPruneNeighborSm_.find(sm->neighborAddr()) == sm.get())
+    joinPruneNeighborSmNotify(sm->neighborAddr());
   return sm;
 }
 
@@ -367,9 +368,11 @@ void JoinPruneMessageSm::fallBehind() noexcept {
   if (retired()) return;
   behind_ = true;
   if (!catchUpTimer_ || catchUpTimer_->armed()) return;
+  Vel::MemoryHold const memory(this);
   try {
-    if (Vel::Ptr<Zanth::TimerWheel> const wheel = catchUpTimer_->notifier())
-      catchUpTimer_->timeMinIs(wheel->now() + catchUpDelay);
+    Vel::Ptr<Zanth::TimerWheel> const wheel = catchUpTimer_->notifier();
+    Seconds const due = wheel ? wheel->now() + catchUpDelay : Vel::never;
+    if (!retired()) catchUpTimer_->timeMinIs(due);
   } catch (...) {
     // A clock that fails arms no timer.
   }
@@ -410,6 +413,7 @@ JoinPruneMessageSm::VelPimStatus::VelPimStatus(Vel::Ptr<Status const> const& sta
 
 void JoinPruneMessageSm::VelPimStatus::notifierIs(Vel::Ptr<Status const> const& status) {
   if (status == notifier()) return;
+  Vel::MemoryHold const memory(this);
   Owned::notifierIs(status);
   onPimIntfvelImmediate();
 }
@@ -595,8 +599,8 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
   Vel::Ptr<Intf const> const intf = notifier();
   Dova::IpGenAddr const address = wantedAddress;
   Dova::IpGenAddr const ownAddress = address_;
-  unfinished_ =
-      false;  // a call inside this one that fails sets it, and this one may not be wanted any more then
+  // Not cleared at the end: a call inside this one may have failed, after which this one was not wanted any more.
+  unfinished_ = false;
   try {
     Target target;
     if (sm->openTarget(target, address,
@@ -631,6 +635,7 @@ JoinPruneMessageSm::VelRxMessageInfo::VelRxMessageInfo(Vel::Ptr<IO::MessageInfo>
 
 void JoinPruneMessageSm::VelRxMessageInfo::notifierIs(Vel::Ptr<IO::MessageInfo> const& channel) {
   if (channel == notifier()) return;
+  Vel::MemoryHold const memory(this);
   Owned::notifierIs(channel);
   if (channel && hasNotificationActive()) onCount();
 }

@@ -130,6 +130,7 @@ JoinPruneNeighborSm::ChannelGroup<Channel>::ChannelGroup(Vel::Ptr<Packet::JoinPr
 template <class Channel>
 void JoinPruneNeighborSm::ChannelGroup<Channel>::notifierIs(Vel::Ptr<Packet::JoinPruneData> const& data) {
   if (data == this->notifier()) return;
+  Vel::MemoryHold const memory(this);
   Base::notifierIs(data);
   onJoinPruneGroupDatavelImmediate();
 }
@@ -210,6 +211,7 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAdd
   if constexpr (Channel::counted) {
     if (Kind::present(*groupData, source)) {
       sm->tellOfCount(sm->countSilently(1));
+      if (sm->retired()) return;
       JOIN_PRUNE_TRACE_AS(7, subject, handler.data(),
                           '(' << source << "), added, sources: " << sm->numPeriodicRoutes());
       return;
@@ -219,6 +221,7 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAdd
     sm->tellOfCount(before);
   } else {
     JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << ')');
+    if (sm->retired()) return;
     if (Kind::present(*groupData, source)) {
       sm->doUpdateTimer<Channel>();
       return;
@@ -247,6 +250,7 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleWcSource() {
       if (wcSourceSet_) return;
       wcSourceSet_ = true;  // before the count calls out
       sm->tellOfCount(sm->countSilently(1));
+      if (sm->retired()) return;
       JOIN_PRUNE_TRACE(7, subject,
                        '(' << wildcard->address() << "), added, sources: " << sm->numPeriodicRoutes());
       return;
@@ -389,7 +393,7 @@ void JoinPruneNeighborSm::doUpdateTimer() {
   if (retired()) return;
   pending->holdTimeIs(holdTime);
   if (retired() || timer->armed() || Channel::timer(*this) != timer) return;
-  timer->timeMinIs(now<Channel>() + Channel::delay(*this));
+  armIn<Channel>(Channel::delay(*this));
 }
 
 template <class Channel>
@@ -416,6 +420,7 @@ void JoinPruneNeighborSm::handleTimerExpiry() {
                  ", Groups: ", groups());
 
   Seconds const deadline = now<Channel>() + loopQuantum_;
+  if (retired()) return;
   TransmitStep const step{notifierOf(pimPamManager_), txMessage_, pending, outgoing};
   step.prepare();
   if (retired()) return;
@@ -429,6 +434,7 @@ void JoinPruneNeighborSm::handleTimerExpiry() {
     // Kept: suppressed sources do not count as progress here.
     done = (report.sources == 0 && report.filteredSources == 0) || now<Channel>() >= deadline;
   }
+  if (retired()) return;
   if (groups() != 0) {
     SCRIVO_MESSAGE(JOIN_PRUNE_SOURCE, suspending.data(), neighborAddr_, ", Intf: ", outgoing.name(),
                    ", Groups remaining: ", groups());
@@ -588,12 +594,14 @@ void JoinPruneNeighborSm::velVisitReactors(ReactorVisitor const& visit) {
 }
 
 void JoinPruneNeighborSm::hasNotificationActiveIs(bool active) {
+  Vel::MemoryHold const memory(this);
   Machine::hasNotificationActiveIs(active);
   if (joinPrunePeriodicTimerSm_) joinPrunePeriodicTimerSm_->hasNotificationActiveIs(active);
   if (active) bringTimersUpToDate();
 }
 
 void JoinPruneNeighborSm::velDoZombieReactors(bool zombie) {
+  Vel::MemoryHold const memory(this);
   Machine::velDoZombieReactors(zombie);
   if (joinPrunePeriodicTimerSm_) joinPrunePeriodicTimerSm_->velDoZombieReactors(zombie);
   if (!zombie) bringTimersUpToDate();
@@ -601,9 +609,18 @@ void JoinPruneNeighborSm::velDoZombieReactors(bool zombie) {
 
 // What became due while it could not be called is due now.
 void JoinPruneNeighborSm::bringTimersUpToDate() {
-  if (retired()) return;
-  if (triggeredTimer_ && triggeredTimer_->missed()) triggeredTimer_->timeMinIs(now<Triggered>());
-  if (overrideTimer_ && overrideTimer_->missed()) overrideTimer_->timeMinIs(now<Override>());
+  if (triggeredTimer_ && triggeredTimer_->missed()) armIn<Triggered>(0);
+  if (overrideTimer_ && overrideTimer_->missed()) armIn<Override>(0);
+}
+
+// Arms the channel's timer if it is idle. The clock is somebody's code, so all may be different afterwards.
+template <class Channel>
+void JoinPruneNeighborSm::armIn(Seconds delay) {
+  Vel::MemoryHold const memory(this);
+  auto const timer = Channel::timer(*this);
+  if (retired() || !timer) return;
+  Seconds const due = now<Channel>() + delay;
+  if (!retired() && !timer->armed() && Channel::timer(*this) == timer) timer->timeMinIs(due);
 }
 
 Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPruneNeighborSm::joinPrunePeriodicTimerSmIs(
@@ -748,6 +765,7 @@ void JoinPruneNeighborSm::handleGroup(Dova::IpGenAddr const& group) {
   SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE_AS(7, this, function.data(), '(' << group << ')');
+  if (retired()) return;
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Channel>();
   if (Vel::Ptr<GroupData> const found = groups ? groups->joinPruneGroupData(group) : nullptr) {
     if (!found->empty()) doUpdateTimer<Channel>();
@@ -768,6 +786,7 @@ void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(7, this, '(' << group << ')');
+  if (retired()) return;
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Periodic>();
   if (Vel::Ptr<GroupData> const found = groups ? groups->joinPruneGroupData(group) : nullptr) {
     if (!found->empty()) numPeriodicRoutesInc(found->routes());
@@ -809,8 +828,7 @@ JOIN_PRUNE_FORWARD(PeriodicGroup)
 void JoinPruneNeighborSm::fallBehind() {
   if (retired()) return;
   behind_ = true;
-  if (triggeredTimer_ && !triggeredTimer_->armed())
-    triggeredTimer_->timeMinIs(now<Triggered>() + triggeredInterval_);
+  if (triggeredTimer_ && !triggeredTimer_->armed()) armIn<Triggered>(triggeredInterval_);
 }
 
 // Follows what could not be followed, counts anew and arms what is pending. Asked at each expiry, and when the

@@ -520,6 +520,8 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   template <class Channel>
   void retireUnfollowedGroups();
   void bringTimersUpToDate();
+  template <class Channel>
+  void armIn(Seconds delay);
   U32 countSilently(int difference);
   void tellOfCount(U32 before);
   template <class Channel>

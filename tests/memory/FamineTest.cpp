@@ -238,6 +238,45 @@ TEST_F(AfterFamineTest, TheMachineOfAnAddressThatChangesWhileTheMachineOfTheOneB
   EXPECT_GT(found, 3u);
 }
 
+TEST_F(AfterFamineTest, AMachineThatIsDroppedByTheClockWhileItFallsBehindArmsNothing) {
+  std::vector<std::function<void(World&)>> const acts = {
+      [](World& w) { group(w.periodic("10.0.0.2"), "239.1.1.1"); },
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); }};
+  for (auto const& act : acts) {
+    bool failed = true;
+    U32 asked = 0;
+    for (std::size_t n = 1; failed; ++n) {
+      SCOPED_TRACE(n);
+      World w;
+      std::function<void()> onClock;
+      w.wheel = Vel::create<Zanth::TimerWheel>([&] {
+        if (auto const drop = onClock) drop();
+        return w.time;
+      });
+      withNeighbor(w);
+      // So that the timers outlive the drop: an iterator holds its entity's memory.
+      auto const timer = w.sm("10.0.0.2")->triggeredTimer();
+      auto const walk = w.machine->pimIntfIterator();
+      onClock = [&] {
+        ++asked;
+        w.machine = nullptr;
+      };
+      {
+        Famine const famine(n);
+        Scene::whateverHappens([&] { act(w); });
+        failed = famine.failures() != 0;
+      }
+      onClock = nullptr;
+      if (!w.machine) {
+        EXPECT_EQ(w.wheel->armedCount(), 0u);
+      }
+      w.manager->stop();
+      w.machine = nullptr;
+    }
+    EXPECT_GT(asked, 0u);
+  }
+}
+
 // Which data set, and what fills a group in it.
 struct Filling {
   char const* name;

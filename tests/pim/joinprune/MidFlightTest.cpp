@@ -444,6 +444,173 @@ TEST_F(MidFlightTest, AMachineThatIsDroppedInAnyLineDoesNothingMore) {
   }
 }
 
+// What was watched before ends in the call, and whoever hears of that drops the machine, and the reactor with it.
+TEST_F(MidFlightTest, AReactorWhoseFormerNotifierTakesTheMachineWithItIsNotUsedAnyMore) {
+  Vel::Ptr<JoinPruneNeighborSm> lone;
+  std::function<void()> const drop = [&] {
+    machine = nullptr;
+    lone = nullptr;
+    log.clear();
+  };
+  auto const dropAtTheEndOf = [&]<class Watched>(Watched& watched) {
+    class Dropper final : public Watched::NotifieeConst {
+     public:
+      explicit Dropper(std::function<void()> d) : drop(std::move(d)) {}
+      void onZeroReferences() override { drop(); }
+      std::function<void()> const drop;
+    };
+    auto const dropper = Vel::create<Dropper>(drop);
+    dropper->isNondestructingIs(true);
+    dropper->notifierIs(Vel::Ptr<Watched>(&watched));
+    return dropper;
+  };
+  startWithNeighbor();
+  auto const endOfStatus = dropAtTheEndOf(*pim);
+  pim = nullptr;
+  machine->pimStatus()->notifierIs(Vel::create<Status>());
+  EXPECT_FALSE(machine);
+  EXPECT_THAT(log.take(), IsEmpty());
+
+  pim = Vel::create<Status>();
+  startWithNeighbor();
+  auto const endOfChannel = dropAtTheEndOf(*channel);
+  channel = nullptr;
+  auto const other = Vel::create<IO::MessageInfo>();
+  machine->rxMessageInfo()->notifierIs(other);
+  EXPECT_FALSE(machine);
+  EXPECT_THAT(log.take(), IsEmpty());
+
+  auto data = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+  lone = joinPruneNeighborSmFactory(nullptr, addr("10.0.0.2"), nullptr, nullptr, data, nullptr, nullptr,
+                                    wheel, 2.5, manager, nullptr);
+  auto const endOfData = dropAtTheEndOf(*data);
+  data = nullptr;
+  lone->triggeredGroup()->notifierIs(Vel::create<Packet::JoinPruneData>(addr("10.0.0.2")));
+  EXPECT_FALSE(lone);
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(MidFlightTest, APeriodicMachineThatIsDroppedInTheLineOfADirectCallIsNotUsedAnyMore) {
+  startWithNeighbor();
+  auto const data = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+  U16 const before = data->holdTime();
+  eth0->joinPruneIntervalIs(45);
+  eth0->joinPruneHoldTimeIs(99);
+  auto const parent = sm("10.0.0.2");
+  auto const call = [&](char const* line, auto const& act) {
+    SCOPED_TRACE(line);
+    auto lone =
+        joinPrunePeriodicTimerSmFactory(wheel, parent.get(), 0.1, data, eth0, manager, machine->txMessage());
+    inLine(line, [&lone] { lone = nullptr; });
+    act(*lone.get());
+    EXPECT_FALSE(lone);
+    EXPECT_EQ(data->holdTime(), before);
+  };
+  call("interval()", [](auto& m) { EXPECT_EQ(m.interval(), 45u); });
+  call("holdTime()", [](auto& m) { EXPECT_EQ(m.holdTime(), 99u); });
+  call("numberOfMessages()", [](auto& m) { EXPECT_EQ(m.numberOfMessages(), 0u); });
+  call("doResetHoldTime()", [](auto& m) { m.doResetHoldTime(); });
+  call("handlePeriodicTimerExpiry()", [](auto& m) { m.handlePeriodicTimerExpiry(); });
+  call("interval()", [](auto& m) { m.doUpdatePeriodicTimer(); });
+  EXPECT_EQ(manager->messages, 0u);
+}
+
+// As with the lines: every reading in turn drops the machine of nobody's, for each call that reads a clock.
+TEST_F(MidFlightTest, AMachineThatIsDroppedInAnyReadingOfTheClockDoesNothingMore) {
+  Vel::Ptr<JoinPruneNeighborSm> lone;
+  JoinPruneNeighborSm* raw = nullptr;
+  std::function<void()> onClock;
+  auto const newWheel = [&] {
+    return Vel::create<Zanth::TimerWheel>([&] {
+      if (auto const act = onClock) act();
+      return time;
+    });
+  };
+  auto own = newWheel(), other = newWheel();
+  Vel::Ptr<Packet::JoinPruneData> pending, overriding, refreshed;
+  auto const everyTimerIsArmed = [&] {
+    for (auto const& data : {pending, overriding, refreshed})
+      for (char const* const g : {"239.1.1.1", "239.1.1.2"}) group(data, g)->joinedSourceIs(addr("10.9.0.1"));
+  };
+  auto const everyTimerIsMissed = [&] {
+    everyTimerIsArmed();
+    raw->hasNotificationActiveIs(false);
+    time += 100;
+    own->expire();
+  };
+  struct Change {
+    char const* name;
+    std::function<void()> prepare, act;
+  };
+  std::vector<Change> const changes = {
+      {"is switched on", everyTimerIsMissed, [&] { raw->hasNotificationActiveIs(true); }},
+      {"is revived",
+       [&] {
+         everyTimerIsArmed();
+         raw->velDoZombieReactors(true);
+         time += 100;
+         own->expire();
+       },
+       [&] { raw->velDoZombieReactors(false); }},
+      {"a triggered source comes", [] {},
+       [&] { group(pending, "239.1.1.1")->joinedSourceIs(addr("10.9.0.1")); }},
+      {"an override source comes", [] {},
+       [&] { group(overriding, "239.1.1.1")->joinedSourceIs(addr("10.9.0.1")); }},
+      {"a periodic source comes", [] {},
+       [&] { group(refreshed, "239.1.1.1")->joinedSourceIs(addr("10.9.0.1")); }},
+      {"the triggered timer has expired", everyTimerIsArmed, [&] { raw->handleTriggeredTimerExpiry(); }},
+      {"the override timer has expired", everyTimerIsArmed, [&] { raw->handleOverrideTimerExpiry(); }},
+      {"the periodic timer has expired", everyTimerIsArmed,
+       [&] { raw->joinPrunePeriodicTimerSm()->handlePeriodicTimerExpiry(); }},
+      {"the triggered timer is put on another wheel", everyTimerIsArmed,
+       [&] { raw->triggeredTimerIs(other); }},
+      {"the override timer is put on another wheel", everyTimerIsArmed, [&] { raw->overrideTimerIs(other); }},
+      {"a missed timer is put on another wheel", everyTimerIsMissed, [&] { raw->triggeredTimerIs(other); }},
+      {"the periodic timer is put on another wheel", everyTimerIsArmed,
+       [&] { raw->joinPrunePeriodicTimerSm()->periodicTimerIs(other); }},
+      {"a timer expires", everyTimerIsArmed,
+       [&] {
+         time += 100;
+         own->expire();
+       }},
+  };
+  eth0 = intf("eth0", "10.0.0.1/24");
+  manager->start();
+  manager->perMessage = 1;
+  for (auto const& [name, prepare, act] : changes) {
+    U32 readings = 0;
+    for (U32 at = 1; at == 1 || readings >= at - 1; ++at) {
+      SCOPED_TRACE(std::string(name) + ", reading " + std::to_string(at));
+      pending = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+      overriding = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+      refreshed = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+      auto const message = Vel::create<Packet::JoinPruneMessage>();
+      lone = joinPruneNeighborSmFactory(nullptr, addr("10.0.0.2"), nullptr, eth0, pending, overriding,
+                                        refreshed, own, 2.5, manager, message);
+      raw = lone.get();
+      prepare();
+      readings = 0;
+      U32 messages = 0;
+      onClock = [&] {
+        if (++readings != at) return;
+        lone = nullptr;
+        messages = manager->messages;
+        log.clear();
+      };
+      act();
+      onClock = nullptr;
+      if (readings < at) break;
+      EXPECT_FALSE(lone);
+      EXPECT_THAT(log.take(), IsEmpty());
+      EXPECT_EQ(manager->messages, messages);
+      EXPECT_EQ(own->armedCount(), 0u);
+      EXPECT_EQ(other->armedCount(), 0u);
+    }
+    lone = nullptr;
+    EXPECT_GT(readings, 0u) << name;
+  }
+}
+
 // --- Timers --------------------------------------------------------------------------------------
 
 TEST_F(MidFlightTest, TheTimersAreArmedOnTheClockOfTheirOwnWheel) {
