@@ -461,14 +461,17 @@ void JoinPruneNeighborSm::timerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
   auto const displaced = std::exchange(timer, reactorOn<Timer>(wheel, this));
   if (timer) timer->hasNotificationActiveIs(hasNotificationActive());
   bool const wasArmed = displaced && displaced->armed();
+  bool const wasMissed = displaced && displaced->missed();
   if (displaced) {
+    if (timer) timer->velDoZombieReactors(displaced->isZombie());
     displaced->timeMinIs(Vel::never);
     unhook(*displaced);
   }
   Vel::MemoryHold const memory(this);
   Channel::notifyTimer(*this);
-  // The time that was set belongs to the other wheel's clock.
+  // The time that was set belongs to the other wheel's clock. What became due there is due here.
   if (wasArmed) doUpdateTimer<Channel>();
+  if (wasMissed) armIn<Channel>(0);
 }
 
 void JoinPruneNeighborSm::triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {

@@ -672,6 +672,45 @@ TEST_F(MidFlightTest, WhatBecameDueWhileAMachineWasSwitchedOffIsDueWhenItIsSwitc
                                             "eth0 to 10.0.0.2: (10.9.0.1,239.1.1.3) join, hold 210"));
 }
 
+TEST_F(MidFlightTest, ATimerThatExpiredWhileItsMachineWasOffIsDueOnTheWheelThatItIsGivenMeanwhile) {
+  startWithNeighbor();
+  group(triggered("10.0.0.2"), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  group(override_("10.0.0.2"), "239.1.1.2")->joinedSourceIs(addr("10.9.0.1"));
+  auto const machineOfNeighbor = sm("10.0.0.2");
+  machineOfNeighbor->hasNotificationActiveIs(false);
+  runUntil(time + 100);
+  Seconds otherTime = 7;
+  auto const other = Vel::create<Zanth::TimerWheel>([&] { return otherTime; });
+  machineOfNeighbor->triggeredTimerIs(other);
+  machineOfNeighbor->overrideTimerIs(other);
+  other->expire();
+  EXPECT_THAT(manager->sent, IsEmpty());
+  otherTime = 8;
+  machineOfNeighbor->hasNotificationActiveIs(true);
+  other->expire();
+  EXPECT_THAT(manager->sent,
+              testing::UnorderedElementsAre("eth0 to 10.0.0.2: (10.9.0.1,239.1.1.1) join, hold 210",
+                                            "eth0 to 10.0.0.2: (10.9.0.1,239.1.1.2) join, hold 210"));
+}
+
+TEST_F(MidFlightTest, ATimerThatIsPutOnAnotherWheelWhileItsMachinesReactorsAreRetiredIsRetiredToo) {
+  startWithNeighbor();
+  group(triggered("10.0.0.2"), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  auto const machineOfNeighbor = sm("10.0.0.2");
+  machineOfNeighbor->velDoZombieReactors(true);
+  auto const other = Vel::create<Zanth::TimerWheel>([&] { return time; });
+  machineOfNeighbor->triggeredTimerIs(other);
+  machineOfNeighbor->overrideTimerIs(other);
+  EXPECT_TRUE(machineOfNeighbor->triggeredTimer()->isZombie());
+  EXPECT_TRUE(machineOfNeighbor->overrideTimer()->isZombie());
+  runUntil(time + 1);
+  other->expire();
+  EXPECT_THAT(manager->sent, IsEmpty());
+  machineOfNeighbor->velDoZombieReactors(false);
+  other->expire();
+  EXPECT_THAT(manager->sent, ElementsAre("eth0 to 10.0.0.2: (10.9.0.1,239.1.1.1) join, hold 210"));
+}
+
 TEST_F(MidFlightTest, SwitchingAMachineOnBringsItsTimersUpToDateAndNothingElse) {
   startWithNeighbor();
   auto const data = group(triggered("10.0.0.2"), "239.1.1.1");
