@@ -679,11 +679,16 @@ void JoinPruneMessageSm::handleRxMessage() {
     if (info) {
       if (!std::exchange(record.headerDone, true)) {
         info->upstreamNeighborIs(data->upstreamNeighbor());
+        if (retired()) return;
         info->holdTimeIs(static_cast<double>(data->holdTime()));
+        if (retired()) return;
       }
       info->velRouteIs(source, group);
+      if (retired()) return;
       info->sourceFlagsIs(flags);
+      if (retired()) return;
       if (wcSource) info->wcSourceIs(*wcSource);
+      if (retired()) return;
     }
     JOIN_PRUNE_TRACE_AS(7, this, "handleRxMessage", "(), " << record.name << kind << info);
     if (info && !retired()) info->rxCountInc(1);
@@ -748,7 +753,7 @@ void JoinPruneMessageSm::handleRxMessage() {
         }
         if (known && rpHashComputeStatus_ && rp == wcAddress)
           writeEntry(join, anySource, group, Packet::wildcardFlags, ", WC", &wcAddress);
-        else if (known)
+        else if (known && !retired())
           JOIN_PRUNE_TRACE(
               2, this,
               "(), RP (" << rp << ") does not match received RP (" << wcAddress << ") for group " << group);

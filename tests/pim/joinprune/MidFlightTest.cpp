@@ -611,6 +611,65 @@ TEST_F(MidFlightTest, AMachineThatIsDroppedInAnyReadingOfTheClockDoesNothingMore
   }
 }
 
+// Every write of every entry in turn drops the machine.
+TEST_F(MidFlightTest, AMachineThatIsDroppedWhileItWritesAnEntryWritesNothingMore) {
+  class Counter final : public JoinPruneMessageInfo::NotifieeConst {
+   public:
+    explicit Counter(std::function<void()> h) : hook(std::move(h)) {}
+    void onNotification() override { hook(); }
+    std::function<void()> const hook;
+  };
+  auto const message = Vel::create<Packet::JoinPruneMessage>();
+  message->joinPruneDataIs(Vel::create<Packet::JoinPruneData>(addr("10.0.0.1")));
+  message->joinPruneData()->holdTimeIs(99);
+  auto const received = group(message->joinPruneData(), "239.9.9.9");
+  received->joinedSourceIs(addr("10.9.9.9"));
+  received->prunedSourceIs(addr("10.9.9.8"));
+  received->wcSourceDataIs(wildcard("10.5.5.5"));
+  received->joinedRptSourceIs(addr("10.9.9.7"));
+  startWithNeighbor();
+  U32 writes = 0;
+  for (U32 at = 1; at == 1 || writes >= at - 1; ++at) {
+    SCOPED_TRACE(at);
+    rxJoin = joinPruneMessageInfoFactory();
+    rxPrune = joinPruneMessageInfoFactory();
+    start();
+    writes = 0;
+    auto const counter = Vel::create<Counter>([&] {
+      if (++writes != at) return;
+      machine = nullptr;
+      log.clear();
+    });
+    auto const other = Vel::create<Counter>(counter->hook);
+    counter->notifierIs(rxJoin);
+    other->notifierIs(rxPrune);
+    channel->joinPruneMessageIs(message);
+    channel->countInc(1);
+    channel->joinPruneMessageIs(nullptr);
+    if (writes < at) break;
+    EXPECT_FALSE(machine);
+    EXPECT_EQ(writes, at);
+    EXPECT_THAT(log.take(), IsEmpty());
+  }
+  EXPECT_GE(writes, 15u);
+}
+
+TEST_F(MidFlightTest, AMachineThatIsDroppedByTheRpHashDoesNotComplainOfTheRp) {
+  startWithNeighbor();
+  auto const message = Vel::create<Packet::JoinPruneMessage>();
+  message->joinPruneDataIs(Vel::create<Packet::JoinPruneData>(addr("10.0.0.1")));
+  group(message->joinPruneData(), "239.9.9.9")->wcSourceDataIs(wildcard("10.5.5.5"));
+  rpHash->answer = addr("10.5.5.6");
+  rpHash->hook = [&] {
+    machine = nullptr;
+    log.clear();
+  };
+  channel->joinPruneMessageIs(message);
+  channel->countInc(1);
+  EXPECT_FALSE(machine);
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
 // --- Timers --------------------------------------------------------------------------------------
 
 TEST_F(MidFlightTest, TheTimersAreArmedOnTheClockOfTheirOwnWheel) {
