@@ -551,6 +551,7 @@ void JoinPruneMessageSm::VelPimIntf::handleNew() {
   Dova::IpGenAddr const address = notifier()->usedAddressWithMask().ipGenAddr();
   // Before the machine is made: what is called meanwhile can take it away again.
   addressIs(address);
+  taken_ = true;
   auto const wanted = [&] { return live() && address_ == address; };
   if (joinPruneMessageSm()->joinPruneNeighborSm(address)) {
     JOIN_PRUNE_TRACE_BARE(2, ", Deleting existing SM for " << address);
@@ -568,6 +569,7 @@ void JoinPruneMessageSm::VelPimIntf::handleDel() {
   Dova::IpGenAddr const address = address_;
   Vel::Ptr<JoinPruneNeighborSm> const present = sm->joinPruneNeighborSm(address);
   JOIN_PRUNE_TRACE_BARE(2, '(' << intfId_ << "), Intf down");
+  if (!taken_) return;  // the machine under the unspecified address is that of another interface
   // A machine that was made since the line was written belongs to another interface or neighbor, or to this
   // one anew.
   Vel::Ptr<JoinPruneNeighborSm> const now = sm->joinPruneNeighborSm(address);

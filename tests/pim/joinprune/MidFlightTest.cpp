@@ -366,6 +366,26 @@ TEST_F(MidFlightTest, AnInterfaceThatReturnsInTheLineOfItsRemovalHasItsMachine) 
   EXPECT_TRUE(machine->pimIntf(Dova::IntfId("eth0")));
 }
 
+// The machine under the unspecified address is that of eth1, which has no address.
+TEST_F(MidFlightTest, AnInterfaceThatLeavesInTheLineOfItsArrivalLeavesTheMachinesOfOthersAlone) {
+  startWithNeighbor();
+  intf("eth1");
+  auto const ofEth1 = machine->joinPruneNeighborSm(Dova::IpGenAddr());
+  ASSERT_TRUE(ofEth1);
+  for (char const* const part : {"handleNew(eth2)", "Intf up"}) {
+    SCOPED_TRACE(part);
+    inLine(part, [&] { pim->pimIntfDel(Dova::IntfId("eth2")); });
+    log.clear();
+    intf("eth2", "10.0.2.1/24");
+    EXPECT_THAT(log.takeWith("Intf down"), ElementsAre("[2] handleDel(eth2), Intf down"));
+    EXPECT_FALSE(machine->pimIntf(Dova::IntfId("eth2")));
+    EXPECT_EQ(machine->joinPruneNeighborSm(Dova::IpGenAddr()), ofEth1);
+    EXPECT_FALSE(ofEth1->retired());
+  }
+  pim->pimIntfDel(Dova::IntfId("eth1"));
+  EXPECT_FALSE(machine->joinPruneNeighborSm(Dova::IpGenAddr()));
+}
+
 TEST_F(MidFlightTest, AnAddressThatChangesAgainInTheLineOfItsChangeIsTheOneThatHasTheMachine) {
   startWithNeighbor();
   for (char const* const part :
