@@ -601,7 +601,7 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
   Vel::Ptr<Intf const> const intf = notifier();
   Dova::IpGenAddr const address = wantedAddress;
   Dova::IpGenAddr const ownAddress = address_;
-  // Not cleared at the end: a call inside this one may have failed, after which this one was not wanted any more.
+  // Not cleared at the end: a call inside this one may have failed, after which this one is not wanted.
   unfinished_ = false;
   try {
     Target target;

@@ -464,7 +464,7 @@ TEST_F(MidFlightTest, AMachineThatIsDroppedInAnyLineDoesNothingMore) {
   }
 }
 
-// What was watched before ends in the call, and whoever hears of that drops the machine, and the reactor with it.
+// What was watched before ends in the call, and a reactor that hears of it drops the machine.
 TEST_F(MidFlightTest, AReactorWhoseFormerNotifierTakesTheMachineWithItIsNotUsedAnyMore) {
   Vel::Ptr<JoinPruneNeighborSm> lone;
   std::function<void()> const drop = [&] {
