@@ -53,8 +53,7 @@ class VEL_API JoinPruneMessageInfo final : public Vel::Entity {
   VEL_VALUE(Packet::SourceFlags, sourceFlags, SourceFlags);
 
   /// The message's hold time, in seconds. Until the first message it reads J/P_HoldTime's default.
-  VEL_VALUE(Seconds, holdTime, HoldTime)
-  = 210.0;
+  VEL_SECONDS(holdTime, HoldTime) = 210.0;
 
   /// The RP that the latest (*,G) entry names.
   VEL_VALUE(Dova::IpGenAddr, wcSource, WcSource);

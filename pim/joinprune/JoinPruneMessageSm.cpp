@@ -218,7 +218,8 @@ Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::joinPruneNeighborSmIs(
   auto const sm =
       newJoinPruneNeighborSm(parentSm, neighborAddr, neighbor, intf, triggeredGroup, overrideGroup,
                              periodicGroup, timerWheel, overrideInterval, pimPamManager, txMessage);
-  if (sm && joinPruneNeighborSm_.find(neighborAddr) == sm.get()) joinPruneNeighborSmNotify(neighborAddr);
+  if (sm && joinPruneNeighborSm_.find(sm->neighborAddr()) == sm.get())
+    joinPruneNeighborSmNotify(sm->neighborAddr());
   return sm;
 }
 
@@ -367,9 +368,11 @@ void JoinPruneMessageSm::fallBehind() noexcept {
   if (retired()) return;
   behind_ = true;
   if (!catchUpTimer_ || catchUpTimer_->armed()) return;
+  Vel::MemoryHold const memory(this);
   try {
-    if (Vel::Ptr<Zanth::TimerWheel> const wheel = catchUpTimer_->notifier())
-      catchUpTimer_->timeMinIs(wheel->now() + catchUpDelay);
+    Vel::Ptr<Zanth::TimerWheel> const wheel = catchUpTimer_->notifier();
+    Seconds const due = wheel ? wheel->now() + catchUpDelay : Vel::never;
+    if (!retired()) catchUpTimer_->timeMinIs(due);
   } catch (...) {
     // A clock that fails arms no timer.
   }
@@ -410,6 +413,7 @@ JoinPruneMessageSm::VelPimStatus::VelPimStatus(Vel::Ptr<Status const> const& sta
 
 void JoinPruneMessageSm::VelPimStatus::notifierIs(Vel::Ptr<Status const> const& status) {
   if (status == notifier()) return;
+  Vel::MemoryHold const memory(this);
   Owned::notifierIs(status);
   onPimIntfvelImmediate();
 }
@@ -547,6 +551,7 @@ void JoinPruneMessageSm::VelPimIntf::handleNew() {
   Dova::IpGenAddr const address = notifier()->usedAddressWithMask().ipGenAddr();
   // Before the machine is made: what is called meanwhile can take it away again.
   addressIs(address);
+  taken_ = true;
   auto const wanted = [&] { return live() && address_ == address; };
   if (joinPruneMessageSm()->joinPruneNeighborSm(address)) {
     JOIN_PRUNE_TRACE_BARE(2, ", Deleting existing SM for " << address);
@@ -564,6 +569,7 @@ void JoinPruneMessageSm::VelPimIntf::handleDel() {
   Dova::IpGenAddr const address = address_;
   Vel::Ptr<JoinPruneNeighborSm> const present = sm->joinPruneNeighborSm(address);
   JOIN_PRUNE_TRACE_BARE(2, '(' << intfId_ << "), Intf down");
+  if (!taken_) return;  // the machine under the unspecified address is that of another interface
   // A machine that was made since the line was written belongs to another interface or neighbor, or to this
   // one anew.
   Vel::Ptr<JoinPruneNeighborSm> const now = sm->joinPruneNeighborSm(address);
@@ -595,7 +601,8 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
   Vel::Ptr<Intf const> const intf = notifier();
   Dova::IpGenAddr const address = wantedAddress;
   Dova::IpGenAddr const ownAddress = address_;
-  unfinished_ = true;
+  // Not cleared at the end: a call inside this one may have failed, after which this one is not wanted.
+  unfinished_ = false;
   try {
     Target target;
     if (sm->openTarget(target, address,
@@ -605,8 +612,8 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
       if (!present || present->neighbor() || present->intf() != intf)
         sm->startTarget(target, address, nullptr, intf);
     }
-    unfinished_ = false;
   } catch (...) {
+    unfinished_ = true;
     sm->fallBehind();
     throw;
   }
@@ -630,6 +637,7 @@ JoinPruneMessageSm::VelRxMessageInfo::VelRxMessageInfo(Vel::Ptr<IO::MessageInfo>
 
 void JoinPruneMessageSm::VelRxMessageInfo::notifierIs(Vel::Ptr<IO::MessageInfo> const& channel) {
   if (channel == notifier()) return;
+  Vel::MemoryHold const memory(this);
   Owned::notifierIs(channel);
   if (channel && hasNotificationActive()) onCount();
 }
@@ -673,11 +681,16 @@ void JoinPruneMessageSm::handleRxMessage() {
     if (info) {
       if (!std::exchange(record.headerDone, true)) {
         info->upstreamNeighborIs(data->upstreamNeighbor());
+        if (retired()) return;
         info->holdTimeIs(static_cast<double>(data->holdTime()));
+        if (retired()) return;
       }
       info->velRouteIs(source, group);
+      if (retired()) return;
       info->sourceFlagsIs(flags);
+      if (retired()) return;
       if (wcSource) info->wcSourceIs(*wcSource);
+      if (retired()) return;
     }
     JOIN_PRUNE_TRACE_AS(7, this, "handleRxMessage", "(), " << record.name << kind << info);
     if (info && !retired()) info->rxCountInc(1);
@@ -742,7 +755,7 @@ void JoinPruneMessageSm::handleRxMessage() {
         }
         if (known && rpHashComputeStatus_ && rp == wcAddress)
           writeEntry(join, anySource, group, Packet::wildcardFlags, ", WC", &wcAddress);
-        else if (known)
+        else if (known && !retired())
           JOIN_PRUNE_TRACE(
               2, this,
               "(), RP (" << rp << ") does not match received RP (" << wcAddress << ") for group " << group);

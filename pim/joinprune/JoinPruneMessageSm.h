@@ -202,6 +202,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
 
     Dova::IntfId const intfId_;
     Dova::IpGenAddr address_;
+    bool taken_ = false;  // handleNew() came as far as to take the address over
     bool unfinished_ = false;
   };
 

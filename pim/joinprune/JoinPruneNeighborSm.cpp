@@ -130,6 +130,7 @@ JoinPruneNeighborSm::ChannelGroup<Channel>::ChannelGroup(Vel::Ptr<Packet::JoinPr
 template <class Channel>
 void JoinPruneNeighborSm::ChannelGroup<Channel>::notifierIs(Vel::Ptr<Packet::JoinPruneData> const& data) {
   if (data == this->notifier()) return;
+  Vel::MemoryHold const memory(this);
   Base::notifierIs(data);
   onJoinPruneGroupDatavelImmediate();
 }
@@ -210,6 +211,7 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAdd
   if constexpr (Channel::counted) {
     if (Kind::present(*groupData, source)) {
       sm->tellOfCount(sm->countSilently(1));
+      if (sm->retired()) return;
       JOIN_PRUNE_TRACE_AS(7, subject, handler.data(),
                           '(' << source << "), added, sources: " << sm->numPeriodicRoutes());
       return;
@@ -219,6 +221,7 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAdd
     sm->tellOfCount(before);
   } else {
     JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << ')');
+    if (sm->retired()) return;
     if (Kind::present(*groupData, source)) {
       sm->doUpdateTimer<Channel>();
       return;
@@ -247,6 +250,7 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleWcSource() {
       if (wcSourceSet_) return;
       wcSourceSet_ = true;  // before the count calls out
       sm->tellOfCount(sm->countSilently(1));
+      if (sm->retired()) return;
       JOIN_PRUNE_TRACE(7, subject,
                        '(' << wildcard->address() << "), added, sources: " << sm->numPeriodicRoutes());
       return;
@@ -389,7 +393,7 @@ void JoinPruneNeighborSm::doUpdateTimer() {
   if (retired()) return;
   pending->holdTimeIs(holdTime);
   if (retired() || timer->armed() || Channel::timer(*this) != timer) return;
-  timer->timeMinIs(now<Channel>() + Channel::delay(*this));
+  armIn<Channel>(Channel::delay(*this));
 }
 
 template <class Channel>
@@ -416,6 +420,7 @@ void JoinPruneNeighborSm::handleTimerExpiry() {
                  ", Groups: ", groups());
 
   Seconds const deadline = now<Channel>() + loopQuantum_;
+  if (retired()) return;
   TransmitStep const step{notifierOf(pimPamManager_), txMessage_, pending, outgoing};
   step.prepare();
   if (retired()) return;
@@ -429,6 +434,7 @@ void JoinPruneNeighborSm::handleTimerExpiry() {
     // Kept: suppressed sources do not count as progress here.
     done = (report.sources == 0 && report.filteredSources == 0) || now<Channel>() >= deadline;
   }
+  if (retired()) return;
   if (groups() != 0) {
     SCRIVO_MESSAGE(JOIN_PRUNE_SOURCE, suspending.data(), neighborAddr_, ", Intf: ", outgoing.name(),
                    ", Groups remaining: ", groups());
@@ -455,14 +461,17 @@ void JoinPruneNeighborSm::timerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
   auto const displaced = std::exchange(timer, reactorOn<Timer>(wheel, this));
   if (timer) timer->hasNotificationActiveIs(hasNotificationActive());
   bool const wasArmed = displaced && displaced->armed();
+  bool const wasMissed = displaced && displaced->missed();
   if (displaced) {
+    if (timer) timer->velDoZombieReactors(displaced->isZombie());
     displaced->timeMinIs(Vel::never);
     unhook(*displaced);
   }
   Vel::MemoryHold const memory(this);
   Channel::notifyTimer(*this);
-  // The time that was set belongs to the other wheel's clock.
+  // The time that was set belongs to the other wheel's clock. What became due there is due here.
   if (wasArmed) doUpdateTimer<Channel>();
+  if (wasMissed) armIn<Channel>(0);
 }
 
 void JoinPruneNeighborSm::triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
@@ -588,12 +597,14 @@ void JoinPruneNeighborSm::velVisitReactors(ReactorVisitor const& visit) {
 }
 
 void JoinPruneNeighborSm::hasNotificationActiveIs(bool active) {
+  Vel::MemoryHold const memory(this);
   Machine::hasNotificationActiveIs(active);
   if (joinPrunePeriodicTimerSm_) joinPrunePeriodicTimerSm_->hasNotificationActiveIs(active);
   if (active) bringTimersUpToDate();
 }
 
 void JoinPruneNeighborSm::velDoZombieReactors(bool zombie) {
+  Vel::MemoryHold const memory(this);
   Machine::velDoZombieReactors(zombie);
   if (joinPrunePeriodicTimerSm_) joinPrunePeriodicTimerSm_->velDoZombieReactors(zombie);
   if (!zombie) bringTimersUpToDate();
@@ -601,9 +612,18 @@ void JoinPruneNeighborSm::velDoZombieReactors(bool zombie) {
 
 // What became due while it could not be called is due now.
 void JoinPruneNeighborSm::bringTimersUpToDate() {
-  if (retired()) return;
-  if (triggeredTimer_ && triggeredTimer_->missed()) triggeredTimer_->timeMinIs(now<Triggered>());
-  if (overrideTimer_ && overrideTimer_->missed()) overrideTimer_->timeMinIs(now<Override>());
+  if (triggeredTimer_ && triggeredTimer_->missed()) armIn<Triggered>(0);
+  if (overrideTimer_ && overrideTimer_->missed()) armIn<Override>(0);
+}
+
+// Arms the channel's timer if it is idle. The clock is somebody's code, so all may be different afterwards.
+template <class Channel>
+void JoinPruneNeighborSm::armIn(Seconds delay) {
+  Vel::MemoryHold const memory(this);
+  auto const timer = Channel::timer(*this);
+  if (retired() || !timer) return;
+  Seconds const due = now<Channel>() + delay;
+  if (!retired() && !timer->armed() && Channel::timer(*this) == timer) timer->timeMinIs(due);
 }
 
 Vel::Ptr<JoinPrunePeriodicTimerSm> JoinPruneNeighborSm::joinPrunePeriodicTimerSmIs(
@@ -748,6 +768,7 @@ void JoinPruneNeighborSm::handleGroup(Dova::IpGenAddr const& group) {
   SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE_AS(7, this, function.data(), '(' << group << ')');
+  if (retired()) return;
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Channel>();
   if (Vel::Ptr<GroupData> const found = groups ? groups->joinPruneGroupData(group) : nullptr) {
     if (!found->empty()) doUpdateTimer<Channel>();
@@ -768,6 +789,7 @@ void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(7, this, '(' << group << ')');
+  if (retired()) return;
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Periodic>();
   if (Vel::Ptr<GroupData> const found = groups ? groups->joinPruneGroupData(group) : nullptr) {
     if (!found->empty()) numPeriodicRoutesInc(found->routes());
@@ -778,7 +800,7 @@ void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
   if (!drained()) return;
   catchUp();
   if (!drained()) return;
-  if (counted_ && numPeriodicRoutes_ != 0) {
+  if (counted_ && !behind_ && !catchingUp_ && numPeriodicRoutes_ != 0) {
     // A group was removed before its sources: what this machine counts is no longer what there is.
     JOIN_PRUNE_TRACE(1, this, '(' << group << "), Num routes: " << numPeriodicRoutes_);
     VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
@@ -809,15 +831,16 @@ JOIN_PRUNE_FORWARD(PeriodicGroup)
 void JoinPruneNeighborSm::fallBehind() {
   if (retired()) return;
   behind_ = true;
-  if (triggeredTimer_ && !triggeredTimer_->armed())
-    triggeredTimer_->timeMinIs(now<Triggered>() + triggeredInterval_);
+  if (triggeredTimer_ && !triggeredTimer_->armed()) armIn<Triggered>(triggeredInterval_);
 }
 
 // Follows what could not be followed, counts anew and arms what is pending. Asked at each expiry, and when the
 // periodic data has run empty.
 void JoinPruneNeighborSm::catchUp() {
-  if (!behind_) return;
+  if (!behind_ || catchingUp_) return;
   Vel::MemoryHold const memory(this);
+  behind_ = false;  // before what may fall behind again
+  catchingUp_ = true;
   try {
     retireUnfollowedGroups<Triggered>();
     retireUnfollowedGroups<Override>();
@@ -826,10 +849,11 @@ void JoinPruneNeighborSm::catchUp() {
     reconcile<Override>();
     reconcile<Periodic>();
   } catch (...) {
+    catchingUp_ = false;
     fallBehind();
     throw;
   }
-  behind_ = false;
+  catchingUp_ = false;
   countRoutes();
   if (!retired()) doUpdateTimer<Override>();
   // The owner may have been told of nothing since the data ran empty.
@@ -928,7 +952,8 @@ void JoinPruneNeighborSm::validateNumPeriodicRoutes() {
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(8, this, '(' << numPeriodicRoutes_ << ')');
-  if (!initialized_ || retired() || behind_ || (parentSm_ && !parentSm_->diagUpJoinCount())) return;
+  if (!initialized_ || retired() || behind_ || catchingUp_ || (parentSm_ && !parentSm_->diagUpJoinCount()))
+    return;
   U32 sum = 0;
   if (Vel::Ptr<Packet::JoinPruneData> const groups = data<Periodic>())
     for (auto i = groups->joinPruneGroupDataIterator(); i; ++i) sum += i->routes();

@@ -520,6 +520,8 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   template <class Channel>
   void retireUnfollowedGroups();
   void bringTimersUpToDate();
+  template <class Channel>
+  void armIn(Seconds delay);
   U32 countSilently(int difference);
   void tellOfCount(U32 before);
   template <class Channel>
@@ -546,7 +548,8 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Vel::Ptr<VelOverrideTimer> overrideTimer_;
   Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSm_;
   U32 numPeriodicRoutes_ = 0;
-  bool behind_ = false;   // a group could not be followed, for want of memory; see catchUp()
+  bool behind_ = false;      // a group could not be followed, for want of memory; see catchUp()
+  bool catchingUp_ = false;  // catchUp() is running: the count is not right yet
   bool counted_ = false;  // the start-up count is complete; until then no change of a source moves the count
 };
 

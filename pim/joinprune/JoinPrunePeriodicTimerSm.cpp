@@ -54,6 +54,7 @@ void JoinPrunePeriodicTimerSm::handleInitialized() {
 
 U32 JoinPrunePeriodicTimerSm::interval() const {
   JOIN_PRUNE_BLOCK_TIMER();
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(8, subject(this), "()");
   if (!intf_) {
     JOIN_PRUNE_TRACE(1, subject(this), " null intf ");
@@ -80,6 +81,7 @@ U32 JoinPrunePeriodicTimerSm::numberOfMessages() const {
 
 U16 JoinPrunePeriodicTimerSm::holdTime() const {
   JOIN_PRUNE_BLOCK_TIMER();
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(8, subject(this), "()");
   if (!intf_) {
     JOIN_PRUNE_TRACE(1, subject(this), " null intf ");
@@ -90,8 +92,9 @@ U16 JoinPrunePeriodicTimerSm::holdTime() const {
 
 void JoinPrunePeriodicTimerSm::doResetHoldTime() {
   JOIN_PRUNE_BLOCK_TIMER();
+  Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(8, subject(this), "()");
-  if (intf_ && periodicGroup_) periodicGroup_->holdTimeIs(intf_->joinPruneHoldTime());
+  if (!retired() && intf_ && periodicGroup_) periodicGroup_->holdTimeIs(intf_->joinPruneHoldTime());
 }
 
 void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
@@ -107,6 +110,7 @@ void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
     Vel::Ptr<Zanth::TimerWheel> const wheel = timer ? timer->notifier() : nullptr;
     auto const now = [&wheel] { return wheel ? wheel->now() : 0; };
     Seconds const deadline = now() + loopQuantum_;
+    if (retired()) return;
     TransmitStep const transmit{pimPamManager_, txMessage_, periodicGroup_,
                                 intf_ ? intf_->intfId() : Dova::IntfId()};
     transmit.prepare();
@@ -117,7 +121,9 @@ void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
       if (retired()) return;
       U64 const step = report.sources + report.skipped();
       routesDoneInc(step);
-      if (step == 0 || now() >= deadline) {
+      bool const suspended = step == 0 || now() >= deadline;
+      if (retired()) return;
+      if (suspended) {
         JOIN_PRUNE_TRACE(7, subject(this),
                          "(): Suspending TX after " << count << " groups, " << report.sources << " sources, "
                                                     << report.suppressedSources << " suppressed sources, "

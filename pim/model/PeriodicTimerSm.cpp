@@ -37,6 +37,7 @@ void PeriodicTimerSm::velVisitReactors(ReactorVisitor const& visit) {
 }
 
 void PeriodicTimerSm::periodicParamsIs(PeriodicParams const& params) {
+  Vel::requireDuration("the interval of periodicParams", params.interval);
   velValueIs<NotifieeConst, periodicParamsId>(periodicParams_, params,
                                               [](NotifieeConst& r) { r.onPeriodicParams(); });
 }

@@ -70,7 +70,8 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// True once `handleInitialized()` has run. While false, expiries send nothing.
   virtual bool initialized() const = 0;
   void handleInitialized() override;
-  /// Sets the current slice and tells the reactors; an equal one is nothing. Does not touch the timer.
+  /// Sets the current slice and tells the reactors; an equal one is nothing. Does not touch the timer. An
+  /// interval that is NaN or negative throws Vel::InvalidArgumentException.
   virtual void periodicParamsIs(PeriodicParams const& params);
   void periodicParamsIs(PeriodicParams const&) const { Vel::throwConstInstance(); }
   /// Sets the interval that a derived machine shows to observers, in seconds. By default there is none to

@@ -79,11 +79,11 @@
   /** The value of the attribute `foo`, in seconds. */                                                       \
   ::Vel::Seconds foo() const { return foo##_; }                                                              \
   /** Sets `foo`, in seconds, and tells the reactors; NaN and less than 0 throw. */                          \
-  void foo##Is(::Vel::Seconds value) {                                                                       \
+  void foo##Is(::Vel::Seconds const& value) {                                                                \
     ::Vel::requireDuration(#foo, value);                                                                     \
     this->template velValueIs<NotifieeConst, foo##Id>(foo##_, value, [](NotifieeConst& r) { r.on##Foo(); }); \
   }                                                                                                          \
-  void foo##Is(::Vel::Seconds) const { ::Vel::throwConstInstance(); }                                        \
+  void foo##Is(::Vel::Seconds const&) const { ::Vel::throwConstInstance(); }                                 \
                                                                                                              \
  private:                                                                                                    \
   ::Vel::Seconds foo##_

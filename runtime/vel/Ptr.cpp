@@ -28,24 +28,34 @@ void Counted::handleZeroRef() {
   if (velInUse()) return;
   bitIs(zeroHandlingBit, true);
   MemoryHold const memory(this);
+  bool whole = true;
   try {
     zeroReferencesIs(true);
-    if (references() == 0) doTeardown();
+    whole = references() != 0;
+    if (!whole) doTeardown();
   } catch (...) {
     // Out of memory at worst; the destructors release what is left.
   }
+  // Not only when the last hold ends: the object is used again, and may be dropped again before.
+  if (whole && references() != 0) revive();
 }
 
 // After the zero-reference handling, when the last hold has ended.
 void Counted::settle() {
-  if (references() == 0) {
-    holdMemory();  // what is called from here on may hold this object, and must not settle it again
-    doDetach();
-    delete this;
-    return;
-  }
+  if (references() != 0) return revive();
+  holdMemory();  // what is called from here on may hold this object, and must not settle it again
+  doDetach();
+  delete this;
+}
+
+void Counted::revive() {
+  MemoryHold const memory(this);  // it may be dropped again in the call
   bitIs(zeroHandlingBit, false);
-  zeroReferencesIs(false);
+  try {
+    zeroReferencesIs(false);
+  } catch (...) {
+    // As in handleZeroRef(): a reference may be dropped anywhere.
+  }
 }
 
 std::string Counted::fwkType() const {

@@ -35,9 +35,10 @@ VEL_API void threadSafeIs(bool on);
 ///
 /// At zero, in this order: `zeroReferencesIs(true)`; then, if there is no new reference, `doTeardown()` while
 /// the object is whole; then, when the last MemoryHold has ended and there is still no new reference,
-/// `doDetach()` and destruction. What the first two throw is swallowed, since a reference may be dropped
-/// anywhere. A reference that is taken and dropped meanwhile changes nothing. One that is kept revives the
-/// object (`zeroReferencesIs(false)`).
+/// `doDetach()` and destruction. A reference that is taken and dropped meanwhile changes nothing. One that is
+/// kept revives the object (`zeroReferencesIs(false)`): at the end of `zeroReferencesIs(true)` if it is there
+/// by then, so that nothing was torn down, and otherwise when the last MemoryHold has ended. What
+/// `zeroReferencesIs()` and `doTeardown()` throw is swallowed, since a reference may be dropped anywhere.
 class VEL_API Counted {
  public:
   Counted(Counted const&) = delete;
@@ -94,6 +95,7 @@ class VEL_API Counted {
 
   void handleZeroRef();
   void settle();
+  void revive();
 
   // Memory holds; see MemoryHold.
   void holdMemory() const { flagsAndHolds_ += holdUnit; }

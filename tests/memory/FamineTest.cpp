@@ -200,6 +200,83 @@ TEST_F(AfterFamineTest, TheMachineOfANewAddressIsMadeWithoutAnotherNotificationA
   EXPECT_GT(found, 3u);
 }
 
+TEST_F(AfterFamineTest, TheMachineOfAnAddressThatChangesWhileTheMachineOfTheOneBeforeIsMadeIsMade) {
+  class Mover final : public JoinPruneStatus::NotifieeConst {
+   public:
+    void onTriggeredGroup(Dova::IpGenAddr address) override {
+      if (address != addr("10.0.0.9")) return;
+      if (auto const once = std::exchange(act, nullptr)) once();
+    }
+    std::function<void()> act;
+  };
+  U32 found = 0;
+  bool failed = true;
+  for (std::size_t n = 1; failed; ++n) {
+    SCOPED_TRACE(n);
+    World w;
+    withNeighbor(w);
+    w.status->triggeredGroupIs(addr("10.0.0.8"));
+    auto const eth0 = w.pim->pimIntf(Dova::IntfId("eth0"));
+    auto const move = [&](char const* to) { eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText(to)); };
+    auto const mover = Vel::create<Mover>();
+    mover->act = [&] {
+      Famine const famine(n);
+      Scene::whateverHappens([&] { move("10.0.0.8/24"); });
+      failed = famine.failures() != 0;
+    };
+    mover->notifierIs(w.status);
+    move("10.0.0.9/24");
+    EXPECT_FALSE(mover->act);
+    found += !w.sm("10.0.0.8");
+    w.runUntil(w.time + 0.2);
+    EXPECT_TRUE(w.sm("10.0.0.8"));
+    EXPECT_FALSE(w.sm("10.0.0.9"));
+    mover->notifierIs(nullptr);
+    w.manager->stop();
+    w.machine = nullptr;
+  }
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, AMachineThatIsDroppedByTheClockWhileItFallsBehindArmsNothing) {
+  std::vector<std::function<void(World&)>> const acts = {
+      [](World& w) { group(w.periodic("10.0.0.2"), "239.1.1.1"); },
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); }};
+  for (auto const& act : acts) {
+    bool failed = true;
+    U32 asked = 0;
+    for (std::size_t n = 1; failed; ++n) {
+      SCOPED_TRACE(n);
+      World w;
+      std::function<void()> onClock;
+      w.wheel = Vel::create<Zanth::TimerWheel>([&] {
+        if (auto const drop = onClock) drop();
+        return w.time;
+      });
+      withNeighbor(w);
+      // So that the timers outlive the drop: an iterator holds its entity's memory.
+      auto const timer = w.sm("10.0.0.2")->triggeredTimer();
+      auto const walk = w.machine->pimIntfIterator();
+      onClock = [&] {
+        ++asked;
+        w.machine = nullptr;
+      };
+      {
+        Famine const famine(n);
+        Scene::whateverHappens([&] { act(w); });
+        failed = famine.failures() != 0;
+      }
+      onClock = nullptr;
+      if (!w.machine) {
+        EXPECT_EQ(w.wheel->armedCount(), 0u);
+      }
+      w.manager->stop();
+      w.machine = nullptr;
+    }
+    EXPECT_GT(asked, 0u);
+  }
+}
+
 // Which data set, and what fills a group in it.
 struct Filling {
   char const* name;
@@ -260,6 +337,92 @@ INSTANTIATE_TEST_SUITE_P(
                             [](auto& g) { g.wcSourceDataIs(wildcard("10.5.5.5")); },
                             [](auto& g) { g.wcSourceDataDel(); }}),
     [](auto const& row) { return std::string(row.param.name); });
+
+// Falls behind with one group, and while it takes that up, with another.
+TEST_F(AfterFamineTest, AMachineThatFallsBehindAgainWhileItCatchesUpCatchesUpOnceMore) {
+  class Adder final : public JoinPruneNeighborSm::NotifieeConst {
+   public:
+    void onPeriodicGroupData(Dova::IpGenAddr) override {
+      if (auto const once = std::exchange(act, nullptr)) once();
+    }
+    std::function<void()> act;
+  };
+  auto const unfollowed = [](World& w, Dova::IpGenAddr const& g) {
+    return w.periodic("10.0.0.2")->joinPruneGroupData(g) && !w.sm("10.0.0.2")->periodicGroupData(g);
+  };
+  for (auto const& [first, second] :
+       {std::pair("239.1.1.1", "239.1.1.2"), std::pair("239.1.1.2", "239.1.1.1")}) {
+    U32 found = 0;
+    bool failed = true, failedAgain = false;
+    for (std::size_t n = 1, m = 1; failed || failedAgain; failedAgain ? ++m : (m = 1, ++n)) {
+      SCOPED_TRACE(std::string(first) + ", " + std::to_string(n) + ", " + std::to_string(m));
+      World w;
+      withNeighbor(w);
+      auto const data = w.periodic("10.0.0.2");
+      auto const sm = w.sm("10.0.0.2");
+      {
+        Famine const famine(n);
+        Scene::whateverHappens([&] { group(data, first); });
+        failed = famine.failures() != 0;
+      }
+      failedAgain = false;
+      if (unfollowed(w, addr(first))) {
+        auto const adder = Vel::create<Adder>();
+        adder->notifierIs(sm);
+        bool behindAgain = false;
+        adder->act = [&] {
+          {
+            Famine const famine(m);
+            Scene::whateverHappens([&] { group(data, second); });
+            failedAgain = famine.failures() != 0;
+          }
+          behindAgain = unfollowed(w, addr(second));
+          group(data, second)->joinedSourceIs(addr("10.9.0.1"));
+        };
+        group(data, first)->joinedSourceIs(addr("10.9.0.1"));
+        w.runUntil(w.time + 1);
+        EXPECT_FALSE(adder->act);
+        found += behindAgain;
+        EXPECT_TRUE(sm->periodicGroupData(addr(first)));
+        EXPECT_TRUE(sm->periodicGroupData(addr(second)));
+        EXPECT_EQ(sm->numPeriodicRoutes(), 2u);
+        for (char const* const g : {first, second}) {
+          data->joinPruneGroupData(addr(g))->joinedSourceDel(addr("10.9.0.1"));
+          EXPECT_FALSE(data->joinPruneGroupData(addr(g)));
+        }
+        EXPECT_EQ(sm->numPeriodicRoutes(), 0u);
+        adder->notifierIs(nullptr);
+      }
+      w.manager->stop();
+      w.machine = nullptr;
+    }
+    EXPECT_GT(found, 0u);
+  }
+}
+
+// The last group is removed by the catching up itself, while the count is still the old one.
+TEST_F(AfterFamineTest, AMachineWhoseDataRunsEmptyWhileItCatchesUpDoesNotCheckItsCountInTheMiddle) {
+  U32 const found = consequences(
+      [](World& w) {
+        withNeighbor(w);
+        w.machine->diagUpJoinCountIs(true);
+      },
+      [](World& w) { group(w.periodic("10.0.0.2"), "239.1.1.1"); },
+      [](World& w) {
+        auto const data = w.periodic("10.0.0.2");
+        auto const sm = w.sm("10.0.0.2");
+        auto const lost = data->joinPruneGroupData(addr("239.1.1.1"));
+        if (!lost || sm->periodicGroupData(addr("239.1.1.1"))) return false;
+        lost->joinedSourceIs(addr("10.9.0.1"));
+        lost->joinedSourceDel(addr("10.9.0.1"));
+        sm->numPeriodicRoutesIs(1);  // as if the source had been counted
+        w.runUntil(w.time + 1);
+        EXPECT_EQ(data->joinPruneGroupDataCount(), 0u);
+        EXPECT_EQ(sm->numPeriodicRoutes(), 0u);
+        return true;
+      });
+  EXPECT_GT(found, 0u);
+}
 
 TEST_F(AfterFamineTest, AMachineThatWasKeptForAPeriodicGroupAsksItsOwnerWhenItHasCaughtUp) {
   for (std::size_t const length : {std::size_t{1}, ~std::size_t{0} / 2}) {

@@ -173,6 +173,16 @@ TEST_F(JoinPruneMessageInfoTest, ARecordHasAText) {
   EXPECT_EQ(inText(info), "null");
 }
 
+TEST_F(JoinPruneMessageInfoTest, AHoldTimeThatIsNoDurationIsRefused) {
+  EXPECT_THROW(record->holdTimeIs(std::numeric_limits<double>::quiet_NaN()), Vel::InvalidArgumentException);
+  EXPECT_THROW(record->holdTimeIs(-5), Vel::InvalidArgumentException);
+  EXPECT_THROW(record->attributeIs("holdTime", "-5"), Vel::InvalidArgumentException);
+  EXPECT_EQ(record->holdTime(), 210.0);
+  EXPECT_THAT(log, IsEmpty());
+  record->holdTimeIs(0);
+  EXPECT_EQ(record->holdTime(), 0.0);
+}
+
 TEST_F(JoinPruneMessageInfoTest, AttributesAreReadAndSetByName) {
   record->attributeIs("upstreamNeighbor", "2001:db8::1");
   record->attributeIs("sourceFlags", "SWR");

@@ -101,6 +101,37 @@ TEST_F(MidFlightTest, AMachineThatIsDroppedUnderItsHandlerIsRetiredBeforeTheHand
   EXPECT_EQ(rxJoin->rxCount(), 0u);
 }
 
+TEST_F(MidFlightTest, AMachineThatIsRevivedUnderItsHandlerIsRetiredWhenItIsDroppedAgainInTheSameHandler) {
+  startWithNeighbor();
+  class Reviver final : public JoinPruneMessageSm::NotifieeConst {
+   public:
+    void onZeroReferences() override {
+      if (++zeros == 1) kept = notifier();
+    }
+    int zeros = 0;
+    Vel::Ptr<JoinPruneMessageSm const> kept;
+  };
+  auto const reviver = Vel::create<Reviver>();
+  reviver->isNondestructingIs(true);
+  reviver->notifierIs(machine);
+  JoinPruneMessageSm const* const raw = machine.get();
+  inLine("handleRxMessage()", [&] {
+    machine = nullptr;
+    EXPECT_FALSE(raw->retired());
+    reviver->kept = nullptr;
+    EXPECT_TRUE(raw->retired());
+    EXPECT_EQ(reviver->zeros, 2);
+    neighbor("10.0.0.3", eth0);
+    EXPECT_EQ(sets("10.0.0.1"), "-");
+    EXPECT_EQ(sets("10.0.0.3"), "-");
+    log.clear();
+  });
+  receiveAJoin();
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(rxJoin->rxCount(), 0u);
+  EXPECT_FALSE(reviver->notifier());
+}
+
 TEST_F(MidFlightTest, ANeighborMachineOfNobodysThatIsDroppedInsideItsOwnSendDoesNotReactAnyMore) {
   auto const data = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
   manager->start();
@@ -335,6 +366,26 @@ TEST_F(MidFlightTest, AnInterfaceThatReturnsInTheLineOfItsRemovalHasItsMachine) 
   EXPECT_TRUE(machine->pimIntf(Dova::IntfId("eth0")));
 }
 
+// The machine under the unspecified address is that of eth1, which has no address.
+TEST_F(MidFlightTest, AnInterfaceThatLeavesInTheLineOfItsArrivalLeavesTheMachinesOfOthersAlone) {
+  startWithNeighbor();
+  intf("eth1");
+  auto const ofEth1 = machine->joinPruneNeighborSm(Dova::IpGenAddr());
+  ASSERT_TRUE(ofEth1);
+  for (char const* const part : {"handleNew(eth2)", "Intf up"}) {
+    SCOPED_TRACE(part);
+    inLine(part, [&] { pim->pimIntfDel(Dova::IntfId("eth2")); });
+    log.clear();
+    intf("eth2", "10.0.2.1/24");
+    EXPECT_THAT(log.takeWith("Intf down"), ElementsAre("[2] handleDel(eth2), Intf down"));
+    EXPECT_FALSE(machine->pimIntf(Dova::IntfId("eth2")));
+    EXPECT_EQ(machine->joinPruneNeighborSm(Dova::IpGenAddr()), ofEth1);
+    EXPECT_FALSE(ofEth1->retired());
+  }
+  pim->pimIntfDel(Dova::IntfId("eth1"));
+  EXPECT_FALSE(machine->joinPruneNeighborSm(Dova::IpGenAddr()));
+}
+
 TEST_F(MidFlightTest, AnAddressThatChangesAgainInTheLineOfItsChangeIsTheOneThatHasTheMachine) {
   startWithNeighbor();
   for (char const* const part :
@@ -413,6 +464,232 @@ TEST_F(MidFlightTest, AMachineThatIsDroppedInAnyLineDoesNothingMore) {
   }
 }
 
+// What was watched before ends in the call, and a reactor that hears of it drops the machine.
+TEST_F(MidFlightTest, AReactorWhoseFormerNotifierTakesTheMachineWithItIsNotUsedAnyMore) {
+  Vel::Ptr<JoinPruneNeighborSm> lone;
+  std::function<void()> const drop = [&] {
+    machine = nullptr;
+    lone = nullptr;
+    log.clear();
+  };
+  auto const dropAtTheEndOf = [&]<class Watched>(Watched& watched) {
+    class Dropper final : public Watched::NotifieeConst {
+     public:
+      explicit Dropper(std::function<void()> d) : drop(std::move(d)) {}
+      void onZeroReferences() override { drop(); }
+      std::function<void()> const drop;
+    };
+    auto const dropper = Vel::create<Dropper>(drop);
+    dropper->isNondestructingIs(true);
+    dropper->notifierIs(Vel::Ptr<Watched>(&watched));
+    return dropper;
+  };
+  startWithNeighbor();
+  auto const endOfStatus = dropAtTheEndOf(*pim);
+  pim = nullptr;
+  machine->pimStatus()->notifierIs(Vel::create<Status>());
+  EXPECT_FALSE(machine);
+  EXPECT_THAT(log.take(), IsEmpty());
+
+  pim = Vel::create<Status>();
+  startWithNeighbor();
+  auto const endOfChannel = dropAtTheEndOf(*channel);
+  channel = nullptr;
+  auto const other = Vel::create<IO::MessageInfo>();
+  machine->rxMessageInfo()->notifierIs(other);
+  EXPECT_FALSE(machine);
+  EXPECT_THAT(log.take(), IsEmpty());
+
+  auto data = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+  lone = joinPruneNeighborSmFactory(nullptr, addr("10.0.0.2"), nullptr, nullptr, data, nullptr, nullptr,
+                                    wheel, 2.5, manager, nullptr);
+  auto const endOfData = dropAtTheEndOf(*data);
+  data = nullptr;
+  lone->triggeredGroup()->notifierIs(Vel::create<Packet::JoinPruneData>(addr("10.0.0.2")));
+  EXPECT_FALSE(lone);
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(MidFlightTest, APeriodicMachineThatIsDroppedInTheLineOfADirectCallIsNotUsedAnyMore) {
+  startWithNeighbor();
+  auto const data = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+  U16 const before = data->holdTime();
+  eth0->joinPruneIntervalIs(45);
+  eth0->joinPruneHoldTimeIs(99);
+  auto const parent = sm("10.0.0.2");
+  auto const call = [&](char const* line, auto const& act) {
+    SCOPED_TRACE(line);
+    auto lone =
+        joinPrunePeriodicTimerSmFactory(wheel, parent.get(), 0.1, data, eth0, manager, machine->txMessage());
+    inLine(line, [&lone] { lone = nullptr; });
+    act(*lone.get());
+    EXPECT_FALSE(lone);
+    EXPECT_EQ(data->holdTime(), before);
+  };
+  call("interval()", [](auto& m) { EXPECT_EQ(m.interval(), 45u); });
+  call("holdTime()", [](auto& m) { EXPECT_EQ(m.holdTime(), 99u); });
+  call("numberOfMessages()", [](auto& m) { EXPECT_EQ(m.numberOfMessages(), 0u); });
+  call("doResetHoldTime()", [](auto& m) { m.doResetHoldTime(); });
+  call("handlePeriodicTimerExpiry()", [](auto& m) { m.handlePeriodicTimerExpiry(); });
+  call("interval()", [](auto& m) { m.doUpdatePeriodicTimer(); });
+  EXPECT_EQ(manager->messages, 0u);
+}
+
+// As with the lines: every reading in turn drops the machine of nobody's, for each call that reads a clock.
+TEST_F(MidFlightTest, AMachineThatIsDroppedInAnyReadingOfTheClockDoesNothingMore) {
+  Vel::Ptr<JoinPruneNeighborSm> lone;
+  JoinPruneNeighborSm* raw = nullptr;
+  std::function<void()> onClock;
+  auto const newWheel = [&] {
+    return Vel::create<Zanth::TimerWheel>([&] {
+      if (auto const act = onClock) act();
+      return time;
+    });
+  };
+  auto own = newWheel(), other = newWheel();
+  Vel::Ptr<Packet::JoinPruneData> pending, overriding, refreshed;
+  auto const everyTimerIsArmed = [&] {
+    for (auto const& data : {pending, overriding, refreshed})
+      for (char const* const g : {"239.1.1.1", "239.1.1.2"}) group(data, g)->joinedSourceIs(addr("10.9.0.1"));
+  };
+  auto const everyTimerIsMissed = [&] {
+    everyTimerIsArmed();
+    raw->hasNotificationActiveIs(false);
+    time += 100;
+    own->expire();
+  };
+  struct Change {
+    char const* name;
+    std::function<void()> prepare, act;
+  };
+  std::vector<Change> const changes = {
+      {"is switched on", everyTimerIsMissed, [&] { raw->hasNotificationActiveIs(true); }},
+      {"is revived",
+       [&] {
+         everyTimerIsArmed();
+         raw->velDoZombieReactors(true);
+         time += 100;
+         own->expire();
+       },
+       [&] { raw->velDoZombieReactors(false); }},
+      {"a triggered source comes", [] {},
+       [&] { group(pending, "239.1.1.1")->joinedSourceIs(addr("10.9.0.1")); }},
+      {"an override source comes", [] {},
+       [&] { group(overriding, "239.1.1.1")->joinedSourceIs(addr("10.9.0.1")); }},
+      {"a periodic source comes", [] {},
+       [&] { group(refreshed, "239.1.1.1")->joinedSourceIs(addr("10.9.0.1")); }},
+      {"the triggered timer has expired", everyTimerIsArmed, [&] { raw->handleTriggeredTimerExpiry(); }},
+      {"the override timer has expired", everyTimerIsArmed, [&] { raw->handleOverrideTimerExpiry(); }},
+      {"the periodic timer has expired", everyTimerIsArmed,
+       [&] { raw->joinPrunePeriodicTimerSm()->handlePeriodicTimerExpiry(); }},
+      {"the triggered timer is put on another wheel", everyTimerIsArmed,
+       [&] { raw->triggeredTimerIs(other); }},
+      {"the override timer is put on another wheel", everyTimerIsArmed, [&] { raw->overrideTimerIs(other); }},
+      {"a missed timer is put on another wheel", everyTimerIsMissed, [&] { raw->triggeredTimerIs(other); }},
+      {"the periodic timer is put on another wheel", everyTimerIsArmed,
+       [&] { raw->joinPrunePeriodicTimerSm()->periodicTimerIs(other); }},
+      {"a timer expires", everyTimerIsArmed,
+       [&] {
+         time += 100;
+         own->expire();
+       }},
+  };
+  eth0 = intf("eth0", "10.0.0.1/24");
+  manager->start();
+  manager->perMessage = 1;
+  for (auto const& [name, prepare, act] : changes) {
+    U32 readings = 0;
+    for (U32 at = 1; at == 1 || readings >= at - 1; ++at) {
+      SCOPED_TRACE(std::string(name) + ", reading " + std::to_string(at));
+      pending = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+      overriding = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+      refreshed = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+      auto const message = Vel::create<Packet::JoinPruneMessage>();
+      lone = joinPruneNeighborSmFactory(nullptr, addr("10.0.0.2"), nullptr, eth0, pending, overriding,
+                                        refreshed, own, 2.5, manager, message);
+      raw = lone.get();
+      prepare();
+      readings = 0;
+      U32 messages = 0;
+      onClock = [&] {
+        if (++readings != at) return;
+        lone = nullptr;
+        messages = manager->messages;
+        log.clear();
+      };
+      act();
+      onClock = nullptr;
+      if (readings < at) break;
+      EXPECT_FALSE(lone);
+      EXPECT_THAT(log.take(), IsEmpty());
+      EXPECT_EQ(manager->messages, messages);
+      EXPECT_EQ(own->armedCount(), 0u);
+      EXPECT_EQ(other->armedCount(), 0u);
+    }
+    lone = nullptr;
+    EXPECT_GT(readings, 0u) << name;
+  }
+}
+
+// Every write of every entry in turn drops the machine.
+TEST_F(MidFlightTest, AMachineThatIsDroppedWhileItWritesAnEntryWritesNothingMore) {
+  class Counter final : public JoinPruneMessageInfo::NotifieeConst {
+   public:
+    explicit Counter(std::function<void()> h) : hook(std::move(h)) {}
+    void onNotification() override { hook(); }
+    std::function<void()> const hook;
+  };
+  auto const message = Vel::create<Packet::JoinPruneMessage>();
+  message->joinPruneDataIs(Vel::create<Packet::JoinPruneData>(addr("10.0.0.1")));
+  message->joinPruneData()->holdTimeIs(99);
+  auto const received = group(message->joinPruneData(), "239.9.9.9");
+  received->joinedSourceIs(addr("10.9.9.9"));
+  received->prunedSourceIs(addr("10.9.9.8"));
+  received->wcSourceDataIs(wildcard("10.5.5.5"));
+  received->joinedRptSourceIs(addr("10.9.9.7"));
+  startWithNeighbor();
+  U32 writes = 0;
+  for (U32 at = 1; at == 1 || writes >= at - 1; ++at) {
+    SCOPED_TRACE(at);
+    rxJoin = joinPruneMessageInfoFactory();
+    rxPrune = joinPruneMessageInfoFactory();
+    start();
+    writes = 0;
+    auto const counter = Vel::create<Counter>([&] {
+      if (++writes != at) return;
+      machine = nullptr;
+      log.clear();
+    });
+    auto const other = Vel::create<Counter>(counter->hook);
+    counter->notifierIs(rxJoin);
+    other->notifierIs(rxPrune);
+    channel->joinPruneMessageIs(message);
+    channel->countInc(1);
+    channel->joinPruneMessageIs(nullptr);
+    if (writes < at) break;
+    EXPECT_FALSE(machine);
+    EXPECT_EQ(writes, at);
+    EXPECT_THAT(log.take(), IsEmpty());
+  }
+  EXPECT_GE(writes, 15u);
+}
+
+TEST_F(MidFlightTest, AMachineThatIsDroppedByTheRpHashDoesNotComplainOfTheRp) {
+  startWithNeighbor();
+  auto const message = Vel::create<Packet::JoinPruneMessage>();
+  message->joinPruneDataIs(Vel::create<Packet::JoinPruneData>(addr("10.0.0.1")));
+  group(message->joinPruneData(), "239.9.9.9")->wcSourceDataIs(wildcard("10.5.5.5"));
+  rpHash->answer = addr("10.5.5.6");
+  rpHash->hook = [&] {
+    machine = nullptr;
+    log.clear();
+  };
+  channel->joinPruneMessageIs(message);
+  channel->countInc(1);
+  EXPECT_FALSE(machine);
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
 // --- Timers --------------------------------------------------------------------------------------
 
 TEST_F(MidFlightTest, TheTimersAreArmedOnTheClockOfTheirOwnWheel) {
@@ -472,6 +749,45 @@ TEST_F(MidFlightTest, WhatBecameDueWhileAMachineWasSwitchedOffIsDueWhenItIsSwitc
               testing::UnorderedElementsAre("eth0 to 10.0.0.2: (10.9.0.1,239.1.1.1) join, hold 210",
                                             "eth0 to 10.0.0.2: (10.9.0.1,239.1.1.2) join, hold 210",
                                             "eth0 to 10.0.0.2: (10.9.0.1,239.1.1.3) join, hold 210"));
+}
+
+TEST_F(MidFlightTest, ATimerThatExpiredWhileItsMachineWasOffIsDueOnTheWheelThatItIsGivenMeanwhile) {
+  startWithNeighbor();
+  group(triggered("10.0.0.2"), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  group(override_("10.0.0.2"), "239.1.1.2")->joinedSourceIs(addr("10.9.0.1"));
+  auto const machineOfNeighbor = sm("10.0.0.2");
+  machineOfNeighbor->hasNotificationActiveIs(false);
+  runUntil(time + 100);
+  Seconds otherTime = 7;
+  auto const other = Vel::create<Zanth::TimerWheel>([&] { return otherTime; });
+  machineOfNeighbor->triggeredTimerIs(other);
+  machineOfNeighbor->overrideTimerIs(other);
+  other->expire();
+  EXPECT_THAT(manager->sent, IsEmpty());
+  otherTime = 8;
+  machineOfNeighbor->hasNotificationActiveIs(true);
+  other->expire();
+  EXPECT_THAT(manager->sent,
+              testing::UnorderedElementsAre("eth0 to 10.0.0.2: (10.9.0.1,239.1.1.1) join, hold 210",
+                                            "eth0 to 10.0.0.2: (10.9.0.1,239.1.1.2) join, hold 210"));
+}
+
+TEST_F(MidFlightTest, ATimerThatIsPutOnAnotherWheelWhileItsMachinesReactorsAreRetiredIsRetiredToo) {
+  startWithNeighbor();
+  group(triggered("10.0.0.2"), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  auto const machineOfNeighbor = sm("10.0.0.2");
+  machineOfNeighbor->velDoZombieReactors(true);
+  auto const other = Vel::create<Zanth::TimerWheel>([&] { return time; });
+  machineOfNeighbor->triggeredTimerIs(other);
+  machineOfNeighbor->overrideTimerIs(other);
+  EXPECT_TRUE(machineOfNeighbor->triggeredTimer()->isZombie());
+  EXPECT_TRUE(machineOfNeighbor->overrideTimer()->isZombie());
+  runUntil(time + 1);
+  other->expire();
+  EXPECT_THAT(manager->sent, IsEmpty());
+  machineOfNeighbor->velDoZombieReactors(false);
+  other->expire();
+  EXPECT_THAT(manager->sent, ElementsAre("eth0 to 10.0.0.2: (10.9.0.1,239.1.1.1) join, hold 210"));
 }
 
 TEST_F(MidFlightTest, SwitchingAMachineOnBringsItsTimersUpToDateAndNothingElse) {

@@ -96,6 +96,16 @@ TEST_F(PeriodicTimerSmTest, ItsParametersCanBeReadByNameAndInitializationIsUpToW
   EXPECT_THROW(sm->attributeIs("periodicParams", "1"), Vel::RangeException);
 }
 
+TEST_F(PeriodicTimerSmTest, ParametersWhoseIntervalIsNoDurationAreRefused) {
+  auto const before = sm->periodicParams();
+  EXPECT_THROW(sm->periodicParamsIs({std::numeric_limits<double>::quiet_NaN(), 5}),
+               Vel::InvalidArgumentException);
+  EXPECT_THROW(sm->periodicParamsIs({-1, 5}), Vel::InvalidArgumentException);
+  EXPECT_EQ(sm->periodicParams(), before);
+  sm->periodicParamsIs({0, 5});
+  EXPECT_EQ(sm->periodicParams(), (PeriodicTimerSm::PeriodicParams{0, 5}));
+}
+
 TEST_F(PeriodicTimerSmTest, AnIdleMachineHasATimerThatIsNotArmed) {
   ASSERT_TRUE(sm->periodicTimer());
   EXPECT_EQ(armedFor(), Vel::never);

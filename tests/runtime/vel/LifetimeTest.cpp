@@ -229,6 +229,63 @@ TEST_F(MemoryHoldTest, AHoldThatBeginsAndEndsInTheZeroReferenceHandlingDoesNotDe
   EXPECT_THAT(taken(), ElementsAre("no references", "torn down", "destroyed"));
 }
 
+// Revived before anything was taken down, while something else holds the memory.
+TEST_F(MemoryHoldTest, AnObjectThatIsRevivedInItsZeroReferenceHandlingEndsWhenItIsDroppedAgain) {
+  class Reviving final : public Entity {
+   public:
+    explicit Reviving(std::vector<std::string>& l) : log(l) {}
+    ~Reviving() override { log.push_back("destroyed"); }
+    void zeroReferencesIs(bool zero) override {
+      log.push_back(zero ? "no references" : "revived");
+      if (zero && !std::exchange(was, true)) kept = Ptr<Reviving>(this);
+      if (throws && !zero) throw std::runtime_error("revived");
+    }
+    void doTeardown() override { log.push_back("torn down"); }
+    std::vector<std::string>& log;
+    Ptr<Reviving> kept;
+    bool was = false, throws = false;
+  };
+  for (bool const throws : {false, true}) {
+    SCOPED_TRACE(throws);
+    auto reviving = create<Reviving>(log);
+    Reviving* const object = reviving.get();
+    object->throws = throws;
+    {
+      MemoryHold const hold(object);
+      reviving = nullptr;
+      EXPECT_THAT(taken(), ElementsAre("no references", "revived"));
+      object->kept = nullptr;
+      EXPECT_THAT(taken(), ElementsAre("no references", "torn down"));
+    }
+    EXPECT_THAT(taken(), ElementsAre("destroyed"));
+  }
+}
+
+TEST_F(MemoryHoldTest, AnObjectMayBeDroppedAndMayThrowWhileItIsToldThatItWasRevived) {
+  class Faint final : public Entity {
+   public:
+    explicit Faint(std::vector<std::string>& l) : log(l) {}
+    ~Faint() override { log.push_back("destroyed"); }
+    void zeroReferencesIs(bool zero) override {
+      log.push_back(zero ? "no references" : "revived");
+      if (zero) return;
+      kept = nullptr;
+      log.push_back("dropped");
+      throw std::runtime_error("revived");
+    }
+    void doTeardown() override {
+      if (!std::exchange(was, true)) kept = Ptr<Faint>(this);
+      log.push_back("torn down");
+    }
+    std::vector<std::string>& log;
+    Ptr<Faint> kept;
+    bool was = false;
+  };
+  create<Faint>(log);
+  EXPECT_THAT(taken(), ElementsAre("no references", "torn down", "revived", "no references", "torn down",
+                                   "dropped", "destroyed"));
+}
+
 TEST_F(MemoryHoldTest, AnotherObjectIsHeldByAssignment) {
   auto other = create<Held>(log);
   MemoryHold hold(raw);
