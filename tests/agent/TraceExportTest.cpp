@@ -94,7 +94,7 @@ TEST_F(TraceExportTest, WhateverTheTextsAreTheOutputIsJson) {
   SCRIVO_MESSAGE("Sm", ": ", std::string());
   std::ostringstream text;
   exportJson(Scrivo::TraceReader(ring_), text);
-  for (auto const& line : lines(text.str())) EXPECT_NO_THROW(json::parse(line)) << line;
+  for (auto const& line : lines(text.str())) EXPECT_TRUE(json::accept(line)) << line;
   EXPECT_EQ(lines(text.str()).size(), 3u);
   EXPECT_EQ(json::parse(lines(text.str())[0])["arguments"].size(), 4u);
   auto const events = trackEvents();

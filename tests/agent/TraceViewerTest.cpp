@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
+#include "tests/Thorough.h"
 #include "tests/agent/Support.h"
 
 namespace Routing::Pim::Agent {
@@ -21,6 +22,7 @@ using Drawn = std::map<std::string, std::map<std::string, int>>;
 class TraceViewerTest : public testing::Test {
  protected:
   void SetUp() override {
+    if (!thorough()) GTEST_SKIP() << "scripts/prove runs it: a browser starts for each test";
     if (run("sh", {"-c", "command -v chromium"}).status != 0) GTEST_SKIP() << "chromium is not installed";
   }
 

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <numeric>
 
+#include "tests/Thorough.h"
 #include "tests/memory/Scene.h"
 
 namespace Routing::Pim {
@@ -48,7 +49,9 @@ constexpr Holding holdings[] = {
 
 class DestructionTest : public testing::TestWithParam<std::size_t> {};
 
+// All orders, or one in so many.
 TEST_P(DestructionTest, ComesFirstAndTheOthersFollowInEveryOrder) {
+  std::size_t const share = thorough() ? 1 : 37;
   { Small const once; }  // for what stays anyway
   std::size_t orders = 0;
   for (bool const goesOn : {false, true}) {
@@ -57,6 +60,7 @@ TEST_P(DestructionTest, ComesFirstAndTheOthersFollowInEveryOrder) {
     std::swap(order[0], order[GetParam()]);
     std::sort(order.begin() + 1, order.end());
     do {
+      if (orders++ % share != 0) continue;
       std::size_t const blocks = CountedHeap::liveBlocks, bytes = CountedHeap::liveBytes;
       {
         Small w;
@@ -71,7 +75,6 @@ TEST_P(DestructionTest, ComesFirstAndTheOthersFollowInEveryOrder) {
         for (std::size_t const i : order) names += std::string(" ") + holdings[i].name;
         FAIL() << CountedHeap::liveBlocks - blocks << " blocks are left by the order" << names;
       }
-      ++orders;
     } while (std::next_permutation(order.begin() + 1, order.end()));
   }
   EXPECT_EQ(orders, 2u * 5040u);

@@ -15,13 +15,14 @@
 #include <memory>
 #include <utility>
 
+#include "tests/Thorough.h"
 #include "tests/world/Paste.h"
 #include "tests/world/World.h"
 
 namespace Routing::Pim::Worlds {
 namespace {
 
-constexpr U32 longest = 5;
+U32 const longest = thorough() ? 5 : 4;
 
 /// An event as an operation; most undo what they did before.
 struct SmallEvent {

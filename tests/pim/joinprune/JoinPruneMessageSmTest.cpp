@@ -717,7 +717,7 @@ TEST_F(JoinPruneMessageSmTest, AMachineThatIsReplacedInItsOwnCallbackLeavesTheDa
       w.start();
     };
     w.neighbor("10.0.0.2", eth0);
-    if (!replaced) Vel::Ptr<JoinPruneMessageSm>(std::exchange(w.machine, nullptr));
+    if (!replaced) w.machine = nullptr;
     ASSERT_TRUE(replaced);
     for (char const* const target : {"10.0.0.1", "10.0.0.2"}) {
       EXPECT_EQ(w.sets(target), "top") << target;
