@@ -141,6 +141,7 @@ void PeriodicTimerSm::doUpdatePeriodicTimer() {
   U32 const seconds = interval();
   if (retired()) return;
   U32 const routes = numberOfMessages();
+  if (retired()) return;
   PeriodicParams const params = slice(seconds, routes);
   periodicParamsIs(params);
   Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer_;
