@@ -595,7 +595,9 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
   Vel::Ptr<Intf const> const intf = notifier();
   Dova::IpGenAddr const address = wantedAddress;
   Dova::IpGenAddr const ownAddress = address_;
-  unfinished_ = true;
+  // Only the own address is caught up with: who asks for another is told of the failure here.
+  bool const own = address == ownAddress;
+  if (own) unfinished_ = true;
   try {
     Target target;
     if (sm->openTarget(target, address,
@@ -605,7 +607,7 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
       if (!present || present->neighbor() || present->intf() != intf)
         sm->startTarget(target, address, nullptr, intf);
     }
-    unfinished_ = false;
+    if (own && address_ == ownAddress) unfinished_ = false;
   } catch (...) {
     sm->fallBehind();
     throw;

@@ -1,0 +1,247 @@
+// What could not be followed while memory was short is caught up with afterwards, without anybody's help.
+#include "tests/pim/joinprune/FailingHeap.h"
+#include "tests/pim/joinprune/World.h"
+
+namespace Routing::Pim {
+namespace {
+
+template <class Act>
+void whateverHappens(Act const& act) {
+  try {
+    act();
+  } catch (std::bad_alloc const&) {
+  }
+}
+
+class AfterFamineTest : public testing::Test {
+ protected:
+  using Prepare = std::function<void(World&)>;
+
+  /// Performs `act` in a fresh world with the n-th request failing, for each n up to the last, and then
+  /// `judge`, which says whether the failure had the consequence that the test is about. How often it had.
+  static U32 consequences(Prepare const& prepare, Prepare const& act,
+                          std::function<bool(World&)> const& judge) {
+    U32 found = 0;
+    bool failed = true;
+    for (std::size_t n = 1; failed && !HasFatalFailure(); ++n) {
+      SCOPED_TRACE(n);
+      World world;
+      prepare(world);
+      {
+        FailingHeap::Failure const failure(n);
+        whateverHappens([&] { act(world); });
+        failed = failure.happened();
+      }
+      found += judge(world);
+      world.manager->stop();
+      world.machine = nullptr;
+    }
+    return found;
+  }
+  static void withNeighbor(World& w) {
+    w.neighbor("10.0.0.2", w.intf("eth0", "10.0.0.1/24"));
+    w.start();
+  }
+};
+
+TEST_F(AfterFamineTest, TheMachineOfANeighborIsMadeWithoutAnotherNotificationAboutTheNeighbor) {
+  U32 const found = consequences(
+      withNeighbor,
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+      [](World& w) {
+        if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.sm("10.0.0.3"));
+        EXPECT_EQ(w.sets("10.0.0.3"), "top");
+        EXPECT_EQ(w.wheel->armedCount(), 0u);
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, TheMachineIsMadeEarlierWhenAnotherNeighborIsHeardOf) {
+  U32 const found = consequences(
+      withNeighbor,
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+      [](World& w) {
+        if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+        w.pim->pimNeighborNotify(addr("10.0.0.2"));
+        EXPECT_TRUE(w.sm("10.0.0.3"));
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, TheMachineOfAnInterfaceIsMadeWithoutAnotherNotificationAboutTheInterface) {
+  auto const eth1 = Vel::create<Intf>(Dova::IntfId("eth1"));
+  eth1->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.1.0.1/24"));
+  U32 const found = consequences(
+      withNeighbor, [&](World& w) { w.pim->pimIntfIs(eth1); },
+      [](World& w) {
+        if (!w.pim->pimIntf(Dova::IntfId("eth1")) || w.sm("10.1.0.1")) return false;
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.machine->pimIntf(Dova::IntfId("eth1")));
+        EXPECT_TRUE(w.sm("10.1.0.1"));
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, TheMachineOfANewAddressIsMadeWithoutAnotherNotificationAboutTheAddress) {
+  U32 const found = consequences(
+      [](World& w) {
+        withNeighbor(w);
+        w.status->triggeredGroupIs(addr("10.0.0.9"));
+      },
+      [](World& w) {
+        w.pim->pimIntf(Dova::IntfId("eth0"))
+            ->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.9/24"));
+      },
+      [](World& w) {
+        bool const without = !w.sm("10.0.0.9");
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.sm("10.0.0.9"));
+        EXPECT_EQ(w.sets("10.0.0.9"), "top");
+        EXPECT_FALSE(w.sm("10.0.0.1"));
+        return without;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+// Another address than the interface's own is asked for by hand, and who asks is told of the failure.
+TEST_F(AfterFamineTest, TheMachineOfAnInterfaceStaysIfOneForAnotherAddressCouldNotBeMade) {
+  auto const reactor = [](World& w) { return w.machine->pimIntf(Dova::IntfId("eth0")); };
+  Vel::Ptr<JoinPruneNeighborSm> own;
+  U32 const found = consequences(
+      [&](World& w) {
+        withNeighbor(w);
+        own = w.sm("10.0.0.1");
+      },
+      [&](World& w) { reactor(w)->createJoinPruneSm(addr("10.0.0.9")); },
+      [&](World& w) {
+        bool const without = !w.sm("10.0.0.9");
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.sm("10.0.0.1") == own);
+        EXPECT_TRUE(own->triggeredGroup()->notifier() == w.triggered("10.0.0.1"));
+        EXPECT_EQ(w.sm("10.0.0.9") == nullptr, without);
+        own = nullptr;
+        return without;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, TheMachineOfANewAddressIsOwedAlsoIfOneForAnotherAddressIsMadeMeanwhile) {
+  U32 const found = consequences(
+      withNeighbor,
+      [](World& w) {
+        w.pim->pimIntf(Dova::IntfId("eth0"))
+            ->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.9/24"));
+      },
+      [](World& w) {
+        if (w.sm("10.0.0.9")) return false;
+        w.machine->pimIntf(Dova::IntfId("eth0"))->createJoinPruneSm(addr("10.0.0.8"));
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.sm("10.0.0.8"));
+        EXPECT_TRUE(w.sm("10.0.0.9"));
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+// Which data set, and what fills a group in it.
+struct Filling {
+  char const* name;
+  std::function<Vel::Ptr<Packet::JoinPruneData>(World&)> data;
+  std::function<void(Packet::JoinPruneGroupData&)> fill, empty;
+};
+
+class BehindTest : public AfterFamineTest, public testing::WithParamInterface<Filling> {};
+
+TEST_P(BehindTest, AGroupThatIsFilledAndEmptiedMeanwhileIsRemovedAndOneThatWasNeverFilledStays) {
+  for (bool const fill : {true, false}) {
+    SCOPED_TRACE(fill);
+    auto const added = addr("239.9.9.9");
+    auto const hasNoReactor = [&](World& w) {
+      auto const sm = w.sm("10.0.0.2");
+      return !sm->triggeredGroupData(added) && !sm->overrideGroupData(added) && !sm->periodicGroupData(added);
+    };
+    U32 const found = consequences(
+        withNeighbor, [&](World& w) { GetParam().data(w)->joinPruneGroupDataIs(added); },
+        [&](World& w) {
+          auto const data = GetParam().data(w);
+          auto const lost = data->joinPruneGroupData(added);
+          if (!lost || !hasNoReactor(w)) return false;
+          if (fill) {
+            GetParam().fill(*lost);
+            GetParam().empty(*lost);
+          }
+          U32 const messages = w.manager->messages;
+          w.runUntil(w.time + 10);
+          EXPECT_EQ(data->joinPruneGroupData(added) != nullptr, !fill);
+          EXPECT_EQ(hasNoReactor(w), fill);
+          EXPECT_EQ(w.sm("10.0.0.2")->numPeriodicRoutes(), 0u);
+          if (fill) {
+            EXPECT_LE(w.manager->messages, messages + 1);
+            EXPECT_EQ(w.wheel->armedCount(), 0u);
+          }
+          return true;
+        });
+    EXPECT_GT(found, 0u);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, BehindTest,
+    testing::Values(Filling{"TriggeredJoin", [](World& w) { return w.triggered("10.0.0.2"); },
+                            [](auto& g) { g.joinedSourceIs(addr("10.9.0.1")); },
+                            [](auto& g) { g.joinedSourceDel(addr("10.9.0.1")); }},
+                    Filling{"OverrideJoin", [](World& w) { return w.override_("10.0.0.2"); },
+                            [](auto& g) { g.joinedRptSourceIs(addr("10.9.0.1")); },
+                            [](auto& g) { g.joinedRptSourceDel(addr("10.9.0.1")); }},
+                    Filling{"PeriodicPrune", [](World& w) { return w.periodic("10.0.0.2"); },
+                            [](auto& g) { g.prunedSourceIs(addr("10.9.0.1")); },
+                            [](auto& g) { g.prunedSourceDel(addr("10.9.0.1")); }},
+                    Filling{"PeriodicRptPrune", [](World& w) { return w.periodic("10.0.0.2"); },
+                            [](auto& g) { g.prunedRptSourceIs(addr("10.9.0.1")); },
+                            [](auto& g) { g.prunedRptSourceDel(addr("10.9.0.1")); }},
+                    Filling{"PeriodicWildcard", [](World& w) { return w.periodic("10.0.0.2"); },
+                            [](auto& g) { g.wcSourceDataIs(wildcard("10.5.5.5")); },
+                            [](auto& g) { g.wcSourceDataDel(); }}),
+    [](auto const& row) { return std::string(row.param.name); });
+
+TEST_F(AfterFamineTest, AMachineThatWasKeptForAPeriodicGroupAsksItsOwnerWhenItHasCaughtUp) {
+  for (std::size_t const length : {std::size_t{1}, ~std::size_t{0} / 2}) {
+    SCOPED_TRACE(length);
+    bool failed = true;
+    for (std::size_t n = 1; failed; ++n) {
+      SCOPED_TRACE(n);
+      World w;
+      withNeighbor(w);
+      auto const data = w.periodic("10.0.0.2");
+      auto const followed = group(data, "239.1.1.1");
+      followed->joinedSourceIs(addr("10.9.0.1"));
+      w.pim->pimNeighborDel(addr("10.0.0.2"));
+      ASSERT_TRUE(w.sm("10.0.0.2"));
+      {
+        FailingHeap::Failure const failure(n, length);
+        // The machine falls behind with another group, and then the last source leaves.
+        whateverHappens([&] { group(data, "239.1.1.2")->joinedSourceIs(addr("10.9.0.2")); });
+        whateverHappens([&] {
+          if (auto const other = data->joinPruneGroupData(addr("239.1.1.2")))
+            other->joinedSourceDel(addr("10.9.0.2"));
+        });
+        whateverHappens([&] { followed->joinedSourceDel(addr("10.9.0.1")); });
+        failed = failure.happened();
+      }
+      if (auto const other = data->joinPruneGroupData(addr("239.1.1.2")); other && !other->velWasFilled())
+        data->joinPruneGroupDataDel(addr("239.1.1.2"));  // added, never filled: the agent's to remove
+      w.runUntil(w.time + 10);
+      EXPECT_FALSE(w.sm("10.0.0.2"));
+      EXPECT_EQ(w.sets("10.0.0.2"), "-");
+      w.manager->stop();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Routing::Pim
