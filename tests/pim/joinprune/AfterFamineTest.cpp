@@ -209,6 +209,148 @@ INSTANTIATE_TEST_SUITE_P(
                             [](auto& g) { g.wcSourceDataDel(); }}),
     [](auto const& row) { return std::string(row.param.name); });
 
+Vel::Ptr<Packet::JoinPruneData> dataOf(World& w, int channel) {
+  return channel == 0   ? w.triggered("10.0.0.2")
+         : channel == 1 ? w.override_("10.0.0.2")
+                        : w.periodic("10.0.0.2");
+}
+bool follows(World& w, int channel, Dova::IpGenAddr const& g) {
+  auto const sm = w.sm("10.0.0.2");
+  return channel == 0   ? sm->triggeredGroupData(g) != nullptr
+         : channel == 1 ? sm->overrideGroupData(g) != nullptr
+                        : sm->periodicGroupData(g) != nullptr;
+}
+
+TEST_F(AfterFamineTest, AGroupThatAWholeNotificationCouldNotTakeUpIsTakenUpSoon) {
+  auto const added = addr("239.9.9.9");
+  for (int const channel : {0, 1, 2}) {
+    SCOPED_TRACE(channel);
+    U32 const found = consequences(
+        [&](World& w) {
+          withNeighbor(w);
+          w.manager->perMessage = 0;
+          dataOf(w, channel)->newJoinPruneGroupData(added)->joinedSourceIs(addr("10.9.0.1"));
+        },
+        [&](World& w) { dataOf(w, channel)->joinPruneGroupDataNotifyImmediate(); },
+        [&](World& w) {
+          if (follows(w, channel, added)) return false;
+          w.runUntil(w.time + 0.15);
+          EXPECT_TRUE(follows(w, channel, added));
+          return true;
+        });
+    EXPECT_GT(found, 0u);
+  }
+}
+
+TEST_F(AfterFamineTest, AnArmedTimerIsNotMovedForAGroupThatCouldNotBeFollowed) {
+  auto const added = addr("239.9.9.9");
+  Seconds due = 0;
+  U32 const found = consequences(
+      [&](World& w) {
+        withNeighbor(w);
+        group(w.triggered("10.0.0.2"), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+        due = w.time + 0.1;
+        w.time += 0.05;
+      },
+      [&](World& w) { w.periodic("10.0.0.2")->joinPruneGroupDataIs(added); },
+      [&](World& w) {
+        EXPECT_EQ(w.sm("10.0.0.2")->triggeredTimer()->timeMin(), due);
+        return w.periodic("10.0.0.2")->joinPruneGroupData(added) && !follows(w, 2, added);
+      });
+  EXPECT_GT(found, 0u);
+}
+
+TEST_F(AfterFamineTest, AMachineWithoutAWheelCatchesUpWhenItsHandlerIsCalled) {
+  auto const added = addr("239.9.9.9");
+  U32 found = 0;
+  bool failed = true;
+  for (std::size_t n = 1; failed; ++n) {
+    SCOPED_TRACE(n);
+    auto const data = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+    auto const bare = joinPruneNeighborSmFactory(nullptr, addr("10.0.0.2"), nullptr, nullptr, nullptr,
+                                                 nullptr, data, nullptr, 2.5, nullptr, nullptr);
+    {
+      FailingHeap::Failure const failure(n);
+      whateverHappens([&] { data->joinPruneGroupDataIs(added); });
+      failed = failure.happened();
+    }
+    if (!data->joinPruneGroupData(added) || bare->periodicGroupData(added)) continue;
+    ++found;
+    bare->handleTriggeredTimerExpiry();
+    EXPECT_TRUE(bare->periodicGroupData(added));
+  }
+  EXPECT_GT(found, 0u);
+}
+
+TEST_F(AfterFamineTest, CatchingUpThatFailsIsTriedAgainAtTheNextExpiry) {
+  auto const added = addr("239.9.9.9");
+  U32 const found = consequences(
+      withNeighbor, [&](World& w) { w.periodic("10.0.0.2")->joinPruneGroupDataIs(added); },
+      [&](World& w) {
+        if (!w.periodic("10.0.0.2")->joinPruneGroupData(added) || follows(w, 2, added)) return false;
+        {
+          FailingHeap::Failure const still(1, ~std::size_t{0} / 2);
+          whateverHappens([&] { w.runUntil(w.time + 0.15); });
+        }
+        EXPECT_FALSE(follows(w, 2, added));
+        w.runUntil(w.time + 0.15);
+        EXPECT_TRUE(follows(w, 2, added));
+        return true;
+      });
+  EXPECT_GT(found, 0u);
+}
+
+TEST_F(AfterFamineTest, AnEmptyGroupThatHasAReactorStaysWhenTheMachineCatchesUp) {
+  auto const followed = addr("239.1.1.1"), added = addr("239.9.9.9");
+  for (int const channel : {0, 1, 2}) {
+    SCOPED_TRACE(channel);
+    U32 const found = consequences(
+        [&](World& w) {
+          withNeighbor(w);
+          auto const g = dataOf(w, channel)->joinPruneGroupDataIs(followed);
+          w.sm("10.0.0.2")->hasNotificationActiveIs(false);
+          g->prunedSourceIs(addr("10.9.0.1"));
+          g->prunedSourceDel(addr("10.9.0.1"));
+          w.sm("10.0.0.2")->hasNotificationActiveIs(true);
+        },
+        [&](World& w) { dataOf(w, channel)->joinPruneGroupDataIs(added); },
+        [&](World& w) {
+          if (!dataOf(w, channel)->joinPruneGroupData(added) || follows(w, channel, added)) return false;
+          w.runUntil(w.time + 0.15);
+          EXPECT_TRUE(follows(w, channel, added));
+          EXPECT_TRUE(dataOf(w, channel)->joinPruneGroupData(followed));
+          return true;
+        });
+    EXPECT_GT(found, 0u);
+  }
+}
+
+using AfterFamineDeathTest = AfterFamineTest;
+
+TEST_F(AfterFamineDeathTest, AMachineValidatesItsCountOnlyOnceItHasCaughtUp) {
+  testing::FLAGS_gtest_death_test_style = "fast";
+  auto const added = addr("239.9.9.9");
+  U32 found = 0;
+  consequences(
+      [](World& w) {
+        withNeighbor(w);
+        w.machine->diagUpJoinCountIs(true);
+      },
+      [&](World& w) { w.periodic("10.0.0.2")->joinPruneGroupDataIs(added); },
+      [&](World& w) {
+        auto const lost = w.periodic("10.0.0.2")->joinPruneGroupData(added);
+        if (!lost || follows(w, 2, added) || found++ != 0) return false;
+        lost->joinedSourceIs(addr("10.9.0.1"));
+        w.sm("10.0.0.2")->numPeriodicRoutesIs(7);  // wrong, but what is right is not known yet
+        w.runUntil(w.time + 0.15);
+        EXPECT_EQ(w.sm("10.0.0.2")->numPeriodicRoutes(), 1u);
+        EXPECT_DEATH(w.sm("10.0.0.2")->numPeriodicRoutesIs(7), "Assertion `false' failed");
+        lost->joinedSourceDel(addr("10.9.0.1"));
+        return true;
+      });
+  EXPECT_GT(found, 0u);
+}
+
 TEST_F(AfterFamineTest, AMachineThatWasKeptForAPeriodicGroupAsksItsOwnerWhenItHasCaughtUp) {
   for (std::size_t const length : {std::size_t{1}, ~std::size_t{0} / 2}) {
     SCOPED_TRACE(length);
