@@ -1,5 +1,7 @@
 // The neighbor machine at the edges: reactors and timers that watch nothing, callbacks that retire it, traces switched
 // off.
+#include <unordered_map>
+
 #include "tests/pim/joinprune/OnMessageData.h"
 
 namespace Routing::Pim {
@@ -235,6 +237,48 @@ TEST_F(NeighborMachineTest, ForgetsWhatATimerMissedWhenNothingIsPendingAnyMore) 
 TEST_F(NeighborMachineTest, TracesNothingWhenAGroupReactorIsPointedAtItsOwnDataAgain) {
   own->periodicGroup()->notifierIs(periodic(N));
   EXPECT_THAT(log.take(), IsEmpty());
+}
+
+/// Pairs of groups that have one place in the order of a collection, so that their addresses decide.
+std::vector<std::pair<Dova::IpGenAddr, Dova::IpGenAddr>> groupsThatCollide() {
+  std::unordered_map<U32, Dova::IpGenAddr> seen;
+  std::vector<std::pair<Dova::IpGenAddr, Dova::IpGenAddr>> pairs;
+  for (U32 i = 0; pairs.size() < 4 && i < 1'000'000; ++i) {
+    Dova::IpGenAddr const address = Dova::IpGenAddr::ipv4(0xef000000u + i);
+    auto const [at, first] = seen.emplace(Vel::orderOf(address), address);
+    if (!first) pairs.emplace_back(at->second, address);
+  }
+  return pairs;
+}
+
+TEST_F(NeighborMachineTest, MarksTheWildcardsAtTheStartAlsoOfGroupsThatCollideOrHaveNoReactor) {
+  auto const pairs = groupsThatCollide();
+  ASSERT_EQ(pairs.size(), 4u);
+  // Each group has no entry in the data, an entry that the machine follows, or one that it has not heard of.
+  for (U32 combination = 0; combination < 6561; combination += 7) {
+    SCOPED_TRACE(combination);
+    log.levels(combination % 5 == 0 ? std::vector<U32>{8} : std::vector<U32>{});
+    auto const data = Vel::create<Packet::JoinPruneData>(addr("10.0.0.9"));
+    std::vector<Dova::IpGenAddr> followed, late;
+    U32 rest = combination;
+    for (auto const& [one, other] : pairs)
+      for (auto const& g : {one, other}) {
+        if (rest % 3 == 1) followed.push_back(g);
+        if (rest % 3 == 2) late.push_back(g);
+        rest /= 3;
+      }
+    for (auto const& g : followed) data->joinPruneGroupDataIs(g)->wcSourceDataIs(wildcard("10.5.0.1"));
+    bool added = false;
+    log.hook = [&](Vel::TraceLine const&) {
+      if (std::exchange(added, true)) return;
+      for (auto const& g : late) data->newJoinPruneGroupData(g)->wcSourceDataIs(wildcard("10.5.0.1"));
+    };
+    auto const made = joinPruneNeighborSmFactory(nullptr, addr("10.0.0.9"), nullptr, eth0, nullptr, nullptr,
+                                                 data, wheel, 2.5, manager, nullptr);
+    log.hook = nullptr;
+    EXPECT_EQ(made->numPeriodicRoutes(), followed.size() + (added ? late.size() : 0));
+    for (auto const& g : followed) EXPECT_TRUE(made->periodicGroupData(g)->wcSourceSet());
+  }
 }
 
 }  // namespace
