@@ -52,17 +52,16 @@ Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
   return sm;
 }
 
+// Runs inside the factory, which holds the machine: whoever is called cannot end it.
 void JoinPruneMessageSm::handleInitialized() {
   JOIN_PRUNE_BLOCK_TIMER();
   if (!start()) return;
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(8, this, "()");
-  if (retired()) return;
-  txMessageIs();
   handleNeighbor();
   // What is left of neighbors that vanished while there was no machine.
   if (Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus()) {
-    for (auto i = periodic->upJoinPruneIterator(); i && !retired(); ++i) {
+    for (auto i = periodic->upJoinPruneIterator(); i; ++i) {
       Dova::IpGenAddr const address = i.key();
       JoinPruneNeighborSm const* const sm = joinPruneNeighborSm_.find(address);
       if (listedNeighbor(address) || (sm && !sm->neighbor())) continue;
@@ -70,7 +69,7 @@ void JoinPruneMessageSm::handleInitialized() {
       handleNeighbor(address);
     }
   }
-  if (!retired()) initializedIs(true);
+  initializedIs(true);
 }
 
 void JoinPruneMessageSm::doTeardown() {
@@ -290,7 +289,7 @@ void JoinPruneMessageSm::handleNeighbor() {
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(2, this, "()");
   Vel::Ptr<Status const> const status = notifierOf(pimStatus_);
-  if (!status || retired()) return;
+  if (!status) return;
   for (auto i = status->pimNeighborIterator(); i && !retired(); ++i) handleNeighbor(i.key());
 }
 
@@ -423,7 +422,6 @@ void JoinPruneMessageSm::VelPimStatus::onPimIntf(Dova::IntfId intfId) {
   if (!sm || isZombie()) return;
   Vel::MemoryHold const machineMemory(sm);
   sm->catchUp();
-  if (sm->retired()) return;
   Vel::Ptr<Status const> const status = notifier();
   if (Vel::Ptr<Intf const> const intf = status ? status->pimIntf(intfId) : nullptr)
     sm->pimIntfIs(intf);
@@ -512,7 +510,7 @@ void JoinPruneMessageSm::VelPimIntf::notifierIs(Vel::Ptr<Intf const> const& intf
   Vel::MemoryHold const memory(this);
   Owned::notifierIs(intf);
   handleDel();
-  if (live() && notifier() == intf) handleNew();
+  if (notifier() == intf) handleNew();
 }
 
 bool JoinPruneMessageSm::VelPimIntf::live() const {

@@ -108,6 +108,129 @@ TEST_F(AfterFamineTest, TheMachineOfANewAddressIsMadeWithoutAnotherNotificationA
   EXPECT_GT(found, 3u);
 }
 
+TEST_F(AfterFamineTest, TheMachineIsMadeEarlierWhenAnInterfaceAnAddressOrAMessageIsHeardOf) {
+  std::function<void(World&)> const hints[] = {
+      [](World& w) { w.pim->pimIntfNotify(Dova::IntfId("eth0")); },
+      [](World& w) { w.pim->pimIntf(Dova::IntfId("eth0"))->usedAddressWithMaskNotify(); },
+      [](World& w) { w.channel->countInc(1); }};
+  for (auto const& hint : hints) {
+    U32 const found = consequences(
+        withNeighbor,
+        [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+        [&](World& w) {
+          if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+          EXPECT_EQ(w.wheel->timeMin(), w.time + 0.1);
+          hint(w);
+          EXPECT_TRUE(w.sm("10.0.0.3"));
+          // And that was all: what is removed by hand stays removed.
+          w.machine->joinPruneNeighborSmDel(addr("10.0.0.3"));
+          hint(w);
+          EXPECT_FALSE(w.sm("10.0.0.3"));
+          return true;
+        });
+    EXPECT_GT(found, 3u);
+  }
+}
+
+TEST_F(AfterFamineTest, AMachineThatFallsBehindAgainCatchesUpAtTheTimeOfTheFirst) {
+  auto const eth1 = Vel::create<Intf>(Dova::IntfId("eth1"));
+  eth1->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.1.0.1/24"));
+  U32 const found = consequences(
+      withNeighbor,
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+      [&](World& w) {
+        if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+        Seconds const due = w.time + 0.1;
+        w.time += 0.05;
+        {
+          FailingHeap::Failure const still(1, ~std::size_t{0} / 2);
+          whateverHappens([&] { w.machine->handleNeighbor(addr("10.0.0.3")); });
+        }
+        EXPECT_EQ(w.wheel->timeMin(), due);
+        w.time = due;
+        {
+          FailingHeap::Failure const still(1, ~std::size_t{0} / 2);
+          w.wheel->expire();
+        }
+        EXPECT_FALSE(w.sm("10.0.0.3"));
+        EXPECT_EQ(w.wheel->timeMin(), due + 0.1);  // it failed again
+        w.runUntil(due + 0.1);
+        EXPECT_TRUE(w.sm("10.0.0.3"));
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, AMachineWithoutAWheelCatchesUpWhenANeighborIsHeardOf) {
+  U32 found = 0;
+  bool failed = true;
+  for (std::size_t n = 1; failed; ++n) {
+    SCOPED_TRACE(n);
+    World w;
+    auto const eth0 = w.intf("eth0", "10.0.0.1/24");
+    w.neighbor("10.0.0.2", eth0);
+    w.wheel = nullptr;
+    w.start();
+    {
+      FailingHeap::Failure const failure(n);
+      whateverHappens([&] { w.pim->pimNeighborIs(addr("10.0.0.3"), eth0); });
+      failed = failure.happened();
+    }
+    if (w.pim->pimNeighbor(addr("10.0.0.3")) && !w.sm("10.0.0.3")) {
+      ++found;
+      w.pim->pimNeighborNotify(addr("10.0.0.2"));
+      EXPECT_TRUE(w.sm("10.0.0.3"));
+    }
+    w.manager->stop();
+  }
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, WhatIsLeftOfANeighborThatWentIsRemovedAndTheOthersAreLeftAlone) {
+  TraceLog log;
+  log.levels({});
+  U32 const found = consequences(
+      [](World& w) {
+        withNeighbor(w);
+        w.neighbor("10.0.0.3", w.pim->pimIntf(Dova::IntfId("eth0")));
+        w.periodicStatus()->upJoinPruneDel(addr("10.0.0.2"));  // it is made to see whether it is empty
+      },
+      [](World& w) { w.pim->pimNeighborDel(addr("10.0.0.2")); },
+      [&](World& w) {
+        if (w.pim->pimNeighbor(addr("10.0.0.2")) || !w.sm("10.0.0.2")) return false;
+        log.levels({8});
+        log.clear();
+        w.runUntil(w.time + 0.15);
+        EXPECT_FALSE(w.sm("10.0.0.2"));
+        EXPECT_EQ(w.sets("10.0.0.2"), "-");
+        EXPECT_TRUE(w.sm("10.0.0.3"));
+        EXPECT_THAT(log.takeWith("doMaybeDeleteNeighbor(10.0.0.3)"), testing::IsEmpty());
+        log.levels({});
+        return true;
+      });
+  EXPECT_GT(found, 0u);
+}
+
+TEST_F(AfterFamineTest, AMachineThatIsDroppedWhileItIsBehindLeavesNoTimer) {
+  U32 const found = consequences(
+      withNeighbor,
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+      [](World& w) {
+        if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+        EXPECT_EQ(w.wheel->armedCount(), 1u);
+        TraceLog log;
+        log.hook = [&](Vel::TraceLine const& line) {
+          if (line.text.find("handleRxMessage()") == line.text.npos) return;
+          w.machine = nullptr;
+          EXPECT_EQ(w.wheel->armedCount(), 0u);
+        };
+        w.machine->handleRxMessage();
+        EXPECT_FALSE(w.machine);
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
 // Another address than the interface's own is asked for by hand, and who asks is told of the failure.
 TEST_F(AfterFamineTest, TheMachineOfAnInterfaceStaysIfOneForAnotherAddressCouldNotBeMade) {
   auto const reactor = [](World& w) { return w.machine->pimIntf(Dova::IntfId("eth0")); };
