@@ -239,6 +239,22 @@ TEST_F(NeighborMachineTest, TracesNothingWhenAGroupReactorIsPointedAtItsOwnDataA
   EXPECT_THAT(log.take(), IsEmpty());
 }
 
+TEST_F(NeighborMachineTest, TellsNobodyOfAGroupThatIsTheSameAgain) {
+  for (auto const& data : {triggered(N), override_(N), periodic(N)}) group(data, G);
+  auto const watcher = Vel::create<NeighborLog>(own);
+  own->triggeredGroupDataIs(triggered(N)->joinPruneGroupData(addr(G)));
+  own->overrideGroupDataIs(override_(N)->joinPruneGroupData(addr(G)));
+  own->periodicGroupDataIs(periodic(N)->joinPruneGroupData(addr(G)));
+  EXPECT_THAT(watcher->lines, IsEmpty());
+}
+
+TEST_F(NeighborMachineTest, CountsAGroupByHandThatOnlyThePeriodicDataHas) {
+  log.levels({});
+  periodic(N)->newJoinPruneGroupData(addr(G))->joinedSourceIs(addr(S));
+  own->handlePeriodicGroup(addr(G));
+  EXPECT_EQ(own->numPeriodicRoutes(), 1u);
+}
+
 /// Pairs of groups that have one place in the order of a collection, so that their addresses decide.
 std::vector<std::pair<Dova::IpGenAddr, Dova::IpGenAddr>> groupsThatCollide() {
   std::unordered_map<U32, Dova::IpGenAddr> seen;
