@@ -52,17 +52,16 @@ Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
   return sm;
 }
 
+// Runs inside the factory, which holds the machine: whoever is called cannot end it.
 void JoinPruneMessageSm::handleInitialized() {
   JOIN_PRUNE_BLOCK_TIMER();
   if (!start()) return;
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(8, this, "()");
-  if (retired()) return;
-  txMessageIs();
   handleNeighbor();
   // What is left of neighbors that vanished while there was no machine.
   if (Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus()) {
-    for (auto i = periodic->upJoinPruneIterator(); i && !retired(); ++i) {
+    for (auto i = periodic->upJoinPruneIterator(); i; ++i) {
       Dova::IpGenAddr const address = i.key();
       JoinPruneNeighborSm const* const sm = joinPruneNeighborSm_.find(address);
       if (listedNeighbor(address) || (sm && !sm->neighbor())) continue;
@@ -70,7 +69,7 @@ void JoinPruneMessageSm::handleInitialized() {
       handleNeighbor(address);
     }
   }
-  if (!retired()) initializedIs(true);
+  initializedIs(true);
 }
 
 void JoinPruneMessageSm::doTeardown() {
@@ -291,7 +290,7 @@ void JoinPruneMessageSm::handleNeighbor() {
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(2, this, "()");
   Vel::Ptr<Status const> const status = notifierOf(pimStatus_);
-  if (!status || retired()) return;
+  if (!status) return;
   for (auto i = status->pimNeighborIterator(); i && !retired(); ++i) handleNeighbor(i.key());
 }
 
@@ -427,7 +426,6 @@ void JoinPruneMessageSm::VelPimStatus::onPimIntf(Dova::IntfId intfId) {
   if (!sm || isZombie()) return;
   Vel::MemoryHold const machineMemory(sm);
   sm->catchUp();
-  if (sm->retired()) return;
   Vel::Ptr<Status const> const status = notifier();
   if (Vel::Ptr<Intf const> const intf = status ? status->pimIntf(intfId) : nullptr)
     sm->pimIntfIs(intf);
@@ -516,7 +514,7 @@ void JoinPruneMessageSm::VelPimIntf::notifierIs(Vel::Ptr<Intf const> const& intf
   Vel::MemoryHold const memory(this);
   Owned::notifierIs(intf);
   handleDel();
-  if (live() && notifier() == intf) handleNew();
+  if (notifier() == intf) handleNew();
 }
 
 bool JoinPruneMessageSm::VelPimIntf::live() const {
@@ -601,8 +599,9 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
   Vel::Ptr<Intf const> const intf = notifier();
   Dova::IpGenAddr const address = wantedAddress;
   Dova::IpGenAddr const ownAddress = address_;
-  // Not cleared at the end: a call inside this one may have failed, after which this one is not wanted.
-  unfinished_ = false;
+  // Only the own address is caught up with: who asks for another is told of the failure here.
+  bool const own = address == ownAddress;
+  if (own) unfinished_ = true;
   try {
     Target target;
     if (sm->openTarget(target, address,
@@ -612,8 +611,8 @@ void JoinPruneMessageSm::VelPimIntf::createJoinPruneSm(Dova::IpGenAddr const& wa
       if (!present || present->neighbor() || present->intf() != intf)
         sm->startTarget(target, address, nullptr, intf);
     }
+    if (own && address_ == ownAddress) unfinished_ = false;
   } catch (...) {
-    unfinished_ = true;
     sm->fallBehind();
     throw;
   }

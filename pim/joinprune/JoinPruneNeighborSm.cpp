@@ -334,7 +334,7 @@ void JoinPruneNeighborSm::ChannelTimer<Channel>::onTime() {
     sm->handleTimerExpiry<Channel>();
   } catch (...) {
     // What is pending must not wait for the next change to be tried again.
-    if (!sm->retired()) sm->doUpdateTimer<Channel>();
+    sm->doUpdateTimer<Channel>();
     throw;
   }
 }
@@ -541,7 +541,7 @@ void JoinPruneNeighborSm::velStart() {
   reconcile<Triggered>();
   reconcile<Override>();
   reconcile<Periodic>();
-  if (!retired()) handleInitialized();
+  handleInitialized();
 }
 
 void JoinPruneNeighborSm::handleInitialized() {
@@ -550,13 +550,11 @@ void JoinPruneNeighborSm::handleInitialized() {
   Vel::MemoryHold const memory(this);
   Vel::Ptr<Packet::JoinPruneData> const periodic = data<Periodic>();
   if (periodic) periodic->periodicIs(true);
-  if (retired()) return;
   Vel::Ptr<Zanth::TimerWheel> const wheel = notifierOf(timerWheel_);
   triggeredTimerIs(wheel);
   overrideTimerIs(wheel);
   doUpdateTriggeredTimer();
   doUpdateOverrideTimer();
-  if (retired()) return;
   joinPrunePeriodicTimerSmIs(wheel, this, loopQuantum_, periodic, intf_, notifierOf(pimPamManager_),
                              txMessage_);
   if (periodic) countRoutesAtStart(*periodic);
@@ -792,7 +790,7 @@ void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
   if (retired()) return;
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Periodic>();
   if (Vel::Ptr<GroupData> const found = groups ? groups->joinPruneGroupData(group) : nullptr) {
-    if (!found->empty()) numPeriodicRoutesInc(found->routes());
+    numPeriodicRoutesInc(found->routes());
     return;
   }
   JOIN_PRUNE_TRACE(7, this, '(' << group << "): Deleted");
@@ -829,7 +827,6 @@ JOIN_PRUNE_FORWARD(PeriodicGroup)
 
 // A group has no reactor: its sources are neither counted nor do they arm a timer, until this machine has caught up.
 void JoinPruneNeighborSm::fallBehind() {
-  if (retired()) return;
   behind_ = true;
   if (triggeredTimer_ && !triggeredTimer_->armed()) armIn<Triggered>(triggeredInterval_);
 }
@@ -855,10 +852,10 @@ void JoinPruneNeighborSm::catchUp() {
   }
   catchingUp_ = false;
   countRoutes();
-  if (!retired()) doUpdateTimer<Override>();
+  doUpdateTimer<Override>();
   // The owner may have been told of nothing since the data ran empty.
   Vel::Ptr<Packet::JoinPruneData> const periodic = data<Periodic>();
-  if (!retired() && parentSm_ && (!periodic || periodic->joinPruneGroupDataCount() == 0))
+  if (parentSm_ && (!periodic || periodic->joinPruneGroupDataCount() == 0))
     parentSm_->doMaybeDeleteNeighbor(neighborAddr_);
 }
 
@@ -942,7 +939,6 @@ U32 JoinPruneNeighborSm::numPeriodicRoutesInc(U32 n) {
 
 void JoinPruneNeighborSm::vel_handleNumPeriodicRoutes() {
   Vel::MemoryHold const memory(this);
-  if (retired()) return;
   if (Vel::Ptr<JoinPrunePeriodicTimerSm> const periodic = joinPrunePeriodicTimerSm_)
     periodic->doUpdatePeriodicTimer();
   if (!retired()) validateNumPeriodicRoutes();

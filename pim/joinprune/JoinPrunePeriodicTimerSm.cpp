@@ -44,7 +44,6 @@ Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
   auto const sm = Vel::Ptr<JoinPrunePeriodicTimerSm>::owning(new JoinPrunePeriodicTimerSm(
       timerWheel, parentSm, loopQuantum, periodicGroup, intf, pimPamManager, txMessage));
   sm->handleInitialized();
-  sm->hasNotificationActiveIs(true);
   return sm;
 }
 

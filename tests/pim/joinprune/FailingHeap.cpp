@@ -9,10 +9,10 @@ std::size_t requests = 0;
 
 namespace {
 
-std::size_t failing = 0;
+std::size_t firstFailing = 0, failing = 0;
 
 void* requested(std::size_t size) {
-  if (++requests == failing) return nullptr;
+  if (++requests - firstFailing < failing) return nullptr;
   return std::malloc(size != 0 ? size : 1);
 }
 
@@ -24,7 +24,10 @@ void* requestedOrThrow(std::size_t size) {
 
 }  // namespace
 
-Failure::Failure(std::size_t n) : number_(requests + n) { failing = number_; }
+Failure::Failure(std::size_t n, std::size_t length) : number_(requests + n) {
+  firstFailing = number_;
+  failing = length;
+}
 Failure::~Failure() { failing = 0; }
 bool Failure::happened() const { return requests >= number_; }
 

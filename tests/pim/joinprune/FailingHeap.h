@@ -1,4 +1,4 @@
-// A heap of which one request can be made to fail. The operators are in FailingHeap.cpp.
+// A heap of which requests can be made to fail. The operators are in FailingHeap.cpp.
 #pragma once
 
 #include <cstddef>
@@ -8,15 +8,15 @@ namespace FailingHeap {
 /// How many requests there were so far.
 extern std::size_t requests;
 
-/// While it stands, the n-th request from now on (1 is the next) fails.
+/// While it exists, requests fail: `length` of them from the n-th on (1 is the next).
 class Failure {
  public:
-  explicit Failure(std::size_t n);
+  explicit Failure(std::size_t n, std::size_t length = 1);
   Failure(Failure const&) = delete;
   Failure& operator=(Failure const&) = delete;
   ~Failure();
 
-  /// Whether that many requests were made.
+  /// Whether a request has failed.
   bool happened() const;
 
  private:

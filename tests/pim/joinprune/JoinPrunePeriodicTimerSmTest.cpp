@@ -1,7 +1,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "tests/pim/joinprune/World.h"
+#include "tests/pim/joinprune/OnMessageData.h"
 
 namespace Routing::Pim {
 namespace {
@@ -320,6 +320,55 @@ TEST_F(JoinPrunePeriodicTimerSmTest, AnExpiryBeforeInitializationTouchesNoTimer)
   EXPECT_EQ(manager->messages, 0u);
   EXPECT_EQ(timeMin(), Vel::never);
   EXPECT_THAT(log.take(), ElementsAre(line(8, "doResetHoldTime()"), line(8, "handlePeriodicTimerExpiry()")));
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AnExpiryWithNothingToSendPointsTheTransmitRecordAtItsDataAllTheSame) {
+  auto const message = machine->txMessage();
+  manager->txMessageInfo()->joinPruneMessageIs(nullptr);
+  message->joinPruneDataIs(nullptr);
+  periodicSm->handlePeriodicTimerExpiry();
+  EXPECT_TRUE(manager->txMessageInfo()->joinPruneMessage() == message);
+  EXPECT_TRUE(message->joinPruneData() == periodic(N));
+  EXPECT_EQ(manager->txMessageInfo()->intfId(), Dova::IntfId("eth0"));
+  EXPECT_EQ(manager->messages, 0u);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AMachineThatIsRetiredWhileTheRecordIsPointedAtItsDataSaysNothingMore) {
+  machine->txMessage()->joinPruneDataIs(nullptr);
+  auto const hook = Vel::create<OnMessageData>(machine->txMessage(), [&] {
+    machine->joinPruneNeighborSmDel(addr(N));
+    log.clear();
+  });
+  periodicSm->handlePeriodicTimerExpiry();
+  EXPECT_FALSE(sm(N));
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AMachineThatIsRetiredInsideTheSendSaysNothingMore) {
+  addRoutes(10);
+  manager->perMessage = 1;
+  manager->before = [&](PacketManager&) {
+    machine->joinPruneNeighborSmDel(addr(N));
+    log.clear();
+  };
+  fire();
+  EXPECT_EQ(manager->messages, 1u);
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, TheHoldTimeIsWrittenIfThereAreBothAnInterfaceAndData) {
+  auto const data = Vel::create<Packet::JoinPruneData>(addr(N));
+  data->holdTimeIs(77);
+  eth0->joinPruneHoldTimeIs(105);
+  auto const make = [&](Vel::Ptr<Packet::JoinPruneData> const& on, Vel::Ptr<Intf const> const& towards) {
+    return joinPrunePeriodicTimerSmFactory(wheel, nullptr, 0.1, on, towards, manager, nullptr);
+  };
+  make(data, nullptr)->doResetHoldTime();
+  EXPECT_EQ(data->holdTime(), 77);
+  make(nullptr, eth0)->doResetHoldTime();
+  make(data, eth0)->doResetHoldTime();
+  EXPECT_EQ(data->holdTime(), 105);
 }
 
 TEST_F(JoinPrunePeriodicTimerSmTest, AManagerMayTakeTheWorldDownFromInsideTheRefresh) {

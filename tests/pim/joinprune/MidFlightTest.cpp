@@ -446,14 +446,18 @@ TEST_F(MidFlightTest, AMachineThatIsDroppedInAnyLineDoesNothingMore) {
       group(triggered("10.0.0.2"), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
       lines = 0;
       log.hook = [&](Vel::TraceLine const&) {
-        if (++lines == at) machine = nullptr;
+        if (++lines != at) return;
+        machine = nullptr;
+        log.clear();
       };
       change();
       log.hook = nullptr;
       if (lines >= at) {
         EXPECT_FALSE(machine);
         EXPECT_EQ(wheel->armedCount(), 0u);
-        log.clear();
+        for (auto const& line : log.take())
+          for (auto const* const of : {"JoinPruneMessageSm::", "(eth0)", "(eth1)"})
+            EXPECT_EQ(line.find(of), line.npos) << line;
         group(periodic("10.0.0.2"), "239.7.7.7");
         EXPECT_THAT(log.take(), IsEmpty());
       }

@@ -380,6 +380,16 @@ TEST_F(OrderTest, AMachineThatIsThereWithOtherParametersIsRefusedForTheFirstThat
   char const* const names[] = {"_parentSm",      "_neighbor",      "_intf",       "_triggeredGroup",
                                "_overrideGroup", "_periodicGroup", "_timerWheel", "_overrideInterval",
                                "_pimPamManager", "_txMessage"};
+  std::string const current[] = {text(static_cast<void const*>(same.parent)),
+                                 text(same.neighbor),
+                                 text(same.intf),
+                                 text(same.triggered),
+                                 text(same.override),
+                                 text(same.periodic),
+                                 text(same.wheel),
+                                 text(same.overrideInterval),
+                                 text(same.manager),
+                                 text(same.message)};
   for (std::size_t at = 0; at < std::size(names); ++at) {
     SCOPED_TRACE(names[at]);
     std::string const begin =
@@ -390,6 +400,7 @@ TEST_F(OrderTest, AMachineThatIsThereWithOtherParametersIsRefusedForTheFirstThat
     for (std::size_t behind = at; behind < std::size(names); ++behind) differentIn(behind, andAllBehind);
     EXPECT_EQ(said(alone).substr(0, begin.size()), begin);
     EXPECT_EQ(said(andAllBehind).substr(0, begin.size()), begin);
+    EXPECT_TRUE(said(alone).ends_with(" than the current value of " + current[at])) << said(alone);
   }
   EXPECT_EQ(said(same), "found");
   Parameters other = same;

@@ -1,6 +1,7 @@
 // The triggered and override channels, from the first change to the last message.
 #include <cmath>
 
+#include "tests/pim/joinprune/OnMessageData.h"
 #include "tests/pim/joinprune/RingTrace.h"
 #include "tests/pim/joinprune/World.h"
 
@@ -52,6 +53,10 @@ class SendingTest : public testing::TestWithParam<Channel>, protected World {
   void fire() {
     time = timeMin();
     wheel->expire();
+  }
+  /// Runs the handler of an expiry, whatever the timer says.
+  void expire() {
+    overriding() ? neighborSm->handleOverrideTimerExpiry() : neighborSm->handleTriggeredTimerExpiry();
   }
   std::string line(std::string const& rest) const {
     return "[7] " + text(static_cast<JoinPruneNeighborSm const*>(neighborSm.get())) + rest;
@@ -322,6 +327,37 @@ TEST_P(SendingTest, AMachineThatIsRetiredInsideTheSendSaysNothingMore) {
   fire();
   EXPECT_THAT(log.take(), IsEmpty());
   EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
+TEST_P(SendingTest, AnExpiryWithNothingToSendPointsTheTransmitRecordAtItsDataAllTheSame) {
+  auto const message = machine->txMessage();
+  manager->txMessageInfo()->joinPruneMessageIs(nullptr);
+  message->joinPruneDataIs(nullptr);
+  expire();
+  EXPECT_TRUE(manager->txMessageInfo()->joinPruneMessage() == message);
+  EXPECT_TRUE(message->joinPruneData() == data());
+  EXPECT_EQ(manager->txMessageInfo()->intfId(), Dova::IntfId("eth0"));
+  EXPECT_EQ(manager->messages, 0u);
+}
+
+TEST_P(SendingTest, AMachineThatIsRetiredWhileTheRecordIsPointedAtItsDataSaysNothingMore) {
+  for (U32 const groups : {0u, 1u}) {
+    SCOPED_TRACE(groups);
+    addGroups(groups);
+    neighborSm = sm(N);
+    machine->txMessage()->joinPruneDataIs(nullptr);
+    RingTrace const ringTrace;
+    auto const hook = Vel::create<OnMessageData>(machine->txMessage(), [&] {
+      machine->joinPruneNeighborSmDel(addr(N));
+      log.clear();
+    });
+    expire();
+    EXPECT_FALSE(sm(N));
+    EXPECT_THAT(log.take(), IsEmpty());
+    EXPECT_THAT(ringTrace.messages(), testing::SizeIs(1));
+    EXPECT_EQ(wheel->armedCount(), 0u);
+    machine->handleNeighbor(addr(N));
+  }
 }
 
 // Writing the hold time calls out, and whoever is called may be quicker.

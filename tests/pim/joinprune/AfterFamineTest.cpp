@@ -1,0 +1,675 @@
+// What could not be followed while memory was short is caught up with afterwards, without anybody's help.
+#include "tests/pim/joinprune/FailingHeap.h"
+#include "tests/pim/joinprune/World.h"
+
+namespace Routing::Pim {
+namespace {
+
+template <class Act>
+void whateverHappens(Act const& act) {
+  try {
+    act();
+  } catch (std::bad_alloc const&) {
+  }
+}
+
+class AfterFamineTest : public testing::Test {
+ protected:
+  using Prepare = std::function<void(World&)>;
+
+  /// Performs `act` in a fresh world with the n-th request failing, for each n up to the last, and then
+  /// `judge`, which says whether the failure had the consequence that the test is about. How often it had.
+  static U32 consequences(Prepare const& prepare, Prepare const& act,
+                          std::function<bool(World&)> const& judge) {
+    U32 found = 0;
+    bool failed = true;
+    for (std::size_t n = 1; failed && !HasFatalFailure(); ++n) {
+      SCOPED_TRACE(n);
+      World world;
+      prepare(world);
+      {
+        FailingHeap::Failure const failure(n);
+        whateverHappens([&] { act(world); });
+        failed = failure.happened();
+      }
+      found += judge(world);
+      world.manager->stop();
+      world.machine = nullptr;
+    }
+    return found;
+  }
+  static void withNeighbor(World& w) {
+    w.neighbor("10.0.0.2", w.intf("eth0", "10.0.0.1/24"));
+    w.start();
+  }
+};
+
+TEST_F(AfterFamineTest, TheMachineOfANeighborIsMadeWithoutAnotherNotificationAboutTheNeighbor) {
+  U32 const found = consequences(
+      withNeighbor,
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+      [](World& w) {
+        if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.sm("10.0.0.3"));
+        EXPECT_EQ(w.sets("10.0.0.3"), "top");
+        EXPECT_EQ(w.wheel->armedCount(), 0u);
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, TheMachineIsMadeEarlierWhenAnotherNeighborIsHeardOf) {
+  U32 const found = consequences(
+      withNeighbor,
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+      [](World& w) {
+        if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+        w.pim->pimNeighborNotify(addr("10.0.0.2"));
+        EXPECT_TRUE(w.sm("10.0.0.3"));
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, TheMachineOfAnInterfaceIsMadeWithoutAnotherNotificationAboutTheInterface) {
+  auto const eth1 = Vel::create<Intf>(Dova::IntfId("eth1"));
+  eth1->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.1.0.1/24"));
+  U32 const found = consequences(
+      withNeighbor, [&](World& w) { w.pim->pimIntfIs(eth1); },
+      [](World& w) {
+        if (!w.pim->pimIntf(Dova::IntfId("eth1")) || w.sm("10.1.0.1")) return false;
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.machine->pimIntf(Dova::IntfId("eth1")));
+        EXPECT_TRUE(w.sm("10.1.0.1"));
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, TheMachineOfANewAddressIsMadeWithoutAnotherNotificationAboutTheAddress) {
+  U32 const found = consequences(
+      [](World& w) {
+        withNeighbor(w);
+        w.status->triggeredGroupIs(addr("10.0.0.9"));
+      },
+      [](World& w) {
+        w.pim->pimIntf(Dova::IntfId("eth0"))
+            ->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.9/24"));
+      },
+      [](World& w) {
+        bool const without = !w.sm("10.0.0.9");
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.sm("10.0.0.9"));
+        EXPECT_EQ(w.sets("10.0.0.9"), "top");
+        EXPECT_FALSE(w.sm("10.0.0.1"));
+        return without;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, TheMachineIsMadeEarlierWhenAnInterfaceAnAddressOrAMessageIsHeardOf) {
+  std::function<void(World&)> const hints[] = {
+      [](World& w) { w.pim->pimIntfNotify(Dova::IntfId("eth0")); },
+      [](World& w) { w.pim->pimIntf(Dova::IntfId("eth0"))->usedAddressWithMaskNotify(); },
+      [](World& w) { w.channel->countInc(1); }};
+  for (auto const& hint : hints) {
+    U32 const found = consequences(
+        withNeighbor,
+        [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+        [&](World& w) {
+          if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+          EXPECT_EQ(w.wheel->timeMin(), w.time + 0.1);
+          hint(w);
+          EXPECT_TRUE(w.sm("10.0.0.3"));
+          // And that was all: what is removed by hand stays removed.
+          w.machine->joinPruneNeighborSmDel(addr("10.0.0.3"));
+          hint(w);
+          EXPECT_FALSE(w.sm("10.0.0.3"));
+          return true;
+        });
+    EXPECT_GT(found, 3u);
+  }
+}
+
+TEST_F(AfterFamineTest, AMachineThatFallsBehindAgainCatchesUpAtTheTimeOfTheFirst) {
+  auto const eth1 = Vel::create<Intf>(Dova::IntfId("eth1"));
+  eth1->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.1.0.1/24"));
+  U32 const found = consequences(
+      withNeighbor,
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+      [&](World& w) {
+        if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+        Seconds const due = w.time + 0.1;
+        w.time += 0.05;
+        {
+          FailingHeap::Failure const still(1, ~std::size_t{0} / 2);
+          whateverHappens([&] { w.machine->handleNeighbor(addr("10.0.0.3")); });
+        }
+        EXPECT_EQ(w.wheel->timeMin(), due);
+        w.time = due;
+        {
+          FailingHeap::Failure const still(1, ~std::size_t{0} / 2);
+          w.wheel->expire();
+        }
+        EXPECT_FALSE(w.sm("10.0.0.3"));
+        EXPECT_EQ(w.wheel->timeMin(), due + 0.1);  // it failed again
+        w.runUntil(due + 0.1);
+        EXPECT_TRUE(w.sm("10.0.0.3"));
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, AMachineWithoutAWheelCatchesUpWhenANeighborIsHeardOf) {
+  U32 found = 0;
+  bool failed = true;
+  for (std::size_t n = 1; failed; ++n) {
+    SCOPED_TRACE(n);
+    World w;
+    auto const eth0 = w.intf("eth0", "10.0.0.1/24");
+    w.neighbor("10.0.0.2", eth0);
+    w.wheel = nullptr;
+    w.start();
+    {
+      FailingHeap::Failure const failure(n);
+      whateverHappens([&] { w.pim->pimNeighborIs(addr("10.0.0.3"), eth0); });
+      failed = failure.happened();
+    }
+    if (w.pim->pimNeighbor(addr("10.0.0.3")) && !w.sm("10.0.0.3")) {
+      ++found;
+      w.pim->pimNeighborNotify(addr("10.0.0.2"));
+      EXPECT_TRUE(w.sm("10.0.0.3"));
+    }
+    w.manager->stop();
+  }
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, WhatIsLeftOfANeighborThatWentIsRemovedAndTheOthersAreLeftAlone) {
+  TraceLog log;
+  log.levels({});
+  U32 const found = consequences(
+      [](World& w) {
+        withNeighbor(w);
+        w.neighbor("10.0.0.3", w.pim->pimIntf(Dova::IntfId("eth0")));
+        w.periodicStatus()->upJoinPruneDel(addr("10.0.0.2"));  // it is made to see whether it is empty
+      },
+      [](World& w) { w.pim->pimNeighborDel(addr("10.0.0.2")); },
+      [&](World& w) {
+        if (w.pim->pimNeighbor(addr("10.0.0.2")) || !w.sm("10.0.0.2")) return false;
+        log.levels({8});
+        log.clear();
+        w.runUntil(w.time + 0.15);
+        EXPECT_FALSE(w.sm("10.0.0.2"));
+        EXPECT_EQ(w.sets("10.0.0.2"), "-");
+        EXPECT_TRUE(w.sm("10.0.0.3"));
+        EXPECT_THAT(log.takeWith("doMaybeDeleteNeighbor(10.0.0.3)"), testing::IsEmpty());
+        log.levels({});
+        return true;
+      });
+  EXPECT_GT(found, 0u);
+}
+
+TEST_F(AfterFamineTest, AMachineThatIsDroppedWhileItIsBehindLeavesNoTimer) {
+  U32 const found = consequences(
+      withNeighbor,
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+      [](World& w) {
+        if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+        EXPECT_EQ(w.wheel->armedCount(), 1u);
+        TraceLog log;
+        log.hook = [&](Vel::TraceLine const& line) {
+          if (line.text.find("handleRxMessage()") == line.text.npos) return;
+          w.machine = nullptr;
+          EXPECT_EQ(w.wheel->armedCount(), 0u);
+        };
+        w.machine->handleRxMessage();
+        EXPECT_FALSE(w.machine);
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+// Another address than the interface's own is asked for by hand, and who asks is told of the failure.
+TEST_F(AfterFamineTest, TheMachineOfAnInterfaceStaysIfOneForAnotherAddressCouldNotBeMade) {
+  auto const reactor = [](World& w) { return w.machine->pimIntf(Dova::IntfId("eth0")); };
+  Vel::Ptr<JoinPruneNeighborSm> own;
+  U32 const found = consequences(
+      [&](World& w) {
+        withNeighbor(w);
+        own = w.sm("10.0.0.1");
+      },
+      [&](World& w) { reactor(w)->createJoinPruneSm(addr("10.0.0.9")); },
+      [&](World& w) {
+        bool const without = !w.sm("10.0.0.9");
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.sm("10.0.0.1") == own);
+        EXPECT_TRUE(own->triggeredGroup()->notifier() == w.triggered("10.0.0.1"));
+        EXPECT_EQ(w.sm("10.0.0.9") == nullptr, without);
+        own = nullptr;
+        return without;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, TheMachineOfANewAddressIsOwedAlsoIfOneForAnotherAddressIsMadeMeanwhile) {
+  U32 const found = consequences(
+      withNeighbor,
+      [](World& w) {
+        w.pim->pimIntf(Dova::IntfId("eth0"))
+            ->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.9/24"));
+      },
+      [](World& w) {
+        if (w.sm("10.0.0.9")) return false;
+        w.machine->pimIntf(Dova::IntfId("eth0"))->createJoinPruneSm(addr("10.0.0.8"));
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.sm("10.0.0.8"));
+        EXPECT_TRUE(w.sm("10.0.0.9"));
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
+// Which data set, and what fills a group in it.
+struct Filling {
+  char const* name;
+  std::function<Vel::Ptr<Packet::JoinPruneData>(World&)> data;
+  std::function<void(Packet::JoinPruneGroupData&)> fill, empty;
+};
+
+class BehindTest : public AfterFamineTest, public testing::WithParamInterface<Filling> {};
+
+TEST_P(BehindTest, AGroupThatIsFilledAndEmptiedMeanwhileIsRemovedAndOneThatWasNeverFilledStays) {
+  for (bool const fill : {true, false}) {
+    SCOPED_TRACE(fill);
+    auto const added = addr("239.9.9.9");
+    auto const hasNoReactor = [&](World& w) {
+      auto const sm = w.sm("10.0.0.2");
+      return !sm->triggeredGroupData(added) && !sm->overrideGroupData(added) && !sm->periodicGroupData(added);
+    };
+    U32 const found = consequences(
+        withNeighbor, [&](World& w) { GetParam().data(w)->joinPruneGroupDataIs(added); },
+        [&](World& w) {
+          auto const data = GetParam().data(w);
+          auto const lost = data->joinPruneGroupData(added);
+          if (!lost || !hasNoReactor(w)) return false;
+          if (fill) {
+            GetParam().fill(*lost);
+            GetParam().empty(*lost);
+          }
+          U32 const messages = w.manager->messages;
+          w.runUntil(w.time + 10);
+          EXPECT_EQ(data->joinPruneGroupData(added) != nullptr, !fill);
+          EXPECT_EQ(hasNoReactor(w), fill);
+          EXPECT_EQ(w.sm("10.0.0.2")->numPeriodicRoutes(), 0u);
+          if (fill) {
+            EXPECT_LE(w.manager->messages, messages + 1);
+            EXPECT_EQ(w.wheel->armedCount(), 0u);
+          }
+          return true;
+        });
+    EXPECT_GT(found, 0u);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, BehindTest,
+    testing::Values(Filling{"TriggeredJoin", [](World& w) { return w.triggered("10.0.0.2"); },
+                            [](auto& g) { g.joinedSourceIs(addr("10.9.0.1")); },
+                            [](auto& g) { g.joinedSourceDel(addr("10.9.0.1")); }},
+                    Filling{"OverrideJoin", [](World& w) { return w.override_("10.0.0.2"); },
+                            [](auto& g) { g.joinedRptSourceIs(addr("10.9.0.1")); },
+                            [](auto& g) { g.joinedRptSourceDel(addr("10.9.0.1")); }},
+                    Filling{"PeriodicPrune", [](World& w) { return w.periodic("10.0.0.2"); },
+                            [](auto& g) { g.prunedSourceIs(addr("10.9.0.1")); },
+                            [](auto& g) { g.prunedSourceDel(addr("10.9.0.1")); }},
+                    Filling{"PeriodicRptPrune", [](World& w) { return w.periodic("10.0.0.2"); },
+                            [](auto& g) { g.prunedRptSourceIs(addr("10.9.0.1")); },
+                            [](auto& g) { g.prunedRptSourceDel(addr("10.9.0.1")); }},
+                    Filling{"PeriodicWildcard", [](World& w) { return w.periodic("10.0.0.2"); },
+                            [](auto& g) { g.wcSourceDataIs(wildcard("10.5.5.5")); },
+                            [](auto& g) { g.wcSourceDataDel(); }}),
+    [](auto const& row) { return std::string(row.param.name); });
+
+Vel::Ptr<Packet::JoinPruneData> dataOf(World& w, int channel) {
+  return channel == 0   ? w.triggered("10.0.0.2")
+         : channel == 1 ? w.override_("10.0.0.2")
+                        : w.periodic("10.0.0.2");
+}
+bool follows(World& w, int channel, Dova::IpGenAddr const& g) {
+  auto const sm = w.sm("10.0.0.2");
+  return channel == 0   ? sm->triggeredGroupData(g) != nullptr
+         : channel == 1 ? sm->overrideGroupData(g) != nullptr
+                        : sm->periodicGroupData(g) != nullptr;
+}
+
+TEST_F(AfterFamineTest, AGroupThatAWholeNotificationCouldNotTakeUpIsTakenUpSoon) {
+  auto const added = addr("239.9.9.9");
+  for (int const channel : {0, 1, 2}) {
+    SCOPED_TRACE(channel);
+    U32 const found = consequences(
+        [&](World& w) {
+          withNeighbor(w);
+          w.manager->perMessage = 0;
+          dataOf(w, channel)->newJoinPruneGroupData(added)->joinedSourceIs(addr("10.9.0.1"));
+        },
+        [&](World& w) { dataOf(w, channel)->joinPruneGroupDataNotifyImmediate(); },
+        [&](World& w) {
+          if (follows(w, channel, added)) return false;
+          w.runUntil(w.time + 0.15);
+          EXPECT_TRUE(follows(w, channel, added));
+          return true;
+        });
+    EXPECT_GT(found, 0u);
+  }
+}
+
+TEST_F(AfterFamineTest, AnArmedTimerIsNotMovedForAGroupThatCouldNotBeFollowed) {
+  auto const added = addr("239.9.9.9");
+  Seconds due = 0;
+  U32 const found = consequences(
+      [&](World& w) {
+        withNeighbor(w);
+        group(w.triggered("10.0.0.2"), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+        due = w.time + 0.1;
+        w.time += 0.05;
+      },
+      [&](World& w) { w.periodic("10.0.0.2")->joinPruneGroupDataIs(added); },
+      [&](World& w) {
+        EXPECT_EQ(w.sm("10.0.0.2")->triggeredTimer()->timeMin(), due);
+        return w.periodic("10.0.0.2")->joinPruneGroupData(added) && !follows(w, 2, added);
+      });
+  EXPECT_GT(found, 0u);
+}
+
+TEST_F(AfterFamineTest, AMachineWithoutAWheelCatchesUpWhenItsHandlerIsCalled) {
+  auto const added = addr("239.9.9.9");
+  U32 found = 0;
+  bool failed = true;
+  for (std::size_t n = 1; failed; ++n) {
+    SCOPED_TRACE(n);
+    auto const data = Vel::create<Packet::JoinPruneData>(addr("10.0.0.2"));
+    auto const bare = joinPruneNeighborSmFactory(nullptr, addr("10.0.0.2"), nullptr, nullptr, nullptr,
+                                                 nullptr, data, nullptr, 2.5, nullptr, nullptr);
+    {
+      FailingHeap::Failure const failure(n);
+      whateverHappens([&] { data->joinPruneGroupDataIs(added); });
+      failed = failure.happened();
+    }
+    if (!data->joinPruneGroupData(added) || bare->periodicGroupData(added)) continue;
+    ++found;
+    bare->handleTriggeredTimerExpiry();
+    EXPECT_TRUE(bare->periodicGroupData(added));
+  }
+  EXPECT_GT(found, 0u);
+}
+
+TEST_F(AfterFamineTest, CatchingUpThatFailsIsTriedAgainAtTheNextExpiry) {
+  auto const added = addr("239.9.9.9");
+  U32 const found = consequences(
+      withNeighbor, [&](World& w) { w.periodic("10.0.0.2")->joinPruneGroupDataIs(added); },
+      [&](World& w) {
+        if (!w.periodic("10.0.0.2")->joinPruneGroupData(added) || follows(w, 2, added)) return false;
+        {
+          FailingHeap::Failure const still(1, ~std::size_t{0} / 2);
+          whateverHappens([&] { w.runUntil(w.time + 0.15); });
+        }
+        EXPECT_FALSE(follows(w, 2, added));
+        w.runUntil(w.time + 0.15);
+        EXPECT_TRUE(follows(w, 2, added));
+        return true;
+      });
+  EXPECT_GT(found, 0u);
+}
+
+TEST_F(AfterFamineTest, AnEmptyGroupThatHasAReactorStaysWhenTheMachineCatchesUp) {
+  auto const followed = addr("239.1.1.1"), added = addr("239.9.9.9");
+  for (int const channel : {0, 1, 2}) {
+    SCOPED_TRACE(channel);
+    U32 const found = consequences(
+        [&](World& w) {
+          withNeighbor(w);
+          auto const g = dataOf(w, channel)->joinPruneGroupDataIs(followed);
+          w.sm("10.0.0.2")->hasNotificationActiveIs(false);
+          g->prunedSourceIs(addr("10.9.0.1"));
+          g->prunedSourceDel(addr("10.9.0.1"));
+          w.sm("10.0.0.2")->hasNotificationActiveIs(true);
+        },
+        [&](World& w) { dataOf(w, channel)->joinPruneGroupDataIs(added); },
+        [&](World& w) {
+          if (!dataOf(w, channel)->joinPruneGroupData(added) || follows(w, channel, added)) return false;
+          w.runUntil(w.time + 0.15);
+          EXPECT_TRUE(follows(w, channel, added));
+          EXPECT_TRUE(dataOf(w, channel)->joinPruneGroupData(followed));
+          return true;
+        });
+    EXPECT_GT(found, 0u);
+  }
+}
+
+using AfterFamineDeathTest = AfterFamineTest;
+
+TEST_F(AfterFamineDeathTest, AMachineValidatesItsCountOnlyOnceItHasCaughtUp) {
+  testing::FLAGS_gtest_death_test_style = "fast";
+  auto const added = addr("239.9.9.9");
+  U32 found = 0;
+  consequences(
+      [](World& w) {
+        withNeighbor(w);
+        w.machine->diagUpJoinCountIs(true);
+      },
+      [&](World& w) { w.periodic("10.0.0.2")->joinPruneGroupDataIs(added); },
+      [&](World& w) {
+        auto const lost = w.periodic("10.0.0.2")->joinPruneGroupData(added);
+        if (!lost || follows(w, 2, added) || found++ != 0) return false;
+        lost->joinedSourceIs(addr("10.9.0.1"));
+        w.sm("10.0.0.2")->numPeriodicRoutesIs(7);  // wrong, but what is right is not known yet
+        w.runUntil(w.time + 0.15);
+        EXPECT_EQ(w.sm("10.0.0.2")->numPeriodicRoutes(), 1u);
+        EXPECT_DEATH(w.sm("10.0.0.2")->numPeriodicRoutesIs(7), "Assertion `false' failed");
+        lost->joinedSourceDel(addr("10.9.0.1"));
+        return true;
+      });
+  EXPECT_GT(found, 0u);
+}
+
+TEST_F(AfterFamineTest, TheMachineOfAnAddressThatChangesWhileTheMachineOfTheOneBeforeIsMadeIsMade) {
+  class Mover final : public JoinPruneStatus::NotifieeConst {
+   public:
+    void onTriggeredGroup(Dova::IpGenAddr address) override {
+      if (address != addr("10.0.0.9")) return;
+      if (auto const once = std::exchange(act, nullptr)) once();
+    }
+    std::function<void()> act;
+  };
+  U32 found = 0;
+  bool failed = true;
+  for (std::size_t n = 1; failed; ++n) {
+    SCOPED_TRACE(n);
+    World w;
+    withNeighbor(w);
+    w.status->triggeredGroupIs(addr("10.0.0.8"));
+    auto const eth0 = w.pim->pimIntf(Dova::IntfId("eth0"));
+    auto const move = [&](char const* to) { eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText(to)); };
+    auto const mover = Vel::create<Mover>();
+    mover->act = [&] {
+      FailingHeap::Failure const failure(n);
+      whateverHappens([&] { move("10.0.0.8/24"); });
+      failed = failure.happened();
+    };
+    mover->notifierIs(w.status);
+    move("10.0.0.9/24");
+    EXPECT_FALSE(mover->act);
+    found += !w.sm("10.0.0.8");
+    w.runUntil(w.time + 0.2);
+    EXPECT_TRUE(w.sm("10.0.0.8"));
+    EXPECT_FALSE(w.sm("10.0.0.9"));
+    mover->notifierIs(nullptr);
+    w.manager->stop();
+    w.machine = nullptr;
+  }
+  EXPECT_GT(found, 3u);
+}
+
+TEST_F(AfterFamineTest, AMachineThatIsDroppedByTheClockWhileItFallsBehindArmsNothing) {
+  std::vector<std::function<void(World&)>> const acts = {
+      [](World& w) { group(w.periodic("10.0.0.2"), "239.1.1.1"); },
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); }};
+  for (auto const& act : acts) {
+    bool failed = true;
+    U32 asked = 0;
+    for (std::size_t n = 1; failed; ++n) {
+      SCOPED_TRACE(n);
+      World w;
+      std::function<void()> onClock;
+      w.wheel = Vel::create<Zanth::TimerWheel>([&] {
+        if (auto const drop = onClock) drop();
+        return w.time;
+      });
+      withNeighbor(w);
+      // So that the timers outlive the drop: an iterator holds its entity's memory.
+      auto const timer = w.sm("10.0.0.2")->triggeredTimer();
+      auto const walk = w.machine->pimIntfIterator();
+      onClock = [&] {
+        ++asked;
+        w.machine = nullptr;
+      };
+      {
+        FailingHeap::Failure const failure(n);
+        whateverHappens([&] { act(w); });
+        failed = failure.happened();
+      }
+      onClock = nullptr;
+      if (!w.machine) {
+        EXPECT_EQ(w.wheel->armedCount(), 0u);
+      }
+      w.manager->stop();
+      w.machine = nullptr;
+    }
+    EXPECT_GT(asked, 0u);
+  }
+}
+
+// Falls behind with one group, and while it takes that up, with another.
+TEST_F(AfterFamineTest, AMachineThatFallsBehindAgainWhileItCatchesUpCatchesUpOnceMore) {
+  class Adder final : public JoinPruneNeighborSm::NotifieeConst {
+   public:
+    void onPeriodicGroupData(Dova::IpGenAddr) override {
+      if (auto const once = std::exchange(act, nullptr)) once();
+    }
+    std::function<void()> act;
+  };
+  auto const unfollowed = [](World& w, Dova::IpGenAddr const& g) {
+    return w.periodic("10.0.0.2")->joinPruneGroupData(g) && !w.sm("10.0.0.2")->periodicGroupData(g);
+  };
+  for (auto const& [first, second] :
+       {std::pair("239.1.1.1", "239.1.1.2"), std::pair("239.1.1.2", "239.1.1.1")}) {
+    U32 found = 0;
+    bool failed = true, failedAgain = false;
+    for (std::size_t n = 1, m = 1; failed || failedAgain; failedAgain ? ++m : (m = 1, ++n)) {
+      SCOPED_TRACE(std::string(first) + ", " + std::to_string(n) + ", " + std::to_string(m));
+      World w;
+      withNeighbor(w);
+      auto const data = w.periodic("10.0.0.2");
+      auto const sm = w.sm("10.0.0.2");
+      {
+        FailingHeap::Failure const failure(n);
+        whateverHappens([&] { group(data, first); });
+        failed = failure.happened();
+      }
+      failedAgain = false;
+      if (unfollowed(w, addr(first))) {
+        auto const adder = Vel::create<Adder>();
+        adder->notifierIs(sm);
+        bool behindAgain = false;
+        adder->act = [&] {
+          {
+            FailingHeap::Failure const failure(m);
+            whateverHappens([&] { group(data, second); });
+            failedAgain = failure.happened();
+          }
+          behindAgain = unfollowed(w, addr(second));
+          group(data, second)->joinedSourceIs(addr("10.9.0.1"));
+        };
+        group(data, first)->joinedSourceIs(addr("10.9.0.1"));
+        w.runUntil(w.time + 1);
+        EXPECT_FALSE(adder->act);
+        found += behindAgain;
+        EXPECT_TRUE(sm->periodicGroupData(addr(first)));
+        EXPECT_TRUE(sm->periodicGroupData(addr(second)));
+        EXPECT_EQ(sm->numPeriodicRoutes(), 2u);
+        for (char const* const g : {first, second}) {
+          data->joinPruneGroupData(addr(g))->joinedSourceDel(addr("10.9.0.1"));
+          EXPECT_FALSE(data->joinPruneGroupData(addr(g)));
+        }
+        EXPECT_EQ(sm->numPeriodicRoutes(), 0u);
+        adder->notifierIs(nullptr);
+      }
+      w.manager->stop();
+      w.machine = nullptr;
+    }
+    EXPECT_GT(found, 0u);
+  }
+}
+
+// The last group is removed by the catching up itself, while the count is still the old one.
+TEST_F(AfterFamineTest, AMachineWhoseDataRunsEmptyWhileItCatchesUpDoesNotCheckItsCountInTheMiddle) {
+  U32 const found = consequences(
+      [](World& w) {
+        withNeighbor(w);
+        w.machine->diagUpJoinCountIs(true);
+      },
+      [](World& w) { group(w.periodic("10.0.0.2"), "239.1.1.1"); },
+      [](World& w) {
+        auto const data = w.periodic("10.0.0.2");
+        auto const sm = w.sm("10.0.0.2");
+        auto const lost = data->joinPruneGroupData(addr("239.1.1.1"));
+        if (!lost || sm->periodicGroupData(addr("239.1.1.1"))) return false;
+        lost->joinedSourceIs(addr("10.9.0.1"));
+        lost->joinedSourceDel(addr("10.9.0.1"));
+        sm->numPeriodicRoutesIs(1);  // as if the source had been counted
+        w.runUntil(w.time + 1);
+        EXPECT_EQ(data->joinPruneGroupDataCount(), 0u);
+        EXPECT_EQ(sm->numPeriodicRoutes(), 0u);
+        return true;
+      });
+  EXPECT_GT(found, 0u);
+}
+
+TEST_F(AfterFamineTest, AMachineThatWasKeptForAPeriodicGroupAsksItsOwnerWhenItHasCaughtUp) {
+  for (std::size_t const length : {std::size_t{1}, ~std::size_t{0} / 2}) {
+    SCOPED_TRACE(length);
+    bool failed = true;
+    for (std::size_t n = 1; failed; ++n) {
+      SCOPED_TRACE(n);
+      World w;
+      withNeighbor(w);
+      auto const data = w.periodic("10.0.0.2");
+      auto const followed = group(data, "239.1.1.1");
+      followed->joinedSourceIs(addr("10.9.0.1"));
+      w.pim->pimNeighborDel(addr("10.0.0.2"));
+      ASSERT_TRUE(w.sm("10.0.0.2"));
+      {
+        FailingHeap::Failure const failure(n, length);
+        // The machine falls behind with another group, and then the last source leaves.
+        whateverHappens([&] { group(data, "239.1.1.2")->joinedSourceIs(addr("10.9.0.2")); });
+        whateverHappens([&] {
+          if (auto const other = data->joinPruneGroupData(addr("239.1.1.2")))
+            other->joinedSourceDel(addr("10.9.0.2"));
+        });
+        whateverHappens([&] { followed->joinedSourceDel(addr("10.9.0.1")); });
+        failed = failure.happened();
+      }
+      if (auto const other = data->joinPruneGroupData(addr("239.1.1.2")); other && !other->velWasFilled())
+        data->joinPruneGroupDataDel(addr("239.1.1.2"));  // added, never filled: the agent's to remove
+      w.runUntil(w.time + 10);
+      EXPECT_FALSE(w.sm("10.0.0.2"));
+      EXPECT_EQ(w.sets("10.0.0.2"), "-");
+      w.manager->stop();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Routing::Pim
