@@ -42,7 +42,7 @@ endfunction()
 
 if(TARGET jpagent)
   install(TARGETS jpagent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  configure_file(agent/jpagent.1 jpagent.1 @ONLY)
+  configure_file(jpagent/jpagent.1 jpagent.1 @ONLY)
   compressed(${PROJECT_BINARY_DIR}/jpagent.1 ${PROJECT_BINARY_DIR}/jpagent.1.gz)
   install(FILES ${PROJECT_BINARY_DIR}/jpagent.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
   install(FILES docs/trace-viewer.html DESTINATION ${CMAKE_INSTALL_DATADIR}/PimJoinPrune COMPONENT tools)
