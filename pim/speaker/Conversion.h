@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "pim/model/packet/JoinPruneMessage.h"
+#include "pim/wire/Export.h"
 #include "pim/wire/PimMessage.h"
 
 namespace Routing::Pim::Speaker {
@@ -17,6 +18,6 @@ using Dova::IpGenAddr;
 /// (*,G) entry in a group, while the wire repeats what it likes, and what comes later counts. So an entry
 /// that does not fit begins another message, and so does a group that comes again: nothing is lost, and of
 /// two entries for one route the later one is delivered later.
-std::vector<Vel::Ptr<Packet::JoinPruneMessage>> modelMessages(Wire::JoinPrune const& message);
+PIM_SPEAKER_API std::vector<Vel::Ptr<Packet::JoinPruneMessage>> modelMessages(Wire::JoinPrune const& message);
 
 }  // namespace Routing::Pim::Speaker

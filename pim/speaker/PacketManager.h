@@ -45,6 +45,7 @@
 #include "pim/joinprune/JoinPruneFilter.h"
 #include "pim/model/Status.h"
 #include "pim/model/io/PamManager.h"
+#include "pim/wire/Export.h"
 #include "pim/wire/PimMessage.h"
 
 namespace Routing::Pim::Speaker {
@@ -54,17 +55,18 @@ using Dova::IpGenAddr;
 
 /// One Join/Prune message on its way out.
 struct OutgoingPacket {
-  Dova::IntfId intf;
-  IpGenAddr source;       ///< The interface's address.
-  IpGenAddr destination;  ///< ALL-PIM-ROUTERS of the family.
-  Wire::JoinPrune message;
-  std::vector<U8> bytes;  ///< The PIM message, without the IP header.
+  Dova::IntfId intf;        ///< The interface that it leaves by.
+  IpGenAddr source;         ///< The interface's address.
+  IpGenAddr destination;    ///< ALL-PIM-ROUTERS of the family.
+  Wire::JoinPrune message;  ///< What the bytes say.
+  std::vector<U8> bytes;    ///< The PIM message, without the IP header.
 };
 
 /// Where packets go. What it throws means that the packet was not sent.
-class PacketSink {
+class PIM_SPEAKER_API PacketSink {
  public:
   virtual ~PacketSink() = default;
+  /// Sends the packet, or throws.
   virtual void send(OutgoingPacket const& packet) = 0;
 };
 
@@ -77,8 +79,9 @@ using Suppression = std::function<bool(Dova::IntfId const& intf, IpGenAddr const
 /// The filter, the suppression hook, the sink and whoever watches the data may do anything when they are
 /// called: change the data, drop it, take down interfaces and machines, let go of this manager. A request for
 /// another message from the data that is just being sent is not served; its report is zero.
-class PacketManager final : public IO::PamManager {
+class PIM_SPEAKER_API PacketManager final : public IO::PamManager {
  public:
+  /// Of an interface whose MTU was not given: 1500 bytes.
   static constexpr U32 defaultMtu = 1500;
 
   /// How many entries and empty groups one message passes over before it ends, so that a long row of what is
@@ -99,6 +102,7 @@ class PacketManager final : public IO::PamManager {
 
   /// The MTU of an interface: bytes of a whole IP packet, header included.
   U32 mtu(Dova::IntfId const& intf) const;
+  /// Takes effect with the next message. What has no room for one entry lets nothing be sent.
   void mtuIs(Dova::IntfId const& intf, U32 bytes) { mtus_[intf] = bytes; }
 
   /// How many data sets there are whose last message this manager remembers; those that are gone are

@@ -19,15 +19,20 @@ using Vel::U32;
 using Vel::U64;
 using Vel::U8;
 
+/// A place in bytes that are read from front to back.
 class Cursor {
  public:
   /// The bytes must outlive the cursor and the spans that it gives.
   explicit Cursor(std::span<U8 const> bytes) : bytes_(bytes) {}
 
+  /// How many bytes are behind it.
   std::size_t offset() const { return offset_; }
+  /// How many bytes are before it.
   std::size_t left() const { return bytes_.size() - offset_; }
+  /// The bytes before it.
   std::span<U8 const> rest() const { return bytes_.subspan(offset_); }
 
+  /// The next byte; false, and nothing is read, if there is none. So for all of these.
   [[nodiscard]] bool read(U8& value) {
     if (left() < 1) return false;
     value = bytes_[offset_++];
@@ -42,6 +47,7 @@ class Cursor {
     return true;
   }
 
+  /// So many bytes, as a view of them.
   [[nodiscard]] bool read(std::size_t count, std::span<U8 const>& bytes) {
     if (left() < count) return false;
     bytes = bytes_.subspan(offset_, count);
@@ -49,6 +55,7 @@ class Cursor {
     return true;
   }
 
+  /// Passes over so many bytes.
   [[nodiscard]] bool skip(std::size_t count) {
     if (left() < count) return false;
     offset_ += count;

@@ -8,10 +8,12 @@
 #include <string>
 #include <string_view>
 
+#include "pim/wire/Export.h"
 #include "runtime/vel/Types.h"
 
 namespace Routing::Pim::Wire {
 
+/// What a message, or the packet that carries it, breaks.
 enum class Reason : Vel::U8 {
   truncated,           ///< Fewer bytes than a field needs, or than the IP header promises.
   badIpHeader,         ///< Lengths in the IP headers that contradict each other.
@@ -64,15 +66,18 @@ inline constexpr std::array<std::string_view, 22> reasonNames = {
 };
 static_assert(reasonNames.size() == static_cast<std::size_t>(Reason::hopLimitNotOne) + 1);
 
+/// The reason's fixed text.
 constexpr std::string_view text(Reason reason) { return reasonNames[static_cast<std::size_t>(reason)]; }
-std::ostream& operator<<(std::ostream& os, Reason reason);
+/// Writes the fixed text.
+PIM_SPEAKER_API std::ostream& operator<<(std::ostream& os, Reason reason);
 
+/// Why a message was refused as a whole.
 struct Refusal {
-  Reason reason;
+  Reason reason;       ///< What totals are counted by.
   std::string detail;  ///< May be empty.
 };
 
 /// "bad checksum (0x5ae5, computed 0x5ae6)".
-std::string toText(Refusal const& refusal);
+PIM_SPEAKER_API std::string toText(Refusal const& refusal);
 
 }  // namespace Routing::Pim::Wire
