@@ -63,8 +63,8 @@ ReceiveCommand received(Input& input) {
   return {intf, message};
 }
 
-IntfCommand intfFrom(Input& input) {
-  IntfCommand command;
+InterfaceCommand intfFrom(Input& input) {
+  InterfaceCommand command;
   command.name = oneOf(input, intfNames);
   U8 const what = input.u8();
   if (what & 1) command.address = IpGenPrefix(unicast(input), 24);
@@ -94,7 +94,7 @@ TemperCommand temperFrom(Input& input) {
                                            "record off",
                                            "temper off",
                                            "busy 0.2",
-                                           "intf eth0 down",
+                                           "interface eth0 down",
                                            "triggered 10.0.0.3 join (10.9.0.1,239.1.1.1)",
                                            "periodic 10.0.0.2 join 9 routes from (10.9.0.1,239.1.1.1)"};
   TemperCommand command;

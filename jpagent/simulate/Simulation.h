@@ -79,7 +79,7 @@ class Simulation {
     std::array<Seconds, channelNames.size()> timers;
   };
 
-  void on(IntfCommand const& command);
+  void on(InterfaceCommand const& command);
   void on(NeighborCommand const& command);
   void on(RpCommand const& command);
   void on(PolicyCommand const& command);
@@ -103,9 +103,17 @@ class Simulation {
   void send(Speaker::OutgoingPacket const& packet);
   void traced(Vel::TraceLine const& line);
   void sendTempered(IO::MessageInfo const& record);
+  void performAll(std::vector<std::string> const& commands);
   void serveRecord();
   void again(Packet::JoinPruneData& data, DataCommand const& command);
   void fill(Packet::JoinPruneData& data, DataCommand const& command);
+  void makeData(Channel channel, IpGenAddr const& target);
+  void removeData(Channel channel, IpGenAddr const& target);
+  void retireGroup(Packet::JoinPruneData& data, IpGenAddr const& target,
+                   Packet::JoinPruneGroupData const& group);
+  void removeEntries(Packet::JoinPruneData& data, DataCommand const& command);
+  void removeWildcard(Packet::JoinPruneData& data, DataCommand const& command);
+  void change(Packet::JoinPruneData& data, DataCommand const& command);
   static void refuseUnlessAllAreThere(Packet::JoinPruneData const& data, DataCommand const& command);
   std::string_view channelOf(Packet::JoinPruneData const& data) const;
   void machineChanged(IpGenAddr const& address);

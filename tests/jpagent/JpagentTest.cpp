@@ -36,7 +36,7 @@ class JpagentTest : public testing::Test {
 
   /// Writes a conversation in which packets are sent, with a rule and nothing under it.
   static std::string conversation(std::string const& path) {
-    std::ofstream(path) << "# A join.\nintf eth0 10.0.0.1/24\nneighbor 10.0.0.2 on eth0\nstart\n"
+    std::ofstream(path) << "# A join.\ninterface eth0 10.0.0.1/24\nneighbor 10.0.0.2 on eth0\nstart\n"
                            "triggered 10.0.0.2 join (10.9.0.1,239.1.1.1)\nwait 1\n----\n";
     return path;
   }
@@ -388,7 +388,7 @@ TEST_F(JpagentTest, RewritingTouchesNoOtherFileAndKeepsTheModeAndTheLink) {
 
 TEST_F(JpagentTest, WhatFailsLeavesTheOlderFilesAsTheyWereAndNoOthers) {
   auto const story = folder_.file("story.txt"), sent = folder_.file("sent.pcap");
-  std::ofstream(story) << "# Fails in its last line.\nintf eth0 10.0.0.1/24\nstart\nstart\n----\n";
+  std::ofstream(story) << "# Fails in its last line.\ninterface eth0 10.0.0.1/24\nstart\nstart\n----\n";
   std::ofstream(sent) << "older";
   auto const told = readText(story);
   EXPECT_EQ(jpagent({"simulate", "--rewrite", "--pcap", sent, story}).status, 2);
@@ -443,7 +443,7 @@ TEST_F(JpagentTest, ARingThatSomebodyTruncatesEndsTheRunWithItsName) {
 TEST_F(JpagentTest, ARunThatIsToldToEndTakesItsUnfinishedFilesAway) {
   auto const story = folder_.file("story"), sent = folder_.file("sent.pcap"), ring = folder_.file("ring");
   std::ofstream file(story);
-  file << "# Takes long.\nintf eth0 10.0.0.1/24\nneighbor 10.0.0.2 on eth0\nstart\n"
+  file << "# Takes long.\ninterface eth0 10.0.0.1/24\nneighbor 10.0.0.2 on eth0\nstart\n"
           "periodic 10.0.0.2 join (10.9.0.1,239.1.1.1)\n";
   for (int i = 0; i < 10000; ++i) file << "wait 900000\n";
   file.close();

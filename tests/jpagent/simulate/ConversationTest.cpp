@@ -194,7 +194,7 @@ TEST(ConversationTest, ACopyIsAConversationOfItsOwn) {
 
 TEST(ConversationTest, AnInterfaceTakesItsWordsInAnyOrder) {
   auto const command =
-      parsed<IntfCommand>("intf eth0 hold 105 10.0.0.1/24 mtu 576 interval 30 override 0.5 notify");
+      parsed<InterfaceCommand>("interface eth0 hold 105 10.0.0.1/24 mtu 576 interval 30 override 0.5 notify");
   EXPECT_EQ(command.name, "eth0");
   EXPECT_EQ(command.address, IpGenPrefix(IpGenAddr("10.0.0.1"), 24));
   EXPECT_EQ(command.holdTime, 105);
@@ -203,12 +203,12 @@ TEST(ConversationTest, AnInterfaceTakesItsWordsInAnyOrder) {
   EXPECT_EQ(command.mtu, 576u);
   EXPECT_TRUE(command.notify);
   EXPECT_FALSE(command.down);
-  auto const bare = parsed<IntfCommand>("intf eth1");
+  auto const bare = parsed<InterfaceCommand>("interface eth1");
   EXPECT_FALSE(bare.address || bare.holdTime || bare.interval || bare.overrideInterval || bare.mtu);
-  EXPECT_EQ(parsed<IntfCommand>("intf eth1 none").address, IpGenPrefix());
-  EXPECT_TRUE(parsed<IntfCommand>("intf eth1 down").down);
+  EXPECT_EQ(parsed<InterfaceCommand>("interface eth1 none").address, IpGenPrefix());
+  EXPECT_TRUE(parsed<InterfaceCommand>("interface eth1 down").down);
   EXPECT_FALSE(bare.stay || bare.renew || bare.again);
-  auto const same = parsed<IntfCommand>("intf eth1 again renew stay");
+  auto const same = parsed<InterfaceCommand>("interface eth1 again renew stay");
   EXPECT_TRUE(same.stay && same.renew && same.again);
 }
 
@@ -318,11 +318,11 @@ TEST(ConversationTest, AMistakeIsAnsweredWithWhatWasExpected) {
   EXPECT_EQ(complaint("wait -1"), "expected seconds from 0 to 1000000, not \"-1\"");
   EXPECT_EQ(complaint("wait nan"), "expected seconds from 0 to 1000000, not \"nan\"");
   EXPECT_EQ(complaint("wait 1 2"), "expected the end of the line, not \"2\"");
-  EXPECT_EQ(complaint("intf"), "expected the name of an interface at the end of the line");
-  EXPECT_EQ(complaint("intf eth0 interval 0"),
+  EXPECT_EQ(complaint("interface"), "expected the name of an interface at the end of the line");
+  EXPECT_EQ(complaint("interface eth0 interval 0"),
             "expected an interval in whole seconds from 1 to 65535, not \"0\"");
   EXPECT_EQ(
-      complaint("intf eth0 224.0.0.1/24"),
+      complaint("interface eth0 224.0.0.1/24"),
       "expected an address such as 10.0.0.1/24, none, hold, interval, override, mtu, notify, renew, again, "
       "stay or down, not \"224.0.0.1/24\"");
   EXPECT_EQ(complaint("neighbor 10.0.0.2"),
@@ -344,7 +344,7 @@ TEST(ConversationTest, AMistakeIsAnsweredWithWhatWasExpected) {
   EXPECT_THAT(complaint("receive eth0 upstream 239.1.1.1 hold 210 join (10.9.0.1,239.1.1.1)"),
               HasSubstr("expected a message that can be on the wire: "));
   EXPECT_EQ(complaint("set machine diagUpJoinCount"),
-            "expected TARGET, INTF or machine, an attribute and its value at the end of the line");
+            "expected TARGET, NAME or machine, an attribute and its value at the end of the line");
   EXPECT_EQ(complaint("trace all"),
             "expected trace levels from 1 to 30, such as 1,2,7, or \"off\", not \"all\"");
   EXPECT_EQ(complaint("packets"), "expected \"brief\" or \"full\" at the end of the line");
@@ -425,7 +425,7 @@ TEST(ConversationTest, AnotherExpectedHalfLeavesTheCommandsAsTheyAre) {
 TEST(ConversationTest, TheReferenceNamesEveryCommand) {
   auto const reference = commandReference();
   for (auto const* word :
-       {"intf",      "neighbor", "rp",       "deny",    "filter", "suppress", "start",  "drop",
+       {"interface",      "neighbor", "rp",       "deny",    "filter", "suppress", "start",  "drop",
         "triggered", "override", "periodic", "receive", "wait",   "seed",     "cost",   "set",
         "packets",   "trace",    "show",     "say",     "busy",   "keep",     "record", "temper"})
     EXPECT_THAT(reference, HasSubstr(std::string("  ") + word));

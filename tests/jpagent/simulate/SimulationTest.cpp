@@ -22,7 +22,7 @@ using testing::SizeIs;
 class SimulationTest : public testing::Test {
  protected:
   SimulationTest() {
-    run({"intf eth0 10.0.0.1/24", "neighbor 10.0.0.2 on eth0", "start"});
+    run({"interface eth0 10.0.0.1/24", "neighbor 10.0.0.2 on eth0", "start"});
     take();
   }
 
@@ -110,12 +110,12 @@ TEST_F(SimulationTest, TracesThatAreOffAreNotShownWhenSeveralTimersFireAtOnce) {
 }
 
 TEST_F(SimulationTest, AClockThatStandsStillForEverIsNoticed) {
-  run({"set 10.0.0.2 triggeredInterval 0", join, "intf eth0 none"});
+  run({"set 10.0.0.2 triggeredInterval 0", join, "interface eth0 none"});
   EXPECT_EQ(complaint("wait 1"), "timers fire for ever at 0.000");
 }
 
 TEST(SimulationRepeatedTest, TheSameCommandsGiveTheSameOutput) {
-  std::vector<std::string> const commands = {"intf eth0 10.0.0.1/24",
+  std::vector<std::string> const commands = {"interface eth0 10.0.0.1/24",
                                              "neighbor 10.0.0.2 on eth0",
                                              "trace 1-8",
                                              "start",
@@ -232,7 +232,7 @@ TEST_F(SimulationTest, WhatCannotBeDoneIsRefusedWithTheReason) {
             "10.0.0.2 has no triggered prune (*,239.1.1.1) rp 10.0.0.9");
   EXPECT_EQ(complaint("neighbor 10.0.0.9 on eth9"), "there is no interface eth9");
   EXPECT_EQ(complaint("neighbor 10.0.0.9 down"), "there is no neighbor 10.0.0.9");
-  EXPECT_EQ(complaint("intf eth9 down"), "interface eth9 is not up");
+  EXPECT_EQ(complaint("interface eth9 down"), "interface eth9 is not up");
   EXPECT_EQ(complaint("receive eth9 upstream 10.0.0.1 hold 1 join (10.9.0.1,239.1.1.1)"),
             "there is no interface eth9");
   EXPECT_EQ(complaint("deny 239.1.0.0/16 off"), "these groups were not named before");
@@ -244,7 +244,7 @@ TEST_F(SimulationTest, WhatCannotBeDoneIsRefusedWithTheReason) {
   run({"wait 2", "drop"});
   EXPECT_EQ(complaint("drop"), "there is no machine");
   EXPECT_EQ(complaint("wait until 1"), "it is 2.000 already");
-  run({"rp 239.0.0.0/8=10.0.0.9", "neighbor 10.0.0.2 down", "intf eth1"});
+  run({"rp 239.0.0.0/8=10.0.0.9", "neighbor 10.0.0.2 down", "interface eth1"});
   EXPECT_THAT(complaint("rp 239.0.0.0/8=10.0.0.8"), HasSubstr("again"));
   EXPECT_EQ(complaint("neighbor 10.0.0.2 down"), "neighbor 10.0.0.2 is not up");
   run({"neighbor 10.0.0.2 up"});
@@ -264,7 +264,7 @@ TEST_F(SimulationTest, ARemovalThatCannotBeDoneWholeRemovesNothing) {
 }
 
 TEST_F(SimulationTest, ANeighborThatCouldNotMoveReturnsWhereItWas) {
-  run({"intf eth1"});
+  run({"interface eth1"});
   EXPECT_EQ(complaint("neighbor 10.0.0.2 on eth1"), "neighbor 10.0.0.2 is on eth0");
   run({"neighbor 10.0.0.2 down"});
   take();
@@ -280,7 +280,7 @@ TEST_F(SimulationTest, AttributesAreSetByName) {
 }
 
 TEST_F(SimulationTest, AFailingCommandNamesItsLine) {
-  Conversation const conversation("# S.\nintf eth7\n\ntriggered 10.0.0.9 join (10.9.0.1,239.1.1.1)\n");
+  Conversation const conversation("# S.\ninterface eth7\n\ntriggered 10.0.0.9 join (10.9.0.1,239.1.1.1)\n");
   try {
     simulate(conversation, simulation_);
     FAIL() << "nothing was refused";
@@ -304,7 +304,7 @@ class SimulateTest : public testing::Test {
 
   TemporaryFolder folder_;
   std::string const commands_ =
-      "# A story.\nintf eth0 10.0.0.1/24\nneighbor 10.0.0.2 on eth0\nstart\n"
+      "# A story.\ninterface eth0 10.0.0.1/24\nneighbor 10.0.0.2 on eth0\nstart\n"
       "triggered 10.0.0.2 join (10.9.0.1,239.1.1.1)\nwait 0.25\n";
   std::string const output_ =
       "0.000 machine 10.0.0.1 made on eth0, for the interface\n"
@@ -409,11 +409,11 @@ TEST_F(SimulateTest, HelpHasTheCommands) {
 // --- What breaks the rules, and packet managers with a temper
 
 TEST_F(SimulationTest, AnInterfaceThatStaysIsChangedWhereItIs) {
-  EXPECT_THAT(outputOf({"intf eth1 10.0.1.1/24 stay"}), IsEmpty());
-  EXPECT_THAT(outputOf({"intf eth1"}), ElementsAre("0.000 machine 10.0.1.1 made on eth1, for the interface"));
-  EXPECT_THAT(outputOf({"intf eth1 again stay"}), IsEmpty());
+  EXPECT_THAT(outputOf({"interface eth1 10.0.1.1/24 stay"}), IsEmpty());
+  EXPECT_THAT(outputOf({"interface eth1"}), ElementsAre("0.000 machine 10.0.1.1 made on eth1, for the interface"));
+  EXPECT_THAT(outputOf({"interface eth1 again stay"}), IsEmpty());
   EXPECT_THAT(
-      outputOf({"intf eth1 renew"}),
+      outputOf({"interface eth1 renew"}),
       ElementsAre("0.000 machine 10.0.1.1 gone", "0.000 machine 10.0.1.1 made on eth1, for the interface"));
 }
 
@@ -477,9 +477,9 @@ TEST_F(SimulationTest, ATemperTakesAndReportsWhatItIsTold) {
 
 TEST_F(SimulationTest, ATemperPerformsCommandsInsideASend) {
   EXPECT_THAT(
-      outputOf({"temper on first of 1 do say now ; intf eth9 down ; drop", join, "wait 1"}),
+      outputOf({"temper on first of 1 do say now ; interface eth9 down ; drop", join, "wait 1"}),
       ElementsAre("0.000 timer 10.0.0.2 triggered armed for 0.100", "0.100 timer 10.0.0.2 triggered fires",
-                  "0.100 -- now", "0.100 cannot intf eth9 down: interface eth9 is not up",
+                  "0.100 -- now", "0.100 cannot interface eth9 down: interface eth9 is not up",
                   "0.100 machine 10.0.0.1 gone", "0.100 machine 10.0.0.2 gone",
                   HasSubstr("0.100 taken on eth0"), "0.100   join (10.9.0.1,239.1.1.1)"));
 }
@@ -512,7 +512,7 @@ TEST_F(SimulationTest, AMachineThatIsKeptIsSilentOnceItIsGone) {
 class Crowd {
  public:
   explicit Crowd(U32 neighbors) {
-    perform("intf eth0 10.0.0.1/8");
+    perform("interface eth0 10.0.0.1/8");
     perform("start");
     for (U32 i = 0; i < neighbors; ++i) {
       auto const address = toText(IpGenAddr::ipv4(0x0a010000 + i));
@@ -586,7 +586,7 @@ TEST(SimulationCostTest, EveryTimerIsToldAfterEachCommandOfTheConversations) {
 class ImpatientSimulationTest : public testing::Test {
  protected:
   ImpatientSimulationTest() {
-    for (auto const* command : {"intf eth0 10.0.0.1/24", "neighbor 10.0.0.2 on eth0", "start"}) run(command);
+    for (auto const* command : {"interface eth0 10.0.0.1/24", "neighbor 10.0.0.2 on eth0", "start"}) run(command);
   }
   void run(std::string const& command) { simulation_.perform(commandFromText(command)); }
   /// Whether it is refused since too much has been looked at.
@@ -623,8 +623,8 @@ TEST_F(ImpatientSimulationTest, WhatIsToldOfAgainAsAWholeHasALimit) {
 }
 
 TEST_F(ImpatientSimulationTest, InterfacesThatAreToldOfAgainHaveALimit) {
-  for (U32 i = 1; i < 100; ++i) run("intf eth" + std::to_string(i));
-  U32 const times = timesDone({"intf eth0 again"});
+  for (U32 i = 1; i < 100; ++i) run("interface eth" + std::to_string(i));
+  U32 const times = timesDone({"interface eth0 again"});
   EXPECT_GE(times, 90u);
   EXPECT_LE(times, 101u);
 }
@@ -665,7 +665,7 @@ TEST_F(ImpatientSimulationTest, TheCheckOfEachRouteOfALongRangeIsRefusedBeforeAn
 }
 
 TEST_F(ImpatientSimulationTest, AManagerThatTakesNothingCannotWalkAllRoutesForEver) {
-  run("intf eth0 interval 1");
+  run("interface eth0 interval 1");
   run("periodic 10.0.0.2 join 1000 routes from (10.9.0.1,239.1.0.1)");
   run("temper on take 0");
   EXPECT_TRUE(isTooMuch("wait 1000000"));

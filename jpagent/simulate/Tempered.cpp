@@ -1,0 +1,136 @@
+// Another packet manager in place of the real one.
+#include <stdexcept>
+
+#include "jpagent/simulate/Inside.h"
+#include "jpagent/simulate/RouteData.h"
+
+namespace Routing::Pim::Jpagent {
+
+namespace {
+
+// A packet manager that claims to have sent what it has not would be asked for more for ever, if time stands still.
+constexpr U32 mostTemperedMessages = 40;
+
+// In the order in which the data is walked.
+std::vector<RouteEntry> inOrderOfWalk(Packet::JoinPruneData const& data) {
+  std::vector<RouteEntry> entries;
+  for (auto g = data.joinPruneGroupDataIterator(); g; ++g) {
+    auto const add = [&](auto sources, Wire::SourceKind kind, bool join) {
+      for (; sources; ++sources) entries.push_back({join, kind, sources.key(), g.key()});
+    };
+    if (auto const wildcard = g->wcSourceData())
+      entries.push_back({wildcard->join(), Wire::SourceKind::wildcard, wildcard->address(), g.key()});
+    add(g->joinedSourceIterator(), Wire::SourceKind::source, true);
+    add(g->prunedSourceIterator(), Wire::SourceKind::source, false);
+    add(g->joinedRptSourceIterator(), Wire::SourceKind::sourceRpt, true);
+    add(g->prunedRptSourceIterator(), Wire::SourceKind::sourceRpt, false);
+  }
+  return entries;
+}
+
+// Periodic data stays as it is. Of the other, false if the entry is not there any more.
+bool takeOfTempered(Packet::JoinPruneData& data, RouteEntry const& entry) {
+  if (data.periodic()) return true;
+  auto const group = data.joinPruneGroupData(entry.group);
+  return group && takeOut(*group, entry);
+}
+
+// As what an entry counts that comes after `taken` others.
+U32& counterOf(Packet::JoinPruneMessage::Report& report, TemperCommand const& temper, std::size_t taken) {
+  return taken < temper.filtered                                    ? report.filteredSources
+         : taken < std::size_t{temper.filtered} + temper.suppressed ? report.suppressedSources
+                                                                    : report.sources;
+}
+
+void removeEmptyGroups(Packet::JoinPruneData& data) {
+  for (auto g = data.joinPruneGroupDataIterator(); g; ++g)
+    if (g->empty()) data.joinPruneGroupDataDel(g.key());
+}
+
+}  // namespace
+
+// Of what a temper does at a moment.
+void Simulation::performAll(std::vector<std::string> const& commands) {
+  for (auto const& command : commands) {
+    try {
+      refuseIfLookedAtTooMuch();
+      std::visit([this](auto const& one) { on(one); }, commandFromText(command));
+    } catch (std::range_error const& e) {
+      line(fmt::format("cannot {}: {}", command, e.what()));
+    }
+  }
+}
+
+// What `temper` says, instead of packets. Whatever is called here may change the temper, the data and the machines.
+void Simulation::sendTempered(IO::MessageInfo const& record) {
+  using Moment = TemperCommand::Moment;
+  auto const kept = temper_;
+  TemperCommand const& temper = *kept;
+  auto const message = record.joinPruneMessage();
+  auto const data = message->joinPruneData();
+  auto const intf = record.intfId();
+  bool const performs = ++temperedMessages_ == temper.message;
+  bool const weary = ++temperedAtOnce_ > mostTemperedMessages || lookedAt_ > mayLookAt_;
+  auto const throws = [this, &temper](Moment now) {
+    if (temper.throws != now) return;
+    line("the packet manager throws");
+    throw std::runtime_error("the temper");
+  };
+  auto const moment = [&](Moment now) {
+    if (performs && temper.moment == now) performAll(temper.commands);
+  };
+  auto const pending = inOrderOfWalk(*data);
+  lookedAt_ += data->joinPruneGroupDataCount() + pending.size();
+  auto const channel = channelOf(*data);
+  auto const holdTime = data->holdTime();
+  throws(Moment::first);
+  moment(Moment::first);
+  Packet::JoinPruneMessage::Report report;
+  std::vector<RouteEntry> taken;
+  for (auto const& entry : pending) {
+    if (taken.size() >= temper.take || weary) break;
+    if (!takeOfTempered(*data, entry)) continue;
+    ++counterOf(report, temper, taken.size());
+    taken.push_back(entry);
+    if (taken.size() != 1) continue;
+    moment(Moment::middle);
+    throws(Moment::middle);
+  }
+  if (temper.tidy) removeEmptyGroups(*data);
+  line(fmt::format("taken on {}, upstream {}, {}, hold {}, of {}: {}, {} suppressed, {} filtered",
+                   intf.name(), toText(data->upstreamNeighbor()), channel, holdTime, pending.size(),
+                   counted(report.sources, "source"), report.suppressedSources, report.filteredSources));
+  for (auto const& entry : taken) line(fmt::format("  {}", toText(entry)));
+  nowIs(now_ + temper.cost);
+  message->reportIs(weary ? report : temper.report.value_or(report));
+  moment(Moment::last);
+  throws(Moment::last);
+}
+
+// Whoever is to serve the transmit record, the manager or the temper.
+void Simulation::serveRecord() {
+  if (temper_->on) {
+    manager_->stop();
+    temperer_->notifierIs(manager_->txMessageInfo());
+  } else {
+    temperer_->notifierIs(nullptr);
+    if (manager_->txMessageInfo()) manager_->start();
+  }
+}
+
+void Simulation::on(RecordCommand const& command) {
+  if (!command.on) {
+    manager_->txMessageInfoDel();
+  } else {
+    manager_->txMessageInfoIs();
+    serveRecord();
+  }
+}
+
+void Simulation::on(TemperCommand const& command) {
+  temper_ = std::make_shared<TemperCommand>(command);
+  temperedMessages_ = 0;
+  serveRecord();
+}
+
+}  // namespace Routing::Pim::Jpagent
