@@ -2,16 +2,17 @@
 #include "jpagent/simulate/Conversation.h"
 
 #include "fuzz/Fuzz.h"
+#include "tests/conversations/own/OwnCommands.h"
 
 using namespace Routing::Pim::Jpagent;
 
 extern "C" int LLVMFuzzerTestOneInput(U8 const* data, std::size_t size) {
   auto const text = Fuzz::textOf({data, size});
   try {
-    Conversation const conversation(text);
+    Conversation const conversation(text, ownForms());
     FUZZ_REQUIRE(!conversation.story().empty() && !conversation.steps().empty());
     std::string const output = "0.000 -- a line\n0.000 -- another\n";
-    Conversation const rewritten(conversation.withExpected(output));
+    Conversation const rewritten(conversation.withExpected(output), ownForms());
     FUZZ_REQUIRE(rewritten.hasRule() && rewritten.difference("", output).empty());
     FUZZ_REQUIRE(!rewritten.difference("", "0.000 -- a line\n").empty());
     FUZZ_REQUIRE(rewritten.story() == conversation.story());

@@ -1,6 +1,6 @@
 // Bytes as commands to a simulation, with the real packet manager: every packet keeps to the rules, and the same
 // commands give the same lines when they are performed again.
-#include "jpagent/simulate/Simulation.h"
+#include "tests/conversations/own/OwnSimulation.h"
 
 #include <sstream>
 
@@ -86,7 +86,7 @@ SetCommand settingFrom(Input& input) {
   return {subject, std::string(oneOf(input, attributes)), std::string(oneOf(input, values))};
 }
 
-TemperCommand temperFrom(Input& input) {
+Command temperFrom(Input& input) {
   using Moment = TemperCommand::Moment;
   constexpr std::string_view commands[] = {"neighbor 10.0.0.2 down",
                                            "drop",
@@ -97,7 +97,8 @@ TemperCommand temperFrom(Input& input) {
                                            "interface eth0 down",
                                            "triggered 10.0.0.3 join (10.9.0.1,239.1.1.1)",
                                            "periodic 10.0.0.2 join 9 routes from (10.9.0.1,239.1.1.1)"};
-  TemperCommand command;
+  auto const made = std::make_shared<TemperCommand>();
+  TemperCommand& command = *made;
   U8 const how = input.u8();
   command.on = how & 3;
   if (how & 4) command.take = input.below(4);
@@ -107,7 +108,7 @@ TemperCommand temperFrom(Input& input) {
   command.moment = static_cast<Moment>(input.below(4));
   command.message = 1 + input.below(3);
   while (input.flag()) command.commands.emplace_back(oneOf(input, commands));
-  return command;
+  return made;
 }
 
 Command commandFrom(Input& input) {
@@ -180,7 +181,7 @@ std::string lines(U8 const* bytes, std::size_t size) {
   Input input(bytes, size);
   std::ostringstream out;
   CheckedPackets packets;
-  Simulation simulation(out, &packets);
+  OwnSimulation simulation(out, &packets);
   while (input) {
     try {
       simulation.perform(commandFrom(input));

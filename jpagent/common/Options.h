@@ -1,5 +1,5 @@
-// What command lines and conversations say about groups and traces, in the domain's types. Texts that do not parse
-// throw OptionError with one line that quotes them.
+// What command lines and conversations say about groups and traces, in the domain's types. Texts that do not
+// parse throw OptionError with one line that quotes them.
 #pragma once
 
 #include <stdexcept>

@@ -5,8 +5,8 @@
 
 namespace Routing::Pim::Jpagent {
 
-/// Hands the capture's messages to the engine; entries, refusals and totals go to `report`. Returns the exit status.
-/// Throws CaptureError or OutputError if the run cannot begin.
+/// Hands the capture's messages to the engine; entries, refusals and totals are told to `report`. Returns the
+/// exit status. Throws CaptureError or OutputError if the run cannot begin.
 int runReplay(std::string const& file, ReplayOptions const& options, Report& report);
 
 }  // namespace Routing::Pim::Jpagent

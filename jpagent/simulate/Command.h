@@ -1,7 +1,9 @@
 // What the lines of a conversation say, one structure for each command; what was left out is empty.
 #pragma once
 
+#include <memory>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -37,15 +39,12 @@ struct InterfaceCommand {
   std::optional<U32> mtu;
   bool notify = false;
   bool down = false;
-  bool stay = false;   // As it is, up or down.
   bool renew = false;  // Another object takes its place.
-  bool again = false;  // Told of without a change.
 };
 struct NeighborCommand {
   IpGenAddr address;
   std::string intf;  // Empty for a neighbor that is known.
   bool down = false;
-  bool again = false;
 };
 struct RpCommand {
   std::string text;
@@ -57,18 +56,16 @@ struct PolicyCommand {
   IpGenPrefix groups;
   bool off = false;
 };
-/// What becomes of a target's data. Apart from `add` and `remove` it is what breaks the rules for agents, or what only
-/// the engine does otherwise.
+/// What becomes of a target's data. Apart from `add` and `remove` it is what breaks the rules for agents, or
+/// what only the engine does otherwise.
 enum class Change : U8 {
   add,
   remove,
   removeWildcard,  // of the group, whatever it says
   make,            // the data set itself
   gone,
-  group,    // added empty
-  ungroup,  // removed with all that is in it
-  filled,   // groups that arrive with the entries in them
-  again     // entries, or all groups, that are told of without a change
+  group,   // added empty
+  ungroup  // removed with all that is in it
 };
 struct DataCommand {
   Channel channel;
@@ -76,7 +73,6 @@ struct DataCommand {
   Change change = Change::add;
   Routes entries;
   IpGenAddr group = {};
-  bool all = false;  // Told of as a whole instead of one by one.
 };
 struct ReceiveCommand {
   std::string intf;
@@ -101,22 +97,6 @@ struct KeepCommand {
 struct RecordCommand {
   bool on;
 };
-/// Another packet manager in place of the real one; see Simulation.h. Nothing in it for the real one. Among
-/// its commands is no `wait`, and no other that puts such a manager in place.
-struct TemperCommand {
-  enum class Moment : U8 { none, first, middle, last };
-  using Report = Packet::JoinPruneMessage::Report;
-
-  bool on = false;
-  U32 take = ~U32{0}, filtered = 0, suppressed = 0;
-  bool tidy = false;
-  std::optional<Report> report;  // What it says it did, if that is not the truth.
-  Moment throws = Moment::none;
-  Seconds cost = 0;
-  Moment moment = Moment::none;  // When in the message `message`, counted from 1, `commands` are performed.
-  U32 message = 0;
-  std::vector<std::string> commands;
-};
 struct SetCommand {
   std::string subject, attribute, value;
 };
@@ -135,13 +115,28 @@ struct SayCommand {
   std::string text;
 };
 
+class Simulation;
+
+/// What a program that extends the table of commands has beside those above.
+class ExtraCommand {
+ public:
+  virtual ~ExtraCommand() = default;
+  /// Performs it. What cannot be done throws std::range_error with the reason.
+  virtual void perform(Simulation& simulation) const = 0;
+};
+using OwnCommand = std::shared_ptr<ExtraCommand const>;
+
 using Command = std::variant<InterfaceCommand, NeighborCommand, RpCommand, PolicyCommand, DataCommand,
                              ReceiveCommand, WaitCommand, BusyCommand, SeedCommand, CostCommand, SetCommand,
-                             StartCommand, DropCommand, KeepCommand, RecordCommand, TemperCommand,
-                             ShowCommand, TraceCommand, PacketsCommand, SayCommand>;
+                             StartCommand, DropCommand, KeepCommand, RecordCommand, ShowCommand, TraceCommand,
+                             PacketsCommand, SayCommand, OwnCommand>;
+
+struct Form;
+/// Rows of a table of commands that come before jpagent's own. They must outlive what was parsed with them.
+using OwnForms = std::span<Form const>;
 
 /// Parses one command. Throws ConversationError, with the given line, that says what was expected.
-Command commandFromText(std::string_view text, U32 line = 0);
+Command commandFromText(std::string_view text, U32 line = 0, OwnForms own = {});
 
 /// The forms of all commands with a few words on each, for help texts.
 std::string commandReference();

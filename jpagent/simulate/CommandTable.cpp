@@ -5,7 +5,8 @@ namespace Routing::Pim::Jpagent {
 namespace {
 
 Command wait(Words& words) {
-  if (words.inside()) words.refuse("expected no wait inside a temper: time passes while nothing is sent");
+  if (words.inside())
+    words.refuse("expected no wait inside another command: time passes while nothing is sent");
   bool const until = words.taken("until");
   return WaitCommand{words.seconds(), until};
 }
@@ -64,15 +65,15 @@ Command say(Words& words) {
   return SayCommand{std::string(words.takeRest())};
 }
 
+Command interface(Words& words) { return takeInterface(words); }
+
+Command neighbor(Words& words) { return takeNeighbor(words); }
+
 constexpr Form forms[] = {
     {"interface", interface,
-     "NAME [ADDRESS/LEN | none] [hold S] [interval S] [override S] [mtu BYTES] [notify] [renew] [again] "
-     "[stay | down]",
-     "an interface comes up, changes, repeats its address, becomes another object, is told of again, stays "
-     "as it "
-     "is, or goes down"},
-    {"neighbor", neighbor, "ADDRESS on NAME | down | up | again",
-     "a neighbor comes up, goes down, returns, is told of again"},
+     "NAME [ADDRESS/LEN | none] [hold S] [interval S] [override S] [mtu BYTES] [notify] [renew] [down]",
+     "an interface comes up, changes, repeats its address, becomes another object, or goes down"},
+    {"neighbor", neighbor, "ADDRESS on NAME | down | up", "a neighbor comes up, goes down, returns"},
     {"rp", rp, "GROUP/LEN=ADDRESS", "the RP of groups; without one, the RP in a message is right"},
     {"deny", policyOn<Policy::deny>, "GROUP/LEN [off]", "the filter on receipt denies groups"},
     {"filter", policyOn<Policy::filter>, "GROUP/LEN [off]", "the packet manager filters groups"},
@@ -81,13 +82,10 @@ constexpr Form forms[] = {
     {"drop", drop, "", "drops the message machine"},
     {"triggered", dataOf<Channel::triggered>, "TARGET [remove] join ROUTE... prune ROUTE...",
      "changes what is pending for an upstream target"},
-    {"override", dataOf<Channel::override>,
-     "TARGET make | gone | group G | ungroup G | remove wildcard G | filled [all] join ROUTE... | again "
-     "[all] [join "
-     "ROUTE...]",
+    {"override", dataOf<Channel::override>, "TARGET make | gone | group G | ungroup G | remove wildcard G",
      "the same; what else can become of it: the data set comes or goes, a group comes empty, or goes with "
-     "what is "
-     "in it, groups arrive filled, or are told of without a change: one by one, or as a whole"},
+     "what "
+     "is in it"},
     {"periodic", dataOf<Channel::periodic>, "TARGET [remove] join ROUTE... prune ROUTE...",
      "the same; ROUTE is (S,G), (*,G) rp ADDRESS, (S,G,rpt), or N routes from ROUTE (groups are counted "
      "upwards), or N sources from ROUTE (sources are): at most 1000000 in a line and 2000000 in a file"},
@@ -100,13 +98,6 @@ constexpr Form forms[] = {
     {"set", set, "TARGET | NAME | machine ATTRIBUTE VALUE", "sets an attribute by name"},
     {"keep", keep, "TARGET | nothing", "the machine of a target is held, also when it is gone"},
     {"record", record, "on | off", "the transmit record is there or not"},
-    {"temper", temper,
-     "off | on [take N] [filtered N] [suppressed N] [tidy] [report SOURCES SUPPRESSED FILTERED] [throws "
-     "MOMENT] "
-     "[cost S] [MOMENT of N do COMMAND ; COMMAND...]",
-     "another packet manager takes so many entries per message, calls some of them filtered or suppressed, "
-     "removes empty groups, tells lies, throws, takes its time, or performs commands (not wait or temper on) "
-     "at the first, middle or last moment of its message number N"},
     {"packets", packets, "full | brief", "how packets are shown from now on"},
     {"trace", trace, "LEVELS | off", "which trace lines of the engine are shown from now on"},
     {"show", show, "[sets]", "the machines, or what is pending entry by entry"},
@@ -116,17 +107,19 @@ constexpr Form forms[] = {
 }  // namespace
 
 Command commandFrom(Words& words) {
-  for (auto const& form : forms) {
-    if (!words.taken(form.word)) continue;
-    auto command = form.parse(words);
-    if (words) words.fail("the end of the line");
-    return command;
+  for (OwnForms const table : {words.own(), OwnForms(forms)}) {
+    for (auto const& form : table) {
+      if (!words.taken(form.word)) continue;
+      auto command = form.parse(words);
+      if (words) words.fail("the end of the line");
+      return command;
+    }
   }
   words.fail("a command");
 }
 
-Command commandFromText(std::string_view text, U32 line) {
-  Words words(text, line);
+Command commandFromText(std::string_view text, U32 line, OwnForms own) {
+  Words words(text, line, own);
   return commandFrom(words);
 }
 

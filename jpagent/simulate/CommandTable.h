@@ -1,6 +1,8 @@
-// The table of all commands: by which word each begins, who reads the rest of its line, and what help says about it.
+// The table of all commands: by which word each begins, who reads the rest of its line, and what help says
+// about it. A program that has commands of its own puts a table before it (see Command.h: OwnForms).
 #pragma once
 
+#include <functional>
 #include <string_view>
 
 #include "jpagent/simulate/Words.h"
@@ -20,20 +22,24 @@ Command commandFrom(Words& words);
 
 // The parsers, each of what follows its word.
 
-Command interface(Words& words);
-Command neighbor(Words& words);
+/// Asked for a word that the table of jpagent does not know: whether it was taken.
+using Other = std::function<bool()>;
+inline bool nothingElse() { return false; }
+
+InterfaceCommand takeInterface(Words& words, Other const& other = nothingElse);
+NeighborCommand takeNeighbor(Words& words, Other const& other = nothingElse);
 Command rp(Words& words);
 template <Policy policy>
 Command policyOn(Words& words) {
   auto const groups = words.groups();
   return PolicyCommand{policy, groups, words.taken("off")};
 }
-Command data(Words& words, Channel channel);
+/// If something else was taken after the target, the entries are left to who took it.
+DataCommand takeData(Words& words, Channel channel, Other const& other = nothingElse);
 template <Channel channel>
 Command dataOf(Words& words) {
-  return data(words, channel);
+  return takeData(words, channel);
 }
 Command receive(Words& words);
-Command temper(Words& words);
 
 }  // namespace Routing::Pim::Jpagent

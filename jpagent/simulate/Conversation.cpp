@@ -42,7 +42,8 @@ class Lines {
 
 }  // namespace
 
-Conversation::Conversation(std::string_view text) : text_(std::make_shared<std::string const>(text)) {
+Conversation::Conversation(std::string_view text, OwnForms own)
+    : text_(std::make_shared<std::string const>(text)) {
   Lines lines(*text_);
   std::string_view line;
   if (!lines.next(line) || !line.starts_with('#') || trimmed(line.substr(1)).empty()) {
@@ -55,13 +56,13 @@ Conversation::Conversation(std::string_view text) : text_(std::make_shared<std::
     if (isRule(line)) {
       firstExpectedLine_ = at + 1;
     } else if (!line.empty() && line.front() != '#') {
-      Words words(line, at);
+      Words words(line, at, own);
       commandFrom(words);
       routes += words.routes();
       if (routes > mostRoutesOfFile)
         words.refuse(fmt::format("expected at most {} routes in the ranges of all lines up to here, not {}",
                                  mostRoutesOfFile, routes));
-      steps_.push_back({at, line});
+      steps_.push_back({at, line, own});
     }
   }
   expected_ = lines.rest();
@@ -69,7 +70,7 @@ Conversation::Conversation(std::string_view text) : text_(std::make_shared<std::
   if (steps_.empty()) throw ConversationError(0, "expected commands");
 }
 
-Conversation Conversation::fromFile(std::string const& path) {
+Conversation Conversation::fromFile(std::string const& path, OwnForms own) {
   std::string text;
   errno = 0;
   try {
@@ -80,7 +81,7 @@ Conversation Conversation::fromFile(std::string const& path) {
   } catch (std::ios_base::failure const&) {  // a folder is refused only when it is read
     throw ConversationError(0, errno == 0 ? "cannot be read" : std::generic_category().message(errno));
   }
-  return Conversation(text);
+  return Conversation(text, own);
 }
 
 std::string Conversation::difference(std::string_view name, std::string_view output) const {

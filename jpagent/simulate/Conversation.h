@@ -34,14 +34,15 @@ class Conversation {
   struct Step {
     U32 line;
     std::string_view text;
+    OwnForms own;
 
     /// Made each time: a command may be much larger than its text.
-    Command command() const { return commandFromText(text, line); }
+    Command command() const { return commandFromText(text, line, own); }
   };
 
   /// Throws ConversationError.
-  explicit Conversation(std::string_view text);
-  static Conversation fromFile(std::string const& path);
+  explicit Conversation(std::string_view text, OwnForms own = {});
+  static Conversation fromFile(std::string const& path, OwnForms own = {});
 
   /// The first line, without the sign of a comment.
   std::string const& story() const { return story_; }

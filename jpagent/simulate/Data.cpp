@@ -18,49 +18,6 @@ std::string changeText(Change change, RouteEntry const& entry) {
 
 }  // namespace
 
-void Simulation::fill(Packet::JoinPruneData& data, DataCommand const& command) {
-  std::vector<IpGenAddr> groups;
-  for (auto const& entry : command.entries)
-    if (data.joinPruneGroupData(entry.group)) refuse("group {} is there already", toText(entry.group));
-  for (auto const& entry : command.entries) {
-    auto group = data.joinPruneGroupData(entry.group);
-    if (!group) {
-      group = data.newJoinPruneGroupData(entry.group);
-      groups.push_back(entry.group);
-    }
-    put(*group, entry);
-  }
-  if (command.all) data.joinPruneGroupDataNotifyImmediate();
-  for (auto const& group : groups)
-    if (!command.all) data.joinPruneGroupDataNotify(group);
-}
-
-void Simulation::again(Packet::JoinPruneData& data, DataCommand const& command) {
-  if (command.entries.empty()) {
-    lookedAt_ += data.joinPruneGroupDataCount();
-    data.joinPruneGroupDataNotifyImmediate();
-  }
-  for (auto const& entry : command.entries) {
-    auto const group = data.joinPruneGroupData(entry.group);
-    if (!group) refuse("there is no group {}", toText(entry.group));
-    auto const tell = [&](auto all, auto one) {
-      command.all ? (*group.*all)() : (*group.*one)(entry.source);
-    };
-    using G = Packet::JoinPruneGroupData;
-    using All = void (G::*)();
-    using One = void (G::*)(IpGenAddr);
-    if (entry.kind == Wire::SourceKind::wildcard) refuse("a (*,G) entry cannot be told of without a change");
-    if (entry.kind == Wire::SourceKind::source && entry.join)
-      tell(All(&G::joinedSourceNotifyImmediate), One(&G::joinedSourceNotify));
-    else if (entry.kind == Wire::SourceKind::source)
-      tell(All(&G::prunedSourceNotifyImmediate), One(&G::prunedSourceNotify));
-    else if (entry.join)
-      tell(All(&G::joinedRptSourceNotifyImmediate), One(&G::joinedRptSourceNotify));
-    else
-      tell(All(&G::prunedRptSourceNotifyImmediate), One(&G::prunedRptSourceNotify));
-  }
-}
-
 // All or nothing: what cannot be removed is found before anything is.
 void Simulation::refuseUnlessAllAreThere(Packet::JoinPruneData const& data, DataCommand const& command) {
   std::set<std::tuple<bool, Wire::SourceKind, IpGenAddr, IpGenAddr>> removed;
@@ -139,10 +96,6 @@ void Simulation::change(Packet::JoinPruneData& data, DataCommand const& command)
     case Change::ungroup:
       data.joinPruneGroupDataDel(command.group);
       break;
-    case Change::filled:
-      return fill(data, command);
-    case Change::again:
-      return again(data, command);
     case Change::add:
       for (auto const& entry : command.entries) put(*data.joinPruneGroupDataIs(entry.group), entry);
       break;
@@ -153,10 +106,10 @@ void Simulation::change(Packet::JoinPruneData& data, DataCommand const& command)
   }
 }
 
-void Simulation::on(DataCommand const& command) {
+// What is to be changed. Refused if there is no such data set, or if the change costs too much.
+Vel::Ptr<Packet::JoinPruneData> Simulation::changingData(DataCommand const& command) {
   touched_.insert(command.target);
   auto const data = dataOf(command.target)[static_cast<std::size_t>(command.channel)];
-  if (command.change == Change::make) return makeData(command.channel, command.target);
   if (!data) refuse("{} is no upstream target", toText(command.target));
   if (Scrivo::TraceFile::current() != nullptr && !command.entries.empty()) {
     RingMessages::ofChannel(command.channel, [&]<Channel one>() {
@@ -169,7 +122,15 @@ void Simulation::on(DataCommand const& command) {
     lookedAt_ += command.entries.size() * (data->joinPruneGroupDataCount() + command.entries.size());
     refuseIfLookedAtTooMuch();
   }
-  change(*data, command);
+  return data;
+}
+
+void Simulation::on(DataCommand const& command) {
+  if (command.change == Change::make) {
+    touched_.insert(command.target);
+    return makeData(command.channel, command.target);
+  }
+  change(*changingData(command), command);
 }
 
 void Simulation::on(ReceiveCommand const& command) {

@@ -7,7 +7,7 @@
 
 namespace Routing::Pim::Jpagent {
 
-Command data(Words& words, Channel channel) {
+DataCommand takeData(Words& words, Channel channel, Other const& other) {
   DataCommand command{channel, words.address("the address of an upstream target"), Change::add, {}};
   auto const group = [&words, &command](Change change) {
     command.change = change;
@@ -15,6 +15,7 @@ Command data(Words& words, Channel channel) {
     if (Wire::groupFault(command.group, command.group.af())) words.refuse("expected a multicast group");
     return command;
   };
+  if (other()) return command;
   if (words.taken("make")) {
     command.change = Change::make;
     return command;
@@ -28,13 +29,6 @@ Command data(Words& words, Channel channel) {
   if (words.taken("remove")) {
     if (words.taken("wildcard")) return group(Change::removeWildcard);
     command.change = Change::remove;
-  } else if (words.taken("filled")) {
-    command.change = Change::filled;
-    command.all = words.taken("all");
-  } else if (words.taken("again")) {
-    command.change = Change::again;
-    command.all = words.taken("all");
-    if (!words) return command;
   }
   command.entries = takeEntries(words);
   return command;

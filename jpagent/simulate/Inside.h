@@ -72,17 +72,6 @@ class Simulation::MachineWatch final : public JoinPruneMessageSm::NotifieeConst 
   Simulation& simulation_;
 };
 
-// What it throws, as a manager with that temper does, is part of the story and not an error.
-class Simulation::Temper final : public IO::MessageInfo::Notifiee {
- public:
-  explicit Temper(Simulation& simulation) : simulation_(simulation) {}
-  void onCount() override { simulation_.sendTempered(*notifier()); }
-  void onNotificationException(Vel::AttributeId) override {}
-
- private:
-  Simulation& simulation_;
-};
-
 class Simulation::RecordWatch final : public JoinPruneMessageInfo::NotifieeConst {
  public:
   RecordWatch(Simulation& simulation, bool join) : simulation_(simulation), join_(join) {}

@@ -3,7 +3,7 @@
 
 namespace Routing::Pim::Jpagent {
 
-Command interface(Words& words) {
+InterfaceCommand takeInterface(Words& words, Other const& other) {
   InterfaceCommand command;
   if (!words) words.fail("the name of an interface");
   command.name = words.take();
@@ -22,18 +22,13 @@ Command interface(Words& words) {
       command.notify = true;
     } else if (words.taken("down")) {
       command.down = true;
-    } else if (words.taken("stay")) {
-      command.stay = true;
     } else if (words.taken("renew")) {
       command.renew = true;
-    } else if (words.taken("again")) {
-      command.again = true;
-    } else {
+    } else if (!other()) {
       auto const address = IpGenPrefix::fromText(words.peek());
       if (!address || Wire::sourceFault(address->ipGenAddr(), address->ipGenAddr().af())) {
         words.fail(
-            "an address such as 10.0.0.1/24, none, hold, interval, override, mtu, notify, renew, again, "
-            "stay or down");
+            "an address such as 10.0.0.1/24, none, hold, interval, override, mtu, notify, renew or down");
       }
       command.address = address;
       words.take();
@@ -42,7 +37,7 @@ Command interface(Words& words) {
   return command;
 }
 
-Command neighbor(Words& words) {
+NeighborCommand takeNeighbor(Words& words, Other const& other) {
   NeighborCommand command;
   auto const address = IpGenAddr::fromText(words.peek());
   if (!address || Wire::upstreamFault(*address)) words.fail("the address of a neighbor");
@@ -50,10 +45,8 @@ Command neighbor(Words& words) {
   words.take();
   if (words.taken("down")) {
     command.down = true;
-  } else if (words.taken("again")) {
-    command.again = true;
-  } else if (!words.taken("up")) {
-    if (!words.taken("on")) words.fail("\"on\", \"down\", \"up\" or \"again\"");
+  } else if (!other() && !words.taken("up")) {
+    if (!words.taken("on")) words.fail("\"on\", \"down\" or \"up\"");
     if (!words) words.fail("the name of an interface");
     command.intf = words.take();
   }

@@ -3,7 +3,7 @@
 
 namespace Routing::Pim::Jpagent {
 
-void Simulation::on(InterfaceCommand const& command) {
+void Simulation::changeInterface(InterfaceCommand const& command) {
   Dova::IntfId const id(command.name);
   if (command.down && !pimStatus_->pimIntf(id)) refuse("interface {} is not up", command.name);
   auto& intf = intfs_[command.name];
@@ -23,25 +23,21 @@ void Simulation::on(InterfaceCommand const& command) {
   }
   if (command.address) intf->usedAddressWithMaskIs(*command.address);
   if (command.notify) intf->usedAddressWithMaskNotify();
-  if (command.again) {
-    lookedAt_ += intfs_.size();
-    pimStatus_->pimIntfNotify(id);
-    pimStatus_->pimIntfNotifyImmediate();
-  }
+}
+
+void Simulation::on(InterfaceCommand const& command) {
+  changeInterface(command);
+  Dova::IntfId const id(command.name);
   if (command.down)
     pimStatus_->pimIntfDel(id);
-  else if (!command.stay && !pimStatus_->pimIntf(id))
-    pimStatus_->pimIntfIs(intf);
+  else if (!pimStatus_->pimIntf(id))
+    pimStatus_->pimIntfIs(intfs_.at(command.name));
 }
 
 void Simulation::on(NeighborCommand const& command) {
   auto const address = toText(command.address);
   auto const known = neighbors_.find(command.address);
   touched_.insert(command.address);
-  if (command.again) {
-    pimStatus_->pimNeighborNotify(command.address);
-    return;
-  }
   if (command.intf.empty() && known == neighbors_.end()) refuse("there is no neighbor {}", address);
   if (!command.down) {
     auto const intf = command.intf.empty() ? known->second : knownIntf(command.intf);

@@ -11,8 +11,8 @@ struct SimulateOptions {
   std::string pcapFile, scrivoFile;  ///< Empty for none.
 };
 
-/// Performs a conversation, and prints, compares or takes over what comes out. Returns the exit status. Throws
-/// OutputError if a file cannot be written.
+/// Performs a conversation, and prints, compares or takes over what comes out. Returns the exit status.
+/// Throws OutputError if a file cannot be written.
 int runSimulate(std::string const& file, SimulateOptions const& options);
 
 }  // namespace Routing::Pim::Jpagent

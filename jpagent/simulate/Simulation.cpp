@@ -45,7 +45,6 @@ Simulation::Simulation(std::ostream& out, Speaker::PacketSink* alsoTo, std::size
       rxJoin_(joinPruneMessageInfoFactory()),
       rxPrune_(joinPruneMessageInfoFactory()),
       channel_(Vel::create<IO::MessageInfo>()),
-      temperer_(Vel::create<Temper>(*this)),
       machineWatch_(Vel::create<MachineWatch>(*this)),
       joinWatch_(Vel::create<RecordWatch>(*this, true)),
       pruneWatch_(Vel::create<RecordWatch>(*this, false)),
@@ -67,7 +66,6 @@ Simulation::Simulation(std::ostream& out, Speaker::PacketSink* alsoTo, std::size
 // Silent: what ends with the process is not part of the story.
 Simulation::~Simulation() {
   machineWatch_->notifierIs(nullptr);
-  temperer_->notifierIs(nullptr);
   traceLevelsAre(0);
   Vel::traceSinkIs({});
   machine_ = nullptr;
@@ -98,7 +96,7 @@ Vel::Ptr<Intf> Simulation::knownIntf(std::string const& name) const {
 // --- Commands
 
 void Simulation::perform(Command const& command) {
-  temperedAtOnce_ = 0;
+  beginCommand();
   refuseIfLookedAtTooMuch();
   std::visit([this](auto const& one) { on(one); }, command);
   tellTimers();
@@ -185,6 +183,19 @@ void Simulation::on(PacketsCommand const& command) { brief_ = command.brief; }
 void Simulation::on(SayCommand const& command) {
   RingMessages::remark(command.text);
   line("-- " + command.text);
+}
+
+void Simulation::serveRecord() {
+  if (manager_->txMessageInfo()) manager_->start();
+}
+
+void Simulation::on(RecordCommand const& command) {
+  if (!command.on) {
+    manager_->txMessageInfoDel();
+  } else {
+    manager_->txMessageInfoIs();
+    serveRecord();
+  }
 }
 
 void simulate(Conversation const& conversation, Simulation& simulation) {

@@ -6,8 +6,6 @@
 //     0.100 timer 10.0.0.2 triggered fires                     if it is late: "fires, due 0.100"
 //     0.100 sent on eth0 from 10.0.0.1, upstream 10.0.0.2, triggered, hold 210, 34 bytes
 //     0.100   join (10.9.0.1,239.1.1.1)                        what the packet's bytes say
-//     0.100 taken on eth0, upstream 10.0.0.2, triggered, hold 210, of 2: 1 source, 0 suppressed, 0 filtered
-//     0.100   join (10.9.0.1,239.1.1.1)                        what a packet manager with a temper has taken
 //     1.000 rxJoin 1: (10.9.0.1,239.1.1.1), Flags: S, Intf: , Neighbor: 10.0.0.1, Holdtime: 210
 //     1.000 trace 7 JoinPruneNeighborSm(eth0::10.0.0.2)::@1::...    @1 stands for the object's address
 //
@@ -33,9 +31,10 @@ namespace Routing::Pim::Jpagent {
 
 enum class TimerEvent : U8;
 
+/// A program with commands of its own derives from it.
+///
 /// A command costs what it changes and what comes out, however many machines there are. What is looked at as
-/// a whole without a line for it (data sets at a start, groups that are told of again) is bounded for all
-/// commands together.
+/// a whole without a line for it (data sets at a start) is bounded for all commands together.
 ///
 /// REQUIRES: one simulation at a time in a process, since traces and the random generator are the process's.
 class Simulation {
@@ -47,7 +46,7 @@ class Simulation {
   /// the simulation.
   explicit Simulation(std::ostream& out, Speaker::PacketSink* alsoTo = nullptr,
                       std::size_t mayLookAt = mostLookedAt);
-  ~Simulation();
+  virtual ~Simulation();
   Simulation(Simulation const&) = delete;
   Simulation& operator=(Simulation const&) = delete;
 
@@ -63,12 +62,11 @@ class Simulation {
   /// At how many machines the commands so far have looked, to tell of their timers. For tests.
   std::size_t machinesLookedAt() const { return machinesLookedAt_; }
 
- private:
+ protected:
   class MachineWatch;
   class RecordWatch;
   class Rps;
   class Groups;
-  class Temper;
 
   // What is known of a neighbor machine; lines on its timers come from comparing it with what is. Its
   // timers are in armed_ too.
@@ -94,7 +92,7 @@ class Simulation {
   void on(DropCommand const& command);
   void on(KeepCommand const& command);
   void on(RecordCommand const& command);
-  void on(TemperCommand const& command);
+  void on(OwnCommand const& command) { command->perform(*this); }
   void on(ShowCommand const& command);
   void on(TraceCommand const& command);
   void on(PacketsCommand const& command);
@@ -102,11 +100,12 @@ class Simulation {
 
   void send(Speaker::OutgoingPacket const& packet);
   void traced(Vel::TraceLine const& line);
-  void sendTempered(IO::MessageInfo const& record);
-  void performAll(std::vector<std::string> const& commands);
-  void serveRecord();
-  void again(Packet::JoinPruneData& data, DataCommand const& command);
-  void fill(Packet::JoinPruneData& data, DataCommand const& command);
+  /// A command that was given, and not one inside another, is about to be performed.
+  virtual void beginCommand() {}
+  /// Whoever is to serve the transmit record begins to; there may be none.
+  virtual void serveRecord();
+  void changeInterface(InterfaceCommand const& command);
+  Vel::Ptr<Packet::JoinPruneData> changingData(DataCommand const& command);
   void makeData(Channel channel, IpGenAddr const& target);
   void removeData(Channel channel, IpGenAddr const& target);
   void retireGroup(Packet::JoinPruneData& data, IpGenAddr const& target,
@@ -161,12 +160,6 @@ class Simulation {
   std::map<IpGenAddr, Vel::Ptr<Intf>> neighbors_;  // where each was last
   Vel::Ptr<JoinPruneMessageSm> machine_;           // null unless started
   std::vector<Vel::Ptr<JoinPruneNeighborSm>> kept_;
-
-  // A packet manager in place of the real one.
-  std::shared_ptr<TemperCommand const> temper_ = std::make_shared<TemperCommand>();
-  U32 temperedMessages_ = 0;  // since the temper came
-  U32 temperedAtOnce_ = 0;    // in one command
-  Vel::Ptr<Temper> const temperer_;
 
   // What tells of the outputs.
   Vel::Ptr<MachineWatch> const machineWatch_;

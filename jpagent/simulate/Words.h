@@ -27,7 +27,7 @@ std::string quoted(std::string_view word);
 /// The words of a command, taken one by one. Whoever takes one says what it must be.
 class Words {
  public:
-  Words(std::string_view text, U32 line) : Words(text, line, ownRoutes_, false) {}
+  Words(std::string_view text, U32 line, OwnForms own = {}) : Words(text, line, ownRoutes_, false, own) {}
   Words(Words const&) = delete;
   Words& operator=(Words const&) = delete;
 
@@ -70,6 +70,7 @@ class Words {
   /// A command inside this one.
   void check(std::string_view command) const;
   bool inside() const { return inside_; }
+  OwnForms own() const { return own_; }
 
   /// How many routes the ranges of the line have.
   U32 routes() const { return routes_; }
@@ -79,14 +80,15 @@ class Words {
   IpGenPrefix groups();
 
  private:
-  Words(std::string_view text, U32 line, U32& routes, bool inside)
-      : rest_(trimmed(text)), line_(line), inside_(inside), routes_(routes) {}
+  Words(std::string_view text, U32 line, U32& routes, bool inside, OwnForms own)
+      : rest_(trimmed(text)), line_(line), inside_(inside), routes_(routes), own_(own) {}
 
   std::string_view rest_;
   U32 const line_;
   bool const inside_;  // another command
   U32 ownRoutes_ = 0;
   U32& routes_;
+  OwnForms const own_;
 };
 
 }  // namespace Routing::Pim::Jpagent

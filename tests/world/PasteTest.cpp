@@ -5,7 +5,7 @@
 #include <map>
 #include <sstream>
 
-#include "jpagent/simulate/Simulation.h"
+#include "tests/conversations/own/OwnSimulation.h"
 #include "tests/world/Paste.h"
 #include "tests/world/Random.h"
 
@@ -79,8 +79,8 @@ TEST_P(PasteTest, APastedSequenceTracesTheSame) {
     }
     auto const text = asConversation("A world.", sequence);
     std::ostringstream out;
-    Jpagent::Simulation simulation(out);
-    Jpagent::Conversation const conversation(text);
+    Jpagent::OwnSimulation simulation(out);
+    Jpagent::Conversation const conversation(text, Jpagent::ownForms());
     for (auto const& step : conversation.steps()) {
       ASSERT_NO_THROW(simulation.perform(step.command())) << text;
       ASSERT_TRUE(simulation.everyTimerIsTold()) << "line " << step.line << "\n" << text;

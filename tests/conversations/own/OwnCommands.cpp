@@ -1,9 +1,51 @@
-// The command that puts another packet manager in place.
-#include "jpagent/simulate/CommandTable.h"
+#include "tests/conversations/own/OwnCommands.h"
+
+#include "jpagent/simulate/RouteWords.h"
 
 namespace Routing::Pim::Jpagent {
 
 namespace {
+
+Command interface(Words& words) {
+  bool stay = false, again = false;
+  auto command = takeInterface(words, [&] {
+    if (words.taken("stay")) return stay = true;
+    if (words.taken("again")) return again = true;
+    return false;
+  });
+  if (!stay && !again) return command;
+  auto const made = std::make_shared<OwnInterfaceCommand>();
+  made->command = std::move(command);
+  made->stay = stay;
+  made->again = again;
+  return made;
+}
+
+Command neighbor(Words& words) {
+  bool again = false;
+  auto command = takeNeighbor(words, [&] { return again = words.taken("again"); });
+  if (!again) return command;
+  auto const made = std::make_shared<NeighborAgainCommand>();
+  made->address = command.address;
+  return made;
+}
+
+template <Channel channel>
+Command data(Words& words) {
+  bool filled = false, again = false;
+  auto command = takeData(words, channel, [&] {
+    filled = words.taken("filled");
+    again = !filled && words.taken("again");
+    return filled || again;
+  });
+  if (!filled && !again) return command;
+  auto const made = std::make_shared<OwnDataCommand>();
+  made->command = std::move(command);
+  made->filled = filled;
+  made->all = words.taken("all");
+  if (filled || words) made->command.entries = takeEntries(words);
+  return made;
+}
 
 TemperCommand::Moment takeMoment(Words& words) {
   using Moment = TemperCommand::Moment;
@@ -14,12 +56,11 @@ TemperCommand::Moment takeMoment(Words& words) {
   words.fail("\"first\", \"middle\" or \"last\"");
 }
 
-}  // namespace
-
 Command temper(Words& words) {
   constexpr U32 most = ~U32{0};
-  TemperCommand command;
-  if (words.taken("off")) return command;
+  auto const made = std::make_shared<TemperCommand>();
+  TemperCommand& command = *made;
+  if (words.taken("off")) return made;
   if (!words.taken("on")) words.fail("\"on\" or \"off\"");
   if (words.inside()) words.refuse("expected no temper inside a temper");
   command.on = true;
@@ -57,7 +98,20 @@ Command temper(Words& words) {
       words.fail("take, filtered, suppressed, tidy, report, throws, cost, first, middle or last");
     }
   }
-  return command;
+  return made;
 }
+
+constexpr Form forms[] = {
+    {"interface", interface, "", ""},
+    {"neighbor", neighbor, "", ""},
+    {"triggered", data<Channel::triggered>, "", ""},
+    {"override", data<Channel::override>, "", ""},
+    {"periodic", data<Channel::periodic>, "", ""},
+    {"temper", temper, "", ""},
+};
+
+}  // namespace
+
+OwnForms ownForms() { return forms; }
 
 }  // namespace Routing::Pim::Jpagent
