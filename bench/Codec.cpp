@@ -6,8 +6,8 @@
 #include <cstring>
 #include <vector>
 
-#include "pim/wire/PimMessage.h"
 #include "bench/Bench.h"
+#include "pim/wire/PimMessage.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ struct FloorSet {
 // What a message is made of, without a promise.
 struct FloorMessage {
   std::vector<FloorSet> sets;
-  std::vector<WireSource> sources;
+  std::vector<Source> sources;
 };
 
 U32 checksum(std::vector<U8> const& bytes) {

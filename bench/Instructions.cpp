@@ -19,10 +19,10 @@
 #include <string>
 #include <vector>
 
-#include "pim/wire/PimMessage.h"
 #include "bench/Containers.h"
 #include "bench/Receiver.h"
 #include "bench/Router.h"
+#include "pim/wire/PimMessage.h"
 #include "runtime/scrivo/Scrivo.h"
 #include "runtime/vel/Hash.h"
 #include "runtime/vel/Trace.h"

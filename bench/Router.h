@@ -8,9 +8,9 @@
 
 #include <algorithm>
 
+#include "pim/joinprune/JoinPruneMessageSm.h"
 #include "pim/speaker/PacketManager.h"
 #include "pim/speaker/PacketSinks.h"
-#include "pim/joinprune/JoinPruneMessageSm.h"
 
 namespace Bench {
 
@@ -103,8 +103,9 @@ struct RefreshingRouter : Router {
 
   U32 const routes;
   std::size_t sent = 0;
-  Routing::Pim::Speaker::ForwardedPackets sink{
-      [this](Routing::Pim::Speaker::OutgoingPacket const& packet) { sent += packet.message.groups().size(); }};
+  Routing::Pim::Speaker::ForwardedPackets sink{[this](Routing::Pim::Speaker::OutgoingPacket const& packet) {
+    sent += packet.message.groups().size();
+  }};
 };
 
 inline IpGenAddr neighborOf(U32 i) { return IpGenAddr::ipv4(0x0a000100u + i); }
