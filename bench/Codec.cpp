@@ -6,12 +6,12 @@
 #include <cstring>
 #include <vector>
 
-#include "agent/PimMessage.h"
 #include "bench/Bench.h"
+#include "pim/wire/PimMessage.h"
 
 namespace {
 
-using namespace Routing::Pim::Agent;
+using namespace Routing::Pim::Wire;
 
 struct FloorSet {
   IpGenAddr group;
@@ -21,7 +21,7 @@ struct FloorSet {
 // What a message is made of, without a promise.
 struct FloorMessage {
   std::vector<FloorSet> sets;
-  std::vector<WireSource> sources;
+  std::vector<Source> sources;
 };
 
 U32 checksum(std::vector<U8> const& bytes) {
@@ -110,7 +110,7 @@ void measure(U32 groups, U32 sources) {
   constexpr U8 firstOfGroup = Size == 4 ? 239 : 0xff, firstOfSource = Size == 4 ? 10 : 0x20;
   auto const host = [](U32 number) { return address<Size>(firstOfSource, number); };
 
-  WireMessage message(host(65000), 210);
+  JoinPrune message(host(65000), 210);
   FloorMessage plain;
   for (U32 g = 0; g < groups; ++g) {
     IpGenAddr const group = address<Size>(firstOfGroup, g);
@@ -142,7 +142,7 @@ void measure(U32 groups, U32 sources) {
     watch.start();
     for (int i = 0; i < rounds; ++i) {
       auto const decoded = decodeJoinPrune(bytes, source, destination);
-      Bench::keep(std::get<WireMessage>(decoded).groups().size());
+      Bench::keep(std::get<JoinPrune>(decoded).groups().size());
     }
     watch.stop(rounds * entries);
   });

@@ -19,17 +19,17 @@
 #include <string>
 #include <vector>
 
-#include "agent/PimMessage.h"
 #include "bench/Containers.h"
 #include "bench/Receiver.h"
 #include "bench/Router.h"
+#include "pim/wire/PimMessage.h"
 #include "runtime/scrivo/Scrivo.h"
 #include "runtime/vel/Hash.h"
 #include "runtime/vel/Trace.h"
 
 namespace {
 
-namespace Agent = Routing::Pim::Agent;
+namespace Wire = Routing::Pim::Wire;
 using Bench::Keys;
 using Dova::IpGenAddr;
 using Vel::U32;
@@ -235,17 +235,17 @@ Body refresh() {
 
 struct Coded {
   Coded() {
-    using Agent::SourceKind;
+    using Wire::SourceKind;
     for (U32 g = 0; g < 70; ++g) {
       message.groupAdd(Bench::groupOf(g));
       message.joinAdd(SourceKind::source, IpGenAddr::ipv4(0x0a090001u + g));
     }
     bytes = encode();
   }
-  std::vector<Vel::U8> encode() const { return Agent::encodeJoinPrune(message, source, destination); }
+  std::vector<Vel::U8> encode() const { return Wire::encodeJoinPrune(message, source, destination); }
 
-  Agent::WireMessage message{IpGenAddr("10.0.0.1"), 210};
-  IpGenAddr const source{"10.0.0.2"}, destination{Agent::allPimRouters(source.af())};
+  Wire::JoinPrune message{IpGenAddr("10.0.0.1"), 210};
+  IpGenAddr const source{"10.0.0.2"}, destination{Wire::allPimRouters(source.af())};
   std::vector<Vel::U8> bytes;
 };
 
@@ -258,8 +258,8 @@ Body encode() {
 Body decode() {
   return [coded = Coded()] {
     for (int i = 0; i < 100; ++i) {
-      auto const decoded = Agent::decodeJoinPrune(coded.bytes, coded.source, coded.destination);
-      if (std::get<Agent::WireMessage>(decoded).groups().size() != 70) std::abort();
+      auto const decoded = Wire::decodeJoinPrune(coded.bytes, coded.source, coded.destination);
+      if (std::get<Wire::JoinPrune>(decoded).groups().size() != 70) std::abort();
     }
   };
 }

@@ -8,9 +8,9 @@
 
 #include <algorithm>
 
-#include "agent/PacketManager.h"
-#include "agent/PacketSinks.h"
 #include "pim/joinprune/JoinPruneMessageSm.h"
+#include "pim/speaker/PacketManager.h"
+#include "pim/speaker/PacketSinks.h"
 
 namespace Bench {
 
@@ -90,7 +90,7 @@ struct TakingRouter : Router {
 /// With periodic routes, and the agent's packet manager, whose packets are counted and dropped.
 struct RefreshingRouter : Router {
   explicit RefreshingRouter(U32 size) : routes(size) {
-    auto const manager = Vel::create<Routing::Pim::Agent::PacketManager>(sink, pim);
+    auto const manager = Vel::create<Routing::Pim::Speaker::PacketManager>(sink, pim);
     manager->start();
     start(manager);
     for (U32 i = 0; i < routes; ++i) add(*periodic, i);
@@ -103,8 +103,9 @@ struct RefreshingRouter : Router {
 
   U32 const routes;
   std::size_t sent = 0;
-  Routing::Pim::Agent::ForwardedPackets sink{
-      [this](Routing::Pim::Agent::OutgoingPacket const& packet) { sent += packet.message.groups().size(); }};
+  Routing::Pim::Speaker::ForwardedPackets sink{[this](Routing::Pim::Speaker::OutgoingPacket const& packet) {
+    sent += packet.message.groups().size();
+  }};
 };
 
 inline IpGenAddr neighborOf(U32 i) { return IpGenAddr::ipv4(0x0a000100u + i); }

@@ -1,5 +1,5 @@
 # What cmake --install puts where: the libraries, their headers as they lie in the tree, the CMake package, the
-# pkg-config file, and jpagent with its manual page. All of it can be moved together with its prefix.
+# pkg-config files, and jpagent with its manual page. All of it can be moved together with its prefix.
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 set(include_dir ${CMAKE_INSTALL_INCLUDEDIR}/PimJoinPrune)
@@ -7,15 +7,18 @@ set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/PimJoinPrune)
 set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 set_property(TARGET joinprune_shared PROPERTY EXPORT_NAME joinprune)
-install(TARGETS joinprune_shared joinprune_static EXPORT PimJoinPruneTargets
+set_property(TARGET speaker_shared PROPERTY EXPORT_NAME speaker)
+install(TARGETS joinprune_shared joinprune_static speaker_shared speaker_static EXPORT PimJoinPruneTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
         INCLUDES DESTINATION ${include_dir})
 install(CODE "if(CMAKE_INSTALL_DO_STRIP)
-  execute_process(COMMAND \"${CMAKE_STRIP}\" -g
-    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/libpimjoinprune.a\" COMMAND_ERROR_IS_FATAL ANY)
+  foreach(library libpimjoinprune.a libpimspeaker.a)
+    execute_process(COMMAND \"${CMAKE_STRIP}\" -g
+      \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/\${library}\" COMMAND_ERROR_IS_FATAL ANY)
+  endforeach()
 endif()" COMPONENT development)  # CMake itself strips no static libraries
-install(DIRECTORY runtime pim ${PROJECT_BINARY_DIR}/include/runtime DESTINATION ${include_dir}
+install(DIRECTORY runtime pim ${PROJECT_BINARY_DIR}/include/ DESTINATION ${include_dir}
         COMPONENT development FILES_MATCHING PATTERN *.h)
 
 install(EXPORT PimJoinPruneTargets NAMESPACE PimJoinPrune:: DESTINATION ${cmake_dir} COMPONENT development)
@@ -32,8 +35,10 @@ list(REMOVE_DUPLICATES cxx_libraries)
 list(TRANSFORM cxx_libraries PREPEND -l)
 list(JOIN cxx_libraries " " cxx_libraries)
 file(RELATIVE_PATH prefix_from_pkgconfig /${pkgconfig_dir} /)
-configure_file(cmake/pimjoinprune.pc.in pimjoinprune.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/pimjoinprune.pc DESTINATION ${pkgconfig_dir} COMPONENT development)
+foreach(library pimjoinprune pimspeaker)
+  configure_file(cmake/${library}.pc.in ${library}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${pkgconfig_dir} COMPONENT development)
+endforeach()
 
 # As Debian wants it: without a time stamp, so that the same input gives the same bytes.
 function(compressed file result)
@@ -42,7 +47,7 @@ endfunction()
 
 if(TARGET jpagent)
   install(TARGETS jpagent RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  configure_file(agent/jpagent.1 jpagent.1 @ONLY)
+  configure_file(jpagent/jpagent.1 jpagent.1 @ONLY)
   compressed(${PROJECT_BINARY_DIR}/jpagent.1 ${PROJECT_BINARY_DIR}/jpagent.1.gz)
   install(FILES ${PROJECT_BINARY_DIR}/jpagent.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
   install(FILES docs/trace-viewer.html DESTINATION ${CMAKE_INSTALL_DATADIR}/PimJoinPrune COMPONENT tools)

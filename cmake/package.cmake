@@ -1,4 +1,4 @@
-# What cpack -G DEB makes: the library, what is needed to build against it, and jpagent. scripts/package does it as
+# What cpack -G DEB makes: the two libraries, what is needed to build against them, and jpagent. scripts/package does it as
 # Debian does, with its compiler flags and its folder of libraries.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "PimJoinPrune maintainers <maintainers@pimjoinprune.invalid>" CACHE STRING
@@ -14,6 +14,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})  # where one library finds the other
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                                                 WORLD_READ WORLD_EXECUTE)
 
@@ -32,12 +33,13 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime} (= ${PROJECT_VERSION}-$
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each has its own, in the first line
 set(about "The library does the Join/Prune part of PIM sparse mode (RFC 7761) for a
 multicast routing agent: it paces what is to be sent to each upstream
-neighbor, and takes received messages apart entry by entry.")
+neighbor, and takes received messages apart entry by entry. A second
+library is between packets and the engine: the codec, and a packet manager.")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Join/Prune engine of PIM sparse mode - library\n${about}")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "Join/Prune engine of PIM sparse mode - development files\n${about}
 .
-This package has the headers, the static library, the CMake package and the
-pkg-config file.")
+This package has the headers, the static libraries, the CMake package and the
+pkg-config files.")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Join/Prune engine of PIM sparse mode - reference agent\n${about}
 .
 This package has jpagent, which replays the Join/Prune messages of a capture
@@ -47,8 +49,11 @@ through the engine and performs conversations with it on a virtual clock.")
 # There is nothing to run when the library is installed but the trigger, for which cpack would otherwise write scripts;
 # it refrains from that if it is told of such files, and warns that they are not there.
 set(control ${PROJECT_BINARY_DIR}/debian)
-file(WRITE ${control}/shlibs "libpimjoinprune ${PROJECT_VERSION_MAJOR} ${runtime} \
+file(WRITE ${control}/shlibs "")
+foreach(library libpimjoinprune libpimspeaker)
+  file(APPEND ${control}/shlibs "${library} ${PROJECT_VERSION_MAJOR} ${runtime} \
 (>= ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})\n")
+endforeach()
 file(WRITE ${control}/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${control}/shlibs ${control}/triggers ${control}/postinst
                                                ${control}/postrm)

@@ -2,7 +2,7 @@
 //
 // A is downstream of B. A route of A's wants a source: A joins it at B at once, and refreshes the join every second.
 // What a router program adds to the engine is all here, in this order: a form for packets (a text; a router has that
-// of RFC 7761, 4.9, as agent/PimMessage.h writes it), the packet manager, the receiving side, the loop.
+// of RFC 7761, 4.9, as pim/wire/PimMessage.h writes it), the packet manager, the receiving side, the loop.
 // Marks like `// [loop]` are where docs/guide.md takes its pieces from.
 #include <poll.h>
 #include <sys/random.h>

@@ -1,5 +1,23 @@
-# Fails if an include points the wrong way: agent -> pim/joinprune -> pim/model -> runtime, and within runtime
-# scrivo -> dova -> vel, zanth -> vel.
+# Fails if an include points the wrong way, or if a library includes what is neither its own nor of the standard
+# libraries:
+#
+#     jpagent -> pim/speaker -> pim/wire               -> runtime
+#                            -> pim/joinprune -> pim/model -> runtime
+#
+# Within runtime: scrivo -> dova -> vel, zanth -> vel.
+set(c_library "(arpa|netinet|sys)/[a-z]+[.]h|(cxxabi|fcntl|pthread|unistd)[.]h")
+foreach(library runtime pim)
+  file(GLOB_RECURSE files ${SOURCE}/${library}/*.h ${SOURCE}/${library}/*.cpp)
+  foreach(file ${files})
+    file(STRINGS ${file} includes REGEX "^#include <")
+    foreach(include ${includes})
+      if(NOT include MATCHES "^#include <([a-z_]+|${c_library})>$")
+        message(SEND_ERROR "${file}: ${include}")
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+
 function(may_not_include folder)
   file(GLOB_RECURSE files ${SOURCE}/${folder}/*.h ${SOURCE}/${folder}/*.cpp)
   if(NOT files)
@@ -17,10 +35,17 @@ function(may_not_include folder)
   endforeach()
 endfunction()
 
-may_not_include(runtime pim agent tests examples fuzz)
-may_not_include(pim agent tests examples fuzz)
-may_not_include(pim/model pim/joinprune)
-may_not_include(agent tests examples fuzz)
+may_not_include(runtime pim jpagent tests examples fuzz)
+may_not_include(pim jpagent tests examples fuzz)
+may_not_include(pim/model pim/joinprune pim/wire pim/speaker)
+may_not_include(pim/joinprune pim/wire pim/speaker)
+may_not_include(pim/wire pim/model pim/joinprune pim/speaker)
+may_not_include(jpagent tests examples fuzz)
+may_not_include(jpagent/common jpagent/capture jpagent/replay jpagent/simulate jpagent/trace)
+may_not_include(jpagent/capture jpagent/replay jpagent/simulate jpagent/trace)
+may_not_include(jpagent/replay jpagent/simulate jpagent/trace)
+may_not_include(jpagent/simulate jpagent/replay jpagent/trace)
+may_not_include(jpagent/trace jpagent/capture jpagent/replay jpagent/simulate)
 may_not_include(runtime/vel runtime/zanth runtime/scrivo runtime/dova)
 may_not_include(runtime/dova runtime/zanth runtime/scrivo)
 may_not_include(runtime/zanth runtime/scrivo runtime/dova)

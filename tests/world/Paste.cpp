@@ -65,7 +65,7 @@ std::string temper(Operation const& o) {
 // A model is there if the operation is done now and not inside a send.
 std::string command(Operation const& o, Model const* before) {
   auto const& names = Names::get();
-  std::string const intf = "intf " + names.intf(o.a % Names::intfs);
+  std::string const intf = "interface " + names.intf(o.a % Names::intfs);
   std::string const neighbor = "neighbor " + names.text(names.neighbor[o.a % Names::neighbors]);
   std::string const group = names.text(names.group[o.group]);
   std::string const thisRoute = route(o.kind, o.group, o.source, o.n % 2 != 0);
@@ -174,7 +174,7 @@ std::string command(Operation const& o, Model const* before) {
 std::string asConversation(std::string_view story, Sequence const& operations) {
   auto const& names = Names::get();
   std::string text = "# " + std::string(story) + "\n";
-  for (IntfName i = 0; i < Names::intfs; ++i) text += "intf " + names.intf(i) + " stay\n";
+  for (IntfName i = 0; i < Names::intfs; ++i) text += "interface " + names.intf(i) + " stay\n";
   text += "temper on\ntrace 1-8\n";
   Model model;
   bool stopped = false;

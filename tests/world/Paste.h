@@ -1,4 +1,4 @@
-// A sequence of operations as a conversation for `jpagent simulate` (agent/Conversation.h).
+// A sequence of operations as a conversation for conversation_runner (tests/conversations/own).
 #pragma once
 
 #include <string_view>

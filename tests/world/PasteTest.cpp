@@ -5,8 +5,8 @@
 #include <map>
 #include <sstream>
 
-#include "agent/Simulation.h"
 #include "tests/Thorough.h"
+#include "tests/conversations/own/OwnSimulation.h"
 #include "tests/world/Paste.h"
 #include "tests/world/Random.h"
 
@@ -80,8 +80,8 @@ TEST_P(PasteTest, APastedSequenceTracesTheSame) {
     }
     auto const text = asConversation("A world.", sequence);
     std::ostringstream out;
-    Agent::Simulation simulation(out);
-    Agent::Conversation const conversation(text);
+    Jpagent::OwnSimulation simulation(out);
+    Jpagent::Conversation const conversation(text, Jpagent::ownForms());
     for (auto const& step : conversation.steps()) {
       ASSERT_NO_THROW(simulation.perform(step.command())) << text;
       ASSERT_TRUE(simulation.everyTimerIsTold()) << "line " << step.line << "\n" << text;

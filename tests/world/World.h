@@ -10,7 +10,7 @@
 //   Manager     the packet manager, the same one for both
 //   Random      operations at random, by profile
 //   Shrink      a failing sequence becomes a short one
-//   Paste       a sequence becomes a conversation for `jpagent simulate`
+//   Paste       a sequence becomes a conversation for conversation_runner (tests/conversations/own)
 //
 // Sequences that are not at random are in SmallWorldTest.cpp.
 #pragma once

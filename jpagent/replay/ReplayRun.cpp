@@ -1,0 +1,55 @@
+#include "jpagent/replay/ReplayRun.h"
+
+#include <fmt/format.h>
+#include <sys/random.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+#include "jpagent/common/Ending.h"
+#include "jpagent/common/Output.h"
+#include "jpagent/common/ScrivoRecording.h"
+#include "runtime/vel/Hash.h"
+#include "runtime/vel/Trace.h"
+
+namespace Routing::Pim::Jpagent {
+
+namespace {
+
+// Senders choose the addresses in a capture, and must not be able to choose such as collide.
+void seedHash() {
+  U64 seed;
+  if (getrandom(&seed, sizeof seed, 0) != sizeof seed)
+    throw std::runtime_error(fmt::format("no random numbers: {}", std::strerror(errno)));
+  Vel::hashSeedIs(seed);
+}
+
+}  // namespace
+
+int runReplay(std::string const& file, ReplayOptions const& options, Report& report) {
+  seedHash();
+  std::vector<NamedFile> files = {{"the capture", file}};
+  if (!options.scrivoFile.empty()) files.push_back({"--scrivo", options.scrivoFile});
+  refuseSharedFiles(files);
+  Capture capture(file);
+  ScrivoRecording const scrivo(options.scrivoFile);
+  for (Vel::U32 const level : options.traceLevels)
+    Vel::TraceHandle::find("Pim::JoinPrune").levelIs(level, true);
+  Replay machine(options, report);
+  std::string damage;
+  try {
+    Frame frame;
+    while (std::cout && capture.next(frame)) machine.frameIs(frame);
+  } catch (CaptureError const& e) {
+    damage = e.what();
+  }
+  report.totals(machine.totals());
+  if (!damage.empty()) {
+    std::cout.flush();
+    return cannot(damage);
+  }
+  return machine.totals().refusedMessages() ? somethingRefused : allFine;
+}
+
+}  // namespace Routing::Pim::Jpagent

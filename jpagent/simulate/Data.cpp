@@ -1,0 +1,146 @@
+// The commands on what is pending for an upstream target, and on what is received.
+#include <set>
+#include <tuple>
+
+#include "jpagent/common/RingMessages.h"
+#include "jpagent/simulate/Inside.h"
+#include "jpagent/simulate/RouteData.h"
+#include "pim/speaker/Conversion.h"
+
+namespace Routing::Pim::Jpagent {
+
+namespace {
+
+// "remove join (10.9.0.1,239.1.1.1)" for one that goes, the entry alone for one that comes.
+std::string changeText(Change change, RouteEntry const& entry) {
+  return (change == Change::remove ? "remove " : "") + toText(entry);
+}
+
+}  // namespace
+
+// All or nothing: what cannot be removed is found before anything is.
+void Simulation::refuseUnlessAllAreThere(Packet::JoinPruneData const& data, DataCommand const& command) {
+  std::set<std::tuple<bool, Wire::SourceKind, IpGenAddr, IpGenAddr>> removed;
+  bool const mayRepeat = command.entries.ranges().size() > 1;
+  for (auto const& entry : command.entries) {
+    auto const group = data.joinPruneGroupData(entry.group);
+    if (!group || !has(*group, entry))
+      refuse("{} has no {} {}", toText(command.target), text(command.channel), toText(entry));
+    if (mayRepeat && !removed.emplace(entry.join, entry.kind, entry.source, entry.group).second)
+      refuse("{} has no second {} {}", toText(command.target), text(command.channel), toText(entry));
+  }
+}
+
+// A data set is made, or removed with all that is in it.
+void Simulation::makeData(Channel channel, IpGenAddr const& target) {
+  switch (channel) {
+    case Channel::triggered:
+      status_->triggeredGroupIs(target);
+      return;
+    case Channel::override:
+      status_->overrideGroupIs(target);
+      return;
+    case Channel::periodic:
+      status_->periodicGroupStatus()->upJoinPruneIs(target);
+      return;
+  }
+}
+
+void Simulation::removeData(Channel channel, IpGenAddr const& target) {
+  switch (channel) {
+    case Channel::triggered:
+      status_->triggeredGroupDel(target);
+      return;
+    case Channel::override:
+      status_->overrideGroupDel(target);
+      return;
+    case Channel::periodic:
+      status_->periodicGroupStatus()->upJoinPruneDel(target);
+      return;
+  }
+}
+
+// Where there is a machine, emptied groups are its own to remove.
+void Simulation::retireGroup(Packet::JoinPruneData& data, IpGenAddr const& target,
+                             Packet::JoinPruneGroupData const& group) {
+  if (group.empty() && !(machine_ && machine_->joinPruneNeighborSm(target)))
+    data.joinPruneGroupDataDel(group.group());
+}
+
+void Simulation::removeEntries(Packet::JoinPruneData& data, DataCommand const& command) {
+  refuseUnlessAllAreThere(data, command);
+  for (auto const& entry : command.entries) {
+    auto const group = data.joinPruneGroupData(entry.group);
+    takeOut(*group, entry);
+    retireGroup(data, command.target, *group);
+  }
+}
+
+void Simulation::removeWildcard(Packet::JoinPruneData& data, DataCommand const& command) {
+  auto const group = data.joinPruneGroupData(command.group);
+  if (!group || !group->wcSourceData())
+    refuse("{} has no {} (*,{})", toText(command.target), text(command.channel), toText(command.group));
+  group->wcSourceDataDel();
+  retireGroup(data, command.target, *group);
+}
+
+void Simulation::change(Packet::JoinPruneData& data, DataCommand const& command) {
+  switch (command.change) {
+    case Change::make:
+      break;
+    case Change::gone:
+      return removeData(command.channel, command.target);
+    case Change::group:
+      data.joinPruneGroupDataIs(command.group);
+      break;
+    case Change::ungroup:
+      data.joinPruneGroupDataDel(command.group);
+      break;
+    case Change::add:
+      for (auto const& entry : command.entries) put(*data.joinPruneGroupDataIs(entry.group), entry);
+      break;
+    case Change::remove:
+      return removeEntries(data, command);
+    case Change::removeWildcard:
+      return removeWildcard(data, command);
+  }
+}
+
+// What is to be changed. Refused if there is no such data set, or if the change costs too much.
+Vel::Ptr<Packet::JoinPruneData> Simulation::changingData(DataCommand const& command) {
+  touched_.insert(command.target);
+  auto const data = dataOf(command.target)[static_cast<std::size_t>(command.channel)];
+  if (!data) refuse("{} is no upstream target", toText(command.target));
+  if (Scrivo::TraceFile::current() != nullptr && !command.entries.empty()) {
+    RingMessages::ofChannel(command.channel, [&]<Channel one>() {
+      RingMessages::changed<one>(command.target, changeText(command.change, *command.entries.begin()),
+                                 command.entries.size());
+    });
+  }
+  if (command.channel == Channel::periodic && machine_ && machine_->diagUpJoinCount()) {
+    // The check of each route looks at all groups.
+    lookedAt_ += command.entries.size() * (data->joinPruneGroupDataCount() + command.entries.size());
+    refuseIfLookedAtTooMuch();
+  }
+  return data;
+}
+
+void Simulation::on(DataCommand const& command) {
+  if (command.change == Change::make) {
+    touched_.insert(command.target);
+    return makeData(command.channel, command.target);
+  }
+  change(*changingData(command), command);
+}
+
+void Simulation::on(ReceiveCommand const& command) {
+  auto const intf = knownIntf(command.intf);
+  RingMessages::received(command.intf, entriesOf(command.message).size());
+  for (auto const& message : Speaker::modelMessages(command.message)) {
+    channel_->joinPruneMessageIs(message);
+    channel_->intfIdIs(intf->intfId());
+    channel_->countInc(1);
+  }
+}
+
+}  // namespace Routing::Pim::Jpagent

@@ -1,0 +1,67 @@
+// What the engine sends and records.
+#include <algorithm>
+#include <ostream>
+#include <sstream>
+
+#include "jpagent/common/RingMessages.h"
+#include "jpagent/simulate/Inside.h"
+#include "jpagent/simulate/RouteData.h"
+
+namespace Routing::Pim::Jpagent {
+
+void Simulation::recorded(JoinPruneMessageInfo const& record, bool join) {
+  std::ostringstream text;
+  text << (join ? "rxJoin " : "rxPrune ") << record.rxCount() << ": " << &record;
+  if (record.sourceFlags() == Packet::wildcardFlags) text << ", RP: " << record.wcSource();
+  line(text.str());
+}
+
+void Simulation::send(Speaker::OutgoingPacket const& packet) {
+  auto const upstream = packet.message.upstreamNeighbor();
+  auto const message = manager_->txMessageInfo()->joinPruneMessage();
+  line(fmt::format("sent on {} from {}, upstream {}, {}, hold {}, {} bytes", packet.intf.name(),
+                   toText(packet.source), toText(upstream), channelOf(*message->joinPruneData()),
+                   packet.message.holdTime(), packet.bytes.size()));
+  // Of the bytes, so that a packet that says anything else than it should is seen here.
+  auto const decoded = Wire::decodeJoinPrune(packet.bytes, packet.source, packet.destination);
+  if (auto const* const refusal = std::get_if<Wire::Refusal>(&decoded)) {
+    line(fmt::format("  not well formed: {}", toText(*refusal)));
+  } else {
+    auto const& wire = std::get<Wire::JoinPrune>(decoded);
+    auto const entries = entriesOf(wire);
+    ringSent(packet, entries);
+    if (!brief_) {
+      for (auto const& entry : entries) line(fmt::format("  {}", toText(entry)));
+    } else if (!entries.empty()) {
+      line(fmt::format("  {} in {}: {} ... {}", counted(entries.size(), "route"),
+                       counted(wire.groups().size(), "group"), toText(entries.front()),
+                       toText(entries.back())));
+    }
+  }
+  if (alsoTo_) alsoTo_->send(packet);
+  nowIs(now_ + cost_);
+}
+
+void Simulation::ringSent(Speaker::OutgoingPacket const& packet,
+                          std::vector<RouteEntry> const& entries) const {
+  if (Scrivo::TraceFile::current() == nullptr) return;
+  auto const data = manager_->txMessageInfo()->joinPruneMessage()->joinPruneData();
+  auto const channel = std::find(channelNames.begin(), channelNames.end(), channelOf(*data));
+  if (channel == channelNames.end()) return;
+  auto const joins = static_cast<std::size_t>(
+      std::count_if(entries.begin(), entries.end(), [](RouteEntry const& entry) { return entry.join; }));
+  RingMessages::ofChannel(static_cast<Channel>(channel - channelNames.begin()), [&]<Channel one>() {
+    RingMessages::sent<one>(packet.message.upstreamNeighbor(), packet.intf.name(), joins,
+                            entries.size() - joins, packet.bytes.size());
+  });
+}
+
+std::string_view Simulation::channelOf(Packet::JoinPruneData const& data) const {
+  auto const channels = dataOf(data.upstreamNeighbor());
+  auto const channel =
+      std::find_if(channels.begin(), channels.end(), [&data](auto const& set) { return set.get() == &data; });
+  return channel == channels.end() ? "for a target that is gone"
+                                   : channelNames[static_cast<std::size_t>(channel - channels.begin())];
+}
+
+}  // namespace Routing::Pim::Jpagent

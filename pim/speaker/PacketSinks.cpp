@@ -1,0 +1,9 @@
+#include "pim/speaker/PacketSinks.h"
+
+#include <utility>
+
+namespace Routing::Pim::Speaker {
+
+std::vector<OutgoingPacket> CapturedPackets::take() { return std::exchange(packets_, {}); }
+
+}  // namespace Routing::Pim::Speaker

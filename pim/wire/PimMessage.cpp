@@ -1,0 +1,451 @@
+#include "pim/wire/PimMessage.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <string>
+
+#include "pim/wire/Cursor.h"
+#include "pim/wire/Text.h"
+#include "runtime/vel/Exception.h"
+
+namespace Routing::Pim::Wire {
+
+namespace {
+
+constexpr U8 pimVersion = 2;
+constexpr std::size_t headerSize = 4;
+constexpr std::size_t maxPayload = 65535 - 20;  // What an IPv4 datagram leaves after its smallest header.
+
+// The numbers of address families on the wire (RFC 7761, 4.9.1).
+constexpr U8 wireIpv4 = 1, wireIpv6 = 2;
+constexpr U8 nativeEncoding = 0;
+
+constexpr U8 wildcardBit = 2, rptBit = 1;
+
+U8 wireFamily(AddressFamily family) { return family == AddressFamily::ipv4 ? wireIpv4 : wireIpv6; }
+std::size_t addressSize(AddressFamily family) { return family == AddressFamily::ipv4 ? 4 : 16; }
+std::size_t encodedUnicastSize(AddressFamily family) { return 2 + addressSize(family); }
+std::size_t encodedGroupSize(AddressFamily family) { return 4 + addressSize(family); }
+std::size_t encodedSourceSize(AddressFamily family) { return 4 + addressSize(family); }
+
+void require(std::optional<Reason> fault) {
+  if (fault) throw Vel::RangeException(std::string(text(*fault)));
+}
+
+// The ones' complement sum of 16-bit words, an odd byte padded with zero. Summed in words of the machine with the carry
+// added at the low end, which comes to the same once it is folded and put into network order (RFC 1071).
+U64 sumOf(std::span<U8 const> bytes) {
+  U64 sum = 0;
+  auto const add = [&sum](U64 word) {
+    sum += word;
+    sum += sum < word;
+  };
+  std::size_t i = 0;
+  for (; i + 8 <= bytes.size(); i += 8) {
+    U64 word;
+    std::memcpy(&word, bytes.data() + i, 8);
+    add(word);
+  }
+  if (i < bytes.size()) {
+    U64 word = 0;
+    std::memcpy(&word, bytes.data() + i, bytes.size() - i);
+    add(word);
+  }
+  // Sums of several parts are added up, so that there is room for their carries.
+  return (sum >> 32) + (sum & 0xffffffff);
+}
+
+U16 folded(U64 sum) {
+  while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
+  return ntohs(static_cast<U16>(sum));
+}
+
+}  // namespace
+
+// Most messages are as they should be, so a group or a source is seen to be good at one look. What is not good is read
+// again, field by field, so that the refusal says what is wrong with it.
+class Decoder {
+ public:
+  Decoder(std::span<U8 const> bytes, AddressFamily family) : in_(bytes), family_(family) {}
+
+  std::variant<JoinPrune, Refusal> message() {
+    if (!decode()) result_ = std::move(refusal_);
+    return std::move(result_);
+  }
+
+ private:
+  using Result = std::variant<JoinPrune, Refusal>;
+
+  bool decode() {
+    if (!in_.skip(headerSize)) return truncated("PIM header");
+    IpGenAddr upstream;
+    if (!unicast("upstream neighbor", upstream)) return false;
+    if (auto fault = upstreamFault(upstream)) return refuse(*fault, toText(upstream));
+    U8 reserved, groups;
+    U16 holdTime;
+    if (!in_.read(reserved) || !in_.read(groups) || !in_.read(holdTime)) return truncated("hold time");
+    JoinPrune& message = result_.emplace<JoinPrune>(upstream, holdTime);
+    bool const whole =
+        family_ == AddressFamily::ipv4 ? groupSets<4>(groups, message) : groupSets<16>(groups, message);
+    if (!whole) return false;
+    if (in_.left() != 0) return refuse(Reason::leftOver, concatenated(in_.left(), " at byte ", in_.offset()));
+    return true;
+  }
+
+  template <std::size_t Size>
+  bool groupSets(unsigned groups, JoinPrune& message) {
+    constexpr std::size_t headSize = 8 + Size, sourceSize = 4 + Size;
+    U8 const* const first = in_.rest().data();
+    U8 const* const end = first + in_.left();
+    U8 const* at = first;
+    // What the message takes if all is well, and never more than the bytes that are there could hold.
+    std::vector<JoinPrune::Set> sets;
+    std::vector<Source> sources;
+    sets.resize(std::min<std::size_t>(groups, in_.left() / headSize));
+    sources.reserve((in_.left() - sets.size() * headSize) / sourceSize);
+    JoinPrune::Set* set = sets.data();
+    for (unsigned i = 0; i < groups; ++i) {
+      std::size_t const left = end - at;
+      if (left < headSize || !isGroup<Size>(at)) [[unlikely]] {
+        if (left == 0) return refuse(Reason::wrongCount, concatenated(i, " of ", groups, " groups"));
+        return in_.skip(at - first) && refuseGroup();
+      }
+      U16 const joins = static_cast<U16>(at[Size + 4] << 8 | at[Size + 5]);
+      U16 const prunes = static_cast<U16>(at[Size + 6] << 8 | at[Size + 7]);
+      U32 const count = U32{joins} + prunes;
+      // Asked before the first source: with a count too high, what follows the sources would be taken for one.
+      if (count * sourceSize > left - headSize) [[unlikely]] {
+        return refuse(Reason::wrongCount,
+                      concatenated(joins, " joins and ", prunes, " prunes in ", left - headSize, " bytes"));
+      }
+      *set++ = {addressAt<Size>(at + 4), static_cast<U32>(sources.size()), joins, prunes};
+      at += headSize;
+      for (U8 const* const last = at + count * sourceSize; at != last; at += sourceSize) {
+        if (!isSource<Size>(at)) [[unlikely]]
+          return in_.skip(at - first) && refuseSource();
+        sources.push_back({kindOf(at[2]), addressAt<Size>(at + 4)});
+      }
+    }
+    message.sets_ = std::move(sets);
+    message.sources_ = std::move(sources);
+    return in_.skip(at - first);
+  }
+
+  template <std::size_t Size>
+  static IpGenAddr addressAt(U8 const* bytes) {
+    return IpGenAddr::fromBytes({bytes, Size});
+  }
+
+  template <std::size_t Size>
+  static bool isNative(U8 const* bytes) {
+    // Family, encoding, (flags), mask length: compared at once.
+    constexpr std::array<U8, 4> wanted = {Size == 4 ? wireIpv4 : wireIpv6, nativeEncoding, 0, 8 * Size};
+    constexpr std::array<U8, 4> mask = {0xff, 0xff, 0, 0xff};
+    U32 head;
+    std::memcpy(&head, bytes, sizeof head);
+    return (head & std::bit_cast<U32>(mask)) == std::bit_cast<U32>(wanted);
+  }
+
+  template <std::size_t Size>
+  static bool isMulticastAt(U8 const* address) {
+    return Size == 4 ? address[0] >> 4 == 0xe : address[0] == 0xff;
+  }
+
+  template <std::size_t Size>
+  static bool isGroup(U8 const* bytes) {
+    return isNative<Size>(bytes) && isMulticastAt<Size>(bytes + 4);
+  }
+
+  template <std::size_t Size>
+  static bool isSource(U8 const* bytes) {
+    static constexpr U8 zero[Size] = {};
+    return isNative<Size>(bytes) && !isMulticastAt<Size>(bytes + 4) &&
+           std::memcmp(bytes + 4, zero, Size) != 0 && (bytes[2] & (wildcardBit | rptBit)) != wildcardBit;
+  }
+
+  static SourceKind kindOf(U8 flags) {
+    return flags & wildcardBit ? SourceKind::wildcard
+           : flags & rptBit    ? SourceKind::sourceRpt
+                               : SourceKind::source;
+  }
+
+  // The group at the cursor is not as it should be.
+  bool refuseGroup() {
+    IpGenAddr group;
+    if (!masked("group", Reason::groupMaskNotFull, group)) return false;
+    if (auto fault = groupFault(group, family_)) return refuse(*fault, toText(group));
+    return truncated("counts of sources");
+  }
+
+  // The source at the cursor is not as it should be; all its bytes are there.
+  bool refuseSource() {
+    IpGenAddr address;
+    if (!masked("source", Reason::sourceMaskNotFull, address)) return false;
+    if (auto fault = sourceFault(address, family_)) return refuse(*fault, toText(address));
+    return refuse(Reason::wildcardWithoutRpt, toText(address));
+  }
+
+  bool unicast(std::string_view what, IpGenAddr& address) {
+    return familyAndEncoding(what) && addressBytes(what, address);
+  }
+
+  // Encoded-Group and Encoded-Source addresses have one layout.
+  bool masked(std::string_view what, Reason notFull, IpGenAddr& address) {
+    U8 flags, length;
+    if (!familyAndEncoding(what)) return false;
+    if (!in_.read(flags) || !in_.read(length)) return truncated(what);
+    if (!addressBytes(what, address)) return false;
+    if (length > address.width()) {
+      return refuse(Reason::maskTooLong, concatenated(what, " ", toText(address), "/", length));
+    }
+    if (length < address.width()) return refuse(notFull, concatenated(toText(address), "/", length));
+    return true;
+  }
+
+  bool familyAndEncoding(std::string_view what) {
+    std::size_t const at = in_.offset();
+    U8 family, encoding;
+    if (!in_.read(family)) return truncated(what);
+    if (family != wireIpv4 && family != wireIpv6) {
+      return refuse(Reason::unknownFamily, concatenated(family, " of ", what, " at byte ", at));
+    }
+    if (!in_.read(encoding)) return truncated(what);
+    if (encoding != nativeEncoding) {
+      return refuse(Reason::unknownEncoding, concatenated(encoding, " of ", what, " at byte ", at + 1));
+    }
+    if (family == wireFamily(family_)) return true;
+    return refuse(Reason::familiesDiffer, concatenated(family, " of ", what, " at byte ", at));
+  }
+
+  bool addressBytes(std::string_view what, IpGenAddr& address) {
+    std::span<U8 const> bytes;
+    if (!in_.read(addressSize(family_), bytes)) return truncated(what);
+    address = IpGenAddr::fromBytes(bytes);
+    return true;
+  }
+
+  bool truncated(std::string_view what) { return refuse(Reason::truncated, concatenated("in the ", what)); }
+
+  bool refuse(Reason reason, std::string detail) {
+    refusal_ = Refusal{reason, std::move(detail)};
+    return false;
+  }
+
+  Cursor in_;
+  AddressFamily const family_;
+  Result result_{std::in_place_type<Refusal>};
+  Refusal refusal_;
+};
+
+namespace {
+
+// Into bytes that have room for all of a message of one family.
+template <std::size_t Size>
+class Writer {
+ public:
+  explicit Writer(U8* next) : next_(next) {}
+
+  void u8(U8 value) { *next_++ = value; }
+  void u16(std::size_t value) {
+    U16 const bytes = htons(static_cast<U16>(value));
+    std::memcpy(next_, &bytes, sizeof bytes);
+    next_ += sizeof bytes;
+  }
+
+  void unicast(IpGenAddr const& address) {
+    family();
+    addressBytes(address);
+  }
+
+  void masked(U8 flags, IpGenAddr const& address) {
+    U8 const head[] = {Size == 4 ? wireIpv4 : wireIpv6, nativeEncoding, flags, 8 * Size};
+    std::memcpy(next_, head, sizeof head);
+    next_ += sizeof head;
+    addressBytes(address);
+  }
+
+  void sources(std::span<Source const> list) {
+    for (auto const& entry : list)
+      masked(sourceKindFlags[static_cast<std::size_t>(entry.kind)], entry.address);
+  }
+
+  void message(JoinPrune const& message) {
+    u8(pimVersion << 4 | static_cast<U8>(PimType::joinPrune));
+    u8(0);
+    u16(0);  // The checksum, later.
+    unicast(message.upstreamNeighbor());
+    u8(0);
+    u8(static_cast<U8>(message.groups().size()));
+    u16(message.holdTime());
+    for (auto const& group : message.groups()) {
+      masked(0, group.group());
+      u16(group.joins().size());
+      u16(group.prunes().size());
+      sources(group.sources());
+    }
+  }
+
+ private:
+  void family() {
+    u8(Size == 4 ? wireIpv4 : wireIpv6);
+    u8(nativeEncoding);
+  }
+
+  void addressBytes(IpGenAddr const& address) {
+    auto const ip6 = address.ip6Addr().bytes();  // an IPv4 address is its end
+    std::memcpy(next_, ip6.data() + ip6.size() - Size, Size);
+    next_ += Size;
+  }
+
+  U8* next_;
+};
+
+}  // namespace
+
+IpGenAddr allPimRouters(AddressFamily family) {
+  static IpGenAddr const ipv4("224.0.0.13"), ipv6("ff02::d");
+  return family == AddressFamily::ipv4 ? ipv4 : ipv6;
+}
+
+std::optional<Reason> upstreamFault(IpGenAddr const& address) {
+  if (address.width() == 0) return Reason::unknownFamily;
+  if (isMulticast(address)) return Reason::upstreamNotUnicast;
+  return std::nullopt;
+}
+
+JoinPrune::JoinPrune(IpGenAddr const& upstreamNeighbor, U16 holdTime)
+    : upstreamNeighbor_(upstreamNeighbor), holdTime_(holdTime) {
+  require(upstreamFault(upstreamNeighbor));
+}
+
+void JoinPrune::reserve(std::size_t groups, std::size_t sources) {
+  sets_.reserve(groups);
+  sources_.reserve(sources);
+}
+
+void JoinPrune::groupAdd(IpGenAddr const& group) {
+  require(groupFault(group, family()));
+  if (sets_.size() == maxGroups) require(Reason::wrongCount);
+  sets_.push_back({group, static_cast<U32>(sources_.size()), 0, 0});
+}
+
+void JoinPrune::joinAdd(SourceKind kind, IpGenAddr const& address) {
+  Set& set = openSet();
+  require(sourceFault(address, family()));
+  if (set.joins == maxSources) require(Reason::wrongCount);
+  if (set.prunes == 0) [[likely]]
+    sources_.push_back({kind, address});
+  else
+    sources_.insert(sources_.end() - set.prunes, {kind, address});
+  ++set.joins;
+}
+
+void JoinPrune::pruneAdd(SourceKind kind, IpGenAddr const& address) {
+  Set& set = openSet();
+  require(sourceFault(address, family()));
+  if (set.prunes == maxSources) require(Reason::wrongCount);
+  sources_.push_back({kind, address});
+  ++set.prunes;
+}
+
+JoinPrune::Set& JoinPrune::openSet() {
+  if (sets_.empty()) throw Vel::RangeException("a source needs a group");
+  return sets_.back();
+}
+
+std::size_t JoinPrune::encodedSize() const {
+  return headerSize + encodedUnicastSize(family()) + 4 + sets_.size() * (encodedGroupSize(family()) + 4) +
+         sources_.size() * encodedSourceSize(family());
+}
+
+U16 pimChecksum(std::span<U8 const> message, IpGenAddr const& source, IpGenAddr const& destination) {
+  U64 sum = sumOf(message);
+  if (source.isIpv6()) {
+    U32 const lengthAndProtocol[] = {htonl(static_cast<U32>(message.size())), htonl(pimProtocol)};
+    sum += sumOf(source.bytes()) + sumOf(destination.bytes()) + lengthAndProtocol[0] + lengthAndProtocol[1];
+  }
+  return static_cast<U16>(~folded(sum));
+}
+
+bool isPimType(std::span<U8 const> message, PimType type) {
+  return !message.empty() && message[0] == (pimVersion << 4 | static_cast<U8>(type));
+}
+
+namespace {
+
+// Four digits.
+std::string hex(U16 number) {
+  constexpr std::string_view digits = "0123456789abcdef";
+  std::string text;
+  for (int shift = 12; shift >= 0; shift -= 4) text += digits[number >> shift & 15];
+  return text;
+}
+
+// REQUIRES: the header is there.
+std::optional<Refusal> checksumFault(std::span<U8 const> bytes, IpGenAddr const& source,
+                                     IpGenAddr const& destination) {
+  if (pimChecksum(bytes, source, destination) == 0) return std::nullopt;
+  std::vector<U8> zeroed(bytes.begin(), bytes.end());
+  zeroed[2] = zeroed[3] = 0;
+  return Refusal{Reason::badChecksum,
+                 concatenated("0x", hex(static_cast<U16>(bytes[2] << 8 | bytes[3])), ", computed 0x",
+                              hex(pimChecksum(zeroed, source, destination)))};
+}
+
+}  // namespace
+
+std::variant<JoinPrune, Refusal> decodeJoinPrune(std::span<U8 const> bytes, IpGenAddr const& source,
+                                                 IpGenAddr const& destination) {
+  if (bytes.size() < headerSize) return Refusal{Reason::truncated, "in the PIM header"};
+  if (!isPimType(bytes, PimType::joinPrune)) {
+    return Refusal{Reason::notJoinPrune, concatenated("version ", bytes[0] >> 4, ", type ", bytes[0] & 15)};
+  }
+  if (auto fault = checksumFault(bytes, source, destination)) return *fault;
+  return Decoder(bytes, source.af()).message();
+}
+
+std::variant<U16, Refusal> decodeHello(std::span<U8 const> bytes, IpGenAddr const& source,
+                                       IpGenAddr const& destination) {
+  constexpr U16 holdTimeOption = 1;
+  if (bytes.size() < headerSize) return Refusal{Reason::truncated, "in the PIM header"};
+  if (auto fault = checksumFault(bytes, source, destination)) return *fault;
+  U16 holdTime = defaultHelloHoldTime;
+  for (Cursor in(bytes.subspan(headerSize)); in.left() != 0;) {
+    std::size_t const at = headerSize + in.offset();
+    U16 option, length;
+    std::span<U8 const> value;
+    if (!in.read(option) || !in.read(length) || !in.read(length, value)) {
+      return Refusal{Reason::truncated, concatenated("in the Hello option at byte ", at)};
+    }
+    if (option != holdTimeOption) continue;
+    if (length != 2) {
+      return Refusal{Reason::badHelloOption, concatenated("a hold time of ", length, " bytes at byte ", at)};
+    }
+    holdTime = static_cast<U16>(value[0] << 8 | value[1]);
+  }
+  return holdTime;
+}
+
+std::vector<U8> encodeJoinPrune(JoinPrune const& message, IpGenAddr const& source,
+                                IpGenAddr const& destination) {
+  if (source.af() != message.family() || destination.af() != message.family()) {
+    require(Reason::familiesDiffer);
+  }
+  std::size_t const size = message.encodedSize();
+  if (size > maxPayload) throw Vel::RangeException(concatenated(size, " bytes do not fit an IP datagram"));
+  std::vector<U8> bytes(size);
+  if (message.family() == AddressFamily::ipv4)
+    Writer<4>(bytes.data()).message(message);
+  else
+    Writer<16>(bytes.data()).message(message);
+  U16 const checksum = pimChecksum(bytes, source, destination);
+  bytes[2] = static_cast<U8>(checksum >> 8);
+  bytes[3] = static_cast<U8>(checksum);
+  return bytes;
+}
+
+}  // namespace Routing::Pim::Wire

@@ -1,0 +1,22 @@
+// Texts put together from words and numbers.
+#pragma once
+
+#include <concepts>
+#include <string>
+#include <string_view>
+
+namespace Routing::Pim::Wire {
+
+inline void append(std::string& to, std::string_view text) { to += text; }
+/// In decimal, one byte wide or not.
+inline void append(std::string& to, std::integral auto number) { to += std::to_string(number); }
+
+/// concatenated(3, " of ", 4) is "3 of 4".
+template <class... Parts>
+std::string concatenated(Parts const&... parts) {
+  std::string text;
+  (append(text, parts), ...);
+  return text;
+}
+
+}  // namespace Routing::Pim::Wire
