@@ -531,4 +531,30 @@ TEST_F(Guide, TracesGoWhereTheSinkSays) {
                                  "JoinPruneMessageSm::doMaybeDeleteNeighbor(10.0.0.2), deleting neighbor"));
 }
 
+// The lines of level 7 that name a handler of groups, without the name of the machine.
+std::vector<std::string> groupLines(std::vector<std::string> const& lines) {
+  std::vector<std::string> result;
+  for (auto const& line : lines)
+    if (auto const at = line.find("::handleTriggeredGroup("); at != line.npos)
+      result.push_back(line.substr(at + 2));
+  return result;
+}
+
+// docs/tracing.md explains it.
+TEST_F(Guide, AGroupThatIsAddedIsTracedLikeOneThatIsRemovedUnderTheNeighborsAddress) {
+  std::vector<std::string> lines;
+  Vel::TraceHandle::find("Pim::JoinPrune").levelIs(7, true);
+  Vel::traceSinkIs([&](Vel::TraceLine const& line) { lines.push_back(line.text); });
+  auto const triggered = status->triggeredGroup(upstream);
+  triggered->joinPruneGroupDataIs(group);
+  auto const added = groupLines(std::exchange(lines, {}));
+  triggered->joinPruneGroupDataDel(group);
+  auto const removed = groupLines(lines);
+  Vel::traceSinkIs({});
+  Vel::TraceHandle::find("Pim::JoinPrune").levelsDel();
+  EXPECT_THAT(added,
+              ElementsAre("handleTriggeredGroup(10.0.0.2)", "handleTriggeredGroup(10.0.0.2): Deleted"));
+  EXPECT_EQ(added, removed);
+}
+
 }  // namespace
