@@ -20,7 +20,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // [filter]
-// Denies joins to the shared tree of an administratively scoped group.
+// Denies the (*,G) and (S,G,rpt) entries of administratively scoped groups.
 class NoScopedGroups final : public JoinPruneFilter {
   bool deny(IpGenAddr const& group) const override { return scoped.contains(group); }
   IpGenPrefix const scoped{IpGenAddr("239.255.0.0"), 16};
