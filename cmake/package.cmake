@@ -1,8 +1,9 @@
 # What cpack -G DEB makes: the two libraries, what is needed to build against them, and jpagent. scripts/package does it as
 # Debian does, with its compiler flags and its folder of libraries.
 set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_CONTACT "PimJoinPrune maintainers <maintainers@pimjoinprune.invalid>" CACHE STRING
+set(JOINPRUNE_MAINTAINER "pimjoinprune developers <maintainers@pimjoinprune.invalid>" CACHE STRING
     "Maintainer of the packages")
+set(CPACK_PACKAGE_CONTACT ${JOINPRUNE_MAINTAINER})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime development)

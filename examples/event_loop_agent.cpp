@@ -107,8 +107,8 @@ class Sender final : public IO::MessageInfo::Notifiee {
     auto const message = notifier()->joinPruneMessage();
     auto const data = message->joinPruneData();
 
-    // What a router would also do here: leave out what the filter denies or what is suppressed, count it as such, and
-    // keep a (*,G) join together with its (S,G,rpt) prunes (RFC 7761, 4.9.5.2).
+    // A router would also leave out what the filter denies and what is suppressed, count it as such, and keep a
+    // (*,G) join together with its (S,G,rpt) prunes (RFC 7761, 4.9.5.2).
     std::vector<Entry> const entries = next(*data);
     Packet::JoinPruneMessage::Report report;
     if (!entries.empty() && transmit(*data, entries)) {
@@ -131,12 +131,12 @@ class Sender final : public IO::MessageInfo::Notifiee {
     IpGenAddr source;
   };
 
-  // The entries of the next message. What is sent once leaves the data, so the next ones are always at its front.
-  // What is periodic stays: go on where the last message ended, by key, for it may all have changed since.
+  // The entries of the next message. Data that is sent once loses what was sent, so the next entries are at its
+  // front. Periodic data stays: continue where the last message ended, by key, since the data may have changed.
   std::vector<Entry> next(Packet::JoinPruneData& data) {
     std::vector<Entry> entries;
     if (data.periodic()) entries = from(data, last_[data.upstreamNeighbor()]);
-    if (entries.empty()) entries = from(data, std::nullopt);  // the end of a round, or what was left has gone
+    if (entries.empty()) entries = from(data, std::nullopt);  // the end of a round, or the rest was removed
     return entries;
   }
 
@@ -163,8 +163,8 @@ class Sender final : public IO::MessageInfo::Notifiee {
     return send(socket_, packet.str().data(), packet.str().size(), 0) >= 0;
   }
 
-  // Source by source. The engine sees each one go, and removes a group that has become empty, so that the next entry
-  // may find no group any more.
+  // Source by source. The engine is told of each removal, and removes a group that has become empty. So the
+  // group of the next entry may be absent.
   static void takeOut(Packet::JoinPruneData& data, Entry const& entry) {
     if (auto const group = data.joinPruneGroupData(entry.group))
       kinds[entry.kind].remove(*group, entry.source);
@@ -194,11 +194,11 @@ class Router {
 
   int socket() const { return socket_; }
 
-  // The socket has a packet: it goes into the receive channel, and is dealt with when `countInc` returns.
+  // The socket has a packet: hands it to the receive channel, and it is processed when `countInc` returns.
   void receive(Dova::IntfId const& intf) {
     std::array<char, 2048> buffer;
     ssize_t const size = recv(socket_, buffer.data(), buffer.size(), 0);
-    if (size < 0) return;  // it was for nothing, as poll(2) may be
+    if (size < 0) return;  // poll(2) may report a socket that has nothing
     auto const message = decode(std::string(buffer.data(), static_cast<std::size_t>(size)));
     if (!message) return;
     channel_->joinPruneMessageIs(message);
@@ -215,7 +215,7 @@ class Router {
   int const socket_;
   Vel::Ptr<IO::MessageInfo> const channel_ = Vel::create<IO::MessageInfo>();
   Vel::Ptr<Sender> sender_;
-  Vel::Ptr<JoinPruneMessageSm> machine_;  // last, so it is the first to go
+  Vel::Ptr<JoinPruneMessageSm> machine_;  // last, so it is destroyed first
 };
 // [router]
 
@@ -234,8 +234,8 @@ class Downstream final : public JoinPruneMessageInfo::NotifieeConst {
 // --- The loop ------------------------------------------------------------------------------------
 
 // [seeds]
-// Once in a process, before anything else: addresses come from strangers, who must not be able to choose such as
-// collide, and routers on one LAN must not draw the same override delays.
+// Once in a process, before anything else: other hosts choose addresses and must not be able to choose ones
+// that collide, and routers on one LAN must not draw the same override delays.
 void seed() {
   U64 random;
   if (getrandom(&random, sizeof random, 0) != sizeof random)
@@ -246,7 +246,7 @@ void seed() {
 // [seeds]
 
 // [loop]
-// One turn: sleeps until a packet or the next timer, and deals with what there is.
+// One turn: sleeps until a packet or the next timer, receives the packets, and calls the timers that are due.
 template <std::size_t count>
 void turn(Zanth::TimerWheel& wheel, std::array<Router*, count> const& routers) {
   std::array<pollfd, count> fds;

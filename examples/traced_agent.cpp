@@ -1,4 +1,4 @@
-// An agent that looks inside: trace lines to its own log, and a ring trace file for whoever comes later.
+// An agent that traces: trace lines to its own log, and a ring trace file to read later.
 #include <iostream>
 
 #include "pim/joinprune/JoinPruneMessageSm.h"
@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
   Dova::IpGenAddr const neighbor("10.0.0.2");
   pim->pimNeighborIs(neighbor, eth0);
 
-  // The agent's own messages stand among the engine's. Arguments are not evaluated while no file is open.
+  // The agent's own messages appear among the engine's. Arguments are not evaluated while no file is open.
   SCRIVO_MESSAGE("Agent", "Route change for ", neighbor, ", Routes: ", 1);
   status->triggeredGroup(neighbor)
       ->joinPruneGroupDataIs(Dova::IpGenAddr("239.1.1.1"))
@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
   {
     SCRIVO_BLOCK_TIMER("Agent", "timers");
     now = 0.1;
-    wheel->expire();  // nobody serves the packet manager here, so the sending is suspended and tried again
+    wheel->expire();  // no reactor serves the packet manager, so sending is suspended and tried again
   }
   Scrivo::TraceFile::close();
 }

@@ -1,5 +1,5 @@
-// What docs/guide.md shows: each piece between two marks like `// [inputs]` stands there as it is here, and what is said
-// about it is tested around it. docs/snippets.py --write takes changes over into the guide.
+// What docs/guide.md shows: each piece between two marks like `// [inputs]` is there as it is here, and the
+// tests around it check what is said about it. docs/snippets.py --write takes changes over into the guide.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // [filter]
-// Nobody outside joins the shared tree of an administratively scoped group here.
+// Denies the (*,G) and (S,G,rpt) entries of administratively scoped groups.
 class NoScopedGroups final : public JoinPruneFilter {
   bool deny(IpGenAddr const& group) const override { return scoped.contains(group); }
   IpGenPrefix const scoped{IpGenAddr("239.255.0.0"), 16};
@@ -28,14 +28,14 @@ class NoScopedGroups final : public JoinPruneFilter {
 // [filter]
 
 // [rp]
-// One RP for all groups. Who has a set of them computes the hash of RFC 7761, 4.7.2 here.
+// One RP for all groups. With several RPs, this computes the hash of RFC 7761, 4.7.2.
 class OneRp final : public RpHashComputeStatus {
   IpGenAddr rpHashCompute(IpGenAddr const&, IpGenAddr const&) override { return IpGenAddr("10.0.0.9"); }
 };
 // [rp]
 
 // [received]
-// What a router makes of received joins; prunes are the same on the other record.
+// How a router reads received joins; prunes are the same on the other record.
 class Joins final : public JoinPruneMessageInfo::NotifieeConst {
  public:
   std::vector<std::string> all;
@@ -102,15 +102,15 @@ class Guide : public testing::Test {
  protected:
   Guide() {
     // [inputs]
-    // What goes in, all of it made by the agent, held by it, and watched by the machine.
+    // The inputs, which the agent creates and holds, and the machine watches.
     pim = Vel::create<Status>();                                            // interfaces and neighbors
     status = joinPruneStatusFactory();                                      // what is to be sent
     status->periodicGroupStatusIs(Vel::create<Packet::JoinPruneStatus>());  // and what is to be refreshed
     filter = Vel::create<NoScopedGroups>();                                 // policy on what is received
     rp = Vel::create<OneRp>();                                              // which RP serves a group
-    channel = Vel::create<IO::MessageInfo>();                               // received messages go in here
-    manager = Vel::create<IO::PamManager>();                                // messages to send come out here
-    // What comes out: the latest received join, the latest received prune.
+    channel = Vel::create<IO::MessageInfo>();                               // takes received messages
+    manager = Vel::create<IO::PamManager>();                                // has the messages to send
+    // The outputs: the latest received join, the latest received prune.
     rxJoin = joinPruneMessageInfoFactory();
     rxPrune = joinPruneMessageInfoFactory();
     // [inputs]
@@ -119,7 +119,7 @@ class Guide : public testing::Test {
     start();
 
     // [interface-up]
-    // Configured first and put in whole, or there would be a machine for it without an address in between.
+    // Configured first and then put in, or there would be a machine for it without an address in between.
     auto const up = Vel::create<Intf>(IntfId("eth0"));
     up->usedAddressWithMaskIs(IpGenPrefix(IpGenAddr("10.0.0.1"), 24));
     up->joinPruneIntervalIs(60);               // t_periodic, seconds
@@ -185,7 +185,7 @@ TEST_F(Guide, ARouteJoinsIsRefreshedAndLeaves) {
   EXPECT_THAT(sent(), ElementsAre("join 10.9.0.1 to 10.0.0.2"));
 
   // [leave]
-  // It does no longer: a prune once, and no more refreshes. A join that has not gone out yet is taken back.
+  // The source is no longer wanted: one prune, and no more refreshes. A join that is pending is removed.
   if (auto const joins = once->joinPruneGroupData(group)) joins->joinedSourceDel(source);
   once->joinPruneGroupDataIs(group)->prunedSourceIs(source);
   if (auto const joins = standing->joinPruneGroupData(group)) joins->joinedSourceDel(source);
@@ -205,7 +205,7 @@ TEST_F(Guide, AnAddressWithoutAMachineHasNoDataSets) {
 
 TEST_F(Guide, AnOverrideGoesOutWithinItsInterval) {
   // [override]
-  // Somebody else on the LAN has pruned what we still want (RFC 7761, 4.5.4).
+  // Another router on the LAN has pruned what this one still wants (RFC 7761, 4.5.4).
   status->overrideGroup(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);
   // [override]
   wait(0.2);
@@ -229,7 +229,7 @@ TEST_F(Guide, AReceivedMessageComesOutEntryByEntry) {
   joins->notifierIs(rxJoin);
 
   // [receive]
-  // What the codec has made of a packet that came in on eth0.
+  // The decoded form of a packet that was received on eth0.
   auto const message = Vel::create<Packet::JoinPruneMessage>();
   auto const data = Vel::create<Packet::JoinPruneData>(IpGenAddr("10.0.0.1"));  // to whom it is addressed
   data->holdTimeIs(210);
@@ -238,7 +238,7 @@ TEST_F(Guide, AReceivedMessageComesOutEntryByEntry) {
 
   channel->joinPruneMessageIs(message);
   channel->intfIdIs(IntfId("eth0"));
-  channel->countInc(1);  // here is one; dealt with when this returns
+  channel->countInc(1);  // the message is processed when this returns
   // [receive]
   EXPECT_THAT(joins->all, ElementsAre("(S,G) (10.9.0.1,239.1.1.1) at 10.0.0.1 for 210 s"));
 
@@ -264,8 +264,9 @@ TEST_F(Guide, ANeighborThatGoesKeepsItsMachineWhileThereIsPeriodicData) {
   auto const standing = status->periodicGroupStatus()->upJoinPrune(upstream);
   standing->joinPruneGroupDataIs(group)->joinedSourceIs(source);
   // [neighbor-down]
-  // The neighbor has timed out. Its routes move to another upstream: source by source out of its periodic data (all
-  // of them joins here). The machine goes with the last one, its data sets with it.
+  // The neighbor has expired. Its routes move to another upstream neighbor: remove them from its periodic data,
+  // source by source (all of them joins here). The machine is removed with the last one, and its data sets with
+  // it.
   pim->pimNeighborDel(upstream);
   for (auto g = standing->joinPruneGroupDataIterator(); g; ++g) g->joinedSourceDelAll();
   // [neighbor-down]
@@ -285,7 +286,7 @@ TEST_F(Guide, ANeighborThatMovesIsAnotherOne) {
 
 TEST_F(Guide, AnInterfaceThatGoesTakesItsOwnMachineAtOnce) {
   // [interface-down]
-  // The neighbors first: they are on it.
+  // First the neighbors on the interface.
   for (auto neighbor = pim->pimNeighborIterator(); neighbor; ++neighbor)
     if (neighbor->intf() == eth0.get()) pim->pimNeighborDel(neighbor);
   pim->pimIntfDel(IntfId("eth0"));
@@ -299,7 +300,7 @@ TEST_F(Guide, ANeighborWhoseAddressAnInterfaceTookHasNoMachineAfterwardsUntilItI
   pim->pimIntfIs(eth1);
   EXPECT_FALSE(machine->joinPruneNeighborSm(upstream)->neighbor());
   // [taken-over]
-  // eth1 had the address of a neighbor, by mistake, and has gone down again. The neighbor has no machine: tell it anew.
+  // eth1 had the address of a neighbor by mistake and was removed. The neighbor has no machine: notify again.
   pim->pimIntfDel(IntfId("eth1"));
   if (!machine->joinPruneNeighborSm(upstream)) pim->pimNeighborNotify(upstream);
   // [taken-over]
@@ -309,7 +310,7 @@ TEST_F(Guide, ANeighborWhoseAddressAnInterfaceTookHasNoMachineAfterwardsUntilItI
 TEST_F(Guide, ASuccessorTakesOverWhatIsToBeSent) {
   status->periodicGroupStatus()->upJoinPrune(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);
   // [successor]
-  machine = nullptr;  // first the one, then the other
+  machine = nullptr;  // before the successor is created
   machine = joinPruneMessageSmFactory(status, filter, pim, rp, rxJoin, rxPrune, channel, manager, wheel);
   // [successor]
   EXPECT_EQ(machine->joinPruneNeighborSm(upstream)->numPeriodicRoutes(), 1u);
@@ -481,11 +482,11 @@ TEST_F(Guide, ACallbackMayDropTheMachineThatCalledIt) {
 }
 
 // [tuning]
-// Sets every neighbor machine as it comes: half the delay of a triggered message, a tenth of the time in a turn.
+// Sets every new neighbor machine: half the delay of a triggered message, a tenth of the time in a turn.
 class Tuner final : public JoinPruneMessageSm::Notifiee {
   void onJoinPruneNeighborSm(IpGenAddr address) override {
     auto const neighborSm = notifier()->joinPruneNeighborSm(address);
-    if (!neighborSm) return;  // it went
+    if (!neighborSm) return;  // it was removed
     neighborSm->triggeredIntervalIs(0.05);
     neighborSm->loopQuantumIs(0.01);
   }
@@ -529,6 +530,32 @@ TEST_F(Guide, TracesGoWhereTheSinkSays) {
   Vel::TraceHandle::find("Pim::JoinPrune").levelsDel();
   EXPECT_THAT(lines, ElementsAre("JoinPruneMessageSm::handleNeighbor(10.0.0.2), Neighbor down",
                                  "JoinPruneMessageSm::doMaybeDeleteNeighbor(10.0.0.2), deleting neighbor"));
+}
+
+// The lines of level 7 that name a handler of groups, without the name of the machine.
+std::vector<std::string> groupLines(std::vector<std::string> const& lines) {
+  std::vector<std::string> result;
+  for (auto const& line : lines)
+    if (auto const at = line.find("::handleTriggeredGroup("); at != line.npos)
+      result.push_back(line.substr(at + 2));
+  return result;
+}
+
+// docs/tracing.md explains it.
+TEST_F(Guide, AGroupThatIsAddedIsTracedLikeOneThatIsRemovedUnderTheNeighborsAddress) {
+  std::vector<std::string> lines;
+  Vel::TraceHandle::find("Pim::JoinPrune").levelIs(7, true);
+  Vel::traceSinkIs([&](Vel::TraceLine const& line) { lines.push_back(line.text); });
+  auto const triggered = status->triggeredGroup(upstream);
+  triggered->joinPruneGroupDataIs(group);
+  auto const added = groupLines(std::exchange(lines, {}));
+  triggered->joinPruneGroupDataDel(group);
+  auto const removed = groupLines(lines);
+  Vel::traceSinkIs({});
+  Vel::TraceHandle::find("Pim::JoinPrune").levelsDel();
+  EXPECT_THAT(added,
+              ElementsAre("handleTriggeredGroup(10.0.0.2)", "handleTriggeredGroup(10.0.0.2): Deleted"));
+  EXPECT_EQ(added, removed);
 }
 
 }  // namespace

@@ -9,6 +9,12 @@
 //   JoinPruneMessageInfo.h      the record of the latest received entry; watched by the agent
 //   JoinPruneFilter.h           the policy on received entries
 //
+// and for the machines alone:
+//
+//   TransmitStep.h              one message handed to the packet manager
+//   NestedReactor.h             making and unhooking the reactors of a machine
+//   JoinPruneTrace.h            how the machines trace
+//
 // How they hang together: the agent makes the inputs (interfaces and neighbors in a Status, a
 // JoinPruneStatus, two records, a receive channel, a packet manager, a timer wheel) and hands them to
 // `joinPruneMessageSmFactory`. From then on everything happens inside the agent's own calls: a change of an

@@ -1,4 +1,27 @@
 // What PIM knows about its surroundings.
+//
+// Which file of this folder does what:
+//
+//   Status.h                     the interfaces and neighbors of the router
+//   Intf.h                       an interface: its address and its timer values
+//   Neighbor.h                   a neighbor: its address and its interface
+//   RpHashComputeStatus.h        which RP serves a group; the agent derives from it
+//   RouteKey.h                   a route, and a route on an interface, as keys
+//   PeriodicTimerSm.h            the pace of a refresh: how it is cut into slices
+//
+// Messages in structured form:
+//
+//   packet/JoinPruneMessage.h    a message, and the report on what was sent of it
+//   packet/JoinPruneData.h       a data set: the groups for one upstream neighbor
+//   packet/JoinPruneGroupData.h  one group's joined and pruned sources
+//   packet/JoinPruneStatus.h     the periodic data sets of all upstream neighbors
+//   packet/SourceFlags.h         the flags S, W and R of a source
+//   packet/GroupWalk.h           a fast walk over very many groups
+//
+// Where the agent's packet layer and the engine meet:
+//
+//   io/MessageInfo.h             one message after another: the receive channel, the transmit record
+//   io/PamManager.h              the packet manager, which has the transmit record
 #pragma once
 
 #include "pim/model/Neighbor.h"

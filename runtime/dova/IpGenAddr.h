@@ -1,4 +1,11 @@
 // Network addresses.
+//
+// Which file of this folder does what:
+//
+//   IpGenAddr.h    an IPv4 or IPv6 address, and how collections store it
+//   IpGenPrefix.h  an address with a mask length
+//   IntfId.h       the identifier of an interface
+//   NetU8.h        a byte in network form
 #pragma once
 
 #include <array>

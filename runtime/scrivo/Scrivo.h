@@ -26,6 +26,9 @@
 // then on only the arguments are written. Messages and block timers go to a ring each, so that timers, which
 // are many, do not wash out messages, which are few. The reader puts both in order of time.
 //
+// Which file of this folder does what:
+//
+//   Scrivo.h             what code that traces includes
 //   Kinds.h              kinds of events and arguments
 //   CycleCounter.h       the time stamp of a record
 //   Format.h             the layout of the file, and why a kill at any instruction leaves it readable

@@ -10,6 +10,8 @@
 //   greeter->notifierIs(wheel);
 //   greeter->timeMinIs(wheel->now() + 1.0);
 //
+// This header and its source file are the whole folder.
+//
 // The wheel has no loop of its own. The agent's loop polls until `timeMin()` and then calls `expire()`:
 //
 //   poll(fds, count, std::clamp(std::ceil((wheel->timeMin() - wheel->now()) * 1000), 0.0, 60000.0));

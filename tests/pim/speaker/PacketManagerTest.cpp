@@ -954,8 +954,10 @@ class ReportReactor final : public Packet::JoinPruneMessage::NotifieeConst {
 };
 
 TEST_F(PacketManagerTest, SendsNothingIfItIsLetGoOrStoppedWhileItClearsTheReport) {
+  manager->stop();
   for (bool const letGo : {true, false}) {
-    managerIs(nullptr);
+    manager = Vel::create<PacketManager>(sink, status);
+    manager->start();
     auto const record = manager->txMessageInfo();
     auto const message = Vel::create<Packet::JoinPruneMessage>();
     message->reportIs({1, 2, 3});

