@@ -8,6 +8,6 @@ foreach(subject ${names})
   set(test "bench: ${subject} gives its figures")
   string(APPEND tests "add_test([=[${test}]=] [=[${SCRIPT}]=] --program [=[${PROGRAM}]=] --quick --only [=[^${subject}/]=]"
                       " --json [=[${FOLDER}/${subject}.json]=])\n"
-                      "set_tests_properties([=[${test}]=] PROPERTIES TIMEOUT 120 LABELS long)\n")
+                      "set_tests_properties([=[${test}]=] PROPERTIES TIMEOUT 120)\n")
 endforeach()
 file(WRITE ${OUT} "${tests}")
