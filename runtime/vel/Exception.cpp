@@ -17,9 +17,9 @@ void throwNullParameter(std::string_view parameter, std::string_view mutator) {
   throw InvalidArgumentException(text.str());
 }
 
-void requireDuration(std::string_view name, Seconds seconds) {
-  if (std::isnan(seconds)) throw InvalidArgumentException(std::string(name) + " cannot be NaN");
-  if (seconds < 0) throw InvalidArgumentException(std::string(name) + " cannot be negative");
+void throwNoDuration(std::string_view name, Seconds seconds) {
+  throw InvalidArgumentException(std::string(name) +
+                                 (std::isnan(seconds) ? " cannot be NaN" : " cannot be negative"));
 }
 
 void throwPresent(std::string_view mutator, std::string const& type, std::string const& what) {

@@ -36,9 +36,14 @@ class VEL_API InvalidArgumentException : public RangeException {
 /// double-quote character. Kept: the quote has no partner, and log filters in the field match on it.
 [[noreturn]] VEL_API void throwNullParameter(std::string_view parameter, std::string_view mutator);
 
-/// Throws InvalidArgumentException "<name> cannot be NaN" or "<name> cannot be negative" for a time, in
-/// seconds, that is no duration.
-VEL_API void requireDuration(std::string_view name, Seconds seconds);
+/// Throws InvalidArgumentException "<name> cannot be NaN" or "<name> cannot be negative".
+[[noreturn]] VEL_API void throwNoDuration(std::string_view name, Seconds seconds);
+
+/// Throws like throwNoDuration() unless the time, in seconds, is a duration: not NaN, and not less than 0.
+inline void requireDuration(std::string_view name, Seconds seconds) {
+  if (!(seconds >= 0)) [[unlikely]]
+    throwNoDuration(name, seconds);
+}
 
 /// Throws RangeException "<mutator> of <type>: <what> is there already".
 [[noreturn]] VEL_API void throwPresent(std::string_view mutator, std::string const& type,
