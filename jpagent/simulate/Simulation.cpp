@@ -111,6 +111,7 @@ void Simulation::on(WaitCommand const& command) {
     Seconds const before = now_;
     nowIs(std::max(now_, wheel_->timeMin()));
     expire();
+    lookedAt_ += oneExpiry;
     refuseIfLookedAtTooMuch();
     atOnce = now_ > before ? 0 : atOnce + 1;
     if (atOnce > mostExpiriesAtOnce) refuse("timers fire for ever at {}", secondsText(now_));

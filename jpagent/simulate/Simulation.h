@@ -41,6 +41,8 @@ class Simulation {
  public:
   /// How many interfaces, data sets, groups and routes may be looked at as a whole.
   static constexpr std::size_t mostLookedAt = 20'000'000;
+  /// As how many of them an expiry of the timers counts: a conversation may wait through a million expiries.
+  static constexpr std::size_t oneExpiry = 20;
 
   /// Lines go to `out`; each packet also goes to `alsoTo`, if there is one, after its line. Both must outlive
   /// the simulation.

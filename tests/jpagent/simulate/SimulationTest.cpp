@@ -676,6 +676,13 @@ TEST_F(ImpatientSimulationTest, AManagerThatTakesNothingCannotWalkAllRoutesForEv
   EXPECT_LT(simulation_.now(), 1000);
 }
 
+TEST_F(ImpatientSimulationTest, AWaitEndsAfterTooManyExpiries) {
+  run("periodic 10.0.0.2 join (10.9.0.1,239.1.1.1)");  // a refresh every 60 s
+  EXPECT_FALSE(isTooMuch("wait 24000"));
+  EXPECT_TRUE(isTooMuch("wait 24000"));
+  EXPECT_GT(simulation_.now(), 29000);
+}
+
 TEST_F(ImpatientSimulationTest, ATemperCannotDoWhatIsTooMuchEither) {
   run("periodic 10.0.0.2 join 1000 routes from (10.9.0.1,239.1.0.1)");
   std::string again = "temper on first of 1 do periodic 10.0.0.2 again";
