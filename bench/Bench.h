@@ -10,9 +10,9 @@
 //     });
 //     Bench::row({.subject = "codec", .what = "encode IPv4", .reference = "floor", .atMost = 1.5});
 //
-// scripts/bench runs everything, takes medians, prints the table and writes it as JSON. The program by itself is a
-// Google Benchmark program with all its options; JOINPRUNE_BENCH_LARGEST in the environment leaves out sizes
-// beyond that number, for a quick look or a test.
+// scripts/bench runs everything, takes medians, prints the table and writes it as JSON. The program by itself
+// is a Google Benchmark program with all its options; JOINPRUNE_BENCH_LARGEST in the environment leaves out
+// sizes beyond that number, for a quick look or a test.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -25,8 +25,9 @@
 
 namespace Bench {
 
-/// Stops the time of the part of a run that counts: processor time of this thread, so that a busy machine disturbs less.
-/// Reading it takes some hundred nanoseconds; what is timed should be much longer. Starts and stops add up.
+/// Stops the time of the part of a run that counts: processor time of this thread, so that a busy machine
+/// disturbs less. Reading it takes some hundred nanoseconds; what is timed should be much longer. Starts and
+/// stops add up.
 class Stopwatch {
  public:
   void start() { began_ = now(); }
@@ -64,12 +65,12 @@ struct NotMeasured {
   std::string why;
 };
 
-/// Registers a benchmark in nanoseconds an operation. `run` is called again and again; each time it prepares what it
-/// needs, and times what counts. What it captures lives as long as the process.
+/// Registers a benchmark in nanoseconds an operation. `run` is called again and again; each time it prepares
+/// what it needs, and times what counts. What it captures lives as long as the process.
 void timed(std::string const& name, Run run);
 
-/// The same for a run with preparations that serve all repetitions: `prepare` is called when the benchmark begins, and
-/// what it gives is dropped when it ends. A peer that is not to be had here throws NotMeasured.
+/// The same for a run with preparations that serve all repetitions: `prepare` is called when the benchmark
+/// begins, and what it gives is dropped when it ends. A peer that is not to be had here throws NotMeasured.
 void prepared(std::string const& name, std::function<Run()> prepare);
 
 /// Registers a figure that needs no repetition, such as bytes.
@@ -92,7 +93,8 @@ struct Row {
 };
 void row(Row row);
 
-/// Rows without a bar, of the benchmarks "<name>/ours" and "<name>/floor": the points of the curve of that series.
+/// Rows without a bar, of the benchmarks "<name>/ours" and "<name>/floor": the points of the curve of that
+/// series.
 void growth(std::string const& series, std::size_t size, std::string const& name);
 
 /// True unless the environment asks for smaller sizes.

@@ -1,7 +1,7 @@
 // Five operations on a container of addresses and its bytes, for ours and for a peer alike.
 //
-// A container under test is a class that is made empty and has insert(i), erase(i), contains(address) and walk(), where
-// i is the number of a key; walk() visits everything and returns something that depends on it.
+// A container under test is a class that is made empty and has insert(i), erase(i), contains(address) and
+// walk(), where i is the number of a key; walk() visits everything and returns something that depends on it.
 #pragma once
 
 #include <malloc.h>

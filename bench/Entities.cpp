@@ -1,6 +1,6 @@
-// A collection of entities (Vel::EntityMap) against boost::intrusive::unordered_set, which links elements through a hook
-// in each and is given its buckets: in nanoseconds an element, and in bytes beyond the entity. The entities exist
-// beforehand. The peer's buckets are doubled when there are more elements than buckets.
+// A collection of entities (Vel::EntityMap) against boost::intrusive::unordered_set, which links elements
+// through a hook in each and is given its buckets: in nanoseconds an element, and in bytes beyond the entity.
+// The entities exist beforehand. The peer's buckets are doubled when there are more elements than buckets.
 #include <boost/intrusive/unordered_set.hpp>
 
 #include "bench/Containers.h"

@@ -1,11 +1,12 @@
-// Fixed scenarios, for scripts/instructions, which counts their instructions under valgrind's callgrind and compares
-// them with bench/instructions.json. A count does not depend on what else the machine does, so that it shows a change
-// of a few per cent, which a time cannot.
+// Fixed scenarios, for scripts/instructions, which counts their instructions under valgrind's callgrind and
+// compares them with bench/instructions.json. A count does not depend on what else the machine does, so that
+// it shows a change of a few per cent, which a time cannot.
 //
 //     joinprune_instructions         lists the scenarios
 //     joinprune_instructions NAME    runs one; what counts is between two client requests
 //
-// Seeds and clocks are fixed. Each scenario runs in a process of its own, so that none sees the heap that another left.
+// Seeds and clocks are fixed. Each scenario runs in a process of its own, so that none sees the heap that
+// another left.
 #include <unistd.h>
 #include <valgrind/callgrind.h>
 

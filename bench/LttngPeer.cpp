@@ -1,5 +1,6 @@
-// The LTTng-UST peer of Ring.cpp, in a module of its own that is loaded when it is measured: the library starts
-// threads when it is loaded, and a process with threads allocates memory more slowly, which is no matter of ours.
+// The LTTng-UST peer of Ring.cpp, in a module of its own that is loaded when it is measured: the library
+// starts threads when it is loaded, and a process with threads allocates memory more slowly, which is no
+// matter of ours.
 #define LTTNG_UST_TRACEPOINT_CREATE_PROBES
 #define LTTNG_UST_TRACEPOINT_DEFINE
 #include "bench/LttngProvider.h"

@@ -1,5 +1,6 @@
-// The tracepoints of the LTTng-UST peer; lttng/tracepoint-event.h includes this file several times. The arguments are
-// the cheapest form of what the ring message takes: an address as one integer, a short text, a number.
+// The tracepoints of the LTTng-UST peer; lttng/tracepoint-event.h includes this file several times. The
+// arguments are the cheapest form of what the ring message takes: an address as one integer, a short text, a
+// number.
 #undef LTTNG_UST_TRACEPOINT_PROVIDER
 #define LTTNG_UST_TRACEPOINT_PROVIDER joinprune_bench
 

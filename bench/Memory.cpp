@@ -1,5 +1,6 @@
-// Bytes a route at a million of them: one source a group in triggered data, with the machine's reactors; and one group of
-// a million sources. malloc's own share included. The reference is the size of a key and its flags.
+// Bytes a route at a million of them: one source a group in triggered data, with the machine's reactors; and
+// one group of a million sources. malloc's own share included. The reference is the size of a key and its
+// flags.
 #include <algorithm>
 
 #include "bench/Containers.h"

@@ -1,5 +1,6 @@
-// A counted reference that is copied and dropped, in nanoseconds. The floor is a plain integer that goes up and down. In
-// the thread-safe mode the peer is std::shared_ptr, which counts atomically once a process has threads.
+// A counted reference that is copied and dropped, in nanoseconds. The floor is a plain integer that goes up
+// and down. In the thread-safe mode the peer is std::shared_ptr, which counts atomically once a process has
+// threads.
 #include <memory>
 #include <thread>
 

@@ -1,9 +1,9 @@
-// The refresh of periodic routes, packet manager included, in nanoseconds a route. The floor is a straight-line
-// encoder over an array of the same routes, packed into messages of the same size.
+// The refresh of periodic routes, packet manager included, in nanoseconds a route. The floor is a
+// straight-line encoder over an array of the same routes, packed into messages of the same size.
 //
-// The routes are (S,G) joins, one source a group. A round is driven as an agent would do it: the clock is moved from
-// one deadline of the wheel to the next until every route has been sent once. The clock is virtual and stands still
-// during a slice, so no slice is cut short.
+// The routes are (S,G) joins, one source a group. A round is driven as an agent would do it: the clock is
+// moved from one deadline of the wheel to the next until every route has been sent once. The clock is virtual
+// and stands still during a slice, so no slice is cut short.
 #include <arpa/inet.h>
 
 #include <algorithm>

@@ -1,7 +1,8 @@
-// A ring message with three arguments and a block timer, in nanoseconds, with a trace file open. The floor reads the
-// cycle counter and stores the arguments into a buffer, once for a message, and twice and the difference for a timer.
-// The peers of the message are LTTng-UST, recording into its own ring (a snapshot session, which scripts/bench sets
-// up; without a session nothing is measured), and, for the record, spdlog, which composes a line and drops it.
+// A ring message with three arguments and a block timer, in nanoseconds, with a trace file open. The floor
+// reads the cycle counter and stores the arguments into a buffer, once for a message, and twice and the
+// difference for a timer. The peers of the message are LTTng-UST, recording into its own ring (a snapshot
+// session, which scripts/bench sets up; without a session nothing is measured), and, for the record, spdlog,
+// which composes a line and drops it.
 #include <dlfcn.h>
 #include <spdlog/sinks/null_sink.h>
 #include <spdlog/spdlog.h>
@@ -46,7 +47,8 @@ struct Buffer {
 };
 Buffer buffer;
 
-// Loaded once and kept. The session daemon is asked while the module is loaded, so it is known then what is recorded.
+// Loaded once and kept. The session daemon is asked while the module is loaded, so it is known then what is
+// recorded.
 class Lttng {
  public:
   static Lttng const& get() {

@@ -1,5 +1,5 @@
-// The engine between an interface and a neighbor, on a clock that the benchmark moves; and the same with a packet
-// manager, for what is sent.
+// The engine between an interface and a neighbor, on a clock that the benchmark moves; and the same with a
+// packet manager, for what is sent.
 //
 //   Bench::Router router;
 //   router.start(manager);
@@ -29,7 +29,8 @@ struct Router {
     status->periodicGroupStatusIs(Vel::create<Routing::Pim::Packet::JoinPruneStatus>());
   }
 
-  /// Makes the machine, over a manager that is ready or none; `triggered` and `periodic` are there from now on.
+  /// Makes the machine, over a manager that is ready or none; `triggered` and `periodic` are there from now
+  /// on.
   void start(Vel::Ptr<Routing::Pim::IO::PamManager> const& manager) {
     machine =
         joinPruneMessageSmFactory(status, nullptr, pim, nullptr, nullptr, nullptr, nullptr, manager, wheel);

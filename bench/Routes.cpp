@@ -1,6 +1,7 @@
-// What a route costs that comes and goes: triggered, from being added to being sent by a packet manager that does
-// nothing but take it out; and periodic, from being added to being removed among many that stay. In nanoseconds a route.
-// The floor inserts the route into an absl::flat_hash_set, erases it, and makes two virtual calls.
+// What a route costs that comes and goes: triggered, from being added to being sent by a packet manager that
+// does nothing but take it out; and periodic, from being added to being removed among many that stay. In
+// nanoseconds a route. The floor inserts the route into an absl::flat_hash_set, erases it, and makes two
+// virtual calls.
 #include <absl/container/flat_hash_set.h>
 
 #include <algorithm>

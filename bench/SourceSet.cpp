@@ -1,5 +1,5 @@
-// The set of sources (Vel::HashSet) against absl::flat_hash_set of the same key and the same hash, in nanoseconds an
-// element, and in bytes.
+// The set of sources (Vel::HashSet) against absl::flat_hash_set of the same key and the same hash, in
+// nanoseconds an element, and in bytes.
 #include <absl/container/flat_hash_set.h>
 
 #include "bench/Containers.h"

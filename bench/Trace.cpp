@@ -1,5 +1,6 @@
-// A trace line that is off, in nanoseconds. The floor is a relaxed read of a flag; both stand in the same loop, and the
-// empty loop is measured beside them. The peer, for comparison alone, is spdlog with its level off.
+// A trace line that is off, in nanoseconds. The floor is a relaxed read of a flag; both stand in the same
+// loop, and the empty loop is measured beside them. The peer, for comparison alone, is spdlog with its level
+// off.
 #include <spdlog/sinks/null_sink.h>
 #include <spdlog/spdlog.h>
 

@@ -1,9 +1,9 @@
 // Two routers with a real event loop and a packet manager of their own, over a pair of sockets.
 //
-// A is downstream of B. A route of A's wants a source: A joins it at B at once, and refreshes the join every second.
-// What a router program adds to the engine is all here, in this order: a form for packets (a text; a router has that
-// of RFC 7761, 4.9, as pim/wire/PimMessage.h writes it), the packet manager, the receiving side, the loop.
-// Marks like `// [loop]` are where docs/guide.md takes its pieces from.
+// A is downstream of B. A route of A's wants a source: A joins it at B at once, and refreshes the join every
+// second. What a router program adds to the engine is all here, in this order: a form for packets (a text; a
+// router has that of RFC 7761, 4.9, as pim/wire/PimMessage.h writes it), the packet manager, the receiving
+// side, the loop. Marks like `// [loop]` are where docs/guide.md takes its pieces from.
 #include <poll.h>
 #include <sys/random.h>
 #include <sys/socket.h>
@@ -71,8 +71,8 @@ constexpr std::array<Kind, 6> kinds = {{
      [](auto& g, auto& s) { g.prunedRptSourceIs(s); }, [](auto& g, auto& s) { g.prunedRptSourceDel(s); }},
 }};
 
-// "10.0.0.2 210", and a line "join 239.1.1.1 10.9.0.1" for each entry. The message is whole, or there is none: half a
-// message applied is worse than one that is lost and comes again.
+// "10.0.0.2 210", and a line "join 239.1.1.1 10.9.0.1" for each entry. The message is whole, or there is
+// none: half a message applied is worse than one that is lost and comes again.
 Vel::Ptr<Packet::JoinPruneMessage> decode(std::string const& packet) {
   std::istringstream lines(packet);
   std::string upstream, word, group, source;
@@ -107,8 +107,8 @@ class Sender final : public IO::MessageInfo::Notifiee {
     auto const message = notifier()->joinPruneMessage();
     auto const data = message->joinPruneData();
 
-    // A router would also leave out what the filter denies and what is suppressed, count it as such, and keep a
-    // (*,G) join together with its (S,G,rpt) prunes (RFC 7761, 4.9.5.2).
+    // A router would also leave out what the filter denies and what is suppressed, count it as such, and keep
+    // a (*,G) join together with its (S,G,rpt) prunes (RFC 7761, 4.9.5.2).
     std::vector<Entry> const entries = next(*data);
     Packet::JoinPruneMessage::Report report;
     if (!entries.empty() && transmit(*data, entries)) {
@@ -131,8 +131,9 @@ class Sender final : public IO::MessageInfo::Notifiee {
     IpGenAddr source;
   };
 
-  // The entries of the next message. Data that is sent once loses what was sent, so the next entries are at its
-  // front. Periodic data stays: continue where the last message ended, by key, since the data may have changed.
+  // The entries of the next message. Data that is sent once loses what was sent, so the next entries are at
+  // its front. Periodic data stays: continue where the last message ended, by key, since the data may have
+  // changed.
   std::vector<Entry> next(Packet::JoinPruneData& data) {
     std::vector<Entry> entries;
     if (data.periodic()) entries = from(data, last_[data.upstreamNeighbor()]);
@@ -252,8 +253,8 @@ void turn(Zanth::TimerWheel& wheel, std::array<Router*, count> const& routers) {
   std::array<pollfd, count> fds;
   std::ranges::transform(routers, fds.begin(), [](Router* r) { return pollfd{r->socket(), POLLIN, 0}; });
 
-  // Rounded up: a poll that ends too early would spin. At most a minute, since timeMin() is +infinity if no timer is
-  // armed.
+  // Rounded up: a poll that ends too early would spin. At most a minute, since timeMin() is +infinity if no
+  // timer is armed.
   double const milliseconds = std::ceil((wheel.timeMin() - wheel.now()) * 1000);
   if (poll(fds.data(), fds.size(), static_cast<int>(std::clamp(milliseconds, 0.0, 60'000.0))) < 0 &&
       errno != EINTR)
@@ -286,8 +287,9 @@ int main(int argc, char** argv) {
   IpGenAddr const upstream("10.0.0.2");
   a.pim->pimNeighborIs(upstream, eth0);
 
-  // The route state machine of (10.9.0.1,239.1.1.1) gets its first member: a join now, and from now on. The group
-  // first, then the source; to leave, the source goes out of the periodic data and into the prunes of the triggered.
+  // The route state machine of (10.9.0.1,239.1.1.1) gets its first member: a join now, and from now on. The
+  // group first, then the source; to leave, the source goes out of the periodic data and into the prunes of
+  // the triggered.
   IpGenAddr const group("239.1.1.1"), source("10.9.0.1");
   a.status->triggeredGroup(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);
   a.status->periodicGroupStatus()->upJoinPrune(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);

@@ -1,4 +1,4 @@
-// The smallest agent: it builds the engine, hands it one received message, and prints the record that comes out.
+// The smallest agent: it builds the engine, gives it one received message, and prints the record.
 #include <iostream>
 
 #include "pim/joinprune/JoinPruneMessageSm.h"
@@ -39,5 +39,5 @@ int main() {
   channel->joinPruneMessageIs(message);
   channel->countInc(1);  // prints (10.9.0.1,239.1.1.1), Flags: S, Intf: , Neighbor: 10.0.0.1, Holdtime: 210
 
-  wheel->expire();  // an agent polls until wheel->timeMin() and calls this, for ever
+  wheel->expire();  // an agent polls until wheel->timeMin() and calls this, in its loop
 }

@@ -1,5 +1,5 @@
-// Runs a target over the inputs that are kept: each file of the folders named as arguments. A failure ends the
-// process behind the line with the input's name.
+// Runs a target over the inputs that are kept: each file of the folders named as arguments. A failure ends
+// the process behind the line with the input's name.
 #include <filesystem>
 #include <fstream>
 #include <iostream>

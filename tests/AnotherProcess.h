@@ -25,8 +25,8 @@ inline void say(int end, std::string_view text) {
   }
 }
 
-/// Calls `work` in a copy of this process, with the end of a pipe to say things by, and waits for it. The copy ends with
-/// status 0 if `work` returns.
+/// Calls `work` in a copy of this process, with the end of a pipe to say things by, and waits for it. The
+/// copy ends with status 0 if `work` returns.
 inline Ended inACopy(std::function<void(int end)> const& work) {
   int ends[2];
   if (pipe(ends) != 0) throw std::system_error(errno, std::generic_category(), "there is no pipe");

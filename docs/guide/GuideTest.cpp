@@ -264,9 +264,9 @@ TEST_F(Guide, ANeighborThatGoesKeepsItsMachineWhileThereIsPeriodicData) {
   auto const standing = status->periodicGroupStatus()->upJoinPrune(upstream);
   standing->joinPruneGroupDataIs(group)->joinedSourceIs(source);
   // [neighbor-down]
-  // The neighbor has expired. Its routes move to another upstream neighbor: remove them from its periodic data,
-  // source by source (all of them joins here). The machine is removed with the last one, and its data sets with
-  // it.
+  // The neighbor has expired. Its routes move to another upstream neighbor: remove them from its periodic
+  // data, source by source (all of them joins here). The machine is removed with the last one, and its data
+  // sets with it.
   pim->pimNeighborDel(upstream);
   for (auto g = standing->joinPruneGroupDataIterator(); g; ++g) g->joinedSourceDelAll();
   // [neighbor-down]

@@ -18,9 +18,10 @@ inline constexpr int allFine = 0, somethingRefused = 1, somethingDiffers = 1, ca
 int cannot(std::string text);
 
 /// From here on, a write to a closed pipe or beyond a limit is an error and no signal, a trace file that
-/// somebody else truncates ends the program with a line, so does an assertion that does not hold (a conversation
-/// can break the engine's rules), and being told to end removes unfinished files first. Opens what is missing of the three standard streams, so that no file takes the place of one. Memory
-/// that runs out is seen to before main().
+/// somebody else truncates ends the program with a line, so does an assertion that does not hold (a
+/// conversation can break the engine's rules), and being told to end removes unfinished files first. Opens
+/// what is missing of the three standard streams, so that no file takes the place of one. Memory that runs
+/// out is seen to before main().
 void endWithReasons();
 
 /// What the program is at work on, to be named if memory runs out: the first of its files.

@@ -1,6 +1,6 @@
-// What a simulation writes into the ring trace file, beside what the engine writes: what it does to the engine, what
-// the engine does to its timers and sends, and what time it is. The engine's own messages are documented with these in
-// docs/tracing.md.
+// What a simulation writes into the ring trace file, beside what the engine writes: what it does to the
+// engine, what the engine does to its timers and sends, and what time it is. The engine's own messages are
+// documented with these in docs/tracing.md.
 #pragma once
 
 #include <array>
@@ -21,7 +21,8 @@ using Vel::U8;
 /// The name that these messages give as their source.
 #define SIMULATION_SOURCE "Simulation"
 
-/// Followed by the virtual time in microseconds. What comes after it happens then, and takes as long as it takes.
+/// Followed by the virtual time in microseconds. What comes after it happens then, and takes as long as it
+/// takes.
 inline constexpr char clockLiteral[] = "Clock: ";
 
 enum class TimerEvent : U8 { armed, moved, disarmed, fired };

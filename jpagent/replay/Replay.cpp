@@ -161,8 +161,7 @@ void Replay::pimIs(Place const& place, Datagram const& datagram) {
   }
   auto const fault = senderFault(datagram);
   if (fault && !lenient_) return refuse(place, type, *fault);
-  bool const taken =
-      type == Wire::PimType::hello ? helloIs(place, datagram) : joinPruneIs(place, datagram);
+  bool const taken = type == Wire::PimType::hello ? helloIs(place, datagram) : joinPruneIs(place, datagram);
   if (fault && taken) ++totals_.lenient;
 }
 

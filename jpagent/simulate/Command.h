@@ -22,7 +22,7 @@ using Vel::Seconds;
 /// A file that cannot be read, or a line of it that is not understood or cannot be performed.
 class ConversationError : public std::runtime_error {
  public:
-  /// Line 0 stands for the whole file.
+  /// Line 0 means the whole file.
   ConversationError(U32 line, std::string const& text) : std::runtime_error(text), line_(line) {}
   U32 line() const { return line_; }
 

@@ -72,8 +72,8 @@ Command neighbor(Words& words) { return takeNeighbor(words); }
 constexpr Form forms[] = {
     {"interface", interface,
      "NAME [ADDRESS/LEN | none] [hold S] [interval S] [override S] [mtu BYTES] [notify] [renew] [down]",
-     "an interface comes up, changes, repeats its address, becomes another object, or goes down"},
-    {"neighbor", neighbor, "ADDRESS on NAME | down | up", "a neighbor comes up, goes down, returns"},
+     "an interface comes up, changes, repeats its address, becomes another object, or is down"},
+    {"neighbor", neighbor, "ADDRESS on NAME | down | up", "a neighbor comes up, is down, is up again"},
     {"rp", rp, "GROUP/LEN=ADDRESS", "the RP of groups; without one, the RP in a message is right"},
     {"deny", policyOn<Policy::deny>, "GROUP/LEN [off]", "the filter on receipt denies groups"},
     {"filter", policyOn<Policy::filter>, "GROUP/LEN [off]", "the packet manager filters groups"},
@@ -83,7 +83,7 @@ constexpr Form forms[] = {
     {"triggered", dataOf<Channel::triggered>, "TARGET [remove] join ROUTE... prune ROUTE...",
      "changes what is pending for an upstream target"},
     {"override", dataOf<Channel::override>, "TARGET make | gone | group G | ungroup G | remove wildcard G",
-     "the same; what else can become of it: the data set comes or goes, a group comes empty, or goes with "
+     "the same; the data set is made or removed, a group is added empty, or removed with "
      "what "
      "is in it"},
     {"periodic", dataOf<Channel::periodic>, "TARGET [remove] join ROUTE... prune ROUTE...",
@@ -92,7 +92,7 @@ constexpr Form forms[] = {
     {"receive", receive, "NAME upstream ADDRESS hold S join ROUTE... prune ROUTE...",
      "a Join/Prune message comes in"},
     {"wait", wait, "S | until S", "time passes; every timer fires at its time"},
-    {"busy", busy, "S", "time passes while nobody looks at the timers"},
+    {"busy", busy, "S", "time passes, and no timer is called"},
     {"seed", seed, "N", "seeds the random override delay"},
     {"cost", cost, "S", "the time that sending one message takes from now on"},
     {"set", set, "TARGET | NAME | machine ATTRIBUTE VALUE", "sets an attribute by name"},

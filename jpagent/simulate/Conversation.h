@@ -1,6 +1,6 @@
 // Conversations: a text file with commands and, under a rule, everything that came out.
 //
-//     # A triggered join goes out 0.1 s after the route changed.
+//     # A triggered join is sent 0.1 s after the route changed.
 //     interface eth0 10.0.0.1/24
 //     neighbor 10.0.0.2 on eth0
 //     start

@@ -11,7 +11,7 @@ namespace Routing::Pim::Jpagent {
 
 namespace {
 
-// "remove join (10.9.0.1,239.1.1.1)" for one that goes, the entry alone for one that comes.
+// "remove join (10.9.0.1,239.1.1.1)" for one that is removed, the entry alone for one that is added.
 std::string changeText(Change change, RouteEntry const& entry) {
   return (change == Change::remove ? "remove " : "") + toText(entry);
 }

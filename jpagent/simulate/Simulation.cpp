@@ -11,7 +11,7 @@ namespace Routing::Pim::Jpagent {
 
 namespace {
 
-// As many expiries at one and the same time do not occur in a world that goes on.
+// As many expiries at one and the same time do not occur where time passes.
 constexpr U32 mostExpiriesAtOnce = 10'000;
 
 }  // namespace

@@ -104,7 +104,7 @@ class Simulation {
   void traced(Vel::TraceLine const& line);
   /// A command that was given, and not one inside another, is about to be performed.
   virtual void beginCommand() {}
-  /// Whoever is to serve the transmit record begins to; there may be none.
+  /// Starts what serves the transmit record; there may be none.
   virtual void serveRecord();
   void changeInterface(InterfaceCommand const& command);
   Vel::Ptr<Packet::JoinPruneData> changingData(DataCommand const& command);

@@ -24,7 +24,7 @@ bool isTracedHandle(std::string_view name) {
 bool isHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
 
 // The addresses of objects in a trace's text: "::@0x55d0c0de::" and, at the beginning, "0x55d0c0dehandler()",
-// where the handler's name may go on in what could be digits. `each` gets where one begins and ends.
+// where the handler's name may begin with what could be digits. `each` gets where one begins and ends.
 template <class Each>
 void forEachPointer(std::string_view text, std::string_view function, Each const& each) {
   std::size_t at = 0;
@@ -51,10 +51,9 @@ void traceLevelsAre(U32 levels) {
 }
 
 void Simulation::traced(Vel::TraceLine const& trace) {
-  for (auto const& expiry : expiryHandlers) {
-    auto const channel = expiry.second;
-    if (due_.empty() || trace.function != expiry.first) continue;
-    forEachPointer(trace.text, trace.function, [&](std::size_t begin, std::size_t end) {
+  for (auto const& [handler, expiring] : expiryHandlers) {
+    if (due_.empty() || trace.function != handler) continue;
+    forEachPointer(trace.text, trace.function, [&, channel = expiring](std::size_t begin, std::size_t end) {
       auto const pointer = trace.text.substr(begin, end - begin);
       auto const known = machineAt_.find(pointer);
       if (known == machineAt_.end()) return;
@@ -91,7 +90,7 @@ std::string const& Simulation::nameOf(std::string const& pointer) {
   return name;
 }
 
-// What is no machine any more has lost its name: another object may come to lie there.
+// What is no machine any more has lost its name: another object may get its address.
 void Simulation::forgetNames() {
   for (auto const& pointer : passing_)
     if (!machineAt_.contains(pointer)) names_.erase(pointer);

@@ -24,7 +24,7 @@ inline std::string_view trimmed(std::string_view text) {
 /// The beginning of a word says which one it is; a message need not be as long as what it is about.
 std::string quoted(std::string_view word);
 
-/// The words of a command, taken one by one. Whoever takes one says what it must be.
+/// The words of a command, taken one by one. The function that takes one names what it must be.
 class Words {
  public:
   Words(std::string_view text, U32 line, OwnForms own = {}) : Words(text, line, ownRoutes_, false, own) {}

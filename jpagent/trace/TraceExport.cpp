@@ -109,8 +109,9 @@ Message messageOf(TraceReader const& reader, Event const& event) {
   return Message(event, reader.descriptorOf(event));
 }
 
-/// The time of the picture at each moment of the cycle counter. It goes with the counter, and jumps ahead where a
-/// simulation moves its clock. It never goes back, though computing may take longer than the clock says.
+/// The time of the picture at each moment of the cycle counter. It goes with the counter, and jumps ahead
+/// where a simulation moves its clock. It never goes back, though computing may take longer than the clock
+/// says.
 class Timeline {
  public:
   explicit Timeline(TraceReader const& reader)

@@ -26,13 +26,13 @@ void exportText(Scrivo::TraceReader const& reader, std::ostream& out);
 /// An argument is called by the words that stand before it in the text.
 void exportJson(Scrivo::TraceReader const& reader, std::ostream& out);
 
-/// The whole file as one object in the trace event format of Chrome. Blocks are slices of the track "engine". A
-/// message is an instant on the track of the first address that it names, "10.0.0.2 on eth0", or, if it names none,
-/// on the track "messages". Between the message that arms a timer and the one that fires, moves or disarms it there
-/// is an asynchronous slice, "triggered timer of 10.0.0.2".
+/// The whole file as one object in the trace event format of Chrome. Blocks are slices of the track "engine".
+/// A message is an instant on the track of the first address that it names, "10.0.0.2 on eth0", or, if it
+/// names none, on the track "messages". Between the message that arms a timer and the one that fires, moves
+/// or disarms it there is an asynchronous slice, "triggered timer of 10.0.0.2".
 ///
-/// Time counts from the opening of the file. In a simulation it is the virtual time, and what is computed in no
-/// virtual time takes as long as it really took.
+/// Time counts from the opening of the file. In a simulation it is the virtual time, and what is computed in
+/// no virtual time takes as long as it really took.
 void exportChrome(Scrivo::TraceReader const& reader, std::ostream& out);
 
 }  // namespace Routing::Pim::Jpagent

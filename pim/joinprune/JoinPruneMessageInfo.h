@@ -72,8 +72,8 @@ class VEL_API JoinPruneMessageInfo final : public Vel::Entity {
   /// True if nobody watches, so that nobody hears of what is written before the last of many entries.
   bool velUnheard() const { return !velWatched(); }
 
-  /// Becomes what the joins of a group leave, which came in a message for `upstreamNeighbor`: as if each of them had been
-  /// written. REQUIRES: there is a source, and nobody watches.
+  /// Becomes what the joins of a group leave, which came in a message for `upstreamNeighbor`: as if each of
+  /// them had been written. REQUIRES: there is a source, and nobody watches.
   void velJoinsAre(Dova::IpGenAddr const& upstreamNeighbor, Seconds holdTime, Dova::IpGenAddr const& group,
                    Vel::HashSet<Dova::IpGenAddr> const& sources) {
     Vel::HashSet<Dova::IpGenAddr>::Cursor source;

@@ -52,7 +52,7 @@ Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
   return sm;
 }
 
-// Runs inside the factory, which holds the machine: whoever is called cannot end it.
+// Runs inside the factory, which has a reference to the machine: no callback can end it.
 void JoinPruneMessageSm::handleInitialized() {
   JOIN_PRUNE_BLOCK_TIMER();
   if (!start()) return;

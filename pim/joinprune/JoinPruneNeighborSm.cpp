@@ -558,8 +558,8 @@ void JoinPruneNeighborSm::handleInitialized() {
   joinPrunePeriodicTimerSmIs(wheel, this, loopQuantum_, periodic, intf_, notifierOf(pimPamManager_),
                              txMessage_);
   if (periodic) countRoutesAtStart(*periodic);
-  // Whoever was called so far may have changed what there is, so the last word is the data's. From here on the
-  // sources are counted one by one.
+  // Whoever was called so far may have changed what there is, so the last word is the data's. From here on
+  // the sources are counted one by one.
   counted_ = true;
   countRoutes();
   if (retired()) return;
@@ -825,14 +825,15 @@ JOIN_PRUNE_FORWARD(PeriodicGroup)
 
 // --- Want of memory ------------------------------------------------------------------------------
 
-// A group has no reactor: its sources are neither counted nor do they arm a timer, until this machine has caught up.
+// A group has no reactor: its sources are neither counted nor do they arm a timer, until this machine has
+// caught up.
 void JoinPruneNeighborSm::fallBehind() {
   behind_ = true;
   if (triggeredTimer_ && !triggeredTimer_->armed()) armIn<Triggered>(triggeredInterval_);
 }
 
-// Follows what could not be followed, counts anew and arms what is pending. Asked at each expiry, and when the
-// periodic data has run empty.
+// Follows what could not be followed, counts anew and arms what is pending. Asked at each expiry, and when
+// the periodic data has run empty.
 void JoinPruneNeighborSm::catchUp() {
   if (!behind_ || catchingUp_) return;
   Vel::MemoryHold const memory(this);
@@ -872,8 +873,8 @@ void JoinPruneNeighborSm::retireUnfollowedGroups() {
 
 // --- The route count -----------------------------------------------------------------------------
 
-// Counts up group by group. Where nobody would hear of the single steps, only those are made that lead to the timer being
-// armed, since it is the first routes that set its time; countRoutes() makes the rest at once.
+// Counts up group by group. Where nobody would hear of the single steps, only those are made that lead to the
+// timer being armed, since it is the first routes that set its time; countRoutes() makes the rest at once.
 void JoinPruneNeighborSm::countRoutesAtStart(Packet::JoinPruneData const& periodic) {
   Vel::MemoryHold const memory(this);
   for (auto i = periodic.joinPruneGroupDataIterator(); i && !retired(); ++i) {

@@ -176,8 +176,8 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     /// The group under which the machine holds this.
     Dova::IpGenAddr const& velKey() const { return group_; }
 
-    /// An (S,G) join came, which arms the channel's timer or is counted, or went, which means that it was sent
-    /// or is no longer wanted. A group that is empty then is removed. Without a machine: nothing.
+    /// An (S,G) join came, which arms the channel's timer or is counted, or went, which means that it was
+    /// sent or is no longer wanted. A group that is empty then is removed. Without a machine: nothing.
     void handleJoinedSource(Dova::IpGenAddr const& source);
     /// The same for an (S,G) prune.
     void handlePrunedSource(Dova::IpGenAddr const& source);

@@ -20,8 +20,8 @@ VEL_API Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
     Vel::Ptr<IO::PamManager> const& pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
 
 /// Refreshes the periodic joins and prunes of one neighbor machine at the interface's Join/Prune interval
-/// (RFC 7761, 4.5.4, 4.5.5: t_periodic). The pacing is the base's; this machine knows the interval, the routes and
-/// how to send.
+/// (RFC 7761, 4.5.4, 4.5.5: t_periodic). The pacing is the base's; this machine knows the interval, the
+/// routes and how to send.
 ///
 /// The periodic data is not emptied by sending: the packet manager sends another part of it with each
 /// message, and the count of what it reports ends the slice.

@@ -92,8 +92,8 @@ class VEL_API JoinPruneStatus final : public Vel::Entity {
   void rxPruneDelAll();
   void rxPruneDelAll() const { Vel::throwConstInstance(); }
 
-  /// The message machine that was started on this last and has not gone since. The data sets are its own: an earlier
-  /// one, which an agent may still hold or which is just going, removes none of them.
+  /// The message machine that was started on this last and has not gone since. The data sets are its own: an
+  /// earlier one, which an agent may still hold or which is just going, removes none of them.
   void const* velMachine() const { return velMachine_; }
   /// For the message machine alone.
   void velMachineIs(void const* machine) { velMachine_ = machine; }

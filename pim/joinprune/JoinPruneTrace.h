@@ -15,8 +15,8 @@ inline Vel::TraceHandle& joinPruneTrace() {
   return handle;
 }
 
-/// True if no handler writes anything but events and errors: no line of level 7 or 8, and no block timer. What such a line
-/// could call is then not called.
+/// True if no handler writes anything but events and errors: no line of level 7 or 8, and no block timer.
+/// What such a line could call is then not called.
 inline bool joinPruneIsQuiet() {
   return !joinPruneTrace().wanted(7) && !joinPruneTrace().wanted(8) && !Scrivo::TraceFile::current();
 }

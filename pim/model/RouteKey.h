@@ -76,8 +76,8 @@ class VEL_API RouteIntfKey {
   /// 30 bits, seeded by `Vel::hashSeedIs`.
   U32 hash() const { return Vel::hashCombine(route_.hash(), intfId_.hash()); }
 
-  /// Becomes the key of a route on no interface. True if it was another. Cheaper than making that key: a name costs more
-  /// than two addresses do.
+  /// Becomes the key of a route on no interface. True if it was another. Cheaper than making that key: a name
+  /// costs more than two addresses do.
   bool routeIs(Dova::IpGenAddr const& source, Dova::IpGenAddr const& group) {
     bool const nameless = intfId_.name().empty();
     if (route_.source() == source && route_.group() == group && nameless) return false;

@@ -162,8 +162,8 @@ class Composer {
 
   Data::GroupTable::Place behind(IpGenAddr const& group) const { return data_->velGroups().after(group); }
 
-  // The bulk of a refresh: a group of (S,G) joins that all go, where nobody has a say in it. Nothing is called, so
-  // nothing needs to be held. What is in any way special is left to addGroup().
+  // The bulk of a refresh: a group of (S,G) joins that all go, where nobody has a say in it. Nothing is
+  // called, so nothing needs to be held. What is in any way special is left to addGroup().
   bool addPlainGroup(GroupData const& group) {
     if (!isPlain_ || passedOver_ >= PacketManager::maxPassedOver) return false;
     auto const* const joins = group.velJoinsAlone();
@@ -282,8 +282,8 @@ class Composer {
     return true;
   }
 
-  // Whether the group has a (*,G) join that can be sent. One that cannot takes no prunes along: a walk that went
-  // back to it would never come to the end of very many of them.
+  // Whether the group has a (*,G) join that can be sent. One that cannot takes no prunes along: a walk that
+  // went back to it would never come to the end of very many of them.
   bool joinsWildcard() const {
     Vel::Ptr<Packet::WcSourceData> const wildcard = group_->wcSourceData();
     return wildcard && wildcard->join() && !faultOf(wildcard->address());

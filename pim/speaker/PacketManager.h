@@ -71,8 +71,8 @@ class PIM_SPEAKER_API PacketSink {
 };
 
 /// Says whether an entry need not be sent because another router on the interface has just sent it
-/// (RFC 7761, 4.5.4 and 4.5.5). The route of a (*,G) entry has a source of all zeros. Not asked about the (S,G,rpt)
-/// prunes that go with a (*,G) join: without them the join would ask for those sources.
+/// (RFC 7761, 4.5.4 and 4.5.5). The route of a (*,G) entry has a source of all zeros. Not asked about the
+/// (S,G,rpt) prunes that go with a (*,G) join: without them the join would ask for those sources.
 using Suppression = std::function<bool(Dova::IntfId const& intf, IpGenAddr const& upstreamNeighbor,
                                        RouteKey const& route, Wire::SourceKind kind, bool join)>;
 

@@ -36,8 +36,9 @@ void require(std::optional<Reason> fault) {
   if (fault) throw Vel::RangeException(std::string(text(*fault)));
 }
 
-// The ones' complement sum of 16-bit words, an odd byte padded with zero. Summed in words of the machine with the carry
-// added at the low end, which comes to the same once it is folded and put into network order (RFC 1071).
+// The ones' complement sum of 16-bit words, an odd byte padded with zero. Summed in words of the machine with
+// the carry added at the low end, which comes to the same once it is folded and put into network order (RFC
+// 1071).
 U64 sumOf(std::span<U8 const> bytes) {
   U64 sum = 0;
   auto const add = [&sum](U64 word) {
@@ -66,8 +67,8 @@ U16 folded(U64 sum) {
 
 }  // namespace
 
-// Most messages are as they should be, so a group or a source is seen to be good at one look. What is not good is read
-// again, field by field, so that the refusal says what is wrong with it.
+// Most messages are as they should be, so a group or a source is seen to be good at one look. What is not
+// good is read again, field by field, so that the refusal says what is wrong with it.
 class Decoder {
  public:
   Decoder(std::span<U8 const> bytes, AddressFamily family) : in_(bytes), family_(family) {}
@@ -117,7 +118,8 @@ class Decoder {
       U16 const joins = static_cast<U16>(at[Size + 4] << 8 | at[Size + 5]);
       U16 const prunes = static_cast<U16>(at[Size + 6] << 8 | at[Size + 7]);
       U32 const count = U32{joins} + prunes;
-      // Asked before the first source: with a count too high, what follows the sources would be taken for one.
+      // Asked before the first source: with a count too high, what follows the sources would be taken for
+      // one.
       if (count * sourceSize > left - headSize) [[unlikely]] {
         return refuse(Reason::wrongCount,
                       concatenated(joins, " joins and ", prunes, " prunes in ", left - headSize, " bytes"));

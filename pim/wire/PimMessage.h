@@ -68,8 +68,8 @@ struct Source {
   friend bool operator==(Source const& a, Source const& b) = default;
 };
 
-/// One group set, as seen in a message: valid while the message stands and does not change. Several of a message
-/// may name the same group, and a list may repeat itself.
+/// One group set, as seen in a message: valid while the message stands and does not change. Several of a
+/// message may name the same group, and a list may repeat itself.
 class GroupSet {
  public:
   /// The group's address.
@@ -133,8 +133,8 @@ class PIM_SPEAKER_API JoinPrune {
   /// As joinAdd(), behind the prunes of the group set.
   void pruneAdd(SourceKind kind, IpGenAddr const& address);
 
-  /// A group set with all of these as (S,G) joins, or nothing and false if the group or one of them cannot be in this
-  /// message. `Sources` is a set of addresses with a cursor, as in Collection.h.
+  /// A group set with all of these as (S,G) joins, or nothing and false if the group or one of them cannot be
+  /// in this message. `Sources` is a set of addresses with a cursor, as in Collection.h.
   template <class Sources>
   bool joinsAdd(IpGenAddr const& group, Sources const& joins) {
     if (groupFault(group, family()) || sets_.size() == maxGroups || joins.size() > maxSources) return false;

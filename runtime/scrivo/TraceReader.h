@@ -155,8 +155,8 @@ class TraceList {
 class VEL_API TraceReader {
  public:
   /// Reads the file. Throws Vel::RangeException "<path>: <reason>" if it is not a trace file, is longer than
-  /// it says, or its header contradicts itself. Damage further inside is passed over and listed. Of a file that
-  /// was cut off, what is whole is read.
+  /// it says, or its header contradicts itself. Damage further inside is passed over and listed. Of a file
+  /// that was cut off, what is whole is read.
   explicit TraceReader(std::string const& path);
 
   /// The whole records of both rings by time; equal times in the order of recording, messages first.

@@ -272,26 +272,26 @@
 
 /// A collection of entities that are constructed from their key: the above, and fooIs(key), which finds or
 /// creates (as newFoo(key) does, then the notification).
-#define VEL_ENTITIES(Key, Element, foo, Foo)                                                  \
-  VEL_ENTITIES_DEL(Key, Element, foo, Foo)                                                    \
-  /** The element of `foo` under a key; made, and told, if it is missing. */                  \
-  ::Vel::Ptr<Element> foo##Is(Key const& key) {                                               \
-    auto const where = foo##_.where(key);                                                     \
-    if (Element* const present = where.element()) return present;                             \
-    ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                            \
-    foo##_.insert(where, added);                                                              \
-    foo##Notify(added->velKey());                                                             \
-    return added;                                                                             \
-  }                                                                                           \
-  /** Constructs and inserts, not notifying; a key that is there throws RangeException. */    \
-  ::Vel::Ptr<Element> new##Foo(Key const& key) {                                              \
-    auto const where = ::Vel::vacancy(foo##_, key, "new" #Foo, *this);                        \
-    ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                            \
-    foo##_.insert(where, added);                                                              \
-    return added;                                                                             \
-  }                                                                                           \
-  ::Vel::Ptr<Element> foo##Is(Key const&) const { ::Vel::throwConstInstance(); }              \
-  ::Vel::Ptr<Element> new##Foo(Key const&) const { ::Vel::throwConstInstance(); }             \
+#define VEL_ENTITIES(Key, Element, foo, Foo)                                               \
+  VEL_ENTITIES_DEL(Key, Element, foo, Foo)                                                 \
+  /** The element of `foo` under a key; made, and told, if it is missing. */               \
+  ::Vel::Ptr<Element> foo##Is(Key const& key) {                                            \
+    auto const where = foo##_.where(key);                                                  \
+    if (Element* const present = where.element()) return present;                          \
+    ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                         \
+    foo##_.insert(where, added);                                                           \
+    foo##Notify(added->velKey());                                                          \
+    return added;                                                                          \
+  }                                                                                        \
+  /** Constructs and inserts, not notifying; a key that is there throws RangeException. */ \
+  ::Vel::Ptr<Element> new##Foo(Key const& key) {                                           \
+    auto const where = ::Vel::vacancy(foo##_, key, "new" #Foo, *this);                     \
+    ::Vel::Ptr<Element> const added = ::Vel::create<Element>(key);                         \
+    foo##_.insert(where, added);                                                           \
+    return added;                                                                          \
+  }                                                                                        \
+  ::Vel::Ptr<Element> foo##Is(Key const&) const { ::Vel::throwConstInstance(); }           \
+  ::Vel::Ptr<Element> new##Foo(Key const&) const { ::Vel::throwConstInstance(); }          \
   VEL_ENTITIES_READ(Key, Element, foo, Foo)
 
 /// A collection of keys without elements, a HashSet or an OrderedSet: foo(key) says whether the key is there,

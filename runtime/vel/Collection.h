@@ -72,8 +72,8 @@ class EntityMap {
     return at != Table::none ? table_.at(at) : nullptr;
   }
 
-  /// Where a key is or belongs, for one search instead of several. It holds as long as the map is unchanged; what is
-  /// done with an older one searches again.
+  /// Where a key is or belongs, for one search instead of several. It holds as long as the map is unchanged;
+  /// what is done with an older one searches again.
   class Where {
    public:
     /// The element that was found, or null.
@@ -208,8 +208,8 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
   }
 
  private:
-  // A walk over many elements waits for memory more than for anything else, so what comes next is fetched ahead: first
-  // the element, and when that has come, what it points to.
+  // A walk over many elements waits for memory more than for anything else, so what comes next is fetched
+  // ahead: first the element, and when that has come, what it points to.
   static constexpr U32 fetchedAhead = 8;
 
   void arriveAt(typename Map::Table::Place place) {

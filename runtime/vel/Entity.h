@@ -13,8 +13,8 @@
 
 namespace Vel {
 
-/// A copy of an entity's reactors: counted, in the order of registration, each released as the walk passes it. Up to 16
-/// of them need no heap.
+/// A copy of an entity's reactors: counted, in the order of registration, each released as the walk passes
+/// it. Up to 16 of them need no heap.
 class VEL_API SnapshotIterator {
  public:
   explicit SnapshotIterator(Entity const& entity);
@@ -37,9 +37,10 @@ class VEL_API SnapshotIterator {
   U32 position_ = 0;
 };
 
-/// A delivery to few reactors. It walks the entity's list in place, and counts nobody, for as long as the list, the
-/// reactors and the entity stay. What is about to change that gives it a snapshot of what it still has to do first, so
-/// that nobody can tell the difference from a snapshot taken at the start. The entity lives until it has ended.
+/// A delivery to few reactors. It walks the entity's list in place, and counts nobody, for as long as the
+/// list, the reactors and the entity stay. What is about to change that gives it a snapshot of what it still
+/// has to do first, so that nobody can tell the difference from a snapshot taken at the start. The entity
+/// lives until it has ended.
 class VEL_API Delivery {
  public:
   static constexpr U32 capacity = 16;
@@ -60,8 +61,8 @@ class VEL_API Delivery {
  private:
   friend class Entity;
 
-  // Written one by one and read at once: two neighbors would be written as a pair, which some processors cannot pass on
-  // to a read of one of them before it has reached the cache.
+  // Written one by one and read at once: two neighbors would be written as a pair, which some processors
+  // cannot pass on to a read of one of them before it has reached the cache.
   Reactor* at_;
   U32 count_ = 0;
   Reactor* const last_;
@@ -108,8 +109,8 @@ class VEL_API Entity : public Counted {
   /// True if there may be a reactor that is to be called.
   bool velWatched() const { return notifiees_ != nullptr; }
 
-  /// Calls `call(reactor)` on each reactor of type R that is registered now, each under its own guard, and keeps this
-  /// entity alive meanwhile. `id` is what a throwing reactor is told. `call` is copied.
+  /// Calls `call(reactor)` on each reactor of type R that is registered now, each under its own guard, and
+  /// keeps this entity alive meanwhile. `id` is what a throwing reactor is told. `call` is copied.
   template <class R, AttributeId id, class Call>
   VEL_INLINE void velDeliver(Call const& call) {
     if (notifiees_)

@@ -18,8 +18,8 @@ VEL_API void hashSeedIs(U64 seed);
 VEL_API U64 hashSeed();
 
 namespace Detail {
-// Both secret: whoever knew one factor of a product could choose a key that makes it 0, or 1, and the other factor would
-// have no say, whatever the seed.
+// Both secret: whoever knew one factor of a product could choose a key that makes it 0, or 1, and the other
+// factor would have no say, whatever the seed.
 VEL_API extern U64 hashSeed;
 VEL_API extern U64 hashSecondSeed;
 
@@ -33,8 +33,8 @@ inline U64 foldedMultiply(U64 a, U64 b) {
 /// Collections keep 30 bits of a hash, so that a slot has room for two bits of its own.
 inline constexpr U32 hashMask = 0x3fffffff;
 
-/// The bits of a hash in reverse: hashed collections are walked in ascending order of this. A hash of 30 bits leaves
-/// the two lowest bits of the result zero.
+/// The bits of a hash in reverse: hashed collections are walked in ascending order of this. A hash of 30 bits
+/// leaves the two lowest bits of the result zero.
 constexpr U32 bitReverse(U32 v) {
   v = ((v >> 1) & 0x55555555u) | ((v & 0x55555555u) << 1);
   v = ((v >> 2) & 0x33333333u) | ((v & 0x33333333u) << 2);
@@ -42,7 +42,8 @@ constexpr U32 bitReverse(U32 v) {
   return __builtin_bswap32(v);
 }
 
-/// Mixes 16 bytes into the reverse of a 30-bit hash. Collections ask for nothing else, so this is what is made first.
+/// Mixes 16 bytes into the reverse of a 30-bit hash. Collections ask for nothing else, so this is what is
+/// made first.
 inline U32 order128(U64 high, U64 low) {
   U64 const mixed = Detail::foldedMultiply(high ^ Detail::hashSeed, low ^ Detail::hashSecondSeed);
   U64 const done = Detail::foldedMultiply(mixed ^ Detail::hashSeed, 0x8ebc6af09c88c6e3ULL);

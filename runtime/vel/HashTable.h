@@ -1,27 +1,28 @@
 // The table behind all hashed collections.
 //
-// An array in one order: ascending bit-reversed hash, then key. Up to 8 entries lie side by side. A larger table is
-// addressed openly: the home of an entry is where its reversed hash falls if all of them are spread evenly over the
-// buckets, an entry whose home is taken stands behind it, and the array goes on for a little behind the last bucket. So
-// it is sorted all the same, with gaps. That gives three things at once:
+// An array in one order: ascending bit-reversed hash, then key. Up to 8 entries lie side by side. A larger
+// table is addressed openly: the home of an entry is where its reversed hash falls if all of them are spread
+// evenly over the buckets, an entry whose home is taken stands behind it, and the array goes on for a little
+// behind the last bucket. So it is sorted all the same, with gaps. That gives three things at once:
 //
 //   - a walk is a walk over an array, in an order that depends on the keys alone, never on the table's size;
 //   - growth keeps the order, so it does not disturb a walk;
 //   - a walk can be resumed behind any key, whether or not it is still there. Iterators rely on it to survive
 //     every change: while the table is unchanged they step, otherwise they search for their successor.
 //
-// Most tables of a router hold one entry: the source of a group. The first entry therefore lies inside the table, needs
-// no memory of its own, and is compared instead of hashed.
+// Most tables of a router hold one entry: the source of a group. The first entry therefore lies inside the
+// table, needs no memory of its own, and is compared instead of hashed.
 //
-// The price of that order: keys that arrive in it, as when one collection is copied into another, gather at one end
-// of a table that is still small. So positions in a long run are found by doubling steps, a table whose runs become
-// too long grows early, and one is made smaller only if that leaves no long run behind.
+// The price of that order: keys that arrive in it, as when one collection is copied into another, gather at
+// one end of a table that is still small. So positions in a long run are found by doubling steps, a table
+// whose runs become too long grows early, and one is made smaller only if that leaves no long run behind.
 //
-// The array is two: the marks, 32 bits of hash and kind that say whether a place is used and where it is in the order, and
-// what is stored. A search looks at eight marks at once and touches what is stored only where the mark is the right one.
+// The array is two: the marks, 32 bits of hash and kind that say whether a place is used and where it is in
+// the order, and what is stored. A search looks at eight marks at once and touches what is stored only where
+// the mark is the right one.
 //
-// What is stored is said by a slot type: ValueSlot and Dova::AddressSlot for sets of keys, EntitySlot (Collection.h) for
-// pointers to entities.
+// What is stored is said by a slot type: ValueSlot and Dova::AddressSlot for sets of keys, EntitySlot
+// (Collection.h) for pointers to entities.
 #pragma once
 
 #include <algorithm>
@@ -94,8 +95,8 @@ class HashTable {
     return {at, mark, holds(at, mark, key)};
   }
 
-  /// Inserts a key with what is stored of it where it belongs. REQUIRES: the table has not changed since it was asked
-  /// where, and the key was not found. Throws std::bad_alloc, and then nothing has changed.
+  /// Inserts a key with what is stored of it where it belongs. REQUIRES: the table has not changed since it
+  /// was asked where, and the key was not found. Throws std::bad_alloc, and then nothing has changed.
   void insert(Where where, Key const& key, Stored value) {
     if (isInside()) {
       if (size_ == 0) {
@@ -158,16 +159,16 @@ class HashTable {
     return removed;
   }
 
-  /// Makes room for so many in all, for somebody who knows how many will come; few are not worth it. Throws std::bad_alloc, and then nothing has
-  /// changed.
+  /// Makes room for so many in all, for somebody who knows how many will come; few are not worth it. Throws
+  /// std::bad_alloc, and then nothing has changed.
   void reserve(U32 count) {
     if (count <= mostInSmall) return;
     Shape const wanted = shapeOf(std::max(2 * mostInSmall, count + count / 7 + 1));
     if (wanted.buckets > shape().buckets) rehash(allocated(wanted), wanted);
   }
 
-  /// A place in a walk through an unchanged table: a position, and which of those behind it up to the next multiple of
-  /// eight are used. At `end()` the walk is over.
+  /// A place in a walk through an unchanged table: a position, and which of those behind it up to the next
+  /// multiple of eight are used. At `end()` the walk is over.
   struct Place {
     U32 position = 0;
     U32 used = 0;
@@ -230,15 +231,16 @@ class HashTable {
   }
 
  private:
-  // A mark as it is compared: signed, for which processors have an instruction. Tag 3 is no key's, so the largest number
-  // is nobody's mark: places that are not used come behind all that are.
+  // A mark as it is compared: signed, for which processors have an instruction. Tag 3 is no key's, so the
+  // largest number is nobody's mark: places that are not used come behind all that are.
   using Compared = std::int32_t;
   static constexpr U32 sign = 0x80000000;
   static constexpr Compared unused = 0x7fffffff;
   static Compared compared(U32 mark) { return static_cast<Compared>(mark ^ sign); }
   static U32 compared(Compared mark) { return static_cast<U32>(mark) ^ sign; }
 
-  // Buckets are homes; the tail is for what stands behind the last of them. A small table is nothing but tail.
+  // Buckets are homes; the tail is for what stands behind the last of them. A small table is nothing but
+  // tail.
   struct Shape {
     U32 buckets, tail;
     U32 places() const { return buckets + tail; }
@@ -261,8 +263,8 @@ class HashTable {
     return isInside() ? Shape{0, 0} : Shape{many_.buckets, many_.places - many_.buckets};
   }
 
-  // Doubling is what inserting costs least with. Where the marks weigh as much as what is stored, it goes in smaller steps
-  // once memory counts; moving everything over is a walk in order.
+  // Doubling is what inserting costs least with. Where the marks weigh as much as what is stored, it goes in
+  // smaller steps once memory counts; moving everything over is a walk in order.
   Shape larger() const {
     constexpr U32 many = sizeof(Stored) <= 8 ? 1u << 17 : 1u << 30;
     auto const [buckets, tail] = shape();
@@ -271,8 +273,8 @@ class HashTable {
     return shapeOf(buckets < many ? 2 * buckets : buckets + buckets / 2);
   }
 
-  // With more than an eighth free, less would move aside for what comes last, but a table that has just doubled would take
-  // more than 48 bytes an address.
+  // With more than an eighth free, less would move aside for what comes last, but a table that has just
+  // doubled would take more than 48 bytes an address.
   bool isFull() const {
     return many_.buckets == 0 ? size_ == many_.places : size_ >= many_.buckets - many_.buckets / 8;
   }
@@ -344,8 +346,8 @@ class HashTable {
     return next({base, usedFrom(base) & (~U32{0} << position % near)});
   }
 
-  // The first position from a mark's home on that is free or not before it. There is no loop that would end at a place
-  // that nobody can predict, and hold up the next search until memory has answered.
+  // The first position from a mark's home on that is free or not before it. There is no loop that would end
+  // at a place that nobody can predict, and hold up the next search until memory has answered.
   U32 firstNotBefore(U32 mark) const {
     U32 at = 0;
     Compared const wanted = compared(mark);
@@ -415,7 +417,8 @@ class HashTable {
     return at;
   }
 
-  // The first free position from there on; that behind the last, where marks are never used, if there is none.
+  // The first free position from there on; that behind the last, where marks are never used, if there is
+  // none.
   U32 gapAt(U32 at) const {
     if (many_.buckets == 0) return size_;
     for (; at < many_.places; at += near) {
@@ -431,8 +434,8 @@ class HashTable {
     return placeOf(mark, key);
   }
 
-  // Everything goes over in order, so each comes behind the one before it or to its home. If the last ones find no
-  // place, the tail was too short for them.
+  // Everything goes over in order, so each comes behind the one before it or to its home. If the last ones
+  // find no place, the tail was too short for them.
   void rehash(Compared* marks, Shape shape) {
     Stored* const all = stored();
     if (isInside()) {
@@ -454,8 +457,8 @@ class HashTable {
     ++epoch_;
   }
 
-  // Copies what is in memory of its own to where it belongs in other memory. Zero, or how many places it needs if there
-  // are not so many; then nothing has left where it was.
+  // Copies what is in memory of its own to where it belongs in other memory. Zero, or how many places it
+  // needs if there are not so many; then nothing has left where it was.
   U32 spread(Compared* marks, Shape shape, Stored* all) {
     U32 next = 0;
     if constexpr (!isPlain) {
@@ -478,8 +481,8 @@ class HashTable {
     return next > last ? next : 0;
   }
 
-  // Memory follows the size down: when the table is nearly empty, else at every power of two below a tenth, unless
-  // what is left lies so close together that it would make a long run.
+  // Memory follows the size down: when the table is nearly empty, else at every power of two below a tenth,
+  // unless what is left lies so close together that it would make a long run.
   [[gnu::noinline]] void shrink() {
     Shape const shape = size_ <= mostInSmall / 2 ? Shape{0, mostInSmall} : shapeOf(4 * size_);
     if (shape.buckets >= many_.buckets) return;

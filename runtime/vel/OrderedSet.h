@@ -1,8 +1,9 @@
 // A set of keys in ascending order.
 //
-// The keys lie side by side in leaves of up to 64; where there is more than one leaf, a list of separators says which one
-// is a key's. So a search compares keys that are neighbors in memory, and a walk is a walk over arrays. A leaf that is
-// full is halved, one that gets nearly empty joins a neighbor that is at most half full with it.
+// The keys lie side by side in leaves of up to 64; where there is more than one leaf, a list of separators
+// says which one is a key's. So a search compares keys that are neighbors in memory, and a walk is a walk
+// over arrays. A leaf that is full is halved, one that gets nearly empty joins a neighbor that is at most
+// half full with it.
 #pragma once
 
 #include <algorithm>
@@ -17,8 +18,8 @@
 
 namespace Vel {
 
-/// A set of keys in ascending order. An empty one has no heap. Adding throws std::bad_alloc, and then nothing has changed;
-/// removing needs no memory.
+/// A set of keys in ascending order. An empty one has no heap. Adding throws std::bad_alloc, and then nothing
+/// has changed; removing needs no memory.
 template <class K>
 class OrderedSet {
   static_assert(std::is_nothrow_move_constructible_v<K> && std::is_nothrow_move_assignable_v<K>,
@@ -137,8 +138,8 @@ class OrderedSet {
  private:
   static constexpr std::size_t most = 64;  // in a leaf
 
-  // How many keys from the front on fulfil a condition that those behind do not. Which way it goes cannot be foreseen, so
-  // this is written to be computed without branches.
+  // How many keys from the front on fulfil a condition that those behind do not. Which way it goes cannot be
+  // foreseen, so this is written to be computed without branches.
   template <class Condition>
   static std::size_t partition(std::vector<Key> const& keys, Condition const& condition) {
     Key const* first = keys.data();
@@ -154,7 +155,8 @@ class OrderedSet {
     return partition(leaf, [&](Key const& one) { return one < key; });
   }
 
-  // The leaves: `first`, and `more`, each of which has keys not less than its separator; all keys before it are less.
+  // The leaves: `first`, and `more`, each of which has keys not less than its separator; all keys before it
+  // are less.
   struct Body {
     std::size_t leafOf(Key const& key) const {
       if (more.empty()) return 0;
@@ -177,8 +179,8 @@ class OrderedSet {
       separators.insert(separators.begin() + place, std::move(separator));
     }
 
-    // Joins a leaf with the one behind it, or before it, if the two leave room to grow. An empty one always goes. No
-    // memory is needed: where there are several leaves, each has room for `most`.
+    // Joins a leaf with the one behind it, or before it, if the two leave room to grow. An empty one always
+    // goes. No memory is needed: where there are several leaves, each has room for `most`.
     void merge(std::size_t index) {
       if (index < more.size() && join(index)) return;
       if (index > 0) join(index - 1);

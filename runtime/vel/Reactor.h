@@ -1,8 +1,8 @@
 // Reactors: objects that are told when an entity changes.
 //
-// Every entity type T has a reactor base T::NotifieeConst with one callback per attribute (see Attribute.h), and
-// T::Notifiee, the same with a writable notifier. Derive, override what you need, create on the heap, point
-// it at an entity:
+// Every entity type T has a reactor base T::NotifieeConst with one callback per attribute (see Attribute.h),
+// and T::Notifiee, the same with a writable notifier. Derive, override what you need, create on the heap,
+// point it at an entity:
 //
 //   class Counter : public JoinPruneMessageInfo::NotifieeConst {
 //     void onRxCount() override { ++entries; }

@@ -87,8 +87,8 @@ VEL_API void traceHelper(TraceHandle& handle, std::string_view context, std::ost
 VEL_API TraceHandle& frameTrace();
 
 namespace Detail {
-/// Composes a line in a stream that shows numbers with 12 digits, and delivers it. Apart from where it is called, so that
-/// a line that is off costs its surroundings neither registers nor stack.
+/// Composes a line in a stream that shows numbers with 12 digits, and delivers it. Apart from where it is
+/// called, so that a line that is off costs its surroundings neither registers nor stack.
 VEL_API void composeTrace(TraceHandle& handle, U32 level, std::string_view source, int line,
                           char const* function,
                           void (*compose)(std::ostream& text, char const* function, void const* pieces),
@@ -108,9 +108,10 @@ template <class Pieces>
 
 }  // namespace Vel
 
-/// Writes the stream expression `pieces` as one line. Nothing in it is evaluated while the level is off. What it throws,
-/// for want of memory at worst, is swallowed with the line: a trace must not change what the traced code does.
-/// `pieces` runs in a function of its own: it writes `velFunction`, not `__func__`, for the name of the traced one.
+/// Writes the stream expression `pieces` as one line. Nothing in it is evaluated while the level is off. What
+/// it throws, for want of memory at worst, is swallowed with the line: a trace must not change what the
+/// traced code does. `pieces` runs in a function of its own: it writes `velFunction`, not `__func__`, for the
+/// name of the traced one.
 #define VEL_TRACE(handle, traceLevel, source, function, pieces)                                         \
   do {                                                                                                  \
     ::Vel::TraceHandle& velHandle = (handle);                                                           \

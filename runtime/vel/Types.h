@@ -5,8 +5,8 @@
 #include <limits>
 #include <type_traits>
 
-/// For what stands in the path of every change: inlined even where the compiler would rather save space. A build that
-/// counts branches defines it as nothing, or they would count again for each caller.
+/// For what stands in the path of every change: inlined even where the compiler would rather save space. A
+/// build that counts branches defines it as nothing, or they would count again for each caller.
 #ifndef VEL_INLINE
 #define VEL_INLINE __attribute__((always_inline))
 #endif

@@ -52,7 +52,7 @@ void TimerWheel::unlink(Link* timer) {
   timer->previous = nullptr;
 }
 
-// To the end of another ring. The first is not valid any more.
+// To the end of another ring; from an empty one nothing is moved. The first is not valid any more.
 void TimerWheel::moveAll(Link& from, Link& to) {
   to.previous->following = from.following;
   from.following->previous = to.previous;

@@ -13,8 +13,8 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Router A with its upstream neighbor 10.0.0.2, on a clock that stands still until it is moved; what it sends can be
-// read from the other socket.
+// Router A with its upstream neighbor 10.0.0.2, on a clock that stands still until it is moved; what it sends
+// can be read from the other socket.
 class EventLoopAgent : public testing::Test {
  protected:
   EventLoopAgent() {

@@ -1,5 +1,5 @@
-// The heap of this program: every request is counted, and any of them can be made to fail. The operators are in
-// CountedHeapTest.cpp.
+// The heap of this program: every request is counted, and any of them can be made to fail. The operators are
+// in CountedHeapTest.cpp.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,8 @@ std::size_t requestsOf(Call const& call) {
   return requests - before;
 }
 
-/// While it stands, requests fail: the n-th from now on (1 is the next), and as many after it as `length` says.
+/// While it stands, requests fail: the n-th from now on (1 is the next), and as many after it as `length`
+/// says.
 class Famine {
  public:
   explicit Famine(std::size_t n, std::size_t length = 1);

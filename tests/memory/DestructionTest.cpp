@@ -8,7 +8,8 @@
 namespace Routing::Pim {
 namespace {
 
-// As little as has everything: an interface, a neighbor, a source in each of the neighbor's data sets, timers armed.
+// As little as has everything: an interface, a neighbor, a source in each of the neighbor's data sets, timers
+// armed.
 struct Small : World {
   Small() {
     auto const eth0 = intf("eth0", "10.0.0.1/24");

@@ -1,5 +1,5 @@
-// Every request for memory fails once, and then that one and all that follow it: nobody may lose what he has, and with
-// memory again everything goes on.
+// Every request for memory fails once, and then that one and all that follow it: nobody may lose what he has,
+// and with memory again everything goes on.
 #include "tests/Thorough.h"
 #include "tests/memory/Scene.h"
 
@@ -18,9 +18,9 @@ struct Stage {
 
 void PrintTo(Stage const& stage, std::ostream* os) { *os << stage.name; }
 
-// So that the many lives can be lived side by side: each share takes every fourth request. Every request fails by
-// itself; a longer famine begins at every third, and with traces, where a line alone makes a dozen requests that are
-// alike, a seventh of them fails.
+// So that the many lives can be lived side by side: each share takes every fourth request. Every request
+// fails by itself; a longer famine begins at every third, and with traces, where a line alone makes a dozen
+// requests that are alike, a seventh of them fails.
 constexpr std::size_t shares = 4;
 
 class FamineTest : public testing::TestWithParam<std::tuple<Stage, std::size_t>> {

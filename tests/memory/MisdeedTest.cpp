@@ -1,5 +1,6 @@
-// Every callback that an outsider can put in meets every misdeed, in a router in full traffic. The callbacks are a
-// table, the misdeeds are a table, the test is their product; a scan of the headers says whether the first is complete.
+// Every callback that an outsider can put in meets every misdeed, in a router in full traffic. The callbacks
+// are a table, the misdeeds are a table, the test is their product; a scan of the headers says whether the
+// first is complete.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -17,7 +18,8 @@ using testing::ContainerEq;
 
 // --- Who listens ---------------------------------------------------------------------------------
 
-/// How often each of the three watchers ("before", "evil", "after") heard each callback, and what the evil one does.
+/// How often each of the three watchers ("before", "evil", "after") heard each callback, and what the evil
+/// one does.
 struct Hearing {
   std::map<std::string, std::map<std::string, int>> calls;
   std::function<void(std::string const& callback)> evil;
@@ -724,12 +726,13 @@ struct Case {
 struct Misdeed {
   char const* name = "";
   void (*act)(Case&) = nullptr;
-  // Whether the machine must be whole afterwards, if what was done to it is no more than the change that led to it.
+  // Whether the machine must be whole afterwards, if what was done to it is no more than the change that led
+  // to it.
   bool spares = false;
   // The machine's own reactors are not told of what happens any more, so its books cannot be right.
   bool deafens = false;
-  // It changes the periodic data. An agent may do that inside a callback of the same data only if the machine's
-  // reactor has seen the first change.
+  // It changes the periodic data. An agent may do that inside a callback of the same data only if the
+  // machine's reactor has seen the first change.
   bool changesPeriodic = false;
 };
 
@@ -921,7 +924,8 @@ class MisdeedTest : public testing::TestWithParam<Callback> {
   AllTraces const traces;
 };
 
-// Each misdeed at each of three moments, or one such case in 23: others for each length of the callback's name.
+// Each misdeed at each of three moments, or one such case in 23: others for each length of the callback's
+// name.
 TEST_P(MisdeedTest, HurtsNobodyElse) {
   std::size_t turn = GetParam().name.size();
   for (When const when : {When::early, When::late, When::inTraffic})
@@ -1006,9 +1010,9 @@ INSTANTIATE_TEST_SUITE_P(Of, TraceSinkTest, testing::ValuesIn(sinkMisdeeds()),
 
 // --- Whether the table is complete ---------------------------------------------------------------
 
-// What an outsider can override, by the headers: "JoinPruneData.onHoldTime" for every virtual callback of an entity's
-// reactor base, "JoinPruneData.onZeroReferences" for every entity that has one, and the virtual functions of the
-// classes that an agent derives from.
+// What an outsider can override, by the headers: "JoinPruneData.onHoldTime" for every virtual callback of an
+// entity's reactor base, "JoinPruneData.onZeroReferences" for every entity that has one, and the virtual
+// functions of the classes that an agent derives from.
 std::set<std::string> declaredCallbacks() {
   namespace fs = std::filesystem;
   fs::path const root = fs::path(__FILE__).parent_path().parent_path().parent_path();

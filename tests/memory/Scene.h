@@ -1,5 +1,5 @@
-// A router in full traffic, for tests that break into it: two interfaces, two neighbors, something to be sent in every
-// way, a message to be received, timers armed, all traces formatted.
+// A router in full traffic, for tests that break into it: two interfaces, two neighbors, something to be sent
+// in every way, a message to be received, timers armed, all traces formatted.
 #pragma once
 
 #include "tests/memory/CountedHeap.h"
@@ -10,7 +10,8 @@ namespace Routing::Pim {
 /// What is made when it is first needed and stays: here, so that no test takes it for a leak.
 inline bool const handlesAreMade = (Vel::frameTrace(), TraceLog::handle(), true);
 
-/// While it stands, every trace line is formatted and thrown away, so that whatever a line names must be alive.
+/// While it stands, every trace line is formatted and thrown away, so that whatever a line names must be
+/// alive.
 class AllTraces {
  public:
   AllTraces() {
@@ -123,8 +124,8 @@ struct Scene : World {
     if (Vel::Ptr<IO::MessageInfo> const in = channel) in->countInc(1);
   }
 
-  /// What a router sees in two minutes: changes of what is to be sent, timers, messages, addresses, neighbors that
-  /// come and go.
+  /// What a router sees in two minutes: changes of what is to be sent, timers, messages, addresses, neighbors
+  /// that come and go.
   void traffic();
   /// The same by an agent that goes on when something cannot be done.
   void trafficWhateverHappens();

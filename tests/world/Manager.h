@@ -1,5 +1,5 @@
-// The packet manager of the random worlds: one script for the library and for the model, so that whatever they do
-// differently is not the manager's doing.
+// The packet manager of the random worlds: one script for the library and for the model, so that whatever
+// they do differently is not the manager's doing.
 #pragma once
 
 #include <optional>

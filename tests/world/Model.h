@@ -1,5 +1,5 @@
-// The library told a second time, with maps and plain calls: nothing is watched, every change says itself whom it
-// concerns. It is slow, and short enough to be checked by reading; the worlds of this folder
+// The library told a second time, with maps and plain calls: nothing is watched, every change says itself
+// whom it concerns. It is slow, and short enough to be checked by reading; the worlds of this folder
 // compare the two after each step.
 #pragma once
 
@@ -148,8 +148,8 @@ class Model {
 
   Model();
 
-  /// Performs an operation; what happens is in `events`. Throws Stopped where the library stops the process; the
-  /// model is of no use then.
+  /// Performs an operation; what happens is in `events`. Throws Stopped where the library stops the process;
+  /// the model is of no use then.
   void step(Operation const& operation);
 
   /// The same in the middle of a step.

@@ -1,5 +1,5 @@
-// The names that a small world uses: few, so that states collide. Some are used twice on purpose: a neighbor may
-// sit on an interface's address.
+// The names that a small world uses: few, so that states collide. Some are used twice on purpose: a neighbor
+// may sit on an interface's address.
 #pragma once
 
 #include <string>
@@ -16,8 +16,8 @@ using Vel::U32;
 using Vel::U64;
 using Vel::U8;
 
-/// An address by its number. Numbers go in the order in which hashed collections are walked, so that a std::map
-/// of them is walked like one.
+/// An address by its number. Numbers go in the order in which hashed collections are walked, so that a
+/// std::map of them is walked like one.
 using Addr = U8;
 
 /// An interface by its number, in the same sense.

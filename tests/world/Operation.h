@@ -1,5 +1,5 @@
-// What can be done to a world: one structure for all operations, so that they can be drawn at random, cut out of a
-// sequence, and written down.
+// What can be done to a world: one structure for all operations, so that they can be drawn at random, cut out
+// of a sequence, and written down.
 #pragma once
 
 #include <string>

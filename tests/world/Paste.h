@@ -7,8 +7,8 @@
 
 namespace Routing::Pim::Worlds {
 
-/// The story, and a command for each operation that does anything. The clock, the random generator and the packet
-/// manager are those of the world, so that the same happens.
+/// The story, and a command for each operation that does anything. The clock, the random generator and the
+/// packet manager are those of the world, so that the same happens.
 std::string asConversation(std::string_view story, Sequence const& operations);
 
 }  // namespace Routing::Pim::Worlds

@@ -38,7 +38,8 @@ class Random {
  public:
   Random(U64 seed, Profile const& profile) : generator_(seed), profile_(profile) {}
 
-  /// The next operation, usually one that can be done. The first ones make a world in which something can happen.
+  /// The next operation, usually one that can be done. The first ones make a world in which something can
+  /// happen.
   Operation operation(Model const& model);
 
  private:

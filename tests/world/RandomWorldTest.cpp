@@ -1,5 +1,5 @@
-// Random sequences of operations on small worlds: after each one the library and the model agree in everything that
-// can be seen. What differs is made short and printed as a conversation.
+// Random sequences of operations on small worlds: after each one the library and the model agree in
+// everything that can be seen. What differs is made short and printed as a conversation.
 //
 // JOINPRUNE_WORLD_OPERATIONS  how many operations each of these tests performs
 // JOINPRUNE_WORLD_SEED        the first world's seed; the others count on from it

@@ -1,5 +1,5 @@
-// Small worlds, all of them: a neighbor and an interface, two groups, two sources, and every order of up to five of
-// twenty events. After each event the library and the model agree in everything that can be seen.
+// Small worlds, all of them: a neighbor and an interface, two groups, two sources, and every order of up to
+// five of twenty events. After each event the library and the model agree in everything that can be seen.
 //
 // What need not be tried because another sequence is the same:
 //

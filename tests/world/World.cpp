@@ -110,8 +110,8 @@ std::string differs(std::map<Addr, Model::DataPtr> const& expected, Targets got,
   return compare.first();
 }
 
-// The followers of a machine's groups: whom they watch, by the data that holds the groups. A group that is in no
-// data any more is told by its content.
+// The followers of a machine's groups: whom they watch, by the data that holds the groups. A group that is in
+// no data any more is told by its content.
 template <class Followers>
 std::string differs(Model::Machine const& m, Channel channel, Packet::JoinPruneData const& data,
                     Followers got, U32 count) {
@@ -203,8 +203,8 @@ void World::setTraces() {
   if (traces_ == Traces::few) library_.fewTraces();
 }
 
-// The library must stop the process with this assertion, and everything up to then must be the same. A copy of the
-// process finds out.
+// The library must stop the process with this assertion, and everything up to then must be the same. A copy
+// of the process finds out.
 std::string World::stopDiffers(Operation const& operation, std::string const& expression) {
   auto const [told, status] = inACopy([&](int end) {
     dup2(end, STDERR_FILENO);

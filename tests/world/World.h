@@ -1,5 +1,5 @@
-// A small world twice: around the library and around the model. Each operation is done to both, and then everything
-// that can be seen must be the same: what was traced and sent, and the whole state.
+// A small world twice: around the library and around the model. Each operation is done to both, and then
+// everything that can be seen must be the same: what was traced and sent, and the whole state.
 //
 // What is where in this folder:
 //
@@ -99,8 +99,8 @@ class Library {
 
 class World {
  public:
-  /// Lines for each handler and each entry are most of what there is to compare; without them, the library takes the
-  /// shorter ways that are open when nobody listens.
+  /// Lines for each handler and each entry are most of what there is to compare; without them, the library
+  /// takes the shorter ways that are open when nobody listens.
   enum class Traces { all, few, none };
   explicit World(Traces traces = Traces::all) : traces_(traces) { setTraces(); }
 

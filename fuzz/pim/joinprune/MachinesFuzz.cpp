@@ -1,6 +1,7 @@
-// Bytes as a sequence of operations on the machines: interfaces, neighbors, data, received messages, time, removal. Any
-// callback may perform more of them in the middle of another, or throw; the packet manager does what it likes. What the
-// agent's rules in the README forbid is not done. After each operation the machines must agree with their inputs.
+// Bytes as a sequence of operations on the machines: interfaces, neighbors, data, received messages, time,
+// removal. Any callback may perform more of them in the middle of another, or throw; the packet manager does
+// what it likes. What the agent's rules in the README forbid is not done. After each operation the machines
+// must agree with their inputs.
 #include <array>
 #include <cmath>
 #include <map>
@@ -117,10 +118,11 @@ class World {
   std::array<U8, static_cast<std::size_t>(Place::count)> ordered_{};  // how many operations
   std::array<bool, static_cast<std::size_t>(Place::count)> throwing_{};
   U32 depth_ = 0;
-  // While a callback of a data set, group or source runs, the data stays as it is: another reactor on it may not have
-  // heard of the change yet.
+  // While a callback of a data set, group or source runs, the data stays as it is: another reactor on it may
+  // not have heard of the change yet.
   U32 inData_ = 0;
-  // While a machine goes, another may have been started on the same data, and each hears of a change in its turn.
+  // While a machine goes, another may have been started on the same data, and each hears of a change in its
+  // turn.
   U32 changing_ = 0, dropping_ = 0;
   bool starting_ = false;
 
@@ -388,7 +390,8 @@ class World::MachineWatch final : public JoinPruneMessageSm::NotifieeConst {
 
 World::World(Input& input) : input_(input) {
   Vel::traceSinkIs([this](Vel::TraceLine const& line) {
-    // The framework's own line says that a callback threw, maybe one of the data's: the next reactor has not been told.
+    // The framework's own line says that a callback threw, maybe one of the data's: the next reactor has not
+    // been told.
     U32 elsewhere = 0;
     Inside const inside(line.handle == "Vel" ? inData_ : elsewhere);
     interrupt(Place::trace);

@@ -1,5 +1,5 @@
-// Data sets of any content and MTUs of any size into the packet manager: every packet keeps to the rules, and every
-// entry is sent, left out for a reason that is reported, or stays because it cannot be encoded.
+// Data sets of any content and MTUs of any size into the packet manager: every packet keeps to the rules, and
+// every entry is sent, left out for a reason that is reported, or stays because it cannot be encoded.
 #include "pim/speaker/PacketManager.h"
 
 #include <vector>
@@ -66,7 +66,8 @@ struct World {
              ipv6Bytes[16] = {0xff, 0xe, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, n};
     return ipv6 ? IpGenAddr::fromBytes(ipv6Bytes) : IpGenAddr::fromBytes(ipv4Bytes);
   }
-  // Now and then what no message can hold: a group that is none, a source of another family or that is a group.
+  // Now and then what no message can hold: a group that is none, a source of another family or that is a
+  // group.
   IpGenAddr source(U8 n) const { return n == 0 ? IpGenAddr() : n == 1 ? multicast(1) : unicast(n); }
 
   void fill() {

@@ -1,5 +1,5 @@
-// Bytes into the decoder. What is taken for a message goes back onto the wire as the same bytes, but for those that a
-// receiver ignores, and is again the same message.
+// Bytes into the decoder. What is taken for a message goes back onto the wire as the same bytes, but for
+// those that a receiver ignores, and is again the same message.
 #include "pim/wire/PimMessage.h"
 
 #include "fuzz/Fuzz.h"

@@ -1,5 +1,5 @@
-// Bytes as a trace file. Of an input that does not begin like one, a file is made whose header is mostly right, so that
-// inputs reach the descriptors and the rings; then it is torn.
+// Bytes as a trace file. Of an input that does not begin like one, a file is made whose header is mostly
+// right, so that inputs reach the descriptors and the rings; then it is torn.
 #include "runtime/scrivo/TraceReader.h"
 
 #include <cmath>

@@ -5,14 +5,14 @@
 
 namespace Routing::Pim::Packet {
 
-/// Walks the groups of a data set in the order of their table, for a loop that calls nothing and changes nothing:
-/// nothing is held, and the walk ends with the first change.
+/// Walks the groups of a data set in the order of their table, for a loop that calls nothing and changes
+/// nothing: nothing is held, and the walk ends with the first change.
 ///
 ///     for (GroupWalk walk(*data); walk; ++walk) sum += walk->routes();
 ///
-/// Such a loop waits for memory more than for anything else. Groups lie where they were made, each on another page, and
-/// processors drop a request for memory in advance if its page is not at hand. So the walk reads a little of many groups at
-/// once, which it waits for together, before the loop comes to the first of them.
+/// Such a loop waits for memory more than for anything else. Groups lie where they were made, each on another
+/// page, and processors drop a request for memory in advance if its page is not at hand. So the walk reads a
+/// little of many groups at once, which it waits for together, before the loop comes to the first of them.
 class GroupWalk {
  public:
   /// From a place in the table on.

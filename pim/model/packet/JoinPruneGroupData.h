@@ -67,8 +67,8 @@ class VEL_API JoinPruneGroupData final : public Vel::Entity {
   VEL_SET(Vel::HashSet<Dova::IpGenAddr>, joinedSource, JoinedSource);
   VEL_SET(Vel::HashSet<Dova::IpGenAddr>, prunedSource, PrunedSource);
 
-  /// (S,G,rpt) joins and prunes. The prunes are walked in ascending order: where they cannot all be sent with a
-  /// (*,G) join, the numerically smallest go (RFC 7761, 4.9.5.2).
+  /// (S,G,rpt) joins and prunes. The prunes are walked in ascending order: where they cannot all be sent with
+  /// a (*,G) join, the numerically smallest go (RFC 7761, 4.9.5.2).
   VEL_SET(Vel::HashSet<Dova::IpGenAddr>, joinedRptSource, JoinedRptSource);
   VEL_SET(Vel::OrderedSet<Dova::IpGenAddr>, prunedRptSource, PrunedRptSource);
 
@@ -95,8 +95,8 @@ class VEL_API JoinPruneGroupData final : public Vel::Entity {
   /// True if there is no entry of any kind; O(1).
   bool empty() const { return routes() == 0; }
 
-  /// The (S,G) joins of a group that has them and nothing else, as most groups do; null for any other group. They are
-  /// not to be changed while one looks at them.
+  /// The (S,G) joins of a group that has them and nothing else, as most groups do; null for any other group.
+  /// They are not to be changed while one looks at them.
   Vel::HashSet<Dova::IpGenAddr> const* velJoinsAlone() const {
     U32 const others = prunedSourceCount() + joinedRptSourceCount() + prunedRptSourceCount();
     return joinedSource_.size() != 0 && others == 0 && !wcSourceData_ ? &joinedSource_ : nullptr;

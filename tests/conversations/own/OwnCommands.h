@@ -1,5 +1,5 @@
-// The commands that conversations of the tests have beside those of jpagent: what breaks the rules for agents,
-// and packet managers that misbehave (a temper).
+// The commands that conversations of the tests have beside those of jpagent: what breaks the rules for
+// agents, and packet managers that misbehave (a temper).
 //
 //     interface NAME ... [stay] [again]          changed without coming up; told of again
 //     neighbor ADDRESS again                     told of again
@@ -8,9 +8,9 @@
 //     temper off | on [take N] [filtered N] [suppressed N] [tidy] [report SOURCES SUPPRESSED FILTERED]
 //            [throws MOMENT] [cost S] [MOMENT of N do COMMAND ; COMMAND...]
 //
-// A temper takes so many entries per message, calls some of them filtered or suppressed, removes empty groups,
-// reports what is not true, throws, takes its time, or performs commands at the first, middle or last moment of
-// its message number N. It prints
+// A temper takes so many entries per message, calls some of them filtered or suppressed, removes empty
+// groups, reports what is not true, throws, takes its time, or performs commands at the first, middle or last
+// moment of its message number N. It prints
 //
 //     0.100 taken on eth0, upstream 10.0.0.2, triggered, hold 210, of 2: 1 source, 0 suppressed, 0 filtered
 //     0.100   join (10.9.0.1,239.1.1.1)

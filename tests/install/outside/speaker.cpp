@@ -1,5 +1,5 @@
-// A program outside the tree that uses the second library: it writes a Join/Prune message, reads it back, and hands it to
-// the model.
+// A program outside the tree that uses the second library: it writes a Join/Prune message, reads it back, and
+// hands it to the model.
 #include <iostream>
 #include <variant>
 

@@ -10,24 +10,16 @@
 
 #include "pim/speaker/PacketSinks.h"
 #include "tests/jpagent/Support.h"
+#include "tests/pim/speaker/OnePacket.h"
 
 namespace Routing::Pim::Jpagent {
 namespace {
 
 using namespace Test;
 using nlohmann::json;
+using Speaker::packet;
 using testing::IsEmpty;
 using testing::SizeIs;
-
-Speaker::OutgoingPacket packet(bool four, U16 holdTime) {
-  Wire::JoinPrune message(IpGenAddr(four ? "10.0.0.2" : "fe80::2"), holdTime);
-  message.groupAdd(IpGenAddr(four ? "239.1.1.1" : "ff0e::1"));
-  message.joinAdd(Wire::SourceKind::source, IpGenAddr(four ? "10.9.0.1" : "2001:db8::1"));
-  IpGenAddr const source(four ? "10.0.0.1" : "fe80::1");
-  IpGenAddr const destination = Wire::allPimRouters(source.af());
-  return {Dova::IntfId(four ? "eth0" : "eth6"), source, destination, message,
-          Wire::encodeJoinPrune(message, source, destination)};
-}
 
 /// One line for each entry of a message, with everything that it says.
 void describe(std::vector<std::string>& to, std::string const& frame, Wire::JoinPrune const& message) {

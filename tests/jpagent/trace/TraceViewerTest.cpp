@@ -133,7 +133,8 @@ TEST_F(TraceViewerTest, DrawsEveryKindOfConversation) {
 TEST_F(TraceViewerTest, AClickChoosesTheMomentAndTheWheelZooms) {
   auto const address = page(traceOf("two-upstreams.txt"));
   auto html = readText(address.substr(std::string("file://").size()));
-  // The burst of 1.6 s lies here in a picture of this width, and the wheel is turned until the refresh is out of it.
+  // The burst of 1.6 s lies here in a picture of this width, and the wheel is turned until the refresh is out
+  // of it.
   html += R"(<script>
     const at = {clientX: 930, clientY: 200, bubbles: true, cancelable: true};
     document.getElementById("picture").dispatchEvent(new PointerEvent("pointerdown", at));

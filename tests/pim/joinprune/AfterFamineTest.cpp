@@ -1,4 +1,4 @@
-// What could not be followed while memory was short is caught up with afterwards, without anybody's help.
+// What could not be followed while memory was short is followed afterwards, without a notification.
 #include "tests/pim/joinprune/FailingHeap.h"
 #include "tests/pim/joinprune/World.h"
 

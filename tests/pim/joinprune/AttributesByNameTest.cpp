@@ -1,5 +1,5 @@
-// The attributes of each class in order, by number and name. "=" is one that can only be read, ":=" one that can be
-// set by name as well; "0x" is an address in this process.
+// The attributes of each class in order, by number and name. "=" is one that can only be read, ":=" one that
+// can be set by name as well; "0x" is an address in this process.
 #include <regex>
 
 #include "tests/pim/joinprune/World.h"

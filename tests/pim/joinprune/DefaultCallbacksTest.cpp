@@ -1,4 +1,5 @@
-// Reactors that override no callback: they hear of every attribute by its number and of every collection by its name.
+// Reactors that override no callback: they hear of every attribute by its number and of every collection by
+// its name.
 #include "tests/pim/joinprune/World.h"
 
 namespace Routing::Pim {

@@ -539,7 +539,8 @@ TEST_F(MidFlightTest, APeriodicMachineThatIsDroppedInTheLineOfADirectCallIsNotUs
   EXPECT_EQ(manager->messages, 0u);
 }
 
-// As with the lines: every reading in turn drops the machine of nobody's, for each call that reads a clock.
+// As with the lines: every reading in turn drops a machine without an owner, for each call that reads a
+// clock.
 TEST_F(MidFlightTest, AMachineThatIsDroppedInAnyReadingOfTheClockDoesNothingMore) {
   Vel::Ptr<JoinPruneNeighborSm> lone;
   JoinPruneNeighborSm* raw = nullptr;

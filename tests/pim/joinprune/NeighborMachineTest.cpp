@@ -1,5 +1,5 @@
-// The neighbor machine at the edges: reactors and timers that watch nothing, callbacks that retire it, traces switched
-// off.
+// The neighbor machine at the edges: reactors and timers that watch nothing, callbacks that retire it, traces
+// switched off.
 #include <unordered_map>
 
 #include "tests/pim/joinprune/OnMessageData.h"

@@ -426,7 +426,8 @@ TEST_F(ReceiveTest, AFilterMayDropTheMachineAndThrow) {
   EXPECT_THAT(log.takeWith("dropped"), testing::SizeIs(1));
 }
 
-// What both records are whenever the filter is asked, which is after each group's (S,G) entries, and at the end.
+// What both records are whenever the filter is asked, which is after each group's (S,G) entries, and at the
+// end.
 Lines recordsOnTheWay(Vel::Ptr<Packet::JoinPruneMessage> const& message, bool watched) {
   World world;
   Lines seen, writes;

@@ -961,7 +961,8 @@ TEST_F(PacketManagerTest, SendsNothingIfItIsLetGoOrStoppedWhileItClearsTheReport
     auto const record = manager->txMessageInfo();
     auto const message = Vel::create<Packet::JoinPruneMessage>();
     message->reportIs({1, 2, 3});
-    auto const watcher = Vel::create<ReportReactor>([&] { letGo ? void(manager = nullptr) : manager->stop(); });
+    auto const watcher =
+        Vel::create<ReportReactor>([&] { letGo ? void(manager = nullptr) : manager->stop(); });
     watcher->notifierIs(message);
     record->joinPruneMessageIs(message);
     auto const data = dataIs("10.0.0.2");

@@ -55,7 +55,8 @@ class RefreshTest : public testing::Test {
   Vel::Ptr<JoinPruneMessageSm> machine;
 };
 
-// An hour of it: routes come and go all the time, and none that stays waits longer than one and a half intervals.
+// An hour of it: routes come and go all the time, and none that stays waits longer than one and a half
+// intervals.
 TEST_F(RefreshTest, NoRouteIsStarvedByOthersThatComeAndGo) {
   constexpr Seconds interval = 60, hour = 3600;
   constexpr U32 standing = 2500;  // more than a slice
@@ -97,7 +98,8 @@ TEST_F(RefreshTest, NoRouteIsStarvedByOthersThatComeAndGo) {
     }
     for (auto const& [key, at] : latest) longest = std::max(longest, time - at);
     EXPECT_LE(longest, 1.5 * interval);
-    // Routes that come all at once wait an interval for the first slice, and the last slice comes within another.
+    // Routes that come all at once wait an interval for the first slice, and the last slice comes within
+    // another.
     EXPECT_LE(first, 2 * interval);
     EXPECT_EQ(refreshed.size(), standing);
     EXPECT_GT(longest, 0.5 * interval);  // the test looks at what it means to look at

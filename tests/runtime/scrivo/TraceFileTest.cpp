@@ -432,8 +432,8 @@ TEST_F(TraceFileTest, KeepsWhatWasWrittenThroughManyKillsAtRandomMoments) {
     newestOf(reader);
     U64 kept[2] = {};
     for (Event const& event : reader.events()) ++kept[Format::ringIndex(event.kind)];
-    // The child wrote both in turn. It may have been killed between them, and between counting the few records
-    // that it was about to overwrite and giving them up.
+    // The child wrote both in turn. It may have been killed between them, and between counting the few
+    // records that it was about to overwrite and giving them up.
     U64 const messages = reader.lost(EventKind::message) + kept[0];
     U64 const timers = reader.lost(EventKind::blockTimer) + kept[1];
     EXPECT_LE(messages > timers ? messages - timers : timers - messages, 10u);

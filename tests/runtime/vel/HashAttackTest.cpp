@@ -1,4 +1,5 @@
-// Sources are chosen by whoever sends: addresses that someone picked who knows the hash function, but not the seed.
+// Sources are chosen by whoever sends: addresses that someone picked who knows the hash function, but not the
+// seed.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -33,8 +34,8 @@ Dova::IpGenAddr ipv6(U64 high, U64 low) {
 Dova::IpGenAddr ipv4Number(U64 n) { return Dova::IpGenAddr::ipv4(static_cast<U32>(n * 0x9e3779b1u)); }
 Dova::IpGenAddr ipv6Number(U64 n) { return ipv6(spread(n), spread(~n)); }
 
-// The first so many addresses that the seed of this process puts into the same 64th of the order: they crowd, and from
-// some thousands on each one that is added moves most of the others.
+// The first so many addresses that the seed of this process puts into the same 64th of the order: they crowd,
+// and from some thousands on each one that is added moves most of the others.
 Addresses crowding(U32 count, Maker const& make) {
   Addresses chosen;
   for (U64 n = 0; chosen.size() < count; ++n)

@@ -343,8 +343,8 @@ double nanoseconds(U32 n, std::function<void()> const& act) {
   return static_cast<double>(Scrivo::clockNanoseconds(CLOCK_THREAD_CPUTIME_ID) - begin) / n;
 }
 
-// A table is sorted by hash, so filling or emptying one in the order of another is its hardest case: it must cost for
-// each source what it costs with few, and not what the table holds.
+// A table is sorted by hash, so filling or emptying one in the order of another is its hardest case: it must
+// cost for each source what it costs with few, and not what the table holds.
 TEST(LifetimeTest, CopyingAndDrainingInTheOrderOfTheWalkCostsForEachSourceTheSame) {
   struct Cost {
     double copy, drain, part;

@@ -57,8 +57,8 @@ class World {
     return error_;
   }
 
-  // Drops the references to a wheel, from inside a callback if there is a timer to be called, and with all timers or
-  // without them.
+  // Drops the references to a wheel, from inside a callback if there is a timer to be called, and with all
+  // timers or without them.
   std::string const& end(bool withTimers) {
     Side& side = sides_[0];
     set(0, side.now);
