@@ -8,23 +8,9 @@
 //
 // Design of the folder, from the bottom up:
 //
-//   Capture.h       frames from files: pcap by libpcap, pcapng by Pcapng.h
-//   Datagram.h      the IP datagram in a frame
-//   Cursor.h        a cursor over bytes that may be anything
-//   Refusal.h       why a message is not applied
-//   PimMessage.h    the wire form of Join/Prune messages, both ways: bytes that may be anything, values that
-//   are
-//                   always valid
-//   Conversion.h    from a wire message to the library's model
-//   Replay.h        frames in, the library in the middle, a report out
-//   Report.h        the report as text or JSON
-//   Options.h       the command line's texts in the domain's types
-//   PacketManager.h from the machines' data sets to packets; PacketSinks.h is where those go
-//   Conversation.h  what a file of commands and expected output says
-//   Simulation.h    the engine in a world of its own, on a virtual clock, told by such commands
-//   Output.h        standard output and the files that are written; Ending.h, how the program ends when it cannot go on
-//   FrameBuilder.h, Sample.h   a capture to try it all on
-//   main.cpp        the command line
+//   Report.h       the report as text or JSON
+//   Replay.h       frames to the engine, and what it records to the report
+//   ReplayRun.h    `jpagent replay`: opens the capture and the outputs, and ends with a status
 //
 // The hash of a process that replays is seeded at random, because the addresses in a capture are anybody's
 // choice. The engine walks its collections in the order of the hash, so the entries of a message are sorted

@@ -17,9 +17,9 @@ void exportText(Scrivo::TraceReader const& reader, std::ostream& out);
 
 /// An object an event, each on its line. Times are seconds since the file was opened.
 ///
-///     {"time":0.004127310,"kind":"message","source":"JoinPruneSm","line":378,"text":"JoinPruneNeighborSm: Sending
-///      triggered joins/prunes to 10.0.0.2, Intf: eth0, Groups: 3","arguments":{"to":"10.0.0.2","Intf":"eth0",
-///      "Groups":3}}
+///     {"time":0.004127310,"kind":"message","source":"JoinPruneSm","line":378,
+///      "text":"JoinPruneNeighborSm: Sending triggered joins/prunes to 10.0.0.2, Intf: eth0, Groups: 3",
+///      "arguments":{"to":"10.0.0.2","Intf":"eth0","Groups":3}}
 ///     {"time":0.004131902,"kind":"block timer","source":"JoinPruneSm","line":368,
 ///      "text":"void Routing::Pim::JoinPruneNeighborSm::handleTriggeredTimerExpiry()","elapsed":0.000004585}
 ///

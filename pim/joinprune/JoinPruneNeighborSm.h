@@ -29,7 +29,7 @@ VEL_API Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
 /// them in three ways:
 ///
 ///   triggered   what a route change calls for (RFC 7761, 4.5): `triggeredInterval` after the first change
-///   override    joins that override a prune seen on the LAN (RFC 7761, 4.5, t_override): after a random delay
+///   override    joins that override a prune on the LAN (RFC 7761, 4.5, t_override): after a random delay
 ///   periodic    the standing state (RFC 7761, 4.5, t_periodic): every interval, by JoinPrunePeriodicTimerSm
 ///
 /// Triggered and override entries leave their set as they are sent; their disappearance is what tells this

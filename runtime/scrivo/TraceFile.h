@@ -12,8 +12,10 @@
 // that empty a log in place must not be let at it (logrotate: no "copytruncate"). To rotate, have the process
 // open the file anew:
 //
-//     std::filesystem::rename("/var/run/jpagent.trace", "/var/run/jpagent.trace.1");   // tracing continues into it
-//     Scrivo::TraceFile::open("/var/run/jpagent.trace");                               // and from here on into the new one
+//     std::filesystem::rename("/var/run/jpagent.trace", "/var/run/jpagent.trace.1");
+//     // Tracing continues into the renamed file,
+//     Scrivo::TraceFile::open("/var/run/jpagent.trace");
+//     // and from here on into the new one.
 //
 // A process that would rather say what happened handles SIGBUS; the address is in contains() then.
 #pragma once

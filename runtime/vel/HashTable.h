@@ -41,7 +41,7 @@ namespace Vel {
 ///   using Key; using Stored, which is cheap to move and default-constructs;
 ///   static U32 tag(Key const&): 0, 1 or 2, what tells keys apart that are stored alike
 ///   static U32 mark(Key const&): the bit-reversed hash, whose two low bits are zero, plus the tag
-///   static key(U32 mark, Stored const&), for keys with one hash in the order of marks; looks at the tag alone
+///   static key(U32 mark, Stored const&), for keys with one hash in the order of marks; reads the tag alone
 ///   static bool holds(Stored const&, Key const&), where the tags are equal
 template <class Slot>
 class HashTable {

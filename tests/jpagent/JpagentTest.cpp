@@ -69,25 +69,42 @@ TEST_F(JpagentTest, JsonHasOneLineForEachEntryAndRefusalOfTheSample) {
   EXPECT_THAT(
       lines(outcome.out),
       testing::UnorderedElementsAre(
-          R"x({"frame":3,"time":1.5,"record":"join","kind":"(*,G)","source":"0.0.0.0","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
-          R"x({"frame":4,"time":4.25,"record":"join","kind":"(S,G)","source":"192.0.2.10","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
-          R"x({"frame":4,"time":4.25,"record":"join","kind":"(*,G)","source":"0.0.0.0","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
-          R"x({"frame":4,"time":4.25,"record":"prune","kind":"(S,G,rpt)","source":"192.0.2.10","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":5})x",
-          R"x({"frame":4,"time":4.25,"record":"join","kind":"(S,G)","source":"192.0.2.10","group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
-          R"x({"frame":4,"time":4.25,"record":"prune","kind":"(S,G)","source":"192.0.2.20","group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
-          R"x({"frame":5,"time":9.125,"record":"join","kind":"(*,G)","source":"0.0.0.0","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
-          R"x({"frame":5,"time":9.125,"record":"join","kind":"(S,G,rpt)","source":"192.0.2.10","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":5})x",
+          R"x({"frame":3,"time":1.5,"record":"join","kind":"(*,G)","source":"0.0.0.0",)x"
+          R"x("group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
+          R"x({"frame":4,"time":4.25,"record":"join","kind":"(S,G)","source":"192.0.2.10",)x"
+          R"x("group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
+          R"x({"frame":4,"time":4.25,"record":"join","kind":"(*,G)","source":"0.0.0.0",)x"
+          R"x("group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
+          R"x({"frame":4,"time":4.25,"record":"prune","kind":"(S,G,rpt)","source":"192.0.2.10",)x"
+          R"x("group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":5})x",
+          R"x({"frame":4,"time":4.25,"record":"join","kind":"(S,G)","source":"192.0.2.10",)x"
+          R"x("group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
+          R"x({"frame":4,"time":4.25,"record":"prune","kind":"(S,G)","source":"192.0.2.20",)x"
+          R"x("group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
+          R"x({"frame":5,"time":9.125,"record":"join","kind":"(*,G)","source":"0.0.0.0",)x"
+          R"x("group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
+          R"x({"frame":5,"time":9.125,"record":"join","kind":"(S,G,rpt)","source":"192.0.2.10",)x"
+          R"x("group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":5})x",
           R"x({"frame":6,"refused":"bad checksum"})x",
-          R"x({"frame":7,"time":10.75,"record":"join","kind":"(S,G)","source":"192.0.2.20","group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
-          R"x({"frame":8,"time":10.875,"record":"join","kind":"(S,G)","source":"192.0.2.20","group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
+          R"x({"frame":7,"time":10.75,"record":"join","kind":"(S,G)","source":"192.0.2.20",)x"
+          R"x("group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
+          R"x({"frame":8,"time":10.875,"record":"join","kind":"(S,G)","source":"192.0.2.20",)x"
+          R"x("group":"239.1.1.2","upstream":"10.0.0.13","holdtime":210,"flags":4})x",
           R"x({"frame":9,"refused":"wrong count"})x",
-          R"x({"frame":10,"time":20.625,"record":"prune","kind":"(*,G)","source":"0.0.0.0","group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
-          R"x({"frame":13,"time":31.5,"record":"join","kind":"(*,G)","source":"::","group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":7,"rp":"2001:db8:ff::1"})x",
-          R"x({"frame":13,"time":31.5,"record":"join","kind":"(S,G,rpt)","source":"2001:db8::20","group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":5})x",
-          R"x({"frame":13,"time":31.5,"record":"prune","kind":"(S,G,rpt)","source":"2001:db8::10","group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":5})x",
-          R"x({"frame":13,"time":31.5,"record":"join","kind":"(S,G)","source":"2001:db8::10","group":"ff3e::8000:1","upstream":"fe80::13","holdtime":210,"flags":4})x",
-          R"x({"frame":13,"time":31.5,"record":"prune","kind":"(S,G)","source":"2001:db8::20","group":"ff3e::8000:1","upstream":"fe80::13","holdtime":210,"flags":4})x",
-          R"x({"frame":14,"time":42.0,"record":"prune","kind":"(*,G)","source":"::","group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":7,"rp":"2001:db8:ff::1"})x"));
+          R"x({"frame":10,"time":20.625,"record":"prune","kind":"(*,G)","source":"0.0.0.0",)x"
+          R"x("group":"239.1.1.1","upstream":"10.0.0.13","holdtime":210,"flags":7,"rp":"10.255.0.1"})x",
+          R"x({"frame":13,"time":31.5,"record":"join","kind":"(*,G)","source":"::",)x"
+          R"x("group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":7,"rp":"2001:db8:ff::1"})x",
+          R"x({"frame":13,"time":31.5,"record":"join","kind":"(S,G,rpt)","source":"2001:db8::20",)x"
+          R"x("group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":5})x",
+          R"x({"frame":13,"time":31.5,"record":"prune","kind":"(S,G,rpt)","source":"2001:db8::10",)x"
+          R"x("group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":5})x",
+          R"x({"frame":13,"time":31.5,"record":"join","kind":"(S,G)","source":"2001:db8::10",)x"
+          R"x("group":"ff3e::8000:1","upstream":"fe80::13","holdtime":210,"flags":4})x",
+          R"x({"frame":13,"time":31.5,"record":"prune","kind":"(S,G)","source":"2001:db8::20",)x"
+          R"x("group":"ff3e::8000:1","upstream":"fe80::13","holdtime":210,"flags":4})x",
+          R"x({"frame":14,"time":42.0,"record":"prune","kind":"(*,G)","source":"::",)x"
+          R"x("group":"ff0e::101","upstream":"fe80::13","holdtime":210,"flags":7,"rp":"2001:db8:ff::1"})x"));
 }
 
 TEST_F(JpagentTest, FramesComeInTheOrderOfTheFile) {

@@ -3,11 +3,11 @@
 //
 // What need not be tried because another sequence is the same:
 //
-//   - An event that finds nothing to do (no data to put a source into, no timer to wait for) leads nowhere: what would
-//     come after it comes after the shorter sequence too.
-//   - The packet manager's temper is nothing to the library until a timer fires. So it changes right before an event
-//     in which one may, and at no other time: there it would be replaced by the next one, or could as well have come
-//     later.
+//   - An event that finds nothing to do (no data to put a source into, no timer to wait for) is left out:
+//     what would come after it comes after the shorter sequence too.
+//   - The library does not see the packet manager's temper until a timer expires. So the temper changes right
+//     before an event in which one may expire. At any other time the next change would replace it, or it
+//     could as well have come later.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
