@@ -3,7 +3,7 @@
 //
 // The routes are (S,G) joins, one source a group. A round is driven as an agent would do it: the clock is
 // moved from one deadline of the wheel to the next until every route has been sent once. The clock is virtual
-// and stands still during a slice, so no slice is cut short.
+// and does not advance during a slice, so no slice is cut short.
 #include <arpa/inet.h>
 
 #include <algorithm>

@@ -59,7 +59,7 @@ file(WRITE ${control}/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${control}/shlibs ${control}/triggers ${control}/postinst
                                                ${control}/postrm)
 
-# What Debian wants to find with every package, and nobody in a prefix of his own.
+# What Debian wants in every package, and what is not needed in a prefix of one's own.
 configure_file(cmake/debian/changelog ${control}/changelog @ONLY)
 compressed(${control}/changelog ${control}/changelog.Debian.gz)
 foreach(component ${CPACK_COMPONENTS_ALL})

@@ -294,7 +294,7 @@ int main(int argc, char** argv) {
   a.status->triggeredGroup(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);
   a.status->periodicGroupStatus()->upJoinPrune(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);
 
-  while (downstream->joins < 2) turn(*wheel, std::array{&a, &b});  // a router goes on for ever
+  while (downstream->joins < 2) turn(*wheel, std::array{&a, &b});  // a router never ends
   for (int const socket : sockets) close(socket);
   return 0;
 }

@@ -2,7 +2,7 @@
 //
 // A target is a file *Fuzz.cpp with one function, LLVMFuzzerTestOneInput. It is built twice: with libFuzzer,
 // which makes up inputs (scripts/fuzz), and as an ordinary test that runs the inputs that are kept:
-// fuzz/corpus/<target> has what covers the code, fuzz/failures/<target> whatever has ever failed.
+// fuzz/corpus/<target> has what covers the code, fuzz/failures/<target> every input that has ever failed.
 #pragma once
 
 #include <sys/mman.h>

@@ -16,7 +16,7 @@ struct Ended {
   int status = 0;
 };
 
-/// In the copy: says something. Ends it with status 2 if nobody listens any more.
+/// In the copy: says something. Ends it with status 2 if the reader has ended.
 inline void say(int end, std::string_view text) {
   while (!text.empty()) {
     ssize_t const written = write(end, text.data(), text.size());

@@ -45,7 +45,7 @@ class Capture {
   ~Capture();
 
   /// False after the last frame. Throws CaptureError if the file is damaged there; what came before was good.
-  /// Frames of a pcapng interface whose link type nobody here can take apart come as `LinkType::unknown`; if
+  /// Frames of a pcapng interface whose link type is not known here come as `LinkType::unknown`; if
   /// all frames are such, CaptureError is thrown at the end.
   bool next(Frame& frame);
 

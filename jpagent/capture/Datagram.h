@@ -31,13 +31,13 @@ enum class LinkType { ethernet, rawIp, linuxCooked, linuxCooked2, ppp, unknown }
 
 /// Why a frame is not looked at any further.
 enum class PassedOver : U8 {
-  unknownLink,    ///< Of a link type that nobody here can take apart.
+  unknownLink,    ///< Of a link type that is not known here.
   notIp,          ///< Neither IPv4 nor IPv6.
   notOpened,      ///< An encapsulation that may have IP inside, but is not opened.
   unreadable,     ///< The frame ends, or contradicts itself, before it says which protocol it carries.
   otherProtocol,  ///< IP, but not PIM.
   otherMessage,   ///< PIM, but neither a Hello nor a Join/Prune, or another version.
-  laterFragment,  ///< From somewhere in a PIM message; the first fragment stands for all of them.
+  laterFragment,  ///< From somewhere in a PIM message; the first fragment is counted for all of them.
 };
 
 /// The fixed texts, in the order of the enumeration.

@@ -102,7 +102,7 @@ struct Identity {
   bool operator==(Identity const&) const = default;
 };
 
-// Devices may be shared: whoever names /dev/null twice means it.
+// Devices may be shared: a user may name /dev/null twice.
 std::optional<Identity> identityOf(struct stat const& status) {
   if (!S_ISREG(status.st_mode) && !S_ISFIFO(status.st_mode)) return {};
   return Identity{status.st_dev, status.st_ino, {}};

@@ -12,8 +12,8 @@
 //   Replay.h       frames to the engine, and what it records to the report
 //   ReplayRun.h    `jpagent replay`: opens the capture and the outputs, and ends with a status
 //
-// The hash of a process that replays is seeded at random, because the addresses in a capture are anybody's
-// choice. The engine walks its collections in the order of the hash, so the entries of a message are sorted
+// The hash of a process that replays is seeded at random, because the senders choose the addresses in a
+// capture. The engine walks its collections in the order of the hash, so the entries of a message are sorted
 // before they are told.
 //
 // A message is decoded and checked as a whole before the machine sees any of it. What the machine does not

@@ -96,7 +96,7 @@ constexpr Form forms[] = {
     {"seed", seed, "N", "seeds the random override delay"},
     {"cost", cost, "S", "the time that sending one message takes from now on"},
     {"set", set, "TARGET | NAME | machine ATTRIBUTE VALUE", "sets an attribute by name"},
-    {"keep", keep, "TARGET | nothing", "the machine of a target is held, also when it is gone"},
+    {"keep", keep, "TARGET | nothing", "the machine of a target is held, also after it was removed"},
     {"record", record, "on | off", "the transmit record is there or not"},
     {"packets", packets, "full | brief", "how packets are shown from now on"},
     {"trace", trace, "LEVELS | off", "which trace lines of the engine are shown from now on"},

@@ -1,5 +1,5 @@
-// The engine in a world that stands still until it is told to move: interfaces, neighbors, a packet manager,
-// and a clock that begins at 0. Commands go in; everything that comes out becomes a line of text:
+// The engine in a world in which nothing happens until a command says so: interfaces, neighbors, a packet
+// manager, and a clock that begins at 0. Commands go in; everything that comes out becomes a line of text:
 //
 //     0.000 machine 10.0.0.2 made on eth0, for the neighbor    a neighbor machine comes; or "gone"
 //     0.000 timer 10.0.0.2 triggered armed for 0.100           the engine has armed a timer
@@ -7,7 +7,7 @@
 //     0.100 sent on eth0 from 10.0.0.1, upstream 10.0.0.2, triggered, hold 210, 34 bytes
 //     0.100   join (10.9.0.1,239.1.1.1)                        what the packet's bytes say
 //     1.000 rxJoin 1: (10.9.0.1,239.1.1.1), Flags: S, Intf: , Neighbor: 10.0.0.1, Holdtime: 210
-//     1.000 trace 7 JoinPruneNeighborSm(eth0::10.0.0.2)::@1::...    @1 stands for the object's address
+//     1.000 trace 7 JoinPruneNeighborSm(eth0::10.0.0.2)::@1::...    @1 is the name of the object's address
 //
 // The same commands give the same lines on every computer: the clock is the world's own, the random delay is
 // seeded, and objects are numbered in the order in which traces name them.
@@ -44,8 +44,8 @@ class Simulation {
   /// As how many of them an expiry of the timers counts: a conversation may wait through a million expiries.
   static constexpr std::size_t oneExpiry = 20;
 
-  /// Lines go to `out`; each packet also goes to `alsoTo`, if there is one, after its line. Both must outlive
-  /// the simulation.
+  /// Lines go to `out`; each packet is also given to `alsoTo`, if there is one, after its line. Both must
+  /// outlive the simulation.
   explicit Simulation(std::ostream& out, Speaker::PacketSink* alsoTo = nullptr,
                       std::size_t mayLookAt = mostLookedAt);
   virtual ~Simulation();

@@ -109,8 +109,8 @@ Message messageOf(TraceReader const& reader, Event const& event) {
   return Message(event, reader.descriptorOf(event));
 }
 
-/// The time of the picture at each moment of the cycle counter. It goes with the counter, and jumps ahead
-/// where a simulation moves its clock. It never goes back, though computing may take longer than the clock
+/// The time of the picture at each moment of the cycle counter. It follows the counter, and jumps ahead
+/// where a simulation moves its clock. It never decreases, though computing may take longer than the clock
 /// says.
 class Timeline {
  public:

@@ -8,24 +8,15 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <system_error>
 #include <utility>
 
-#include "runtime/vel/Exception.h"
+#include "runtime/scrivo/private/FileError.h"
 
 namespace Scrivo {
 
 namespace {
 
 constinit OutputFile* firstWithTemporary = nullptr;
-
-[[noreturn]] void refuse(std::string const& path, std::string const& reason) {
-  throw Vel::RangeException(path + ": " + reason);
-}
-
-[[noreturn]] void refuse(std::string const& path, int error) {
-  refuse(path, std::generic_category().message(error));
-}
 
 // With the slash at its end; empty for the working directory.
 std::string folderOf(std::string const& path) { return path.substr(0, path.rfind('/') + 1); }
@@ -49,12 +40,12 @@ std::string nameBeside(std::string const& path) {
 OutputFile::OutputFile(std::string const& path, Use use, mode_t mode) : path_(path) {
   struct stat status;
   bool const exists = stat(path_.c_str(), &status) == 0;
-  if (!exists && errno != ENOENT) refuse(path_, errno);
-  if (exists && S_ISDIR(status.st_mode)) refuse(path_, EISDIR);
+  if (!exists && errno != ENOENT) refuseFile(path_, errno);
+  if (exists && S_ISDIR(status.st_mode)) refuseFile(path_, EISDIR);
   if (exists && !S_ISREG(status.st_mode)) {
-    if (S_ISBLK(status.st_mode)) refuse(path_, "is a block device");
-    if (S_ISSOCK(status.st_mode)) refuse(path_, "is a socket");
-    if (use == Use::file) refuse(path_, S_ISFIFO(status.st_mode) ? "is a FIFO" : "is a device");
+    if (S_ISBLK(status.st_mode)) refuseFile(path_, "is a block device");
+    if (S_ISSOCK(status.st_mode)) refuseFile(path_, "is a socket");
+    if (use == Use::file) refuseFile(path_, S_ISFIFO(status.st_mode) ? "is a FIFO" : "is a device");
     openInPlace(status.st_mode & S_IFMT);
     return;
   }
@@ -63,8 +54,8 @@ OutputFile::OutputFile(std::string const& path, Use use, mode_t mode) : path_(pa
     // The kernel's own links may lead to a file that has no name any more.
     struct stat named;
     if (lstat(target_.c_str(), &named) != 0 || named.st_dev != status.st_dev || named.st_ino != status.st_ino)
-      refuse(path_, "leads to a file without a name");
-    if (faccessat(AT_FDCWD, target_.c_str(), W_OK, AT_EACCESS) != 0) refuse(path_, errno);
+      refuseFile(path_, "leads to a file without a name");
+    if (faccessat(AT_FDCWD, target_.c_str(), W_OK, AT_EACCESS) != 0) refuseFile(path_, errno);
   }
   openBeside(exists ? status.st_mode & 07777 : mode);
   if (!exists) return;
@@ -73,7 +64,7 @@ OutputFile::OutputFile(std::string const& path, Use use, mode_t mode) : path_(pa
   if (fchmod(descriptor_, status.st_mode & 07777) != 0) {
     int const error = errno;
     closeAndRemove();
-    refuse(path_, error);
+    refuseFile(path_, error);
   }
 }
 
@@ -81,12 +72,12 @@ OutputFile::~OutputFile() { closeAndRemove(); }
 
 void OutputFile::openInPlace(mode_t kind) {
   descriptor_ = ::open(path_.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
-  if (descriptor_ < 0) refuse(path_, errno);
+  if (descriptor_ < 0) refuseFile(path_, errno);
   // What has the name by now may be a file, which must not be written in place.
   struct stat status;
   if (fstat(descriptor_, &status) == 0 && (status.st_mode & S_IFMT) == kind) return;
   closeAndRemove();
-  refuse(path_, "was replaced while it was opened");
+  refuseFile(path_, "was replaced while it was opened");
 }
 
 void OutputFile::openBeside(mode_t mode) {
@@ -97,7 +88,7 @@ void OutputFile::openBeside(mode_t mode) {
   } while (descriptor_ < 0 && errno == EEXIST && --attempts > 0);
   if (descriptor_ < 0) {
     temporary_.clear();
-    refuse(path_, errno);
+    refuseFile(path_, errno);
   }
   next_ = firstWithTemporary;
   if (next_) next_->previous_ = this;
@@ -122,14 +113,14 @@ void OutputFile::name() {
   if (std::rename(temporary_.c_str(), target_.c_str()) == 0) return forgetTemporary();
   int const error = errno;
   closeAndRemove();
-  refuse(path_, error);
+  refuseFile(path_, error);
 }
 
 void OutputFile::commit() {
   if (::close(std::exchange(descriptor_, -1)) != 0) {
     int const error = errno;
     closeAndRemove();
-    refuse(path_, error);
+    refuseFile(path_, error);
   }
   name();
 }
@@ -142,10 +133,10 @@ std::string OutputFile::followed(std::string const& path) {
     ssize_t const size = readlink(place.c_str(), target, sizeof target);
     if (size < 0) {
       if (errno == EINVAL || errno == ENOENT) return place;
-      refuse(path, errno);
+      refuseFile(path, errno);
     }
-    if (links == mostLinks) refuse(path, ELOOP);
-    if (size == sizeof target) refuse(path, ENAMETOOLONG);
+    if (links == mostLinks) refuseFile(path, ELOOP);
+    if (size == sizeof target) refuseFile(path, ENAMETOOLONG);
     std::string const to(target, static_cast<std::size_t>(size));
     place = to.starts_with('/') ? to : folderOf(place) + to;
   }

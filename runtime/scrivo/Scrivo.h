@@ -33,6 +33,7 @@
 //   CycleCounter.h       the time stamp of a record
 //   Format.h             the layout of the file, and why a kill at any instruction leaves it readable
 //   OutputFile.h         a file that gets its name when it is complete
+//   private/FileError.h  the text of a refusal of a file
 //   TraceFile.h          the open file and the writing of records
 //   MessageDescriptor.h  what a call site tells the file about itself, once
 //   CallSite.h           SCRIVO_MESSAGE

@@ -10,11 +10,10 @@
 #include <cstddef>
 #include <memory>
 #include <new>
-#include <system_error>
 
 #include "runtime/scrivo/CycleCounter.h"
 #include "runtime/scrivo/OutputFile.h"
-#include "runtime/vel/Exception.h"
+#include "runtime/scrivo/private/FileError.h"
 
 namespace Scrivo {
 
@@ -26,23 +25,15 @@ void store(U64& shared, U64 value, std::memory_order order) {
   std::atomic_ref<U64>(shared).store(value, order);
 }
 
-[[noreturn]] void refuse(std::string const& path, std::string const& reason) {
-  throw Vel::RangeException(path + ": " + reason);
-}
-
-[[noreturn]] void refuse(std::string const& path, int error) {
-  refuse(path, std::generic_category().message(error));
-}
-
 void requireSize(std::string const& path, char const* name, U64 bytes, U64 least, U64 most) {
   if (bytes >= least && bytes <= most) return;
-  refuse(path, std::string(name) + " is " + std::to_string(bytes) + ", not " + std::to_string(least) +
-                   " to " + std::to_string(most));
+  refuseFile(path, std::string(name) + " is " + std::to_string(bytes) + ", not " + std::to_string(least) +
+                       " to " + std::to_string(most));
 }
 
 U8* map(OutputFile const& file, U64 bytes) {
   void* const mapping = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file.descriptor(), 0);
-  if (mapping == MAP_FAILED) refuse(file.path(), errno);
+  if (mapping == MAP_FAILED) refuseFile(file.path(), errno);
 #ifdef MADV_POPULATE_WRITE
   // No record is to wait for its page; where this kernel cannot, the first ones do.
   madvise(mapping, bytes, MADV_POPULATE_WRITE);
@@ -92,17 +83,17 @@ TraceFile& TraceFile::open(std::string const& path, TraceOptions const& options)
 
   // The child would write into the same memory, at positions of its own.
   static int const childKnows = pthread_atfork(nullptr, nullptr, &TraceFile::abandonInChild);
-  if (childKnows != 0) refuse(path, childKnows);
+  if (childKnows != 0) refuseFile(path, childKnows);
 
   OutputFile file(path, OutputFile::Use::file, onlyForOwner);
   int const noSpace = posix_fallocate(file.descriptor(), 0, static_cast<off_t>(bytes));
-  if (noSpace != 0) refuse(path, noSpace);
+  if (noSpace != 0) refuseFile(path, noSpace);
   auto const destroy = [](TraceFile* made) { delete made; };
   U8* const mapping = map(file, bytes);
   std::unique_ptr<TraceFile, decltype(destroy)> made(new (std::nothrow) TraceFile(mapping, bytes, rounded));
   if (!made) {
     munmap(mapping, bytes);
-    refuse(path, ENOMEM);
+    refuseFile(path, ENOMEM);
   }
   file.commit();
   close();

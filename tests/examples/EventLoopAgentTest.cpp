@@ -13,7 +13,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Router A with its upstream neighbor 10.0.0.2, on a clock that stands still until it is moved; what it sends
+// Router A with its upstream neighbor 10.0.0.2, on a clock that the test moves; what it sends
 // can be read from the other socket.
 class EventLoopAgent : public testing::Test {
  protected:

@@ -13,6 +13,7 @@
 
 #include "jpagent/capture/FrameBuilder.h"
 #include "tests/jpagent/Support.h"
+#include "tests/jpagent/TsharkJson.h"
 
 namespace Routing::Pim::Jpagent {
 namespace {
@@ -139,14 +140,14 @@ TEST_F(JpagentTest, TextHasTheEntriesTheRefusalsAndTotals) {
                                      "frames passed over                        0\n"));
 }
 
-IpGenAddr const sender("10.0.0.14");
-IpGenAddr const routers = Wire::allPimRouters(AddressFamily::ipv4);
+IpGenAddr const someNeighbor("10.0.0.14");
 
 Bytes goodDatagram() {
   Wire::JoinPrune message(IpGenAddr("10.0.0.13"), 210);
   message.groupAdd(IpGenAddr("239.1.1.1"));
   message.joinAdd(Wire::SourceKind::source, IpGenAddr("192.0.2.1"));
-  return ipDatagram(sender, routers, Wire::pimProtocol, Wire::encodeJoinPrune(message, sender, routers));
+  return ipDatagram(someNeighbor, routers, Wire::pimProtocol,
+                    Wire::encodeJoinPrune(message, someNeighbor, routers));
 }
 
 TEST_F(JpagentTest, WithNothingToRefuseItExitsWithZero) {
@@ -560,7 +561,7 @@ TEST_F(JpagentTest, AMessageFromFarAwayIsRefusedUnlessTheReplayIsLenient) {
 
 TEST_F(JpagentTest, WhatIsPassedOverIsToldAtTheEnd) {
   auto const arp = hex("ffffffffffff 020000000001 0806") + Bytes(46);
-  auto const igmp = ethernetFrame(ipDatagram(sender, IpGenAddr("224.0.0.1"), 2, Bytes(8)));
+  auto const igmp = ethernetFrame(ipDatagram(someNeighbor, IpGenAddr("224.0.0.1"), 2, Bytes(8)));
   auto const path = writeCapture(folder_, DLT_EN10MB, {{0, arp}, {0, igmp}, {0, arp}});
   auto const text = jpagent({"replay", path});
   EXPECT_EQ(text.status, 0);
@@ -606,17 +607,6 @@ TEST_F(JpagentTest, SendersChosenForTheFixedSeedOfTheHashTakeNoLongerThanOthers)
 }
 
 // What tshark says about the same capture, in the words of our own JSON lines.
-
-std::vector<json> listOf(json const& object, std::string const& name) {
-  if (!object.contains(name)) return {};
-  auto const& value = object[name];
-  return value.is_array() ? value.get<std::vector<json>>() : std::vector<json>{value};
-}
-
-/// The first of the names that is there: fields of IPv6 addresses have names of their own.
-std::string textOf(json const& object, std::string const& ipv4Name, std::string const& ipv6Name) {
-  return object.value(ipv4Name, object.value(ipv6Name, "none"));
-}
 
 std::string describe(std::string const& frame, std::string const& record, std::string const& flags,
                      std::string const& source, std::string const& group, std::string const& upstream,

@@ -38,7 +38,15 @@ using Wire::Test::hex;
 using Wire::Test::operator+;
 using Wire::Test::withChecksum;
 
-/// A folder of its own for a test, gone afterwards.
+inline IpGenAddr const routers = Wire::allPimRouters(AddressFamily::ipv4);
+
+/// The first bytes of a frame.
+inline Bytes firstOf(Bytes bytes, std::size_t size) {
+  bytes.resize(size);
+  return bytes;
+}
+
+/// A folder of its own for a test, removed afterwards.
 class TemporaryFolder {
  public:
   TemporaryFolder() {

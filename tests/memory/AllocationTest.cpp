@@ -13,7 +13,7 @@ using CountedHeap::liveBytes;
 using CountedHeap::requestsOf;
 using Vel::address;
 
-Dova::IpGenAddr group(U32 n) { return Dova::IpGenAddr::ipv4(0xe8000000 + n); }
+Dova::IpGenAddr groupAddress(U32 n) { return Dova::IpGenAddr::ipv4(0xe8000000 + n); }
 
 // Counts what it hears, without the heap.
 class Listener final : public Vel::Lamp::NotifieeConst {
@@ -59,7 +59,7 @@ TEST(DeliveryTest, WhereThereIsNoMemoryForTheSnapshotEverybodyIsCalledAllTheSame
     Noting(std::vector<int>& h, int n) : heard(h), number(n) { heard.reserve(1000); }
     void onBrightness() override {
       heard.push_back(number);
-      // A snapshot is a snapshot: who goes meanwhile is still called, who comes is not.
+      // A snapshot does not change: a reactor removed meanwhile is still called, an added one is not.
       if (auto const all = std::exchange(others, nullptr)) {
         late->notifierIs(notifier());
         for (auto const& other : *all) other->notifierIs(nullptr);
@@ -297,7 +297,7 @@ TEST(MemoryTest, AnOrderedSetThatGetsNoMemoryIsWhatItWas) {
       ASSERT_EQ(set.size(), static_cast<Vel::U32>(n));
       ASSERT_FALSE(set.contains(added));
       ASSERT_EQ(set.contains(before), n != 0);
-      // A walk that stands goes on over all that is there.
+      // A walk that has begun continues over all that is there.
       if (!walking || n % 16 != 0) continue;
       Vel::OrderedSet<Text>::Cursor i = walk;
       int visited = 1;
@@ -342,7 +342,7 @@ TEST_F(MachineTest, AGroupWithOneSourceTakesAtMostFourHundredBytesItsReactorIncl
   ASSERT_TRUE(periodic);
   constexpr U32 count = 100'000;
   std::size_t const before = liveBytes;
-  for (U32 n = 0; n < count; ++n) periodic->joinPruneGroupDataIs(group(n))->joinedSourceIs(address(n));
+  for (U32 n = 0; n < count; ++n) periodic->joinPruneGroupDataIs(groupAddress(n))->joinedSourceIs(address(n));
   auto const machine = sm->joinPruneNeighborSm(address(1));
   ASSERT_TRUE(machine);
   ASSERT_EQ(machine->numPeriodicRoutes(), count);
@@ -361,9 +361,9 @@ TEST_F(MachineTest, FollowingASourceTakesNothingWhileTracingIsOff) {
   ASSERT_TRUE(periodic && triggered);
   for (auto const& data : {periodic, triggered}) {
     SCOPED_TRACE(data == periodic ? "periodic" : "triggered");
-    // The same group twice: one is watched by the machine, one by nobody.
-    auto const watched = data->joinPruneGroupDataIs(group(1));
-    auto const unwatched = Vel::create<Packet::JoinPruneGroupData>(group(1));
+    // The same group twice: one is watched by the machine, one is not watched.
+    auto const watched = data->joinPruneGroupDataIs(groupAddress(1));
+    auto const unwatched = Vel::create<Packet::JoinPruneGroupData>(groupAddress(1));
     std::size_t some = 0;
     for (U32 n = 1; n <= 100; ++n) {
       for (auto const add : adds) {
@@ -379,7 +379,7 @@ TEST_F(MachineTest, FollowingASourceTakesNothingWhileTracingIsOff) {
 
 TEST_F(MachineTest, RemovingASourceTakesNothingWhileTracingIsOff) {
   ASSERT_TRUE(periodic);
-  auto const watched = periodic->joinPruneGroupDataIs(group(1));
+  auto const watched = periodic->joinPruneGroupDataIs(groupAddress(1));
   for (U32 n = 1; n <= 6; ++n) watched->joinedSourceIs(address(n));
   for (U32 n = 1; n <= 5; ++n) EXPECT_EQ(requestsOf([&] { watched->joinedSourceDel(address(n)); }), 0u);
 }
@@ -387,7 +387,7 @@ TEST_F(MachineTest, RemovingASourceTakesNothingWhileTracingIsOff) {
 TEST_F(MachineTest, TracesThatAreOnAreWhatIsLeftOut) {
   ASSERT_TRUE(periodic);
   auto& handle = Vel::TraceHandle::find("Pim::JoinPrune");
-  auto const watched = periodic->joinPruneGroupDataIs(group(1));
+  auto const watched = periodic->joinPruneGroupDataIs(groupAddress(1));
   for (U32 n = 1; n <= 4; ++n) watched->joinedSourceIs(address(n));
   std::size_t const off = requestsOf([&] { watched->joinedSourceDel(address(1)); });
   Vel::traceSinkIs([](Vel::TraceLine const&) {});
@@ -403,8 +403,10 @@ TEST_F(MachineTest, WhatATableOfRoutesTookIsGivenBackWhenItIsDrained) {
   ASSERT_TRUE(periodic);
   // A first round leaves what stays anyway: the small tables, the timer's list.
   auto const round = [&](U32 count) {
-    for (U32 n = 0; n < count; ++n) periodic->joinPruneGroupDataIs(group(n))->joinedSourceIs(address(n));
-    for (U32 n = 0; n < count; ++n) periodic->joinPruneGroupData(group(n))->joinedSourceDel(address(n));
+    for (U32 n = 0; n < count; ++n)
+      periodic->joinPruneGroupDataIs(groupAddress(n))->joinedSourceIs(address(n));
+    for (U32 n = 0; n < count; ++n)
+      periodic->joinPruneGroupData(groupAddress(n))->joinedSourceDel(address(n));
   };
   round(10);
   std::size_t const before = liveBytes;

@@ -17,7 +17,7 @@ std::size_t requestsOf(Call const& call) {
   return requests - before;
 }
 
-/// While it stands, requests fail: the n-th from now on (1 is the next), and as many after it as `length`
+/// While it exists, requests fail: the n-th from now on (1 is the next), and as many after it as `length`
 /// says.
 class Famine {
  public:
@@ -30,7 +30,7 @@ class Famine {
   std::size_t failures() const;
 };
 
-/// While it stands, no request fails: for what a test does in between on its own account.
+/// While it exists, no request fails: for what a test does in between on its own account.
 class Relief {
  public:
   Relief();

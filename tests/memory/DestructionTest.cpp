@@ -19,7 +19,7 @@ struct Small : World {
       group(data, "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
   }
 
-  // What somebody who still has it would do with it.
+  // What an agent that still has it would do with it.
   void goOn() {
     if (wheel && wheel->timeMin() <= time + 0.05) {
       time = std::max(time, wheel->timeMin());

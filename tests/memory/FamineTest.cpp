@@ -1,5 +1,5 @@
-// Every request for memory fails once, and then that one and all that follow it: nobody may lose what he has,
-// and with memory again everything goes on.
+// Every request for memory fails once, and then that one and all that follow it: nothing that is
+// there may be lost, and with memory again everything continues.
 #include "tests/Thorough.h"
 #include "tests/memory/Scene.h"
 
@@ -88,7 +88,7 @@ TEST(FamineDeathTest, AMachineThatHasCaughtUpValidatesItsCountAgain) {
     if (!wasBehind) continue;
     EXPECT_TRUE(sm->triggeredTimer()->armed());
     data->joinPruneGroupData(added)->joinedSourceIs(addr("10.9.0.1"));
-    EXPECT_EQ(sm->numPeriodicRoutes(), 12u);  // not counted yet, and nobody complains of it
+    EXPECT_EQ(sm->numPeriodicRoutes(), 12u);  // not counted yet, and no check complains of it
     sm->numPeriodicRoutesIs(99);
     {
       Famine const still(1, ~std::size_t{0} / 2);

@@ -1,4 +1,4 @@
-// What comes and goes for ever leaves nothing behind.
+// What is added and removed again and again leaves nothing behind.
 #include "tests/Thorough.h"
 #include "tests/memory/Scene.h"
 

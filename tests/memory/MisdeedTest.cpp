@@ -964,7 +964,7 @@ class TraceSinkTest : public testing::TestWithParam<Misdeed> {
     Case c{scene, row, {}, {}};
     Vel::traceSinkIs([&](Vel::TraceLine const& written) {
       if (++line != evilLine) return;
-      // In the middle of counting a periodic source nobody may change the sources that are counted.
+      // In the middle of counting a periodic source no callback may change the sources that are counted.
       if (GetParam().changesPeriodic && written.text.find("::Periodic(") != written.text.npos) return;
       GetParam().act(c);
     });

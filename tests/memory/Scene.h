@@ -10,7 +10,7 @@ namespace Routing::Pim {
 /// What is made when it is first needed and stays: here, so that no test takes it for a leak.
 inline bool const handlesAreMade = (Vel::frameTrace(), TraceLog::handle(), true);
 
-/// While it stands, every trace line is formatted and thrown away, so that whatever a line names must be
+/// While it exists, every trace line is formatted and thrown away, so that all that a line names must be
 /// alive.
 class AllTraces {
  public:
@@ -25,7 +25,7 @@ class AllTraces {
   }
 };
 
-/// Any of its members may have gone when a test looks: every step asks before it acts.
+/// Any of its members may be null when a test looks: every step asks before it acts.
 struct Scene : World {
   using GroupData = Packet::JoinPruneGroupData;
   using Data = Packet::JoinPruneData;
@@ -71,7 +71,7 @@ struct Scene : World {
     }
   }
 
-  /// Takes every source out of a data set, one by one, and the groups if nobody else does.
+  /// Takes every source out of a data set, one by one, and the groups if nothing else does.
   static void drain(Data& data) {
     Vel::Ptr<Data> const keep(&data);
     for (auto i = data.joinPruneGroupDataIterator(); i; ++i) {
@@ -81,7 +81,7 @@ struct Scene : World {
   }
   static void drain(GroupData& group) {
     Vel::Ptr<GroupData> const keep(&group);
-    // Again if somebody has put something back meanwhile: a filled group must not be removed.
+    // Again if a callback has put something back meanwhile: a filled group must not be removed.
     for (int round = 0; round < 4 && !group.empty(); ++round) {
       for (auto i = group.joinedSourceIterator(); i; ++i) group.joinedSourceDel(i);
       for (auto i = group.prunedSourceIterator(); i; ++i) group.prunedSourceDel(i);
@@ -127,7 +127,7 @@ struct Scene : World {
   /// What a router sees in two minutes: changes of what is to be sent, timers, messages, addresses, neighbors
   /// that come and go.
   void traffic();
-  /// The same by an agent that goes on when something cannot be done.
+  /// The same by an agent that continues when something cannot be done.
   void trafficWhateverHappens();
   template <class Act>
   static void whateverHappens(Act const& act) {
@@ -144,7 +144,7 @@ struct Scene : World {
            hangsOn(machine->pimPamManager(), manager) && hangsOn(machine->timerWheel(), wheel);
   }
 
-  /// Replaces what has gone.
+  /// Replaces what was removed.
   void mend() {
     if (whole()) return;
     machine = nullptr;
@@ -157,7 +157,7 @@ struct Scene : World {
     start();
   }
 
-  /// Whether a join to a new neighbor on a new interface goes out.
+  /// Whether a join to a new neighbor on a new interface is sent.
   bool sendsAFreshJoin() {
     auto const eth9 = intf("eth9", "10.8.0.1/24");
     neighbor("10.8.0.2", eth9);

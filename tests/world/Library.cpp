@@ -8,8 +8,6 @@ namespace Routing::Pim::Worlds {
 
 namespace {
 
-constexpr Seconds hair = 1e-9;
-
 Vel::TraceHandle& handle() {
   static auto& found = Vel::TraceHandle::find("Pim::JoinPrune");
   return found;
@@ -437,14 +435,14 @@ void Library::perform(Operation const& o) {
         engine = joinPruneMessageSmFactory(status, filter_, pim, rps_, rxJoin, rxPrune, channel, pam, wheel);
       return;
     case Do::drop:
-      // As in a program: nobody finds the machine any more while it is taken down.
+      // As in a program: the machine cannot be found any more while it is taken down.
       std::exchange(engine, nullptr);
       return;
     case Do::hold:
       if (auto const m = machine()) held.push_back(m);
       return;
     case Do::release:
-      // As in a program: a machine that goes may call whoever lets go once more.
+      // As in a program: a machine that is destroyed may call the owner of the last reference once more.
       std::exchange(held, {});
       return;
     case Do::temper:

@@ -7,8 +7,6 @@ namespace Routing::Pim::Worlds {
 
 namespace {
 
-constexpr Seconds hair = 1e-9;
-
 std::string const& text(Addr a) { return Names::get().text(a); }
 
 constexpr char const* channelWords[] = {"Triggered", "Override", "Periodic"};
@@ -18,7 +16,7 @@ constexpr char const* sourceHandlers[] = {"handleJoinedSource", "handlePrunedSou
 
 char const* sourceHandler(Kind kind) { return sourceHandlers[static_cast<U32>(kind)]; }
 
-std::string number(Seconds value) {
+std::string printed(Seconds value) {
   char digits[32];
   std::snprintf(digits, sizeof digits, "%.12g", value);
   return digits;
@@ -81,7 +79,7 @@ bool Model::Group::takeOut(Kind kind, Addr source) {
   return false;
 }
 
-// --- Forms. What stands between \1 and \2 is the name of an object, which the library prints as its address.
+// --- Forms. The text between \1 and \2 is the name of an object, which the library prints as its address.
 
 std::string Model::form(Machine const& m) const {
   return said("JoinPruneNeighborSm(", Names::get().intf(m.intf->name), "::", text(m.address), ")::@\1m",
@@ -311,7 +309,7 @@ void Model::received(Received& r, char const* kind, bool& header, Addr upstream,
   std::string const letters = flags == 4 ? "S" : flags == 5 ? "SR" : "SWR";
   trace(7, "JoinPruneMessageSm::handleRxMessage()", std::string(kind), "(", (flags == 7 ? "*" : text(source)),
         ",", text(group), "), Flags: ", letters, ", Intf: , Neighbor: ", text(r.upstream),
-        ", Holdtime: ", number(r.holdTime));
+        ", Holdtime: ", printed(r.holdTime));
   ++r.count;
   note(r.name + ".rxCount=" + std::to_string(r.count));
 }
@@ -354,7 +352,7 @@ void Model::reconcile(Machine& m, Channel channel) {
                 [&groups](auto const& follower) { return !groups.contains(follower.first); });
 }
 
-// Whatever group has come or gone, it is the neighbor's address that is looked up.
+// Whatever group was added or removed, it is the neighbor's address that is looked up.
 void Model::handleGroup(MachinePtr const& m, Channel channel) {
   std::string const begin =
       said(form(*m), "handle", channelWords[index(channel)], "Group(", text(m->address), ")");

@@ -15,6 +15,8 @@
 namespace Routing::Pim::Worlds {
 
 inline constexpr Seconds never = std::numeric_limits<Seconds>::infinity();
+/// Times that differ by less are the same.
+inline constexpr Seconds hair = 1e-9;
 
 /// What stops the process in the library.
 struct Stopped {
@@ -198,7 +200,7 @@ class Model {
  private:
   // --- Traces
 
-  /// The pieces in a row, if somebody listens.
+  /// The pieces in a row, if traces are on.
   template <class... Pieces>
   std::string said(Pieces const&... pieces) const {
     std::string text;

@@ -51,7 +51,7 @@ enum class Do : U8 {
   // Time.
   wait,      // x
   waitNext,  // until the next timer
-  busy,      // x: time passes while nobody looks at the timers
+  busy,      // x: time passes, and no timer is called
   // The machines.
   seed,      // n
   quantum,   // target, x
@@ -59,8 +59,8 @@ enum class Do : U8 {
   diag,      // n
   start,
   drop,
-  hold,     // target: somebody keeps the machine
-  release,  // nobody does any more
+  hold,     // target: a reference to the machine is held
+  release,  // it is held no more
   // The packet manager.
   temper,  // the temper below
   record,  // n: the transmit record is there or not

@@ -102,7 +102,7 @@ std::string command(Operation const& o, Model const* before) {
     case Do::add:
       return data(o, thisRoute);
     case Do::remove:
-      // The wildcard that is there goes, whatever it says.
+      // The wildcard that is there is removed, whatever its content.
       return data(o, "remove " + (o.kind == Kind::wildcard ? "wildcard " + group : thisRoute));
     case Do::groupAdd:
       return data(o, "group " + group);

@@ -48,7 +48,7 @@ Operation Random::any(bool nested) {
     unruly(o);
   } else if (among(p.receive)) {
     o.what = Do::receive;
-    o.a = static_cast<U8>(below(Names::targets - 1));  // nobody sends to an unspecified address
+    o.a = static_cast<U8>(below(Names::targets - 1));  // nothing is sent to an unspecified address
     o.n = static_cast<U32>(generator_() >> 32);
     o.x = oneOf({0.0, 105.0, 210.0, 210.0, 65535.0});
     if (oneIn(6)) {

@@ -100,7 +100,7 @@ class RandomWorldTest : public testing::TestWithParam<Profile> {
     return {};
   }
 
-  /// The sequence that a seed stands for. The library takes no part in it.
+  /// The sequence that a seed gives. The library takes no part in it.
   static Sequence sequenceOf(U64 seed) {
     Sequence sequence;
     Model model;

@@ -272,7 +272,7 @@ std::string World::eventsDiffer() {
   return text.str();
 }
 
-// The names of objects that are gone: another object may come to lie where they were.
+// The names of destroyed objects: another object may get the same address.
 void World::forget() {
   std::vector<std::string> alive;
   auto const add = [&alive](JoinPruneNeighborSm const& m) {

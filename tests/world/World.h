@@ -100,7 +100,7 @@ class Library {
 class World {
  public:
   /// Lines for each handler and each entry are most of what there is to compare; without them, the library
-  /// takes the shorter ways that are open when nobody listens.
+  /// takes the shorter ways that are taken when nothing listens.
   enum class Traces { all, few, none };
   explicit World(Traces traces = Traces::all) : traces_(traces) { setTraces(); }
 
@@ -110,7 +110,7 @@ class World {
   /// Does it to both without looking, as a step that was looked at before.
   void repeat(Operation const& operation);
 
-  /// The operation stopped the process, in a copy of this one; this world goes on no more.
+  /// The operation stopped the process, in a copy of this one; this world is not continued.
   bool stopped() const { return stopped_; }
 
   Model const& model() const { return model_; }

@@ -121,8 +121,8 @@ class World {
   // While a callback of a data set, group or source runs, the data stays as it is: another reactor on it may
   // not have heard of the change yet.
   U32 inData_ = 0;
-  // While a machine goes, another may have been started on the same data, and each hears of a change in its
-  // turn.
+  // While a machine is retired, another may have been started on the same data, and each hears of a change in
+  // its turn.
   U32 changing_ = 0, dropping_ = 0;
   bool starting_ = false;
 
@@ -139,8 +139,7 @@ class World {
   Vel::Ptr<JoinPruneMessageSm> machine_;
 
   std::vector<Vel::Ptr<Vel::Reactor>> watches_;
-  std::vector<Vel::Ptr<JoinPruneNeighborSm>>
-      held_;  // machines that somebody keeps longer than they are in use
+  std::vector<Vel::Ptr<JoinPruneNeighborSm>> held_;  // held longer than in use
 };
 
 // --- What is called ------------------------------------------------------------------------------
@@ -183,7 +182,7 @@ class World::Manager final : public IO::PamManager {
     U8 const how = input.u8();
     switch (how % 16) {
       case 10:
-        break;  // nothing goes
+        break;  // nothing is sent
       case 11:
         report = {0xffffffff, 0xffffffff, 0xffffffff};
         break;

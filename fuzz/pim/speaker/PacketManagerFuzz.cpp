@@ -116,7 +116,7 @@ struct World {
     return message->report();
   }
 
-  // Until nothing goes any more. What stays cannot be encoded, and was passed over in the last step.
+  // Until nothing more is sent. What is left cannot be encoded, and was passed over in the last step.
   void drain() {
     U64 const before = routes();
     U64 done = 0;

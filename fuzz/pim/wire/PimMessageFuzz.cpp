@@ -1,4 +1,4 @@
-// Bytes into the decoder. What is taken for a message goes back onto the wire as the same bytes, but for
+// Bytes into the decoder. What is accepted as a message is encoded to the same bytes, but for
 // those that a receiver ignores, and is again the same message.
 #include "pim/wire/PimMessage.h"
 

@@ -139,11 +139,6 @@ Bytes ipv4With(std::size_t at, char const* change) {
   return bytes;
 }
 
-Bytes firstOf(Bytes bytes, std::size_t size) {
-  bytes.resize(size);
-  return bytes;
-}
-
 Bytes ipv4Of(U8 protocol, Bytes const& behind) {
   return ipDatagram(IpGenAddr("10.0.0.14"), IpGenAddr("224.0.0.13"), protocol, behind);
 }

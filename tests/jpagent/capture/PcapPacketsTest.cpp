@@ -10,6 +10,7 @@
 
 #include "pim/speaker/PacketSinks.h"
 #include "tests/jpagent/Support.h"
+#include "tests/jpagent/TsharkJson.h"
 #include "tests/pim/speaker/OnePacket.h"
 
 namespace Routing::Pim::Jpagent {
@@ -111,15 +112,6 @@ TEST(PcapPacketsTest, APcapFileThatCannotBeMadeIsSaidAtOnceAndOneThatIsFullAtIts
 
 // What tshark says about a capture, entry by entry in the form of describe(), or why a packet is not good.
 
-std::vector<json> listOf(json const& object, std::string const& name) {
-  if (!object.contains(name)) return {};
-  return object[name].is_array() ? object[name].get<std::vector<json>>() : std::vector<json>{object[name]};
-}
-
-std::string eitherOf(json const& object, std::string const& ipv4Name, std::string const& ipv6Name) {
-  return object.value(ipv4Name, object.value(ipv6Name, "none"));
-}
-
 std::vector<std::string> toldByTshark(std::string const& path) {
   auto const outcome =
       run("tshark", {"-r", path, "-T", "json", "--no-duplicate-keys", "-o", "ip.check_checksum:TRUE"});
@@ -141,9 +133,9 @@ std::vector<std::string> toldByTshark(std::string const& path) {
             told.push_back(
                 frame + " " + record + " flags " +
                 std::to_string(std::stoi(source["pim.source_addr.flags"].get<std::string>(), nullptr, 16)) +
-                " (" + eitherOf(source, "pim.source", "pim.source_ip6") + "," +
-                eitherOf(set, "pim.group", "pim.group_ip6") + ") to " +
-                eitherOf(option, "pim.upstream_neighbor", "pim.upstream_neighbor_ip6") + " hold " +
+                " (" + textOf(source, "pim.source", "pim.source_ip6") + "," +
+                textOf(set, "pim.group", "pim.group_ip6") + ") to " +
+                textOf(option, "pim.upstream_neighbor", "pim.upstream_neighbor_ip6") + " hold " +
                 option["pim.holdtime"].get<std::string>());
         }
       }

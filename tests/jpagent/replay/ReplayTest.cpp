@@ -18,7 +18,6 @@ using namespace Test;
 
 IpGenAddr const sender("10.0.0.14"), upstream("10.0.0.13"), rp("10.255.0.1"), otherRp("10.255.0.2");
 IpGenAddr const group("239.1.1.1"), otherGroup("239.1.1.2"), s1("192.0.2.1"), s2("192.0.2.2");
-IpGenAddr const routers = Wire::allPimRouters(AddressFamily::ipv4);
 
 class Recorder final : public Report {
  public:
@@ -55,7 +54,7 @@ class ReplayTest : public testing::Test {
     return recorder_.text;
   }
 
-  /// A replay that has heard nothing yet; hears() goes on with it.
+  /// A replay that has heard nothing yet; hears() continues it.
   void begin() {
     recorder_.text.clear();
     replay_ = std::make_unique<Replay>(options_, recorder_);
@@ -312,11 +311,6 @@ TEST_F(ReplayTest, EntriesOfAMessageAreSortedByGroupKindAndSource) {
 
 Bytes changed(Bytes bytes, std::size_t at, U8 value) {
   bytes[at] = value;
-  return bytes;
-}
-
-Bytes firstOf(Bytes bytes, std::size_t size) {
-  bytes.resize(size);
   return bytes;
 }
 

@@ -145,7 +145,7 @@ TEST(SimulationRepeatedTest, TheSameCommandsGiveTheSameOutput) {
 
 TEST_F(SimulationTest, TheAddressOfAnObjectIsReplacedByItsNumber) {
   run({"trace 8"});
-  // A handler whose name goes on in hexadecimal digits does not become part of the address.
+  // A handler whose name continues in hexadecimal digits does not become part of the address.
   run({"periodic 10.0.0.2 join (10.9.0.1,239.1.1.1)", "wait 60"});
   auto const seen = take();
   EXPECT_THAT(seen, testing::Contains("0.000 trace 8 @1interval()"));

@@ -1,4 +1,4 @@
-// docs/trace-viewer.html in a browser without a window: what it has drawn stands in the page afterwards.
+// docs/trace-viewer.html in a browser without a window: what it has drawn is in the page afterwards.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

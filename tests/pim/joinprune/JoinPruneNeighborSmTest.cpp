@@ -13,10 +13,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr char const* N = "10.0.0.2";
-constexpr char const* G = "239.1.1.1";
-constexpr char const* S = "10.9.0.1";
-
 /// A machine of its own, without a parent unless a test makes one.
 class JoinPruneNeighborSmTest : public testing::Test, protected World {
  protected:

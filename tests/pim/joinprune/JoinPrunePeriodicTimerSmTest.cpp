@@ -12,8 +12,6 @@ using testing::IsEmpty;
 using testing::Not;
 using Report = Packet::JoinPruneMessage::Report;
 
-constexpr char const* N = "10.0.0.2";
-
 class JoinPrunePeriodicTimerSmTest : public testing::Test, protected World {
  protected:
   JoinPrunePeriodicTimerSmTest() {

@@ -10,10 +10,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char const* N = "10.0.0.2";
-constexpr char const* G = "239.1.1.1";
-constexpr char const* S = "10.9.0.1";
-
 class NeighborMachineTest : public testing::Test, protected World {
  protected:
   NeighborMachineTest() {

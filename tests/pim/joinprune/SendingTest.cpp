@@ -13,8 +13,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Report = Packet::JoinPruneMessage::Report;
 
-constexpr char const* N = "10.0.0.2";
-
 /// What differs between the two channels.
 struct Channel {
   char const* name;

@@ -13,6 +13,11 @@
 
 namespace Routing::Pim {
 
+// The usual neighbor, group and source.
+inline constexpr char const* N = "10.0.0.2";
+inline constexpr char const* G = "239.1.1.1";
+inline constexpr char const* S = "10.9.0.1";
+
 inline Dova::IpGenAddr addr(std::string_view text) { return Dova::IpGenAddr(text); }
 
 /// The form of anything that prints.

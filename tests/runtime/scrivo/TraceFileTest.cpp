@@ -224,7 +224,7 @@ TEST_F(TraceFileTest, CanBeRotatedByARenameAndAnotherOpen) {
   EXPECT_THAT(messages(), ElementsAre("second"));
 }
 
-// For somebody who handles SIGBUS.
+// For a process that handles SIGBUS.
 TEST_F(TraceFileTest, KnowsWhichAddressesLieInTheFile) {
   TraceFile const& file = TraceFile::open(path(), smallest);
   static TraceFile const* asked = &file;

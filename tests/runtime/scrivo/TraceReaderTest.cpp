@@ -352,7 +352,7 @@ TEST_F(TraceReaderTest, StandsRandomDamageAnywhere) {
     std::mt19937 random(seed);
     std::string bytes = example_;
     for (unsigned count = 1 + random() % 16; count > 0; --count) {
-      // The header seldom, as hardly any damage there goes unrefused.
+      // The header seldom, as nearly all damage there is refused.
       unsigned const area = random() % 16 == 0 ? 0 : 1 + random() % 3;
       bytes[starts[area] + random() % sizes[area]] = static_cast<char>(random());
     }

@@ -320,7 +320,8 @@ TEST_F(CollectionTest, ASetIsWalkedWhileItsKeysAreDeletedUnderTheIterator) {
 
 TEST_F(CollectionTest, ACallbackMayDeleteWhatAWalkWillComeToNext) {
   for (U32 n = 0; n < 100; ++n) lamp->bulbIs(address(n));
-  // The whole order first; then the second walk's successor of each visited element goes inside a callback.
+  // The whole order first; then the second walk's successor of each visited element is removed inside a
+  // callback.
   std::vector<Dova::IpGenAddr> order;
   for (auto i = lamp->bulbIterator(); i; ++i) order.push_back(i.key());
   std::size_t at = 0;
@@ -410,7 +411,7 @@ TEST_F(CollectionTest, AWalkMayBeginBehindAKeyThatSomebodyRemembers) {
   };
   auto const bulbs = whole(lamp->bulbIterator()), guests = whole(lamp->guestIterator()),
              seats = whole(lamp->seatIterator());
-  // The fourth was the last; meanwhile it has gone.
+  // The fourth was the last; meanwhile it was removed.
   lamp->bulbDel(bulbs[3]);
   lamp->guestDel(guests[3]);
   lamp->seatDel(seats[3]);

@@ -1,4 +1,4 @@
-// Sources are chosen by whoever sends: addresses that someone picked who knows the hash function, but not the
+// Senders choose their addresses: an attacker who picked them knows the hash function, but not the
 // seed.
 #include <gtest/gtest.h>
 

@@ -147,7 +147,7 @@ std::vector<typename Container::Key> keysOf(Container const& container) {
   return keys;
 }
 
-// A walk that stands while the container changes.
+// A walk that has begun when the container changes.
 template <class Container>
 struct Walker {
   using Key = typename Container::Key;
@@ -373,7 +373,7 @@ TYPED_TEST(ContainerTest, AWalkThatAddsAndRemovesAroundItselfEnds) {
   for (auto i = container.walk(); i; ++i) {
     Key const key = i.key();
     ASSERT_LE(++visited, 50u);
-    // Its own key goes and comes back, and the table is turned upside down.
+    // Its own key is removed and added again, and the table is rebuilt.
     container.del(key);
     for (U32 n = 1000; n < 1040; ++n) container.add(keyOf<Key>(n));
     for (U32 n = 1000; n < 1040; ++n) container.del(keyOf<Key>(n));
@@ -457,7 +457,7 @@ TEST(HashTableTest, EntityMapAgreesWithAStandardMapOfPointers) {
 
 TEST(HashTableTest, AnElementIsInsertedWhereItsKeyBelongsThoughTheMapChangedMeanwhile) {
   using Map = EntityMap<Dova::IpGenAddr, Element<Dova::IpGenAddr>>;
-  // One goes into the empty map, the next ones into small and large tables.
+  // One is put into the empty map, the next ones into small and large tables.
   for (U32 const before : {0u, 1u, 2u, 8u, 100u})
     for (U32 const meanwhile : {0u, 1u, 20u}) {
       SCOPED_TRACE(std::to_string(before) + " and " + std::to_string(meanwhile));
@@ -523,7 +523,7 @@ TEST(OrderedSetTest, AgreesWithAStandardSetThroughThousandsOfKeys) {
     }
 }
 
-// Whatever the key does to its leaf, the walk goes on from where it stands to the last key.
+// Whatever the key does to its leaf, the walk continues from its place to the last key.
 TEST(OrderedSetTest, AWalkThatStandsMeetsAKeyThatIsAddedAheadOfIt) {
   for (U32 count = 1; count <= 200; ++count)
     for (U32 const added : {3u, count / 2 * 2 + 1, 2 * count + 1}) {

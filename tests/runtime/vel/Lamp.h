@@ -166,7 +166,7 @@ class Recorder : public Lamp::NotifieeConst {
   Log& log_;
 };
 
-/// A lamp with nobody watching, and recorders on demand. Nothing may be left over at the end of a test.
+/// A lamp without a reactor, and recorders on demand. Nothing may be left over at the end of a test.
 struct LampWorld {
   Ptr<Recorder> recorder(std::string const& name) {
     auto const made = create<Recorder>(name, log);

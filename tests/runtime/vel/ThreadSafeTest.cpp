@@ -11,15 +11,15 @@ namespace Vel {
 namespace {
 
 // A counted object that notes how it ends.
-class Thing final : public Counted {
+class CountedThing final : public Counted {
  public:
-  explicit Thing(std::string& log) : log_(log) {}
+  explicit CountedThing(std::string& log) : log_(log) {}
   using Counted::zombie;
   using Counted::zombieIs;
   void zeroReferencesIs(bool zero) override { log_ += zero ? "zero " : "revived "; }
 
  protected:
-  ~Thing() override { log_ += "destroyed"; }
+  ~CountedThing() override { log_ += "destroyed"; }
 
  private:
   std::string& log_;
@@ -31,11 +31,11 @@ class ThreadSafeTest : public testing::Test {
   ~ThreadSafeTest() override { threadSafeIs(false); }
 
   // Four threads that take and drop a million times each, and each leaves one reference behind.
-  static void takeAndDrop(Thing* object, std::vector<std::thread>& threads) {
+  static void takeAndDrop(CountedThing* object, std::vector<std::thread>& threads) {
     for (int i = 0; i < 4; ++i)
       threads.emplace_back([object] {
         object->newRef();
-        for (int k = 0; k < 1'000'000; ++k) Ptr<Thing> const passing(object);
+        for (int k = 0; k < 1'000'000; ++k) Ptr<CountedThing> const passing(object);
       });
   }
   static void join(std::vector<std::thread>& threads) {
@@ -48,7 +48,7 @@ class ThreadSafeTest : public testing::Test {
 };
 
 TEST_F(ThreadSafeTest, FourThreadsThatTakeAndDropLeaveTheCountExact) {
-  auto const thing = create<Thing>(log);
+  auto const thing = create<CountedThing>(log);
   takeAndDrop(thing.get(), threads);
   join(threads);
   EXPECT_TRUE(threadSafe());
@@ -59,7 +59,7 @@ TEST_F(ThreadSafeTest, FourThreadsThatTakeAndDropLeaveTheCountExact) {
 }
 
 TEST_F(ThreadSafeTest, TheBitsBesideTheCountDoNotDisturbItWhenTheyAreSwitchedMeanwhile) {
-  auto const thing = create<Thing>(log);
+  auto const thing = create<CountedThing>(log);
   takeAndDrop(thing.get(), threads);
   for (int k = 0; k < 1'000'000; ++k) thing->zombieIs(k % 2 == 0);
   thing->zombieIs(true);
@@ -72,7 +72,7 @@ TEST_F(ThreadSafeTest, TheBitsBesideTheCountDoNotDisturbItWhenTheyAreSwitchedMea
 TEST_F(ThreadSafeTest, TheLastOfSeveralThreadsEndsTheObjectOnce) {
   for (int round = 0; round < 100; ++round) {
     log.clear();
-    auto thing = create<Thing>(log);
+    auto thing = create<CountedThing>(log);
     for (int i = 0; i < 2; ++i) threads.emplace_back([mine = thing]() mutable { mine = nullptr; });
     thing = nullptr;
     join(threads);

@@ -17,9 +17,9 @@ namespace {
 
 using Vel::never;
 
-class Timer final : public TimerWheel::Notifiee {
+class ModelledTimer final : public TimerWheel::Notifiee {
  public:
-  explicit Timer(std::function<void()> call) : call_(std::move(call)) {}
+  explicit ModelledTimer(std::function<void()> call) : call_(std::move(call)) {}
   void onTime() override {
     isCalled = true;
     call_();
@@ -89,7 +89,7 @@ class World {
     bool expiring = false;
   };
   struct Entry {
-    Vel::Ptr<Timer> timer;
+    Vel::Ptr<ModelledTimer> timer;
     Side* side = nullptr;
     Seconds at = never;
     Line* line = nullptr;  // of which it is part, or null
@@ -116,7 +116,7 @@ class World {
   void create(std::size_t i) {
     Entry& entry = entries_[i];
     entry = {};
-    entry.timer = Vel::create<Timer>([this, i] { called(i); });
+    entry.timer = Vel::create<ModelledTimer>([this, i] { called(i); });
     entry.timer->isNondestructingIs(nondestructing_);
     pointAt(i, &anySide());
   }

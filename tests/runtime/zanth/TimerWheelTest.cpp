@@ -612,7 +612,7 @@ TEST_F(ManyTimersTest, OfBurstsInASpanWhoseEndWasFirstOnceFireInOrder) {
   fireAll();
 }
 
-// Bursts come before and behind one another, and what is first in line goes away from time to time.
+// Bursts are armed before and behind one another, and the first timer is stopped from time to time.
 TEST_F(ManyTimersTest, OfBurstsAnywhereFireInOrder) {
   for (unsigned seed = 1; seed <= 20; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
