@@ -1,11 +1,13 @@
 #include "pim/speaker/PacketManager.h"
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <optional>
 #include <set>
 #include <utility>
 
+#include "pim/model/packet/GroupEntries.h"
 #include "pim/model/packet/GroupWalk.h"
 #include "runtime/vel/Trace.h"
 
@@ -32,46 +34,21 @@ constexpr std::size_t maxPayload = 65535 - ipv4HeaderSize;
 std::size_t sourceSize(AddressFamily family) { return 4 + IpGenAddr::zero(family).width() / 8u; }
 std::size_t groupSize(AddressFamily family) { return sourceSize(family) + 4; }
 
-// A group's entries in the order in which they go into messages. The (S,G,rpt) prunes come next to the (*,G)
-// entry that takes them along, so that a walk that is resumed behind both meets neither again.
-enum class Stage : U8 { wildcard, prunedRptSources, joinedSources, joinedRptSources, prunedSources, end };
-
-Stage next(Stage stage) { return static_cast<Stage>(static_cast<U8>(stage) + 1); }
-
-bool isJoin(Stage stage) { return stage == Stage::joinedSources || stage == Stage::joinedRptSources; }
-
-Wire::SourceKind kindOf(Stage stage) {
-  return stage == Stage::joinedSources || stage == Stage::prunedSources ? Wire::SourceKind::source
-                                                                        : Wire::SourceKind::sourceRpt;
-}
+// A group's entries in the order in which they go into messages: the (*,G) entry, join or prune, and then the
+// sources. The (S,G,rpt) prunes come next to the (*,G) join that takes them along, so that a walk that is
+// resumed behind both meets neither again.
+constexpr std::array<EntryKind, 5> stages = {EntryKind::wildcardJoin, EntryKind::sourceRptPrune,
+                                             EntryKind::sourceJoin, EntryKind::sourceRptJoin,
+                                             EntryKind::sourcePrune};
+constexpr U8 wildcardStage = 0, rptPruneStage = 1;
 
 // Where a message ended: in a group, in a stage, behind a source (at the stage's beginning without one). The
 // keys need not be there any more.
 struct Position {
   IpGenAddr group;
-  Stage stage = Stage::wildcard;
+  U8 stage = wildcardStage;
   std::optional<IpGenAddr> after;
 };
-
-void remove(GroupData& group, Stage stage, IpGenAddr const& source) {
-  switch (stage) {
-    case Stage::prunedRptSources:
-      group.prunedRptSourceDel(source);
-      break;
-    case Stage::joinedSources:
-      group.joinedSourceDel(source);
-      break;
-    case Stage::joinedRptSources:
-      group.joinedRptSourceDel(source);
-      break;
-    case Stage::prunedSources:
-      group.prunedSourceDel(source);
-      break;
-    case Stage::wildcard:
-    case Stage::end:
-      break;
-  }
-}
 
 // What a message is made with, and for whom.
 struct Setting {
@@ -124,7 +101,7 @@ class Composer {
       GroupData& group = *leaving.group;
       // A record that has been replaced meanwhile is another entry.
       if (leaving.wildcard && group.wcSourceData() == leaving.wildcard) group.wcSourceDataDel();
-      for (auto const& [stage, source] : leaving.sources) remove(group, stage, source);
+      for (auto const& [kind, source] : leaving.sources) Packet::removeEntry(group, kind, source);
       if (group.empty() && data_->joinPruneGroupData(group.group()) == leaving.group)
         data_->joinPruneGroupDataDel(group.group());
     }
@@ -134,7 +111,7 @@ class Composer {
   struct Leaving {
     Vel::Ptr<GroupData> group;
     Vel::Ptr<Packet::WcSourceData> wildcard;
-    std::vector<std::pair<Stage, IpGenAddr>> sources;
+    std::vector<std::pair<EntryKind, IpGenAddr>> sources;
   };
 
   // These say whether the message goes on. If it does not, resume_ is set.
@@ -188,12 +165,12 @@ class Composer {
     here_ = from;
     // Data that is sent once no longer has the prunes that went before a (*,G) join was added. The others
     // must go with it, not ahead of it: the receiver forgets at the join what is not beside it.
-    if (!keepsData_ && here_.stage == Stage::prunedRptSources && joinsWildcard()) {
-      here_.stage = Stage::wildcard;
+    if (!keepsData_ && here_.stage == rptPruneStage && joinsWildcard()) {
+      here_.stage = wildcardStage;
       here_.after.reset();
     }
     if (group_->empty()) ++passedOver_;
-    for (; here_.stage != Stage::end; here_.stage = next(here_.stage), here_.after.reset()) {
+    for (; here_.stage != stages.size(); ++here_.stage, here_.after.reset()) {
       if (!addStage()) {
         resume_ = here_;
         return false;
@@ -203,45 +180,28 @@ class Composer {
   }
 
   bool addStage() {
-    GroupData const& group = *group_;
-    switch (here_.stage) {
-      case Stage::wildcard:
-        return addWildcard();
-      case Stage::prunedRptSources:
-        return group.prunedRptSourceCount() == 0 ||
-               addSources([&] { return group.prunedRptSourceIterator(); },
-                          [&](IpGenAddr const& after) { return group.prunedRptSourceIteratorAfter(after); });
-      case Stage::joinedSources:
-        return group.joinedSourceCount() == 0 ||
-               addSources([&] { return group.joinedSourceIterator(); },
-                          [&](IpGenAddr const& after) { return group.joinedSourceIteratorAfter(after); });
-      case Stage::joinedRptSources:
-        return group.joinedRptSourceCount() == 0 ||
-               addSources([&] { return group.joinedRptSourceIterator(); },
-                          [&](IpGenAddr const& after) { return group.joinedRptSourceIteratorAfter(after); });
-      case Stage::prunedSources:
-        return group.prunedSourceCount() == 0 ||
-               addSources([&] { return group.prunedSourceIterator(); },
-                          [&](IpGenAddr const& after) { return group.prunedSourceIteratorAfter(after); });
-      case Stage::end:
-        break;
-    }
-    return true;
+    return Packet::byEntryKind(
+        stages[here_.stage],
+        [this](auto sources) { return sources.count(*group_) == 0 || addSources(sources); },
+        [this] { return addWildcard(); });
   }
 
   // The sources of a stage: from its front, or behind a source.
-  template <class Front, class Behind>
-  bool addSources(Front front, Behind behind) {
-    for (auto source = here_.after ? behind(*here_.after) : front(); source; ++source) {
+  template <class Sources>
+  bool addSources(Sources const& sources) {
+    GroupData const& group = *group_;
+    EntryKind const kind = sources.kind;
+    for (auto source = here_.after ? sources.iteratorAfter(group, *here_.after) : sources.iterator(group);
+         source; ++source) {
       if (passedOver_ >= PacketManager::maxPassedOver) return false;
       IpGenAddr const& address = source.key();
-      if (!passOver(here_.stage, address)) {
+      if (!passOver(kind, address)) {
         if (!fits(1)) return false;
-        if (suppressed(RouteKey(address, here_.group), kindOf(here_.stage), isJoin(here_.stage))) {
+        if (suppressed(RouteKey(address, here_.group), kind)) {
           passOverSuppressed();
-          leave(here_.stage, address);
+          leave(kind, address);
         } else {
-          take(here_.stage, address);
+          take(kind, address);
         }
       }
       here_.after = address;
@@ -254,28 +214,26 @@ class Composer {
     if (!wildcard) return true;
     if (passedOver_ >= PacketManager::maxPassedOver) return false;
     RouteKey const route(IpGenAddr::zero(family_), here_.group);
+    EntryKind const kind = kindOf(*wildcard);
     if (denied()) {
       passOverFiltered();
       leaveWildcard(wildcard);
       return true;
     }
     if (auto const fault = faultOf(wildcard->address())) {
-      passOverFaulty(route, Wire::SourceKind::wildcard, wildcard->join(), *fault);
+      passOverFaulty(route, kind, *fault);
       return true;
     }
     // A join and its prunes go into the next message rather than being parted. An empty one has room for as
     // many as are asked for.
     if (!fits(1 + (wildcard->join() ? prunesAlong() : 0))) return false;
-    if (suppressed(route, Wire::SourceKind::wildcard, wildcard->join())) {
+    if (suppressed(route, kind)) {
       passOverSuppressed();
       leaveWildcard(wildcard);
       return true;  // The prunes go for themselves.
     }
     openGroup();
-    if (wildcard->join())
-      message_.joinAdd(Wire::SourceKind::wildcard, wildcard->address());
-    else
-      message_.pruneAdd(Wire::SourceKind::wildcard, wildcard->address());
+    message_.entryAdd(kind, wildcard->address());
     count();
     leaveWildcard(wildcard);
     if (wildcard->join()) takePrunesAlong();
@@ -293,7 +251,7 @@ class Composer {
   std::size_t prunesAlong() const {
     std::size_t prunes = 0;
     for (auto i = group_->prunedRptSourceIterator(); i && prunes <= capacity_; ++i) {
-      if (!faultOf(i.key()) && !waits(Stage::prunedRptSources, i.key())) ++prunes;
+      if (!faultOf(i.key()) && !waits(EntryKind::sourceRptPrune, i.key())) ++prunes;
     }
     return std::min(prunes, capacity_);
   }
@@ -302,44 +260,44 @@ class Composer {
     U32 leftOut = 0;
     for (auto i = group_->prunedRptSourceIterator(); i; ++i) {
       IpGenAddr const source = i.key();
-      if (passOver(Stage::prunedRptSources, source)) continue;
+      if (passOver(EntryKind::sourceRptPrune, source)) continue;
       if (leftOut == 0 && fits(1)) {
-        take(Stage::prunedRptSources, source);
+        take(EntryKind::sourceRptPrune, source);
       } else {
         ++leftOut;
         passOverSuppressed();
-        leave(Stage::prunedRptSources, source);
+        leave(EntryKind::sourceRptPrune, source);
       }
     }
     if (leftOut != 0) {
       AGENT_TRACE(*this << "no room beside the (*,G) join of " << here_.group << " for " << leftOut
                         << " (S,G,rpt) prunes, left out");
     }
-    here_.stage = Stage::prunedRptSources;  // Done, too.
+    here_.stage = rptPruneStage;  // Done, too.
   }
 
   // Whether an entry cannot or must not go into this message, whatever room there is; counts it then.
-  bool passOver(Stage stage, IpGenAddr const& source) {
+  bool passOver(EntryKind kind, IpGenAddr const& source) {
     if (denied()) {
       passOverFiltered();
-      leave(stage, source);
+      leave(kind, source);
       return true;
     }
     if (auto const fault = faultOf(source)) {
-      passOverFaulty(RouteKey(source, here_.group), kindOf(stage), isJoin(stage), *fault);
+      passOverFaulty(RouteKey(source, here_.group), kind, *fault);
       return true;
     }
-    if (waits(stage, source)) {
+    if (waits(kind, source)) {
       ++passedOver_;
       if (keepsData_) ++report_.suppressedSources;
-      AGENT_TRACE(*this << RouteKey(source, here_.group) << ' ' << text(kindOf(stage))
-                        << " prune waits for the join of the same");
+      AGENT_TRACE(*this << RouteKey(source, here_.group) << ' ' << text(kind)
+                        << " waits for the join of the same");
       return true;
     }
-    if (taken_.contains({kindOf(stage), source})) {
+    if (taken_.contains({joinOf(kind), source})) {
       ++passedOver_;
       if (keepsData_) ++report_.suppressedSources;
-      AGENT_TRACE(*this << RouteKey(source, here_.group) << ' ' << text(kindOf(stage))
+      AGENT_TRACE(*this << RouteKey(source, here_.group) << ' ' << routeText(kind)
                         << " changed while the message was made, goes later");
       return true;
     }
@@ -350,9 +308,8 @@ class Composer {
     return groupFault_ ? groupFault_ : Wire::sourceFault(source, family_);
   }
 
-  bool waits(Stage stage, IpGenAddr const& source) const {
-    return (stage == Stage::prunedSources && group_->joinedSource(source)) ||
-           (stage == Stage::prunedRptSources && group_->joinedRptSource(source));
+  bool waits(EntryKind kind, IpGenAddr const& source) const {
+    return !isJoin(kind) && Packet::hasEntry(*group_, joinOf(kind), source);
   }
 
   // Asked once for a group in a message, and only if there is something to deny.
@@ -361,16 +318,15 @@ class Composer {
     return *denied_;
   }
 
-  bool suppressed(RouteKey const& route, Wire::SourceKind kind, bool join) const {
+  bool suppressed(RouteKey const& route, EntryKind kind) const {
     return setting_.suppression &&
-           setting_.suppression(setting_.intf, message_.upstreamNeighbor(), route, kind, join);
+           setting_.suppression(setting_.intf, message_.upstreamNeighbor(), route, kind);
   }
 
-  void passOverFaulty(RouteKey const& route, Wire::SourceKind kind, bool join, Wire::Reason fault) {
+  void passOverFaulty(RouteKey const& route, EntryKind kind, Wire::Reason fault) {
     ++passedOver_;
     if (keepsData_) ++report_.filteredSources;
-    AGENT_TRACE(*this << route << ' ' << text(kind) << (join ? " join" : " prune")
-                      << " cannot be encoded: " << text(fault));
+    AGENT_TRACE(*this << route << ' ' << text(kind) << " cannot be encoded: " << text(fault));
   }
   void passOverFiltered() {
     ++passedOver_;
@@ -387,15 +343,12 @@ class Composer {
            used_ + groupSize_ + entries * sourceSize_ <= setting_.room;
   }
 
-  void take(Stage stage, IpGenAddr const& source) {
+  void take(EntryKind kind, IpGenAddr const& source) {
     openGroup();
-    if (isJoin(stage))
-      message_.joinAdd(kindOf(stage), source);
-    else
-      message_.pruneAdd(kindOf(stage), source);
-    if (setting_.suppression) taken_.emplace(kindOf(stage), source);
+    message_.entryAdd(kind, source);
+    if (setting_.suppression) taken_.emplace(joinOf(kind), source);
     count();
-    leave(stage, source);
+    leave(kind, source);
   }
 
   void openGroup() {
@@ -413,8 +366,8 @@ class Composer {
     if (!std::exchange(leavingOpened_, true)) leaving_.push_back({group_, nullptr, {}});
     return leaving_.back();
   }
-  void leave(Stage stage, IpGenAddr const& source) {
-    if (!keepsData_) leaving().sources.emplace_back(stage, source);
+  void leave(EntryKind kind, IpGenAddr const& source) {
+    if (!keepsData_) leaving().sources.emplace_back(kind, source);
   }
   void leaveWildcard(Vel::Ptr<Packet::WcSourceData> const& wildcard) {
     if (!keepsData_) leaving().wildcard = wildcard;
@@ -448,8 +401,9 @@ class Composer {
   std::optional<bool> denied_;
   bool opened_ = false;         // It has a set in the message.
   bool leavingOpened_ = false;  // It has an element in leaving_.
-  // What of it is in the message: the hook, asked about one entry, may turn another into its opposite.
-  std::set<std::pair<Wire::SourceKind, IpGenAddr>> taken_;
+  // What of it is in the message, by the kind of the join: the hook, asked about one entry, may turn another
+  // into its opposite.
+  std::set<std::pair<EntryKind, IpGenAddr>> taken_;
   Position here_;
 };
 

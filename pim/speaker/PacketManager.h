@@ -74,7 +74,7 @@ class PIM_SPEAKER_API PacketSink {
 /// (RFC 7761, 4.5.4 and 4.5.5). The route of a (*,G) entry has a source of all zeros. Not asked about the
 /// (S,G,rpt) prunes that go with a (*,G) join: without them the join would ask for those sources.
 using Suppression = std::function<bool(Dova::IntfId const& intf, IpGenAddr const& upstreamNeighbor,
-                                       RouteKey const& route, Wire::SourceKind kind, bool join)>;
+                                       RouteKey const& route, EntryKind kind)>;
 
 /// The filter, the suppression hook, the sink and whoever watches the data may do anything when they are
 /// called: change the data, drop it, take down interfaces and machines, let go of this manager. A request for

@@ -34,36 +34,26 @@ std::string shown(T const& value) {
 }
 
 /// "join (S,G) 10.9.0.1 239.1.1.1", for a (*,G) entry with the RP.
-std::string entry(bool join, Wire::SourceKind kind, IpGenAddr const& source, IpGenAddr const& group) {
-  return std::string(join ? "join " : "prune ") + std::string(text(kind)) + " " + toText(source) + " " +
+std::string entry(EntryKind kind, IpGenAddr const& source, IpGenAddr const& group) {
+  return std::string(actionText(kind)) + " " + std::string(routeText(kind)) + " " + toText(source) + " " +
          toText(group);
 }
 
 /// The entries of a message, group by group as they are on the wire.
 Lines entriesOf(Wire::JoinPrune const& message) {
   Lines entries;
-  for (auto const& group : message.groups()) {
-    for (auto const& source : group.joins())
-      entries.push_back(entry(true, source.kind, source.address, group.group()));
-    for (auto const& source : group.prunes())
-      entries.push_back(entry(false, source.kind, source.address, group.group()));
-  }
+  for (auto const& group : message.groups())
+    for (auto const& source : group.sources())
+      entries.push_back(entry(source.kind, source.address, group.group()));
   return entries;
 }
 
 /// What is in a data set.
 Lines entriesOf(Packet::JoinPruneGroupData const& group) {
   Lines entries;
-  auto const add = [&](bool join, Wire::SourceKind kind, auto sources) {
-    for (; sources; ++sources) entries.push_back(entry(join, kind, sources.key(), group.group()));
-  };
-  if (auto const wildcard = group.wcSourceData())
-    entries.push_back(
-        entry(wildcard->join(), Wire::SourceKind::wildcard, wildcard->address(), group.group()));
-  add(true, Wire::SourceKind::source, group.joinedSourceIterator());
-  add(true, Wire::SourceKind::sourceRpt, group.joinedRptSourceIterator());
-  add(false, Wire::SourceKind::source, group.prunedSourceIterator());
-  add(false, Wire::SourceKind::sourceRpt, group.prunedRptSourceIterator());
+  Packet::forEachEntry(group, [&](EntryKind kind, IpGenAddr const& address) {
+    entries.push_back(entry(kind, address, group.group()));
+  });
   return entries;
 }
 
@@ -124,13 +114,13 @@ void expectRules(OutgoingPacket const& packet, std::size_t mtu) {
   for (auto const& group : message->groups()) {
     EXPECT_TRUE(groups.insert(group.group()).second) << "a second set for " << group.group();
     EXPECT_FALSE(group.joins().empty() && group.prunes().empty()) << "an empty set for " << group.group();
-    std::set<std::pair<Wire::SourceKind, IpGenAddr>> entries;
+    std::set<std::pair<EntryKind, IpGenAddr>> entries;
     for (auto const list : {group.joins(), group.prunes()}) {
       for (auto const& source : list) {
         // The address of a (*,G) entry is not its key: there is one in a set.
-        auto const key = source.kind == Wire::SourceKind::wildcard ? IpGenAddr() : source.address;
-        EXPECT_TRUE(entries.insert({source.kind, key}).second)
-            << text(source.kind) << " " << source.address << " twice for " << group.group();
+        auto const key = isWildcard(source.kind) ? IpGenAddr() : source.address;
+        EXPECT_TRUE(entries.insert({joinOf(source.kind), key}).second)
+            << routeText(source.kind) << " " << source.address << " twice for " << group.group();
       }
     }
   }
@@ -616,12 +606,12 @@ TEST_F(PacketManagerTest, SendsNothingIfTheFilterDeniesEverything) {
 TEST_F(PacketManagerTest, AsksTheSuppressionHookForEachEntryAndTakesOutWhatItNames) {
   Lines asked;
   std::set<std::string> suppressed;
-  managerIs(nullptr, [&](Dova::IntfId const& intf, IpGenAddr const& upstream, RouteKey const& route,
-                         Wire::SourceKind kind, bool join) {
-    asked.push_back(shown(intf) + " " + toText(upstream) + " " + shown(route) + " " +
-                    std::string(text(kind)) + (join ? " join" : " prune"));
-    return suppressed.contains(shown(route) + (join ? " join" : " prune"));
-  });
+  managerIs(nullptr,
+            [&](Dova::IntfId const& intf, IpGenAddr const& upstream, RouteKey const& route, EntryKind kind) {
+              asked.push_back(shown(intf) + " " + toText(upstream) + " " + shown(route) + " " +
+                              std::string(text(kind)));
+              return suppressed.contains(shown(route) + " " + std::string(actionText(kind)));
+            });
   suppressed = {"(*,239.1.1.1) join", "(10.9.0.2,239.1.1.1) join"};
   auto const data = dataIs("10.0.0.2");
   auto const group = groupIs(data, "239.1.1.1");
@@ -643,8 +633,7 @@ TEST_F(PacketManagerTest, AsksTheSuppressionHookForEachEntryAndTakesOutWhatItNam
 }
 
 TEST_F(PacketManagerTest, DoesNotSuppressThePrunesThatGoWithAWildcardJoin) {
-  managerIs(nullptr,
-            [](auto const&, auto const&, auto const&, Wire::SourceKind, bool join) { return !join; });
+  managerIs(nullptr, [](auto const&, auto const&, auto const&, EntryKind kind) { return !isJoin(kind); });
   auto const data = dataIs("10.0.0.2", true);
   auto const group = groupIs(data, "239.1.1.1");
   group->wcSourceDataIs(wildcardOf(IpGenAddr("10.255.0.1")));
@@ -659,10 +648,9 @@ TEST_F(PacketManagerTest, EndsAStepInALongRowOfWhatIsLeftOutAndGoesOnBehindIt) {
   auto const filter = Vel::create<Filter>();
   filter->denied = {"239.1.1.1"};
   for (bool const filtered : {false, true}) {
-    managerIs(filtered ? filter : nullptr,
-              [&](auto const&, auto const&, RouteKey const& route, Wire::SourceKind, bool) {
-                return route.group() == IpGenAddr("239.1.1.1");
-              });
+    managerIs(filtered ? filter : nullptr, [&](auto const&, auto const&, RouteKey const& route, EntryKind) {
+      return route.group() == IpGenAddr("239.1.1.1");
+    });
     for (bool const periodic : {false, true}) {
       auto const data = dataIs("10.0.0.2", periodic);
       for (U32 n = 1; n <= PacketManager::maxPassedOver + 5; ++n)
@@ -1024,7 +1012,7 @@ TEST_F(PacketManagerTest, HasNoJoinAndPruneOfTheSameInAMessageAlsoIfTheHookTurns
     auto const data = dataIs("10.0.0.2");
     auto const group = groupIs(data, "239.1.1.1");
     // Whatever is taken into a message first, it becomes its opposite before the message is done.
-    managerIs(nullptr, [&](auto const&, auto const&, RouteKey const& route, Wire::SourceKind, bool) {
+    managerIs(nullptr, [&](auto const&, auto const&, RouteKey const& route, EntryKind) {
       if (route.source() == source) return false;
       if (rpt && group->prunedRptSourceDel(source)) group->joinedRptSourceIs(source);
       if (!rpt && group->joinedSourceDel(source)) group->prunedSourceIs(source);
@@ -1184,10 +1172,10 @@ TEST_F(PacketManagerTest, SendsEverythingThatIsPendingOnceWithoutBreakingARule) 
     for (auto const& packet : captured.take()) {
       expectRules(packet, mtu);
       for (auto const& group : packet.message.groups()) {
-        if (group.joins().empty() || group.joins()[0].kind != Wire::SourceKind::wildcard) continue;
+        if (group.joins().empty() || group.joins()[0].kind != EntryKind::wildcardJoin) continue;
         std::set<IpGenAddr> prunes;
         for (auto const& prune : group.prunes())
-          if (prune.kind == Wire::SourceKind::sourceRpt) prunes.insert(prune.address);
+          if (prune.kind == EntryKind::sourceRptPrune) prunes.insert(prune.address);
         EXPECT_EQ(prunes, along[group.group()]) << group.group();
       }
     }
@@ -1231,7 +1219,7 @@ TEST_F(PacketManagerTest, SendsEachPeriodicRouteThatStaysOnceARoundWhileOthersCo
       if (random.group(n) != first) data->joinPruneGroupDataDel(random.group(n));
     IpGenAddr const rp = random.source(20);
     data->joinPruneGroupData(first)->wcSourceDataIs(wildcardOf(rp, false));
-    std::string const beginning = entry(false, Wire::SourceKind::wildcard, rp, first);
+    std::string const beginning = entry(EntryKind::wildcardPrune, rp, first);
     for (U32 n = 0; n < 150; ++n) random.add(data, 30, 12);
 
     // An entry that waits for the other of its kind is not sent; such pairs are none of this test's concern.
@@ -1358,7 +1346,7 @@ TEST(PacketManagerWithMachinesTest, DoesNotSpinOverWhatIsFilteredSuppressedOrUne
   SendingWorld world;
   world.startMachine();
   world.filter->denied = {"239.1.1.1"};
-  world.suppression = [](auto const&, auto const&, RouteKey const& route, Wire::SourceKind, bool) {
+  world.suppression = [](auto const&, auto const&, RouteKey const& route, EntryKind) {
     return route.group() == addr("239.1.1.2");
   };
   auto const data = world.data(false);
