@@ -29,12 +29,12 @@ JoinPrunePeriodicTimerSm::JoinPrunePeriodicTimerSm(Vel::Ptr<Zanth::TimerWheel> c
                                                    Vel::Ptr<IO::PamManager> const& pimPamManager,
                                                    Vel::Ptr<Packet::JoinPruneMessage> const& txMessage)
     : PeriodicTimerSm(timerWheel),
-      parentSm_(parentSm),
       loopQuantum_(loopQuantum),
       periodicGroup_(periodicGroup),
       intf_(intf),
       pimPamManager_(pimPamManager),
-      txMessage_(txMessage) {}
+      txMessage_(txMessage),
+      parentSm_(parentSm) {}
 
 Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
     Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
