@@ -53,13 +53,13 @@ class VEL_API JoinPruneMessageInfo final : public Vel::Entity {
   VEL_VALUE(Packet::SourceFlags, sourceFlags, SourceFlags);
 
   /// The message's hold time, in seconds. Until the first message it reads J/P_HoldTime's default.
-  VEL_SECONDS(holdTime, HoldTime) = 210.0;
+  VEL_SECONDS(holdTime, HoldTime, 210.0);
 
   /// The RP that the latest (*,G) entry names.
   VEL_VALUE(Dova::IpGenAddr, wcSource, WcSource);
 
   /// How many entries have been received, modulo 2^32.
-  VEL_COUNTER(rxCount, RxCount) = 0;
+  VEL_COUNTER(rxCount, RxCount);
 
  public:
   /// Sets `riKey` to a route on no interface; for received entries, which come in great numbers.

@@ -21,7 +21,7 @@
 //
 // Which macro to take, by what the attribute is:
 //
-//   fixed at construction                             VEL_FIXED
+//   fixed at construction, a Vel::Ptr too             VEL_FIXED
 //   a value, compared by ==                           VEL_VALUE
 //   a duration                                        VEL_SECONDS
 //   a number that is also raised and lowered          VEL_COUNTER
@@ -42,6 +42,11 @@
 // member and the semicolon. What is written by hand needs its const overload, which calls
 // Vel::throwConstInstance().
 //
+// The last argument of VEL_VALUE, VEL_SECONDS and VEL_COUNTER is the value at first; without it, Type{}.
+//
+// The numbers, the callbacks and the rows are written by hand, so that all of them can be read in one place.
+// A test compares them: they have one order, each attribute has all that it needs, and nothing else does.
+//
 // An entity class reads from top to bottom: the attributes' numbers, its reactor's callbacks (written out by
 // hand), its attributes (one macro line each), its own operations. A whole one:
 //
@@ -59,7 +64,7 @@
 //     };
 //     using Notifiee = Vel::WritableReactor<NotifieeConst, Lamp>;
 //
-//     VEL_VALUE(Vel::U32, brightness, Brightness) = 100;
+//     VEL_VALUE(Vel::U32, brightness, Brightness, 100);
 //     VEL_POINTER(Socket, socket, Socket);
 //     VEL_SET(Vel::HashSet<Dova::IpGenAddr>, guest, Guest);
 //
@@ -90,7 +95,7 @@
 //       virtual void onDimming() { handleNotification(dimmingId); }
 //     };
 //     using Notifiee = Vel::WritableReactor<NotifieeConst, DimmableLamp>;
-//     VEL_VALUE(bool, dimming, Dimming) = false;
+//     VEL_VALUE(bool, dimming, Dimming, false);
 //   };
 //
 // A macro declares nothing but named functions of a line or two, which forward to the templates in Entity.h
@@ -102,8 +107,9 @@
 #include "runtime/vel/Collection.h"
 #include "runtime/vel/Text.h"
 
-/// foo(), fooIs(value). The default can follow: VEL_VALUE(bool, foo, Foo) = true;
-#define VEL_VALUE(Type, foo, Foo)                                                                            \
+/// foo(), fooIs(value). The last argument is the value at first, VEL_VALUE(bool, foo, Foo, true); without it,
+/// Type{}.
+#define VEL_VALUE(Type, foo, Foo, ...)                                                                       \
  public:                                                                                                     \
   /** The value of the attribute `foo`. */                                                                   \
   ::Vel::Read<Type> foo() const { return foo##_; }                                                           \
@@ -114,10 +120,10 @@
   void foo##Is(Type const&) const { ::Vel::throwConstInstance(); }                                           \
                                                                                                              \
  private:                                                                                                    \
-  Type foo##_
+  Type foo##_ { __VA_ARGS__ }
 
 /// As VEL_VALUE for a duration in seconds: NaN and negative values throw InvalidArgumentException.
-#define VEL_SECONDS(foo, Foo)                                                                                \
+#define VEL_SECONDS(foo, Foo, ...)                                                                           \
  public:                                                                                                     \
   /** The value of the attribute `foo`, in seconds. */                                                       \
   ::Vel::Seconds foo() const { return foo##_; }                                                              \
@@ -129,11 +135,11 @@
   void foo##Is(::Vel::Seconds const&) const { ::Vel::throwConstInstance(); }                                 \
                                                                                                              \
  private:                                                                                                    \
-  ::Vel::Seconds foo##_
+  ::Vel::Seconds foo##_ { __VA_ARGS__ }
 
 /// As VEL_VALUE for a number that counts, with fooInc(n) and fooDec(n): modulo 2^32, and they return the new
 /// value.
-#define VEL_COUNTER(foo, Foo)                                            \
+#define VEL_COUNTER(foo, Foo, ...)                                       \
  public:                                                                 \
   /** Adds to `foo`, modulo 2^32, and returns the new value. */          \
   ::Vel::U32 foo##Inc(::Vel::U32 n) {                                    \
@@ -145,7 +151,7 @@
   /** Subtracts from `foo`, modulo 2^32; the new value. */               \
   ::Vel::U32 foo##Dec(::Vel::U32 n) { return foo##Inc(0u - n); }         \
   ::Vel::U32 foo##Dec(::Vel::U32) const { ::Vel::throwConstInstance(); } \
-  VEL_VALUE(::Vel::U32, foo, Foo)
+  VEL_VALUE(::Vel::U32, foo, Foo, __VA_ARGS__)
 
 /// A counted reference to another entity: foo(), fooIs(ptr). Null until set.
 #define VEL_POINTER(Target, foo, Foo)                                                                      \

@@ -32,12 +32,10 @@ class VEL_API JoinPruneData final : public Vel::Entity {
   VEL_FIXED(Dova::IpGenAddr, upstreamNeighbor);
 
   /// The hold time that the message carries, in seconds.
-  VEL_VALUE(U16, holdTime, HoldTime)
-  = 0;
+  VEL_VALUE(U16, holdTime, HoldTime, 0);
 
   /// True for data that is refreshed again and again instead of being sent once.
-  VEL_VALUE(bool, periodic, Periodic)
-  = false;
+  VEL_VALUE(bool, periodic, Periodic, false);
 
   /// The groups, by address. Add a group empty and then its sources; remove the sources, not a filled group.
   VEL_ENTITIES(Dova::IpGenAddr, JoinPruneGroupData, joinPruneGroupData, JoinPruneGroupData);
