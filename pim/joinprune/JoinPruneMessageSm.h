@@ -9,11 +9,12 @@
 //   JoinPruneMessageInfo.h      the record of the latest received entry; watched by the agent
 //   JoinPruneFilter.h           the policy on received entries
 //
-// and for the machines alone:
+// and for the machines alone, not installed:
 //
-//   TransmitStep.h              one message handed to the packet manager
-//   NestedReactor.h             making and unhooking the reactors of a machine
-//   JoinPruneTrace.h            how the machines trace
+//   private/TransmitStep.h      one message handed to the packet manager
+//   private/NestedReactor.h     making and unhooking the reactors of a machine
+//   private/JoinPruneTrace.h    how the machines trace
+//   private/RecordAccess.h      what the status and the record show to the message machine
 //
 // How they hang together: the agent makes the inputs (interfaces and neighbors in a Status, a
 // JoinPruneStatus, two records, a receive channel, a packet manager, a timer wheel) and hands them to

@@ -41,18 +41,14 @@ class VEL_API JoinPruneData final : public Vel::Entity {
   VEL_ENTITIES(Dova::IpGenAddr, JoinPruneGroupData, joinPruneGroupData, JoinPruneGroupData);
 
  public:
-  /// The groups' own table, for a walk that calls nothing; see GroupWalk.h.
-  using GroupTable = Vel::EntityMap<Dova::IpGenAddr, JoinPruneGroupData>::Table;
-  /// That table, as long as this object lives.
-  GroupTable const& velGroups() const { return joinPruneGroupData_.table(); }
-  /// A group, or null; not held.
-  JoinPruneGroupData* velGroup(Dova::IpGenAddr const& group) const { return joinPruneGroupData_.find(group); }
-
   Dova::IpGenAddr const& velKey() const { return upstreamNeighbor_; }
   Vel::AttributeTable const& attributeTable() const override;
 
  protected:
   void doTeardown() override;
+
+ private:
+  friend struct EngineAccess<JoinPruneData>;
 };
 
 }  // namespace Routing::Pim::Packet
