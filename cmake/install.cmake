@@ -1,4 +1,5 @@
-# What cmake --install puts where: the libraries, their headers as they lie in the tree, the CMake package, the
+# What cmake --install puts where: the libraries, their headers as they lie in the tree but those in folders named
+# private, which only source files include, the CMake package, the
 # pkg-config files, and jpagent with its manual page. All of it can be moved together with its prefix.
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
@@ -19,7 +20,7 @@ install(CODE "if(CMAKE_INSTALL_DO_STRIP)
   endforeach()
 endif()" COMPONENT development)  # CMake itself strips no static libraries
 install(DIRECTORY runtime pim ${PROJECT_BINARY_DIR}/include/ DESTINATION ${include_dir}
-        COMPONENT development FILES_MATCHING PATTERN *.h)
+        COMPONENT development FILES_MATCHING PATTERN *.h PATTERN private EXCLUDE)
 
 install(EXPORT PimJoinPruneTargets NAMESPACE PimJoinPrune:: DESTINATION ${cmake_dir} COMPONENT development)
 configure_package_config_file(cmake/PimJoinPruneConfig.cmake.in PimJoinPruneConfig.cmake

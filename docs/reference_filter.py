@@ -79,6 +79,8 @@ def invocation(macros):
 def expand(macros, name, arguments):
     parameters, body = macros[name]
     values = dict(zip(parameters, arguments))
+    if parameters[-1] == '...':
+        values['__VA_ARGS__'] = ', '.join(arguments[len(parameters) - 1:])
     body = re.sub(r'#(?!#)(\w+)', lambda m: '"%s"' % values[m[1]] if m[1] in values else m[0],
                   re.sub(r'\s*##\s*', '\0', body))
     body = re.sub(r'\w+', lambda m: values.get(m[0], m[0]), body).replace('\0', '').replace('::Vel::', 'Vel::')
@@ -138,9 +140,7 @@ def attributes_written_out(text, macros):
             result += [''] * (count - 1)
         else:
             result += comment + [lines[at]]
-            comment = []
-            if not lines[at].strip().startswith('='):
-                pending = []
+            comment, pending = [], []
         at += count
     return '\n'.join(result + comment)
 

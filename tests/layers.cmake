@@ -5,6 +5,9 @@
 #                            -> pim/joinprune -> pim/model -> pim/entry -> runtime
 #
 # Within runtime: scrivo -> dova -> vel, zanth -> vel.
+#
+# And what is in a folder named private is not installed, so no header outside of such a folder includes it; what is in
+# one named detail is for the libraries' own headers, so no program does.
 set(c_library "(arpa|netinet|sys)/[a-z]+[.]h|(cxxabi|fcntl|pthread|unistd)[.]h")
 foreach(library runtime pim)
   file(GLOB_RECURSE files ${SOURCE}/${library}/*.h ${SOURCE}/${library}/*.cpp)
@@ -51,3 +54,19 @@ may_not_include(runtime/vel runtime/zanth runtime/scrivo runtime/dova)
 may_not_include(runtime/dova runtime/zanth runtime/scrivo)
 may_not_include(runtime/zanth runtime/scrivo runtime/dova)
 may_not_include(runtime/scrivo runtime/zanth)
+
+file(GLOB_RECURSE headers ${SOURCE}/runtime/*.h ${SOURCE}/pim/*.h)
+list(FILTER headers EXCLUDE REGEX "/private/")
+foreach(header ${headers})
+  file(STRINGS ${header} includes REGEX "^#include \".*/private/")
+  foreach(include ${includes})
+    message(SEND_ERROR "${header}: ${include}")
+  endforeach()
+endforeach()
+file(GLOB_RECURSE files ${SOURCE}/jpagent/*.h ${SOURCE}/jpagent/*.cpp ${SOURCE}/examples/*.h ${SOURCE}/examples/*.cpp)
+foreach(file ${files})
+  file(STRINGS ${file} includes REGEX "^#include \".*/detail/")
+  foreach(include ${includes})
+    message(SEND_ERROR "${file}: ${include}")
+  endforeach()
+endforeach()

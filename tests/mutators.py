@@ -9,8 +9,9 @@ those that are written by hand. A mutator is a public function that is named as 
 a class that is counted. It needs a const overload with the same parameters, in its class or by a using-declaration,
 which does nothing but throwConstInstance().
 
-FILE is a C++ header for pim/joinprune/ConstViewTest.cpp: for each entity type a function that calls each const
-overload, the list of these types, and the list of the mutators without one.
+FILE is a C++ header for pim/joinprune/Examples.h: for each entity type a function that calls each const
+overload, and what it declares of its attributes; the list of these types, and the list of the mutators without
+a const overload.
 """
 import argparse
 import collections
@@ -32,6 +33,9 @@ class Class:
         self.namespace, self.outer, self.name = namespace, outer, name
         self.bases, self.template_parameters = bases, template_parameters
         self.functions, self.usings, self.nested = [], set(), set()
+        self.attributes = []  # of `enum Attribute`
+        self.callbacks = []   # of a NotifieeConst: onFoo() and the like
+        self.public = set()   # names of public functions
 
     @property
     def path(self):
@@ -140,6 +144,9 @@ def parse(tokens):
             return
         at = head.index('(')
         name = head[at - 1]
+        owner.public.add(name)
+        if owner.name == 'NotifieeConst' and re.match('on[A-Z]', name):
+            owner.callbacks.append(f'{name}({"key" if head[at + 1] != ")" else ""})')
         if not MUTATOR.fullmatch(name) or NO_MUTATOR.fullmatch(name) or at < 2:
             return
         end = after(head, at)
@@ -177,6 +184,9 @@ def parse(tokens):
                     end = after(tokens, at)
                     if bare[:1] == ['enum'] and owner and len(bare) > 1:
                         owner.nested.add(bare[2] if bare[1] == 'class' and len(bare) > 2 else bare[1])
+                        if bare[1] == 'Attribute':
+                            numbers = split(tokens[at + 1:end - 1])
+                            owner.attributes = [number[0].removesuffix('Id') for number in numbers]
                     # A brace that ends a declaration is a body; any other is an initializer.
                     if owner and access and '(' in head:
                         member(owner, head, tokens[at:end])
@@ -257,6 +267,10 @@ class Library:
         return [c for c in self.classes
                 if self.derives(c, 'Entity') and not c.is_template and c.outer is None]
 
+    def callbacks(self, c):
+        """Of the class's own reactors."""
+        return [name for b in self.classes if b.outer is c and b.name == 'NotifieeConst' for name in b.callbacks]
+
     def visible(self, c):
         """Names of types that only the class, or what it derives from, knows."""
         return c.nested.union(*(self.visible(b) for b in self.bases(c) if b))
@@ -294,6 +308,18 @@ def header(library):
             arguments = ', '.join(f'::any<{spelled(qualified(p, c, names))}>()' for p in f.parameters)
             name = f'{f.name}({", ".join(map(spelled, f.parameters))})'
             yield f'  mutation("{name}", [&] {{ object.{f.name}({arguments}); }});'
+        yield '}'
+        numbers = ', '.join(f'{{"{a}", {c}::{a}Id}}' for a in c.attributes)
+        callbacks, public = (', '.join(f'"{name}"' for name in names)
+                             for names in (library.callbacks(c), sorted(c.public)))
+        bases = [b for b in library.bases(c) if b and library.derives(b, 'Entity')]
+        base = '{}'
+        if bases:
+            base = '::'.join(['', *bases[0].namespace, *bases[0].path])
+            base = f'declared(static_cast<{base} const*>(nullptr))'
+        yield f'inline ::Declared declared({c} const*) {{'
+        yield f'  return ::Declared({{{{{numbers}}}, {{{callbacks}}}, {{{public}}}}}, '
+        yield f'                    {base});'
         yield '}'
         yield '}'
     yield '#define ENTITY_TYPES(X) ' + ' '.join(f'X({"::".join(c.namespace + c.path)})' for c in entities)
@@ -336,9 +362,21 @@ class Bad final : public Entity {
   void barInc(int n);
   void barInc(int) const { n_ = 1; }
 };
+class Sampled final : public Entity {
+ public:
+  enum Attribute : AttributeId { fooId = firstAttributeId, barId };
+  class NotifieeConst : public ReactorOn<Sampled> {
+   public:
+    virtual void onFoo() { handleNotification(fooId); }
+    virtual void onBar(Key) {}
+    virtual void onBarvelImmediate() {}
+    virtual void onBar() { handleDefault("bar"); }
+  };
+};
 struct Value { void valueIs(int); };
 }
 '''
+ATTRIBUTES = {'Sampled': (['foo', 'bar'], ['onFoo()', 'onBar(key)', 'onBarvelImmediate()', 'onBar()'])}
 LACKING = ['Owned::ownerDel()', 'Bad::nameIs(std::string_view)', 'Bad::fooDel(Iterator const&)',
            'Bad::barInc(int)']
 
@@ -350,6 +388,11 @@ def check_itself(compiler):
     for call in ('object.fooIs(::any<int>())', 'object.newBar(::any<Good::Key const&>(), ::any<int>())',
                  'object.nameIs(::any<std::string_view>())'):
         assert call in made, made
+    for c in library.entities():
+        if c.name in ATTRIBUTES:
+            found = (c.attributes, library.callbacks(c))
+            assert found == ATTRIBUTES[c.name], found
+    assert 'declared(static_cast<::Vel::Entity const*>(nullptr))' in made, made
 
 
 def main():

@@ -35,8 +35,7 @@ class Candidate final : public Vel::Entity {
   VEL_FIXED(IpGenAddr, address);
 
   // The lowest value wins.
-  VEL_VALUE(U32, priority, Priority)
-  = 192;
+  VEL_VALUE(U32, priority, Priority, 192);
 
  public:                                                // each macro ends with its private member
   IpGenAddr const& velKey() const { return address_; }  // makes it an element of a collection
@@ -108,7 +107,7 @@ class ElectionSm final : public Vel::Machine {
   };
 
   VEL_VALUE(IpGenAddr, elected, Elected);
-  VEL_COUNTER(elections, Elections) = 0;
+  VEL_COUNTER(elections, Elections);
 
  public:
   void handleInitialized() override {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "pim/model/RouteKey.h"
+#include "pim/model/detail/EngineAccess.h"
 #include "pim/model/packet/SourceFlags.h"
 #include "runtime/vel/Attribute.h"
 
@@ -53,44 +54,19 @@ class VEL_API JoinPruneMessageInfo final : public Vel::Entity {
   VEL_VALUE(Packet::SourceFlags, sourceFlags, SourceFlags);
 
   /// The message's hold time, in seconds. Until the first message it reads J/P_HoldTime's default.
-  VEL_SECONDS(holdTime, HoldTime) = 210.0;
+  VEL_SECONDS(holdTime, HoldTime, 210.0);
 
   /// The RP that the latest (*,G) entry names.
   VEL_VALUE(Dova::IpGenAddr, wcSource, WcSource);
 
   /// How many entries have been received, modulo 2^32.
-  VEL_COUNTER(rxCount, RxCount) = 0;
+  VEL_COUNTER(rxCount, RxCount);
 
  public:
-  /// Sets `riKey` to a route on no interface; for received entries, which come in great numbers.
-  void velRouteIs(Dova::IpGenAddr const& source, Dova::IpGenAddr const& group) {
-    if (riKey_.routeIs(source, group))
-      velDeliver<NotifieeConst, riKeyId>([](NotifieeConst& r) { r.onRiKey(); });
-  }
-  void velRouteIs(Dova::IpGenAddr const&, Dova::IpGenAddr const&) const { Vel::throwConstInstance(); }
-
-  /// True if nobody watches, so that nobody hears of what is written before the last of many entries.
-  bool velUnheard() const { return !velWatched(); }
-
-  /// Becomes what the joins of a group leave, which came in a message for `upstreamNeighbor`: as if each of
-  /// them had been written. REQUIRES: there is a source, and nobody watches.
-  void velJoinsAre(Dova::IpGenAddr const& upstreamNeighbor, Seconds holdTime, Dova::IpGenAddr const& group,
-                   Vel::HashSet<Dova::IpGenAddr> const& sources) {
-    Vel::HashSet<Dova::IpGenAddr>::Cursor source;
-    source.first(sources);
-    for (U32 left = sources.size(); --left != 0;) source.next(sources);
-    upstreamNeighbor_ = upstreamNeighbor;
-    holdTime_ = holdTime;
-    riKey_.routeIs(source.key(), group);
-    sourceFlags_ = Packet::sgFlags;
-    rxCount_ += sources.size();
-  }
-  void velJoinsAre(Dova::IpGenAddr const&, Seconds, Dova::IpGenAddr const&,
-                   Vel::HashSet<Dova::IpGenAddr> const&) const {
-    Vel::throwConstInstance();
-  }
-
   Vel::AttributeTable const& attributeTable() const override;
+
+ private:
+  friend struct EngineAccess<JoinPruneMessageInfo>;
 };
 
 /// Makes a record with a count of 1.

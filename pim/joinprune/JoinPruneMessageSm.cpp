@@ -3,10 +3,12 @@
 #include <cmath>
 #include <exception>
 
-#include "pim/joinprune/JoinPruneTrace.h"
-#include "pim/joinprune/NestedReactor.h"
+#include "pim/joinprune/private/JoinPruneTrace.h"
+#include "pim/joinprune/private/NestedReactor.h"
+#include "pim/joinprune/private/RecordAccess.h"
 #include "pim/model/packet/GroupEntries.h"
-#include "runtime/vel/Assert.h"
+#include "pim/model/private/ModelAccess.h"
+#include "runtime/vel/private/Assert.h"
 
 namespace Routing::Pim {
 
@@ -45,7 +47,7 @@ Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
   auto const sm = Vel::Ptr<JoinPruneMessageSm>::owning(
       new JoinPruneMessageSm(joinPruneStatus, joinPruneFilter, pimStatus, rpHashComputeStatus, rxJoin,
                              rxPrune, rxMessageInfo, pimPamManager, timerWheel));
-  if (joinPruneStatus) joinPruneStatus->velMachineIs(sm.get());
+  if (joinPruneStatus) EngineAccess<JoinPruneStatus>::machineIs(*joinPruneStatus, sm.get());
   // Before the interfaces: their machines are given the message too.
   sm->txMessageIs();
   if (pimStatus) sm->syncPimIntf();
@@ -58,7 +60,7 @@ void JoinPruneMessageSm::handleInitialized() {
   JOIN_PRUNE_BLOCK_TIMER();
   if (!start()) return;
   Vel::MemoryHold const memory(this);
-  JOIN_PRUNE_TRACE(8, this, "()");
+  JOIN_PRUNE_TRACE(Level::entry, this, "()");
   handleNeighbor();
   // What is left of neighbors that vanished while there was no machine.
   if (Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus()) {
@@ -66,7 +68,8 @@ void JoinPruneMessageSm::handleInitialized() {
       Dova::IpGenAddr const address = i.key();
       JoinPruneNeighborSm const* const sm = joinPruneNeighborSm_.find(address);
       if (listedNeighbor(address) || (sm && !sm->neighbor())) continue;
-      JOIN_PRUNE_TRACE(2, this, "(), Deleting any pending joins and prunes for deleted neighbor " << address);
+      JOIN_PRUNE_TRACE(Level::event, this,
+                       "(), Deleting any pending joins and prunes for deleted neighbor " << address);
       handleNeighbor(address);
     }
   }
@@ -88,7 +91,9 @@ void JoinPruneMessageSm::doTeardown() {
   for (auto i = joinPruneNeighborSmIterator(); i; ++i) removeJoinPruneNeighborSm(i.key());
   if (pimPamManager_) unhook(*pimPamManager_);
   if (timerWheel_) unhook(*timerWheel_);
-  if (joinPruneStatus_ && joinPruneStatus_->velMachine() == this) joinPruneStatus_->velMachineIs(nullptr);
+  using StatusAccess = EngineAccess<JoinPruneStatus>;
+  if (joinPruneStatus_ && StatusAccess::machine(*joinPruneStatus_) == this)
+    StatusAccess::machineIs(*joinPruneStatus_, nullptr);
 }
 
 // doTeardown() has normally emptied everything; if it failed half-way, nothing may point back here.
@@ -157,7 +162,8 @@ bool JoinPruneMessageSm::openTarget(Target& target, Dova::IpGenAddr const& addre
 
 // Whoever restarts the machine from inside one of its callbacks has the new one before the old one goes.
 bool JoinPruneMessageSm::succeeded() const {
-  void const* const latest = joinPruneStatus_ ? joinPruneStatus_->velMachine() : nullptr;
+  void const* const latest =
+      joinPruneStatus_ ? EngineAccess<JoinPruneStatus>::machine(*joinPruneStatus_) : nullptr;
   return latest && latest != this;
 }
 
@@ -289,7 +295,7 @@ Vel::Ptr<Neighbor const> JoinPruneMessageSm::listedNeighbor(Dova::IpGenAddr cons
 void JoinPruneMessageSm::handleNeighbor() {
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
-  JOIN_PRUNE_TRACE(2, this, "()");
+  JOIN_PRUNE_TRACE(Level::event, this, "()");
   Vel::Ptr<Status const> const status = notifierOf(pimStatus_);
   if (!status) return;
   for (auto i = status->pimNeighborIterator(); i && !retired(); ++i) handleNeighbor(i.key());
@@ -300,15 +306,15 @@ void JoinPruneMessageSm::handleNeighbor(Dova::IpGenAddr const& changed) {
   Vel::MemoryHold const memory(this);
   Dova::IpGenAddr const address = changed;
   if (retired()) return;
-  JOIN_PRUNE_TRACE(8, this, '(' << address << ')');
+  JOIN_PRUNE_TRACE(Level::entry, this, '(' << address << ')');
   if (retired()) return;
   Vel::Ptr<Neighbor const> const neighbor = listedNeighbor(address);
   if (!neighbor) {
-    JOIN_PRUNE_TRACE(2, this, '(' << address << "), Neighbor down");
+    JOIN_PRUNE_TRACE(Level::event, this, '(' << address << "), Neighbor down");
     if (!retired()) doMaybeDeleteNeighbor(address);
     return;
   }
-  JOIN_PRUNE_TRACE(2, this, '(' << address << "), Neighbor up");
+  JOIN_PRUNE_TRACE(Level::event, this, '(' << address << "), Neighbor up");
   if (retired() || listedNeighbor(address) != neighbor) return;
   if (joinPruneNeighborSm(address)) {
     JOIN_PRUNE_TRACE(
@@ -335,7 +341,7 @@ void JoinPruneMessageSm::doMaybeDeleteNeighbor(Dova::IpGenAddr const& vanished) 
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
   Dova::IpGenAddr const address = vanished;  // the caller's may end with what is deleted here
-  JOIN_PRUNE_TRACE(8, this, '(' << address << ')');
+  JOIN_PRUNE_TRACE(Level::entry, this, '(' << address << ')');
   if (retired() || listedNeighbor(address)) return;
   Vel::Ptr<JoinPruneNeighborSm> const sm = joinPruneNeighborSm(address);
   if (sm && !sm->neighbor()) return;  // an interface's own address: its machine is removed with the interface
@@ -349,7 +355,7 @@ void JoinPruneMessageSm::doMaybeDeleteNeighbor(Dova::IpGenAddr const& vanished) 
     };
     // The first time it may make the data set, which calls out.
     if (!unneeded() || !unneeded()) return;
-    JOIN_PRUNE_TRACE(2, this, '(' << address << "), deleting neighbor");
+    JOIN_PRUNE_TRACE(Level::event, this, '(' << address << "), deleting neighbor");
     if (!unneeded()) return;
     closeTarget(address, [&] {
       return retired() || listedNeighbor(address) || joinPruneNeighborSm(address) != nullptr;
@@ -543,9 +549,9 @@ void JoinPruneMessageSm::VelPimIntf::handleNew() {
   if (!live()) return;
   Vel::MemoryHold const memory(this);
   Vel::MemoryHold const machineMemory(joinPruneMessageSm());
-  JOIN_PRUNE_TRACE_BARE(8, '(' << intfId_ << ')');
+  JOIN_PRUNE_TRACE_BARE(Level::entry, '(' << intfId_ << ')');
   if (!live()) return;
-  JOIN_PRUNE_TRACE_BARE(2, '(' << intfId_ << "), Intf up");
+  JOIN_PRUNE_TRACE_BARE(Level::event, '(' << intfId_ << "), Intf up");
   if (!live()) return;
   Dova::IpGenAddr const address = notifier()->usedAddressWithMask().ipGenAddr();
   // Before the machine is made: what is called meanwhile can take it away again.
@@ -553,7 +559,7 @@ void JoinPruneMessageSm::VelPimIntf::handleNew() {
   taken_ = true;
   auto const wanted = [&] { return live() && address_ == address; };
   if (joinPruneMessageSm()->joinPruneNeighborSm(address)) {
-    JOIN_PRUNE_TRACE_BARE(2, ", Deleting existing SM for " << address);
+    JOIN_PRUNE_TRACE_BARE(Level::event, ", Deleting existing SM for " << address);
     if (!wanted()) return;
     deleteJoinPruneSm(address);
   }
@@ -567,7 +573,7 @@ void JoinPruneMessageSm::VelPimIntf::handleDel() {
   Vel::MemoryHold const machineMemory(sm);
   Dova::IpGenAddr const address = address_;
   Vel::Ptr<JoinPruneNeighborSm> const present = sm->joinPruneNeighborSm(address);
-  JOIN_PRUNE_TRACE_BARE(2, '(' << intfId_ << "), Intf down");
+  JOIN_PRUNE_TRACE_BARE(Level::event, '(' << intfId_ << "), Intf down");
   if (!taken_) return;  // the machine under the unspecified address is that of another interface
   // A machine that was made since the line was written belongs to another interface or neighbor, or to this
   // one anew.
@@ -578,7 +584,7 @@ void JoinPruneMessageSm::VelPimIntf::handleDel() {
 void JoinPruneMessageSm::VelPimIntf::handleUsedAddress() {
   if (!live()) return;
   Vel::MemoryHold const memory(this);
-  JOIN_PRUNE_TRACE_BARE(2, '(' << intfId_ << "), Address changed");
+  JOIN_PRUNE_TRACE_BARE(Level::event, '(' << intfId_ << "), Address changed");
   if (!live()) return;
   Dova::IpGenAddr const previous = address_;
   Dova::IpGenAddr const address = notifier()->usedAddressWithMask().ipGenAddr();
@@ -669,13 +675,14 @@ std::string_view shortForm(EntryKind kind) {
 void JoinPruneMessageSm::handleRxMessage() {
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
-  JOIN_PRUNE_TRACE(8, this, "()");
+  JOIN_PRUNE_TRACE(Level::entry, this, "()");
   if (retired()) return;
   Vel::Ptr<IO::MessageInfo> const channel = notifierOf(rxMessageInfo_);
   Vel::Ptr<Packet::JoinPruneMessage> const message = channel ? channel->joinPruneMessage() : nullptr;
   Vel::Ptr<Packet::JoinPruneData> const data = message ? message->joinPruneData() : nullptr;
   if (!data) return;
 
+  using RecordAccess = EngineAccess<JoinPruneMessageInfo>;
   RxRecord join{rxJoin_, "Join"}, prune{rxPrune_, "Prune"};
 
   // Each write notifies, so the order is what observers rely on. They may drop this machine in between.
@@ -691,14 +698,15 @@ void JoinPruneMessageSm::handleRxMessage() {
         info->holdTimeIs(static_cast<double>(data->holdTime()));
         if (retired()) return;
       }
-      info->velRouteIs(source, group);
+      RecordAccess::routeIs(*info, source, group);
       if (retired()) return;
       info->sourceFlagsIs(Packet::SourceFlags(kind));
       if (retired()) return;
       if (wcSource) info->wcSourceIs(*wcSource);
       if (retired()) return;
     }
-    JOIN_PRUNE_TRACE_AS(7, this, "handleRxMessage", "(), " << record.name << shortForm(kind) << info);
+    JOIN_PRUNE_TRACE_AS(Level::activity, this, "handleRxMessage",
+                        "(), " << record.name << shortForm(kind) << info);
     if (info && !retired()) info->rxCountInc(1);
   };
   // Most groups have sources of one kind, so the others are asked for their number first.
@@ -711,10 +719,11 @@ void JoinPruneMessageSm::handleRxMessage() {
 
   // Where nobody hears of the single entries, those of the usual kind of group are written at once.
   auto const writeUnheard = [&](RxRecord& record, Packet::JoinPruneGroupData const& groupData) {
-    if (!record.info || !record.info->velUnheard() || !joinPruneIsQuiet()) return false;
-    auto const* const sources = groupData.velJoinsAlone();
+    if (!record.info || !RecordAccess::unheard(*record.info) || !joinPruneIsQuiet()) return false;
+    auto const* const sources = EngineAccess<Packet::JoinPruneGroupData>::joinsAlone(groupData);
     if (!sources) return false;
-    record.info->velJoinsAre(data->upstreamNeighbor(), data->holdTime(), groupData.group(), *sources);
+    RecordAccess::joinsAre(*record.info, data->upstreamNeighbor(), data->holdTime(), groupData.group(),
+                           *sources);
     return record.headerDone = true;
   };
 

@@ -9,11 +9,12 @@
 //   JoinPruneMessageInfo.h      the record of the latest received entry; watched by the agent
 //   JoinPruneFilter.h           the policy on received entries
 //
-// and for the machines alone:
+// and for the machines alone, not installed:
 //
-//   TransmitStep.h              one message handed to the packet manager
-//   NestedReactor.h             making and unhooking the reactors of a machine
-//   JoinPruneTrace.h            how the machines trace
+//   private/TransmitStep.h      one message handed to the packet manager
+//   private/NestedReactor.h     making and unhooking the reactors of a machine
+//   private/JoinPruneTrace.h    how the machines trace
+//   private/RecordAccess.h      what the status and the record show to the message machine
 //
 // How they hang together: the agent makes the inputs (interfaces and neighbors in a Status, a
 // JoinPruneStatus, two records, a receive channel, a packet manager, a timer wheel) and hands them to
@@ -215,26 +216,27 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   // --- Attributes fixed at construction ----------------------------------------------------------
 
   /// What is to be sent.
-  Vel::Ptr<JoinPruneStatus> const& joinPruneStatus() const { return joinPruneStatus_; }
+  VEL_FIXED(Vel::Ptr<JoinPruneStatus>, joinPruneStatus);
   /// The policy on received entries.
-  Vel::Ptr<JoinPruneFilter const> const& joinPruneFilter() const { return joinPruneFilter_; }
+  VEL_FIXED(Vel::Ptr<JoinPruneFilter const>, joinPruneFilter);
   /// The RP hash, against which received (*,G) joins are checked.
-  Vel::Ptr<RpHashComputeStatus> const& rpHashComputeStatus() const { return rpHashComputeStatus_; }
+  VEL_FIXED(Vel::Ptr<RpHashComputeStatus>, rpHashComputeStatus);
   /// The record of the latest received join.
-  Vel::Ptr<JoinPruneMessageInfo> const& rxJoin() const { return rxJoin_; }
+  VEL_FIXED(Vel::Ptr<JoinPruneMessageInfo>, rxJoin);
   /// The record of the latest received prune.
-  Vel::Ptr<JoinPruneMessageInfo> const& rxPrune() const { return rxPrune_; }
+  VEL_FIXED(Vel::Ptr<JoinPruneMessageInfo>, rxPrune);
 
   // Reactors on the other constructor arguments; null where the argument was.
   /// On the interfaces and neighbors.
-  Vel::Ptr<VelPimStatus> const& pimStatus() const { return pimStatus_; }
+  VEL_FIXED(Vel::Ptr<VelPimStatus>, pimStatus);
   /// On the receive channel.
-  Vel::Ptr<VelRxMessageInfo> const& rxMessageInfo() const { return rxMessageInfo_; }
+  VEL_FIXED(Vel::Ptr<VelRxMessageInfo>, rxMessageInfo);
   /// On the packet manager.
-  Vel::Ptr<VelPimPamManager> const& pimPamManager() const { return pimPamManager_; }
+  VEL_FIXED(Vel::Ptr<VelPimPamManager>, pimPamManager);
   /// On the timer wheel.
-  Vel::Ptr<VelTimerWheel> const& timerWheel() const { return timerWheel_; }
+  VEL_FIXED(Vel::Ptr<VelTimerWheel>, timerWheel);
 
+ public:
   // --- Attributes that change --------------------------------------------------------------------
 
   /// The one outgoing message, shared by all neighbor machines.
@@ -248,8 +250,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
 
   /// Whether the neighbor machines check their route counts against their data. Meant for hunting a caller
   /// that breaks the rules: a wrong count stops the process, and each check walks all groups.
-  VEL_VALUE(bool, diagUpJoinCount, DiagUpJoinCount)
-  = false;
+  VEL_VALUE(bool, diagUpJoinCount, DiagUpJoinCount, false);
 
   /// The neighbor machines, by target address.
   VEL_ENTITIES_READ(Dova::IpGenAddr, JoinPruneNeighborSm, joinPruneNeighborSm, JoinPruneNeighborSm);
@@ -258,8 +259,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   VEL_ENTITIES_READ(Dova::IntfId, VelPimIntf, pimIntf, PimIntf);
 
   /// True once `handleInitialized()` has run.
-  VEL_VALUE(bool, initialized, Initialized)
-  = false;
+  VEL_VALUE(bool, initialized, Initialized, false);
 
  public:
   /// Finds the machine of a target, or makes it. One that is there with other parameters throws the range
@@ -380,15 +380,6 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   void startTarget(Target const& target, Dova::IpGenAddr const& address,
                    Vel::Ptr<Neighbor const> const& neighbor, Vel::Ptr<Intf const> const& intf);
 
-  Vel::Ptr<JoinPruneStatus> const joinPruneStatus_;
-  Vel::Ptr<JoinPruneFilter const> const joinPruneFilter_;
-  Vel::Ptr<RpHashComputeStatus> const rpHashComputeStatus_;
-  Vel::Ptr<JoinPruneMessageInfo> const rxJoin_;
-  Vel::Ptr<JoinPruneMessageInfo> const rxPrune_;
-  Vel::Ptr<VelPimStatus> pimStatus_;
-  Vel::Ptr<VelRxMessageInfo> rxMessageInfo_;
-  Vel::Ptr<VelPimPamManager> pimPamManager_;
-  Vel::Ptr<VelTimerWheel> timerWheel_;
   Vel::Ptr<VelCatchUpTimer> catchUpTimer_;
   Vel::Ptr<Packet::JoinPruneMessage> txMessage_;
   bool behind_ = false;  // a target was not made or not removed for want of memory; see catchUp()

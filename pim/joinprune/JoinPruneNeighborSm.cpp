@@ -4,12 +4,12 @@
 #include <cstdlib>
 
 #include "pim/joinprune/JoinPruneMessageSm.h"
-#include "pim/joinprune/JoinPruneTrace.h"
-#include "pim/joinprune/NestedReactor.h"
-#include "pim/joinprune/TransmitStep.h"
+#include "pim/joinprune/private/JoinPruneTrace.h"
+#include "pim/joinprune/private/NestedReactor.h"
+#include "pim/joinprune/private/TransmitStep.h"
 #include "pim/model/packet/GroupEntries.h"
-#include "pim/model/packet/GroupWalk.h"
-#include "runtime/vel/Assert.h"
+#include "pim/model/packet/private/GroupWalk.h"
+#include "runtime/vel/private/Assert.h"
 
 namespace Routing::Pim {
 
@@ -729,7 +729,8 @@ template <class Channel>
 GroupData const* JoinPruneNeighborSm::groupOf(Dova::IpGenAddr const& group) const {
   auto const& reactor = Channel::group(*this);
   Packet::JoinPruneData const* const groups = reactor ? reactor->velData() : nullptr;
-  return groups && groups->joinPruneGroupDataCount() != 0 ? groups->velGroup(group) : nullptr;
+  if (!groups || groups->joinPruneGroupDataCount() == 0) return nullptr;
+  return EngineAccess<Packet::JoinPruneData>::group(*groups, group);
 }
 
 template <class Channel>
@@ -846,7 +847,7 @@ void JoinPruneNeighborSm::retireUnfollowedGroups() {
   Vel::Ptr<Packet::JoinPruneData> const groups = data<Channel>();
   if (!groups) return;
   for (auto i = groups->joinPruneGroupDataIterator(); i && !retired(); ++i)
-    if (i->empty() && i->velWasFilled() && !Channel::groupData(*this).find(i.key()))
+    if (i->empty() && EngineAccess<GroupData>::wasFilled(*i) && !Channel::groupData(*this).find(i.key()))
       groups->joinPruneGroupDataDel(i.key());
 }
 
@@ -857,7 +858,8 @@ void JoinPruneNeighborSm::retireUnfollowedGroups() {
 void JoinPruneNeighborSm::countRoutesAtStart(Packet::JoinPruneData const& periodic) {
   Vel::MemoryHold const memory(this);
   for (auto i = periodic.joinPruneGroupDataIterator(); i && !retired(); ++i) {
-    bool const paceIsSet = !joinPrunePeriodicTimerSm_ || joinPrunePeriodicTimerSm_->velPaceIsSet();
+    auto const& timerSm = joinPrunePeriodicTimerSm_;
+    bool const paceIsSet = !timerSm || EngineAccess<PeriodicTimerSm>::paceIsSet(*timerSm);
     if (paceIsSet && !velWatched() && joinPruneIsQuiet()) return;
     numPeriodicRoutesInc(i->routes());
   }
@@ -869,7 +871,7 @@ void JoinPruneNeighborSm::countRoutes() {
   Vel::Ptr<Packet::JoinPruneData> const periodic = data<Periodic>();
   if (!periodic || retired()) return;
   U32 sum = 0;
-  auto const& groups = periodic->velGroups();
+  auto const& groups = EngineAccess<Packet::JoinPruneData>::groups(*periodic);
   auto const& reactors = periodicGroupData_.table();
   // Both are in one order, so they are walked side by side.
   auto reactor = reactors.first();

@@ -306,11 +306,11 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
 
   /// Longest time that one expiry may spend sending, in seconds. The periodic machine keeps the value that it
   /// was made with.
-  VEL_SECONDS(loopQuantum, LoopQuantum) = 0.1;
+  VEL_SECONDS(loopQuantum, LoopQuantum, 0.1);
 
   /// Delay from the first triggered change to its message, in seconds; takes effect when the timer is armed
   /// next.
-  VEL_SECONDS(triggeredInterval, TriggeredInterval) = 0.1;
+  VEL_SECONDS(triggeredInterval, TriggeredInterval, 0.1);
 
   /// The reactors of the groups, by group address.
   VEL_ENTITIES_READ(Dova::IpGenAddr, VelTriggeredGroupData, triggeredGroupData, TriggeredGroupData);
@@ -318,8 +318,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   VEL_ENTITIES_READ(Dova::IpGenAddr, VelPeriodicGroupData, periodicGroupData, PeriodicGroupData);
 
   /// True once `handleInitialized()` has run. While false, expiries do nothing.
-  VEL_VALUE(bool, initialized, Initialized)
-  = false;
+  VEL_VALUE(bool, initialized, Initialized, false);
 
  public:
   /// How many entries the periodic data has, as counted source by source, modulo 2^32.

@@ -1,9 +1,9 @@
 #include "pim/joinprune/JoinPrunePeriodicTimerSm.h"
 
 #include "pim/joinprune/JoinPruneNeighborSm.h"
-#include "pim/joinprune/JoinPruneTrace.h"
-#include "pim/joinprune/TransmitStep.h"
-#include "runtime/vel/Assert.h"
+#include "pim/joinprune/private/JoinPruneTrace.h"
+#include "pim/joinprune/private/TransmitStep.h"
+#include "runtime/vel/private/Assert.h"
 
 namespace Routing::Pim {
 
@@ -29,12 +29,12 @@ JoinPrunePeriodicTimerSm::JoinPrunePeriodicTimerSm(Vel::Ptr<Zanth::TimerWheel> c
                                                    Vel::Ptr<IO::PamManager> const& pimPamManager,
                                                    Vel::Ptr<Packet::JoinPruneMessage> const& txMessage)
     : PeriodicTimerSm(timerWheel),
-      parentSm_(parentSm),
       loopQuantum_(loopQuantum),
       periodicGroup_(periodicGroup),
       intf_(intf),
       pimPamManager_(pimPamManager),
-      txMessage_(txMessage) {}
+      txMessage_(txMessage),
+      parentSm_(parentSm) {}
 
 Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSmFactory(
     Vel::Ptr<Zanth::TimerWheel> const& timerWheel, JoinPruneNeighborSm* parentSm, Seconds const& loopQuantum,
@@ -54,9 +54,9 @@ void JoinPrunePeriodicTimerSm::handleInitialized() {
 U32 JoinPrunePeriodicTimerSm::interval() const {
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
-  JOIN_PRUNE_TRACE(8, subject(this), "()");
+  JOIN_PRUNE_TRACE(Level::entry, subject(this), "()");
   if (!intf_) {
-    JOIN_PRUNE_TRACE(1, subject(this), " null intf ");
+    JOIN_PRUNE_TRACE(Level::error, subject(this), " null intf ");
     VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
   }
   U32 const interval = intf_->joinPruneInterval();
@@ -70,9 +70,9 @@ U32 JoinPrunePeriodicTimerSm::numberOfMessages() const {
   Vel::MemoryHold const memory(this);
   JoinPruneNeighborSm const* const parent = parentSm_;
   Vel::MemoryHold const parentMemory(parent);
-  JOIN_PRUNE_TRACE(8, subject(this), "()");
+  JOIN_PRUNE_TRACE(Level::entry, subject(this), "()");
   if (!parent) {
-    JOIN_PRUNE_TRACE(1, subject(this), "null parentSm ");
+    JOIN_PRUNE_TRACE(Level::error, subject(this), "null parentSm ");
     VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
   }
   return parent->numPeriodicRoutes();
@@ -81,9 +81,9 @@ U32 JoinPrunePeriodicTimerSm::numberOfMessages() const {
 U16 JoinPrunePeriodicTimerSm::holdTime() const {
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
-  JOIN_PRUNE_TRACE(8, subject(this), "()");
+  JOIN_PRUNE_TRACE(Level::entry, subject(this), "()");
   if (!intf_) {
-    JOIN_PRUNE_TRACE(1, subject(this), " null intf ");
+    JOIN_PRUNE_TRACE(Level::error, subject(this), " null intf ");
     VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
   }
   return intf_->joinPruneHoldTime();
@@ -92,7 +92,7 @@ U16 JoinPrunePeriodicTimerSm::holdTime() const {
 void JoinPrunePeriodicTimerSm::doResetHoldTime() {
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
-  JOIN_PRUNE_TRACE(8, subject(this), "()");
+  JOIN_PRUNE_TRACE(Level::entry, subject(this), "()");
   if (!retired() && intf_ && periodicGroup_) periodicGroup_->holdTimeIs(intf_->joinPruneHoldTime());
 }
 
@@ -102,7 +102,7 @@ void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
   U64 count = 0;
   {
     Sending const sending(*this);
-    JOIN_PRUNE_TRACE(8, subject(this), "()");
+    JOIN_PRUNE_TRACE(Level::entry, subject(this), "()");
     if (!initialized_ || retired()) return;
 
     Vel::Ptr<VelPeriodicTimer> const timer = periodicTimer();
@@ -123,7 +123,7 @@ void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
       bool const suspended = step == 0 || now() >= deadline;
       if (retired()) return;
       if (suspended) {
-        JOIN_PRUNE_TRACE(7, subject(this),
+        JOIN_PRUNE_TRACE(Level::activity, subject(this),
                          "(): Suspending TX after " << count << " groups, " << report.sources << " sources, "
                                                     << report.suppressedSources << " suppressed sources, "
                                                     << report.filteredSources << " filtered sources");
@@ -134,7 +134,7 @@ void JoinPrunePeriodicTimerSm::handlePeriodicTimerExpiry() {
   }
   // Kept: the last step is not counted here, so a first step that meets the deadline ends the slice.
   if (count == 0 || count >= routesLeftInSlice()) {
-    JOIN_PRUNE_TRACE(7, subject(this), "(): Finished TX");
+    JOIN_PRUNE_TRACE(Level::activity, subject(this), "(): Finished TX");
     if (!retired()) doUpdatePeriodicTimer();
   } else {
     doReschedulePeriodicTimer();

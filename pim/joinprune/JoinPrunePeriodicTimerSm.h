@@ -101,16 +101,17 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
   /// The neighbor machine, or null once it has let go of this one.
   JoinPruneNeighborSm* parentSm() const { return parentSm_; }
   /// Longest time that one expiry may spend sending, in seconds.
-  Seconds loopQuantum() const { return loopQuantum_; }
+  VEL_FIXED(Seconds, loopQuantum);
   /// The data that is refreshed.
-  Vel::Ptr<Packet::JoinPruneData> const& periodicGroup() const { return periodicGroup_; }
+  VEL_FIXED(Vel::Ptr<Packet::JoinPruneData>, periodicGroup);
   /// The interface towards the target.
-  Vel::Ptr<Intf const> const& intf() const { return intf_; }
+  VEL_FIXED(Vel::Ptr<Intf const>, intf);
   /// Who sends.
-  Vel::Ptr<IO::PamManager> const& pimPamManager() const { return pimPamManager_; }
+  VEL_FIXED(Vel::Ptr<IO::PamManager>, pimPamManager);
   /// The message that is sent through; it carries the report.
-  Vel::Ptr<Packet::JoinPruneMessage> const& txMessage() const { return txMessage_; }
+  VEL_FIXED(Vel::Ptr<Packet::JoinPruneMessage>, txMessage);
 
+ public:
   Vel::AttributeTable const& attributeTable() const override;
 
  private:
@@ -135,11 +136,6 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
   U32 numberOfMessages_ = 0;
   bool initialized_ = false;
   JoinPruneNeighborSm* parentSm_;
-  Seconds const loopQuantum_;
-  Vel::Ptr<Packet::JoinPruneData> const periodicGroup_;
-  Vel::Ptr<Intf const> const intf_;
-  Vel::Ptr<IO::PamManager> const pimPamManager_;
-  Vel::Ptr<Packet::JoinPruneMessage> const txMessage_;
 };
 
 }  // namespace Routing::Pim

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "pim/joinprune/JoinPruneMessageInfo.h"
+#include "pim/model/detail/EngineAccess.h"
 #include "pim/model/packet/JoinPruneStatus.h"
 
 namespace Routing::Pim {
@@ -92,20 +93,15 @@ class VEL_API JoinPruneStatus final : public Vel::Entity {
   void rxPruneDelAll();
   void rxPruneDelAll() const { Vel::throwConstInstance(); }
 
-  /// The message machine that was started on this last and has not gone since. The data sets are its own: an
-  /// earlier one, which an agent may still hold or which is just going, removes none of them.
-  void const* velMachine() const { return velMachine_; }
-  /// For the message machine alone.
-  void velMachineIs(void const* machine) { velMachine_ = machine; }
-  void velMachineIs(void const*) const { Vel::throwConstInstance(); }
-
   Vel::AttributeTable const& attributeTable() const override;
 
  protected:
   void doTeardown() override;
 
  private:
-  void const* velMachine_ = nullptr;
+  friend struct EngineAccess<JoinPruneStatus>;
+
+  void const* machine_ = nullptr;
   Vel::EntityMap<RouteIntfKey, VelRxPrune> rxPrune_;
 };
 

@@ -44,15 +44,13 @@ class VEL_API Intf final : public Vel::Entity {
 
   /// J/P_HoldTime, in seconds (RFC 7761, 4.11: 3.5 times the interval). It goes into messages when their
   /// timer is armed.
-  VEL_VALUE(U16, joinPruneHoldTime, JoinPruneHoldTime)
-  = 210;
+  VEL_VALUE(U16, joinPruneHoldTime, JoinPruneHoldTime, 210);
 
   /// t_periodic, in seconds (RFC 7761, 4.11). Must not be 0 once there is something to refresh.
-  VEL_VALUE(U32, joinPruneInterval, JoinPruneInterval)
-  = 60;
+  VEL_VALUE(U32, joinPruneInterval, JoinPruneInterval, 60);
 
   /// The upper bound of t_override, in seconds (RFC 7761, 4.11). Machines read it when they are made.
-  VEL_SECONDS(usedOverrideIntervalInSeconds, UsedOverrideIntervalInSeconds) = 2.5;
+  VEL_SECONDS(usedOverrideIntervalInSeconds, UsedOverrideIntervalInSeconds, 2.5);
 
  public:
   Dova::IntfId const& velKey() const { return intfId_; }

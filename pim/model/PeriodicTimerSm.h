@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "pim/model/RouteKey.h"
+#include "pim/model/detail/EngineAccess.h"
 #include "runtime/vel/Attribute.h"
 #include "runtime/vel/Machine.h"
 #include "runtime/zanth/TimerWheel.h"
@@ -124,9 +125,6 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// moment at which it was armed: then it waits no longer than the interval with which it was armed.
   void doUpdatePeriodicTimer();
 
-  /// True if a change of the route count would do no more than move the parameters, and nobody hears of that.
-  bool velPaceIsSet() const { return (!periodicTimer_ || periodicTimer_->armed()) && !velWatched(); }
-
   /// Goes on with the slice 0.1 s from now.
   void doReschedulePeriodicTimer();
 
@@ -164,6 +162,8 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   void routesDoneInc(U64 n) { done_ += n; }
 
  private:
+  friend struct EngineAccess<PeriodicTimerSm>;
+
   static constexpr U64 wholeSlice = ~U64{0};
 
   void handleTimer();

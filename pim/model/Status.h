@@ -16,12 +16,17 @@
 //   packet/JoinPruneGroupData.h  one group's joined and pruned sources
 //   packet/JoinPruneStatus.h     the periodic data sets of all upstream neighbors
 //   packet/SourceFlags.h         the flags S, W and R of a source
-//   packet/GroupWalk.h           a fast walk over very many groups
 //
 // Where the agent's packet layer and the engine meet:
 //
 //   io/MessageInfo.h             one message after another: the receive channel, the transmit record
 //   io/PamManager.h              the packet manager, which has the transmit record
+//
+// and what no program includes: in detail/ what these headers need, in private/ what is not installed.
+//
+//   detail/EngineAccess.h        the way of the engine to what a class keeps for it
+//   private/ModelAccess.h        what the model keeps for the engine and the packet manager
+//   packet/private/GroupWalk.h   a fast walk over very many groups
 #pragma once
 
 #include "pim/model/Neighbor.h"

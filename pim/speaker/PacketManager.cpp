@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "pim/model/packet/GroupEntries.h"
-#include "pim/model/packet/GroupWalk.h"
+#include "pim/model/packet/private/GroupWalk.h"
 #include "runtime/vel/Trace.h"
 
 namespace Routing::Pim::Speaker {
@@ -17,6 +17,7 @@ namespace {
 
 using Data = Packet::JoinPruneData;
 using GroupData = Packet::JoinPruneGroupData;
+using GroupTable = EngineAccess<Data>::GroupTable;
 using MessageReport = Packet::JoinPruneMessage::Report;
 
 Vel::TraceHandle& agentTrace() {
@@ -24,7 +25,7 @@ Vel::TraceHandle& agentTrace() {
   return handle;
 }
 
-#define AGENT_TRACE(pieces) VEL_TRACE(agentTrace(), 2, "PacketManager", __func__, pieces)
+#define AGENT_TRACE(pieces) VEL_TRACE(agentTrace(), Vel::TraceLevel::event, "PacketManager", __func__, pieces)
 
 constexpr std::size_t ipv4HeaderSize = 20, ipv6HeaderSize = 40;
 constexpr std::size_t maxPayload = 65535 - ipv4HeaderSize;
@@ -85,7 +86,7 @@ class Composer {
       // From here on a walk over the front would be another round, except if this one has been over nothing.
       if (report_.sources != 0 || report_.skipped() != 0) return;
     }
-    addGroups(data_->velGroups().first());
+    addGroups(groups().first());
   }
 
   Wire::JoinPrune const& message() const { return message_; }
@@ -114,11 +115,13 @@ class Composer {
     std::vector<std::pair<EntryKind, IpGenAddr>> sources;
   };
 
+  GroupTable const& groups() const { return EngineAccess<Data>::groups(*data_); }
+
   // These say whether the message goes on. If it does not, resume_ is set.
 
   // From a place in the table on.
-  bool addGroups(Data::GroupTable::Place place) {
-    Data::GroupTable const& groups = data_->velGroups();
+  bool addGroups(GroupTable::Place place) {
+    GroupTable const& groups = this->groups();
     Packet::GroupWalk walk(*data_, place);
     while (walk) {
       if (addPlainGroup(*walk)) {
@@ -137,13 +140,13 @@ class Composer {
     return true;
   }
 
-  Data::GroupTable::Place behind(IpGenAddr const& group) const { return data_->velGroups().after(group); }
+  GroupTable::Place behind(IpGenAddr const& group) const { return groups().after(group); }
 
   // The bulk of a refresh: a group of (S,G) joins that all go, where nobody has a say in it. Nothing is
   // called, so nothing needs to be held. What is in any way special is left to addGroup().
   bool addPlainGroup(GroupData const& group) {
     if (!isPlain_ || passedOver_ >= PacketManager::maxPassedOver) return false;
-    auto const* const joins = group.velJoinsAlone();
+    auto const* const joins = EngineAccess<GroupData>::joinsAlone(group);
     if (!joins) return false;
     std::size_t const size = groupSize_ + joins->size() * sourceSize_;
     if (used_ + size > setting_.room || !message_.joinsAdd(group.group(), *joins)) return false;

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "pim/wire/Cursor.h"
-#include "pim/wire/Text.h"
+#include "pim/wire/private/Cursor.h"
+#include "pim/wire/private/Text.h"
 #include "runtime/vel/Exception.h"
 
 namespace Routing::Pim::Wire {

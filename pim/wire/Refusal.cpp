@@ -2,7 +2,7 @@
 
 #include <ostream>
 
-#include "pim/wire/Text.h"
+#include "pim/wire/private/Text.h"
 
 namespace Routing::Pim::Wire {
 

@@ -19,8 +19,8 @@
 #include <string_view>
 
 #include "runtime/vel/Export.h"
-#include "runtime/vel/HashTable.h"
 #include "runtime/vel/Types.h"
+#include "runtime/vel/detail/HashTable.h"
 
 namespace Dova {
 

@@ -31,7 +31,6 @@
 //   Scrivo.h             what code that traces includes
 //   Kinds.h              kinds of events and arguments
 //   CycleCounter.h       the time stamp of a record
-//   Format.h             the layout of the file, and why a kill at any instruction leaves it readable
 //   OutputFile.h         a file that gets its name when it is complete
 //   private/FileError.h  the text of a refusal of a file
 //   TraceFile.h          the open file and the writing of records
@@ -39,6 +38,10 @@
 //   CallSite.h           SCRIVO_MESSAGE
 //   BlockTimer.h         SCRIVO_BLOCK_TIMER
 //   TraceReader.h        from the file back to events; code that only traces does not need it
+//
+// and what these headers need and no program includes:
+//
+//   detail/Format.h      the layout of the file, and why a kill at any instruction leaves it readable
 //
 // Scrivo is for one thread, like the engine it serves: nothing here locks. Readers may be other processes.
 #pragma once

@@ -27,8 +27,8 @@
 #include <string_view>
 
 #include "runtime/dova/IpGenAddr.h"
-#include "runtime/scrivo/Format.h"
 #include "runtime/scrivo/Kinds.h"
+#include "runtime/scrivo/detail/Format.h"
 #include "runtime/vel/Export.h"
 
 namespace Scrivo {

@@ -17,7 +17,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "runtime/scrivo/Format.h"
+#include "runtime/scrivo/detail/Format.h"
 #include "runtime/vel/Exception.h"
 
 namespace Scrivo {

@@ -19,9 +19,10 @@
 #include <vector>
 
 #include "runtime/vel/Entity.h"
-#include "runtime/vel/HashTable.h"
 #include "runtime/vel/OrderedSet.h"
 #include "runtime/vel/Text.h"
+#include "runtime/vel/detail/HashTable.h"
+#include "runtime/vel/detail/SetAccess.h"
 
 namespace Vel {
 
@@ -289,12 +290,13 @@ class HashSet {
   }
   /// How many keys there are.
   U32 size() const { return table_.size(); }
-  /// True once a key was inserted, whatever was removed since.
-  bool velWasFilled() const { return table_.epoch() != 0; }
-  /// Asks for the memory of the first keys, before a walk.
-  void velPrefetch() const { table_.prefetch(); }
 
  private:
+  friend struct Detail::SetAccess;
+
+  bool wasFilled() const { return table_.epoch() != 0; }
+  void prefetch() const { table_.prefetch(); }
+
   Table table_;
 };
 

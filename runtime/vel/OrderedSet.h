@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "runtime/vel/Types.h"
+#include "runtime/vel/detail/SetAccess.h"
 
 namespace Vel {
 
@@ -132,10 +133,12 @@ class OrderedSet {
 
   /// How many keys there are.
   U32 size() const { return size_; }
-  /// True once a key was inserted, whatever was removed since.
-  bool velWasFilled() const { return epoch_ != 0; }
 
  private:
+  friend struct Detail::SetAccess;
+
+  bool wasFilled() const { return epoch_ != 0; }
+
   static constexpr std::size_t most = 64;  // in a leaf
 
   // How many keys from the front on fulfil a condition that those behind do not. Which way it goes cannot be

@@ -117,11 +117,12 @@ void Reactor::onNotification() {}
 void Reactor::onCollectionNotification(std::string_view) { onNotification(); }
 
 void Reactor::onNotificationException() {
-  VEL_TRACE(frameTrace(), 1, "Vel", __func__, name() << ": " << currentError());
+  VEL_TRACE(frameTrace(), TraceLevel::error, "Vel", __func__, name() << ": " << currentError());
 }
 
 void Reactor::onNotificationException(AttributeId id) {
-  VEL_TRACE(frameTrace(), 1, "Vel", __func__, name() << ", attribute " << id << ": " << currentError());
+  VEL_TRACE(frameTrace(), TraceLevel::error, "Vel", __func__,
+            name() << ", attribute " << id << ": " << currentError());
 }
 
 void Reactor::handleNotificationException(AttributeId id) noexcept {

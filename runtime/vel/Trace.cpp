@@ -24,7 +24,7 @@ struct TraceRegistry {
     if (found != handles.end()) return *found->second;
     std::unique_ptr<TraceHandle> handle(new TraceHandle(name));
     if (coverage) handle->levels_ |= TraceHandle::coverageBit;
-    if (name == "Vel") handle->levels_ |= 1u << 1;
+    if (name == "Vel") handle->levels_ |= 1u << TraceLevel::error;
     return *handles.emplace(name, std::move(handle)).first->second;
   }
 };
@@ -32,8 +32,9 @@ struct TraceRegistry {
 TraceHandle& TraceHandle::find(std::string_view name) { return TraceRegistry::instance().find(name); }
 
 void TraceHandle::levelIs(U32 level, bool on) {
-  if (level > maxLevel)
-    throw InvalidArgumentException("trace level " + std::to_string(level) + " exceeds 30");
+  if (level > TraceLevel::most)
+    throw InvalidArgumentException("trace level " + std::to_string(level) + " exceeds " +
+                                   std::to_string(TraceLevel::most));
   levels_ = on ? levels_ | 1u << level : levels_ & ~(1u << level);
 }
 

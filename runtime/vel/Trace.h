@@ -5,7 +5,7 @@
 //   Vel::TraceHandle::find("Pim::JoinPrune").levelIs(7, true);
 //   Vel::traceSinkIs([](Vel::TraceLine const& line) { syslog(LOG_DEBUG, "%s", line.text.c_str()); });
 //
-// Levels by custom: 8 entry of a handler, 7 activity per entry, 4 detail, 2 events, 1 errors. A line that is
+// Levels by custom are those of TraceLevel. A line that is
 // off costs the test of a flag: nothing is formatted. The exception is the coverage stream, which is for
 // exercising every formatting path in a test: while one is set, lines that are off are formatted too and go
 // there alone.
@@ -21,6 +21,16 @@
 
 namespace Vel {
 
+/// The levels by custom. A handle has those from 0 to `most`.
+namespace TraceLevel {
+inline constexpr U32 error = 1;     ///< What went wrong.
+inline constexpr U32 event = 2;     ///< What changed for the program: a neighbor came, a message was sent.
+inline constexpr U32 detail = 4;    ///< How an event was dealt with.
+inline constexpr U32 activity = 7;  ///< What is done with each entry.
+inline constexpr U32 entry = 8;     ///< That a handler was entered.
+inline constexpr U32 most = 30;
+}  // namespace TraceLevel
+
 /// The switches of one part of the program. One flag test answers for a line that nobody wants.
 class VEL_API TraceHandle {
  public:
@@ -33,21 +43,20 @@ class VEL_API TraceHandle {
   /// Switches one level on or off. REQUIRES: level <= 30; a higher one throws InvalidArgumentException.
   void levelIs(U32 level, bool on);
   /// Whether a level is on.
-  bool level(U32 level) const { return level <= maxLevel && (levels_ >> level & 1) != 0; }
+  bool level(U32 level) const { return level <= TraceLevel::most && (levels_ >> level & 1) != 0; }
   /// All levels off.
   void levelsDel();
 
   /// Whether a line of that level must be formatted at all. A level above 30 is never on.
   bool wanted(U32 level) const {
-    return (levels_ & ((level <= maxLevel ? 1u << level : 0) | coverageBit)) != 0;
+    return (levels_ & ((level <= TraceLevel::most ? 1u << level : 0) | coverageBit)) != 0;
   }
 
  private:
   friend void coverageStreamIs(std::ostream* stream);
   friend struct TraceRegistry;
 
-  static constexpr U32 maxLevel = 30;
-  static constexpr U32 coverageBit = 1u << 31;
+  static constexpr U32 coverageBit = 1u << (TraceLevel::most + 1);
 
   explicit TraceHandle(std::string_view name) : name_(name) {}
 

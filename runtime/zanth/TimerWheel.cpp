@@ -287,10 +287,7 @@ void TimerWheel::expire() {
   if (expiring_) return;
   Vel::MemoryHold const memory(this);  // the clock is somebody's code, too
   Seconds const at = now();
-  if (at >= earliest_) callDue(at);
-}
-
-void TimerWheel::callDue(Seconds at) {
+  if (at < earliest_) return;
   expiring_ = true;
   collectDue(at);
   while (!isEmpty(due_)) {

@@ -164,7 +164,6 @@ class VEL_API TimerWheel : public Vel::Entity {
   void makeRoom() const;
   void release(Vel::U8& fan) const;
   void collectDue(Seconds now);
-  void callDue(Seconds now);
 
   Clock clock_;
   U32 armedCount_ = 0;

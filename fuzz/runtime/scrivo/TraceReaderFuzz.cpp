@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "fuzz/Fuzz.h"
-#include "runtime/scrivo/Format.h"
+#include "runtime/scrivo/detail/Format.h"
 #include "runtime/vel/Exception.h"
 
 namespace {

@@ -26,7 +26,7 @@ class VEL_API MessageInfo final : public Vel::Entity {
   VEL_VALUE(Dova::IntfId, intfId, IntfId);
 
   /// How many messages there have been, modulo 2^32.
-  VEL_COUNTER(count, Count) = 0;
+  VEL_COUNTER(count, Count);
 
  public:
   Vel::AttributeTable const& attributeTable() const override;

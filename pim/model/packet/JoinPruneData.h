@@ -32,29 +32,23 @@ class VEL_API JoinPruneData final : public Vel::Entity {
   VEL_FIXED(Dova::IpGenAddr, upstreamNeighbor);
 
   /// The hold time that the message carries, in seconds.
-  VEL_VALUE(U16, holdTime, HoldTime)
-  = 0;
+  VEL_VALUE(U16, holdTime, HoldTime, 0);
 
   /// True for data that is refreshed again and again instead of being sent once.
-  VEL_VALUE(bool, periodic, Periodic)
-  = false;
+  VEL_VALUE(bool, periodic, Periodic, false);
 
   /// The groups, by address. Add a group empty and then its sources; remove the sources, not a filled group.
   VEL_ENTITIES(Dova::IpGenAddr, JoinPruneGroupData, joinPruneGroupData, JoinPruneGroupData);
 
  public:
-  /// The groups' own table, for a walk that calls nothing; see GroupWalk.h.
-  using GroupTable = Vel::EntityMap<Dova::IpGenAddr, JoinPruneGroupData>::Table;
-  /// That table, as long as this object lives.
-  GroupTable const& velGroups() const { return joinPruneGroupData_.table(); }
-  /// A group, or null; not held.
-  JoinPruneGroupData* velGroup(Dova::IpGenAddr const& group) const { return joinPruneGroupData_.find(group); }
-
   Dova::IpGenAddr const& velKey() const { return upstreamNeighbor_; }
   Vel::AttributeTable const& attributeTable() const override;
 
  protected:
   void doTeardown() override;
+
+ private:
+  friend struct EngineAccess<JoinPruneData>;
 };
 
 }  // namespace Routing::Pim::Packet

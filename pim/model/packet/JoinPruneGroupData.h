@@ -2,6 +2,7 @@
 #pragma once
 
 #include "pim/model/RouteKey.h"
+#include "pim/model/detail/EngineAccess.h"
 #include "runtime/vel/Attribute.h"
 
 namespace Routing::Pim::Packet {
@@ -95,25 +96,19 @@ class VEL_API JoinPruneGroupData final : public Vel::Entity {
   /// True if there is no entry of any kind; O(1).
   bool empty() const { return routes() == 0; }
 
-  /// The (S,G) joins of a group that has them and nothing else, as most groups do; null for any other group.
-  /// They are not to be changed while one looks at them.
-  Vel::HashSet<Dova::IpGenAddr> const* velJoinsAlone() const {
-    U32 const others = prunedSourceCount() + joinedRptSourceCount() + prunedRptSourceCount();
-    return joinedSource_.size() != 0 && others == 0 && !wcSourceData_ ? &joinedSource_ : nullptr;
-  }
-
-  /// True once there was an entry of any kind, whatever was removed since.
-  bool velWasFilled() const {
-    return joinedSource_.velWasFilled() || prunedSource_.velWasFilled() || joinedRptSource_.velWasFilled() ||
-           prunedRptSource_.velWasFilled() || hadWcSourceData_;
-  }
-
   Dova::IpGenAddr const& velKey() const { return group_; }
-  /// For walks over many groups: most have one kind of source.
-  void velPrefetch() const { (joinedSource_.size() != 0 ? joinedSource_ : prunedSource_).velPrefetch(); }
   Vel::AttributeTable const& attributeTable() const override;
 
  private:
+  friend struct EngineAccess<JoinPruneGroupData>;
+  template <class Key, class Element, class View>
+  friend class Vel::EntityIterator;
+
+  // For walks over many groups: most have one kind of source.
+  void velPrefetch() const {
+    Vel::Detail::SetAccess::prefetch(joinedSource_.size() != 0 ? joinedSource_ : prunedSource_);
+  }
+
   Vel::Ptr<WcSourceData> wcSourceData_;
   bool hadWcSourceData_ = false;
 };

@@ -1,4 +1,5 @@
 // What could not be followed while memory was short is followed afterwards, without a notification.
+#include "pim/model/private/ModelAccess.h"
 #include "tests/pim/joinprune/FailingHeap.h"
 #include "tests/pim/joinprune/World.h"
 
@@ -661,7 +662,9 @@ TEST_F(AfterFamineTest, AMachineThatWasKeptForAPeriodicGroupAsksItsOwnerWhenItHa
         whateverHappens([&] { followed->joinedSourceDel(addr("10.9.0.1")); });
         failed = failure.happened();
       }
-      if (auto const other = data->joinPruneGroupData(addr("239.1.1.2")); other && !other->velWasFilled())
+      using GroupAccess = EngineAccess<Packet::JoinPruneGroupData>;
+      if (auto const other = data->joinPruneGroupData(addr("239.1.1.2"));
+          other && !GroupAccess::wasFilled(*other))
         data->joinPruneGroupDataDel(addr("239.1.1.2"));  // added, never filled: the agent's to remove
       w.runUntil(w.time + 10);
       EXPECT_FALSE(w.sm("10.0.0.2"));

@@ -14,7 +14,7 @@ class CountingManager final : public IO::PamManager {
   };
   using Notifiee = Vel::WritableReactor<NotifieeConst, CountingManager>;
 
-  VEL_COUNTER(bytes, Bytes) = 0;
+  VEL_COUNTER(bytes, Bytes);
 };
 
 class DerivedManagerTest : public testing::Test, protected World {};

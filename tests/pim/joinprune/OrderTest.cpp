@@ -2,6 +2,7 @@
 // the attributes that change, in the order in which others hear of them.
 #include <regex>
 
+#include "pim/joinprune/private/RecordAccess.h"
 #include "tests/pim/joinprune/World.h"
 
 namespace Routing::Pim {
@@ -180,7 +181,8 @@ TEST_F(OrderTest, AMachineIsInitializedOnceEverythingHasBeenTakenUp) {
   auto const tell = trace.hook;
   trace.hook = [&](Vel::TraceLine const& line) {
     tell(line);
-    if (auto const* const made = static_cast<JoinPruneMessageSm const*>(status->velMachine()))
+    void const* const latest = EngineAccess<JoinPruneStatus>::machine(*status);
+    if (auto const* const made = static_cast<JoinPruneMessageSm const*>(latest))
       initialized.push_back(made->initialized());
   };
   start();

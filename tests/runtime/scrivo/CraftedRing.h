@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "runtime/scrivo/Format.h"
+#include "runtime/scrivo/detail/Format.h"
 
 namespace Scrivo::Test {
 

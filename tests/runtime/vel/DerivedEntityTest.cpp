@@ -23,8 +23,7 @@ class OpenLamp : public Entity {
   };
   using Notifiee = WritableReactor<NotifieeConst, OpenLamp>;
 
-  VEL_VALUE(U32, brightness, Brightness)
-  = 100;
+  VEL_VALUE(U32, brightness, Brightness, 100);
   VEL_SET(HashSet<Dova::IpGenAddr>, guest, Guest);
 };
 
@@ -41,8 +40,7 @@ class DimmableLamp final : public OpenLamp {
   };
   using Notifiee = WritableReactor<NotifieeConst, DimmableLamp>;
 
-  VEL_VALUE(bool, dimming, Dimming)
-  = false;
+  VEL_VALUE(bool, dimming, Dimming, false);
   VEL_SET(OrderedSet<Dova::IpGenAddr>, socket, Socket);
 };
 
@@ -55,8 +53,7 @@ class OpenDimmer : public OpenLamp {
     virtual void onDimming() { handleNotification(dimmingId); }
   };
   using Notifiee = WritableReactor<NotifieeConst, OpenDimmer>;
-  VEL_VALUE(bool, dimming, Dimming)
-  = false;
+  VEL_VALUE(bool, dimming, Dimming, false);
 };
 
 class TimedDimmer final : public OpenDimmer {
@@ -67,7 +64,7 @@ class TimedDimmer final : public OpenDimmer {
     virtual void onDelay() { handleNotification(delayId); }
   };
   using Notifiee = WritableReactor<NotifieeConst, TimedDimmer>;
-  VEL_SECONDS(delay, Delay) = 0;
+  VEL_SECONDS(delay, Delay, 0);
 };
 
 template <class Base>

@@ -7,8 +7,8 @@
 #include <csignal>
 #include <functional>
 
-#include "runtime/vel/Assert.h"
 #include "runtime/vel/Types.h"
+#include "runtime/vel/private/Assert.h"
 
 namespace Vel {
 

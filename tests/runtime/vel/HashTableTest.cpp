@@ -1,5 +1,5 @@
 // The containers behind the collections, against the standard ones.
-#include "runtime/vel/HashTable.h"
+#include "runtime/vel/detail/HashTable.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -81,13 +81,10 @@ class Lamp final : public Entity {
   explicit Lamp(U32 serial = 0) : serial_(serial) { ++alive; }
   static inline int alive = 0;
 
-  VEL_VALUE(U32, brightness, Brightness)
-  = 100;
-  VEL_VALUE(Seconds, warmth, Warmth)
-  = 0.5;
-  VEL_VALUE(bool, dimmed, Dimmed)
-  = false;
-  VEL_COUNTER(flashes, Flashes) = 0;
+  VEL_VALUE(U32, brightness, Brightness, 100);
+  VEL_VALUE(Seconds, warmth, Warmth, 0.5);
+  VEL_VALUE(bool, dimmed, Dimmed, false);
+  VEL_COUNTER(flashes, Flashes);
   VEL_POINTER(Bulb, spare, Spare);
 
   // Made from their key, or put.

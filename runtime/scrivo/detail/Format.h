@@ -1,4 +1,4 @@
-// The layout of a trace file, shared by writer and reader and by nobody else.
+// The layout of a trace file, shared by writer and reader alone. Not part of the library's interface.
 //
 //     offset 0     FileHeader, in a page of its own
 //     offset 4096  descriptors, one after the other, each DescriptorHeader + source + pieces

@@ -1,4 +1,4 @@
-// The table behind all hashed collections.
+// The table behind all hashed collections. Not part of the library's interface.
 //
 // An array in one order: ascending bit-reversed hash, then key. Up to 8 entries lie side by side. A larger
 // table is addressed openly: the home of an entry is where its reversed hash falls if all of them are spread

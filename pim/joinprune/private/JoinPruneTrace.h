@@ -9,16 +9,19 @@ namespace Routing::Pim {
 /// The name that traces, ring messages and assertions give as their source.
 #define JOIN_PRUNE_SOURCE "JoinPruneSm"
 
+namespace Level = Vel::TraceLevel;
+
 /// The library's trace handle.
 inline Vel::TraceHandle& joinPruneTrace() {
   static Vel::TraceHandle& handle = Vel::TraceHandle::find("Pim::JoinPrune");
   return handle;
 }
 
-/// True if no handler writes anything but events and errors: no line of level 7 or 8, and no block timer.
+/// True if no handler writes anything but events and errors: no line of activity or entry, and no block timer.
 /// What such a line could call is then not called.
 inline bool joinPruneIsQuiet() {
-  return !joinPruneTrace().wanted(7) && !joinPruneTrace().wanted(8) && !Scrivo::TraceFile::current();
+  return !joinPruneTrace().wanted(Level::activity) && !joinPruneTrace().wanted(Level::entry) &&
+         !Scrivo::TraceFile::current();
 }
 
 /// A trace line: the subject's form, the function's name and the pieces, without separators.

@@ -1,4 +1,5 @@
-// Assertions that hold in every build type: an invariant that is broken must not forward packets.
+// Assertions that hold in every build type: an invariant that is broken must not forward packets. Not part of
+// the library's interface.
 #pragma once
 
 // As <assert.h> declares it, which does so only without NDEBUG; hence no [[noreturn]], which must come first.

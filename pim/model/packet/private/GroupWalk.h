@@ -1,7 +1,7 @@
-// A walk over very many groups.
+// A walk over very many groups. Not part of the library's interface.
 #pragma once
 
-#include "pim/model/packet/JoinPruneData.h"
+#include "pim/model/private/ModelAccess.h"
 
 namespace Routing::Pim::Packet {
 
@@ -15,13 +15,17 @@ namespace Routing::Pim::Packet {
 /// little of many groups at once, which it waits for together, before the loop comes to the first of them.
 class GroupWalk {
  public:
+  /// The groups' own table.
+  using GroupTable = EngineAccess<JoinPruneData>::GroupTable;
+
   /// From a place in the table on.
-  GroupWalk(JoinPruneData const& data, JoinPruneData::GroupTable::Place place)
-      : groups_(&data.velGroups()), place_(place) {
+  GroupWalk(JoinPruneData const& data, GroupTable::Place place)
+      : groups_(&EngineAccess<JoinPruneData>::groups(data)), place_(place) {
     arrive();
   }
   /// From the first group on.
-  explicit GroupWalk(JoinPruneData const& data) : GroupWalk(data, data.velGroups().first()) {}
+  explicit GroupWalk(JoinPruneData const& data)
+      : GroupWalk(data, EngineAccess<JoinPruneData>::groups(data).first()) {}
 
   /// False when the walk is over.
   explicit operator bool() const { return place_.position != groups_->end(); }
@@ -54,15 +58,15 @@ class GroupWalk {
     for (U32 at = first; at < fetched_; ++at) {
       if (!groups_->isUsed(at)) continue;
       Vel::Prefetch::object(all[at]);
-      all[at]->velPrefetch();
+      EngineAccess<JoinPruneGroupData>::prefetch(*all[at]);
     }
   }
 
   // As if the number were needed.
   static void read(U32 number) { asm volatile("" : : "r"(number)); }
 
-  JoinPruneData::GroupTable const* groups_;
-  JoinPruneData::GroupTable::Place place_;
+  GroupTable const* groups_;
+  GroupTable::Place place_;
   U32 fetched_ = 0;
 };
 

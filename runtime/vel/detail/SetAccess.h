@@ -1,0 +1,20 @@
+// What a set of keys keeps for classes that are made of sets. Not part of the library's interface.
+#pragma once
+
+namespace Vel::Detail {
+
+/// The only friend of HashSet and OrderedSet.
+struct SetAccess {
+  /// True once a key was inserted, whatever was removed since.
+  template <class Set>
+  static bool wasFilled(Set const& set) {
+    return set.wasFilled();
+  }
+  /// Asks for the memory of the first keys, before a walk.
+  template <class Set>
+  static void prefetch(Set const& set) {
+    set.prefetch();
+  }
+};
+
+}  // namespace Vel::Detail
