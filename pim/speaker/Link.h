@@ -3,8 +3,8 @@
 //     Link                  what they ask: the neighbors, the effective delays of the LAN, the engine's data sets
 //     LinkObserver          what they are told: neighbors that come, end and restart, received Join/Prunes
 //
-// An interface with IPv4 and IPv6 addresses has two links; each has an engine of its own. All addresses of a link are
-// of its family.
+// An interface with IPv4 and IPv6 addresses has two links; each has an engine of its own. All addresses of
+// a link are of its family.
 #pragma once
 
 #include "pim/joinprune/JoinPruneStatus.h"
@@ -38,8 +38,8 @@ class PIM_SPEAKER_API LinkObserver {
   virtual void neighborRestarted(IpGenAddr const&) {}
   /// A Join/Prune was received.
   virtual void joinPruneReceived(ReceivedJoinPrune const&) {}
-  /// The link goes down, or its primary address changes: its state ends. Link::primaryAddress() still is the old one.
-  /// neighborDown() is called for the neighbors before.
+  /// The link goes down, or its primary address changes: its state ends. Link::primaryAddress() still is
+  /// the old one. neighborDown() is called for the neighbors before.
   virtual void linkDown() {}
 };
 
@@ -60,6 +60,11 @@ class PIM_SPEAKER_API Link {
   /// Whether there is a neighbor with this primary address.
   virtual bool neighborUp(IpGenAddr const& address) const = 0;
 
+  /// The primary address of the neighbor that has this address: its own, or one that it lists in its
+  /// Hellos. Nothing if no neighbor has it. For the RPF neighbor, which unicast routing may know by another
+  /// address (RFC 7761, 4.3.4).
+  virtual std::optional<IpGenAddr> neighborOf(IpGenAddr const& address) const = 0;
+
   /// Effective_Propagation_Delay, in seconds (RFC 7761, 4.3.3).
   virtual Seconds propagationDelay() const = 0;
   /// Effective_Override_Interval, in seconds (RFC 7761, 4.3.3). The engine may have a smaller one for a
@@ -77,7 +82,8 @@ class PIM_SPEAKER_API Link {
 
   /// Whether received entries of a group are to be ignored.
   virtual bool isDenied(IpGenAddr const& group) const = 0;
-  /// The RP of a group; nothing if the speaker's user does not know it, and then the RP of a message is accepted.
+  /// The RP of a group; nothing if the speaker's user does not know it, and then the RP of a message is
+  /// accepted.
   virtual std::optional<IpGenAddr> rp(IpGenAddr const& group) const = 0;
 
   /// The wheel on which all timers of the speaker are.
@@ -87,8 +93,8 @@ class PIM_SPEAKER_API Link {
   /// The engine's data sets; not null while the link is up.
   virtual Vel::Ptr<JoinPruneStatus> const& dataSets() const = 0;
 
-  /// What is to be sent to a target at once, or null if there is no such target: a neighbor, or the primary address
-  /// for a PruneEcho.
+  /// What is to be sent to a target at once, or null if there is no such target: a neighbor, or the primary
+  /// address for a PruneEcho.
   Vel::Ptr<Packet::JoinPruneData> triggered(IpGenAddr const& target) const {
     return dataSets() ? dataSets()->triggeredGroup(target) : nullptr;
   }

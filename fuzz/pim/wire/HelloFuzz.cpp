@@ -1,5 +1,5 @@
-// Bytes into the decoder of Hellos. What is taken for a Hello is the same Hello again after it was encoded, and the
-// view of the options shows as many as are in it.
+// Bytes into the decoder of Hellos. What is taken for a Hello is the same Hello again after it was encoded,
+// and the view of the options shows as many as are in it.
 #include "pim/wire/Hello.h"
 
 #include "fuzz/Fuzz.h"
