@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "pim/wire/private/Cursor.h"
+#include "pim/wire/Cursor.h"
 
 namespace Routing::Pim::Jpagent {
 

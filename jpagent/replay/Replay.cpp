@@ -178,7 +178,7 @@ bool Replay::helloIs(Place const& place, Datagram const& datagram) {
     return false;
   }
   ++totals_.hellos;
-  neighborIs(datagram.source, place.time, std::get<U16>(decoded));
+  neighborIs(datagram.source, place.time, std::get<Wire::Hello>(decoded).effectiveHoldTime());
   return true;
 }
 

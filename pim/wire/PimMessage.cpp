@@ -8,7 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "pim/wire/private/Cursor.h"
+#include "pim/wire/Cursor.h"
+#include "pim/wire/private/Encoding.h"
 #include "pim/wire/private/Text.h"
 #include "runtime/vel/Exception.h"
 
@@ -16,51 +17,11 @@ namespace Routing::Pim::Wire {
 
 namespace {
 
-constexpr U8 pimVersion = 2;
-constexpr std::size_t headerSize = 4;
-constexpr std::size_t maxPayload = 65535 - 20;  // What an IPv4 datagram leaves after its smallest header.
-
-// The numbers of address families on the wire (RFC 7761, 4.9.1).
-constexpr U8 wireIpv4 = 1, wireIpv6 = 2;
-constexpr U8 nativeEncoding = 0;
-
-U8 wireFamily(AddressFamily family) { return family == AddressFamily::ipv4 ? wireIpv4 : wireIpv6; }
-std::size_t addressSize(AddressFamily family) { return family == AddressFamily::ipv4 ? 4 : 16; }
-std::size_t encodedUnicastSize(AddressFamily family) { return 2 + addressSize(family); }
 std::size_t encodedGroupSize(AddressFamily family) { return 4 + addressSize(family); }
 std::size_t encodedSourceSize(AddressFamily family) { return 4 + addressSize(family); }
 
 void require(std::optional<Reason> fault) {
   if (fault) throw Vel::RangeException(std::string(text(*fault)));
-}
-
-// The ones' complement sum of 16-bit words, an odd byte padded with zero. Summed in words of the machine with
-// the carry added at the low end, which comes to the same once it is folded and put into network order (RFC
-// 1071).
-U64 sumOf(std::span<U8 const> bytes) {
-  U64 sum = 0;
-  auto const add = [&sum](U64 word) {
-    sum += word;
-    sum += sum < word;
-  };
-  std::size_t i = 0;
-  for (; i + 8 <= bytes.size(); i += 8) {
-    U64 word;
-    std::memcpy(&word, bytes.data() + i, 8);
-    add(word);
-  }
-  if (i < bytes.size()) {
-    U64 word = 0;
-    std::memcpy(&word, bytes.data() + i, bytes.size() - i);
-    add(word);
-  }
-  // Sums of several parts are added up, so that there is room for their carries.
-  return (sum >> 32) + (sum & 0xffffffff);
-}
-
-U16 folded(U64 sum) {
-  while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
-  return ntohs(static_cast<U16>(sum));
 }
 
 }  // namespace
@@ -301,11 +262,6 @@ class Writer {
 
 }  // namespace
 
-IpGenAddr allPimRouters(AddressFamily family) {
-  static IpGenAddr const ipv4("224.0.0.13"), ipv6("ff02::d");
-  return family == AddressFamily::ipv4 ? ipv4 : ipv6;
-}
-
 std::optional<Reason> upstreamFault(IpGenAddr const& address) {
   if (address.width() == 0) return Reason::unknownFamily;
   if (isMulticast(address)) return Reason::upstreamNotUnicast;
@@ -350,72 +306,10 @@ std::size_t JoinPrune::encodedSize() const {
          sources_.size() * encodedSourceSize(family());
 }
 
-U16 pimChecksum(std::span<U8 const> message, IpGenAddr const& source, IpGenAddr const& destination) {
-  U64 sum = sumOf(message);
-  if (source.isIpv6()) {
-    U32 const lengthAndProtocol[] = {htonl(static_cast<U32>(message.size())), htonl(pimProtocol)};
-    sum += sumOf(source.bytes()) + sumOf(destination.bytes()) + lengthAndProtocol[0] + lengthAndProtocol[1];
-  }
-  return static_cast<U16>(~folded(sum));
-}
-
-bool isPimType(std::span<U8 const> message, PimType type) {
-  return !message.empty() && message[0] == (pimVersion << 4 | static_cast<U8>(type));
-}
-
-namespace {
-
-// Four digits.
-std::string hex(U16 number) {
-  constexpr std::string_view digits = "0123456789abcdef";
-  std::string text;
-  for (int shift = 12; shift >= 0; shift -= 4) text += digits[number >> shift & 15];
-  return text;
-}
-
-// REQUIRES: the header is there.
-std::optional<Refusal> checksumFault(std::span<U8 const> bytes, IpGenAddr const& source,
-                                     IpGenAddr const& destination) {
-  if (pimChecksum(bytes, source, destination) == 0) return std::nullopt;
-  std::vector<U8> zeroed(bytes.begin(), bytes.end());
-  zeroed[2] = zeroed[3] = 0;
-  return Refusal{Reason::badChecksum,
-                 concatenated("0x", hex(static_cast<U16>(bytes[2] << 8 | bytes[3])), ", computed 0x",
-                              hex(pimChecksum(zeroed, source, destination)))};
-}
-
-}  // namespace
-
 std::variant<JoinPrune, Refusal> decodeJoinPrune(std::span<U8 const> bytes, IpGenAddr const& source,
                                                  IpGenAddr const& destination) {
-  if (bytes.size() < headerSize) return Refusal{Reason::truncated, "in the PIM header"};
-  if (!isPimType(bytes, PimType::joinPrune)) {
-    return Refusal{Reason::notJoinPrune, concatenated("version ", bytes[0] >> 4, ", type ", bytes[0] & 15)};
-  }
-  if (auto fault = checksumFault(bytes, source, destination)) return *fault;
+  if (auto fault = headerFault(bytes, PimType::joinPrune, source, destination)) return std::move(*fault);
   return Decoder(bytes, source.af()).message();
-}
-
-std::variant<U16, Refusal> decodeHello(std::span<U8 const> bytes, IpGenAddr const& source,
-                                       IpGenAddr const& destination) {
-  constexpr U16 holdTimeOption = 1;
-  if (bytes.size() < headerSize) return Refusal{Reason::truncated, "in the PIM header"};
-  if (auto fault = checksumFault(bytes, source, destination)) return *fault;
-  U16 holdTime = defaultHelloHoldTime;
-  for (Cursor in(bytes.subspan(headerSize)); in.left() != 0;) {
-    std::size_t const at = headerSize + in.offset();
-    U16 option, length;
-    std::span<U8 const> value;
-    if (!in.read(option) || !in.read(length) || !in.read(length, value)) {
-      return Refusal{Reason::truncated, concatenated("in the Hello option at byte ", at)};
-    }
-    if (option != holdTimeOption) continue;
-    if (length != 2) {
-      return Refusal{Reason::badHelloOption, concatenated("a hold time of ", length, " bytes at byte ", at)};
-    }
-    holdTime = static_cast<U16>(value[0] << 8 | value[1]);
-  }
-  return holdTime;
 }
 
 std::vector<U8> encodeJoinPrune(JoinPrune const& message, IpGenAddr const& source,
@@ -430,9 +324,7 @@ std::vector<U8> encodeJoinPrune(JoinPrune const& message, IpGenAddr const& sourc
     Writer<4>(bytes.data()).message(message);
   else
     Writer<16>(bytes.data()).message(message);
-  U16 const checksum = pimChecksum(bytes, source, destination);
-  bytes[2] = static_cast<U8>(checksum >> 8);
-  bytes[3] = static_cast<U8>(checksum);
+  fillChecksum(bytes, source, destination);
   return bytes;
 }
 

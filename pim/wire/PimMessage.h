@@ -1,4 +1,4 @@
-// The wire form of PIM version 2 Join/Prune messages (RFC 7761, 4.9), and the hold time of Hellos.
+// The wire form of PIM version 2 Join/Prune messages (RFC 7761, 4.9.5). Hello.h has that of Hellos.
 //
 // Bytes are looked at through a Cursor; what comes out is a JoinPrune, which can only be valid, or the
 // reason why there is none. The same value goes back onto the wire, and nothing is lost on the way:
@@ -21,33 +21,11 @@
 #include <vector>
 
 #include "pim/entry/EntryKind.h"
-#include "pim/wire/Export.h"
+#include "pim/wire/PimHeader.h"
 #include "pim/wire/Refusal.h"
-#include "runtime/dova/IpGenAddr.h"
 
 namespace Routing::Pim::Wire {
 
-using Dova::AddressFamily;
-using Dova::IpGenAddr;
-using Vel::U16;
-using Vel::U32;
-using Vel::U64;
-using Vel::U8;
-
-/// The IP protocol number of PIM.
-inline constexpr U8 pimProtocol = 103;
-
-/// The message types that a router next door tells itself by (RFC 7761, 4.9).
-enum class PimType : U8 { hello = 0, joinPrune = 3 };
-
-/// 224.0.0.13 or ff02::d. REQUIRES: a known family.
-PIM_SPEAKER_API IpGenAddr allPimRouters(AddressFamily family);
-
-/// Whether the address is of 224.0.0.0/4 or ff00::/8.
-inline bool isMulticast(IpGenAddr const& address) {
-  if (address.isIpv4()) return address.bytes()[0] >> 4 == 0xe;
-  return address.isIpv6() && address.bytes()[0] == 0xff;
-}
 
 /// One entry of a list: a source, or the RP of a (*,G) entry.
 struct Source {
@@ -222,31 +200,11 @@ class PIM_SPEAKER_API JoinPrune {
   std::vector<Source> sources_;  // of all groups; one block of memory, however many groups there are
 };
 
-/// The PIM checksum over a message whose checksum field counts as it stands: 0 for a message that is intact,
-/// the value for the field if the field is zero. Over IPv6 the pseudo-header is included (RFC 7761, 4.9).
-PIM_SPEAKER_API U16 pimChecksum(std::span<U8 const> message, IpGenAddr const& source,
-                                IpGenAddr const& destination);
-
-/// True if the first byte says version 2 and the type. No bytes are of no type.
-PIM_SPEAKER_API bool isPimType(std::span<U8 const> message, PimType type);
-
 /// Checks the whole message before it gives any of it. `bytes` is the whole IP payload, no more; source and
 /// destination are those of the IP header. REQUIRES: both addresses are of one known family.
 PIM_SPEAKER_API std::variant<JoinPrune, Refusal> decodeJoinPrune(std::span<U8 const> bytes,
                                                                  IpGenAddr const& source,
                                                                  IpGenAddr const& destination);
-
-/// A hold time that never ends.
-inline constexpr U16 endlessHoldTime = 65535;
-
-/// What a Hello without option 1 has: 3.5 times the Hello_Period of 30 s (RFC 7761, 4.11).
-inline constexpr U16 defaultHelloHoldTime = 105;
-
-/// The hold time of a Hello in seconds, after a check of the whole message (RFC 7761, 4.9.2); the arguments
-/// are those of decodeJoinPrune(). Of several options 1 the last one counts, other options are not looked
-/// into. REQUIRES: the type is that of a Hello.
-PIM_SPEAKER_API std::variant<U16, Refusal> decodeHello(std::span<U8 const> bytes, IpGenAddr const& source,
-                                                       IpGenAddr const& destination);
 
 /// The bytes of a message, checksum filled in. Throws Vel::RangeException if no IP datagram could hold them,
 /// or if the addresses are not of the message's family.

@@ -37,10 +37,11 @@ enum class Reason : Vel::U8 {
   senderNotLinkLocal,  ///< An IPv6 source that is not link-local (RFC 7761, 4.9).
   notAllPimRouters,    ///< An IP destination other than 224.0.0.13 and ff02::d (RFC 7761, 4.9).
   hopLimitNotOne,      ///< Another TTL or hop limit than senders have to use (RFC 7761, 4.9).
+  notHello,            ///< Not version 2, or not type 0 (RFC 7761, 4.9).
 };
 
 /// The fixed texts, in the order of the enumeration.
-inline constexpr std::array<std::string_view, 22> reasonNames = {
+inline constexpr std::array<std::string_view, 23> reasonNames = {
     "truncated",
     "bad IP header",
     "fragment",
@@ -63,8 +64,9 @@ inline constexpr std::array<std::string_view, 22> reasonNames = {
     "sender not link-local",
     "destination not ALL-PIM-ROUTERS",
     "TTL or hop limit not 1",
+    "not a PIM version 2 Hello",
 };
-static_assert(reasonNames.size() == static_cast<std::size_t>(Reason::hopLimitNotOne) + 1);
+static_assert(reasonNames.size() == static_cast<std::size_t>(Reason::notHello) + 1);
 
 /// The reason's fixed text.
 constexpr std::string_view text(Reason reason) { return reasonNames[static_cast<std::size_t>(reason)]; }

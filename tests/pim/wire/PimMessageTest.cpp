@@ -401,44 +401,6 @@ TEST(PimMessageTest, TheTypeIsReadFromTheFirstByteAlone) {
   EXPECT_FALSE(isPimType({}, PimType::hello));
 }
 
-/// "105", or why there is no hold time.
-std::string holdTimeOf(Bytes const& hello) {
-  auto const decoded = decodeHello(hello, sender, routers);
-  if (auto const* refusal = std::get_if<Refusal>(&decoded)) return toText(*refusal);
-  return std::to_string(std::get<U16>(decoded));
-}
-
-TEST(PimMessageTest, TheHoldTimeOfAHelloIsThatOfItsOption) {
-  struct {
-    char const* options;
-    char const* holdTime;
-  } const rows[] = {
-      {"0001 0002 0069", "105"},
-      {"0001 0002 0000", "0"},
-      {"0001 0002 ffff", "65535"},
-      {"0014 0004 01020304  0001 0002 000a  0013 0004 00000001", "10"},
-      {"0001 0002 000a  0001 0002 0014", "20"},
-      {"", "105"},
-      {"0014 0004 01020304", "105"},
-      {"0100 0000", "105"},
-      {"0001 0002 00", "truncated (in the Hello option at byte 4)"},
-      {"0001 0002", "truncated (in the Hello option at byte 4)"},
-      {"0014 0000 00", "truncated (in the Hello option at byte 8)"},
-      {"0014 ffff 00", "truncated (in the Hello option at byte 4)"},
-      {"0001 0004 00000069", "bad Hello option (a hold time of 4 bytes at byte 4)"},
-      {"0014 0000 0001 0000", "bad Hello option (a hold time of 0 bytes at byte 8)"},
-  };
-  for (auto const& row : rows) {
-    auto const hello = withChecksum(hex("20000000") + hex(row.options), sender, routers);
-    EXPECT_EQ(holdTimeOf(hello), row.holdTime) << row.options;
-  }
-}
-
-TEST(PimMessageTest, AHelloThatIsNotIntactIsRefused) {
-  EXPECT_EQ(holdTimeOf(hex("20 00 00")), "truncated (in the PIM header)");
-  EXPECT_EQ(holdTimeOf(hex("2000 0000")), "bad checksum (0x0000, computed 0xdfff)");
-}
-
 TEST(PimMessageTest, MulticastIsKnownByItsPrefix) {
   for (auto const* address : {"224.0.0.0", "239.255.255.255", "ff00::", "ffff::1"}) {
     EXPECT_TRUE(isMulticast(IpGenAddr(address))) << address;

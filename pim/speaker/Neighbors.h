@@ -1,0 +1,245 @@
+// Hellos and neighbors of one link: one interface and address family (RFC 7761, 4.3).
+//
+//   Neighbors.h     sends Hellos, keeps the neighbors
+//   LanValues.h     what all neighbors come to: effective delays, suppression, the designated router
+//   EventLimit.h    a limit on events that a neighbor can cause without end
+//   Timer.h         a timer as a member
+//   Life.h          whether an object still exists after it has called out
+//
+// When a Hello is sent:
+//
+//   - first after a random part of Triggered_Hello_Delay, then in every Hello_Period
+//   - within Triggered_Hello_Delay after a neighbor is new or has restarted; the period stays as it is
+//   - at once after a change of what is announced, if one was sent before
+//   - before a Join/Prune to a neighbor that was not sent one since it is new or has restarted: sendHelloBefore()
+//   - with a hold time of 0 when the link ends
+//
+// A Hello that the sink wants later is tried again after 0.1 s.
+#pragma once
+
+#include <array>
+#include <map>
+#include <vector>
+
+#include "pim/speaker/EventLimit.h"
+#include "pim/speaker/LanValues.h"
+#include "pim/speaker/Life.h"
+#include "pim/speaker/Sink.h"
+#include "pim/speaker/Timer.h"
+#include "runtime/dova/IntfId.h"
+
+namespace Routing::Pim::Speaker {
+
+using Vel::U16;
+using Vel::U32;
+using Vel::U64;
+using Vel::U8;
+
+/// What a link announces and allows. The defaults are those of RFC 7761, 4.11.
+struct HelloSettings {
+  Seconds period = 30;            ///< Hello_Period; greater than 0.
+  Seconds triggeredDelay = 5;     ///< Triggered_Hello_Delay.
+  std::optional<U16> holdTime{};  ///< In seconds, not 0. Without one: 3.5 periods.
+  /// Option 2. The T bit is announced; that join suppression is disabled follows from the neighbors' bits
+  /// alone.
+  Wire::LanPruneDelay lanPruneDelay{};
+  U32 drPriority = 1;       ///< Option 19.
+  U32 maxNeighbors = 1000;  ///< Others are refused and counted.
+  U32 maxAddresses = 256;   ///< Of one neighbor's address list; what follows is left out.
+
+  friend bool operator==(HelloSettings const& a, HelloSettings const& b) = default;
+};
+
+/// Throws Vel::RangeException with the name of the setting and its value if it cannot be: "Hello_Period of
+/// 0 s".
+PIM_SPEAKER_API void requireValid(HelloSettings const& settings);
+/// The hold time that goes into Hellos.
+PIM_SPEAKER_API U16 announcedHoldTime(HelloSettings const& settings);
+
+/// A neighbor at one moment.
+struct NeighborInfo {
+  IpGenAddr address;                 ///< The source of its Hellos: its primary address.
+  std::vector<IpGenAddr> addresses;  ///< Those of its list that are of the link's family.
+  Seconds upSince = 0;               ///< On the wheel's clock.
+  Seconds expires = Vel::never;      ///< On the wheel's clock; `Vel::never` with a hold time of 65535.
+  U16 holdTime = 0;                  ///< In seconds, the default without option 1.
+  LanOptions options;                ///< Options 2 and 19.
+  std::optional<U32> generationId;   ///< Option 20.
+  U64 restarts = 0;                  ///< How often it sent another generation ID.
+};
+
+/// Something that happened to a neighbor, for people and logs.
+struct NeighborEvent {
+  enum class Kind : U8 {
+    up,                ///< Its first Hello.
+    expired,           ///< No Hello within its hold time.
+    goodbye,           ///< A Hello with hold time 0.
+    linkDown,          ///< The link has ended.
+    restarted,         ///< Another generation ID.
+    changed,           ///< Other options, or other addresses.
+    designatedRouter,  ///< Another designated router, which may be this router.
+    addressConflict,   ///< It lists an address that another neighbor has listed. The latest counts.
+    tooMany,           ///< It is refused: there are as many neighbors as are allowed.
+  };
+
+  Kind kind;
+  Dova::IntfId intf;   ///< The interface.
+  IpGenAddr neighbor;  ///< The neighbor, or the designated router.
+  IpGenAddr other;     ///< addressConflict: the address; designatedRouter: the previous one.
+  /// How many of this kind were left out before it. At most 10 a second come for each kind from `restarted`
+  /// on.
+  U64 leftOut = 0;
+};
+
+/// "up", "expired", ..., in the order of the enumeration.
+inline constexpr std::array<std::string_view, 9> neighborEventNames = {
+    "up",      "expired",           "goodbye",          "link down",          "restarted",
+    "changed", "designated router", "address conflict", "too many neighbors",
+};
+static_assert(neighborEventNames.size() == static_cast<std::size_t>(NeighborEvent::Kind::tooMany) + 1);
+/// The kind's name.
+constexpr std::string_view text(NeighborEvent::Kind kind) {
+  return neighborEventNames[static_cast<std::size_t>(kind)];
+}
+
+/// What Neighbors tells, and how it sends. Each call may do anything, the destruction of the Neighbors
+/// included.
+class PIM_SPEAKER_API NeighborsOwner {
+ public:
+  virtual ~NeighborsOwner() = default;
+
+  /// Sends a Hello from the link's primary address.
+  virtual Sent sendHello(Wire::Hello const& hello) = 0;
+  /// The effective delays or suppressionAllowed() changed. Comes before neighborUp().
+  virtual void lanValuesChanged() = 0;
+  /// A neighbor is there.
+  virtual void neighborUp(IpGenAddr const& neighbor) = 0;
+  /// A neighbor has ended.
+  virtual void neighborDown(IpGenAddr const& neighbor) = 0;
+  /// A neighbor sent another generation ID. Three come at once and then one in a Hello_Period for each
+  /// neighbor; what is in between is told once, later. So what a restart makes others send has a bound.
+  virtual void neighborRestarted(IpGenAddr const& neighbor) = 0;
+  /// For people and logs.
+  virtual void neighborEvent(NeighborEvent const& event) = 0;
+};
+
+/// Totals of a link.
+struct HelloCounters {
+  U64 sent = 0;              ///< Hellos that were sent, goodbyes and failed ones included.
+  U64 received = 0;          ///< Hellos that were taken.
+  U64 neighborsRefused = 0;  ///< Hellos of routers beyond the limit on neighbors.
+  U64 addressesLeftOut = 0;  ///< Addresses beyond the limit on a neighbor's list.
+};
+
+/// The neighbors of a link, from when it comes up until it ends; a link with another primary address is
+/// another one.
+class PIM_SPEAKER_API Neighbors {
+ public:
+  /// The owner and the random source must outlive this. Settings that cannot be throw as requireValid(). Of
+  /// the generation ID and the first Hello's time the random source decides.
+  Neighbors(NeighborsOwner& owner, Dova::IntfId const& intf, IpGenAddr const& primaryAddress,
+            std::vector<IpGenAddr> secondaryAddresses, HelloSettings const& settings,
+            Vel::Ptr<Zanth::TimerWheel> const& wheel, Random& random);
+  ~Neighbors();
+
+  /// The link goes down or changes its primary address: sends a Hello with hold time 0; then all neighbors
+  /// end, with their events. Nothing is taken or sent any more. The second time: nothing.
+  void end();
+
+  /// The other addresses of the interface, announced at once if they changed.
+  void secondaryAddressesIs(std::vector<IpGenAddr> addresses);
+  /// Announced at once if what is announced changed. Throws as requireValid() and changes nothing then.
+  void settingsIs(HelloSettings const& settings);
+  /// What was set.
+  HelloSettings const& settings() const { return settings_; }
+  /// The generation ID of this link.
+  U32 generationId() const { return generationId_; }
+
+  /// Takes a Hello that has passed all checks. False if it is refused because of the limit on neighbors.
+  bool receive(IpGenAddr const& sender, Wire::Hello const& hello);
+
+  /// Whether a Hello is to be sent before a Join/Prune to this target. For a target that is no neighbor:
+  /// whether none was sent yet.
+  bool helloDueBefore(IpGenAddr const& target) const;
+  /// Sends it if one is due. After `later` the Join/Prune must wait.
+  Sent sendHelloBefore(IpGenAddr const& target);
+
+  /// How many neighbors there are; O(1).
+  U32 count() const { return static_cast<U32>(entries_.size()); }
+  /// Whether there is one with this primary address.
+  bool isUp(IpGenAddr const& address) const { return entries_.contains(address); }
+  /// The primary address of the neighbor that has this address, or nothing.
+  std::optional<IpGenAddr> neighborOf(IpGenAddr const& address) const;
+  /// Effective delays and suppression.
+  LanValues const& values() const { return values_; }
+  /// The designated router, which may be the link's own address.
+  IpGenAddr const& designatedRouter() const { return designatedRouter_; }
+  /// All neighbors, by address.
+  std::vector<NeighborInfo> snapshot() const;
+  /// Totals since construction.
+  HelloCounters const& counters() const { return counters_; }
+
+ private:
+  struct Entry {
+    Entry(IpGenAddr const& address, Vel::Ptr<Zanth::TimerWheel> const& wheel, Neighbors* neighbors);
+
+    NeighborInfo info;
+    U64 heardAfter = 0;  // How many Hellos had been sent when it was new or had restarted last.
+
+    // When the restarts that were told would be through if there were one in a Hello_Period.
+    Seconds restartsThrough = -Vel::never;
+    Seconds restartDue = Vel::never;  // One that is still to be told.
+
+    Timer timer;  // For its expiry, or for a restart.
+  };
+  using Entries = std::map<IpGenAddr, Entry>;
+  using Kind = NeighborEvent::Kind;
+  struct Values;
+
+  Wire::Hello hello() const;
+  Sent send();
+  Sent sendAtOnce();
+  void answer();
+  void arm();
+  void helloTimerExpired();
+  void entryTimerExpired(Entry& entry);
+  void armEntry(Entry& entry);
+  bool takeAddresses(Entry& entry, Wire::Hello const& hello, std::optional<IpGenAddr>& conflict);
+  void forgetAddresses(Entry const& entry);
+  bool restart(Entry& entry);
+  void remove(Entry& entry, Kind why);
+  Values current() const;
+  bool tellChanges(Values const& previous);
+  bool tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other = {});
+
+  // Fixed at construction.
+  NeighborsOwner& owner_;
+  Dova::IntfId const intf_;
+  IpGenAddr const primaryAddress_;
+  Vel::Ptr<Zanth::TimerWheel> const wheel_;
+  Random& random_;
+  U32 const generationId_;
+
+  HelloSettings settings_;
+  std::vector<IpGenAddr> secondaryAddresses_;
+  bool ended_ = false;
+
+  // When Hellos are due; the timer is armed for the earlier one, but not before `notBefore_`.
+  Seconds periodicDue_;
+  Seconds triggeredDue_ = Vel::never;
+  Seconds notBefore_ = -Vel::never;
+  U64 hellosSent_ = 0;
+
+  Entries entries_;
+  std::map<IpGenAddr, IpGenAddr> primaryOf_;  // From the listed addresses.
+  std::vector<IpGenAddr> listed_;             // By the Hello at hand; kept for its memory.
+  LanValues values_;
+  IpGenAddr designatedRouter_;
+  HelloCounters counters_;
+  std::array<EventLimit, neighborEventNames.size()> limits_;
+
+  Timer helloTimer_;
+  Life life_;
+};
+
+}  // namespace Routing::Pim::Speaker
