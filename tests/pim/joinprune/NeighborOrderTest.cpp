@@ -1,6 +1,7 @@
 // In which order a neighbor machine starts, catches up and tells of what it does: its trace lines, its data
 // sets and its attributes, in one record.
 #include <regex>
+#include <tuple>
 
 #include "tests/pim/joinprune/FailingHeap.h"
 #include "tests/pim/joinprune/World.h"
@@ -188,13 +189,18 @@ TEST_F(NeighborOrderTest, AMachineThatFallsBehindArmsItsTriggeredTimerAlone) {
 
 TEST_F(NeighborOrderTest, AMachineThatIsBehindCatchesUpWhenItsPeriodicDataRunsEmptyAndNotBefore) {
   startWithNeighbor();
-  group(periodic(N), G);
-  group(periodic(N), H);
-  addUnfollowed(0, G);
-  periodic(N)->joinPruneGroupDataDel(addr(H));
-  EXPECT_FALSE(follows(0, G));
-  periodic(N)->joinPruneGroupDataDel(addr(G));
-  EXPECT_TRUE(follows(0, G));
+  for (bool const traced : {false, true}) {
+    SCOPED_TRACE(traced);
+    group(periodic(N), G);
+    group(periodic(N), H);
+    addUnfollowed(0, G);
+    if (traced) record();
+    periodic(N)->joinPruneGroupDataDel(addr(H));
+    EXPECT_FALSE(follows(0, G));
+    periodic(N)->joinPruneGroupDataDel(addr(G));
+    EXPECT_TRUE(follows(0, G));
+    triggered(N)->joinPruneGroupDataDel(addr(G));
+  }
 }
 
 TEST_F(NeighborOrderTest, APeriodicGroupThatIsAddedWhileAMachineCatchesUpIsCountedAndKeepsIt) {
@@ -311,6 +317,149 @@ TEST_F(NeighborOrderTest, NoReactorIsMadeOfNoGroup) {
             before + "overrideGroupData" + between + "overrideGroupData not allowed\"");
   EXPECT_EQ(said([&] { own->newPeriodicGroupData(nullptr); }),
             before + "periodicGroupData" + between + "periodicGroupData not allowed\"");
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsRemovedLetsGoOfEachReactorThatSomebodyHolds) {
+  startWithNeighbor();
+  for (int const channel : {0, 1, 2}) group(dataOf(channel), G);
+  auto const held = std::tuple(own->triggeredGroup(), own->overrideGroup(), own->periodicGroup(),
+                               own->timerWheel(), own->pimPamManager(), own->triggeredTimer(),
+                               own->overrideTimer(), own->triggeredGroupData(addr(G)),
+                               own->overrideGroupData(addr(G)), own->periodicGroupData(addr(G)));
+  machine->joinPruneNeighborSmDel(addr(N));
+  std::apply(
+      [](auto const&... reactors) {
+        auto const isLetGo = [](auto const& reactor) {
+          EXPECT_TRUE(reactor->isZombie()) << reactor->name();
+          EXPECT_FALSE(reactor->joinPruneNeighborSm()) << reactor->name();
+        };
+        (isLetGo(reactors), ...);
+      },
+      held);
+}
+
+TEST_F(NeighborOrderTest, ATimerThatMissedItsTimeAndIsRemovedIsNotDueAnyMore) {
+  startWithNeighbor();
+  for (int const channel : {0, 1}) {
+    SCOPED_TRACE(channel);
+    for (int const c : {0, 1}) group(dataOf(c), G)->joinedSourceIs(addr(S));
+    own->hasNotificationActiveIs(false);
+    runUntil(time + 10);
+    auto const is = [&](Vel::Ptr<Zanth::TimerWheel> const& w) {
+      channel == 0 ? own->triggeredTimerIs(w) : own->overrideTimerIs(w);
+    };
+    EXPECT_NO_THROW(is(nullptr));
+    EXPECT_NO_THROW(own->hasNotificationActiveIs(true));
+    EXPECT_EQ(wheel->armedCount(), 1u);  // the other one
+    runUntil(time + 10);
+    EXPECT_EQ(dataOf(channel)->joinPruneGroupDataCount(), 1u);
+    dataOf(channel)->joinPruneGroupDataDel(addr(G));
+    is(wheel);
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineWithoutATimerReportsTheWantOfMemoryAndNothingElse) {
+  trace.levels({});
+  for (bool const overriding : {false, true}) {
+    SCOPED_TRACE(overriding);
+    auto const data = Vel::create<Packet::JoinPruneData>(addr(N));
+    auto const bare = joinPruneNeighborSmFactory(nullptr, addr(N), nullptr, nullptr, nullptr, nullptr, data,
+                                                 nullptr, 2.5, nullptr, nullptr);
+    if (overriding) bare->overrideTimerIs(wheel);
+    U32 reports = 0;
+    for (std::size_t n = 1; n < 30; ++n) {
+      trace.clear();
+      {
+        FailingHeap::Failure const failure(n);
+        try {
+          data->joinPruneGroupDataIs(addr(G));
+        } catch (std::bad_alloc const&) {
+        }
+      }
+      for (auto const& line : trace.take()) {
+        ++reports;
+        EXPECT_THAT(line, HasSubstr("std::bad_alloc"));
+      }
+      data->joinPruneGroupDataDel(addr(G));
+    }
+    EXPECT_GT(reports, 0u);
+    EXPECT_EQ(wheel->armedCount(), 0u);
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineThatFallsBehindArmsItsTriggeredTimerAlsoWhileItsOverrideTimerIsArmed) {
+  startWithNeighbor();
+  group(override_(N), H)->joinedSourceIs(addr(S));
+  ASSERT_TRUE(own->overrideTimer()->armed());
+  addUnfollowed(2, G);
+  EXPECT_EQ(own->triggeredTimer()->timeMin(), time + 0.1);
+}
+
+TEST_F(NeighborOrderTest, AMachineThatHasOnlyPartOfItsDataHandlesAnyGroupByHandWithoutTraces) {
+  trace.levels({});
+  for (int const missing : {0, 1, 2}) {
+    SCOPED_TRACE(missing);
+    Vel::Ptr<Packet::JoinPruneData> sets[3];
+    for (int const channel : {0, 1, 2})
+      if (channel != missing) {
+        sets[channel] = Vel::create<Packet::JoinPruneData>(addr(N));
+        group(sets[channel], H);
+      }
+    auto const made = joinPruneNeighborSmFactory(nullptr, addr(N), nullptr, eth0, sets[0], sets[1], sets[2],
+                                                 wheel, 2.5, nullptr, nullptr);
+    for (char const* const g : {G, H}) {
+      EXPECT_NO_THROW(made->handleTriggeredGroup(addr(g)));
+      EXPECT_NO_THROW(made->handleOverrideGroup(addr(g)));
+      EXPECT_NO_THROW(made->handlePeriodicGroup(addr(g)));
+    }
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsRetiredWhileItCountsAtItsStartSaysNothingMore) {
+  trace.levels({});
+  start();
+  group(periodicStatus()->upJoinPruneIs(addr(N)), G)->joinedSourceIs(addr(S));
+  auto const refresh = Vel::create<DataLog>("periodic", story);
+  refresh->act = [&] {
+    own = sm(N);
+    watch();
+  };
+  refresh->notifierIs(periodic(N));
+  watcher->act = [&](std::string const& line) {
+    if (line == "routes 1") machine->joinPruneNeighborSmDel(addr(N));
+  };
+  record();
+  neighbor(N, eth0);
+  ASSERT_TRUE(own);
+  EXPECT_TRUE(own->retired());
+  EXPECT_FALSE(own->initialized());
+  EXPECT_EQ(story.back(), "routes 1");
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsRetiredInTheLineOfAGroupSaysNothingMoreOfIt) {
+  for (int const channel : {0, 1, 2})
+    for (bool const filled : {false, true}) {
+      SCOPED_TRACE(channel);
+      machine = nullptr;
+      startWithNeighbor();
+      record();
+      auto const note = trace.hook;
+      trace.hook = [&](Vel::TraceLine const& line) {
+        note(line);
+        if (line.text.find("Group(") != line.text.npos) machine->joinPruneNeighborSmDel(addr(N));
+      };
+      auto const data = dataOf(channel);
+      story.clear();
+      if (filled) data->newJoinPruneGroupData(addr(N))->joinedSourceIs(addr(S));
+      channel == 0   ? own->handleTriggeredGroup(addr(N))
+      : channel == 1 ? own->handleOverrideGroup(addr(N))
+                     : own->handlePeriodicGroup(addr(N));
+      trace.hook = {};
+      EXPECT_TRUE(own->retired());
+      EXPECT_EQ(story.size(), 1u);
+      EXPECT_EQ(own->numPeriodicRoutes(), 0u);
+      data->joinPruneGroupDataDelAll();
+    }
 }
 
 }  // namespace
