@@ -462,5 +462,67 @@ TEST_F(NeighborOrderTest, AMachineThatIsRetiredInTheLineOfAGroupSaysNothingMoreO
     }
 }
 
+/// Acts when a wheel loses its last reference.
+class WheelEnd final : public Zanth::TimerWheel::NotifieeConst {
+ public:
+  WheelEnd(Vel::Ptr<Zanth::TimerWheel> const& wheel, std::function<void()> act) : act_(std::move(act)) {
+    isNondestructingIs(true);
+    notifierIs(Vel::Ptr<Zanth::TimerWheel const>(wheel));
+  }
+  void onZeroReferences() override { act_(); }
+
+ private:
+  std::function<void()> const act_;
+};
+
+// The wheel ends with the periodic timer, which alone holds it.
+TEST_F(NeighborOrderTest, AMachineThatIsRemovedHasStoppedItsTimersBeforeAWheelEndsWithIt) {
+  startWithNeighbor();
+  for (int const channel : {0, 1}) group(dataOf(channel), G)->joinedSourceIs(addr(S));
+  auto other = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  own->joinPrunePeriodicTimerSm()->periodicTimerIs(other);
+  U32 ends = 0;
+  auto const end = Vel::create<WheelEnd>(other, [&] {
+    ++ends;
+    EXPECT_EQ(wheel->armedCount(), 0u);
+    EXPECT_TRUE(own->retired());
+  });
+  other = nullptr;
+  EXPECT_EQ(wheel->armedCount(), 2u);
+  machine->joinPruneNeighborSmDel(addr(N));
+  EXPECT_EQ(ends, 1u);
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsReplacedIsInItsPlaceNoMoreWhenAWheelEndsWithIt) {
+  startWithNeighbor();
+  auto other = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  own->joinPrunePeriodicTimerSm()->periodicTimerIs(other);
+  U32 ends = 0;
+  auto const end = Vel::create<WheelEnd>(other, [&] {
+    ++ends;
+    EXPECT_FALSE(sm(N) == own);
+    EXPECT_TRUE(sm(N));
+  });
+  other = nullptr;
+  machine->pimIntf(Dova::IntfId("eth0"))->createJoinPruneSm(addr(N));
+  EXPECT_EQ(ends, 1u);
+}
+
+TEST_F(NeighborOrderTest, TheClockIsNotReadForEachGroupThatAMachineCountsAtItsStart) {
+  trace.levels({});
+  U32 readings = 0;
+  wheel = Vel::create<Zanth::TimerWheel>([&] {
+    ++readings;
+    return time;
+  });
+  start();
+  auto const data = periodicStatus()->upJoinPruneIs(addr(N));
+  for (int g = 1; g <= 200; ++g) group(data, "239.1.2." + std::to_string(g))->joinedSourceIs(addr(S));
+  readings = 0;
+  neighbor(N, eth0);
+  EXPECT_EQ(sm(N)->numPeriodicRoutes(), 200u);
+  EXPECT_LT(readings, 10u);
+}
+
 }  // namespace
 }  // namespace Routing::Pim
