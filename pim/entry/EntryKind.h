@@ -1,5 +1,5 @@
-// The kinds of entry that Join/Prune messages have. The lowest header of pim/: the wire form, the model and all
-// that is above them name entries by it.
+// The kinds of entry that Join/Prune messages have. The lowest header of pim/: the wire form, the model and
+// all that is above them name entries by it.
 #pragma once
 
 #include <array>
@@ -10,8 +10,8 @@
 
 namespace Routing::Pim {
 
-/// What an entry of a group asks for (RFC 7761, 4.9.5): a join or a prune of (S,G), of (*,G), whose address is
-/// the RP, or of (S,G,rpt). In the order in which a group's entries are walked, recorded and shown.
+/// What an entry of a group asks for (RFC 7761, 4.9.5): a join or a prune of (S,G), of (*,G), whose address
+/// is the RP, or of (S,G,rpt). In the order in which a group's entries are walked, recorded and shown.
 enum class EntryKind : Vel::U8 {
   sourceJoin,
   sourcePrune,
@@ -77,7 +77,8 @@ constexpr EntryKind pruneOf(EntryKind kind) { return opposite(joinOf(kind)); }
 
 /// The S, W and R bits of a kind.
 constexpr Vel::U8 flagsOf(EntryKind kind) { return entryKindRows[indexOf(kind)].flags; }
-/// The kind that has these flags in the list of joins, or in that of prunes. W wins over R; S does not matter.
+/// The kind that has these flags in the list of joins, or in that of prunes. W wins over R; S does not
+/// matter.
 constexpr EntryKind entryKindOf(Vel::U8 flags, bool join) {
   constexpr EntryKind joins[] = {EntryKind::sourceJoin, EntryKind::sourceRptJoin, EntryKind::wildcardJoin,
                                  EntryKind::wildcardJoin};

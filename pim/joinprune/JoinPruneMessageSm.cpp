@@ -96,15 +96,7 @@ void JoinPruneMessageSm::doTeardown() {
     StatusAccess::machineIs(*joinPruneStatus_, nullptr);
 }
 
-// doTeardown() has normally emptied everything; if it failed half-way, nothing may point back here.
-JoinPruneMessageSm::~JoinPruneMessageSm() {
-  for (auto i = pimIntfIterator(); i; ++i) i->joinPruneMessageSmIs(nullptr);
-  for (auto i = joinPruneNeighborSmIterator(); i; ++i) i->velRetire();
-  auto const forget = [](auto const&... reactors) {
-    ((reactors ? reactors->joinPruneMessageSmIs(nullptr) : void()), ...);
-  };
-  forget(pimStatus_, rxMessageInfo_, pimPamManager_, timerWheel_, catchUpTimer_);
-}
+JoinPruneMessageSm::~JoinPruneMessageSm() = default;
 
 void JoinPruneMessageSm::velVisitReactors(ReactorVisitor const& visit) {
   auto const visitAll = [&visit](auto const... reactors) { ((reactors ? visit(*reactors) : void()), ...); };
@@ -342,7 +334,6 @@ void JoinPruneMessageSm::doMaybeDeleteNeighbor(Dova::IpGenAddr const& vanished) 
   Vel::MemoryHold const memory(this);
   Dova::IpGenAddr const address = vanished;  // the caller's may end with what is deleted here
   JOIN_PRUNE_TRACE(Level::entry, this, '(' << address << ')');
-  if (retired() || listedNeighbor(address)) return;
   Vel::Ptr<JoinPruneNeighborSm> const sm = joinPruneNeighborSm(address);
   if (sm && !sm->neighbor()) return;  // an interface's own address: its machine is removed with the interface
   try {

@@ -560,7 +560,7 @@ void JoinPruneNeighborSm::velRetire() {
   parentSm_ = nullptr;
 }
 
-JoinPruneNeighborSm::~JoinPruneNeighborSm() { velRetire(); }
+JoinPruneNeighborSm::~JoinPruneNeighborSm() = default;
 
 void JoinPruneNeighborSm::doTeardown() { velRetire(); }
 

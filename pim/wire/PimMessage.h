@@ -26,7 +26,6 @@
 
 namespace Routing::Pim::Wire {
 
-
 /// One entry of a list: a source, or the RP of a (*,G) entry.
 struct Source {
   EntryKind kind;     ///< What the entry means.

@@ -17,8 +17,8 @@ inline Vel::TraceHandle& joinPruneTrace() {
   return handle;
 }
 
-/// True if no handler writes anything but events and errors: no line of activity or entry, and no block timer.
-/// What such a line could call is then not called.
+/// True if no handler writes anything but events and errors: no line of activity or entry, and no block
+/// timer. What such a line could call is then not called.
 inline bool joinPruneIsQuiet() {
   return !joinPruneTrace().wanted(Level::activity) && !joinPruneTrace().wanted(Level::entry) &&
          !Scrivo::TraceFile::current();

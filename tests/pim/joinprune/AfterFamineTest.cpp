@@ -133,6 +133,72 @@ TEST_F(AfterFamineTest, TheMachineIsMadeEarlierWhenAnInterfaceAnAddressOrAMessag
   }
 }
 
+TEST_F(AfterFamineTest, WhatIsOwedIsMadeBeforeWhatIsHeardOf) {
+  class MachineLog final : public JoinPruneMessageSm::NotifieeConst {
+   public:
+    void onJoinPruneNeighborSm(Dova::IpGenAddr a) override { made.push_back(text(a)); }
+    Lines made;
+  };
+  auto const message = Vel::create<Packet::JoinPruneMessage>();
+  message->joinPruneDataIs(Vel::create<Packet::JoinPruneData>(addr("10.0.0.1")));
+  group(message->joinPruneData(), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  std::function<void(World&)> const hints[] = {
+      [](World& w) { w.neighbor("10.0.0.4", w.pim->pimIntf(Dova::IntfId("eth0"))); },
+      [](World& w) {
+        w.pim->pimIntf(Dova::IntfId("eth0"))
+            ->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.0.9/24"));
+      },
+      [&](World& w) {
+        w.channel->joinPruneMessageIs(message);
+        w.channel->countInc(1);
+      }};
+  for (auto const& hint : hints) {
+    U32 const found = consequences(
+        withNeighbor,
+        [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+        [&](World& w) {
+          if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+          auto const machines = Vel::create<MachineLog>();
+          machines->notifierIs(w.machine);
+          auto const joins = Vel::create<RecordLog>("join", machines->made);
+          joins->notifierIs(w.rxJoin);
+          hint(w);
+          EXPECT_GT(machines->made.size(), 1u);
+          EXPECT_EQ(machines->made.front(), "10.0.0.3");
+          joins->notifierIs(nullptr);
+          machines->notifierIs(nullptr);
+          return true;
+        });
+    EXPECT_GT(found, 3u);
+  }
+}
+
+TEST_F(AfterFamineTest, AMachineWhoseClockFailsWhileItCatchesUpIsCalledAgain) {
+  U32 reading = 0, failing = 0;
+  U32 const found = consequences(
+      [&](World& w) {
+        w.wheel = Vel::create<Zanth::TimerWheel>([&] {
+          if (++reading == failing) throw std::runtime_error("no time");
+          return w.time;
+        });
+        withNeighbor(w);
+      },
+      [](World& w) { w.pim->pimNeighborIs(addr("10.0.0.3"), w.pim->pimIntf(Dova::IntfId("eth0"))); },
+      [&](World& w) {
+        if (!w.pim->pimNeighbor(addr("10.0.0.3")) || w.sm("10.0.0.3")) return false;
+        w.time = w.wheel->timeMin();
+        reading = 0;
+        failing = 2;  // the first is that of the wheel itself
+        w.wheel->expire();
+        failing = 0;
+        EXPECT_FALSE(w.sm("10.0.0.3"));
+        w.runUntil(w.time + 0.2);
+        EXPECT_TRUE(w.sm("10.0.0.3"));
+        return true;
+      });
+  EXPECT_GT(found, 3u);
+}
+
 TEST_F(AfterFamineTest, AMachineThatFallsBehindAgainCatchesUpAtTheTimeOfTheFirst) {
   auto const eth1 = Vel::create<Intf>(Dova::IntfId("eth1"));
   eth1->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.1.0.1/24"));

@@ -335,5 +335,178 @@ TEST_F(MessageMachineTest, TellsOfEachEntryAlsoWithoutTraces) {
   EXPECT_THAT(writes, Contains("join.rxCount=2"));
 }
 
+TEST_F(MessageMachineTest, ThatIsDroppedWhileItRemovesANeighborLeavesTheOtherSetsToItsSuccessor) {
+  class SetLog final : public JoinPruneStatus::NotifieeConst {
+   public:
+    void onTriggeredGroup(Dova::IpGenAddr) override { drop(); }
+    std::function<void()> drop;
+  };
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  neighbor("10.0.0.2", eth0);
+  start();
+  auto const watcher = Vel::create<MachineLog>(nullptr);
+  watcher->isNondestructingIs(true);
+  watcher->notifierIs(machine);
+  watcher->act = [&] { machine = nullptr; };
+  pim->pimNeighborDel(addr("10.0.0.2"));
+  EXPECT_FALSE(machine);
+  EXPECT_EQ(sets("10.0.0.2"), "top");
+  watcher->notifierIs(nullptr);
+
+  neighbor("10.0.0.2", eth0);
+  start();
+  auto const follower = Vel::create<SetLog>();
+  follower->drop = [&] { machine = nullptr; };
+  follower->notifierIs(status);
+  pim->pimNeighborDel(addr("10.0.0.2"));
+  EXPECT_FALSE(machine);
+  EXPECT_EQ(sets("10.0.0.2"), "op");
+}
+
+TEST_F(MessageMachineTest, LeavesTheSetsOfANeighborThatIsListedAgainWhileItsMachineIsRemoved) {
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  neighbor("10.0.0.2", eth0);
+  start();
+  machine->hasNotificationActiveIs(false);  // so that it makes no machine meanwhile
+  pim->pimNeighborDel(addr("10.0.0.2"));
+  auto const watcher = Vel::create<MachineLog>(machine);
+  watcher->act = [&] { neighbor("10.0.0.2", eth0); };
+  machine->doMaybeDeleteNeighbor(addr("10.0.0.2"));
+  EXPECT_FALSE(sm("10.0.0.2"));
+  EXPECT_EQ(sets("10.0.0.2"), "top");
+}
+
+TEST_F(MessageMachineTest, AnnouncesNoDeletionOfANeighborThatReturnsWhileItIsSeenWhetherAnythingIsPending) {
+  class SetLog final : public Packet::JoinPruneStatus::NotifieeConst {
+   public:
+    void onUpJoinPrune(Dova::IpGenAddr) override {
+      if (act) std::exchange(act, nullptr)();
+    }
+    std::function<void()> act;
+  };
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  neighbor("10.0.0.2", eth0);
+  start();
+  periodicStatus()->upJoinPruneDel(addr("10.0.0.2"));  // it is made to see whether it is empty
+  auto const follower = Vel::create<SetLog>();
+  follower->act = [&] { neighbor("10.0.0.2", eth0); };
+  follower->notifierIs(periodicStatus());
+  log.clear();
+  pim->pimNeighborDel(addr("10.0.0.2"));
+  EXPECT_FALSE(follower->act);
+  EXPECT_THAT(log.take(), Not(Contains(HasSubstr("deleting neighbor"))));
+  EXPECT_TRUE(sm("10.0.0.2"));
+}
+
+TEST_F(MessageMachineTest, LeavesTheMachineThatReplacesANeighborsInTheLineOfItsDeletion) {
+  neighbor("10.0.0.2", intf("eth0", "10.0.0.1/24"));
+  start();
+  inLine("deleting neighbor",
+         [&] { machine->pimIntf(Dova::IntfId("eth0"))->createJoinPruneSm(addr("10.0.0.2")); });
+  pim->pimNeighborDel(addr("10.0.0.2"));
+  ASSERT_TRUE(sm("10.0.0.2"));
+  EXPECT_FALSE(sm("10.0.0.2")->neighbor());
+  EXPECT_EQ(sets("10.0.0.2"), "top");
+}
+
+TEST_F(MessageMachineTest, LeavesANeighborAloneThatIsTakenUpInTheLineInWhichAnInterfaceGivesUpItsAddress) {
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  neighbor("10.0.0.9", eth0);
+  start();
+  auto const eth1 = Vel::create<Intf>(Dova::IntfId("eth1"));
+  addressIs(eth1, "10.0.0.9/24");
+  Vel::Ptr<JoinPruneNeighborSm> takenUp;
+  inLine("Deleting existing SM for 10.0.0.9", [&] {
+    addressIs(eth1, "10.1.0.1/24");
+    pim->pimNeighborNotify(addr("10.0.0.9"));
+    takenUp = sm("10.0.0.9");
+  });
+  pim->pimIntfIs(eth1);
+  ASSERT_TRUE(takenUp);
+  EXPECT_TRUE(sm("10.0.0.9") == takenUp);
+  EXPECT_FALSE(takenUp->retired());
+}
+
+TEST_F(MessageMachineTest, KeepsTheMachineOfAnAddressThatChangesAgainInTheLineOfItsChange) {
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  start();
+  for (char const* const part : {"Address changed", "Previous address", "Intf down"}) {
+    SCOPED_TRACE(part);
+    Vel::Ptr<JoinPruneNeighborSm> made;
+    inLine(part, [&] {
+      addressIs(eth0, "10.0.0.77/24");
+      made = sm("10.0.0.77");
+    });
+    addressIs(eth0, "10.0.0.66/24");
+    ASSERT_TRUE(made);
+    EXPECT_TRUE(sm("10.0.0.77") == made);
+    addressIs(eth0, "10.0.0.1/24");
+  }
+}
+
+TEST_F(MessageMachineTest, MakesNothingForAnInterfaceWhoseReactorIsAZombie) {
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  start();
+  auto const reactor = machine->pimIntf(Dova::IntfId("eth0"));
+  machine->velDoZombieReactors(true);
+  log.clear();
+  reactor->handleNew();
+  addressIs(eth0, "10.0.0.66/24");
+  reactor->handleUsedAddress();
+  reactor->createJoinPruneSm(addr("10.0.0.7"));
+  EXPECT_THAT(log.take(), IsEmpty());
+  EXPECT_EQ(machine->joinPruneNeighborSmCount(), 0u);
+  machine->velDoZombieReactors(false);
+  reactor->notifierIs(nullptr);
+  log.clear();
+  reactor->handleNew();
+  reactor->handleUsedAddress();
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(MessageMachineTest, IsTheStatussLatestUntilItEndsOrAnotherOneIsStarted) {
+  start();
+  auto const* const first = machine.get();
+  EXPECT_EQ(status->velMachine(), first);
+  auto kept = machine;
+  start();
+  auto const* const second = machine.get();
+  EXPECT_EQ(status->velMachine(), second);
+  kept = nullptr;
+  EXPECT_EQ(status->velMachine(), second);
+  machine = nullptr;
+  EXPECT_EQ(status->velMachine(), nullptr);
+}
+
+TEST_F(MessageMachineTest, ThatIsDroppedByTheRpHashWritesNothingOfAnEntryWhoseRpIsRight) {
+  auto const message = Vel::create<Packet::JoinPruneMessage>();
+  message->joinPruneDataIs(Vel::create<Packet::JoinPruneData>(addr("10.0.0.1")));
+  group(message->joinPruneData(), "239.1.1.1")->wcSourceDataIs(wildcard("10.5.0.1"));
+  channel->joinPruneMessageIs(message);
+  start();
+  rpHash->hook = [&] {
+    machine = nullptr;
+    log.clear();
+  };
+  channel->countInc(1);
+  EXPECT_FALSE(machine);
+  EXPECT_EQ(text(rxJoin->upstreamNeighbor()), text(Dova::IpGenAddr()));
+  EXPECT_EQ(rxJoin->rxCount(), 0u);
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(MessageMachineTest, ThatIsDroppedInTheLineOfAnEntryDoesNotCountIt) {
+  auto const message = Vel::create<Packet::JoinPruneMessage>();
+  message->joinPruneDataIs(Vel::create<Packet::JoinPruneData>(addr("10.0.0.1")));
+  group(message->joinPruneData(), "239.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  channel->joinPruneMessageIs(message);
+  start();
+  inLine("handleRxMessage(), Join", [&] { machine = nullptr; });
+  channel->countInc(1);
+  EXPECT_FALSE(machine);
+  EXPECT_EQ(rxJoin->rxCount(), 0u);
+  EXPECT_EQ(text(rxJoin->riKey()), "(10.9.0.1,239.1.1.1)");
+}
+
 }  // namespace
 }  // namespace Routing::Pim

@@ -1,0 +1,525 @@
+// In which order a neighbor machine starts, catches up and tells of what it does: its trace lines, its data
+// sets and its attributes, in one record.
+#include <regex>
+#include <tuple>
+
+#include "tests/pim/joinprune/FailingHeap.h"
+#include "tests/pim/joinprune/World.h"
+
+namespace Routing::Pim {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr char const* H = "239.1.1.2";
+
+class NeighborOrderTest : public testing::Test, protected World {
+ protected:
+  class MachineLog final : public JoinPruneNeighborSm::NotifieeConst {
+   public:
+    explicit MachineLog(Lines& story) : story_(story) {}
+    void onTriggeredTimer() override { tell("triggered timer"); }
+    void onOverrideTimer() override { tell("override timer"); }
+    void onJoinPrunePeriodicTimerSm() override { tell("periodic machine"); }
+    void onTriggeredGroupData(Dova::IpGenAddr g) override {
+      tell("triggered reactor of " + text(g) + (notifier()->triggeredGroupData(g) ? "" : " gone"));
+    }
+    void onOverrideGroupData(Dova::IpGenAddr g) override {
+      tell("override reactor of " + text(g) + (notifier()->overrideGroupData(g) ? "" : " gone"));
+    }
+    void onPeriodicGroupData(Dova::IpGenAddr g) override {
+      tell("periodic reactor of " + text(g) + (notifier()->periodicGroupData(g) ? "" : " gone"));
+    }
+    void onNumPeriodicRoutes() override { tell("routes " + text(notifier()->numPeriodicRoutes())); }
+    void onInitialized() override { tell("initialized"); }
+    std::function<void(std::string const&)> act;
+
+   private:
+    void tell(std::string const& line) {
+      story_.push_back(line);
+      if (act) act(line);
+    }
+    Lines& story_;
+  };
+  class DataLog final : public Packet::JoinPruneData::NotifieeConst {
+   public:
+    DataLog(std::string name, Lines& story) : name_(std::move(name)), story_(story) {}
+    void onPeriodic() override {
+      if (act) act();
+    }
+    void onJoinPruneGroupData(Dova::IpGenAddr g) override {
+      story_.push_back(name_ + " group " + text(g) + (notifier()->joinPruneGroupData(g) ? "" : " gone"));
+    }
+    std::function<void()> act;
+
+   private:
+    std::string const name_;
+    Lines& story_;
+  };
+
+  ~NeighborOrderTest() override { trace.hook = {}; }
+
+  /// With one neighbor. Nothing is traced.
+  void startWithNeighbor() {
+    trace.levels({});
+    neighbor(N, eth0);
+    start();
+    own = sm(N);
+  }
+  void record() {
+    trace.levels({1, 2, 7});
+    trace.hook = [this](Vel::TraceLine const& line) {
+      story.push_back(std::regex_replace(
+          line.text, std::regex("(JoinPruneNeighborSm\\(eth0::10.0.0.2\\)::)?@0x[0-9a-f]+:*"), ""));
+    };
+  }
+  void watch() {
+    watcher->isNondestructingIs(true);
+    watcher->notifierIs(own);
+  }
+  Vel::Ptr<Packet::JoinPruneData> dataOf(int channel) {
+    return channel == 0 ? triggered(N) : channel == 1 ? override_(N) : periodic(N);
+  }
+  bool follows(int channel, char const* g) {
+    return channel == 0   ? own->triggeredGroupData(addr(g)) != nullptr
+           : channel == 1 ? own->overrideGroupData(addr(g)) != nullptr
+                          : own->periodicGroupData(addr(g)) != nullptr;
+  }
+  /// Adds a group of which the machine could not take notice for want of memory.
+  Vel::Ptr<Packet::JoinPruneGroupData> addUnfollowed(int channel, char const* g) {
+    for (std::size_t n = 1; n < 100; ++n) {
+      {
+        FailingHeap::Failure const failure(n);
+        try {
+          dataOf(channel)->joinPruneGroupDataIs(addr(g));
+        } catch (std::bad_alloc const&) {
+        }
+      }
+      auto const added = dataOf(channel)->joinPruneGroupData(addr(g));
+      if (added && !follows(channel, g)) return added;
+      dataOf(channel)->joinPruneGroupDataDel(addr(g));
+    }
+    throw std::logic_error("no request was that of the reactor");
+  }
+
+  TraceLog trace;
+  Lines story;
+  Vel::Ptr<Intf> eth0 = intf("eth0", "10.0.0.1/24");
+  Vel::Ptr<JoinPruneNeighborSm> own;
+  Vel::Ptr<MachineLog> watcher = Vel::create<MachineLog>(story);
+};
+
+TEST_F(NeighborOrderTest, AMachineStartsWithItsTimersInTheOrderOfTheChannelsAndCountsThen) {
+  trace.levels({});
+  start();
+  auto const add = [](Vel::Ptr<Packet::JoinPruneData> const& data) {
+    group(data, G)->joinedSourceIs(addr(S));
+  };
+  add(status->triggeredGroupIs(addr(N)));
+  add(status->overrideGroupIs(addr(N)));
+  add(periodicStatus()->upJoinPruneIs(addr(N)));
+  auto const refresh = Vel::create<DataLog>("periodic", story);
+  refresh->act = [&] {
+    own = sm(N);
+    watch();
+  };
+  refresh->notifierIs(periodic(N));
+  record();
+  neighbor(N, eth0);
+  EXPECT_THAT(
+      story, ElementsAre("JoinPruneMessageSm::handleNeighbor(10.0.0.2), Neighbor up", "triggered timer",
+                         "override timer", "doUpdateTriggeredTimer(): Arming timer, setting holdtime to 210",
+                         "doUpdateOverrideTimer(): Arming timer, setting holdtime to 210", "periodic machine",
+                         "routes 1", "handleInitialized(), total number of periodic joins and prunes is 1",
+                         "initialized"));
+}
+
+TEST_F(NeighborOrderTest, CatchingUpRemovesThenFollowsChannelByChannelAndCountsBeforeItArms) {
+  startWithNeighbor();
+  for (int const channel : {0, 1, 2}) {
+    auto const emptied = addUnfollowed(channel, G);
+    emptied->joinedSourceIs(addr(S));
+    emptied->joinedSourceDel(addr(S));
+    addUnfollowed(channel, H)->joinedSourceIs(addr(S));
+  }
+  std::vector<Vel::Ptr<DataLog>> logs;
+  for (auto const& [channel, name] :
+       {std::pair(0, "triggered"), std::pair(1, "override"), std::pair(2, "periodic")}) {
+    logs.push_back(Vel::create<DataLog>(name, story));
+    logs.back()->notifierIs(dataOf(channel));
+  }
+  watch();
+  record();
+  manager->perMessage = 0;
+  own->handleTriggeredTimerExpiry();
+  EXPECT_THAT(story,
+              ElementsAre("handleTriggeredTimerExpiry()", "handleTriggeredGroup(10.0.0.2)",
+                          "handleTriggeredGroup(10.0.0.2): Deleted", "triggered group 239.1.1.1 gone",
+                          "handleOverrideGroup(10.0.0.2)", "handleOverrideGroup(10.0.0.2): Deleted",
+                          "override group 239.1.1.1 gone", "handlePeriodicGroup(10.0.0.2)",
+                          "handlePeriodicGroup(10.0.0.2): Deleted", "periodic group 239.1.1.1 gone",
+                          "triggered reactor of 239.1.1.2", "override reactor of 239.1.1.2",
+                          "periodic reactor of 239.1.1.2", "routes 1",
+                          "doUpdateOverrideTimer(): Arming timer, setting holdtime to 210",
+                          "handleTriggeredTimerExpiry(): Suspending TX after 0 sources, 0 filtered sources",
+                          "doUpdateTriggeredTimer(): Timer running"));
+  EXPECT_TRUE(own->overrideTimer()->armed());
+}
+
+TEST_F(NeighborOrderTest, AMachineThatFallsBehindArmsItsTriggeredTimerAlone) {
+  startWithNeighbor();
+  for (int const channel : {0, 1, 2}) {
+    SCOPED_TRACE(channel);
+    addUnfollowed(channel, G);
+    EXPECT_EQ(own->triggeredTimer()->timeMin(), time + 0.1);
+    EXPECT_FALSE(own->overrideTimer()->armed());
+    runUntil(time + 1);
+    EXPECT_TRUE(follows(channel, G));
+    dataOf(channel)->joinPruneGroupDataDel(addr(G));
+    runUntil(time + 10);
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsBehindCatchesUpWhenItsPeriodicDataRunsEmptyAndNotBefore) {
+  startWithNeighbor();
+  for (bool const traced : {false, true}) {
+    SCOPED_TRACE(traced);
+    group(periodic(N), G);
+    group(periodic(N), H);
+    addUnfollowed(0, G);
+    if (traced) record();
+    periodic(N)->joinPruneGroupDataDel(addr(H));
+    EXPECT_FALSE(follows(0, G));
+    periodic(N)->joinPruneGroupDataDel(addr(G));
+    EXPECT_TRUE(follows(0, G));
+    triggered(N)->joinPruneGroupDataDel(addr(G));
+  }
+}
+
+TEST_F(NeighborOrderTest, APeriodicGroupThatIsAddedWhileAMachineCatchesUpIsCountedAndKeepsIt) {
+  startWithNeighbor();
+  group(periodic(N), G)->joinedSourceIs(addr(S));
+  addUnfollowed(0, G);
+  pim->pimNeighborDel(addr(N));
+  ASSERT_TRUE(sm(N));
+  watch();
+  watcher->act = [&](std::string const& line) {
+    if (line == "triggered reactor of 239.1.1.1") group(periodic(N), H)->joinedSourceIs(addr(S));
+  };
+  periodic(N)->joinPruneGroupData(addr(G))->joinedSourceDel(addr(S));
+  EXPECT_TRUE(sm(N) == own);
+  EXPECT_EQ(own->numPeriodicRoutes(), 1u);
+  periodic(N)->joinPruneGroupData(addr(H))->joinedSourceDel(addr(S));
+  EXPECT_FALSE(sm(N));
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsRetiredWhileItCatchesUpForItsLastGroupIsNotAskedAboutAnyMore) {
+  startWithNeighbor();
+  group(periodic(N), G);
+  addUnfollowed(0, G);
+  watch();
+  watcher->act = [&](std::string const&) { machine->joinPruneNeighborSmDel(addr(N)); };
+  record();
+  trace.levels({1, 2, 7, 8});
+  periodic(N)->joinPruneGroupDataDel(addr(G));
+  EXPECT_TRUE(own->retired());
+  EXPECT_THAT(story, Not(Contains(HasSubstr("doMaybeDeleteNeighbor"))));
+}
+
+TEST_F(NeighborOrderTest, AnOwnerThatCouldNotBeAskedWhenTheDataRanEmptyIsAskedAfterCatchingUp) {
+  startWithNeighbor();
+  auto const last = group(periodic(N), G);
+  last->joinedSourceIs(addr(S));
+  addUnfollowed(0, G);
+  pim->pimNeighborDel(addr(N));
+  {
+    FailingHeap::Failure const failure(1, ~std::size_t{0} / 2);
+    last->joinedSourceDel(addr(S));
+  }
+  EXPECT_EQ(periodic(N)->joinPruneGroupDataCount(), 0u);
+  EXPECT_TRUE(sm(N));
+  runUntil(time + 1);
+  EXPECT_FALSE(sm(N));
+  EXPECT_EQ(sets(N), "-");
+}
+
+TEST_F(NeighborOrderTest, OfTwoTimersOnlyTheOneThatMissedItsTimeIsDueAtOnce) {
+  startWithNeighbor();
+  for (bool const reviving : {false, true})
+    for (int const channel : {0, 1}) {
+      SCOPED_TRACE(channel);
+      group(dataOf(channel), G)->joinedSourceIs(addr(S));
+      auto const off = [&](bool value) {
+        reviving ? own->velDoZombieReactors(value) : own->hasNotificationActiveIs(!value);
+      };
+      off(true);
+      runUntil(time + 10);
+      off(false);
+      EXPECT_EQ(own->triggeredTimer()->timeMin(), channel == 0 ? time : Vel::never);
+      EXPECT_EQ(own->overrideTimer()->timeMin(), channel == 1 ? time : Vel::never);
+      runUntil(time + 10);
+      EXPECT_EQ(wheel->armedCount(), 0u);
+    }
+}
+
+TEST_F(NeighborOrderTest, AWildcardThatComesAndLeavesIsToldOfAndItsGroupIsRemoved) {
+  startWithNeighbor();
+  watch();
+  record();
+  auto const g = group(periodic(N), G);
+  story.clear();
+  g->wcSourceDataIs(wildcard("10.5.0.1"));
+  EXPECT_THAT(story,
+              ElementsAre("routes 1", "Periodic(239.1.1.1)::handleWcSource(10.5.0.1), added, sources: 1"));
+  story.clear();
+  g->wcSourceDataDel();
+  EXPECT_THAT(story, ElementsAre("Periodic(239.1.1.1)::handleWcSource(*,G), Deleted", "routes 0",
+                                 "Periodic(239.1.1.1)::handleWcSource(): Deleted group 239.1.1.1",
+                                 "periodic reactor of 239.1.1.1 gone", "handlePeriodicGroup(10.0.0.2)",
+                                 "handlePeriodicGroup(10.0.0.2): Deleted"));
+}
+
+TEST_F(NeighborOrderTest, ATimerThatItsMachineHasLetGoDoesNothing) {
+  startWithNeighbor();
+  for (int const channel : {0, 1}) group(dataOf(channel), G)->joinedSourceIs(addr(S));
+  auto const one = own->triggeredTimer();
+  auto const other = own->overrideTimer();
+  machine->joinPruneNeighborSmDel(addr(N));
+  record();
+  one->onTime();
+  other->onTime();
+  EXPECT_THAT(story, IsEmpty());
+  EXPECT_EQ(manager->messages, 0u);
+}
+
+TEST_F(NeighborOrderTest, NoReactorIsMadeOfNoGroup) {
+  startWithNeighbor();
+  auto const said = [](auto const& make) -> std::string {
+    try {
+      make();
+    } catch (Vel::InvalidArgumentException const& error) {
+      return error.what();
+    }
+    return "made";
+  };
+  std::string const before = "null _",
+                    between = " parameter to mutator for Routing::Pim::JoinPruneNeighborSm::";
+  EXPECT_EQ(said([&] { own->newTriggeredGroupData(nullptr); }),
+            before + "triggeredGroupData" + between + "triggeredGroupData not allowed\"");
+  EXPECT_EQ(said([&] { own->newOverrideGroupData(nullptr); }),
+            before + "overrideGroupData" + between + "overrideGroupData not allowed\"");
+  EXPECT_EQ(said([&] { own->newPeriodicGroupData(nullptr); }),
+            before + "periodicGroupData" + between + "periodicGroupData not allowed\"");
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsRemovedLetsGoOfEachReactorThatSomebodyHolds) {
+  startWithNeighbor();
+  for (int const channel : {0, 1, 2}) group(dataOf(channel), G);
+  auto const held = std::tuple(own->triggeredGroup(), own->overrideGroup(), own->periodicGroup(),
+                               own->timerWheel(), own->pimPamManager(), own->triggeredTimer(),
+                               own->overrideTimer(), own->triggeredGroupData(addr(G)),
+                               own->overrideGroupData(addr(G)), own->periodicGroupData(addr(G)));
+  machine->joinPruneNeighborSmDel(addr(N));
+  std::apply(
+      [](auto const&... reactors) {
+        auto const isLetGo = [](auto const& reactor) {
+          EXPECT_TRUE(reactor->isZombie()) << reactor->name();
+          EXPECT_FALSE(reactor->joinPruneNeighborSm()) << reactor->name();
+        };
+        (isLetGo(reactors), ...);
+      },
+      held);
+}
+
+TEST_F(NeighborOrderTest, ATimerThatMissedItsTimeAndIsRemovedIsNotDueAnyMore) {
+  startWithNeighbor();
+  for (int const channel : {0, 1}) {
+    SCOPED_TRACE(channel);
+    for (int const c : {0, 1}) group(dataOf(c), G)->joinedSourceIs(addr(S));
+    own->hasNotificationActiveIs(false);
+    runUntil(time + 10);
+    auto const is = [&](Vel::Ptr<Zanth::TimerWheel> const& w) {
+      channel == 0 ? own->triggeredTimerIs(w) : own->overrideTimerIs(w);
+    };
+    EXPECT_NO_THROW(is(nullptr));
+    EXPECT_NO_THROW(own->hasNotificationActiveIs(true));
+    EXPECT_EQ(wheel->armedCount(), 1u);  // the other one
+    runUntil(time + 10);
+    EXPECT_EQ(dataOf(channel)->joinPruneGroupDataCount(), 1u);
+    dataOf(channel)->joinPruneGroupDataDel(addr(G));
+    is(wheel);
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineWithoutATimerReportsTheWantOfMemoryAndNothingElse) {
+  trace.levels({});
+  for (bool const overriding : {false, true}) {
+    SCOPED_TRACE(overriding);
+    auto const data = Vel::create<Packet::JoinPruneData>(addr(N));
+    auto const bare = joinPruneNeighborSmFactory(nullptr, addr(N), nullptr, nullptr, nullptr, nullptr, data,
+                                                 nullptr, 2.5, nullptr, nullptr);
+    if (overriding) bare->overrideTimerIs(wheel);
+    U32 reports = 0;
+    for (std::size_t n = 1; n < 30; ++n) {
+      trace.clear();
+      {
+        FailingHeap::Failure const failure(n);
+        try {
+          data->joinPruneGroupDataIs(addr(G));
+        } catch (std::bad_alloc const&) {
+        }
+      }
+      for (auto const& line : trace.take()) {
+        ++reports;
+        EXPECT_THAT(line, HasSubstr("std::bad_alloc"));
+      }
+      data->joinPruneGroupDataDel(addr(G));
+    }
+    EXPECT_GT(reports, 0u);
+    EXPECT_EQ(wheel->armedCount(), 0u);
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineThatFallsBehindArmsItsTriggeredTimerAlsoWhileItsOverrideTimerIsArmed) {
+  startWithNeighbor();
+  group(override_(N), H)->joinedSourceIs(addr(S));
+  ASSERT_TRUE(own->overrideTimer()->armed());
+  addUnfollowed(2, G);
+  EXPECT_EQ(own->triggeredTimer()->timeMin(), time + 0.1);
+}
+
+TEST_F(NeighborOrderTest, AMachineThatHasOnlyPartOfItsDataHandlesAnyGroupByHandWithoutTraces) {
+  trace.levels({});
+  for (int const missing : {0, 1, 2}) {
+    SCOPED_TRACE(missing);
+    Vel::Ptr<Packet::JoinPruneData> sets[3];
+    for (int const channel : {0, 1, 2})
+      if (channel != missing) {
+        sets[channel] = Vel::create<Packet::JoinPruneData>(addr(N));
+        group(sets[channel], H);
+      }
+    auto const made = joinPruneNeighborSmFactory(nullptr, addr(N), nullptr, eth0, sets[0], sets[1], sets[2],
+                                                 wheel, 2.5, nullptr, nullptr);
+    for (char const* const g : {G, H}) {
+      EXPECT_NO_THROW(made->handleTriggeredGroup(addr(g)));
+      EXPECT_NO_THROW(made->handleOverrideGroup(addr(g)));
+      EXPECT_NO_THROW(made->handlePeriodicGroup(addr(g)));
+    }
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsRetiredWhileItCountsAtItsStartSaysNothingMore) {
+  trace.levels({});
+  start();
+  group(periodicStatus()->upJoinPruneIs(addr(N)), G)->joinedSourceIs(addr(S));
+  auto const refresh = Vel::create<DataLog>("periodic", story);
+  refresh->act = [&] {
+    own = sm(N);
+    watch();
+  };
+  refresh->notifierIs(periodic(N));
+  watcher->act = [&](std::string const& line) {
+    if (line == "routes 1") machine->joinPruneNeighborSmDel(addr(N));
+  };
+  record();
+  neighbor(N, eth0);
+  ASSERT_TRUE(own);
+  EXPECT_TRUE(own->retired());
+  EXPECT_FALSE(own->initialized());
+  EXPECT_EQ(story.back(), "routes 1");
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsRetiredInTheLineOfAGroupSaysNothingMoreOfIt) {
+  for (int const channel : {0, 1, 2})
+    for (bool const filled : {false, true}) {
+      SCOPED_TRACE(channel);
+      machine = nullptr;
+      startWithNeighbor();
+      record();
+      auto const note = trace.hook;
+      trace.hook = [&](Vel::TraceLine const& line) {
+        note(line);
+        if (line.text.find("Group(") != line.text.npos) machine->joinPruneNeighborSmDel(addr(N));
+      };
+      auto const data = dataOf(channel);
+      story.clear();
+      if (filled) data->newJoinPruneGroupData(addr(N))->joinedSourceIs(addr(S));
+      channel == 0   ? own->handleTriggeredGroup(addr(N))
+      : channel == 1 ? own->handleOverrideGroup(addr(N))
+                     : own->handlePeriodicGroup(addr(N));
+      trace.hook = {};
+      EXPECT_TRUE(own->retired());
+      EXPECT_EQ(story.size(), 1u);
+      EXPECT_EQ(own->numPeriodicRoutes(), 0u);
+      data->joinPruneGroupDataDelAll();
+    }
+}
+
+/// Acts when a wheel loses its last reference.
+class WheelEnd final : public Zanth::TimerWheel::NotifieeConst {
+ public:
+  WheelEnd(Vel::Ptr<Zanth::TimerWheel> const& wheel, std::function<void()> act) : act_(std::move(act)) {
+    isNondestructingIs(true);
+    notifierIs(Vel::Ptr<Zanth::TimerWheel const>(wheel));
+  }
+  void onZeroReferences() override { act_(); }
+
+ private:
+  std::function<void()> const act_;
+};
+
+// The wheel ends with the periodic timer, which alone holds it.
+TEST_F(NeighborOrderTest, AMachineThatIsRemovedHasStoppedItsTimersBeforeAWheelEndsWithIt) {
+  startWithNeighbor();
+  for (int const channel : {0, 1}) group(dataOf(channel), G)->joinedSourceIs(addr(S));
+  auto other = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  own->joinPrunePeriodicTimerSm()->periodicTimerIs(other);
+  U32 ends = 0;
+  auto const end = Vel::create<WheelEnd>(other, [&] {
+    ++ends;
+    EXPECT_EQ(wheel->armedCount(), 0u);
+    EXPECT_TRUE(own->retired());
+  });
+  other = nullptr;
+  EXPECT_EQ(wheel->armedCount(), 2u);
+  machine->joinPruneNeighborSmDel(addr(N));
+  EXPECT_EQ(ends, 1u);
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsReplacedIsInItsPlaceNoMoreWhenAWheelEndsWithIt) {
+  startWithNeighbor();
+  auto other = Vel::create<Zanth::TimerWheel>([this] { return time; });
+  own->joinPrunePeriodicTimerSm()->periodicTimerIs(other);
+  U32 ends = 0;
+  auto const end = Vel::create<WheelEnd>(other, [&] {
+    ++ends;
+    EXPECT_FALSE(sm(N) == own);
+    EXPECT_TRUE(sm(N));
+  });
+  other = nullptr;
+  machine->pimIntf(Dova::IntfId("eth0"))->createJoinPruneSm(addr(N));
+  EXPECT_EQ(ends, 1u);
+}
+
+TEST_F(NeighborOrderTest, TheClockIsNotReadForEachGroupThatAMachineCountsAtItsStart) {
+  trace.levels({});
+  U32 readings = 0;
+  wheel = Vel::create<Zanth::TimerWheel>([&] {
+    ++readings;
+    return time;
+  });
+  start();
+  auto const data = periodicStatus()->upJoinPruneIs(addr(N));
+  for (int g = 1; g <= 200; ++g) group(data, "239.1.2." + std::to_string(g))->joinedSourceIs(addr(S));
+  readings = 0;
+  neighbor(N, eth0);
+  EXPECT_EQ(sm(N)->numPeriodicRoutes(), 200u);
+  EXPECT_LT(readings, 10u);
+}
+
+}  // namespace
+}  // namespace Routing::Pim
