@@ -11,7 +11,7 @@
 //   - first after a random part of Triggered_Hello_Delay, then in every Hello_Period
 //   - within Triggered_Hello_Delay after a neighbor is new or has restarted; the period stays as it is
 //   - at once after a change of what is announced, if one was sent before
-//   - before a Join/Prune to a neighbor that was not sent one since it is new or has restarted: sendHelloBefore()
+//   - before a Join/Prune to a neighbor that is new or has restarted since the last one: sendHelloBefore()
 //   - with a hold time of 0 when the link ends
 //
 // A Hello that the sink wants later is tried again after 0.1 s.

@@ -14,7 +14,7 @@ namespace Routing::Pim::Jpagent {
 namespace {
 
 using namespace Test;
-using json = nlohmann::ordered_json;  // The order of the options counts.
+using OrderedJson = nlohmann::ordered_json;  // The order of the options counts.
 
 // What a Hello says, each option on its own, the bytes of an unknown one included.
 std::vector<std::string> optionsOf(Wire::Hello const& hello) {
@@ -40,12 +40,12 @@ std::vector<std::string> optionsOf(Wire::Hello const& hello) {
   return told;
 }
 
-std::vector<json> listOf(json const& value) {
-  return value.is_array() ? value.get<std::vector<json>>() : std::vector<json>{value};
+std::vector<OrderedJson> orderedListOf(OrderedJson const& value) {
+  return value.is_array() ? value.get<std::vector<OrderedJson>>() : std::vector<OrderedJson>{value};
 }
 
 // tshark names an option by its text, so options that say the same are a list.
-void tellOption(json const& option, std::vector<std::string>& told) {
+void tellOption(OrderedJson const& option, std::vector<std::string>& told) {
   auto const text = [&option](char const* field) { return option.value(field, "none"); };
   switch (std::stoi(text("pim.optiontype"))) {
     case 1:
@@ -65,7 +65,7 @@ void tellOption(json const& option, std::vector<std::string>& told) {
       for (auto const* field : {"pim.address_list", "pim.address_list_ip6"}) {
         auto const& list = option["Address List (24)"];
         if (!list.contains(field)) continue;
-        for (auto const& address : listOf(list[field]))
+        for (auto const& address : orderedListOf(list[field]))
           told.push_back("address " + address.get<std::string>());
       }
       break;
@@ -74,18 +74,18 @@ void tellOption(json const& option, std::vector<std::string>& told) {
   }
 }
 
-std::vector<std::vector<std::string>> toldByTshark(std::string const& path) {
+std::vector<std::vector<std::string>> hellosToldByTshark(std::string const& path) {
   auto const outcome =
       run("tshark", {"-r", path, "-T", "json", "--no-duplicate-keys", "-Y", "pim.type == 0"});
   std::vector<std::vector<std::string>> packets;
-  for (auto const& packet : json::parse(outcome.out)) {
+  for (auto const& packet : OrderedJson::parse(outcome.out)) {
     auto const& layers = packet["_source"]["layers"];
     auto& told = packets.emplace_back();
     if (layers.contains("_ws.malformed")) told.push_back("malformed");
     if (layers["pim"].value("pim.cksum.status", "") != "1") told.push_back("bad checksum");
     if (!layers["pim"].contains("pim.option")) continue;
     for (auto const& options : layers["pim"]["pim.option"])
-      for (auto const& option : listOf(options)) tellOption(option, told);
+      for (auto const& option : orderedListOf(options)) tellOption(option, told);
   }
   return packets;
 }
@@ -123,7 +123,7 @@ TEST(HelloTsharkTest, TsharkReadsEveryOptionAsItWasWritten) {
     sent.push_back(optionsOf(hello));
   }
   TemporaryFolder const folder;
-  EXPECT_EQ(toldByTshark(writeCapture(folder, DLT_EN10MB, frames)), sent);
+  EXPECT_EQ(hellosToldByTshark(writeCapture(folder, DLT_EN10MB, frames)), sent);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 // The message machine at the edges: what is changed inside its lines and callbacks, and what is missing.
+#include "pim/joinprune/private/RecordAccess.h"
 #include "tests/pim/joinprune/FailingHeap.h"
 #include "tests/pim/joinprune/World.h"
 
@@ -467,15 +468,15 @@ TEST_F(MessageMachineTest, MakesNothingForAnInterfaceWhoseReactorIsAZombie) {
 TEST_F(MessageMachineTest, IsTheStatussLatestUntilItEndsOrAnotherOneIsStarted) {
   start();
   auto const* const first = machine.get();
-  EXPECT_EQ(status->velMachine(), first);
+  EXPECT_EQ(EngineAccess<JoinPruneStatus>::machine(*status), first);
   auto kept = machine;
   start();
   auto const* const second = machine.get();
-  EXPECT_EQ(status->velMachine(), second);
+  EXPECT_EQ(EngineAccess<JoinPruneStatus>::machine(*status), second);
   kept = nullptr;
-  EXPECT_EQ(status->velMachine(), second);
+  EXPECT_EQ(EngineAccess<JoinPruneStatus>::machine(*status), second);
   machine = nullptr;
-  EXPECT_EQ(status->velMachine(), nullptr);
+  EXPECT_EQ(EngineAccess<JoinPruneStatus>::machine(*status), nullptr);
 }
 
 TEST_F(MessageMachineTest, ThatIsDroppedByTheRpHashWritesNothingOfAnEntryWhoseRpIsRight) {

@@ -18,7 +18,7 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 auto const group = "239.1.1.1"_ip;
-auto const rp = "10.9.9.9"_ip;
+auto const otherRp = "10.9.9.9"_ip;
 
 // --- Flags
 
@@ -140,15 +140,15 @@ TEST_F(GroupDataTest, TheKindsAreIndependentOfEachOther) {
 }
 
 TEST_F(GroupDataTest, TheWildcardAloneMakesAGroupNotEmpty) {
-  auto const record = Vel::create<WcSourceData>(rp, true);
-  EXPECT_EQ(record->address(), rp);
+  auto const record = Vel::create<WcSourceData>(otherRp, true);
+  EXPECT_EQ(record->address(), otherRp);
   EXPECT_TRUE(record->join());
   data->wcSourceDataIs(record);
   data->wcSourceDataIs(record);
   EXPECT_THAT(taken(log), ElementsAre("wildcard"));
   EXPECT_FALSE(data->empty());
   EXPECT_EQ(data->routes(), 1u);
-  data->wcSourceDataIs(Vel::create<WcSourceData>(rp, true));  // another one that says the same
+  data->wcSourceDataIs(Vel::create<WcSourceData>(otherRp, true));  // another one that says the same
   EXPECT_THAT(taken(log), ElementsAre("wildcard"));
   EXPECT_EQ(record->references(), 1u);
   data->wcSourceDataDel();
@@ -167,7 +167,7 @@ TEST_F(GroupDataTest, TheCountsAreInsideTheCallbackWhatTheyAreAfterIt) {
   auto const counting = Vel::create<Counting>();
   counting->notifierIs(data);
   data->joinedSourceIs("10.0.0.1"_ip);
-  data->wcSourceDataIs(Vel::create<WcSourceData>(rp, false));
+  data->wcSourceDataIs(Vel::create<WcSourceData>(otherRp, false));
   data->joinedSourceDel("10.0.0.1"_ip);
   data->wcSourceDataDel();
   EXPECT_THAT(counting->routes, ElementsAre(1, 2, 1, 0));
@@ -198,7 +198,7 @@ TEST_F(GroupDataTest, RoutesAndEmptyAgreeWithPlainSetsUnderRandomOperations) {
         ASSERT_EQ(((*data).*kinds[k].del)(source), model[k].erase(source) == 1);
       }
       if (random() % 4 == 0)
-        data->wcSourceDataIs(random() % 2 == 0 ? Vel::create<WcSourceData>(rp, true) : nullptr);
+        data->wcSourceDataIs(random() % 2 == 0 ? Vel::create<WcSourceData>(otherRp, true) : nullptr);
       std::size_t routes = data->wcSourceData() ? 1 : 0;
       for (auto const& sources : model) routes += sources.size();
       ASSERT_EQ(data->routes(), routes);
@@ -231,7 +231,7 @@ TEST_F(GroupDataTest, AConstViewChangesNothing) {
       {"prunedRptSourceDel", [&] { view->prunedRptSourceDel(source); }},
       {"prunedRptSourceDel of an iterator", [&] { view->prunedRptSourceDel(atPrunedRpt); }},
       {"prunedRptSourceDelAll", [&] { view->prunedRptSourceDelAll(); }},
-      {"wcSourceDataIs", [&] { view->wcSourceDataIs(Vel::create<WcSourceData>(rp, true)); }},
+      {"wcSourceDataIs", [&] { view->wcSourceDataIs(Vel::create<WcSourceData>(otherRp, true)); }},
       {"wcSourceDataDel", [&] { view->wcSourceDataDel(); }},
   });
   EXPECT_EQ(data->routes(), 1u);

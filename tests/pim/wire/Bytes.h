@@ -10,6 +10,11 @@
 
 namespace Routing::Pim::Wire::Test {
 
+// The usual sender of each family, and where its packets are sent.
+inline IpGenAddr const sender("10.0.0.14"), sender6("fe80::14");
+inline IpGenAddr const routers = allPimRouters(AddressFamily::ipv4);
+inline IpGenAddr const routers6 = allPimRouters(AddressFamily::ipv6);
+
 using Bytes = std::vector<U8>;
 
 /// Two hex digits a byte; blanks are for the reader's eye.

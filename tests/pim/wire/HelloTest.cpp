@@ -20,11 +20,6 @@ namespace {
 using namespace Test;
 using testing::ThrowsMessage;
 
-IpGenAddr const sender("10.0.0.14");
-IpGenAddr const sender6("fe80::14");
-IpGenAddr const routers = allPimRouters(AddressFamily::ipv4);
-IpGenAddr const routers6 = allPimRouters(AddressFamily::ipv6);
-
 // The header, and a checksum that is right.
 Bytes helloBytes(std::string_view options, IpGenAddr const& from = sender, IpGenAddr const& to = routers) {
   return withChecksum(hex("20000000") + hex(options), from, to);

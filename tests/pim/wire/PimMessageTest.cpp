@@ -27,11 +27,6 @@ namespace {
 
 using namespace Test;
 
-IpGenAddr const sender("10.0.0.14");
-IpGenAddr const sender6("fe80::14");
-IpGenAddr const routers = allPimRouters(AddressFamily::ipv4);
-IpGenAddr const routers6 = allPimRouters(AddressFamily::ipv6);
-
 // Two groups and every kind of entry, over IPv4.
 Bytes const ipv4Bytes = hex(R"(
     23 00 a9 aa
