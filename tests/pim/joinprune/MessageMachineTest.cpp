@@ -456,6 +456,7 @@ TEST_F(MessageMachineTest, MakesNothingForAnInterfaceWhoseReactorIsAZombie) {
   reactor->createJoinPruneSm(addr("10.0.0.7"));
   EXPECT_THAT(log.take(), IsEmpty());
   EXPECT_EQ(machine->joinPruneNeighborSmCount(), 0u);
+  EXPECT_EQ(sets("10.0.0.7"), "-");
   machine->velDoZombieReactors(false);
   reactor->notifierIs(nullptr);
   log.clear();
@@ -506,6 +507,22 @@ TEST_F(MessageMachineTest, ThatIsDroppedInTheLineOfAnEntryDoesNotCountIt) {
   EXPECT_FALSE(machine);
   EXPECT_EQ(rxJoin->rxCount(), 0u);
   EXPECT_EQ(text(rxJoin->riKey()), "(10.9.0.1,239.1.1.1)");
+}
+
+TEST_F(MessageMachineTest, RemovesAtItsStartWhatIsLeftOfEachNeighborWhoeverElseIsListed) {
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  Lines gone;
+  for (int n = 2; n < 30; ++n) {
+    std::string const address = "10.0.0." + std::to_string(n);
+    periodicStatus()->upJoinPruneIs(addr(address));
+    if (n % 2 == 0)
+      neighbor(address, eth0);
+    else
+      gone.push_back(address);
+  }
+  start();
+  for (auto const& address : gone) EXPECT_EQ(sets(address), "-") << address;
+  EXPECT_EQ(machine->joinPruneNeighborSmCount(), 15u);
 }
 
 }  // namespace
