@@ -524,5 +524,53 @@ TEST_F(NeighborOrderTest, TheClockIsNotReadForEachGroupThatAMachineCountsAtItsSt
   EXPECT_LT(readings, 10u);
 }
 
+TEST_F(NeighborOrderTest, AGroupThatIsEmptiedWhileItsTimerIsArmedIsRemovedAlsoWithoutTraces) {
+  startWithNeighbor();
+  for (int const channel : {0, 1}) {
+    auto const g = group(dataOf(channel), G);
+    g->joinedSourceIs(addr(S));
+    g->joinedSourceIs(addr("10.9.0.2"));
+    g->joinedSourceDel(addr(S));
+    EXPECT_TRUE(dataOf(channel)->joinPruneGroupData(addr(G)));
+    g->joinedSourceDel(addr("10.9.0.2"));
+    EXPECT_FALSE(dataOf(channel)->joinPruneGroupData(addr(G)));
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsRetiredInTheLineOfItsLastSourceSaysNothingOfTheGroup) {
+  for (int const channel : {0, 1, 2}) {
+    SCOPED_TRACE(channel);
+    machine = nullptr;
+    startWithNeighbor();
+    auto const g = group(dataOf(channel), G);
+    g->prunedSourceIs(addr(S));
+    record();
+    auto const note = trace.hook;
+    trace.hook = [&](Vel::TraceLine const& line) {
+      note(line);
+      if (line.text.find(channel == 2 ? ", Deleted" : ", Sent") != line.text.npos)
+        machine->joinPruneNeighborSmDel(addr(N));
+    };
+    story.clear();
+    g->prunedSourceDel(addr(S));
+    trace.hook = {};
+    EXPECT_TRUE(own->retired());
+    EXPECT_THAT(story, Not(Contains(HasSubstr("group"))));
+    EXPECT_TRUE(dataOf(channel)->joinPruneGroupData(addr(G)));  // left to the next machine
+    dataOf(channel)->joinPruneGroupDataDelAll();
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineWithoutDataSendsNothingWhenItsHandlersAreCalled) {
+  trace.levels({});
+  manager->start();
+  auto const bare = joinPruneNeighborSmFactory(nullptr, addr(N), nullptr, eth0, nullptr, nullptr, nullptr,
+                                               wheel, 2.5, manager, Vel::create<Packet::JoinPruneMessage>());
+  bare->handleTriggeredTimerExpiry();
+  bare->handleOverrideTimerExpiry();
+  EXPECT_EQ(manager->messages, 0u);
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
 }  // namespace
 }  // namespace Routing::Pim
