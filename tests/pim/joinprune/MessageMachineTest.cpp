@@ -525,5 +525,25 @@ TEST_F(MessageMachineTest, RemovesAtItsStartWhatIsLeftOfEachNeighborWhoeverElseI
   EXPECT_EQ(machine->joinPruneNeighborSmCount(), 15u);
 }
 
+TEST_F(MessageMachineTest, LetsGoOfTheManagerAndTheWheelOnlyWhenItHasToldOfTheEndOfItsNeighbors) {
+  neighbor("10.0.0.2", intf("eth0", "10.0.0.1/24"));
+  start();
+  auto const manages = machine->pimPamManager();
+  auto const clock = machine->timerWheel();
+  auto const watcher = Vel::create<MachineLog>(nullptr);
+  watcher->isNondestructingIs(true);
+  watcher->notifierIs(machine);
+  machine->pimIntfDelAll();
+  watcher->lines.clear();
+  watcher->act = [&] {
+    EXPECT_FALSE(manages->isZombie());
+    EXPECT_FALSE(clock->isZombie());
+  };
+  machine = nullptr;
+  EXPECT_THAT(watcher->lines, testing::ElementsAre("machine 10.0.0.2"));
+  EXPECT_TRUE(manages->isZombie());
+  EXPECT_TRUE(clock->isZombie());
+}
+
 }  // namespace
 }  // namespace Routing::Pim
