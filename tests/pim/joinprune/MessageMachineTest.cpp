@@ -509,19 +509,19 @@ TEST_F(MessageMachineTest, ThatIsDroppedInTheLineOfAnEntryDoesNotCountIt) {
   EXPECT_EQ(text(rxJoin->riKey()), "(10.9.0.1,239.1.1.1)");
 }
 
-TEST_F(MessageMachineTest, RemovesAtItsStartWhatIsLeftOfEachNeighborWhoeverElseIsListed) {
+TEST_F(MessageMachineTest, RemovesAtItsStartWhatIsLeftOfEachNeighborThatIsNotListed) {
   auto const eth0 = intf("eth0", "10.0.0.1/24");
-  Lines gone;
+  Lines unlisted;
   for (int n = 2; n < 30; ++n) {
     std::string const address = "10.0.0." + std::to_string(n);
     periodicStatus()->upJoinPruneIs(addr(address));
     if (n % 2 == 0)
       neighbor(address, eth0);
     else
-      gone.push_back(address);
+      unlisted.push_back(address);
   }
   start();
-  for (auto const& address : gone) EXPECT_EQ(sets(address), "-") << address;
+  for (auto const& address : unlisted) EXPECT_EQ(sets(address), "-") << address;
   EXPECT_EQ(machine->joinPruneNeighborSmCount(), 15u);
 }
 
