@@ -457,6 +457,7 @@ TEST_F(MessageMachineTest, MakesNothingForAnInterfaceWhoseReactorIsAZombie) {
   reactor->createJoinPruneSm(addr("10.0.0.7"));
   EXPECT_THAT(log.take(), IsEmpty());
   EXPECT_EQ(machine->joinPruneNeighborSmCount(), 0u);
+  EXPECT_EQ(sets("10.0.0.7"), "-");
   machine->velDoZombieReactors(false);
   reactor->notifierIs(nullptr);
   log.clear();
@@ -507,6 +508,42 @@ TEST_F(MessageMachineTest, ThatIsDroppedInTheLineOfAnEntryDoesNotCountIt) {
   EXPECT_FALSE(machine);
   EXPECT_EQ(rxJoin->rxCount(), 0u);
   EXPECT_EQ(text(rxJoin->riKey()), "(10.9.0.1,239.1.1.1)");
+}
+
+TEST_F(MessageMachineTest, RemovesAtItsStartWhatIsLeftOfEachNeighborThatIsNotListed) {
+  auto const eth0 = intf("eth0", "10.0.0.1/24");
+  Lines unlisted;
+  for (int n = 2; n < 30; ++n) {
+    std::string const address = "10.0.0." + std::to_string(n);
+    periodicStatus()->upJoinPruneIs(addr(address));
+    if (n % 2 == 0)
+      neighbor(address, eth0);
+    else
+      unlisted.push_back(address);
+  }
+  start();
+  for (auto const& address : unlisted) EXPECT_EQ(sets(address), "-") << address;
+  EXPECT_EQ(machine->joinPruneNeighborSmCount(), 15u);
+}
+
+TEST_F(MessageMachineTest, LetsGoOfTheManagerAndTheWheelOnlyWhenItHasToldOfTheEndOfItsNeighbors) {
+  neighbor("10.0.0.2", intf("eth0", "10.0.0.1/24"));
+  start();
+  auto const manages = machine->pimPamManager();
+  auto const clock = machine->timerWheel();
+  auto const watcher = Vel::create<MachineLog>(nullptr);
+  watcher->isNondestructingIs(true);
+  watcher->notifierIs(machine);
+  machine->pimIntfDelAll();
+  watcher->lines.clear();
+  watcher->act = [&] {
+    EXPECT_FALSE(manages->isZombie());
+    EXPECT_FALSE(clock->isZombie());
+  };
+  machine = nullptr;
+  EXPECT_THAT(watcher->lines, testing::ElementsAre("machine 10.0.0.2"));
+  EXPECT_TRUE(manages->isZombie());
+  EXPECT_TRUE(clock->isZombie());
 }
 
 }  // namespace

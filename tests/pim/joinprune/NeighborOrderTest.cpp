@@ -26,13 +26,13 @@ class NeighborOrderTest : public testing::Test, protected World {
     void onOverrideTimer() override { tell("override timer"); }
     void onJoinPrunePeriodicTimerSm() override { tell("periodic machine"); }
     void onTriggeredGroupData(Dova::IpGenAddr g) override {
-      tell("triggered reactor of " + text(g) + (notifier()->triggeredGroupData(g) ? "" : " gone"));
+      tell("triggered reactor of " + text(g) + (notifier()->triggeredGroupData(g) ? "" : " removed"));
     }
     void onOverrideGroupData(Dova::IpGenAddr g) override {
-      tell("override reactor of " + text(g) + (notifier()->overrideGroupData(g) ? "" : " gone"));
+      tell("override reactor of " + text(g) + (notifier()->overrideGroupData(g) ? "" : " removed"));
     }
     void onPeriodicGroupData(Dova::IpGenAddr g) override {
-      tell("periodic reactor of " + text(g) + (notifier()->periodicGroupData(g) ? "" : " gone"));
+      tell("periodic reactor of " + text(g) + (notifier()->periodicGroupData(g) ? "" : " removed"));
     }
     void onNumPeriodicRoutes() override { tell("routes " + text(notifier()->numPeriodicRoutes())); }
     void onInitialized() override { tell("initialized"); }
@@ -52,7 +52,7 @@ class NeighborOrderTest : public testing::Test, protected World {
       if (act) act();
     }
     void onJoinPruneGroupData(Dova::IpGenAddr g) override {
-      story_.push_back(name_ + " group " + text(g) + (notifier()->joinPruneGroupData(g) ? "" : " gone"));
+      story_.push_back(name_ + " group " + text(g) + (notifier()->joinPruneGroupData(g) ? "" : " removed"));
     }
     std::function<void()> act;
 
@@ -158,10 +158,10 @@ TEST_F(NeighborOrderTest, CatchingUpRemovesThenFollowsChannelByChannelAndCountsB
   own->handleTriggeredTimerExpiry();
   EXPECT_THAT(story,
               ElementsAre("handleTriggeredTimerExpiry()", "handleTriggeredGroup(10.0.0.2)",
-                          "handleTriggeredGroup(10.0.0.2): Deleted", "triggered group 239.1.1.1 gone",
+                          "handleTriggeredGroup(10.0.0.2): Deleted", "triggered group 239.1.1.1 removed",
                           "handleOverrideGroup(10.0.0.2)", "handleOverrideGroup(10.0.0.2): Deleted",
-                          "override group 239.1.1.1 gone", "handlePeriodicGroup(10.0.0.2)",
-                          "handlePeriodicGroup(10.0.0.2): Deleted", "periodic group 239.1.1.1 gone",
+                          "override group 239.1.1.1 removed", "handlePeriodicGroup(10.0.0.2)",
+                          "handlePeriodicGroup(10.0.0.2): Deleted", "periodic group 239.1.1.1 removed",
                           "triggered reactor of 239.1.1.2", "override reactor of 239.1.1.2",
                           "periodic reactor of 239.1.1.2", "routes 1",
                           "doUpdateOverrideTimer(): Arming timer, setting holdtime to 210",
@@ -279,7 +279,7 @@ TEST_F(NeighborOrderTest, AWildcardThatComesAndLeavesIsToldOfAndItsGroupIsRemove
   g->wcSourceDataDel();
   EXPECT_THAT(story, ElementsAre("Periodic(239.1.1.1)::handleWcSource(*,G), Deleted", "routes 0",
                                  "Periodic(239.1.1.1)::handleWcSource(): Deleted group 239.1.1.1",
-                                 "periodic reactor of 239.1.1.1 gone", "handlePeriodicGroup(10.0.0.2)",
+                                 "periodic reactor of 239.1.1.1 removed", "handlePeriodicGroup(10.0.0.2)",
                                  "handlePeriodicGroup(10.0.0.2): Deleted"));
 }
 
@@ -519,6 +519,144 @@ TEST_F(NeighborOrderTest, TheClockIsNotReadForEachGroupThatAMachineCountsAtItsSt
   neighbor(N, eth0);
   EXPECT_EQ(sm(N)->numPeriodicRoutes(), 200u);
   EXPECT_LT(readings, 10u);
+}
+
+TEST_F(NeighborOrderTest, AGroupThatIsEmptiedWhileItsTimerIsArmedIsRemovedAlsoWithoutTraces) {
+  startWithNeighbor();
+  for (int const channel : {0, 1}) {
+    auto const g = group(dataOf(channel), G);
+    g->joinedSourceIs(addr(S));
+    g->joinedSourceIs(addr("10.9.0.2"));
+    g->joinedSourceDel(addr(S));
+    EXPECT_TRUE(dataOf(channel)->joinPruneGroupData(addr(G)));
+    g->joinedSourceDel(addr("10.9.0.2"));
+    EXPECT_FALSE(dataOf(channel)->joinPruneGroupData(addr(G)));
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsRetiredInTheLineOfItsLastSourceSaysNothingOfTheGroup) {
+  for (int const channel : {0, 1, 2}) {
+    SCOPED_TRACE(channel);
+    machine = nullptr;
+    startWithNeighbor();
+    auto const g = group(dataOf(channel), G);
+    g->prunedSourceIs(addr(S));
+    record();
+    auto const note = trace.hook;
+    trace.hook = [&](Vel::TraceLine const& line) {
+      note(line);
+      if (line.text.find(channel == 2 ? ", Deleted" : ", Sent") != line.text.npos)
+        machine->joinPruneNeighborSmDel(addr(N));
+    };
+    story.clear();
+    g->prunedSourceDel(addr(S));
+    trace.hook = {};
+    EXPECT_TRUE(own->retired());
+    EXPECT_THAT(story, Not(Contains(HasSubstr("group"))));
+    EXPECT_TRUE(dataOf(channel)->joinPruneGroupData(addr(G)));  // left to the next machine
+    dataOf(channel)->joinPruneGroupDataDelAll();
+  }
+}
+
+TEST_F(NeighborOrderTest, AMachineWithoutDataSendsNothingWhenItsHandlersAreCalled) {
+  trace.levels({});
+  manager->start();
+  auto const bare = joinPruneNeighborSmFactory(nullptr, addr(N), nullptr, eth0, nullptr, nullptr, nullptr,
+                                               wheel, 2.5, manager, Vel::create<Packet::JoinPruneMessage>());
+  bare->handleTriggeredTimerExpiry();
+  bare->handleOverrideTimerExpiry();
+  EXPECT_EQ(manager->messages, 0u);
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
+TEST_F(NeighborOrderTest, AMachineThatIsSwitchedOnOrRevivedIsSoAsAWholeBeforeItReadsAClock) {
+  trace.levels({});
+  std::function<void()> onClock;
+  wheel = Vel::create<Zanth::TimerWheel>([&] {
+    if (onClock) onClock();
+    return time;
+  });
+  startWithNeighbor();
+  U32 readings = 0;
+  auto const refresh = own->joinPrunePeriodicTimerSm();
+  auto const check = [&] {
+    ++readings;
+    EXPECT_TRUE(own->triggeredTimer()->hasNotificationActive());
+    EXPECT_TRUE(refresh->periodicTimer()->hasNotificationActive());
+    EXPECT_FALSE(own->triggeredTimer()->isZombie());
+    EXPECT_FALSE(refresh->periodicTimer()->isZombie());
+  };
+  for (bool const reviving : {false, true}) {
+    for (int const channel : {0, 1, 2}) group(dataOf(channel), G)->joinedSourceIs(addr(S));
+    reviving ? own->velDoZombieReactors(true) : own->hasNotificationActiveIs(false);
+    runUntil(time + 100);
+    readings = 0;
+    onClock = check;
+    reviving ? own->velDoZombieReactors(false) : own->hasNotificationActiveIs(true);
+    onClock = nullptr;
+    EXPECT_GE(readings, 3u);
+    runUntil(time + 1);
+  }
+}
+
+TEST_F(NeighborOrderTest, AReactorIsLetGoBeforeItsRemovalIsToldOf) {
+  startWithNeighbor();
+  for (int const channel : {0, 1, 2}) group(dataOf(channel), G);
+  auto const one = own->triggeredGroupData(addr(G));
+  auto const two = own->overrideGroupData(addr(G));
+  auto const three = own->periodicGroupData(addr(G));
+  watch();
+  watcher->act = [&](std::string const& line) {
+    bool const isZombie = line.starts_with("triggered")  ? one->isZombie()
+                          : line.starts_with("override") ? two->isZombie()
+                                                         : three->isZombie();
+    EXPECT_TRUE(isZombie) << line;
+  };
+  for (int const channel : {0, 1, 2}) dataOf(channel)->joinPruneGroupDataDel(addr(G));
+  EXPECT_THAT(story,
+              ElementsAre("triggered reactor of 239.1.1.1 removed", "override reactor of 239.1.1.1 removed",
+                          "periodic reactor of 239.1.1.1 removed"));
+}
+
+TEST_F(NeighborOrderTest, TheTimerFollowsTheCountBeforeTheCountIsValidated) {
+  startWithNeighbor();
+  auto const g = group(periodic(N), G);
+  record();
+  trace.levels({8});
+  g->joinedSourceIs(addr(S));
+  std::erase_if(story, [](std::string const& line) {
+    return line.find("interval()") == line.npos && line.find("validate") == line.npos;
+  });
+  EXPECT_THAT(story, ElementsAre(HasSubstr("interval()"), "validateNumPeriodicRoutes(1)"));
+}
+
+TEST_F(NeighborOrderTest, AMachineThatTheClockMakesCatchUpWhileItFallsBehindDoesSo) {
+  trace.levels({});
+  std::function<void()> onClock;
+  wheel = Vel::create<Zanth::TimerWheel>([&] {
+    if (auto const once = std::exchange(onClock, nullptr)) once();
+    return time;
+  });
+  startWithNeighbor();
+  U32 caughtUp = 0;
+  for (std::size_t n = 1; n < 60; ++n) {
+    onClock = [&] {
+      own->handleTriggeredTimerExpiry();
+      EXPECT_TRUE(follows(2, G));
+      ++caughtUp;
+    };
+    {
+      FailingHeap::Failure const failure(n);
+      try {
+        periodic(N)->joinPruneGroupDataIs(addr(G));
+      } catch (std::bad_alloc const&) {
+      }
+    }
+    onClock = nullptr;
+    periodic(N)->joinPruneGroupDataDel(addr(G));
+    runUntil(time + 1);
+  }
+  EXPECT_GT(caughtUp, 0u);
 }
 
 }  // namespace
