@@ -72,6 +72,16 @@ class Simulation::MachineWatch final : public JoinPruneMessageSm::NotifieeConst 
   Simulation& simulation_;
 };
 
+// Hears of each timer before it is called.
+class Simulation::ExpiryWatch final : public Zanth::TimerExpiry::NotifieeConst {
+ public:
+  explicit ExpiryWatch(Simulation& simulation) : simulation_(simulation) {}
+  void onTimer() override { simulation_.timerFires(*notifier()->timer()); }
+
+ private:
+  Simulation& simulation_;
+};
+
 class Simulation::RecordWatch final : public JoinPruneMessageInfo::NotifieeConst {
  public:
   RecordWatch(Simulation& simulation, bool join) : simulation_(simulation), join_(join) {}

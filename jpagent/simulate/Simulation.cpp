@@ -46,6 +46,7 @@ Simulation::Simulation(std::ostream& out, Speaker::PacketSink* alsoTo, std::size
       rxPrune_(joinPruneMessageInfoFactory()),
       channel_(Vel::create<IO::MessageInfo>()),
       machineWatch_(Vel::create<MachineWatch>(*this)),
+      expiryWatch_(Vel::create<ExpiryWatch>(*this)),
       joinWatch_(Vel::create<RecordWatch>(*this, true)),
       pruneWatch_(Vel::create<RecordWatch>(*this, false)),
       mayLookAt_(mayLookAt) {
@@ -53,6 +54,7 @@ Simulation::Simulation(std::ostream& out, Speaker::PacketSink* alsoTo, std::size
   RingMessages::clock(now_);
   Vel::traceSinkIs([this](Vel::TraceLine const& trace) { traced(trace); });
   status_->periodicGroupStatusIs(Vel::create<Packet::JoinPruneStatus>());
+  expiryWatch_->notifierIs(wheel_->expiry());
   joinWatch_->notifierIs(rxJoin_);
   pruneWatch_->notifierIs(rxPrune_);
   // Another router's join suppresses one's own (RFC 7761, 4.5.5); nothing suppresses a prune.
@@ -67,6 +69,7 @@ Simulation::Simulation(std::ostream& out, Speaker::PacketSink* alsoTo, std::size
 // Silent: what ends with the process is not part of the story.
 Simulation::~Simulation() {
   machineWatch_->notifierIs(nullptr);
+  expiryWatch_->notifierIs(nullptr);
   traceLevelsAre(0);
   Vel::traceSinkIs({});
   machine_ = nullptr;
@@ -175,9 +178,9 @@ void Simulation::on(DropCommand const&) {
 }
 
 void Simulation::on(TraceCommand const& command) {
-  shownLevels_ = 0;
-  for (U32 const level : command.levels) shownLevels_ |= 1u << level;
-  traceLevelsAre(shownLevels_);
+  U32 levels = 0;
+  for (U32 const level : command.levels) levels |= 1u << level;
+  traceLevelsAre(levels);
 }
 
 void Simulation::on(PacketsCommand const& command) { brief_ = command.brief; }

@@ -66,6 +66,7 @@ class Simulation {
 
  protected:
   class MachineWatch;
+  class ExpiryWatch;
   class RecordWatch;
   class Rps;
   class Groups;
@@ -126,6 +127,7 @@ class Simulation {
   void ringSent(Speaker::OutgoingPacket const& packet, std::vector<RouteEntry> const& entries) const;
   void line(std::string_view text);
   void expire();
+  void timerFires(Zanth::TimerWheel::Notifiee const& timer);
   void tellFiring(IpGenAddr const& address, Channel channel);
   void tellTimers();
   Seconds timerIs(IpGenAddr const& address, Target& target, Channel channel, Seconds time);
@@ -165,9 +167,9 @@ class Simulation {
 
   // What tells of the outputs.
   Vel::Ptr<MachineWatch> const machineWatch_;
+  Vel::Ptr<ExpiryWatch> const expiryWatch_;
   Vel::Ptr<RecordWatch> const joinWatch_, pruneWatch_;
   bool brief_ = false;
-  U32 shownLevels_ = 0;  // of traces; bit n is level n
   std::map<std::pair<IpGenAddr, Channel>, Seconds>
       due_;  // while timers fire: those of which no line told yet
   std::map<IpGenAddr, Target> targets_;

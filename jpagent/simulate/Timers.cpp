@@ -9,8 +9,17 @@ namespace Routing::Pim::Jpagent {
 
 namespace {
 
-// The levels at which the engine writes that a timer's handler begins.
-constexpr U32 expiryLevels = 1u << 7 | 1u << 8;
+// The machine that has a timer, and the channel; null for a timer that is none of a machine's channels.
+std::pair<JoinPruneNeighborSm const*, Channel> ownerOf(Zanth::TimerWheel::Notifiee const& timer) {
+  if (auto const* const triggered = dynamic_cast<JoinPruneNeighborSm::VelTriggeredTimer const*>(&timer))
+    return {triggered->joinPruneNeighborSm(), Channel::triggered};
+  if (auto const* const override = dynamic_cast<JoinPruneNeighborSm::VelOverrideTimer const*>(&timer))
+    return {override->joinPruneNeighborSm(), Channel::override};
+  auto const* const periodic = dynamic_cast<PeriodicTimerSm::VelPeriodicTimer const*>(&timer);
+  auto const* const sm =
+      periodic ? dynamic_cast<JoinPrunePeriodicTimerSm const*>(periodic->periodicTimerSm()) : nullptr;
+  return {sm ? sm->parentSm() : nullptr, Channel::periodic};
+}
 
 }  // namespace
 
@@ -138,16 +147,15 @@ void Simulation::expire() {
     timerIs(address, targets_.at(address), channel, Vel::never);
     touched_.insert(address);
   }
-  // Which of several comes first, and how long those before it take, the engine's own traces tell.
-  if (due_.size() == 1)
-    tellFiring(due_.begin()->first.first, due_.begin()->first.second);
-  else
-    traceLevelsAre(shownLevels_ | expiryLevels);
   wheel_->expire();
-  traceLevelsAre(shownLevels_);
   while (!due_.empty()) tellFiring(due_.begin()->first.first, due_.begin()->first.second);
   tellTimers();
   forgetNames();
+}
+
+void Simulation::timerFires(Zanth::TimerWheel::Notifiee const& timer) {
+  auto const [sm, channel] = ownerOf(timer);
+  if (sm) tellFiring(sm->neighborAddr(), channel);
 }
 
 void Simulation::tellFiring(IpGenAddr const& address, Channel channel) {

@@ -1,5 +1,4 @@
 // The engine's trace lines, with names for the addresses of objects.
-#include <algorithm>
 #include <ostream>
 
 #include "jpagent/simulate/Inside.h"
@@ -10,16 +9,6 @@ namespace {
 
 // The handles whose levels the traces of a conversation come from. Others show what they write of themselves.
 constexpr std::string_view tracedHandles[] = {"Pim::JoinPrune", "Pim::Agent"};
-
-// The handlers of timers, by channel.
-constexpr std::pair<std::string_view, Channel> expiryHandlers[] = {
-    {"handleTriggeredTimerExpiry", Channel::triggered},
-    {"handleOverrideTimerExpiry", Channel::override},
-    {"doResetHoldTime", Channel::periodic}};
-
-bool isTracedHandle(std::string_view name) {
-  return std::find(std::begin(tracedHandles), std::end(tracedHandles), name) != std::end(tracedHandles);
-}
 
 bool isHexDigit(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
 
@@ -45,25 +34,13 @@ void traceLevelsAre(U32 levels) {
   for (auto const name : tracedHandles) {
     auto& handle = Vel::TraceHandle::find(name);
     handle.levelsDel();
-    for (U32 level = 0; level < 31; ++level)
+    for (U32 level = 0; level <= Vel::TraceLevel::most; ++level)
       if (levels >> level & 1) handle.levelIs(level, true);
   }
 }
 
 void Simulation::traced(Vel::TraceLine const& trace) {
-  for (auto const& [handler, expiring] : expiryHandlers) {
-    if (due_.empty() || trace.function != handler) continue;
-    forEachPointer(trace.text, trace.function, [&, channel = expiring](std::size_t begin, std::size_t end) {
-      auto const pointer = trace.text.substr(begin, end - begin);
-      auto const known = machineAt_.find(pointer);
-      if (known == machineAt_.end()) return;
-      auto const& target = targets_.at(known->second);
-      auto const* const machine = channel == Channel::periodic ? target.periodicTimerSm : target.machine;
-      if (pointerText(machine) == pointer) tellFiring(known->second, channel);
-    });
-  }
   bool const engine = trace.handle == tracedHandles[0];
-  if (isTracedHandle(trace.handle) && !(shownLevels_ >> trace.level & 1)) return;
   line(fmt::format("trace {} {}{}{}", trace.level, engine ? "" : trace.handle, engine ? "" : ": ",
                    named(trace.text, trace.function)));
 }

@@ -14,6 +14,9 @@ namespace Routing::Pim {
 
 namespace {
 
+using StatusAccess = EngineAccess<JoinPruneStatus>;
+using RecordAccess = EngineAccess<JoinPruneMessageInfo>;
+
 // After a failure for want of memory, in seconds.
 constexpr Seconds catchUpDelay = 0.1;
 
@@ -47,7 +50,7 @@ Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
   auto const sm = Vel::Ptr<JoinPruneMessageSm>::owning(
       new JoinPruneMessageSm(joinPruneStatus, joinPruneFilter, pimStatus, rpHashComputeStatus, rxJoin,
                              rxPrune, rxMessageInfo, pimPamManager, timerWheel));
-  if (joinPruneStatus) EngineAccess<JoinPruneStatus>::machineIs(*joinPruneStatus, sm.get());
+  if (joinPruneStatus) StatusAccess::machineIs(*joinPruneStatus, sm.get());
   // Before the interfaces: their machines are given the message too.
   sm->txMessageIs();
   if (pimStatus) sm->syncPimIntf();
@@ -91,7 +94,6 @@ void JoinPruneMessageSm::doTeardown() {
   for (auto i = joinPruneNeighborSmIterator(); i; ++i) removeJoinPruneNeighborSm(i.key());
   if (pimPamManager_) unhook(*pimPamManager_);
   if (timerWheel_) unhook(*timerWheel_);
-  using StatusAccess = EngineAccess<JoinPruneStatus>;
   if (joinPruneStatus_ && StatusAccess::machine(*joinPruneStatus_) == this)
     StatusAccess::machineIs(*joinPruneStatus_, nullptr);
 }
@@ -154,8 +156,7 @@ bool JoinPruneMessageSm::openTarget(Target& target, Dova::IpGenAddr const& addre
 
 // Whoever restarts the machine from inside one of its callbacks has the new one before the old one goes.
 bool JoinPruneMessageSm::succeeded() const {
-  void const* const latest =
-      joinPruneStatus_ ? EngineAccess<JoinPruneStatus>::machine(*joinPruneStatus_) : nullptr;
+  void const* const latest = joinPruneStatus_ ? StatusAccess::machine(*joinPruneStatus_) : nullptr;
   return latest && latest != this;
 }
 
@@ -673,7 +674,6 @@ void JoinPruneMessageSm::handleRxMessage() {
   Vel::Ptr<Packet::JoinPruneData> const data = message ? message->joinPruneData() : nullptr;
   if (!data) return;
 
-  using RecordAccess = EngineAccess<JoinPruneMessageInfo>;
   RxRecord join{rxJoin_, "Join"}, prune{rxPrune_, "Prune"};
 
   // Each write notifies, so the order is what observers rely on. They may drop this machine in between.

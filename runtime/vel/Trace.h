@@ -28,7 +28,7 @@ inline constexpr U32 event = 2;     ///< What changed for the program: a neighbo
 inline constexpr U32 detail = 4;    ///< How an event was dealt with.
 inline constexpr U32 activity = 7;  ///< What is done with each entry.
 inline constexpr U32 entry = 8;     ///< That a handler was entered.
-inline constexpr U32 most = 30;
+inline constexpr U32 most = 30;     ///< The highest.
 }  // namespace TraceLevel
 
 /// The switches of one part of the program. One flag test answers for a line that nobody wants.

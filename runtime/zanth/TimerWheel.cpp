@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cmath>
 
+#include "runtime/vel/Attribute.h"
+
 namespace Zanth {
 
 // A process has many. What has only two values is in the reactor's flags.
@@ -292,11 +294,15 @@ void TimerWheel::expire() {
   collectDue(at);
   while (!isEmpty(due_)) {
     Notifiee& timer = static_cast<Notifiee&>(*due_.following);
+    if (expiry_ && expiry_->isWatched() && timer.canBeCalled()) {
+      expiry_->tell(timer);
+      if (due_.following != &timer) continue;  // it was moved, disarmed or destroyed
+    }
     Vel::Ptr<Notifiee> const reference(&timer);
     unlink(&timer);
     --armedCount_;
     timer.timeMin_ = Vel::never;
-    if (!timer.hasNotificationActive() || timer.isZombie()) {
+    if (!timer.canBeCalled()) {
       timer.missedIs(true);
       continue;
     }
@@ -307,6 +313,27 @@ void TimerWheel::expire() {
     }
   }
   expiring_ = false;
+}
+
+// --- Telling of expiries -------------------------------------------------------------------------
+
+Vel::Ptr<TimerExpiry> TimerWheel::expiry() {
+  if (!expiry_) expiry_ = Vel::create<TimerExpiry>();
+  return expiry_;
+}
+
+// A reactor may destroy the timer; those that are called after it can look at it all the same.
+void TimerExpiry::tell(TimerWheel::Notifiee& timer) {
+  Vel::MemoryHold const memory(this);
+  timer_ = Vel::Ptr<TimerWheel::Notifiee const>(&timer);
+  velDeliver<NotifieeConst, timerId>([](NotifieeConst& r) { r.onTimer(); });
+  timer_ = nullptr;
+}
+
+Vel::AttributeTable const& TimerExpiry::attributeTable() const {
+  using Self = TimerExpiry;
+  static Vel::AttributeTable const table{VEL_ROW_FIXED(timer)};
+  return table;
 }
 
 }  // namespace Zanth

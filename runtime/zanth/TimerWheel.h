@@ -28,6 +28,8 @@
 
 namespace Zanth {
 
+class TimerExpiry;
+
 using Vel::Seconds;
 using Vel::U32;
 using Vel::U64;
@@ -87,6 +89,7 @@ class VEL_API TimerWheel : public Vel::Entity {
     friend class TimerWheel;
 
     void missedIs(bool missed) { velSpareFlagIs(missed); }
+    bool canBeCalled() const { return hasNotificationActive() && !isZombie(); }
 
     Seconds timeMin_ = Vel::never;
   };
@@ -113,6 +116,11 @@ class VEL_API TimerWheel : public Vel::Entity {
 
   /// How many timers are armed.
   U32 armedCount() const { return armedCount_; }
+
+  /// What tells of the timers that are called, those of others included; it is created when it is first asked
+  /// for. Until then, and while it has no reactors, it costs nothing but a test for each call.
+  Vel::Ptr<TimerExpiry> expiry();
+  Vel::Ptr<TimerExpiry> expiry() const { Vel::throwConstInstance(); }
 
  protected:
   ~TimerWheel() override;
@@ -166,6 +174,7 @@ class VEL_API TimerWheel : public Vel::Entity {
   void collectDue(Seconds now);
 
   Clock clock_;
+  Vel::Ptr<TimerExpiry> expiry_;  // null until it is asked for
   U32 armedCount_ = 0;
   bool expiring_ = false;
   // No timer in the rings is due before: a loop that comes by for other reasons is done at once. The earliest
@@ -179,6 +188,41 @@ class VEL_API TimerWheel : public Vel::Entity {
   mutable U32 spare_ = (1u << fanCount) - 1;  // a bit for each fan that stands in for no ring
   mutable Fan fans_[fanCount];
   Link due_;  // what the expire() in progress has still to call, in order
+};
+
+/// Tells of each timer that a wheel is about to call, whosever it is: for a program that logs what happens.
+///
+///   class ExpiryLog : public Zanth::TimerExpiry::NotifieeConst {
+///     void onTimer() override { std::cout << notifier()->timer()->name() << std::endl; }
+///   };
+///   auto log = Vel::create<ExpiryLog>();
+///   log->notifierIs(wheel->expiry());
+///
+/// A timer that cannot be called, since its notifications are off, is not told of. A callback may do anything
+/// with the timer, too: one that it moves, disarms, switches off or destroys is not called.
+class VEL_API TimerExpiry final : public Vel::Entity {
+ public:
+  enum Attribute : Vel::AttributeId { timerId = Vel::firstAttributeId };
+
+  class NotifieeConst : public Vel::ReactorOn<TimerExpiry> {
+   public:
+    virtual void onTimer() { handleNotification(timerId); }
+  };
+  using Notifiee = Vel::WritableReactor<NotifieeConst, TimerExpiry>;
+
+  /// Inside onTimer(), the timer that is about to be called: it is still set to the time for which it was
+  /// armed. Null otherwise.
+  Vel::Ptr<TimerWheel::Notifiee const> timer() const { return timer_; }
+
+  Vel::AttributeTable const& attributeTable() const override;
+
+ private:
+  friend class TimerWheel;
+
+  bool isWatched() const { return velWatched(); }
+  void tell(TimerWheel::Notifiee& timer);
+
+  Vel::Ptr<TimerWheel::Notifiee const> timer_;
 };
 
 }  // namespace Zanth

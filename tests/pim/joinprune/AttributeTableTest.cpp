@@ -19,19 +19,18 @@ std::string capitalised(std::string name) {
   return name;
 }
 
-// The callbacks that follow from the attributes. One that is fixed at construction has none; a collection is
-// what has a notification of its own for a key.
+// The callbacks that follow from the attributes. One that is fixed at construction has none, and one without
+// a mutator may have one; a collection is what has a notification of its own for a key.
 Names callbacksFor(Declared const& declared) {
   Names callbacks;
   for (auto const& [foo, id] : declared.numbers) {
     std::string const Foo = capitalised(foo);
     if (has(declared.publicFunctions, foo + "NotifyImmediate"))
       callbacks.insert(callbacks.end(), {"on" + Foo + "(key)", "on" + Foo + "velImmediate()"});
+    bool changes = has(declared.callbacks, "on" + Foo + "()");
     for (std::string const& mutator : {foo + "Is", foo + "Inc", foo + "Del", foo + "Notify", "new" + Foo})
-      if (has(declared.publicFunctions, mutator)) {
-        callbacks.push_back("on" + Foo + "()");
-        break;
-      }
+      changes = changes || has(declared.publicFunctions, mutator);
+    if (changes) callbacks.push_back("on" + Foo + "()");
   }
   return callbacks;
 }

@@ -58,6 +58,7 @@ class Examples : protected World {
   Vel::Entity const& example(Type<Vel::Entity>) { return *pim; }
   Vel::Machine const& example(Type<Vel::Machine>) { return *machine; }
   Zanth::TimerWheel const& example(Type<Zanth::TimerWheel>) { return *wheel; }
+  Zanth::TimerExpiry const& example(Type<Zanth::TimerExpiry>) { return *wheel->expiry(); }
   Intf const& example(Type<Intf>) { return *eth0; }
   Neighbor const& example(Type<Neighbor>) { return *neighbor_; }
   Status const& example(Type<Status>) { return *pim; }

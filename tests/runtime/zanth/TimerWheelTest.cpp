@@ -456,6 +456,90 @@ TEST_F(TimerWheelTest, InsideAnExpiryTheEarliestTimeIsOfWhatIsStillToBeCalled) {
   EXPECT_EQ(wheel->timeMin(), 2000);
 }
 
+// Notes what is told, and does with it what it is made for.
+class ExpiryWatch final : public TimerExpiry::NotifieeConst {
+ public:
+  explicit ExpiryWatch(std::function<void(TimerWheel::Notifiee const&)> tell) : tell_(std::move(tell)) {}
+  void onTimer() override { tell_(*notifier()->timer()); }
+
+ private:
+  std::function<void(TimerWheel::Notifiee const&)> tell_;
+};
+
+class TimerExpiryTest : public TimerWheelTest {
+ protected:
+  Vel::Ptr<ExpiryWatch> watch(std::function<void(TimerWheel::Notifiee const&)> tell) {
+    auto made = Vel::create<ExpiryWatch>(std::move(tell));
+    made->notifierIs(wheel->expiry());
+    return made;
+  }
+  // One that notes the time of each timer as a negative number, among the numbers of those that fire; 0 if
+  // there is none any more.
+  Vel::Ptr<ExpiryWatch> watch() {
+    return watch(
+        [this](auto const& told) { fired.push_back(told.armed() ? -static_cast<int>(told.timeMin()) : 0); });
+  }
+};
+
+TEST_F(TimerExpiryTest, TellsOfEachTimerBeforeItsCallInTheOrderOfTheCalls) {
+  auto const b = timer(2, 102), a = timer(1, 101), later = timer(3, 103);
+  auto const watcher = watch();
+  expireAt(102);
+  EXPECT_THAT(fired, ElementsAre(-101, 1, -102, 2));
+  EXPECT_FALSE(wheel->expiry()->timer());
+  fired.clear();
+  watcher->notifierIs(nullptr);
+  expireAt(103);
+  EXPECT_THAT(fired, ElementsAre(3));
+}
+
+TEST_F(TimerExpiryTest, DoesNotTellOfTimersThatCannotBeCalled) {
+  auto const off = timer(1, 101), zombie = timer(2, 101), on = timer(3, 101);
+  off->hasNotificationActiveIs(false);
+  zombie->velDoZombieReactors(true);
+  auto const watcher = watch();
+  expireAt(101);
+  EXPECT_THAT(fired, ElementsAre(-101, 3));
+  EXPECT_TRUE(off->missed());
+  EXPECT_TRUE(zombie->missed());
+}
+
+TEST_F(TimerExpiryTest, LetsAReactorMoveDisarmSwitchOffAndDestroyTheTimer) {
+  auto const moved = timer(1, 101), disarmed = timer(2, 102), off = timer(3, 103), last = timer(5, 105);
+  Vel::Ptr<Timer> destroyed = timer(4, 104);
+  auto const meddler = watch([&](TimerWheel::Notifiee const& told) {
+    if (&told == moved.get()) moved->timeMinIs(100);
+    if (&told == disarmed.get()) disarmed->timeMinIs(never);
+    if (&told == off.get()) off->hasNotificationActiveIs(false);
+    if (&told == destroyed.get()) destroyed = nullptr;
+  });
+  auto const watcher = watch();  // is told of the one that is destroyed, too
+  expireAt(110);
+  EXPECT_THAT(fired, ElementsAre(-100, 0, -103, -104, -105, 5));
+  EXPECT_EQ(moved->timeMin(), 100);
+  EXPECT_TRUE(off->missed());
+  EXPECT_EQ(wheel->armedCount(), 1u);
+}
+
+TEST_F(TimerExpiryTest, LetsAReactorDropTheWheel) {
+  auto const one = timer(1, 101), two = timer(2, 102);
+  for (auto const& each : {one, two}) each->isNondestructingIs(true);
+  auto const dropper = watch([this](auto const&) { wheel = nullptr; });
+  expireAt(102);
+  EXPECT_FALSE(wheel);
+  EXPECT_FALSE(one->notifier());
+}
+
+TEST_F(TimerExpiryTest, ContainsWhatAReactorThrows) {
+  auto const one = timer(1, 101);
+  auto const thrower = watch([](auto const&) { throw std::runtime_error("refused"); });
+  auto const watcher = watch();
+  testing::internal::CaptureStderr();
+  expireAt(101);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr("refused"));
+  EXPECT_THAT(fired, ElementsAre(-101, 1));
+}
+
 // Arms timers for times of one kind after another, asks for the earliest in between, and lets them fire one
 // time after another: in order, and of equal time in the order of arming.
 class ManyTimersTest : public TimerWheelTest {
