@@ -177,6 +177,13 @@ bool Speaker::linkObserverAdd(std::string_view intf, AddressFamily family, LinkO
   return link != nullptr;
 }
 
+std::pair<Vel::Ptr<JoinPruneMessageInfo>, Vel::Ptr<JoinPruneMessageInfo>> Speaker::records(
+    std::string_view intf, AddressFamily family) const {
+  SpeakerLink const* const link = linkOf(intf, family);
+  if (!link) return {};
+  return link->records();
+}
+
 // --- Packets and time ----------------------------------------------------------------------------
 
 Verdict Speaker::receive(Incoming const& packet, std::span<U8 const> bytes) {

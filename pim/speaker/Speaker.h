@@ -165,6 +165,10 @@ class PIM_SPEAKER_API Speaker {
   /// Has an observer told of a link. It must outlive the link, and is not told of what is there already.
   /// Not to be called from a callback of the same link. Without such a link: nothing and false.
   bool linkObserverAdd(std::string_view intf, AddressFamily family, LinkObserver& observer);
+  /// The engine's records of the latest received join and prune, or null while there is no primary address
+  /// of the family. They are written only for messages that come while one of the two is watched.
+  std::pair<Vel::Ptr<JoinPruneMessageInfo>, Vel::Ptr<JoinPruneMessageInfo>> records(
+      std::string_view intf, AddressFamily family) const;
 
  private:
   friend class SpeakerLink;

@@ -42,6 +42,11 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink 
   /// Null while the link is down.
   Neighbors const* neighbors() const { return neighbors_.get(); }
 
+  /// Of joins and prunes; null while the link is down.
+  std::pair<Vel::Ptr<JoinPruneMessageInfo>, Vel::Ptr<JoinPruneMessageInfo>> records() const {
+    return {engine_.joins, engine_.prunes};
+  }
+
   Dova::IntfId const& intf() const override { return intf_; }
   IpGenAddr primaryAddress() const override { return present_.primary.ipGenAddr(); }
   bool isPointToPoint() const override { return wanted_.settings.pointToPoint; }
