@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "pim/speaker/Conversion.h"
+#include "pim/wire/Hello.h"
 
 namespace Routing::Pim::Jpagent {
 
