@@ -224,9 +224,9 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
   IpGenAddr const neighbor = sender;
   Life::Watch const watch(life_);
   if (!tellChanges(previousValues)) return true;
-  if (isNew && isUp(neighbor)) owner_.neighborUp(neighbor);
+  if (isNew && isUp(neighbor)) owner_.onNeighborUp(neighbor);
   if (watch.ended() || ended_) return true;
-  if (restartIsTold && isUp(neighbor)) owner_.neighborRestarted(neighbor);
+  if (restartIsTold && isUp(neighbor)) owner_.onNeighborRestarted(neighbor);
   if (watch.ended() || ended_) return true;
   if (conflict && !tell(Kind::addressConflict, neighbor, *conflict)) return true;
   if (isNew)
@@ -294,7 +294,7 @@ void Neighbors::entryTimerExpired(Entry& entry) {
     entry.restartsThrough = std::max(entry.restartsThrough, now) + settings_.period;
     entry.restartDue = Vel::never;
     armEntry(entry);
-    owner_.neighborRestarted(IpGenAddr(entry.info.address));
+    owner_.onNeighborRestarted(IpGenAddr(entry.info.address));
     return;
   }
   armEntry(entry);
@@ -307,7 +307,7 @@ void Neighbors::remove(Entry& entry, Kind why) {
   forgetAddresses(entry);
   values_.remove(neighbor, entry.info.options);
   entries_.erase(neighbor);
-  owner_.neighborDown(neighbor);
+  owner_.onNeighborDown(neighbor);
   if (watch.ended() || !tell(why, neighbor)) return;
   tellChanges(previous);
 }
@@ -337,18 +337,17 @@ bool Neighbors::tellChanges(Values const& previous) {
   IpGenAddr const before = std::exchange(designatedRouter_, router);
   if (!ended_ && current() != previous) {
     Life::Watch const watch(life_);
-    owner_.lanValuesChanged();
+    owner_.onLanValues();
     if (watch.ended()) return false;
   }
   return before == router || ended_ || tell(Kind::designatedRouter, router, before);
 }
 
 bool Neighbors::tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other) {
-  std::optional<U64> leftOut = 0;
-  if (kind >= Kind::restarted) leftOut = limits_[static_cast<std::size_t>(kind)].pass(wheel_->now());
-  if (!leftOut) return true;
+  EventBudget& budget = budgets_[static_cast<std::size_t>(kind)];
+  if (kind >= Kind::restarted && !budget.admits(wheel_->now())) return true;
   Life::Watch const watch(life_);
-  owner_.neighborEvent({kind, intf_, neighbor, other, *leftOut});
+  owner_.onNeighborEvent({kind, intf_, neighbor, other, budget.takeLeftOut()});
   return !watch.ended();
 }
 

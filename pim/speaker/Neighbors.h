@@ -2,7 +2,7 @@
 //
 //   Neighbors.h     sends Hellos, keeps the neighbors
 //   LanValues.h     what all neighbors come to: effective delays, suppression, the designated router
-//   EventLimit.h    a limit on events that a neighbor can cause without end
+//   EventBudget.h   a limit on events that a neighbor can cause without end
 //   Timer.h         a timer as a member
 //   Life.h          whether an object still exists after it has called out
 //
@@ -21,7 +21,7 @@
 #include <map>
 #include <vector>
 
-#include "pim/speaker/EventLimit.h"
+#include "pim/speaker/EventBudget.h"
 #include "pim/speaker/LanValues.h"
 #include "pim/speaker/Life.h"
 #include "pim/speaker/Sink.h"
@@ -110,17 +110,17 @@ class PIM_SPEAKER_API NeighborsOwner {
 
   /// Sends a Hello from the link's primary address.
   virtual Sent sendHello(Wire::Hello const& hello) = 0;
-  /// The effective delays or suppressionAllowed() changed. Comes before neighborUp().
-  virtual void lanValuesChanged() = 0;
+  /// The effective delays or suppressionAllowed() changed. Comes before onNeighborUp().
+  virtual void onLanValues() = 0;
   /// A neighbor is there.
-  virtual void neighborUp(IpGenAddr const& neighbor) = 0;
+  virtual void onNeighborUp(IpGenAddr const& neighbor) = 0;
   /// A neighbor has ended.
-  virtual void neighborDown(IpGenAddr const& neighbor) = 0;
+  virtual void onNeighborDown(IpGenAddr const& neighbor) = 0;
   /// A neighbor sent another generation ID. Three come at once and then one in a Hello_Period for each
   /// neighbor; what is in between is told once, later. So what a restart makes others send has a bound.
-  virtual void neighborRestarted(IpGenAddr const& neighbor) = 0;
+  virtual void onNeighborRestarted(IpGenAddr const& neighbor) = 0;
   /// For people and logs.
-  virtual void neighborEvent(NeighborEvent const& event) = 0;
+  virtual void onNeighborEvent(NeighborEvent const& event) = 0;
 };
 
 /// Totals of a link.
@@ -236,7 +236,7 @@ class PIM_SPEAKER_API Neighbors {
   LanValues values_;
   IpGenAddr designatedRouter_;
   HelloCounters counters_;
-  std::array<EventLimit, neighborEventNames.size()> limits_;
+  std::array<EventBudget, neighborEventNames.size()> budgets_;
 
   Timer helloTimer_;
   Life life_;

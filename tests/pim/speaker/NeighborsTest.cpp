@@ -71,20 +71,20 @@ class NeighborsTest : public testing::Test, public NeighborsOwner {
     if (onSend_) onSend_();
     return answer_;
   }
-  void lanValuesChanged() override {
+  void onLanValues() override {
     std::ostringstream line;
     LanValues const& values = neighbors_->values();
     line << "delay " << values.propagationDelay() << " override " << values.overrideInterval()
          << (values.suppressionAllowed() ? "" : " no suppression");
     log_.push_back(line.str());
   }
-  void neighborUp(IpGenAddr const& neighbor) override { tell("routes: up", neighbor); }
-  void neighborDown(IpGenAddr const& neighbor) override {
+  void onNeighborUp(IpGenAddr const& neighbor) override { tell("routes: up", neighbor); }
+  void onNeighborDown(IpGenAddr const& neighbor) override {
     EXPECT_FALSE(neighbors_->isUp(neighbor));
     tell("routes: down", neighbor);
   }
-  void neighborRestarted(IpGenAddr const& neighbor) override { tell("routes: restarted", neighbor); }
-  void neighborEvent(NeighborEvent const& event) override {
+  void onNeighborRestarted(IpGenAddr const& neighbor) override { tell("routes: restarted", neighbor); }
+  void onNeighborEvent(NeighborEvent const& event) override {
     EXPECT_EQ(event.intf.name(), "eth0");
     std::ostringstream line;
     line << text(event.kind) << ' ' << event.neighbor;

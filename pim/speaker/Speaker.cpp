@@ -1,0 +1,273 @@
+#include "pim/speaker/Speaker.h"
+
+#include "pim/speaker/CallOut.h"
+#include "pim/speaker/SpeakerLink.h"
+#include "pim/wire/Text.h"
+#include "runtime/vel/Exception.h"
+
+namespace Routing::Pim::Speaker {
+
+namespace {
+
+// The engine must not see an address of unknown family, so what the hook does not know is the message's RP.
+class RpOfHook final : public RpHashComputeStatus {
+ public:
+  explicit RpOfHook(std::function<std::optional<IpGenAddr>(IpGenAddr const&)> hook)
+      : hook_(std::move(hook)) {}
+
+  IpGenAddr rpHashCompute(IpGenAddr const& group, IpGenAddr const& rp) override {
+    auto const known = hook_ ? hook_(group) : std::nullopt;
+    return known && known->af() == group.af() ? *known : rp;
+  }
+
+ private:
+  std::function<std::optional<IpGenAddr>(IpGenAddr const&)> const hook_;
+};
+
+bool isLinkLocal(IpGenAddr const& address) {
+  return address.isIpv6() && address.bytes()[0] == 0xfe && (address.bytes()[1] & 0xc0) == 0x80;
+}
+
+bool isUnicast(IpGenAddr const& address) {
+  constexpr U32 broadcast = 0xffffffff;
+  if (address.width() == 0 || address.isZero() || Wire::isMulticast(address)) return false;
+  return !address.isIpv4() || address.ipv4() != broadcast;
+}
+
+void requireValid(std::string_view name, std::vector<Dova::IpGenPrefix> const& addresses,
+                  InterfaceSettings const& settings) {
+  if (name.empty()) throw Vel::RangeException("an interface without a name");
+  for (auto const& address : addresses) {
+    if (!isUnicast(address.ipGenAddr()))
+      throw Vel::RangeException(Wire::concatenated(name, ": address ", toText(address), " is not unicast"));
+  }
+  if (settings.joinPruneInterval == 0)
+    throw Vel::RangeException(Wire::concatenated(name, ": Join/Prune interval of 0 s"));
+  requireValid(settings.hello);
+}
+
+// The addresses of one family, the primary one apart.
+LinkSetup setupOf(AddressFamily family, std::vector<Dova::IpGenPrefix> const& addresses,
+                  InterfaceSettings const& settings) {
+  LinkSetup setup{.primary = {}, .secondary = {}, .settings = settings};
+  for (auto const& prefix : addresses) {
+    IpGenAddr const& address = prefix.ipGenAddr();
+    bool const canBePrimary = address.isIpv4() || isLinkLocal(address);
+    if (address.af() != family) continue;
+    if (setup.primary == Dova::IpGenPrefix() && canBePrimary)
+      setup.primary = prefix;
+    else
+      setup.secondary.push_back(address);
+  }
+  return setup;
+}
+
+// Why an IP header does not belong to a message to neighbors. That receivers test the TTL is no rule of RFC
+// 7761, 4.9, which has senders use 1; it keeps out what comes from afar.
+std::optional<Wire::Refusal> headerRefusal(Incoming const& packet) {
+  using enum Wire::Reason;
+  if (!isUnicast(packet.source)) return Wire::Refusal{senderNotUnicast, toText(packet.source)};
+  if (packet.source.isIpv6() && !isLinkLocal(packet.source))
+    return Wire::Refusal{senderNotLinkLocal, toText(packet.source)};
+  if (packet.destination.af() != packet.source.af())
+    return Wire::Refusal{familiesDiffer,
+                         Wire::concatenated(toText(packet.source), " to ", toText(packet.destination))};
+  if (packet.destination != Wire::allPimRouters(packet.source.af()))
+    return Wire::Refusal{notAllPimRouters, toText(packet.destination)};
+  if (packet.ttl != 1) return Wire::Refusal{hopLimitNotOne, std::to_string(packet.ttl)};
+  return std::nullopt;
+}
+
+}  // namespace
+
+Speaker::Speaker(Vel::Ptr<Zanth::TimerWheel> const& wheel, Sink& sink, SpeakerSettings settings)
+    : wheel_(wheel),
+      sink_(sink),
+      settings_(std::move(settings)),
+      rpHash_(Vel::create<RpOfHook>(settings_.rp)),
+      random_(settings_.seed) {}
+
+Speaker::~Speaker() = default;
+
+// --- Interfaces ----------------------------------------------------------------------------------
+
+void Speaker::interfaceIs(std::string_view name, std::vector<Dova::IpGenPrefix> const& addresses,
+                          InterfaceSettings const& settings) {
+  requireValid(name, addresses, settings);
+  LinkSetup ipv4 = setupOf(AddressFamily::ipv4, addresses, settings);
+  LinkSetup ipv6 = setupOf(AddressFamily::ipv6, addresses, settings);
+  Life::Watch const watch(life_);
+  std::string const key(name);
+  auto found = interfaces_.find(key);
+  if (found == interfaces_.end()) {
+    Dova::IntfId const intf(name);
+    Interface made{std::make_unique<SpeakerLink>(*this, intf, AddressFamily::ipv4),
+                   std::make_unique<SpeakerLink>(*this, intf, AddressFamily::ipv6)};
+    found = interfaces_.emplace(key, std::move(made)).first;
+  }
+  found->second.isRemoved = false;
+  found->second.ipv4->setupIs(std::move(ipv4));
+  if (watch.ended()) return;
+  if (auto* link = linkOf(key, AddressFamily::ipv6)) link->setupIs(std::move(ipv6));
+  if (!watch.ended()) endIfRemoved(key);
+}
+
+void Speaker::interfaceIs(std::string_view name, std::initializer_list<std::string_view> addresses,
+                          InterfaceSettings const& settings) {
+  std::vector<Dova::IpGenPrefix> prefixes;
+  for (auto const text : addresses) {
+    auto const prefix = Dova::IpGenPrefix::fromText(text);
+    if (!prefix) throw Vel::RangeException(Wire::concatenated(name, ": \"", text, "\" is not an address"));
+    prefixes.push_back(*prefix);
+  }
+  interfaceIs(name, prefixes, settings);
+}
+
+bool Speaker::interfaceDel(std::string_view name) {
+  std::string const key(name);
+  auto const found = interfaces_.find(key);
+  if (found == interfaces_.end()) return false;
+  found->second.isRemoved = true;
+  Life::Watch const watch(life_);
+  for (auto const family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
+    // A callback may have made it anew.
+    auto const present = interfaces_.find(key);
+    if (present == interfaces_.end() || !present->second.isRemoved) return true;
+    linkOf(key, family)->setupIs({});
+    if (watch.ended()) return true;
+  }
+  endIfRemoved(key);
+  return true;
+}
+
+void Speaker::endIfRemoved(std::string const& name) {
+  auto const found = interfaces_.find(name);
+  if (found == interfaces_.end() || !found->second.isRemoved) return;
+  if (found->second.ipv4->isChanging() || found->second.ipv6->isChanging()) return;
+  auto const removed = interfaces_.extract(found);  // It ends when the map no longer has it.
+}
+
+void Speaker::shutDown() {
+  Life::Watch const watch(life_);
+  std::vector<std::string> names;
+  for (auto const& [name, links] : interfaces_) names.push_back(name);
+  for (auto const& name : names)
+    if (!watch.ended()) interfaceDel(name);
+}
+
+SpeakerLink* Speaker::linkOf(std::string_view intf, AddressFamily family) const {
+  auto const found = interfaces_.find(intf);
+  if (found == interfaces_.end()) return nullptr;
+  switch (family) {
+    case AddressFamily::ipv4:
+      return found->second.ipv4.get();
+    case AddressFamily::ipv6:
+      return found->second.ipv6.get();
+    case AddressFamily::unknown:
+      break;
+  }
+  return nullptr;
+}
+
+Link* Speaker::link(std::string_view intf, AddressFamily family) const { return linkOf(intf, family); }
+
+bool Speaker::linkObserverAdd(std::string_view intf, AddressFamily family, LinkObserver& observer) {
+  SpeakerLink* const link = linkOf(intf, family);
+  if (link) link->observerAdd(observer);
+  return link != nullptr;
+}
+
+std::pair<Vel::Ptr<JoinPruneMessageInfo>, Vel::Ptr<JoinPruneMessageInfo>> Speaker::records(
+    std::string_view intf, AddressFamily family) const {
+  SpeakerLink const* const link = linkOf(intf, family);
+  if (!link) return {};
+  return link->records();
+}
+
+// --- Packets and time ----------------------------------------------------------------------------
+
+Verdict Speaker::receive(Incoming const& packet, std::span<U8 const> bytes) {
+  Life::Watch const watch(life_);
+  std::optional<Wire::Refusal> refusal;
+  Verdict const verdict = deliver(packet, bytes, refusal);
+  if (watch.ended()) return verdict;
+  ++counters_.verdicts[static_cast<std::size_t>(verdict)];
+  if (refusal) ++counters_.refusals[static_cast<std::size_t>(refusal->reason)];
+  SpeakerObserver* const observer = settings_.observer;
+  if (verdict <= Verdict::heard || !observer) return verdict;
+  callOut("Speaker", "receive", [&] {
+    observer->packetUndelivered({packet, verdict, refusal ? &*refusal : nullptr});
+  });
+  return verdict;
+}
+
+Verdict Speaker::deliver(Incoming const& packet, std::span<U8 const> bytes,
+                         std::optional<Wire::Refusal>& refusal) {
+  if (!hasInterface(packet.intf)) return Verdict::unknownInterface;
+  SpeakerLink* const link = linkOf(packet.intf, packet.source.af());
+  if (link && link->isOwn(packet.source)) return Verdict::ownPacket;
+  refusal = headerRefusal(packet);
+  if (refusal) return Verdict::refused;
+  if (!link->neighbors()) return Verdict::noLink;
+  return link->receive(packet.source, packet.destination, bytes, refusal);
+}
+
+Sent Speaker::send(Wire::PimType type, Dova::IntfId const& intf, IpGenAddr const& source,
+                   std::span<U8 const> bytes) {
+  Life::Watch const watch(life_);
+  Sent sent = Sent::failed;
+  Dova::IntfId const name = intf;
+  callOut("Speaker", "send", [&] {
+    sent = sink_.send({name, source, Wire::allPimRouters(source.af()), bytes});
+  });
+  if (watch.ended()) return sent;
+  ++(sent == Sent::later            ? counters_.sentLater
+     : sent == Sent::failed         ? counters_.sendingFailed
+     : type == Wire::PimType::hello ? counters_.hellosSent
+                                    : counters_.joinPrunesSent);
+  return sent;
+}
+
+void Speaker::expire() {
+  Vel::Ptr<Zanth::TimerWheel> const wheel = wheel_;  // A callback may destroy this.
+  wheel->expire();
+}
+
+// --- Looking at it -------------------------------------------------------------------------------
+
+std::pair<Dova::IntfId, IpGenAddr> Speaker::neighborNamed(std::string_view name) const {
+  std::size_t const percent = name.find('%');
+  auto const address = IpGenAddr::fromText(name.substr(0, percent));
+  if (!address || address->width() == 0)
+    throw Vel::RangeException(Wire::concatenated("\"", name, "\" is not an address"));
+  std::optional<std::pair<Dova::IntfId, IpGenAddr>> found;
+  for (auto const& [intf, links] : interfaces_) {
+    if (percent != std::string_view::npos && name.substr(percent + 1) != intf) continue;
+    SpeakerLink const& link = address->isIpv4() ? *links.ipv4 : *links.ipv6;
+    auto const neighbor = link.neighborOf(*address);
+    if (!neighbor) continue;
+    if (found) {
+      throw Vel::RangeException(
+          Wire::concatenated("neighbor ", name, " is on ", found->first.name(), " and ", intf));
+    }
+    found.emplace(link.intf(), *neighbor);
+  }
+  if (!found) throw Vel::RangeException(Wire::concatenated("no neighbor ", name));
+  return *found;
+}
+
+std::vector<NeighborOnInterface> Speaker::neighbors() const {
+  std::vector<NeighborOnInterface> all;
+  for (auto const& [name, links] : interfaces_) {
+    for (auto const* link : {links.ipv4.get(), links.ipv6.get()}) {
+      if (!link->neighbors()) continue;
+      for (auto& info : link->neighbors()->snapshot()) {
+        bool const isDesignatedRouter = info.address == link->neighbors()->designatedRouter();
+        all.push_back({link->intf(), std::move(info), isDesignatedRouter});
+      }
+    }
+  }
+  return all;
+}
+
+}  // namespace Routing::Pim::Speaker

@@ -1,0 +1,198 @@
+// A PIM speaker without I/O: the one object that an agent makes.
+//
+//     class Socket final : public Sink { Sent send(Outgoing const& packet) override { ... } } sink;
+//     auto wheel = Vel::create<Zanth::TimerWheel>();
+//     Speaker speaker(wheel, sink, {.seed = seed});
+//     speaker.interfaceIs("eth0", {"10.0.0.1/24", "fe80::1/64"}, {.mtu = 1500});
+//     ...
+//     Verdict verdict =
+//         speaker.receive({.intf = "eth0", .source = from, .destination = to, .ttl = ttl}, bytes);
+//     poll(..., until(speaker.timeMin()));
+//     speaker.expire();
+//
+// Its inputs are interfaces, packets that were received, and time; its outputs are packets and events. The
+// same inputs give the same outputs, but for the engine's override delay, which is drand48()'s.
+//
+// Which file of this folder does what:
+//
+//   Speaker.h         interfaces, the look-up of neighbors, totals
+//   SpeakerLink.h     one interface and family: its engine, its neighbors, what is sent and received
+//   Link.h            the same as the classes see it that keep routes
+//   Neighbors.h       Hellos and neighbors of a link
+//   PacketManager.h   from the engine's data sets to packets
+//   Sink.h            where packets go
+//   Verdict.h         what became of a received packet
+//   Random.h          random values from a seed
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "pim/joinprune/JoinPruneFilter.h"
+#include "pim/model/RpHashComputeStatus.h"
+#include "pim/speaker/Link.h"
+#include "pim/speaker/Neighbors.h"
+#include "pim/speaker/Verdict.h"
+#include "runtime/dova/IpGenPrefix.h"
+
+namespace Routing::Pim::Speaker {
+
+class SpeakerLink;
+
+/// A packet that was received, without its PIM message.
+struct Incoming {
+  std::string_view intf;  ///< The interface's name.
+  IpGenAddr source;       ///< Of the IP header.
+  IpGenAddr destination;  ///< Of the IP header.
+  unsigned ttl = 0;       ///< TTL or hop limit.
+};
+
+/// A packet that was not delivered; valid during the call.
+struct UndeliveredPacket {
+  Incoming const& packet;        ///< Where it came from.
+  Verdict verdict;               ///< Why.
+  Wire::Refusal const* refusal;  ///< With Verdict::refused: which field. Null otherwise.
+};
+
+/// Who is told of what a speaker does. It may do anything, the speaker's destruction included. What it
+/// throws is traced (handle "Vel", level 1) and has no other effect.
+class PIM_SPEAKER_API SpeakerObserver {
+ public:
+  virtual ~SpeakerObserver() = default;
+  /// Something happened to a neighbor.
+  virtual void neighborChanged(NeighborEvent const&) {}
+  /// A Hello was taken, with the options that have no meaning here.
+  virtual void helloReceived(Dova::IntfId const&, IpGenAddr const& /*sender*/, Wire::Hello const&) {}
+  /// A packet was not delivered.
+  virtual void packetUndelivered(UndeliveredPacket const&) {}
+};
+
+/// What is the same on all interfaces.
+struct SpeakerSettings {
+  /// Of all random values. An agent takes it from the system's random source.
+  U64 seed = 0;
+  /// Groups whose entries are ignored and not sent; null denies nothing.
+  Vel::Ptr<JoinPruneFilter const> filter{};
+  /// The RP of a group. Empty, or an answer of nothing: the RP that a message names is accepted.
+  std::function<std::optional<IpGenAddr>(IpGenAddr const& group)> rp{};
+  /// Null for none; must outlive the speaker.
+  SpeakerObserver* observer = nullptr;
+};
+
+/// What an interface is configured with. The defaults are those of RFC 7761, 4.11.
+struct InterfaceSettings {
+  U32 mtu = 1500;               ///< Bytes of a whole IP packet.
+  bool pointToPoint = false;    ///< A Join/Prune to the unspecified address is for this router.
+  U32 joinPruneInterval = 60;   ///< t_periodic, in seconds, not 0.
+  U16 joinPruneHoldTime = 210;  ///< J/P_HoldTime, in seconds.
+  HelloSettings hello{};        ///< Hellos and the limit on neighbors.
+
+  friend bool operator==(InterfaceSettings const& a, InterfaceSettings const& b) = default;
+};
+
+/// Totals of a speaker since it was made.
+struct SpeakerCounters {
+  std::array<U64, verdictNames.size()> verdicts{};       ///< Of received packets.
+  std::array<U64, Wire::reasonNames.size()> refusals{};  ///< Of those that were refused.
+  U64 hellosSent = 0;                                    ///< Goodbyes included, failed ones not.
+  U64 joinPrunesSent = 0;                                ///< Join/Prune messages, failed ones not.
+  U64 sentLater = 0;                                     ///< How often the sink wanted a packet later.
+  U64 sendingFailed = 0;                                 ///< How often it failed.
+  U64 overrideIntervalChanges = 0;                       ///< How often an engine was given another one.
+
+  /// How many packets had this verdict.
+  U64 of(Verdict verdict) const { return verdicts[static_cast<std::size_t>(verdict)]; }
+  /// How many packets were refused for this reason.
+  U64 of(Wire::Reason reason) const { return refusals[static_cast<std::size_t>(reason)]; }
+};
+
+/// A neighbor on its interface.
+struct NeighborOnInterface {
+  Dova::IntfId intf;        ///< The interface.
+  NeighborInfo info;        ///< The neighbor.
+  bool isDesignatedRouter;  ///< Whether it is the designated router of the LAN.
+};
+
+/// The one object. It may be destroyed from inside any callback.
+class PIM_SPEAKER_API Speaker {
+ public:
+  /// The sink must outlive the speaker. REQUIRES: a wheel.
+  Speaker(Vel::Ptr<Zanth::TimerWheel> const& wheel, Sink& sink, SpeakerSettings settings = {});
+  /// Sends nothing; see shutDown().
+  ~Speaker();
+
+  /// Makes an interface or changes it. Of each family the first address is primary (IPv6: the first
+  /// link-local one), the others go into Hellos. A family without a primary address is not served. Another
+  /// primary address says goodbye from the old one, and all that neighbors asked for there ends. An address
+  /// that is not unicast, an empty name and a setting that cannot be throw Vel::RangeException that names
+  /// it, and nothing changes.
+  void interfaceIs(std::string_view name, std::vector<Dova::IpGenPrefix> const& addresses,
+                   InterfaceSettings const& settings = {});
+  /// The same from texts. One that is no address with or without a mask length throws Vel::RangeException.
+  void interfaceIs(std::string_view name, std::initializer_list<std::string_view> addresses,
+                   InterfaceSettings const& settings = {});
+  /// Removes an interface: says goodbye there, and all of it ends. False if there is none.
+  bool interfaceDel(std::string_view name);
+  /// Removes all interfaces.
+  void shutDown();
+  /// Whether there is such an interface.
+  bool hasInterface(std::string_view name) const { return interfaces_.contains(name); }
+
+  /// Takes a packet: `bytes` is the whole IP payload, no more. The packet is checked whole before any of it
+  /// counts.
+  Verdict receive(Incoming const& packet, std::span<U8 const> bytes);
+
+  /// When expire() is due, on the wheel's clock; +infinity if never.
+  Seconds timeMin() const { return wheel_->timeMin(); }
+  /// Does what is due on the wheel, other users' timers included.
+  void expire();
+
+  /// The neighbor that is named by "10.0.0.2" or "fe80::2%eth0", by its primary address or one that it
+  /// lists: the interface and the primary address. Throws Vel::RangeException if there is none ("no
+  /// neighbor 10.0.0.2"), or if there are several and the interface is not named ("neighbor fe80::2 is on
+  /// eth0 and eth1").
+  std::pair<Dova::IntfId, IpGenAddr> neighborNamed(std::string_view name) const;
+  /// All neighbors, by interface, family and address.
+  std::vector<NeighborOnInterface> neighbors() const;
+  /// Totals.
+  SpeakerCounters const& counters() const { return counters_; }
+
+  /// The link of an interface, or null without such an interface. It is there for both families, and until
+  /// the interface is removed.
+  Link* link(std::string_view intf, AddressFamily family) const;
+  /// Has an observer told of a link. It must outlive the link, and is not told of what is there already.
+  /// Not to be called from a callback of the same link. Without such a link: nothing and false.
+  bool linkObserverAdd(std::string_view intf, AddressFamily family, LinkObserver& observer);
+  /// The engine's records of the latest received join and prune, or null while there is no primary address
+  /// of the family. They are written only for messages that come while one of the two is watched.
+  std::pair<Vel::Ptr<JoinPruneMessageInfo>, Vel::Ptr<JoinPruneMessageInfo>> records(
+      std::string_view intf, AddressFamily family) const;
+
+ private:
+  friend class SpeakerLink;
+
+  struct Interface {
+    std::unique_ptr<SpeakerLink> ipv4, ipv6;
+    bool isRemoved = false;  // Ends when the change of a link that is going on is complete.
+  };
+
+  SpeakerLink* linkOf(std::string_view intf, AddressFamily family) const;
+  Verdict deliver(Incoming const& packet, std::span<U8 const> bytes, std::optional<Wire::Refusal>& refusal);
+  Sent send(Wire::PimType type, Dova::IntfId const& intf, IpGenAddr const& source, std::span<U8 const> bytes);
+  void endIfRemoved(std::string const& name);
+
+  // Fixed at construction.
+  Vel::Ptr<Zanth::TimerWheel> const wheel_;
+  Sink& sink_;
+  SpeakerSettings const settings_;
+  Vel::Ptr<RpHashComputeStatus> const rpHash_;
+
+  Random random_;
+  SpeakerCounters counters_;
+  std::map<std::string, Interface, std::less<>> interfaces_;
+  Life life_;
+};
+
+}  // namespace Routing::Pim::Speaker

@@ -1,0 +1,310 @@
+#include "pim/speaker/SpeakerLink.h"
+
+#include <stdexcept>
+
+#include "pim/speaker/CallOut.h"
+#include "pim/speaker/Conversion.h"
+
+namespace Routing::Pim::Speaker {
+
+namespace {
+
+// How often the engine's override interval is raised at once in a Hello_Period, before it waits for the next.
+constexpr U32 raisesAtOnce = 3;
+
+// What tells the packet manager that nothing was sent.
+struct NotSent : std::runtime_error {
+  NotSent() : std::runtime_error("the sink wants it later") {}
+};
+
+}  // namespace
+
+SpeakerLink::SpeakerLink(Speaker& speaker, Dova::IntfId const& intf, AddressFamily family)
+    : speaker_(speaker),
+      intf_(intf),
+      family_(family),
+      overrideTimer_(speaker.wheel_, [this] { overrideTimerExpired(); }) {}
+
+SpeakerLink::~SpeakerLink() {
+  if (engine_.manager) engine_.manager->stop();
+}
+
+// --- Up and down ---------------------------------------------------------------------------------
+
+void SpeakerLink::setupIs(LinkSetup setup) {
+  wanted_ = std::move(setup);
+  if (isChanging_) return;
+  Life::Watch const watch(life_);
+  isChanging_ = true;
+  while (!watch.ended() && !(present_ == wanted_)) {
+    if (neighbors_ && present_.primary != wanted_.primary)
+      bringDown();
+    else if (!neighbors_ && wanted_.primary != Dova::IpGenPrefix())
+      bringUp();
+    else
+      adjust();
+  }
+  if (!watch.ended()) isChanging_ = false;
+}
+
+void SpeakerLink::bringUp() {
+  LinkSetup const setup = wanted_;
+  Life::Watch const watch(life_);
+  Engine engine;
+  engine.status = Vel::create<Status>();
+  engine.intf = engine.status->pimIntfIs(intf_);
+  engine.intf->usedAddressWithMaskIs(setup.primary);
+  engine.intf->joinPruneHoldTimeIs(setup.settings.joinPruneHoldTime);
+  engine.intf->joinPruneIntervalIs(setup.settings.joinPruneInterval);
+  engine.intf->usedOverrideIntervalInSecondsIs(setup.settings.hello.lanPruneDelay.overrideInterval / 1000.0);
+  engine.dataSets = joinPruneStatusFactory();
+  engine.dataSets->periodicGroupStatusIs(Vel::create<Packet::JoinPruneStatus>());
+  engine.joins = joinPruneMessageInfoFactory();
+  engine.prunes = joinPruneMessageInfoFactory();
+  engine.channel = Vel::create<IO::MessageInfo>();
+  engine.manager = Vel::create<PacketManager>(*this, engine.status, speaker_.settings_.filter);
+  engine.manager->mtuIs(intf_, setup.settings.mtu);
+  engine.manager->start();
+  engine.machine =
+      joinPruneMessageSmFactory(engine.dataSets, speaker_.settings_.filter, engine.status, speaker_.rpHash_,
+                                engine.joins, engine.prunes, engine.channel, engine.manager, speaker_.wheel_);
+  // A trace sink may have done anything meanwhile.
+  if (watch.ended()) return;
+  engine_ = std::move(engine);
+  neighbors_ = std::make_unique<Neighbors>(*this, intf_, setup.primary.ipGenAddr(), setup.secondary,
+                                           setup.settings.hello, speaker_.wheel_, speaker_.random_);
+  present_ = setup;
+}
+
+void SpeakerLink::bringDown() {
+  Life::Watch const watch(life_);
+  neighbors_->end();
+  if (watch.ended()) return;
+  forObservers([](LinkObserver& observer) { observer.linkDown(); });
+  if (watch.ended()) return;
+  overrideTimer_.stop();
+  raises_ = 0;
+  present_ = {};
+  neighbors_.reset();
+  Engine const engine = std::exchange(engine_, {});  // Ends when this function does, and may call out then.
+  engine.manager->stop();
+}
+
+// All but the primary address.
+void SpeakerLink::adjust() {
+  Life::Watch const watch(life_);
+  LinkSetup const setup = wanted_;
+  present_ = setup;
+  if (!neighbors_) return;
+  Engine const engine = engine_;
+  engine.intf->joinPruneHoldTimeIs(setup.settings.joinPruneHoldTime);
+  engine.intf->joinPruneIntervalIs(setup.settings.joinPruneInterval);
+  engine.manager->mtuIs(intf_, setup.settings.mtu);
+  if (watch.ended() || !neighbors_) return;
+  neighbors_->settingsIs(setup.settings.hello);
+  if (watch.ended() || !neighbors_) return;
+  neighbors_->secondaryAddressesIs(setup.secondary);
+}
+
+// --- Sending -------------------------------------------------------------------------------------
+
+Sent SpeakerLink::sendHello(Wire::Hello const& hello) {
+  IpGenAddr const source = present_.primary.ipGenAddr();
+  auto const bytes = Wire::encodeHello(hello, source, Wire::allPimRouters(family_));
+  return speaker_.send(Wire::PimType::hello, intf_, source, bytes);
+}
+
+// Without a Hello before it, a neighbor that does not know this router would discard the message (RFC 7761,
+// 4.3.1).
+void SpeakerLink::send(OutgoingPacket const& packet) {
+  if (!neighbors_) throw NotSent();
+  Life::Watch const watch(life_);
+  Sent const hello = neighbors_->sendHelloBefore(packet.message.upstreamNeighbor());
+  if (hello == Sent::later || watch.ended() || !neighbors_) throw NotSent();
+  if (speaker_.send(Wire::PimType::joinPrune, intf_, packet.source, packet.bytes) == Sent::later)
+    throw NotSent();
+}
+
+// --- Neighbors -----------------------------------------------------------------------------------
+
+template <class Call>
+void SpeakerLink::forObservers(Call const& call) {
+  Life::Watch const watch(life_);
+  for (std::size_t i = 0; !watch.ended() && i < observers_.size(); ++i)
+    callOut("SpeakerLink", "forObservers", [&] { call(*observers_[i]); });
+}
+
+void SpeakerLink::onNeighborUp(IpGenAddr const& neighbor) {
+  Life::Watch const watch(life_);
+  IpGenAddr const address = neighbor;
+  Engine const engine = engine_;
+  engine.status->pimNeighborIs(address, engine.intf);
+  // One that was away may still have its machine, with an override interval of then.
+  if (!watch.ended()) remakeMachine(address);
+  if (!watch.ended()) forObservers([&](LinkObserver& observer) { observer.neighborUp(address); });
+}
+
+void SpeakerLink::onNeighborDown(IpGenAddr const& neighbor) {
+  Life::Watch const watch(life_);
+  IpGenAddr const address = neighbor;
+  Vel::Ptr<Status> const status = engine_.status;
+  status->pimNeighborDel(address);
+  if (!watch.ended()) forObservers([&](LinkObserver& observer) { observer.neighborDown(address); });
+}
+
+void SpeakerLink::onNeighborRestarted(IpGenAddr const& neighbor) {
+  IpGenAddr const address = neighbor;
+  forObservers([&](LinkObserver& observer) { observer.neighborRestarted(address); });
+}
+
+void SpeakerLink::onNeighborEvent(NeighborEvent const& event) {
+  SpeakerObserver* const observer = speaker_.settings_.observer;
+  if (observer) callOut("SpeakerLink", "onNeighborEvent", [&] { observer->neighborChanged(event); });
+}
+
+void SpeakerLink::onLanValues() {
+  if (neighbors_) updateOverrideInterval();
+}
+
+// A larger interval is taken over at once. Otherwise there is one change in a Hello_Period, since the
+// machines of all neighbors are made anew.
+void SpeakerLink::updateOverrideInterval() {
+  Seconds const interval = neighbors_->values().overrideInterval();
+  Seconds const present = engine_.intf->usedOverrideIntervalInSeconds();
+  if (interval == present) return;
+  if (overrideTimer_.armed()) {
+    if (interval < present || raises_ == raisesAtOnce) return;
+    ++raises_;
+  } else {
+    overrideTimer_.armAt(speaker_.wheel_->now() + present_.settings.hello.period);
+  }
+  ++speaker_.counters_.overrideIntervalChanges;
+  Life::Watch const watch(life_);
+  Engine const engine = engine_;
+  engine.intf->usedOverrideIntervalInSecondsIs(interval);
+  for (auto i = engine.status->pimNeighborIterator(); i && !watch.ended() && engine_.status == engine.status;
+       ++i)
+    remakeMachine(i.key());
+}
+
+void SpeakerLink::overrideTimerExpired() {
+  raises_ = 0;
+  updateOverrideInterval();
+}
+
+// A machine's override interval is fixed. The new one has the data sets of the old one, and its times: what
+// was due then is not put off.
+void SpeakerLink::remakeMachine(IpGenAddr const& neighbor) {
+  Vel::Ptr<JoinPruneMessageSm> const machine = engine_.machine;
+  Vel::Ptr<Intf> const intf = engine_.intf;
+  IpGenAddr const address = neighbor;
+  Vel::Ptr<JoinPruneNeighborSm> const old = machine->joinPruneNeighborSm(address);
+  if (!old || !old->neighbor() || old->overrideInterval() == intf->usedOverrideIntervalInSeconds()) return;
+  auto const timeOf = [](auto const& timer) { return timer ? timer->timeMin() : Vel::never; };
+  auto const refresh = [](JoinPruneNeighborSm const& sm) {
+    auto const periodic = sm.joinPrunePeriodicTimerSm();
+    return periodic ? periodic->periodicTimer() : nullptr;
+  };
+  Seconds const triggered = timeOf(old->triggeredTimer()), overriding = timeOf(old->overrideTimer());
+  Seconds const periodic = timeOf(refresh(*old));
+  machine->joinPruneNeighborSmDel(address);
+  machine->handleNeighbor(address);
+  Vel::Ptr<JoinPruneNeighborSm> const made = machine->joinPruneNeighborSm(address);
+  if (!made || made == old) return;
+  auto const noLater = [](auto const& timer, Seconds time) {
+    if (timer && timer->timeMin() > time) timer->timeMinIs(time);
+  };
+  noLater(made->triggeredTimer(), triggered);
+  noLater(made->overrideTimer(), overriding);
+  noLater(refresh(*made), periodic);
+}
+
+std::optional<IpGenAddr> SpeakerLink::neighborOf(IpGenAddr const& address) const {
+  return neighbors_ ? neighbors_->neighborOf(address) : std::nullopt;
+}
+
+Seconds SpeakerLink::propagationDelay() const {
+  return neighbors_ ? neighbors_->values().propagationDelay() : LanValues::defaultPropagationDelay;
+}
+
+Seconds SpeakerLink::overrideInterval() const {
+  return neighbors_ ? neighbors_->values().overrideInterval() : LanValues::defaultOverrideInterval;
+}
+
+// --- Receiving -----------------------------------------------------------------------------------
+
+bool SpeakerLink::isOwn(IpGenAddr const& address) const {
+  if (!neighbors_) return false;
+  auto const& secondary = present_.secondary;
+  return address == present_.primary.ipGenAddr() ||
+         std::find(secondary.begin(), secondary.end(), address) != secondary.end();
+}
+
+Verdict SpeakerLink::receive(IpGenAddr const& sender, IpGenAddr const& destination, std::span<U8 const> bytes,
+                             std::optional<Wire::Refusal>& refusal) {
+  if (Wire::isPimType(bytes, Wire::PimType::joinPrune)) {
+    // Asked before the message is read: a stranger costs little.
+    if (!neighborUp(sender)) return Verdict::stranger;
+    auto const decoded = Wire::decodeJoinPrune(bytes, sender, destination);
+    if (auto const* message = std::get_if<Wire::JoinPrune>(&decoded))
+      return receiveJoinPrune(sender, *message);
+    refusal = std::get<Wire::Refusal>(decoded);
+    return Verdict::refused;
+  }
+  constexpr U8 version2 = 2;
+  if (!bytes.empty() && bytes[0] >> 4 == version2 && !Wire::isPimType(bytes, Wire::PimType::hello))
+    return Verdict::otherType;
+  auto const decoded = Wire::decodeHello(bytes, sender, destination);
+  if (auto const* hello = std::get_if<Wire::Hello>(&decoded)) return receiveHello(sender, *hello);
+  refusal = std::get<Wire::Refusal>(decoded);
+  return Verdict::refused;
+}
+
+Verdict SpeakerLink::receiveHello(IpGenAddr const& sender, Wire::Hello const& hello) {
+  Life::Watch const watch(life_);
+  if (!neighbors_->receive(sender, hello)) return Verdict::tooManyNeighbors;
+  if (watch.ended()) return Verdict::hello;
+  SpeakerObserver* const observer = speaker_.settings_.observer;
+  if (observer)
+    callOut("SpeakerLink", "receiveHello", [&] { observer->helloReceived(intf_, sender, hello); });
+  return Verdict::hello;
+}
+
+Verdict SpeakerLink::receiveJoinPrune(IpGenAddr const& sender, Wire::JoinPrune const& message) {
+  IpGenAddr const& upstream = message.upstreamNeighbor();
+  bool const isForUs = upstream == primaryAddress() || (isPointToPoint() && upstream.isZero());
+  Life::Watch const watch(life_);
+  tellEngine(message);
+  if (!watch.ended())
+    forObservers([&](LinkObserver& observer) { observer.joinPruneReceived({sender, isForUs, message}); });
+  return isForUs ? Verdict::joinPrune : Verdict::heard;
+}
+
+// The engine's records are for those who watch them: without one, they are not written.
+void SpeakerLink::tellEngine(Wire::JoinPrune const& message) {
+  Life::Watch const watch(life_);
+  Engine const engine = engine_;
+  if (engine.joins->velUnheard() && engine.prunes->velUnheard()) return;
+  for (auto const& model : modelMessages(message)) {
+    engine.channel->joinPruneMessageIs(model);
+    engine.channel->intfIdIs(engine.intf->intfId());
+    engine.channel->countInc(1);
+    if (watch.ended() || engine_.channel != engine.channel) return;
+  }
+}
+
+bool SpeakerLink::isDenied(IpGenAddr const& group) const {
+  Vel::Ptr<JoinPruneFilter const> const filter = speaker_.settings_.filter;
+  if (!filter) return false;
+  bool denied = true;  // One that throws denies.
+  callOut("SpeakerLink", "isDenied", [&] { denied = filter->deny(group); });
+  return denied;
+}
+
+std::optional<IpGenAddr> SpeakerLink::rp(IpGenAddr const& group) const {
+  if (!speaker_.settings_.rp) return std::nullopt;
+  auto const rp = speaker_.settings_.rp(group);
+  return rp && rp->af() == group.af() ? rp : std::nullopt;
+}
+
+}  // namespace Routing::Pim::Speaker

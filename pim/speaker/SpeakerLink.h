@@ -1,0 +1,118 @@
+// One interface and address family of a speaker: its engine, its neighbors, what is sent and what is
+// received.
+//
+// The link is there as long as its interface. It is up while it has a primary address; then it has an
+// engine and Neighbors, which end with it.
+#pragma once
+
+#include "pim/joinprune/JoinPruneMessageSm.h"
+#include "pim/speaker/PacketManager.h"
+#include "pim/speaker/Speaker.h"
+
+namespace Routing::Pim::Speaker {
+
+/// What a link is to be.
+struct LinkSetup {
+  Dova::IpGenPrefix primary;         ///< The default if the link is to be down.
+  std::vector<IpGenAddr> secondary;  ///< Of the same family.
+  InterfaceSettings settings;
+
+  friend bool operator==(LinkSetup const& a, LinkSetup const& b) = default;
+};
+
+/// All of its functions but the queries call out.
+class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink {
+ public:
+  SpeakerLink(Speaker& speaker, Dova::IntfId const& intf, AddressFamily family);
+  ~SpeakerLink() override;
+
+  /// Brings the link into this state. Called from inside one of its own callbacks, it takes effect when the
+  /// change that is going on is complete.
+  void setupIs(LinkSetup setup);
+  /// Whether such a change is going on.
+  bool isChanging() const { return isChanging_; }
+  /// A packet of its family whose IP header is good.
+  Verdict receive(IpGenAddr const& sender, IpGenAddr const& destination, std::span<U8 const> bytes,
+                  std::optional<Wire::Refusal>& refusal);
+  /// REQUIRES: not from one of this link's callbacks.
+  void observerAdd(LinkObserver& observer) { observers_.push_back(&observer); }
+
+  /// Whether this is an address of the interface.
+  bool isOwn(IpGenAddr const& address) const;
+  /// Null while the link is down.
+  Neighbors const* neighbors() const { return neighbors_.get(); }
+
+  /// Of joins and prunes; null while the link is down.
+  std::pair<Vel::Ptr<JoinPruneMessageInfo>, Vel::Ptr<JoinPruneMessageInfo>> records() const {
+    return {engine_.joins, engine_.prunes};
+  }
+
+  Dova::IntfId const& intf() const override { return intf_; }
+  IpGenAddr primaryAddress() const override { return present_.primary.ipGenAddr(); }
+  bool isPointToPoint() const override { return wanted_.settings.pointToPoint; }
+  U32 neighborCount() const override { return neighbors_ ? neighbors_->count() : 0; }
+  bool neighborUp(IpGenAddr const& address) const override { return neighbors_ && neighbors_->isUp(address); }
+  std::optional<IpGenAddr> neighborOf(IpGenAddr const& address) const override;
+  Seconds propagationDelay() const override;
+  Seconds overrideInterval() const override;
+  bool suppressionAllowed() const override { return neighbors_ && neighbors_->values().suppressionAllowed(); }
+  U16 holdTime() const override { return wanted_.settings.joinPruneHoldTime; }
+  Seconds joinPruneInterval() const override { return wanted_.settings.joinPruneInterval; }
+  bool isDenied(IpGenAddr const& group) const override;
+  std::optional<IpGenAddr> rp(IpGenAddr const& group) const override;
+  Vel::Ptr<Zanth::TimerWheel> const& wheel() const override { return speaker_.wheel_; }
+  Random& random() const override { return speaker_.random_; }
+  Vel::Ptr<JoinPruneStatus> const& dataSets() const override { return engine_.dataSets; }
+
+ private:
+  // All null while the link is down.
+  struct Engine {
+    Vel::Ptr<Status> status;
+    Vel::Ptr<Intf> intf;
+    Vel::Ptr<JoinPruneStatus> dataSets;
+    Vel::Ptr<JoinPruneMessageInfo> joins, prunes;
+    Vel::Ptr<IO::MessageInfo> channel;
+    Vel::Ptr<PacketManager> manager;
+    Vel::Ptr<JoinPruneMessageSm> machine;
+  };
+
+  void bringUp();
+  void bringDown();
+  void adjust();
+
+  Sent sendHello(Wire::Hello const& hello) override;
+  void onLanValues() override;
+  void onNeighborUp(IpGenAddr const& neighbor) override;
+  void onNeighborDown(IpGenAddr const& neighbor) override;
+  void onNeighborRestarted(IpGenAddr const& neighbor) override;
+  void onNeighborEvent(NeighborEvent const& event) override;
+  void send(OutgoingPacket const& packet) override;
+
+  Verdict receiveHello(IpGenAddr const& sender, Wire::Hello const& hello);
+  Verdict receiveJoinPrune(IpGenAddr const& sender, Wire::JoinPrune const& message);
+  void tellEngine(Wire::JoinPrune const& message);
+  template <class Call>
+  void forObservers(Call const& call);
+
+  void updateOverrideInterval();
+  void overrideTimerExpired();
+  void remakeMachine(IpGenAddr const& neighbor);
+
+  // Fixed at construction.
+  Speaker& speaker_;
+  Dova::IntfId const intf_;
+  AddressFamily const family_;
+
+  LinkSetup wanted_, present_;
+  bool isChanging_ = false;
+  Engine engine_;
+  std::unique_ptr<Neighbors> neighbors_;
+  std::vector<LinkObserver*> observers_;
+
+  // The engine's override interval: it was changed last within this Hello_Period while the timer is armed.
+  Timer overrideTimer_;
+  U32 raises_ = 0;  // Within it.
+  Life life_;
+};
+
+}  // namespace Routing::Pim::Speaker
