@@ -2,7 +2,7 @@
 
 #include "pim/speaker/CallOut.h"
 #include "pim/speaker/SpeakerLink.h"
-#include "pim/wire/Text.h"
+#include "pim/wire/private/Text.h"
 #include "runtime/vel/Exception.h"
 
 namespace Routing::Pim::Speaker {

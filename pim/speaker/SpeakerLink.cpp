@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "pim/joinprune/private/RecordAccess.h"
 #include "pim/speaker/CallOut.h"
 #include "pim/speaker/Conversion.h"
 
@@ -284,7 +285,8 @@ Verdict SpeakerLink::receiveJoinPrune(IpGenAddr const& sender, Wire::JoinPrune c
 void SpeakerLink::tellEngine(Wire::JoinPrune const& message) {
   Life::Watch const watch(life_);
   Engine const engine = engine_;
-  if (engine.joins->velUnheard() && engine.prunes->velUnheard()) return;
+  using Records = EngineAccess<JoinPruneMessageInfo>;
+  if (Records::unheard(*engine.joins) && Records::unheard(*engine.prunes)) return;
   for (auto const& model : modelMessages(message)) {
     engine.channel->joinPruneMessageIs(model);
     engine.channel->intfIdIs(engine.intf->intfId());
