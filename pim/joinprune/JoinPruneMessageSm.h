@@ -11,8 +11,10 @@
 //
 // and for the machines alone:
 //
+//   JoinPruneSender.h           the three ways in which a neighbor machine sends: triggered, override, periodic
+//   JoinPruneNeighborLink.h     what this machine and the neighbor machines ask of each other
 //   TransmitStep.h              one message handed to the packet manager
-//   NestedReactor.h             making and unhooking the reactors of a machine
+//   NestedReactor.h             the reactors of a machine: making and unhooking them, and their back pointers
 //   JoinPruneTrace.h            how the machines trace
 //
 // How they hang together: the agent makes the inputs (interfaces and neighbors in a Status, a
@@ -92,25 +94,18 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
 
   // --- Nested reactors ---------------------------------------------------------------------------
 
-  /// What the nested reactors have in common: the back pointer, null once the machine has let go.
+  /// A reactor of the machine.
   template <class Base>
-  class Owned : public Base {
+  class Owned : public NestedReactor<Base, JoinPruneMessageSm> {
    public:
     /// The machine, or null once it has let go; not counted.
-    JoinPruneMessageSm* joinPruneMessageSm() const { return joinPruneMessageSm_; }
+    JoinPruneMessageSm* joinPruneMessageSm() const { return this->velOwner(); }
     /// Sets the back pointer.
-    void joinPruneMessageSmIs(JoinPruneMessageSm* sm) { joinPruneMessageSm_ = sm; }
+    void joinPruneMessageSmIs(JoinPruneMessageSm* sm) { this->velOwnerIs(sm); }
     void joinPruneMessageSmIs(JoinPruneMessageSm*) const { Vel::throwConstInstance(); }
-    /// Clears the back pointer.
-    void velOwnerDel() { joinPruneMessageSm_ = nullptr; }
-    void velOwnerDel() const { Vel::throwConstInstance(); }
 
    protected:
-    /// Of a machine, which is not counted.
-    explicit Owned(JoinPruneMessageSm* sm) : joinPruneMessageSm_(sm) {}
-
-   private:
-    JoinPruneMessageSm* joinPruneMessageSm_;
+    using NestedReactor<Base, JoinPruneMessageSm>::NestedReactor;
   };
 
   /// Follows the interfaces and neighbors. Pointed at another Status, it brings the interfaces into line.

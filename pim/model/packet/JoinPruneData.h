@@ -47,8 +47,6 @@ class VEL_API JoinPruneData final : public Vel::Entity {
   using GroupTable = Vel::EntityMap<Dova::IpGenAddr, JoinPruneGroupData>::Table;
   /// That table, as long as this object lives.
   GroupTable const& velGroups() const { return joinPruneGroupData_.table(); }
-  /// A group, or null; not held.
-  JoinPruneGroupData* velGroup(Dova::IpGenAddr const& group) const { return joinPruneGroupData_.find(group); }
 
   Dova::IpGenAddr const& velKey() const { return upstreamNeighbor_; }
   Vel::AttributeTable const& attributeTable() const override;
