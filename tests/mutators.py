@@ -242,8 +242,11 @@ class Library:
             found += named[:1]
         return found
 
-    def derives(self, c, name):
-        return c is None or c.name == name or any(self.derives(b, name) for b in self.bases(c))
+    def derives(self, c, name, unknown=True):
+        """`unknown`: whether what derives from a template's parameter counts."""
+        if c is None:
+            return unknown
+        return c.name == name or any(self.derives(b, name, unknown) for b in self.bases(c))
 
     def has_refusal(self, c, f, used=False):
         """`used`: by a class that derives from this one, where a template's parameters have other names."""
@@ -265,7 +268,7 @@ class Library:
 
     def entities(self):
         return [c for c in self.classes
-                if self.derives(c, 'Entity') and not c.is_template and c.outer is None]
+                if self.derives(c, 'Entity', unknown=False) and not c.is_template and c.outer is None]
 
     def callbacks(self, c):
         """Of the class's own reactors."""

@@ -9,10 +9,13 @@
 //   JoinPruneMessageInfo.h      the record of the latest received entry; watched by the agent
 //   JoinPruneFilter.h           the policy on received entries
 //
-// and for the machines alone, not installed:
+// and for the machines alone:
 //
+//   JoinPruneSender.h           the three ways in which a neighbor machine sends
+//   detail/NestedReactor.h      the reactors of a machine: making and unhooking them, and their back pointers
+//   private/JoinPruneNeighborLink.h   what this machine and the neighbor machines ask of each other
+//   private/JoinPruneMessageTarget.h  what a neighbor machine is made with, and how it is removed
 //   private/TransmitStep.h      one message handed to the packet manager
-//   private/NestedReactor.h     making and unhooking the reactors of a machine
 //   private/JoinPruneTrace.h    how the machines trace
 //   private/RecordAccess.h      what the status and the record show to the message machine
 //
@@ -93,25 +96,18 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
 
   // --- Nested reactors ---------------------------------------------------------------------------
 
-  /// What the nested reactors have in common: the back pointer, null once the machine has let go.
+  /// A reactor of the machine.
   template <class Base>
-  class Owned : public Base {
+  class Owned : public NestedReactor<Base, JoinPruneMessageSm> {
    public:
     /// The machine, or null once it has let go; not counted.
-    JoinPruneMessageSm* joinPruneMessageSm() const { return joinPruneMessageSm_; }
+    JoinPruneMessageSm* joinPruneMessageSm() const { return this->velOwner(); }
     /// Sets the back pointer.
-    void joinPruneMessageSmIs(JoinPruneMessageSm* sm) { joinPruneMessageSm_ = sm; }
+    void joinPruneMessageSmIs(JoinPruneMessageSm* sm) { this->velOwnerIs(sm); }
     void joinPruneMessageSmIs(JoinPruneMessageSm*) const { Vel::throwConstInstance(); }
-    /// Clears the back pointer.
-    void velOwnerDel() { joinPruneMessageSm_ = nullptr; }
-    void velOwnerDel() const { Vel::throwConstInstance(); }
 
    protected:
-    /// Of a machine, which is not counted.
-    explicit Owned(JoinPruneMessageSm* sm) : joinPruneMessageSm_(sm) {}
-
-   private:
-    JoinPruneMessageSm* joinPruneMessageSm_;
+    using NestedReactor<Base, JoinPruneMessageSm>::NestedReactor;
   };
 
   /// Follows the interfaces and neighbors. Pointed at another Status, it brings the interfaces into line.

@@ -1,17 +1,17 @@
 // Everything that is sent to one upstream target.
 #pragma once
 
-#include "pim/joinprune/JoinPrunePeriodicTimerSm.h"
+#include "pim/joinprune/JoinPruneSender.h"
 #include "pim/model/Neighbor.h"
 #include "pim/model/io/PamManager.h"
 #include "runtime/vel/Attribute.h"
 #include "runtime/vel/Machine.h"
-#include "runtime/zanth/TimerWheel.h"
 
 namespace Routing::Pim {
 
 class JoinPruneMessageSm;
 class JoinPruneNeighborSm;
+struct JoinPruneNeighborInputs;
 
 /// Makes a working machine with a count of 1. Any pointer may be null: no data, nothing to do; no wheel, no
 /// timers; no manager, nothing sent. Without an interface the first periodic route stops the process. The
@@ -26,7 +26,7 @@ VEL_API Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
 /// The transmit machine of one upstream target: a PIM neighbor, or an interface's own address.
 ///
 /// It watches three sets of joins and prunes that others fill, group by group and source by source, and sends
-/// them in three ways:
+/// them in three ways, with a sender for each (JoinPruneSender.h):
 ///
 ///   triggered   what a route change calls for (RFC 7761, 4.5): `triggeredInterval` after the first change
 ///   override    joins that override a prune on the LAN (RFC 7761, 4.5, t_override): after a random delay
@@ -87,25 +87,31 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
 
   // --- Nested reactors ---------------------------------------------------------------------------
 
-  /// What the nested reactors have in common: the back pointer, null once the machine has let go.
+  /// A reactor of the machine itself.
   template <class Base>
-  class Owned : public Base {
+  class Owned : public NestedReactor<Base, JoinPruneNeighborSm> {
    public:
     /// The machine, or null once it has let go; not counted.
-    JoinPruneNeighborSm* joinPruneNeighborSm() const { return joinPruneNeighborSm_; }
+    JoinPruneNeighborSm* joinPruneNeighborSm() const { return this->velOwner(); }
     /// Sets the back pointer.
-    void joinPruneNeighborSmIs(JoinPruneNeighborSm* sm) { joinPruneNeighborSm_ = sm; }
+    void joinPruneNeighborSmIs(JoinPruneNeighborSm* sm) { this->velOwnerIs(sm); }
     void joinPruneNeighborSmIs(JoinPruneNeighborSm*) const { Vel::throwConstInstance(); }
-    /// Clears the back pointer.
-    void velOwnerDel() { joinPruneNeighborSm_ = nullptr; }
-    void velOwnerDel() const { Vel::throwConstInstance(); }
 
    protected:
-    /// Of a machine, which is not counted.
-    explicit Owned(JoinPruneNeighborSm* sm) : joinPruneNeighborSm_(sm) {}
+    using NestedReactor<Base, JoinPruneNeighborSm>::NestedReactor;
+  };
 
-   private:
-    JoinPruneNeighborSm* joinPruneNeighborSm_;
+  /// A reactor of one of the machine's senders.
+  template <class Base, JoinPruneSenderKind kind>
+  class OfSender : public Base {
+   public:
+    /// Watches what it is on, for a machine.
+    template <class Notifier>
+    OfSender(Vel::Ptr<Notifier> const& notifier, JoinPruneNeighborSm* sm)
+        : Base(notifier, senderOf<kind>(sm)) {}
+    /// Sets the back pointer.
+    void joinPruneNeighborSmIs(JoinPruneNeighborSm* sm) { this->velOwnerIs(senderOf<kind>(sm)); }
+    void joinPruneNeighborSmIs(JoinPruneNeighborSm*) const { Vel::throwConstInstance(); }
   };
 
   /// Holds the timer wheel.
@@ -126,121 +132,44 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     }
   };
 
-  // The three ways to send. The handlers of the channels are templates over these; what differs stands in the
-  // source file, in one place for each channel.
-  struct Triggered;
-  struct Override;
-  struct Periodic;
-
-  /// The timer of a channel that sends once.
-  template <class Channel>
-  class VEL_API ChannelTimer : public Owned<Zanth::TimerWheel::Notifiee> {
-   public:
-    /// On a wheel, not armed.
-    ChannelTimer(Vel::Ptr<Zanth::TimerWheel> const& wheel, JoinPruneNeighborSm* sm);
-    void onTime() override;
+  /// The timer of the triggered data.
+  class VEL_API VelTriggeredTimer final : public OfSender<JoinPruneTimer, JoinPruneSenderKind::triggered> {
+    using OfSender::OfSender;
   };
-
-  /// Follows the groups of a data set. Adding a group makes a reactor for it, removing it removes the
-  /// reactor.
-  template <class Channel>
-  class VEL_API ChannelGroup : public Owned<Packet::JoinPruneData::Notifiee> {
-   public:
-    /// What makes it a reactor.
-    using Base = Owned<Packet::JoinPruneData::Notifiee>;
-    using Base::notifierIs;
-    using Base::onJoinPruneGroupData;
-
-    /// Watches a data set; what is in it is taken up by the machine's start.
-    ChannelGroup(Vel::Ptr<Packet::JoinPruneData> const& data, JoinPruneNeighborSm* sm);
-    void notifierIs(Vel::Ptr<Packet::JoinPruneData> const& data) override;
-    void onJoinPruneGroupData(Dova::IpGenAddr group) override;
-    void onJoinPruneGroupDatavelImmediate() override;
-
-    /// The data, or null; not held.
-    Packet::JoinPruneData* velData() const {
-      return static_cast<Packet::JoinPruneData*>(this->velNotifier());
-    }
-  };
-
-  /// Follows the sources of one group. Made for a filled group it does nothing until the next change.
-  template <class Channel>
-  class VEL_API ChannelGroupData : public Owned<Packet::JoinPruneGroupData::Notifiee> {
-   public:
-    /// What makes it a reactor.
-    using Base = Owned<Packet::JoinPruneGroupData::Notifiee>;
-
-    /// Watches a group.
-    ChannelGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData, JoinPruneNeighborSm* sm);
-
-    /// The group under which the machine holds this.
-    Dova::IpGenAddr const& velKey() const { return group_; }
-
-    /// An (S,G) join came, which arms the channel's timer or is counted, or went, which means that it was
-    /// sent or is no longer wanted. A group that is empty then is removed. Without a machine: nothing.
-    void handleJoinedSource(Dova::IpGenAddr const& source);
-    /// The same for an (S,G) prune.
-    void handlePrunedSource(Dova::IpGenAddr const& source);
-    /// The same for an (S,G,rpt) join.
-    void handleJoinedRptSource(Dova::IpGenAddr const& source);
-    /// The same for an (S,G,rpt) prune.
-    void handlePrunedRptSource(Dova::IpGenAddr const& source);
-    /// The same for the (*,G) entry.
-    void handleWcSource();
-
-    using Base::onJoinedRptSource;
-    using Base::onJoinedSource;
-    using Base::onPrunedRptSource;
-    using Base::onPrunedSource;
-    void onJoinedSource(Dova::IpGenAddr source) override { handleJoinedSource(source); }
-    void onPrunedSource(Dova::IpGenAddr source) override { handlePrunedSource(source); }
-    void onJoinedRptSource(Dova::IpGenAddr source) override { handleJoinedRptSource(source); }
-    void onPrunedRptSource(Dova::IpGenAddr source) override { handlePrunedRptSource(source); }
-    void onWcSourceData() override { handleWcSource(); }
-
-   private:
-    template <class Sources>
-    void handleSource(Dova::IpGenAddr const& source);
-    void retireGroup(char const* handler, bool traced);
-
-    Dova::IpGenAddr const group_;
-
-   protected:
-    bool wcSourceSet_ = false;  ///< Periodic: the (*,G) entry is counted.
-  };
-
-  /// The timer of the triggered channel.
-  class VEL_API VelTriggeredTimer final : public ChannelTimer<Triggered> {
-    using ChannelTimer::ChannelTimer;
-  };
-  /// The timer of the override channel.
-  class VEL_API VelOverrideTimer final : public ChannelTimer<Override> {
-    using ChannelTimer::ChannelTimer;
+  /// The timer of the override data.
+  class VEL_API VelOverrideTimer final : public OfSender<JoinPruneTimer, JoinPruneSenderKind::override> {
+    using OfSender::OfSender;
   };
   /// Follows the groups of the triggered data.
-  class VEL_API VelTriggeredGroup final : public ChannelGroup<Triggered> {
-    using ChannelGroup::ChannelGroup;
+  class VEL_API VelTriggeredGroup final
+      : public OfSender<JoinPruneDataReactor, JoinPruneSenderKind::triggered> {
+    using OfSender::OfSender;
   };
   /// Follows the groups of the override data.
-  class VEL_API VelOverrideGroup final : public ChannelGroup<Override> {
-    using ChannelGroup::ChannelGroup;
+  class VEL_API VelOverrideGroup final
+      : public OfSender<JoinPruneDataReactor, JoinPruneSenderKind::override> {
+    using OfSender::OfSender;
   };
   /// Follows the groups of the periodic data.
-  class VEL_API VelPeriodicGroup final : public ChannelGroup<Periodic> {
-    using ChannelGroup::ChannelGroup;
+  class VEL_API VelPeriodicGroup final
+      : public OfSender<JoinPruneDataReactor, JoinPruneSenderKind::periodic> {
+    using OfSender::OfSender;
   };
   /// Follows the sources of one group of the triggered data.
-  class VEL_API VelTriggeredGroupData final : public ChannelGroupData<Triggered> {
-    using ChannelGroupData::ChannelGroupData;
+  class VEL_API VelTriggeredGroupData final
+      : public OfSender<JoinPruneGroupReactor, JoinPruneSenderKind::triggered> {
+    using OfSender::OfSender;
   };
   /// Follows the sources of one group of the override data.
-  class VEL_API VelOverrideGroupData final : public ChannelGroupData<Override> {
-    using ChannelGroupData::ChannelGroupData;
+  class VEL_API VelOverrideGroupData final
+      : public OfSender<JoinPruneGroupReactor, JoinPruneSenderKind::override> {
+    using OfSender::OfSender;
   };
   /// Follows the sources of one group of the periodic data.
-  class VEL_API VelPeriodicGroupData final : public ChannelGroupData<Periodic> {
+  class VEL_API VelPeriodicGroupData final
+      : public OfSender<JoinPruneGroupReactor, JoinPruneSenderKind::periodic> {
    public:
-    using ChannelGroupData::ChannelGroupData;
+    using OfSender::OfSender;
 
     /// True while the group's (*,G) entry is counted in `numPeriodicRoutes`.
     bool wcSourceSet() const { return wcSourceSet_; }
@@ -256,10 +185,10 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     void handleJoinedRptSource();
     /// The same for the (S,G,rpt) prunes.
     void handlePrunedRptSource();
-    using ChannelGroupData::handleJoinedRptSource;
-    using ChannelGroupData::handleJoinedSource;
-    using ChannelGroupData::handlePrunedRptSource;
-    using ChannelGroupData::handlePrunedSource;
+    using JoinPruneGroupReactor::handleJoinedRptSource;
+    using JoinPruneGroupReactor::handleJoinedSource;
+    using JoinPruneGroupReactor::handlePrunedRptSource;
+    using JoinPruneGroupReactor::handlePrunedSource;
 
     void onJoinedSourcevelImmediate() override { handleJoinedSource(); }
     void onPrunedSourcevelImmediate() override { handlePrunedSource(); }
@@ -284,11 +213,13 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
 
   // Reactors on the other constructor arguments; null where the argument was.
   /// On the triggered data.
-  Vel::Ptr<VelTriggeredGroup> const& triggeredGroup() const { return triggeredGroup_; }
+  Vel::Ptr<VelTriggeredGroup> triggeredGroup() const {
+    return as<VelTriggeredGroup>(triggered_.dataReactor());
+  }
   /// On the override data.
-  Vel::Ptr<VelOverrideGroup> const& overrideGroup() const { return overrideGroup_; }
+  Vel::Ptr<VelOverrideGroup> overrideGroup() const { return as<VelOverrideGroup>(override_.dataReactor()); }
   /// On the periodic data.
-  Vel::Ptr<VelPeriodicGroup> const& periodicGroup() const { return periodicGroup_; }
+  Vel::Ptr<VelPeriodicGroup> periodicGroup() const { return as<VelPeriodicGroup>(periodic_.dataReactor()); }
   /// On the timer wheel.
   Vel::Ptr<VelTimerWheel> const& timerWheel() const { return timerWheel_; }
   /// On the packet manager.
@@ -296,13 +227,13 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
 
   // --- Attributes that change --------------------------------------------------------------------
 
-  /// The timer of the triggered channel; null without a wheel.
-  Vel::Ptr<VelTriggeredTimer> triggeredTimer() const { return triggeredTimer_; }
-  /// The timer of the override channel; null without a wheel.
-  Vel::Ptr<VelOverrideTimer> overrideTimer() const { return overrideTimer_; }
+  /// The timer of the triggered data; null without a wheel.
+  Vel::Ptr<VelTriggeredTimer> triggeredTimer() const { return as<VelTriggeredTimer>(triggered_.timer()); }
+  /// The timer of the override data; null without a wheel.
+  Vel::Ptr<VelOverrideTimer> overrideTimer() const { return as<VelOverrideTimer>(override_.timer()); }
 
   /// The machine of the periodic refresh.
-  Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSm() const { return joinPrunePeriodicTimerSm_; }
+  Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSm() const { return periodic_.timerSm(); }
 
   /// Longest time that one expiry may spend sending, in seconds. The periodic machine keeps the value that it
   /// was made with.
@@ -312,19 +243,71 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   /// next.
   VEL_SECONDS(triggeredInterval, TriggeredInterval, 0.1);
 
-  /// The reactors of the groups, by group address.
-  VEL_ENTITIES_READ(Dova::IpGenAddr, VelTriggeredGroupData, triggeredGroupData, TriggeredGroupData);
-  VEL_ENTITIES_READ(Dova::IpGenAddr, VelOverrideGroupData, overrideGroupData, OverrideGroupData);
-  VEL_ENTITIES_READ(Dova::IpGenAddr, VelPeriodicGroupData, periodicGroupData, PeriodicGroupData);
+  // The reactors of the groups, by group address.
+#define JOIN_PRUNE_GROUP_DATA(foo, Foo, sender)                                                              \
+  VEL_COLLECTION_NOTIFY(Dova::IpGenAddr, foo, Foo)                                                           \
+  /** Walks `foo`, and stands whatever happens to it meanwhile. */                                           \
+  using Foo##Iterator = JoinPruneGroupReactorIterator<Vel##Foo>;                                             \
+  /** The same, for reading. */                                                                              \
+  using Foo##IteratorConst = JoinPruneGroupReactorIterator<Vel##Foo const>;                                  \
+  /** The reactor of a group, or null. */                                                                    \
+  Vel::Ptr<Vel##Foo> foo(Dova::IpGenAddr const& group) { return as<Vel##Foo>(sender.groups().find(group)); } \
+  /** The same, for reading. */                                                                              \
+  Vel::Ptr<Vel##Foo const> foo(Dova::IpGenAddr const& group) const {                                         \
+    return as<Vel##Foo const>(sender.groups().find(group));                                                  \
+  }                                                                                                          \
+  /** How many reactors `foo` has; O(1). */                                                                  \
+  U32 foo##Count() const { return sender.groups().size(); }                                                  \
+  /** At the first reactor of `foo`. */                                                                      \
+  Foo##Iterator foo##Iterator() { return {this, sender.groups()}; }                                          \
+  /** The same, for reading. */                                                                              \
+  Foo##IteratorConst foo##Iterator() const { return {this, sender.groups()}; }                               \
+  /** At the first reactor of `foo`, for reading. */                                                         \
+  Foo##IteratorConst foo##IteratorConst() const { return {this, sender.groups()}; }                          \
+  /** At the first reactor behind a group, which need not be there. */                                       \
+  Foo##Iterator foo##IteratorAfter(Dova::IpGenAddr const& group) { return {this, sender.groups(), group}; }  \
+  /** The same, for reading. */                                                                              \
+  Foo##IteratorConst foo##IteratorAfter(Dova::IpGenAddr const& group) const {                                \
+    return {this, sender.groups(), group};                                                                   \
+  }                                                                                                          \
+  /** The group's reactor, made or pointed at it; null throws InvalidArgumentException. */                   \
+  Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData) {                        \
+    return as<Vel##Foo>(sender.groupDataIs(groupData));                                                      \
+  }                                                                                                          \
+  Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {                            \
+    Vel::throwConstInstance();                                                                               \
+  }                                                                                                          \
+  /** Makes it, silently; one that is there throws RangeException. */                                        \
+  Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData) {                       \
+    return as<Vel##Foo>(sender.newGroupData(groupData));                                                     \
+  }                                                                                                          \
+  Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {                           \
+    Vel::throwConstInstance();                                                                               \
+  }                                                                                                          \
+  /** Unhooks, removes and returns a group's reactor, or null; the route count stays. */                     \
+  Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const& group) {                                                \
+    return as<Vel##Foo>(sender.groupDataDel(group));                                                         \
+  }                                                                                                          \
+  Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const&) const { Vel::throwConstInstance(); }                   \
+  /** The same for the reactor at which an iterator stands. */                                               \
+  Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }                          \
+  Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const&) const { Vel::throwConstInstance(); }                     \
+  /** The same for all that are there now. */                                                                \
+  void foo##DelAll() { sender.groupDataDelAll(); }                                                           \
+  void foo##DelAll() const { Vel::throwConstInstance(); }
+  JOIN_PRUNE_GROUP_DATA(triggeredGroupData, TriggeredGroupData, triggered_)
+  JOIN_PRUNE_GROUP_DATA(overrideGroupData, OverrideGroupData, override_)
+  JOIN_PRUNE_GROUP_DATA(periodicGroupData, PeriodicGroupData, periodic_)
+#undef JOIN_PRUNE_GROUP_DATA
 
   /// True once `handleInitialized()` has run. While false, expiries do nothing.
   VEL_VALUE(bool, initialized, Initialized, false);
 
  public:
   /// How many entries the periodic data has, as counted source by source, modulo 2^32.
-  U32 numPeriodicRoutes() const { return numPeriodicRoutes_; }
+  U32 numPeriodicRoutes() const { return periodic_.routes(); }
   /// Sets the count. A change updates the periodic timer and is checked; see `validateNumPeriodicRoutes()`.
-  void numPeriodicRoutesIs(U32 n);
+  void numPeriodicRoutesIs(U32 n) { periodic_.routesIs(n); }
   void numPeriodicRoutesIs(U32) const { Vel::throwConstInstance(); }
   /// Adds to the count, as numPeriodicRoutesIs(). The new value.
   U32 numPeriodicRoutesInc(U32 n);
@@ -333,36 +316,11 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   U32 numPeriodicRoutesDec(U32 n) { return numPeriodicRoutesInc(0u - n); }
   U32 numPeriodicRoutesDec(U32) const { Vel::throwConstInstance(); }
 
-#define JOIN_PRUNE_GROUP_DATA(foo, Foo)                                                    \
-  /** The group's reactor, made or pointed at it; null throws InvalidArgumentException. */ \
-  Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);       \
-  Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {          \
-    Vel::throwConstInstance();                                                             \
-  }                                                                                        \
-  /** Makes it, silently; one that is there throws RangeException. */                      \
-  Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);      \
-  Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {         \
-    Vel::throwConstInstance();                                                             \
-  }                                                                                        \
-  /** Unhooks, removes and returns a group's reactor, or null; the route count stays. */   \
-  Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const& group);                               \
-  Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const&) const { Vel::throwConstInstance(); } \
-  /** The same for the reactor at which an iterator stands. */                             \
-  Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }        \
-  Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const&) const { Vel::throwConstInstance(); }   \
-  /** The same for all that are there now. */                                              \
-  void foo##DelAll();                                                                      \
-  void foo##DelAll() const { Vel::throwConstInstance(); }
-  JOIN_PRUNE_GROUP_DATA(triggeredGroupData, TriggeredGroupData)
-  JOIN_PRUNE_GROUP_DATA(overrideGroupData, OverrideGroupData)
-  JOIN_PRUNE_GROUP_DATA(periodicGroupData, PeriodicGroupData)
-#undef JOIN_PRUNE_GROUP_DATA
-
   /// Makes the triggered timer on a wheel; the same wheel is nothing, null removes the timer.
-  void triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  void triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) { triggered_.timerIs(wheel); }
   void triggeredTimerIs(Vel::Ptr<Zanth::TimerWheel> const&) const { Vel::throwConstInstance(); }
   /// Makes the override timer on a wheel; the same wheel is nothing, null removes the timer.
-  void overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  void overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) { override_.timerIs(wheel); }
   void overrideTimerIs(Vel::Ptr<Zanth::TimerWheel> const&) const { Vel::throwConstInstance(); }
 
   /// Finds the periodic machine, or makes it.
@@ -402,9 +360,9 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
 
   void handleInitialized() override;
   /// Arms the triggered timer if the group has anything to send.
-  void handleTriggeredGroup(Dova::IpGenAddr const& group);
+  void handleTriggeredGroup(Dova::IpGenAddr const& group) { triggered_.handleGroup(group); }
   /// Arms the override timer if the group has anything to send.
-  void handleOverrideGroup(Dova::IpGenAddr const& group);
+  void handleOverrideGroup(Dova::IpGenAddr const& group) { override_.handleGroup(group); }
   /// Counts the routes of the group. If there is no such group, and no other, asks the parent whether this
   /// machine is still needed; a count other than 0 stops the process then.
   void handlePeriodicGroup(Dova::IpGenAddr const& group);
@@ -412,14 +370,14 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   void handlePeriodicGroup();
   /// Sends triggered data, message by message, until there is none, nothing progresses, or the quantum has
   /// passed; then updates the timer.
-  void handleTriggeredTimerExpiry();
+  void handleTriggeredTimerExpiry() { triggered_.handleTimerExpiry(); }
   /// The same for override data.
-  void handleOverrideTimerExpiry();
+  void handleOverrideTimerExpiry() { override_.handleTimerExpiry(); }
   /// Arms the triggered timer if it is idle and there is data, and writes the interface's hold time into the
   /// data. A timer that is armed is not moved.
-  void doUpdateTriggeredTimer();
+  void doUpdateTriggeredTimer() { triggered_.updateTimer(); }
   /// The same for the override timer, after a `randomDelay()`.
-  void doUpdateOverrideTimer();
+  void doUpdateOverrideTimer() { override_.updateTimer(); }
 
   /// A group came or went. Kept: passes on the neighbor's address, not the group's.
   void vel_handleTriggeredGroup_joinPruneGroupData(Dova::IpGenAddr const& group);
@@ -456,32 +414,13 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   void velVisitReactors(ReactorVisitor const& visit) override;
 
  private:
-  friend class JoinPruneMessageSm;  // which puts a machine into its collection between construction and start
-  friend Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
-      JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
-      Vel::Ptr<Intf const> intf, Vel::Ptr<Packet::JoinPruneData> triggeredGroup,
-      Vel::Ptr<Packet::JoinPruneData> overrideGroup, Vel::Ptr<Packet::JoinPruneData> periodicGroup,
-      Vel::Ptr<Zanth::TimerWheel> timerWheel, Seconds const& overrideInterval,
-      Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
+  friend class JoinPruneDataReactor;
+  friend class JoinPruneSender;
+  friend class JoinPruneTimedSender;
+  friend class JoinPrunePeriodicSender;
+  friend class JoinPruneNeighborLink;
 
-  // Only the factory and the message machine construct, and they start what they have made. An override
-  // interval that is NaN or negative throws Vel::InvalidArgumentException.
-  static Vel::Ptr<JoinPruneNeighborSm> velConstruct(
-      JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr,
-      Vel::Ptr<Neighbor const> const& neighbor, Vel::Ptr<Intf const> const& intf,
-      Vel::Ptr<Packet::JoinPruneData> const& triggeredGroup,
-      Vel::Ptr<Packet::JoinPruneData> const& overrideGroup,
-      Vel::Ptr<Packet::JoinPruneData> const& periodicGroup, Vel::Ptr<Zanth::TimerWheel> const& timerWheel,
-      Seconds const& overrideInterval, Vel::Ptr<IO::PamManager> const& pimPamManager,
-      Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
-  JoinPruneNeighborSm(JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr,
-                      Vel::Ptr<Neighbor const> const& neighbor, Vel::Ptr<Intf const> const& intf,
-                      Vel::Ptr<Packet::JoinPruneData> const& triggeredGroup,
-                      Vel::Ptr<Packet::JoinPruneData> const& overrideGroup,
-                      Vel::Ptr<Packet::JoinPruneData> const& periodicGroup,
-                      Vel::Ptr<Zanth::TimerWheel> const& timerWheel, Seconds const& overrideInterval,
-                      Vel::Ptr<IO::PamManager> const& pimPamManager,
-                      Vel::Ptr<Packet::JoinPruneMessage> const& txMessage);
+  explicit JoinPruneNeighborSm(JoinPruneNeighborInputs const& inputs);
 
   // The second half of construction, apart because it calls out: a reactor for each group that is there, then
   // handleInitialized(). The owner has put the machine into its collection before, so that what is called can
@@ -492,45 +431,38 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   // pointer, and the parent is forgotten. What the owner does when it removes the machine.
   void velRetire();
 
-  template <class Channel>
-  Vel::Ptr<Packet::JoinPruneData> data() const;
-  template <class Channel>
-  Packet::JoinPruneGroupData const* groupOf(Dova::IpGenAddr const& group) const;
-  template <class Channel>
-  void reconcile();
-  template <class Channel>
-  void forward(bool active);
-  template <class Channel>
-  void timerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
-  template <class Channel>
-  auto newGroupData(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
-  template <class Channel>
-  auto groupDataIs(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
-  template <class Channel>
-  auto groupDataDel(Dova::IpGenAddr const& group);
-  template <class Channel>
-  void groupDataDelAll();
-  template <class Channel>
-  void handleGroup(Dova::IpGenAddr const& group);
-  void countRoutes();
-  void countRoutesAtStart(Packet::JoinPruneData const& periodic);
+  // A sender, of the type that its reactors point back to; null for null.
+  template <JoinPruneSenderKind kind>
+  static auto senderOf(JoinPruneNeighborSm* sm) {
+    if constexpr (kind == JoinPruneSenderKind::triggered)
+      return sm ? &sm->triggered_ : nullptr;
+    else if constexpr (kind == JoinPruneSenderKind::override)
+      return sm ? &sm->override_ : nullptr;
+    else
+      return sm ? &sm->periodic_ : nullptr;
+  }
+  // A sender's reactor, as what it is.
+  template <class Reactor, class Base>
+  static Vel::Ptr<Reactor> as(Vel::Ptr<Base> const& reactor) {
+    return as<Reactor>(reactor.get());
+  }
+  template <class Reactor, class Base>
+  static Vel::Ptr<Reactor> as(Base* reactor) {
+    return Vel::Ptr<Reactor>(static_cast<Reactor*>(reactor));
+  }
+
+  // For the senders.
+  Vel::Ptr<JoinPruneGroupReactor> makeGroupReactor(JoinPruneSenderKind kind,
+                                                   Vel::Ptr<Packet::JoinPruneGroupData> const& groupData);
+  Vel::Ptr<JoinPruneTimer> makeTimer(JoinPruneSenderKind kind, Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  void notifyGroupData(JoinPruneSenderKind kind, Dova::IpGenAddr const& group);
+  void notifyTimer(JoinPruneSenderKind kind);
+  void forwardGroup(JoinPruneSenderKind kind, Dova::IpGenAddr const& group);
+  void tellOfCount();
+
   void fallBehind();
   void catchUp();
-  template <class Channel>
-  void retireUnfollowedGroups();
   void bringTimersUpToDate();
-  template <class Channel>
-  void armIn(Seconds delay);
-  U32 countSilently(int difference);
-  void tellOfCount(U32 before);
-  template <class Channel>
-  bool timerRunsQuietly();
-  template <class Channel>
-  void doUpdateTimer();
-  template <class Channel>
-  void handleTimerExpiry();
-  template <class Channel>
-  Seconds now() const;
 
   JoinPruneMessageSm* parentSm_;
   Dova::IpGenAddr const neighborAddr_;
@@ -538,18 +470,13 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   Vel::Ptr<Intf const> const intf_;
   Seconds const overrideInterval_;
   Vel::Ptr<Packet::JoinPruneMessage> const txMessage_;
-  Vel::Ptr<VelTriggeredGroup> triggeredGroup_;
-  Vel::Ptr<VelOverrideGroup> overrideGroup_;
-  Vel::Ptr<VelPeriodicGroup> periodicGroup_;
   Vel::Ptr<VelTimerWheel> timerWheel_;
   Vel::Ptr<VelPimPamManager> pimPamManager_;
-  Vel::Ptr<VelTriggeredTimer> triggeredTimer_;
-  Vel::Ptr<VelOverrideTimer> overrideTimer_;
-  Vel::Ptr<JoinPrunePeriodicTimerSm> joinPrunePeriodicTimerSm_;
-  U32 numPeriodicRoutes_ = 0;
+  JoinPruneTimedSender triggered_{*this, JoinPruneSenderKind::triggered};
+  JoinPruneTimedSender override_{*this, JoinPruneSenderKind::override};
+  JoinPrunePeriodicSender periodic_{*this};
   bool behind_ = false;      // a group could not be followed, for want of memory; see catchUp()
   bool catchingUp_ = false;  // catchUp() is running: the count is not right yet
-  bool counted_ = false;  // the start-up count is complete; until then no change of a source moves the count
 };
 
 /// A delay for t_override: at least a tenth of the interval, below the whole of it, drawn from `drand48()`,

@@ -3,6 +3,7 @@
 
 #include "runtime/scrivo/Scrivo.h"
 #include "runtime/vel/Trace.h"
+#include "runtime/vel/private/Assert.h"
 
 namespace Routing::Pim {
 
@@ -35,6 +36,11 @@ inline bool joinPruneIsQuiet() {
 /// A line without a subject.
 #define JOIN_PRUNE_TRACE_BARE(level, pieces) \
   VEL_TRACE(::Routing::Pim::joinPruneTrace(), level, JOIN_PRUNE_SOURCE, __func__, velFunction << pieces)
+
+/// Stops the process, as VEL_ASSERT does, in the name of a function that calls this one.
+#define JOIN_PRUNE_ASSERT_AS(signature, expression) \
+  (static_cast<bool>(expression) ? void(0)          \
+                                 : __assert_fail(#expression, JOIN_PRUNE_SOURCE, __LINE__, signature))
 
 /// A signature as it was declared in its class, without the "virtual" that some compilers put before it.
 /// The array's length is part of its type, so all of this is done at compile time.

@@ -75,7 +75,7 @@ class SpeakerTest : public testing::Test, public Sink, public SpeakerObserver, p
   Verdict join(std::string_view from, std::string_view to, std::string_view intf = "eth0") {
     Wire::JoinPrune message(IpGenAddr(to), 210);
     message.groupAdd(IpGenAddr(to).isIpv4() ? group : IpGenAddr("ff0e::1"));
-    message.joinAdd(Wire::SourceKind::source,
+    message.entryAdd(EntryKind::sourceJoin,
                     IpGenAddr(IpGenAddr(to).isIpv4() ? "10.9.0.1" : "2001:db8:9::1"));
     return joinPrune(from, message, intf);
   }
@@ -338,7 +338,7 @@ class RecordWatcher final : public JoinPruneMessageInfo::NotifieeConst {
 Wire::JoinPrune wildcardJoin(std::string_view of, std::string_view rp) {
   Wire::JoinPrune message(IpGenAddr("10.0.0.1"), 210);
   message.groupAdd(IpGenAddr(of));
-  message.joinAdd(Wire::SourceKind::wildcard, IpGenAddr(rp));
+  message.entryAdd(EntryKind::wildcardJoin, IpGenAddr(rp));
   return message;
 }
 

@@ -1,0 +1,261 @@
+// The three ways in which a neighbor machine sends: triggered, override and periodic. Not part of the
+// library's interface; JoinPruneNeighborSm.h is.
+//
+// Each way is a sender: an object in the machine, with the data set that others fill, a reactor on the set, a
+// reactor on each of its groups, and a timer. What happens when a source is added or removed is in
+// JoinPruneSender.cpp, from the callback to the armed timer.
+#pragma once
+
+#include "pim/entry/EntryKind.h"
+#include "pim/joinprune/JoinPrunePeriodicTimerSm.h"
+#include "pim/joinprune/detail/NestedReactor.h"
+#include "pim/model/packet/JoinPruneData.h"
+#include "runtime/zanth/TimerWheel.h"
+
+namespace Routing::Pim {
+
+class JoinPruneNeighborSm;
+class JoinPruneSender;
+class JoinPruneTimedSender;
+struct JoinPruneSenderTexts;
+
+/// The ways to send.
+enum class JoinPruneSenderKind : U8 { triggered, override, periodic };
+
+/// Follows the groups of a sender's data set. Adding a group makes a reactor for it, removing it removes the
+/// reactor.
+class VEL_API JoinPruneDataReactor : public NestedReactor<Packet::JoinPruneData::Notifiee, JoinPruneSender> {
+ public:
+  using NestedReactor::notifierIs;
+  using NestedReactor::onJoinPruneGroupData;
+
+  /// Watches a data set; what is in it is taken up by the machine's start.
+  JoinPruneDataReactor(Vel::Ptr<Packet::JoinPruneData> const& data, JoinPruneSender* sender);
+  void notifierIs(Vel::Ptr<Packet::JoinPruneData> const& data) override;
+  void onJoinPruneGroupData(Dova::IpGenAddr group) override;
+  void onJoinPruneGroupDatavelImmediate() override;
+
+  /// The machine, or null once it has let go; not counted.
+  JoinPruneNeighborSm* joinPruneNeighborSm() const;
+};
+
+/// Follows the sources of one group. Made for a filled group it does nothing until the next change.
+///
+/// A source that comes arms the sender's timer or is counted; one that goes was sent or is no longer wanted.
+/// A group that is empty then is removed. Without a machine: nothing.
+class VEL_API JoinPruneGroupReactor
+    : public NestedReactor<Packet::JoinPruneGroupData::Notifiee, JoinPruneSender> {
+ public:
+  using NestedReactor::onJoinedRptSource;
+  using NestedReactor::onJoinedSource;
+  using NestedReactor::onPrunedRptSource;
+  using NestedReactor::onPrunedSource;
+
+  /// Watches a group.
+  JoinPruneGroupReactor(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData, JoinPruneSender* sender);
+
+  /// The machine, or null once it has let go; not counted.
+  JoinPruneNeighborSm* joinPruneNeighborSm() const;
+  /// The group under which the machine holds this.
+  Dova::IpGenAddr const& velKey() const { return group_; }
+
+  /// An (S,G) join came or went.
+  void handleJoinedSource(Dova::IpGenAddr const& source) { onJoinedSource(source); }
+  /// The same for an (S,G) prune.
+  void handlePrunedSource(Dova::IpGenAddr const& source) { onPrunedSource(source); }
+  /// The same for an (S,G,rpt) join.
+  void handleJoinedRptSource(Dova::IpGenAddr const& source) { onJoinedRptSource(source); }
+  /// The same for an (S,G,rpt) prune.
+  void handlePrunedRptSource(Dova::IpGenAddr const& source) { onPrunedRptSource(source); }
+  /// The same for the (*,G) entry.
+  void handleWcSource() { onWcSourceData(); }
+
+  void onJoinedSource(Dova::IpGenAddr source) override;
+  void onPrunedSource(Dova::IpGenAddr source) override;
+  void onJoinedRptSource(Dova::IpGenAddr source) override;
+  void onPrunedRptSource(Dova::IpGenAddr source) override;
+  void onWcSourceData() override;
+
+ private:
+  friend class JoinPruneSender;
+  friend class JoinPrunePeriodicSender;
+
+  Dova::IpGenAddr const group_;
+
+ protected:
+  bool wcSourceSet_ = false;  ///< Periodic: the (*,G) entry is counted.
+};
+
+/// Walks the group reactors of a sender, as the reactors of their own class.
+template <class View>
+class JoinPruneGroupReactorIterator : public Vel::IteratorRange<JoinPruneGroupReactorIterator<View>> {
+ public:
+  /// What is walked.
+  using Map = Vel::EntityMap<Dova::IpGenAddr, JoinPruneGroupReactor>;
+
+  JoinPruneGroupReactorIterator() = default;
+  /// At the first reactor. Holds the memory of the machine.
+  JoinPruneGroupReactorIterator(Vel::Entity const* machine, Map const& map) : base_(machine, map) {}
+  /// Begins behind a group, which need not be there.
+  JoinPruneGroupReactorIterator(Vel::Entity const* machine, Map const& map, Dova::IpGenAddr const& after)
+      : base_(machine, map, after) {}
+
+  /// False when the walk is over.
+  explicit operator bool() const { return static_cast<bool>(base_); }
+  /// The reactor, also after it was removed. REQUIRES: true.
+  View& operator*() const { return static_cast<View&>(*base_); }
+  /// The reactor. REQUIRES: true.
+  View* operator->() const { return &**this; }
+  /// The reactor, counted; null when the walk is over.
+  Vel::Ptr<View> ptr() const { return base_ ? Vel::Ptr<View>(&**this) : nullptr; }
+  /// The group. REQUIRES: true.
+  Dova::IpGenAddr const& key() const { return base_.key(); }
+  /// On to the next one. REQUIRES: true.
+  JoinPruneGroupReactorIterator& operator++() {
+    ++base_;
+    return *this;
+  }
+
+ private:
+  Vel::EntityIterator<Dova::IpGenAddr, JoinPruneGroupReactor, JoinPruneGroupReactor> base_;
+};
+
+/// The timer of a sender that sends once.
+class VEL_API JoinPruneTimer : public NestedReactor<Zanth::TimerWheel::Notifiee, JoinPruneTimedSender> {
+ public:
+  /// On a wheel, not armed.
+  JoinPruneTimer(Vel::Ptr<Zanth::TimerWheel> const& wheel, JoinPruneTimedSender* sender);
+  /// The machine, or null once it has let go; not counted.
+  JoinPruneNeighborSm* joinPruneNeighborSm() const;
+  void onTime() override;
+};
+
+/// What the three have in common: a data set, and the reactors of its groups. Lives as long as its machine,
+/// and holds the machine's memory while it calls out.
+class JoinPruneSender {
+ public:
+  using Kind = JoinPruneSenderKind;
+  using Groups = Vel::EntityMap<Dova::IpGenAddr, JoinPruneGroupReactor>;
+  using GroupData = Packet::JoinPruneGroupData;
+
+  JoinPruneSender(JoinPruneNeighborSm& sm, Kind kind);
+  JoinPruneSender(JoinPruneSender const&) = delete;
+  JoinPruneSender& operator=(JoinPruneSender const&) = delete;
+
+  JoinPruneNeighborSm& machine() const { return sm_; }
+  Kind kind() const { return kind_; }
+
+  /// The reactor on the data set; null without one.
+  Vel::Ptr<JoinPruneDataReactor> const& dataReactor() const { return dataReactor_; }
+  void dataReactorIs(Vel::Ptr<JoinPruneDataReactor> const& reactor) { dataReactor_ = reactor; }
+  /// What is sent, or null.
+  Vel::Ptr<Packet::JoinPruneData> data() const { return notifierOf(dataReactor_); }
+
+  /// A source of a group was added or removed.
+  virtual void handleSource(JoinPruneGroupReactor& reactor, EntryKind kind,
+                            Dova::IpGenAddr const& source) = 0;
+  /// The (*,G) entry of a group was set or removed.
+  virtual void handleWildcard(JoinPruneGroupReactor& reactor) = 0;
+
+  /// The reactors of the groups, by group.
+  Groups const& groups() const { return groups_; }
+  /// Finds the group's reactor, points it at the group data, or makes it; tells the machine's reactors.
+  Vel::Ptr<JoinPruneGroupReactor> groupDataIs(Vel::Ptr<GroupData> const& groupData);
+  /// Makes it, silently. One that is there throws RangeException.
+  Vel::Ptr<JoinPruneGroupReactor> newGroupData(Vel::Ptr<GroupData> const& groupData);
+  /// Unhooks and removes it. The removed one, or null.
+  Vel::Ptr<JoinPruneGroupReactor> groupDataDel(Dova::IpGenAddr const& group);
+  void groupDataDelAll();
+
+  /// Brings the group reactors into line with the data.
+  void reconcile();
+  /// Removes each group that was filled and emptied while it had no reactor, as its reactor would have done.
+  /// One that was never filled stays: its entries are still to come.
+  void retireUnfollowedGroups();
+  /// Lets go of all reactors.
+  void unhookGroups();
+
+ protected:
+  ~JoinPruneSender() = default;
+
+  JoinPruneSenderTexts& texts() const;
+  /// If nothing is left in the group, takes it out of the data set, which takes the reactor out of the
+  /// sender.
+  void retireGroup(JoinPruneGroupReactor& reactor, char const* handler, bool traced);
+
+ private:
+  JoinPruneNeighborSm& sm_;
+  Kind const kind_;
+  Vel::Ptr<JoinPruneDataReactor> dataReactor_;
+  Groups groups_;
+};
+
+/// Triggered and override: sends what is pending once, some time after the first change. What was sent is
+/// taken out of the data by who sends it.
+class JoinPruneTimedSender final : public JoinPruneSender {
+ public:
+  using JoinPruneSender::JoinPruneSender;
+
+  void handleSource(JoinPruneGroupReactor& reactor, EntryKind kind, Dova::IpGenAddr const& source) override;
+  void handleWildcard(JoinPruneGroupReactor& reactor) override;
+  /// Arms the timer if the group has anything to send.
+  void handleGroup(Dova::IpGenAddr const& group);
+
+  /// The timer; null without a wheel.
+  Vel::Ptr<JoinPruneTimer> const& timer() const { return timer_; }
+  /// Makes it on a wheel; the same wheel is nothing, null removes it.
+  void timerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel);
+  /// Arms it if it is idle and there is data, and writes the interface's hold time into the data.
+  void updateTimer();
+  /// Arms it if it is idle, for so many seconds from now.
+  void armIn(Seconds delay);
+  /// Sends, message by message, until there is none left, nothing progresses, or the quantum has passed.
+  void handleTimerExpiry();
+
+ private:
+  Seconds delay() const;
+  Seconds now() const;
+
+  Vel::Ptr<JoinPruneTimer> timer_;
+};
+
+/// Periodic: counts what is wanted, by which JoinPrunePeriodicTimerSm sends it again and again.
+class JoinPrunePeriodicSender final : public JoinPruneSender {
+ public:
+  explicit JoinPrunePeriodicSender(JoinPruneNeighborSm& sm) : JoinPruneSender(sm, Kind::periodic) {}
+
+  void handleSource(JoinPruneGroupReactor& reactor, EntryKind kind, Dova::IpGenAddr const& source) override;
+  void handleWildcard(JoinPruneGroupReactor& reactor) override;
+
+  /// The machine of the periodic refresh.
+  Vel::Ptr<JoinPrunePeriodicTimerSm> const& timerSm() const { return timerSm_; }
+  Vel::Ptr<JoinPrunePeriodicTimerSm> timerSmIs(Vel::Ptr<JoinPrunePeriodicTimerSm> const& timerSm) {
+    return std::exchange(timerSm_, timerSm);
+  }
+
+  /// How many entries the data has, as counted source by source, modulo 2^32.
+  U32 routes() const { return routes_; }
+  void routesIs(U32 routes);
+  /// True once the count at the start is complete. Until then no change of a source moves it.
+  bool isCounted() const { return counted_; }
+  /// Counts up group by group.
+  void countAtStart(Packet::JoinPruneData const& periodic);
+  /// Changes of sources move the count from now on.
+  void countIsComplete() { counted_ = true; }
+  /// Takes the count from the data, with all (*,G) entries that are there: they are not counted again.
+  void count();
+
+ private:
+  U32 move(int difference);
+  void tellOfCount(U32 before);
+
+  Vel::Ptr<JoinPrunePeriodicTimerSm> timerSm_;
+  U32 routes_ = 0;
+  bool counted_ = false;
+};
+
+/// "JoinPruneNeighborSm(...)::@...::Triggered(239.1.1.1)::", by the reactor's sender; "null" for null.
+std::ostream& writeGroupForm(std::ostream& os, JoinPruneGroupReactor const* reactor,
+                             JoinPruneSenderKind kind);
+
+}  // namespace Routing::Pim
