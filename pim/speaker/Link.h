@@ -3,8 +3,8 @@
 //     Link                  what they ask: the neighbors, the effective delays of the LAN, the engine's data sets
 //     LinkObserver          what they are told: neighbors that come, end and restart, received Join/Prunes
 //
-// An interface with IPv4 and IPv6 addresses has two links; each has an engine of its own. All addresses of a link are
-// of its family.
+// An interface with IPv4 and IPv6 addresses has two links; each has an engine of its own. All addresses of
+// a link are of its family.
 #pragma once
 
 #include "pim/joinprune/JoinPruneStatus.h"
@@ -38,8 +38,8 @@ class PIM_SPEAKER_API LinkObserver {
   virtual void neighborRestarted(IpGenAddr const&) {}
   /// A Join/Prune was received.
   virtual void joinPruneReceived(ReceivedJoinPrune const&) {}
-  /// The link goes down, or its primary address changes: its state ends. Link::primaryAddress() still is the old one.
-  /// neighborDown() is called for the neighbors before.
+  /// The link goes down, or its primary address changes: its state ends. Link::primaryAddress() still is
+  /// the old one. neighborDown() is called for the neighbors before.
   virtual void linkDown() {}
 };
 
@@ -50,6 +50,8 @@ class PIM_SPEAKER_API Link {
 
   /// The interface's name.
   virtual Dova::IntfId const& intf() const = 0;
+  /// The family of all its addresses.
+  virtual AddressFamily family() const = 0;
   /// The address in the source of its packets; of unknown family while the link is down.
   virtual IpGenAddr primaryAddress() const = 0;
   /// A Join/Prune to the unspecified address is for us on such a link.
@@ -59,6 +61,11 @@ class PIM_SPEAKER_API Link {
   virtual U32 neighborCount() const = 0;
   /// Whether there is a neighbor with this primary address.
   virtual bool neighborUp(IpGenAddr const& address) const = 0;
+
+  /// The primary address of the neighbor that has this address: its own, or one that it lists in its
+  /// Hellos. Nothing if no neighbor has it. For the RPF neighbor, which unicast routing may know by another
+  /// address (RFC 7761, 4.3.4).
+  virtual std::optional<IpGenAddr> neighborOf(IpGenAddr const& address) const = 0;
 
   /// Effective_Propagation_Delay, in seconds (RFC 7761, 4.3.3).
   virtual Seconds propagationDelay() const = 0;
@@ -77,7 +84,8 @@ class PIM_SPEAKER_API Link {
 
   /// Whether received entries of a group are to be ignored.
   virtual bool isDenied(IpGenAddr const& group) const = 0;
-  /// The RP of a group; nothing if the speaker's user does not know it, and then the RP of a message is accepted.
+  /// The RP of a group; nothing if the speaker's user does not know it, and then the RP of a message is
+  /// accepted.
   virtual std::optional<IpGenAddr> rp(IpGenAddr const& group) const = 0;
 
   /// The wheel on which all timers of the speaker are.
@@ -87,8 +95,8 @@ class PIM_SPEAKER_API Link {
   /// The engine's data sets; not null while the link is up.
   virtual Vel::Ptr<JoinPruneStatus> const& dataSets() const = 0;
 
-  /// What is to be sent to a target at once, or null if there is no such target: a neighbor, or the primary address
-  /// for a PruneEcho.
+  /// What is to be sent to a target at once, or null if there is no such target: a neighbor, or the primary
+  /// address for a PruneEcho.
   Vel::Ptr<Packet::JoinPruneData> triggered(IpGenAddr const& target) const {
     return dataSets() ? dataSets()->triggeredGroup(target) : nullptr;
   }

@@ -89,13 +89,19 @@ class Names {
 class TestLink final : public Link {
  public:
   TestLink(AddressFamily family, Vel::Ptr<Zanth::TimerWheel> const& wheel, std::string_view name = "eth0")
-      : name_(name), wheel_(wheel), address(Names(family).address("ME")) {}
+      : name_(name), family_(family), wheel_(wheel), address(Names(family).address("ME")) {}
 
   Dova::IntfId const& intf() const override { return name_; }
+  AddressFamily family() const override { return family_; }
   IpGenAddr primaryAddress() const override { return address; }
   bool isPointToPoint() const override { return false; }
   U32 neighborCount() const override { return static_cast<U32>(neighbors.size()); }
   bool neighborUp(IpGenAddr const& neighbor) const override { return neighbors.contains(neighbor); }
+  std::optional<IpGenAddr> neighborOf(IpGenAddr const& neighbor) const override {
+    auto const found = secondary.find(neighbor);
+    IpGenAddr const primary = found == secondary.end() ? neighbor : found->second;
+    return neighborUp(primary) ? std::optional(primary) : std::nullopt;
+  }
   Seconds propagationDelay() const override { return 0.5; }
   Seconds overrideInterval() const override { return overrideIntervalOfLan; }
   bool suppressionAllowed() const override { return suppression; }
@@ -116,12 +122,14 @@ class TestLink final : public Link {
 
  private:
   Dova::IntfId const name_;
+  AddressFamily const family_;
   Vel::Ptr<Zanth::TimerWheel> const wheel_;
   mutable Random random_{1};
 
  public:
   IpGenAddr address;
   std::set<IpGenAddr> neighbors;
+  std::map<IpGenAddr, IpGenAddr> secondary;  // to the primary one
   std::set<IpGenAddr> denied;
   std::map<IpGenAddr, IpGenAddr> rps;
   std::function<void()> onFilter, onRp;
