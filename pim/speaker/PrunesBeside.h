@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstddef>
+#include <utility>
 
 #include "pim/joinprune/JoinPruneStatus.h"
 
@@ -60,7 +61,7 @@ class PrunesBeside {
       if (walks_[i] && (least_ == none || walks_[i].key() < walks_[least_].key())) least_ = i;
   }
 
-  using Walk = decltype(static_cast<Packet::JoinPruneGroupData const*>(nullptr)->prunedRptSourceIterator());
+  using Walk = decltype(std::declval<Packet::JoinPruneGroupData const&>().prunedRptSourceIterator());
   std::array<Vel::Ptr<Packet::JoinPruneGroupData const>, most> groups_;
   std::array<Walk, most> walks_;
   std::size_t count_ = 0;
