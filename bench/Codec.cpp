@@ -66,8 +66,7 @@ struct Wire {
       std::memcpy(to, counts, 4);
       to += 4;
       for (U32 i = set.first; i < set.first + set.joins + set.prunes; ++i)
-        to = put(to, sourceKindFlags[static_cast<std::size_t>(message.sources[i].kind)],
-                 message.sources[i].address);
+        to = put(to, flagsOf(message.sources[i].kind), message.sources[i].address);
     }
     U32 const sum = ~checksum(bytes);
     std::memcpy(&bytes[2], &sum, 2);
@@ -87,10 +86,8 @@ struct Wire {
           {IpGenAddr::fromBytes({from + 4, Size}), static_cast<U32>(message.sources.size()), joins, prunes});
       from += group;
       for (U32 i = 0; i < joins + prunes; ++i, from += source)
-        message.sources.push_back({from[2] & 2   ? SourceKind::wildcard
-                                   : from[2] & 1 ? SourceKind::sourceRpt
-                                                 : SourceKind::source,
-                                   IpGenAddr::fromBytes({from + 4, Size})});
+        message.sources.push_back(
+            {Routing::Pim::entryKindOf(from[2], i < joins), IpGenAddr::fromBytes({from + 4, Size})});
     }
     return message;
   }
@@ -117,8 +114,8 @@ void measure(U32 groups, U32 sources) {
     message.groupAdd(group);
     plain.sets.push_back({group, static_cast<U32>(plain.sources.size()), sources, 0});
     for (U32 s = 0; s < sources; ++s) {
-      message.joinAdd(SourceKind::source, host(1 + g * sources + s));
-      plain.sources.push_back({SourceKind::source, host(1 + g * sources + s)});
+      message.entryAdd(Routing::Pim::EntryKind::sourceJoin, host(1 + g * sources + s));
+      plain.sources.push_back({Routing::Pim::EntryKind::sourceJoin, host(1 + g * sources + s)});
     }
   }
   IpGenAddr const source = host(65001), destination = allPimRouters(source.af());

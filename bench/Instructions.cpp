@@ -236,10 +236,9 @@ Body refresh() {
 
 struct Coded {
   Coded() {
-    using Wire::SourceKind;
     for (U32 g = 0; g < 70; ++g) {
       message.groupAdd(Bench::groupOf(g));
-      message.joinAdd(SourceKind::source, IpGenAddr::ipv4(0x0a090001u + g));
+      message.entryAdd(Routing::Pim::EntryKind::sourceJoin, IpGenAddr::ipv4(0x0a090001u + g));
     }
     bytes = encode();
   }

@@ -32,7 +32,10 @@ RouteEntry entryFrom(Input& input) {
   IpGenAddr const group(multicasts[(how >> 4) % std::size(multicasts)]);
   IpGenAddr source = unicast(input);
   if (source.af() != group.af()) source = IpGenAddr(group.isIpv4() ? "10.9.0.1" : "2001:db8::1");
-  return {(how & 1) != 0, static_cast<Wire::SourceKind>((how >> 1) % 3), source, group};
+  using Routing::Pim::EntryKind;
+  constexpr EntryKind joins[] = {EntryKind::sourceJoin, EntryKind::wildcardJoin, EntryKind::sourceRptJoin};
+  EntryKind const kind = joins[(how >> 1) % 3];
+  return {how & 1 ? kind : pruneOf(kind), source, group};
 }
 
 Routes entriesFrom(Input& input) {
@@ -41,7 +44,7 @@ Routes entriesFrom(Input& input) {
   do {
     auto const entry = entryFrom(input);
     how = input.u8();
-    entries.add({entry, 1 + (how >> 1 & 3u), (how & 8) != 0 && entry.kind != Wire::SourceKind::wildcard});
+    entries.add({entry, 1 + (how >> 1 & 3u), (how & 8) != 0 && !isWildcard(entry.kind)});
   } while (how & 1);
   return entries;
 }
@@ -58,7 +61,7 @@ ReceiveCommand received(Input& input) {
   for (auto const& entry : entriesFrom(input)) {
     if (entry.group.af() != upstream.af()) continue;
     message.groupAdd(entry.group);
-    entry.join ? message.joinAdd(entry.kind, entry.source) : message.pruneAdd(entry.kind, entry.source);
+    message.entryAdd(entry.kind, entry.source);
   }
   return {intf, message};
 }

@@ -80,36 +80,36 @@ void writeIpv4(CaptureWriter& capture) {
 
   auto message = lan.message();
   message.groupAdd(group);
-  message.joinAdd(Wire::SourceKind::wildcard, rp);
+  message.entryAdd(EntryKind::wildcardJoin, rp);
   lan.joinPrune(1500, message);
 
   message = lan.message();
   message.groupAdd(group);
-  message.joinAdd(Wire::SourceKind::wildcard, rp);
-  message.joinAdd(Wire::SourceKind::source, source);
-  message.pruneAdd(Wire::SourceKind::sourceRpt, source);
+  message.entryAdd(EntryKind::wildcardJoin, rp);
+  message.entryAdd(EntryKind::sourceJoin, source);
+  message.entryAdd(EntryKind::sourceRptPrune, source);
   message.groupAdd(otherGroup);
-  message.joinAdd(Wire::SourceKind::source, source);
-  message.pruneAdd(Wire::SourceKind::source, otherSource);
+  message.entryAdd(EntryKind::sourceJoin, source);
+  message.entryAdd(EntryKind::sourcePrune, otherSource);
   lan.joinPrune(4250, message);
 
   message = lan.message();
   message.groupAdd(group);
-  message.joinAdd(Wire::SourceKind::wildcard, rp);
-  message.joinAdd(Wire::SourceKind::sourceRpt, source);
+  message.entryAdd(EntryKind::wildcardJoin, rp);
+  message.entryAdd(EntryKind::sourceRptJoin, source);
   lan.joinPrune(9125, message);
   lan.withBadChecksum(9500, message);
 
   message = lan.message();
   message.groupAdd(otherGroup);
-  message.joinAdd(Wire::SourceKind::source, otherSource);
+  message.entryAdd(EntryKind::sourceJoin, otherSource);
   lan.joinPrune(10750, message, {100});
   lan.joinPrune(10875, message, {200, 100});
   lan.withWrongCount(12000, message);
 
   message = lan.message();
   message.groupAdd(group);
-  message.pruneAdd(Wire::SourceKind::wildcard, rp);
+  message.entryAdd(EntryKind::wildcardPrune, rp);
   lan.joinPrune(20625, message);
 }
 
@@ -121,17 +121,17 @@ void writeIpv6(CaptureWriter& capture) {
 
   auto message = lan.message();
   message.groupAdd(group);
-  message.joinAdd(Wire::SourceKind::wildcard, rp);
-  message.joinAdd(Wire::SourceKind::sourceRpt, otherSource);
-  message.pruneAdd(Wire::SourceKind::sourceRpt, source);
+  message.entryAdd(EntryKind::wildcardJoin, rp);
+  message.entryAdd(EntryKind::sourceRptJoin, otherSource);
+  message.entryAdd(EntryKind::sourceRptPrune, source);
   message.groupAdd(otherGroup);
-  message.joinAdd(Wire::SourceKind::source, source);
-  message.pruneAdd(Wire::SourceKind::source, otherSource);
+  message.entryAdd(EntryKind::sourceJoin, source);
+  message.entryAdd(EntryKind::sourcePrune, otherSource);
   lan.joinPrune(31500, message);
 
   message = lan.message();
   message.groupAdd(group);
-  message.pruneAdd(Wire::SourceKind::wildcard, rp);
+  message.entryAdd(EntryKind::wildcardPrune, rp);
   lan.joinPrune(42000, message);
 }
 

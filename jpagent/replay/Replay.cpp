@@ -40,17 +40,10 @@ class DenyOptions final : public JoinPruneFilter {
   std::vector<IpGenPrefix> const denied_;
 };
 
-Wire::SourceKind kindOf(Packet::SourceFlags flags) {
-  if (flags == Packet::wildcardFlags) return Wire::SourceKind::wildcard;
-  return flags == Packet::sgRptFlags ? Wire::SourceKind::sourceRpt : Wire::SourceKind::source;
-}
-
 // Entries of one model message, of which no two are the same: by group, and in the order that the engine has
 // within a group.
 void sortEntries(std::span<Entry> entries) {
-  auto const rank = [](Entry const& entry) {
-    return std::tie(entry.group, entry.kind, entry.record, entry.source);
-  };
+  auto const rank = [](Entry const& entry) { return std::tie(entry.group, entry.kind, entry.source); };
   std::sort(entries.begin(), entries.end(),
             [&rank](Entry const& a, Entry const& b) { return rank(a) < rank(b); });
 }
@@ -83,24 +76,23 @@ std::optional<Wire::Refusal> senderFault(Datagram const& datagram) {
 // Reads an entry when its count moves: everything else in the record is in place by then.
 class Replay::EntryReactor final : public JoinPruneMessageInfo::NotifieeConst {
  public:
-  EntryReactor(Record record, std::vector<Entry>& entries) : record_(record), entries_(entries) {}
+  EntryReactor(bool joins, std::vector<Entry>& entries) : joins_(joins), entries_(entries) {}
 
   void onRxCount() override {
     auto const& info = *notifier();
     Entry entry;
-    entry.record = record_;
-    entry.kind = kindOf(info.sourceFlags());
+    entry.kind = entryKindOf(info.sourceFlags().value(), joins_);
     entry.source = info.riKey().source();
     entry.group = info.riKey().group();
     entry.upstreamNeighbor = info.upstreamNeighbor();
     entry.holdTime = static_cast<U16>(info.holdTime());
-    entry.flags = info.sourceFlags().value();
-    if (entry.kind == Wire::SourceKind::wildcard) entry.rp = info.wcSource();
+    entry.flags = info.sourceFlags();
+    if (isWildcard(entry.kind)) entry.rp = info.wcSource();
     entries_.push_back(entry);
   }
 
  private:
-  Record const record_;
+  bool const joins_;
   std::vector<Entry>& entries_;
 };
 
@@ -110,8 +102,8 @@ Replay::Replay(ReplayOptions const& options, Report& report)
       pimStatus_(Vel::create<Status>()),
       intf_(pimStatus_->pimIntfIs(Dova::IntfId(captureIntf))),
       rxMessageInfo_(Vel::create<IO::MessageInfo>()),
-      joinReactor_(Vel::create<EntryReactor>(Record::join, entries_)),
-      pruneReactor_(Vel::create<EntryReactor>(Record::prune, entries_)) {
+      joinReactor_(Vel::create<EntryReactor>(true, entries_)),
+      pruneReactor_(Vel::create<EntryReactor>(false, entries_)) {
   auto const rxJoin = joinPruneMessageInfoFactory();
   auto const rxPrune = joinPruneMessageInfoFactory();
   joinReactor_->notifierIs(rxJoin);
@@ -227,7 +219,7 @@ void Replay::deliver(Place const& place, Wire::JoinPrune const& message) {
     sortEntries(std::span(entries_).subspan(first));
   }
   for (auto const& entry : entries_) {
-    ++totals_.entries[static_cast<std::size_t>(entry.record)][static_cast<std::size_t>(entry.kind)];
+    ++totals_.entries[indexOf(entry.kind)];
     report_.entry(place, entry);
   }
   entries_.clear();

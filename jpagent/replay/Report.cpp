@@ -5,17 +5,11 @@
 #include <nlohmann/json.hpp>
 #include <numeric>
 
+#include "runtime/vel/Text.h"
+
 namespace Routing::Pim::Jpagent {
 
 namespace {
-
-std::string flagLetters(U8 flags) {
-  std::string letters;
-  if (flags & 4) letters += 'S';
-  if (flags & 2) letters += 'W';
-  if (flags & 1) letters += 'R';
-  return letters.empty() ? "none" : letters;
-}
 
 // Wide enough for two IPv4 addresses; lines with IPv6 ones go over it.
 constexpr int routeWidth = 33, addressWidth = 15;
@@ -30,9 +24,9 @@ void TextReport::entry(Place const& place, Entry const& entry) {
   anyLine_ = true;
   auto const route = fmt::format("({},{})", toText(entry.source), toText(entry.group));
   fmt::print(out_, "frame {:<5} {:>13.6f}  {:<5}  {:<9}  {:<{}}  upstream {:<{}}  hold {:>5}  flags {}",
-             place.frame, place.time, text(entry.record), text(entry.kind), route, routeWidth,
-             toText(entry.upstreamNeighbor), addressWidth, entry.holdTime, flagLetters(entry.flags));
-  if (entry.kind == Wire::SourceKind::wildcard) fmt::print(out_, "  rp {}", toText(entry.rp));
+             place.frame, place.time, actionText(entry.kind), routeText(entry.kind), route, routeWidth,
+             toText(entry.upstreamNeighbor), addressWidth, entry.holdTime, Vel::textOf(entry.flags));
+  if (isWildcard(entry.kind)) fmt::print(out_, "  rp {}", toText(entry.rp));
   out_ << '\n';
 }
 
@@ -49,12 +43,9 @@ void TextReport::totals(Totals const& totals) {
   if (anyLine_) out_ << '\n';
   row("frames", totals.frames);
   row("Join/Prune messages", totals.messages);
-  for (Record const record : {Record::join, Record::prune}) {
-    for (std::size_t kind = 0; kind < Wire::sourceKindNames.size(); ++kind) {
-      row(fmt::format("{} {}", Wire::sourceKindNames[kind], text(record)),
-          totals.entries[static_cast<std::size_t>(record)][kind]);
-    }
-  }
+  for (bool const join : {true, false})
+    for (EntryKind const kind : entryKinds)
+      if (isJoin(kind) == join) row(text(kind), totals.entries[indexOf(kind)]);
   row("refused messages", totals.refusedMessages());
   for (std::size_t reason = 0; reason < Wire::reasonNames.size(); ++reason) {
     if (totals.refused[reason]) row(fmt::format("  {}", Wire::reasonNames[reason]), totals.refused[reason]);
@@ -72,15 +63,15 @@ void JsonReport::entry(Place const& place, Entry const& entry) {
   nlohmann::ordered_json object = {
       {"frame", place.frame},
       {"time", place.time},
-      {"record", text(entry.record)},
-      {"kind", text(entry.kind)},
+      {"record", actionText(entry.kind)},
+      {"kind", routeText(entry.kind)},
       {"source", toText(entry.source)},
       {"group", toText(entry.group)},
       {"upstream", toText(entry.upstreamNeighbor)},
       {"holdtime", entry.holdTime},
-      {"flags", entry.flags},
+      {"flags", entry.flags.value()},
   };
-  if (entry.kind == Wire::SourceKind::wildcard) object["rp"] = toText(entry.rp);
+  if (isWildcard(entry.kind)) object["rp"] = toText(entry.rp);
   out_ << object.dump() << '\n';
 }
 

@@ -5,6 +5,7 @@
 #include <iosfwd>
 
 #include "jpagent/capture/Datagram.h"
+#include "pim/model/packet/SourceFlags.h"
 #include "pim/wire/PimMessage.h"
 #include "pim/wire/Refusal.h"
 #include "runtime/vel/Types.h"
@@ -12,11 +13,6 @@
 namespace Routing::Pim::Jpagent {
 
 using Vel::U64;
-
-/// Which record an entry went to.
-enum class Record : U8 { join, prune };
-inline constexpr std::array<std::string_view, 2> recordNames = {"join", "prune"};
-constexpr std::string_view text(Record record) { return recordNames[static_cast<std::size_t>(record)]; }
 
 /// Where a message was found.
 struct Place {
@@ -26,13 +22,12 @@ struct Place {
 
 /// One entry, as a reactor on the library's record saw it.
 struct Entry {
-  Record record = Record::join;
-  Wire::SourceKind kind = Wire::SourceKind::source;
+  EntryKind kind = EntryKind::sourceJoin;
   IpGenAddr source;  ///< All zeros for (*,G).
   IpGenAddr group;
   IpGenAddr upstreamNeighbor;
   U16 holdTime = 0;
-  U8 flags = 0;
+  Packet::SourceFlags flags;
   IpGenAddr rp;  ///< Of (*,G) alone.
 };
 
@@ -42,7 +37,7 @@ struct Totals {
   U64 hellos = 0;     ///< Likewise.
   U64 lenient = 0;    ///< Messages of both types that a replay took because it is lenient.
   U64 strangers = 0;  ///< Messages of both types whose sender found no room among the neighbors.
-  std::array<std::array<U64, Wire::sourceKindNames.size()>, recordNames.size()> entries = {};
+  std::array<U64, entryKinds.size()> entries = {};          ///< Of each kind.
   std::array<U64, Wire::reasonNames.size()> refused = {};   ///< Messages of both types.
   std::array<U64, passedOverNames.size()> passedOver = {};  ///< Frames without a message of either type.
 

@@ -5,6 +5,7 @@
 #include "jpagent/common/RingMessages.h"
 #include "jpagent/simulate/Inside.h"
 #include "jpagent/simulate/RouteData.h"
+#include "pim/model/packet/GroupEntries.h"
 #include "pim/speaker/Conversion.h"
 
 namespace Routing::Pim::Jpagent {
@@ -20,13 +21,13 @@ std::string changeText(Change change, RouteEntry const& entry) {
 
 // All or nothing: what cannot be removed is found before anything is.
 void Simulation::refuseUnlessAllAreThere(Packet::JoinPruneData const& data, DataCommand const& command) {
-  std::set<std::tuple<bool, Wire::SourceKind, IpGenAddr, IpGenAddr>> removed;
+  std::set<std::tuple<EntryKind, IpGenAddr, IpGenAddr>> removed;
   bool const mayRepeat = command.entries.ranges().size() > 1;
   for (auto const& entry : command.entries) {
     auto const group = data.joinPruneGroupData(entry.group);
-    if (!group || !has(*group, entry))
+    if (!group || !Packet::hasEntry(*group, entry.kind, entry.source))
       refuse("{} has no {} {}", toText(command.target), text(command.channel), toText(entry));
-    if (mayRepeat && !removed.emplace(entry.join, entry.kind, entry.source, entry.group).second)
+    if (mayRepeat && !removed.emplace(entry.kind, entry.source, entry.group).second)
       refuse("{} has no second {} {}", toText(command.target), text(command.channel), toText(entry));
   }
 }
@@ -71,7 +72,7 @@ void Simulation::removeEntries(Packet::JoinPruneData& data, DataCommand const& c
   refuseUnlessAllAreThere(data, command);
   for (auto const& entry : command.entries) {
     auto const group = data.joinPruneGroupData(entry.group);
-    takeOut(*group, entry);
+    Packet::removeEntry(*group, entry.kind, entry.source);
     retireGroup(data, command.target, *group);
   }
 }
@@ -97,7 +98,8 @@ void Simulation::change(Packet::JoinPruneData& data, DataCommand const& command)
       data.joinPruneGroupDataDel(command.group);
       break;
     case Change::add:
-      for (auto const& entry : command.entries) put(*data.joinPruneGroupDataIs(entry.group), entry);
+      for (auto const& entry : command.entries)
+        Packet::addEntry(*data.joinPruneGroupDataIs(entry.group), entry.kind, entry.source);
       break;
     case Change::remove:
       return removeEntries(data, command);

@@ -58,10 +58,9 @@ Wire::JoinPrune messageOf(IpGenAddr const& upstream, U16 holdTime, Routes const&
   for (auto const& group : groups) {
     message.groupAdd(group);
     // Joins first: one that comes after prunes would move them all.
-    for (auto const& entry : entriesOf[group])
-      if (entry.join) message.joinAdd(entry.kind, entry.source);
-    for (auto const& entry : entriesOf[group])
-      if (!entry.join) message.pruneAdd(entry.kind, entry.source);
+    for (bool const join : {true, false})
+      for (auto const& entry : entriesOf[group])
+        if (isJoin(entry.kind) == join) message.entryAdd(entry.kind, entry.source);
   }
   Wire::encodeJoinPrune(message, upstream, upstream);  // says if it is too long
   return message;

@@ -3,80 +3,29 @@
 #include <algorithm>
 #include <tuple>
 
+#include "pim/model/packet/GroupEntries.h"
+
 namespace Routing::Pim::Jpagent {
 
 std::vector<RouteEntry> entriesOf(Wire::JoinPrune const& message) {
   std::vector<RouteEntry> entries;
-  for (auto const& group : message.groups()) {
-    for (auto const& join : group.joins()) entries.push_back({true, join.kind, join.address, group.group()});
-    for (auto const& prune : group.prunes())
-      entries.push_back({false, prune.kind, prune.address, group.group()});
-  }
+  for (auto const& group : message.groups())
+    for (auto const& source : group.sources())
+      entries.push_back({source.kind, source.address, group.group()});
   return entries;
 }
 
 std::vector<RouteEntry> entriesOf(Packet::JoinPruneData const& data) {
   std::vector<RouteEntry> entries;
-  for (auto const& groupData : data.joinPruneGroupDataIterator()) {
-    auto const group = groupData.group();
-    auto const add = [&](auto sources, Wire::SourceKind kind, bool join) {
-      for (; sources; ++sources) entries.push_back({join, kind, sources.key(), group});
-    };
-    if (auto const wildcard = groupData.wcSourceData())
-      entries.push_back({wildcard->join(), Wire::SourceKind::wildcard, wildcard->address(), group});
-    add(groupData.joinedSourceIterator(), Wire::SourceKind::source, true);
-    add(groupData.prunedSourceIterator(), Wire::SourceKind::source, false);
-    add(groupData.joinedRptSourceIterator(), Wire::SourceKind::sourceRpt, true);
-    add(groupData.prunedRptSourceIterator(), Wire::SourceKind::sourceRpt, false);
+  for (auto const& group : data.joinPruneGroupDataIterator()) {
+    Packet::forEachEntry(group, [&](EntryKind kind, IpGenAddr const& address) {
+      entries.push_back({kind, address, group.group()});
+    });
   }
   std::sort(entries.begin(), entries.end(), [](RouteEntry const& a, RouteEntry const& b) {
-    return std::tuple(a.group, a.kind, !a.join, a.source) < std::tuple(b.group, b.kind, !b.join, b.source);
+    return std::tie(a.group, a.kind, a.source) < std::tie(b.group, b.kind, b.source);
   });
   return entries;
-}
-
-void put(Packet::JoinPruneGroupData& group, RouteEntry const& entry) {
-  switch (entry.kind) {
-    case Wire::SourceKind::wildcard:
-      group.wcSourceDataIs(Vel::create<Packet::WcSourceData>(entry.source, entry.join));
-      break;
-    case Wire::SourceKind::source:
-      entry.join ? group.joinedSourceIs(entry.source) : group.prunedSourceIs(entry.source);
-      break;
-    case Wire::SourceKind::sourceRpt:
-      entry.join ? group.joinedRptSourceIs(entry.source) : group.prunedRptSourceIs(entry.source);
-      break;
-  }
-}
-
-bool has(Packet::JoinPruneGroupData const& group, RouteEntry const& entry) {
-  switch (entry.kind) {
-    case Wire::SourceKind::wildcard: {
-      auto const wildcard = group.wcSourceData();
-      return wildcard && wildcard->join() == entry.join && wildcard->address() == entry.source;
-    }
-    case Wire::SourceKind::source:
-      return entry.join ? group.joinedSource(entry.source) : group.prunedSource(entry.source);
-    case Wire::SourceKind::sourceRpt:
-      return entry.join ? group.joinedRptSource(entry.source) : group.prunedRptSource(entry.source);
-  }
-  return false;
-}
-
-bool takeOut(Packet::JoinPruneGroupData& group, RouteEntry const& entry) {
-  if (!has(group, entry)) return false;
-  switch (entry.kind) {
-    case Wire::SourceKind::wildcard:
-      group.wcSourceDataDel();
-      break;
-    case Wire::SourceKind::source:
-      entry.join ? group.joinedSourceDel(entry.source) : group.prunedSourceDel(entry.source);
-      break;
-    case Wire::SourceKind::sourceRpt:
-      entry.join ? group.joinedRptSourceDel(entry.source) : group.prunedRptSourceDel(entry.source);
-      break;
-  }
-  return true;
 }
 
 }  // namespace Routing::Pim::Jpagent

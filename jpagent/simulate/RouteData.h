@@ -14,9 +14,4 @@ std::vector<RouteEntry> entriesOf(Wire::JoinPrune const& message);
 /// In ascending order of the groups, and in each group by kind and source.
 std::vector<RouteEntry> entriesOf(Packet::JoinPruneData const& data);
 
-void put(Packet::JoinPruneGroupData& group, RouteEntry const& entry);
-bool has(Packet::JoinPruneGroupData const& group, RouteEntry const& entry);
-/// False if it is not there.
-bool takeOut(Packet::JoinPruneGroupData& group, RouteEntry const& entry);
-
 }  // namespace Routing::Pim::Jpagent

@@ -28,11 +28,10 @@ RouteEntry takeRoute(Words& words, bool join) {
   if (!group || !source) words.fail(entryForms);
   if (Wire::groupFault(*group, group->af())) words.fail("a route to a multicast group");
   words.take();
-  RouteEntry entry{join,
-                   wildcard ? Wire::SourceKind::wildcard
-                   : rpt    ? Wire::SourceKind::sourceRpt
-                            : Wire::SourceKind::source,
-                   *source, *group};
+  EntryKind const kind = wildcard ? EntryKind::wildcardJoin
+                         : rpt    ? EntryKind::sourceRptJoin
+                                  : EntryKind::sourceJoin;
+  RouteEntry entry{join ? kind : pruneOf(kind), *source, *group};
   if (wildcard) {
     words.require("rp");
     entry.source = words.address("the address of an RP");
@@ -70,8 +69,7 @@ RouteRange takeRange(Words& words, bool join) {
   if (!range.sources && !words.taken("routes")) words.fail("\"routes\" or \"sources\"");
   words.require("from");
   range.first = takeRoute(words, join);
-  if (range.sources && range.first.kind == Wire::SourceKind::wildcard)
-    words.refuse("expected sources, and (*,G) has none");
+  if (range.sources && isWildcard(range.first.kind)) words.refuse("expected sources, and (*,G) has none");
   if (!exists(range, range.count - 1)) {
     U32 there = 0, missing = range.count - 1;
     while (missing - there > 1) {

@@ -7,11 +7,11 @@
 namespace Routing::Pim::Jpagent {
 
 std::string toText(RouteEntry const& entry) {
-  bool const wildcard = entry.kind == Wire::SourceKind::wildcard;
-  auto const verb = entry.join ? "join" : "prune";
-  if (wildcard) return fmt::format("{} (*,{}) rp {}", verb, toText(entry.group), toText(entry.source));
+  auto const verb = actionText(entry.kind);
+  if (isWildcard(entry.kind))
+    return fmt::format("{} (*,{}) rp {}", verb, toText(entry.group), toText(entry.source));
   return fmt::format("{} ({},{}{})", verb, toText(entry.source), toText(entry.group),
-                     entry.kind == Wire::SourceKind::sourceRpt ? ",rpt" : "");
+                     flagsOf(entry.kind) & EntryFlags::rpt ? ",rpt" : "");
 }
 
 IpGenAddr further(IpGenAddr const& address, U32 count) {

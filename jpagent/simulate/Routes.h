@@ -17,8 +17,7 @@ using Vel::U8;
 /// A join or prune of a route, in the form in which commands give it and the output shows it:
 /// "join (10.9.0.1,239.1.1.1)", "prune (10.9.0.1,239.1.1.1,rpt)", "join (*,239.1.1.1) rp 10.0.0.9".
 struct RouteEntry {
-  bool join = true;
-  Wire::SourceKind kind = Wire::SourceKind::source;
+  EntryKind kind = EntryKind::sourceJoin;
   IpGenAddr source;  ///< The RP of a (*,G) entry.
   IpGenAddr group;
 };

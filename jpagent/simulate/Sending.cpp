@@ -48,8 +48,8 @@ void Simulation::ringSent(Speaker::OutgoingPacket const& packet,
   auto const data = manager_->txMessageInfo()->joinPruneMessage()->joinPruneData();
   auto const channel = std::find(channelNames.begin(), channelNames.end(), channelOf(*data));
   if (channel == channelNames.end()) return;
-  auto const joins = static_cast<std::size_t>(
-      std::count_if(entries.begin(), entries.end(), [](RouteEntry const& entry) { return entry.join; }));
+  auto const joins = static_cast<std::size_t>(std::count_if(
+      entries.begin(), entries.end(), [](RouteEntry const& entry) { return isJoin(entry.kind); }));
   RingMessages::ofChannel(static_cast<Channel>(channel - channelNames.begin()), [&]<Channel one>() {
     RingMessages::sent<one>(packet.message.upstreamNeighbor(), packet.intf.name(), joins,
                             entries.size() - joins, packet.bytes.size());

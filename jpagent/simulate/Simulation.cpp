@@ -57,8 +57,9 @@ Simulation::Simulation(std::ostream& out, Speaker::PacketSink* alsoTo, std::size
   pruneWatch_->notifierIs(rxPrune_);
   // Another router's join suppresses one's own (RFC 7761, 4.5.5); nothing suppresses a prune.
   auto const suppression = [groups = suppressed_](Dova::IntfId const&, IpGenAddr const&,
-                                                  RouteKey const& route, Wire::SourceKind,
-                                                  bool join) { return join && groups->deny(route.group()); };
+                                                  RouteKey const& route, EntryKind kind) {
+    return isJoin(kind) && groups->deny(route.group());
+  };
   manager_ = Vel::create<Speaker::PacketManager>(packets_, pimStatus_, filtered_, suppression);
   manager_->start();
 }

@@ -5,6 +5,7 @@
 
 #include "pim/joinprune/JoinPruneTrace.h"
 #include "pim/joinprune/NestedReactor.h"
+#include "pim/model/packet/GroupEntries.h"
 #include "runtime/vel/Assert.h"
 
 namespace Routing::Pim {
@@ -658,6 +659,11 @@ struct RxRecord {
   bool headerDone = false;  // for the group at hand
 };
 
+// How a kind is written behind "Join" or "Prune".
+std::string_view shortForm(EntryKind kind) {
+  return isWildcard(kind) ? ", WC" : flagsOf(kind) & EntryFlags::rpt ? ", RPT" : "";
+}
+
 }  // namespace
 
 void JoinPruneMessageSm::handleRxMessage() {
@@ -673,9 +679,10 @@ void JoinPruneMessageSm::handleRxMessage() {
   RxRecord join{rxJoin_, "Join"}, prune{rxPrune_, "Prune"};
 
   // Each write notifies, so the order is what observers rely on. They may drop this machine in between.
-  auto const writeEntry = [&](RxRecord& record, Dova::IpGenAddr const& source, Dova::IpGenAddr const& group,
-                              Packet::SourceFlags flags, char const* kind, Dova::IpGenAddr const* wcSource) {
+  auto const writeEntry = [&](EntryKind kind, Dova::IpGenAddr const& source, Dova::IpGenAddr const& group,
+                              Dova::IpGenAddr const* wcSource) {
     if (retired()) return;
+    RxRecord& record = isJoin(kind) ? join : prune;
     JoinPruneMessageInfo* const info = record.info.get();
     if (info) {
       if (!std::exchange(record.headerDone, true)) {
@@ -686,20 +693,20 @@ void JoinPruneMessageSm::handleRxMessage() {
       }
       info->velRouteIs(source, group);
       if (retired()) return;
-      info->sourceFlagsIs(flags);
+      info->sourceFlagsIs(Packet::SourceFlags(kind));
       if (retired()) return;
       if (wcSource) info->wcSourceIs(*wcSource);
       if (retired()) return;
     }
-    JOIN_PRUNE_TRACE_AS(7, this, "handleRxMessage", "(), " << record.name << kind << info);
+    JOIN_PRUNE_TRACE_AS(7, this, "handleRxMessage", "(), " << record.name << shortForm(kind) << info);
     if (info && !retired()) info->rxCountInc(1);
   };
   // Most groups have sources of one kind, so the others are asked for their number first.
-  auto const writeSources = [&](RxRecord& record, U32 count, auto const& sourcesOf,
-                                Dova::IpGenAddr const& group, Packet::SourceFlags flags, char const* kind) {
-    if (count == 0) return;
-    for (auto sources = sourcesOf(); sources && !retired(); ++sources)
-      writeEntry(record, sources.key(), group, flags, kind, nullptr);
+  auto const writeSources = [&](auto sources, Packet::JoinPruneGroupData const& groupData,
+                                Dova::IpGenAddr const& group) {
+    if (sources.count(groupData) == 0) return;
+    for (auto source = sources.iterator(groupData); source && !retired(); ++source)
+      writeEntry(sources.kind, source.key(), group, nullptr);
   };
 
   // Where nobody hears of the single entries, those of the usual kind of group are written at once.
@@ -728,12 +735,8 @@ void JoinPruneMessageSm::handleRxMessage() {
     Dova::IpGenAddr const group = groupData.group();
     join.headerDone = prune.headerDone = false;
     if (!writeUnheard(join, groupData))
-      writeSources(
-          join, groupData.joinedSourceCount(), [&] { return groupData.joinedSourceIterator(); }, group,
-          Packet::sgFlags, "");
-    writeSources(
-        prune, groupData.prunedSourceCount(), [&] { return groupData.prunedSourceIterator(); }, group,
-        Packet::sgFlags, "");
+      writeSources(Packet::GroupSources<EntryKind::sourceJoin>(), groupData, group);
+    writeSources(Packet::GroupSources<EntryKind::sourcePrune>(), groupData, group);
     if (retired()) break;
     // Kept: asked only now, so the (S,G) entries of a denied group are recorded.
     bool denied = false;
@@ -744,7 +747,7 @@ void JoinPruneMessageSm::handleRxMessage() {
       Dova::IpGenAddr const anySource = Dova::IpGenAddr::zero(wcAddress.af());
       if (!wildcard->join()) {
         // Kept: the RP of a prune is not checked.
-        writeEntry(prune, anySource, group, Packet::wildcardFlags, ", WC", &wcAddress);
+        writeEntry(EntryKind::wildcardPrune, anySource, group, &wcAddress);
       } else {
         Dova::IpGenAddr rp;
         bool known = true;
@@ -753,19 +756,15 @@ void JoinPruneMessageSm::handleRxMessage() {
           if (known) VEL_ASSERT(JOIN_PRUNE_SOURCE, rp.af() != Dova::ipunknown());
         }
         if (known && rpHashComputeStatus_ && rp == wcAddress)
-          writeEntry(join, anySource, group, Packet::wildcardFlags, ", WC", &wcAddress);
+          writeEntry(EntryKind::wildcardJoin, anySource, group, &wcAddress);
         else if (known && !retired())
           JOIN_PRUNE_TRACE(
               2, this,
               "(), RP (" << rp << ") does not match received RP (" << wcAddress << ") for group " << group);
       }
     }
-    writeSources(
-        join, groupData.joinedRptSourceCount(), [&] { return groupData.joinedRptSourceIterator(); }, group,
-        Packet::sgRptFlags, ", RPT");
-    writeSources(
-        prune, groupData.prunedRptSourceCount(), [&] { return groupData.prunedRptSourceIterator(); }, group,
-        Packet::sgRptFlags, ", RPT");
+    writeSources(Packet::GroupSources<EntryKind::sourceRptJoin>(), groupData, group);
+    writeSources(Packet::GroupSources<EntryKind::sourceRptPrune>(), groupData, group);
   }
   if (firstError) std::rethrow_exception(firstError);
 }

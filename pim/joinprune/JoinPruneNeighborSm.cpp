@@ -7,6 +7,7 @@
 #include "pim/joinprune/JoinPruneTrace.h"
 #include "pim/joinprune/NestedReactor.h"
 #include "pim/joinprune/TransmitStep.h"
+#include "pim/model/packet/GroupEntries.h"
 #include "pim/model/packet/GroupWalk.h"
 #include "runtime/vel/Assert.h"
 
@@ -27,28 +28,6 @@ consteval auto joined(char const (&... parts)[N]) {
   (append(parts), ...);
   return text;
 }
-
-// The kinds of sources: which collection of the group data, and whether they are joins.
-template <bool (GroupData::*collection)(Dova::IpGenAddr const&) const, U32 (GroupData::*count)() const,
-          bool isJoin>
-struct SourceKind {
-  static constexpr bool join = isJoin;
-  static bool present(GroupData const& group, Dova::IpGenAddr const& source) {
-    return (group.*count)() != 0 && (group.*collection)(source);
-  }
-};
-struct JoinedSource : SourceKind<&GroupData::joinedSource, &GroupData::joinedSourceCount, true> {
-  static constexpr char name[] = "JoinedSource";
-};
-struct PrunedSource : SourceKind<&GroupData::prunedSource, &GroupData::prunedSourceCount, false> {
-  static constexpr char name[] = "PrunedSource";
-};
-struct JoinedRptSource : SourceKind<&GroupData::joinedRptSource, &GroupData::joinedRptSourceCount, true> {
-  static constexpr char name[] = "JoinedRptSource";
-};
-struct PrunedRptSource : SourceKind<&GroupData::prunedRptSource, &GroupData::prunedRptSourceCount, false> {
-  static constexpr char name[] = "PrunedRptSource";
-};
 
 }  // namespace
 
@@ -187,18 +166,18 @@ JoinPruneNeighborSm::ChannelGroupData<Channel>::ChannelGroupData(Vel::Ptr<GroupD
 }
 
 template <class Channel>
-template <class Kind>
+template <class Sources>
 void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAddr const& source) {
-  static constexpr auto handler = joined("handle", Kind::name);
+  static constexpr auto handler = joined("handle", Sources::name);
   static constexpr auto signature = joined("void Routing::Pim::JoinPruneNeighborSm::Vel", Channel::name,
-                                           "GroupData::handle", Kind::name, "(const Dova::IpGenAddr&)");
+                                           "GroupData::handle", Sources::name, "(const Dova::IpGenAddr&)");
   JoinPruneNeighborSm* const sm = this->joinPruneNeighborSm();
   if (!sm) return;
   if constexpr (!Channel::counted) {
     // The bulk of a burst: one more source, and the timer runs already. Nobody is called, so nothing is held.
     if (sm->timerRunsQuietly<Channel>()) {
       auto const* const watched = static_cast<GroupData const*>(this->velNotifier());
-      if (!watched || Kind::present(*watched, source)) return;
+      if (!watched || Sources::contains(*watched, source)) return;
     }
   }
   SCRIVO_BLOCK_TIMER(JOIN_PRUNE_SOURCE, signature.data());
@@ -209,7 +188,7 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAdd
   auto const* const subject = static_cast<typename Channel::GroupReactor const*>(this);
 
   if constexpr (Channel::counted) {
-    if (Kind::present(*groupData, source)) {
+    if (Sources::contains(*groupData, source)) {
       sm->tellOfCount(sm->countSilently(1));
       if (sm->retired()) return;
       JOIN_PRUNE_TRACE_AS(7, subject, handler.data(),
@@ -222,13 +201,13 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleSource(Dova::IpGenAdd
   } else {
     JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << ')');
     if (sm->retired()) return;
-    if (Kind::present(*groupData, source)) {
+    if (Sources::contains(*groupData, source)) {
       sm->doUpdateTimer<Channel>();
       return;
     }
     JOIN_PRUNE_TRACE_AS(7, subject, handler.data(), '(' << source << "), Sent");
   }
-  retireGroup(handler.data(), !Kind::join || Channel::tracesFinishedJoins);
+  retireGroup(handler.data(), !isJoin(Sources::kind) || Channel::tracesFinishedJoins);
 }
 
 template <class Channel>
@@ -289,19 +268,19 @@ void JoinPruneNeighborSm::ChannelGroupData<Channel>::retireGroup(char const* han
 
 template <class Channel>
 void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleJoinedSource(Dova::IpGenAddr const& source) {
-  handleSource<JoinedSource>(source);
+  handleSource<Packet::GroupSources<EntryKind::sourceJoin>>(source);
 }
 template <class Channel>
 void JoinPruneNeighborSm::ChannelGroupData<Channel>::handlePrunedSource(Dova::IpGenAddr const& source) {
-  handleSource<PrunedSource>(source);
+  handleSource<Packet::GroupSources<EntryKind::sourcePrune>>(source);
 }
 template <class Channel>
 void JoinPruneNeighborSm::ChannelGroupData<Channel>::handleJoinedRptSource(Dova::IpGenAddr const& source) {
-  handleSource<JoinedRptSource>(source);
+  handleSource<Packet::GroupSources<EntryKind::sourceRptJoin>>(source);
 }
 template <class Channel>
 void JoinPruneNeighborSm::ChannelGroupData<Channel>::handlePrunedRptSource(Dova::IpGenAddr const& source) {
-  handleSource<PrunedRptSource>(source);
+  handleSource<Packet::GroupSources<EntryKind::sourceRptPrune>>(source);
 }
 
 #define JOIN_PRUNE_TRACE_ONLY(handler)                        \

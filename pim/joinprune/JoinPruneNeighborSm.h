@@ -199,7 +199,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     void onWcSourceData() override { handleWcSource(); }
 
    private:
-    template <class Kind>
+    template <class Sources>
     void handleSource(Dova::IpGenAddr const& source);
     void retireGroup(char const* handler, bool traced);
 

@@ -1,5 +1,7 @@
 #include "pim/speaker/Conversion.h"
 
+#include "pim/model/packet/GroupEntries.h"
+
 namespace Routing::Pim::Speaker {
 
 namespace {
@@ -12,8 +14,7 @@ class ModelWriter {
     for (auto const& group : wire_.groups()) {
       if (data_->joinPruneGroupData(group.group())) begin();
       open(group.group());
-      for (auto const& source : group.joins()) put(source, true);
-      for (auto const& source : group.prunes()) put(source, false);
+      for (auto const& source : group.sources()) put(source);
     }
     return std::move(messages_);
   }
@@ -29,27 +30,18 @@ class ModelWriter {
 
   void open(IpGenAddr const& group) { group_ = data_->joinPruneGroupDataIs(group); }
 
-  void put(Wire::Source const& source, bool join) {
-    if (fits(source, join)) return;
+  void put(Wire::Source const& source) {
+    if (fits(source)) return;
     auto const group = group_->group();
     begin();
     open(group);
-    fits(source, join);
+    fits(source);
   }
 
   // Puts an entry in, unless it is there already or its place is taken.
-  bool fits(Wire::Source const& source, bool join) {
-    switch (source.kind) {
-      case Wire::SourceKind::source:
-        return join ? group_->joinedSourceIs(source.address) : group_->prunedSourceIs(source.address);
-      case Wire::SourceKind::sourceRpt:
-        return join ? group_->joinedRptSourceIs(source.address) : group_->prunedRptSourceIs(source.address);
-      case Wire::SourceKind::wildcard:
-        if (group_->wcSourceData()) return false;
-        group_->wcSourceDataIs(Vel::create<Packet::WcSourceData>(source.address, join));
-        return true;
-    }
-    return true;
+  bool fits(Wire::Source const& source) {
+    if (isWildcard(source.kind) && group_->wcSourceData()) return false;
+    return Packet::addEntry(*group_, source.kind, source.address);
   }
 
   Wire::JoinPrune const& wire_;

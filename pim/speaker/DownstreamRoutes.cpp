@@ -103,17 +103,18 @@ bool DownstreamRoutes::receiveGroup(Wire::GroupSet const& group, Message& messag
 
 void DownstreamRoutes::receive(Wire::Source const& source, IpGenAddr const& group, bool isJoin,
                                Message& message) {
-  switch (source.kind) {
+  SourceKind const kind = sourceKindOf(source.kind);
+  switch (kind) {
     case SourceKind::wildcard: {
       Route const route = Route::wildcard(group);
       return isJoin ? joinWildcard(route, source.address, message) : prune(route, source.address, message);
     }
     case SourceKind::source: {
-      Route const route{source.kind, source.address, group};
+      Route const route{kind, source.address, group};
       return isJoin ? join(route, {}, message) : prune(route, {}, message);
     }
     case SourceKind::sourceRpt: {
-      Route const route{source.kind, source.address, group};
+      Route const route{kind, source.address, group};
       return isJoin ? joinRpt(route, message) : pruneRpt(route, message);
     }
   }

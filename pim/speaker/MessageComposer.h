@@ -84,7 +84,7 @@ class Composer {
   struct Leaving {
     Vel::Ptr<GroupData> group;
     Vel::Ptr<Packet::WcSourceData> wildcard;
-    std::vector<std::pair<Stage, IpGenAddr>> sources;
+    std::vector<std::pair<EntryKind, IpGenAddr>> sources;
   };
 
   // These say whether the message goes on. If it does not, resume_ is set.
@@ -138,12 +138,12 @@ class Composer {
     here_ = from;
     // Data that is sent once no longer has the prunes that went before a (*,G) join was added. The others
     // must go with it, not ahead of it: the receiver forgets at the join what is not beside it.
-    if (!keepsData_ && here_.stage == Stage::prunedRptSources && joinsWildcard()) {
-      here_.stage = Stage::wildcard;
+    if (!keepsData_ && here_.stage == rptPruneStage && joinsWildcard()) {
+      here_.stage = wildcardStage;
       here_.after.reset();
     }
     if (group_->empty()) ++passedOver_;
-    for (; here_.stage != Stage::end; here_.stage = next(here_.stage), here_.after.reset()) {
+    for (; here_.stage != stages.size(); ++here_.stage, here_.after.reset()) {
       if (!addStage()) {
         resume_ = here_;
         return false;
@@ -153,47 +153,29 @@ class Composer {
   }
 
   bool addStage() {
-    GroupData const& group = *group_;
-    switch (here_.stage) {
-      case Stage::wildcard:
-        return addWildcard();
-      case Stage::prunedRptSources:
-        return group.prunedRptSourceCount() == 0 ||
-               addSources([&] { return group.prunedRptSourceIterator(); },
-                          [&](IpGenAddr const& after) { return group.prunedRptSourceIteratorAfter(after); });
-      case Stage::joinedSources:
-        return group.joinedSourceCount() == 0 ||
-               addSources([&] { return group.joinedSourceIterator(); },
-                          [&](IpGenAddr const& after) { return group.joinedSourceIteratorAfter(after); });
-      case Stage::joinedRptSources:
-        return group.joinedRptSourceCount() == 0 ||
-               addSources([&] { return group.joinedRptSourceIterator(); },
-                          [&](IpGenAddr const& after) { return group.joinedRptSourceIteratorAfter(after); });
-      case Stage::prunedSources:
-        return group.prunedSourceCount() == 0 ||
-               addSources([&] { return group.prunedSourceIterator(); },
-                          [&](IpGenAddr const& after) { return group.prunedSourceIteratorAfter(after); });
-      case Stage::end:
-        break;
-    }
-    return true;
+    return Packet::byEntryKind(
+        stages[here_.stage],
+        [this](auto sources) { return sources.count(*group_) == 0 || addSources(sources); },
+        [this] { return addWildcard(); });
   }
 
   // The sources of a stage: from its front, or behind a source.
-  template <class Front, class Behind>
-  bool addSources(Front front, Behind behind) {
-    for (auto source = here_.after ? behind(*here_.after) : front(); source; ++source) {
+  template <class Sources>
+  bool addSources(Sources const& sources) {
+    GroupData const& group = *group_;
+    EntryKind const kind = sources.kind;
+    for (auto source = here_.after ? sources.iteratorAfter(group, *here_.after) : sources.iterator(group);
+         source; ++source) {
       if (passedOver_ >= PacketManager::maxPassedOver) return false;
       IpGenAddr const& address = source.key();
-      if (!passOver(here_.stage, address)) {
+      if (!passOver(kind, address)) {
         if (!fits(1)) return false;
         RouteKey const route(address, here_.group);
-        if ((here_.stage == Stage::joinedSources && wasHeard(route)) ||
-            suppressed(route, kindOf(here_.stage), isJoin(here_.stage))) {
+        if ((kind == EntryKind::sourceJoin && wasHeard(route)) || suppressed(route, kind)) {
           passOverSuppressed();
-          leave(here_.stage, address);
+          leave(kind, address);
         } else {
-          take(here_.stage, address);
+          take(kind, address);
         }
       }
       here_.after = address;
@@ -220,7 +202,7 @@ class Composer {
   // Whether one of them is of another data set, where it stays, and is to go along.
   bool goesAlong(PrunesBeside const& prunes) const {
     return !prunes.isJoined() && !faultOf(prunes.key()) &&
-           !taken_.contains({Wire::SourceKind::sourceRpt, prunes.key()});
+           !taken_.contains({EntryKind::sourceRptJoin, prunes.key()});
   }
 
   // How many prunes a (*,G) join of this group has beside it. Counted no further than a message can hold.
@@ -230,20 +212,19 @@ class Composer {
 
   // One of another data set. The report is on this one, and does not count it.
   void addPrune(IpGenAddr const& source) {
-    message_.pruneAdd(Wire::SourceKind::sourceRpt, source);
+    message_.entryAdd(EntryKind::sourceRptPrune, source);
     used_ += sourceSize_;
   }
 
   // Whether an entry cannot or must not go into this message, whatever room there is; counts it then.
-  bool passOver(Stage stage, IpGenAddr const& source);
+  bool passOver(EntryKind kind, IpGenAddr const& source);
 
   std::optional<Wire::Reason> faultOf(IpGenAddr const& source) const {
     return groupFault_ ? groupFault_ : Wire::sourceFault(source, family_);
   }
 
-  bool waits(Stage stage, IpGenAddr const& source) const {
-    return (stage == Stage::prunedSources && group_->joinedSource(source)) ||
-           (stage == Stage::prunedRptSources && group_->joinedRptSource(source));
+  bool waits(EntryKind kind, IpGenAddr const& source) const {
+    return !isJoin(kind) && Packet::hasEntry(*group_, joinOf(kind), source);
   }
 
   // Asked once for a group in a message, and only if there is something to deny.
@@ -256,16 +237,15 @@ class Composer {
     return heardJoins_ && heardJoins_->isLeftOut(setting_.intf, message_.upstreamNeighbor(), route);
   }
 
-  bool suppressed(RouteKey const& route, Wire::SourceKind kind, bool join) const {
+  bool suppressed(RouteKey const& route, EntryKind kind) const {
     return setting_.suppression &&
-           setting_.suppression(setting_.intf, message_.upstreamNeighbor(), route, kind, join);
+           setting_.suppression(setting_.intf, message_.upstreamNeighbor(), route, kind);
   }
 
-  void passOverFaulty(RouteKey const& route, Wire::SourceKind kind, bool join, Wire::Reason fault) {
+  void passOverFaulty(RouteKey const& route, EntryKind kind, Wire::Reason fault) {
     ++passedOver_;
     if (keepsData_) ++report_.filteredSources;
-    AGENT_TRACE(*this << route << ' ' << text(kind) << (join ? " join" : " prune")
-                      << " cannot be encoded: " << text(fault));
+    AGENT_TRACE(*this << route << ' ' << text(kind) << " cannot be encoded: " << text(fault));
   }
   void passOverFiltered() {
     ++passedOver_;
@@ -282,15 +262,12 @@ class Composer {
            used_ + groupSize_ + entries * sourceSize_ <= setting_.room;
   }
 
-  void take(Stage stage, IpGenAddr const& source) {
+  void take(EntryKind kind, IpGenAddr const& source) {
     openGroup();
-    if (isJoin(stage))
-      message_.joinAdd(kindOf(stage), source);
-    else
-      message_.pruneAdd(kindOf(stage), source);
-    if (setting_.suppression) taken_.emplace(kindOf(stage), source);
+    message_.entryAdd(kind, source);
+    if (setting_.suppression) taken_.emplace(joinOf(kind), source);
     count();
-    leave(stage, source);
+    leave(kind, source);
   }
 
   void openGroup() {
@@ -308,8 +285,8 @@ class Composer {
     if (!std::exchange(leavingOpened_, true)) leaving_.push_back({group_, nullptr, {}});
     return leaving_.back();
   }
-  void leave(Stage stage, IpGenAddr const& source) {
-    if (!keepsData_) leaving().sources.emplace_back(stage, source);
+  void leave(EntryKind kind, IpGenAddr const& source) {
+    if (!keepsData_) leaving().sources.emplace_back(kind, source);
   }
   void leaveWildcard(Vel::Ptr<Packet::WcSourceData> const& wildcard) {
     if (!keepsData_) leaving().wildcard = wildcard;
@@ -345,8 +322,9 @@ class Composer {
   std::optional<bool> denied_;
   bool opened_ = false;         // It has a set in the message.
   bool leavingOpened_ = false;  // It has an element in leaving_.
-  // What of it is in the message: the hook, asked about one entry, may turn another into its opposite.
-  std::set<std::pair<Wire::SourceKind, IpGenAddr>> taken_;
+  // What of it is in the message, by the kind of the join: the hook, asked about one entry, may turn another
+  // into its opposite.
+  std::set<std::pair<EntryKind, IpGenAddr>> taken_;
   Position here_;
 };
 

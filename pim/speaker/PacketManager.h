@@ -77,7 +77,7 @@ class PIM_SPEAKER_API PacketSink {
 /// (RFC 7761, 4.5.4 and 4.5.5). The route of a (*,G) entry has a source of all zeros. Not asked about the
 /// (S,G,rpt) prunes that go with a (*,G) join: without them the join would ask for those sources.
 using Suppression = std::function<bool(Dova::IntfId const& intf, IpGenAddr const& upstreamNeighbor,
-                                       RouteKey const& route, Wire::SourceKind kind, bool join)>;
+                                       RouteKey const& route, EntryKind kind)>;
 
 /// Which periodic joins are left out because another router's join was heard (RFC 7761, 4.5.4 and 4.5.5). Only
 /// periodic data is asked about. With a (*,G) join its (S,G,rpt) prunes are left out.

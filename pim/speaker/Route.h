@@ -10,7 +10,21 @@
 namespace Routing::Pim::Speaker {
 
 using Dova::IpGenAddr;
-using Wire::SourceKind;
+
+/// What a route is: an (S,G), a (*,G), or an (S,G,rpt).
+enum class SourceKind : U8 { source, wildcard, sourceRpt };
+
+/// The route of an entry.
+constexpr SourceKind sourceKindOf(EntryKind kind) {
+  constexpr SourceKind kinds[] = {SourceKind::source, SourceKind::wildcard, SourceKind::sourceRpt};
+  return kinds[indexOf(kind) / 2];
+}
+/// The entry that joins or prunes such a route.
+constexpr EntryKind entryKindOf(SourceKind kind, bool isJoin) {
+  constexpr EntryKind joins[] = {EntryKind::sourceJoin, EntryKind::wildcardJoin, EntryKind::sourceRptJoin};
+  EntryKind const join = joins[static_cast<std::size_t>(kind)];
+  return isJoin ? join : opposite(join);
+}
 
 /// A (*,G), an (S,G) or an (S,G,rpt).
 struct Route {

@@ -49,7 +49,7 @@ class UpstreamRoutes::Hearing {
 
   void hear(Wire::Source const& source, IpGenAddr const& group, bool isJoin) {
     RouteKey const key(source.address, group);
-    switch (source.kind) {
+    switch (sourceKindOf(source.kind)) {
       case SourceKind::wildcard:
         if (isJoin) return hearJoin(anySource(group));
         noteGroupPrune(group);

@@ -24,8 +24,6 @@ constexpr std::size_t maxPayload = 65535 - 20;  // What an IPv4 datagram leaves 
 constexpr U8 wireIpv4 = 1, wireIpv6 = 2;
 constexpr U8 nativeEncoding = 0;
 
-constexpr U8 wildcardBit = 2, rptBit = 1;
-
 U8 wireFamily(AddressFamily family) { return family == AddressFamily::ipv4 ? wireIpv4 : wireIpv6; }
 std::size_t addressSize(AddressFamily family) { return family == AddressFamily::ipv4 ? 4 : 16; }
 std::size_t encodedUnicastSize(AddressFamily family) { return 2 + addressSize(family); }
@@ -126,10 +124,11 @@ class Decoder {
       }
       *set++ = {addressAt<Size>(at + 4), static_cast<U32>(sources.size()), joins, prunes};
       at += headSize;
+      U8 const* const firstPrune = at + joins * sourceSize;
       for (U8 const* const last = at + count * sourceSize; at != last; at += sourceSize) {
         if (!isSource<Size>(at)) [[unlikely]]
           return in_.skip(at - first) && refuseSource();
-        sources.push_back({kindOf(at[2]), addressAt<Size>(at + 4)});
+        sources.push_back({entryKindOf(at[2], at < firstPrune), addressAt<Size>(at + 4)});
       }
     }
     message.sets_ = std::move(sets);
@@ -166,13 +165,8 @@ class Decoder {
   static bool isSource(U8 const* bytes) {
     static constexpr U8 zero[Size] = {};
     return isNative<Size>(bytes) && !isMulticastAt<Size>(bytes + 4) &&
-           std::memcmp(bytes + 4, zero, Size) != 0 && (bytes[2] & (wildcardBit | rptBit)) != wildcardBit;
-  }
-
-  static SourceKind kindOf(U8 flags) {
-    return flags & wildcardBit ? SourceKind::wildcard
-           : flags & rptBit    ? SourceKind::sourceRpt
-                               : SourceKind::source;
+           std::memcmp(bytes + 4, zero, Size) != 0 &&
+           (bytes[2] & (EntryFlags::wildcard | EntryFlags::rpt)) != EntryFlags::wildcard;
   }
 
   // The group at the cursor is not as it should be.
@@ -271,8 +265,7 @@ class Writer {
   }
 
   void sources(std::span<Source const> list) {
-    for (auto const& entry : list)
-      masked(sourceKindFlags[static_cast<std::size_t>(entry.kind)], entry.address);
+    for (auto const& entry : list) masked(flagsOf(entry.kind), entry.address);
   }
 
   void message(JoinPrune const& message) {
@@ -335,23 +328,16 @@ void JoinPrune::groupAdd(IpGenAddr const& group) {
   sets_.push_back({group, static_cast<U32>(sources_.size()), 0, 0});
 }
 
-void JoinPrune::joinAdd(SourceKind kind, IpGenAddr const& address) {
+void JoinPrune::entryAdd(EntryKind kind, IpGenAddr const& address) {
   Set& set = openSet();
   require(sourceFault(address, family()));
-  if (set.joins == maxSources) require(Reason::wrongCount);
-  if (set.prunes == 0) [[likely]]
+  U32& count = isJoin(kind) ? set.joins : set.prunes;
+  if (count == maxSources) require(Reason::wrongCount);
+  if (!isJoin(kind) || set.prunes == 0) [[likely]]
     sources_.push_back({kind, address});
   else
     sources_.insert(sources_.end() - set.prunes, {kind, address});
-  ++set.joins;
-}
-
-void JoinPrune::pruneAdd(SourceKind kind, IpGenAddr const& address) {
-  Set& set = openSet();
-  require(sourceFault(address, family()));
-  if (set.prunes == maxSources) require(Reason::wrongCount);
-  sources_.push_back({kind, address});
-  ++set.prunes;
+  ++count;
 }
 
 JoinPrune::Set& JoinPrune::openSet() {

@@ -5,15 +5,14 @@
 //
 //     JoinPrune message(upstreamNeighbor, 210);
 //     message.groupAdd(IpGenAddr("239.1.1.1"));
-//     message.joinAdd(SourceKind::wildcard, rp);
-//     message.pruneAdd(SourceKind::sourceRpt, IpGenAddr("10.9.0.1"));
+//     message.entryAdd(EntryKind::wildcardJoin, rp);
+//     message.entryAdd(EntryKind::sourceRptPrune, IpGenAddr("10.9.0.1"));
 //     std::vector<U8> bytes = encodeJoinPrune(message, ownAddress, allPimRouters(AddressFamily::ipv4));
 //
 //     auto decoded = decodeJoinPrune(bytes, ownAddress, allPimRouters(AddressFamily::ipv4));
 //     if (auto* again = std::get_if<JoinPrune>(&decoded)) assert(*again == message);
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <optional>
 #include <span>
@@ -21,6 +20,7 @@
 #include <variant>
 #include <vector>
 
+#include "pim/entry/EntryKind.h"
 #include "pim/wire/Export.h"
 #include "pim/wire/Refusal.h"
 #include "runtime/dova/IpGenAddr.h"
@@ -49,20 +49,9 @@ inline bool isMulticast(IpGenAddr const& address) {
   return address.isIpv6() && address.bytes()[0] == 0xff;
 }
 
-/// What a source in a Join/Prune means: (S,G), (*,G) with the RP as its address, or (S,G,rpt).
-enum class SourceKind : U8 { source, wildcard, sourceRpt };
-
-/// "(S,G)", "(*,G)", "(S,G,rpt)", in the order of the enumeration.
-inline constexpr std::array<std::string_view, 3> sourceKindNames = {"(S,G)", "(*,G)", "(S,G,rpt)"};
-/// The kind's name.
-constexpr std::string_view text(SourceKind kind) { return sourceKindNames[static_cast<std::size_t>(kind)]; }
-
-/// The S, W and R bits of each kind (RFC 7761, 4.9.1), in the order of the enumeration.
-inline constexpr std::array<U8, 3> sourceKindFlags = {4, 7, 5};
-
 /// One entry of a list: a source, or the RP of a (*,G) entry.
 struct Source {
-  SourceKind kind;    ///< What the entry means.
+  EntryKind kind;     ///< What the entry means.
   IpGenAddr address;  ///< Unicast.
 
   friend bool operator==(Source const& a, Source const& b) = default;
@@ -127,11 +116,10 @@ class PIM_SPEAKER_API JoinPrune {
   /// Opens another group set, into which the following joins and prunes go.
   void groupAdd(IpGenAddr const& group);
 
-  /// Into the group set opened last; without one, throws Vel::RangeException "a source needs a group". A join
-  /// that comes after a prune of its group costs moving the prunes.
-  void joinAdd(SourceKind kind, IpGenAddr const& address);
-  /// As joinAdd(), behind the prunes of the group set.
-  void pruneAdd(SourceKind kind, IpGenAddr const& address);
+  /// Into the group set opened last, behind its other joins or prunes; without one, throws
+  /// Vel::RangeException "a source needs a group". A join that comes after a prune of its group costs moving
+  /// the prunes.
+  void entryAdd(EntryKind kind, IpGenAddr const& address);
 
   /// A group set with all of these as (S,G) joins, or nothing and false if the group or one of them cannot be
   /// in this message. `Sources` is a set of addresses with a cursor, as in Collection.h.
@@ -147,7 +135,7 @@ class PIM_SPEAKER_API JoinPrune {
         sources_.resize(first);
         return false;
       }
-      sources_.push_back({SourceKind::source, join.key()});
+      sources_.push_back({EntryKind::sourceJoin, join.key()});
     }
     sets_.push_back({group, static_cast<U32>(first), joins.size(), 0});
     return true;

@@ -128,7 +128,7 @@ IpGenAddr const routers = Wire::allPimRouters(AddressFamily::ipv4);
 Bytes goodDatagram() {
   Wire::JoinPrune message(IpGenAddr("10.0.0.13"), 210);
   message.groupAdd(IpGenAddr("239.1.1.1"));
-  message.joinAdd(Wire::SourceKind::source, IpGenAddr("192.0.2.1"));
+  message.entryAdd(EntryKind::sourceJoin, IpGenAddr("192.0.2.1"));
   return ipDatagram(sender, routers, Wire::pimProtocol, Wire::encodeJoinPrune(message, sender, routers));
 }
 
@@ -685,8 +685,8 @@ TEST_F(TsharkTest, SeesTheSameInRandomMessages) {
     for (unsigned groups = random() % 4; groups; --groups) {
       message.groupAdd(address("239.1.1.", "ff0e::"));
       for (unsigned sources = random() % 10; sources; --sources) {
-        auto const add = random() % 2 ? &Wire::JoinPrune::joinAdd : &Wire::JoinPrune::pruneAdd;
-        (message.*add)(static_cast<Wire::SourceKind>(random() % 3), address("192.0.2.", "2001:db8::"));
+        auto const kind = entryKinds[random() % entryKinds.size()];
+        message.entryAdd(kind, address("192.0.2.", "2001:db8::"));
       }
     }
     auto const from = address("10.0.0.", "fe80::"), to = Wire::allPimRouters(from.af());

@@ -38,10 +38,8 @@ class DownstreamMemoryTest : public testing::TestWithParam<SourceKind> {
     for (U32 n = 0; n < routesOfLink; ++n) {
       if (n % 250 == 0) messages.emplace_back(IpGenAddr("10.0.0.100"), U16{210});
       messages.back().groupAdd(IpGenAddr::ipv4(0xe8000000 + n));
-      if (GetParam() == SourceKind::sourceRpt)
-        messages.back().pruneAdd(GetParam(), IpGenAddr("10.9.0.1"));
-      else
-        messages.back().joinAdd(GetParam(), IpGenAddr("10.9.0.1"));
+      messages.back().entryAdd(entryKindOf(GetParam(), GetParam() != SourceKind::sourceRpt),
+                               IpGenAddr("10.9.0.1"));
     }
   }
   /// One interface after another, each a moment later.

@@ -83,11 +83,9 @@ struct Scene : World {
     Vel::Ptr<GroupData> const keep(&group);
     // Again if somebody has put something back meanwhile: a filled group must not be removed.
     for (int round = 0; round < 4 && !group.empty(); ++round) {
-      for (auto i = group.joinedSourceIterator(); i; ++i) group.joinedSourceDel(i);
-      for (auto i = group.prunedSourceIterator(); i; ++i) group.prunedSourceDel(i);
-      for (auto i = group.joinedRptSourceIterator(); i; ++i) group.joinedRptSourceDel(i);
-      for (auto i = group.prunedRptSourceIterator(); i; ++i) group.prunedRptSourceDel(i);
-      if (group.wcSourceData()) group.wcSourceDataDel();
+      Packet::forEachEntry(group, [&](EntryKind kind, Dova::IpGenAddr const& source) {
+        Packet::removeEntry(group, kind, source);
+      });
     }
   }
 

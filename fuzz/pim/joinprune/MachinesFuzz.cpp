@@ -10,6 +10,7 @@
 
 #include "fuzz/Fuzz.h"
 #include "pim/joinprune/JoinPruneMessageSm.h"
+#include "pim/model/packet/GroupEntries.h"
 #include "runtime/vel/Trace.h"
 
 namespace {
@@ -217,22 +218,16 @@ class World::Manager final : public IO::PamManager {
     if (data.periodic()) return taken;
     for (auto i = data.joinPruneGroupDataIterator(); i && taken < most; ++i) {
       auto const group = i.ptr();
-      auto const takeAll = [&](auto all, auto del) {
-        for (; all && taken < most; ++all) {
-          ++taken;
-          (group.get()->*del)(all.key());
-          world_.interrupt(Place::sendBetween);
-        }
-      };
-      using Del = bool (GroupData::*)(IpGenAddr);
       if (group->wcSourceData() && taken < most) {
         ++taken;
         group->wcSourceDataDel();
       }
-      takeAll(group->joinedSourceIterator(), static_cast<Del>(&GroupData::joinedSourceDel));
-      takeAll(group->prunedSourceIterator(), static_cast<Del>(&GroupData::prunedSourceDel));
-      takeAll(group->joinedRptSourceIterator(), static_cast<Del>(&GroupData::joinedRptSourceDel));
-      takeAll(group->prunedRptSourceIterator(), static_cast<Del>(&GroupData::prunedRptSourceDel));
+      Packet::forEachEntry(*group, [&](EntryKind kind, IpGenAddr const& source) {
+        if (isWildcard(kind) || taken >= most) return;
+        ++taken;
+        Packet::removeEntry(*group, kind, source);
+        world_.interrupt(Place::sendBetween);
+      });
       if (group->empty() && data.joinPruneGroupData(group->group()) == group)
         data.joinPruneGroupDataDel(group->group());
     }
@@ -521,45 +516,24 @@ std::array<Vel::Ptr<Data>, 3> World::dataOf(IpGenAddr const& target) const {
           periodic ? periodic->upJoinPrune(target) : nullptr};
 }
 
+constexpr EntryKind kindsByNumber[] = {EntryKind::sourceJoin,    EntryKind::sourcePrune,
+                                       EntryKind::sourceRptJoin, EntryKind::sourceRptPrune,
+                                       EntryKind::wildcardJoin,  EntryKind::wildcardPrune};
+
 void World::put(GroupData& group, U8 kind, IpGenAddr const& source) {
-  switch (kind % 6) {
-    case 0:
-      group.joinedSourceIs(source);
-      break;
-    case 1:
-      group.prunedSourceIs(source);
-      break;
-    case 2:
-      group.joinedRptSourceIs(source);
-      break;
-    case 3:
-      group.prunedRptSourceIs(source);
-      break;
-    default:
-      group.wcSourceDataIs(Vel::create<Packet::WcSourceData>(source, kind % 6 == 4));
-      break;
-  }
+  Packet::addEntry(group, kindsByNumber[kind % 6], source);
 }
 
 void World::takeOut(GroupData& group, U8 kind, IpGenAddr const& source) {
   switch (kind % 6) {
-    case 0:
-      group.joinedSourceDel(source);
-      break;
-    case 1:
-      group.prunedSourceDel(source);
-      break;
-    case 2:
-      group.joinedRptSourceDel(source);
-      break;
-    case 3:
-      group.prunedRptSourceDel(source);
-      break;
     case 4:
       group.wcSourceDataDel();
       break;
-    default:
+    case 5:
       group.joinedSourceDelAll();
+      break;
+    default:
+      Packet::removeEntry(group, kindsByNumber[kind % 6], source);
       break;
   }
 }

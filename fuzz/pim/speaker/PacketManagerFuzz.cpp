@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "fuzz/pim/speaker/Packets.h"
+#include "pim/model/packet/GroupEntries.h"
 
 namespace {
 
@@ -18,16 +19,13 @@ class CheckedPackets final : public PacketSink {
   void send(OutgoingPacket const& packet) override {
     if (failing) throw std::runtime_error("the line is down");
     Fuzz::requireGoodPacket(packet, mtu_);
-    for (auto const& group : packet.message.groups()) {
-      for (auto const& join : group.joins())
-        entries.emplace_back(group.group(), join.address, join.kind, true);
-      for (auto const& prune : group.prunes())
-        entries.emplace_back(group.group(), prune.address, prune.kind, false);
-    }
+    for (auto const& group : packet.message.groups())
+      for (auto const& source : group.sources())
+        entries.emplace_back(group.group(), source.address, source.kind);
   }
 
   bool failing = false;
-  std::vector<std::tuple<IpGenAddr, IpGenAddr, Wire::SourceKind, bool>> entries;
+  std::vector<std::tuple<IpGenAddr, IpGenAddr, EntryKind>> entries;
 
  private:
   U32 const& mtu_;
@@ -48,8 +46,8 @@ struct World {
     suppressing = input.u8() & 1;
     manager = Vel::create<PacketManager>(
         packets, status, filter,
-        [this](Dova::IntfId const&, IpGenAddr const&, RouteKey const& route, Wire::SourceKind, bool join) {
-          return suppressing && join && route.source().bytes().back() % 4 == 0;
+        [this](Dova::IntfId const&, IpGenAddr const&, RouteKey const& route, EntryKind kind) {
+          return suppressing && isJoin(kind) && route.source().bytes().back() % 4 == 0;
         });
     manager->mtuIs(intf->intfId(), mtu);
     manager->start();
@@ -132,18 +130,9 @@ struct World {
     }
     FUZZ_REQUIRE(done + routes() == before);
     for (auto const& group : data->joinPruneGroupDataIterator()) {
-      auto const stays = [&](auto sources) {
-        for (; sources; ++sources)
-          FUZZ_REQUIRE(Wire::groupFault(group.group(), family()) ||
-                       Wire::sourceFault(sources.key(), family()));
-      };
-      stays(group.joinedSourceIterator());
-      stays(group.prunedSourceIterator());
-      stays(group.joinedRptSourceIterator());
-      stays(group.prunedRptSourceIterator());
-      if (auto const wildcard = group.wcSourceData())
-        FUZZ_REQUIRE(Wire::groupFault(group.group(), family()) ||
-                     Wire::sourceFault(wildcard->address(), family()));
+      Packet::forEachEntry(group, [&](EntryKind, IpGenAddr const& address) {
+        FUZZ_REQUIRE(Wire::groupFault(group.group(), family()) || Wire::sourceFault(address, family()));
+      });
     }
   }
 

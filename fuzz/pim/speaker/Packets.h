@@ -27,9 +27,9 @@ inline void requireGoodPacket(Speaker::OutgoingPacket const& packet, U32 mtu) {
   for (auto const& group : message.groups()) {
     FUZZ_REQUIRE(groups.insert(group.group()).second);
     FUZZ_REQUIRE(!group.joins().empty() || !group.prunes().empty());
-    std::set<std::tuple<Wire::SourceKind, IpGenAddr>> entries;
+    std::set<std::tuple<Routing::Pim::EntryKind, IpGenAddr>> entries;
     for (auto const list : {group.joins(), group.prunes()})
-      for (auto const& entry : list) FUZZ_REQUIRE(entries.emplace(entry.kind, entry.address).second);
+      for (auto const& entry : list) FUZZ_REQUIRE(entries.emplace(joinOf(entry.kind), entry.address).second);
   }
 }
 

@@ -9,7 +9,7 @@ namespace {
 constexpr struct {
   char letter;
   Vel::U8 bit;
-} letters[] = {{'S', SourceFlags::sparseBit}, {'W', SourceFlags::wildcardBit}, {'R', SourceFlags::rptBit}};
+} letters[] = {{'S', EntryFlags::sparse}, {'W', EntryFlags::wildcard}, {'R', EntryFlags::rpt}};
 
 }  // namespace
 

@@ -4,21 +4,20 @@
 #include <iosfwd>
 #include <string_view>
 
+#include "pim/entry/EntryKind.h"
 #include "runtime/dova/NetU8.h"
 #include "runtime/vel/Export.h"
 
 namespace Routing::Pim::Packet {
 
-/// The flags byte of a PIM encoded-source address (RFC 7761, 4.9.1): S 0x4, W 0x2, R 0x1.
+/// The flags byte of a PIM encoded-source address (RFC 7761, 4.9.1); EntryFlags has its bits.
 class VEL_API SourceFlags {
  public:
-  static constexpr Vel::U8 sparseBit = 0x4;    ///< S: always set in PIM version 2.
-  static constexpr Vel::U8 wildcardBit = 0x2;  ///< W: the source is the RP, and the entry is for (*,G).
-  static constexpr Vel::U8 rptBit = 0x1;       ///< R: the entry is for the tree of the RP.
-
   constexpr SourceFlags() = default;
   /// From the byte on the wire.
   constexpr explicit SourceFlags(Vel::U8 value) : value_(value) {}
+  /// What an entry of this kind carries.
+  constexpr explicit SourceFlags(EntryKind kind) : SourceFlags(flagsOf(kind)) {}
 
   /// The byte on the wire.
   constexpr Vel::U8 value() const { return value_.value(); }
@@ -32,12 +31,11 @@ class VEL_API SourceFlags {
 };
 
 /// What an (S,G) entry carries (RFC 7761, 4.9.5.1).
-inline constexpr SourceFlags sgFlags{SourceFlags::sparseBit};
+inline constexpr SourceFlags sgFlags{EntryKind::sourceJoin};
 /// What an (S,G,rpt) entry carries.
-inline constexpr SourceFlags sgRptFlags{SourceFlags::sparseBit | SourceFlags::rptBit};
+inline constexpr SourceFlags sgRptFlags{EntryKind::sourceRptJoin};
 /// What a (*,G) entry carries.
-inline constexpr SourceFlags wildcardFlags{SourceFlags::sparseBit | SourceFlags::wildcardBit |
-                                           SourceFlags::rptBit};
+inline constexpr SourceFlags wildcardFlags{EntryKind::wildcardJoin};
 
 /// The letters S, W, R of the flags that are set; "none" without.
 VEL_API std::ostream& operator<<(std::ostream& os, SourceFlags flags);

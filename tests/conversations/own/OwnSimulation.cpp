@@ -4,6 +4,7 @@
 
 #include "jpagent/simulate/Inside.h"
 #include "jpagent/simulate/RouteData.h"
+#include "pim/model/packet/GroupEntries.h"
 
 namespace Routing::Pim::Jpagent {
 
@@ -13,19 +14,15 @@ namespace {
 // clock does not advance.
 constexpr U32 mostTemperedMessages = 40;
 
-// In the order in which the data is walked.
+// In the order in which the data is walked, a group's (*,G) entry first.
 std::vector<RouteEntry> inOrderOfWalk(Packet::JoinPruneData const& data) {
   std::vector<RouteEntry> entries;
   for (auto g = data.joinPruneGroupDataIterator(); g; ++g) {
-    auto const add = [&](auto sources, Wire::SourceKind kind, bool join) {
-      for (; sources; ++sources) entries.push_back({join, kind, sources.key(), g.key()});
-    };
-    if (auto const wildcard = g->wcSourceData())
-      entries.push_back({wildcard->join(), Wire::SourceKind::wildcard, wildcard->address(), g.key()});
-    add(g->joinedSourceIterator(), Wire::SourceKind::source, true);
-    add(g->prunedSourceIterator(), Wire::SourceKind::source, false);
-    add(g->joinedRptSourceIterator(), Wire::SourceKind::sourceRpt, true);
-    add(g->prunedRptSourceIterator(), Wire::SourceKind::sourceRpt, false);
+    for (bool const wildcard : {true, false}) {
+      Packet::forEachEntry(*g, [&](EntryKind kind, IpGenAddr const& address) {
+        if (isWildcard(kind) == wildcard) entries.push_back({kind, address, g.key()});
+      });
+    }
   }
   return entries;
 }
@@ -34,7 +31,7 @@ std::vector<RouteEntry> inOrderOfWalk(Packet::JoinPruneData const& data) {
 bool takeOfTempered(Packet::JoinPruneData& data, RouteEntry const& entry) {
   if (data.periodic()) return true;
   auto const group = data.joinPruneGroupData(entry.group);
-  return group && takeOut(*group, entry);
+  return group && Packet::removeEntry(*group, entry.kind, entry.source);
 }
 
 // As what an entry counts that comes after `taken` others.
@@ -119,7 +116,7 @@ void OwnSimulation::fill(Packet::JoinPruneData& data, OwnDataCommand const& own)
       group = data.newJoinPruneGroupData(entry.group);
       groups.push_back(entry.group);
     }
-    put(*group, entry);
+    Packet::addEntry(*group, entry.kind, entry.source);
   }
   if (own.all) data.joinPruneGroupDataNotifyImmediate();
   for (auto const& group : groups)
@@ -135,19 +132,12 @@ void OwnSimulation::again(Packet::JoinPruneData& data, OwnDataCommand const& own
   for (auto const& entry : command.entries) {
     auto const group = data.joinPruneGroupData(entry.group);
     if (!group) refuse("there is no group {}", toText(entry.group));
-    auto const tell = [&](auto all, auto one) { own.all ? (*group.*all)() : (*group.*one)(entry.source); };
-    using G = Packet::JoinPruneGroupData;
-    using All = void (G::*)();
-    using One = void (G::*)(IpGenAddr);
-    if (entry.kind == Wire::SourceKind::wildcard) refuse("a (*,G) entry cannot be told of without a change");
-    if (entry.kind == Wire::SourceKind::source && entry.join)
-      tell(All(&G::joinedSourceNotifyImmediate), One(&G::joinedSourceNotify));
-    else if (entry.kind == Wire::SourceKind::source)
-      tell(All(&G::prunedSourceNotifyImmediate), One(&G::prunedSourceNotify));
-    else if (entry.join)
-      tell(All(&G::joinedRptSourceNotifyImmediate), One(&G::joinedRptSourceNotify));
-    else
-      tell(All(&G::prunedRptSourceNotifyImmediate), One(&G::prunedRptSourceNotify));
+    Packet::byEntryKind(
+        entry.kind,
+        [&](auto sources) {
+          own.all ? sources.notifyImmediate(*group) : sources.notify(*group, entry.source);
+        },
+        [] { refuse("a (*,G) entry cannot be told of without a change"); });
   }
 }
 

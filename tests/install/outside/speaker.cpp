@@ -13,7 +13,7 @@ int main() {
   IpGenAddr const source("10.0.0.1"), upstream("10.0.0.2");
   Wire::JoinPrune message(upstream, 210);
   message.groupAdd(IpGenAddr("239.1.1.1"));
-  message.joinAdd(Wire::SourceKind::source, IpGenAddr("10.9.0.1"));
+  message.entryAdd(Routing::Pim::EntryKind::sourceJoin, IpGenAddr("10.9.0.1"));
   auto const bytes = Wire::encodeJoinPrune(message, source, Wire::allPimRouters(source.af()));
   auto const decoded = Wire::decodeJoinPrune(bytes, source, Wire::allPimRouters(source.af()));
   auto const* const again = std::get_if<Wire::JoinPrune>(&decoded);

@@ -26,8 +26,7 @@ void describe(std::vector<std::string>& to, std::string const& frame, Wire::Join
   for (auto const& group : message.groups()) {
     auto const add = [&](char const* record, std::span<Wire::Source const> sources) {
       for (auto const& source : sources)
-        to.push_back(frame + " " + record + " flags " +
-                     std::to_string(Wire::sourceKindFlags[static_cast<std::size_t>(source.kind)]) + " (" +
+        to.push_back(frame + " " + record + " flags " + std::to_string(flagsOf(source.kind)) + " (" +
                      toText(source.address) + "," + toText(group.group()) + ") to " +
                      toText(message.upstreamNeighbor()) + " hold " + std::to_string(message.holdTime()));
     };

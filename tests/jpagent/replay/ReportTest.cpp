@@ -9,25 +9,24 @@ namespace {
 
 Entry wildcardJoin() {
   Entry entry;
-  entry.kind = Wire::SourceKind::wildcard;
+  entry.kind = EntryKind::wildcardJoin;
   entry.source = IpGenAddr("0.0.0.0");
   entry.group = IpGenAddr("239.123.123.123");
   entry.upstreamNeighbor = IpGenAddr("10.0.0.13");
   entry.holdTime = 210;
-  entry.flags = 7;
+  entry.flags = Packet::wildcardFlags;
   entry.rp = IpGenAddr("1.1.1.1");
   return entry;
 }
 
 Entry rptPrune() {
   Entry entry;
-  entry.record = Record::prune;
-  entry.kind = Wire::SourceKind::sourceRpt;
+  entry.kind = EntryKind::sourceRptPrune;
   entry.source = IpGenAddr("2001:db8::1");
   entry.group = IpGenAddr("ff0e::101");
   entry.upstreamNeighbor = IpGenAddr("fe80::13");
   entry.holdTime = 65535;
-  entry.flags = 5;
+  entry.flags = Packet::sgRptFlags;
   return entry;
 }
 
@@ -90,7 +89,7 @@ TEST(ReportTest, TotalsCountEntriesByKindAndRefusalsByReason) {
   Totals totals;
   totals.frames = 20;
   totals.messages = 9;
-  totals.entries = {{{1, 2, 3}, {4, 5, 6}}};
+  totals.entries = {1, 4, 2, 5, 3, 6};
   totals.refused[static_cast<std::size_t>(Wire::Reason::badChecksum)] = 2;
   totals.refused[static_cast<std::size_t>(Wire::Reason::leftOver)] = 1;
   EXPECT_EQ(totals.refusedMessages(), 3u);

@@ -276,10 +276,10 @@ TEST(ConversationTest, AReceivedMessageHasEachGroupOnce) {
   EXPECT_EQ(command.intf, "eth0");
   Wire::JoinPrune expected(IpGenAddr("10.0.0.1"), 210);
   expected.groupAdd(IpGenAddr("239.1.1.1"));
-  expected.joinAdd(Wire::SourceKind::source, IpGenAddr("10.9.0.1"));
-  expected.pruneAdd(Wire::SourceKind::source, IpGenAddr("10.9.0.2"));
+  expected.entryAdd(EntryKind::sourceJoin, IpGenAddr("10.9.0.1"));
+  expected.entryAdd(EntryKind::sourcePrune, IpGenAddr("10.9.0.2"));
   expected.groupAdd(IpGenAddr("239.1.1.2"));
-  expected.joinAdd(Wire::SourceKind::source, IpGenAddr("10.9.0.1"));
+  expected.entryAdd(EntryKind::sourceJoin, IpGenAddr("10.9.0.1"));
   EXPECT_EQ(command.message, expected);
 }
 

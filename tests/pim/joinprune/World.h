@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "pim/joinprune/JoinPruneMessageSm.h"
+#include "pim/model/packet/GroupEntries.h"
 #include "runtime/vel/Trace.h"
 
 namespace Routing::Pim {
@@ -129,25 +130,20 @@ class PacketManager final : public IO::PamManager {
              Packet::JoinPruneMessage::Report& report) {
     for (auto i = data.joinPruneGroupDataIterator(); i; ++i) {
       auto const group = i.ptr();
-      auto const take = [&](auto sources, auto del, char const* kind) {
-        for (; sources && report.sources < perMessage; ++sources) {
-          sent.push_back(head + text(RouteKey(sources.key(), group->group())) + kind + tail);
-          ++report.sources;
-          (group.get()->*del)(sources.key());
-        }
-      };
-      using G = Packet::JoinPruneGroupData;
-      using Del = bool (G::*)(Dova::IpGenAddr);
       if (auto const wildcard = group->wcSourceData(); wildcard && report.sources < perMessage) {
         sent.push_back(head + "(*," + text(group->group()) + ")" + (wildcard->join() ? " join" : " prune") +
                        tail);
         ++report.sources;
         group->wcSourceDataDel();
       }
-      take(group->joinedSourceIterator(), static_cast<Del>(&G::joinedSourceDel), " join");
-      take(group->prunedSourceIterator(), static_cast<Del>(&G::prunedSourceDel), " prune");
-      take(group->joinedRptSourceIterator(), static_cast<Del>(&G::joinedRptSourceDel), " rpt join");
-      take(group->prunedRptSourceIterator(), static_cast<Del>(&G::prunedRptSourceDel), " rpt prune");
+      Packet::forEachEntry(*group, [&](EntryKind kind, Dova::IpGenAddr const& source) {
+        if (isWildcard(kind) || report.sources >= perMessage) return;
+        sent.push_back(head + text(RouteKey(source, group->group())) +
+                       (flagsOf(kind) & EntryFlags::rpt ? " rpt " : " ") + std::string(actionText(kind)) +
+                       tail);
+        ++report.sources;
+        Packet::removeEntry(*group, kind, source);
+      });
       if (report.sources >= perMessage) return;
     }
   }

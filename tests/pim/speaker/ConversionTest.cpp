@@ -7,6 +7,8 @@
 #include <set>
 #include <sstream>
 
+#include "pim/model/packet/GroupEntries.h"
+
 namespace Routing::Pim::Speaker {
 namespace {
 
@@ -51,13 +53,13 @@ std::string converted(Wire::JoinPrune const& message) {
 TEST(ConversionTest, AMessageThatRepeatsNothingIsOneModelMessage) {
   Wire::JoinPrune wire(upstream, 210);
   wire.groupAdd(group);
-  wire.joinAdd(Wire::SourceKind::wildcard, rp);
-  wire.joinAdd(Wire::SourceKind::source, s1);
-  wire.joinAdd(Wire::SourceKind::sourceRpt, s1);
-  wire.pruneAdd(Wire::SourceKind::source, s2);
-  wire.pruneAdd(Wire::SourceKind::sourceRpt, s2);
+  wire.entryAdd(EntryKind::wildcardJoin, rp);
+  wire.entryAdd(EntryKind::sourceJoin, s1);
+  wire.entryAdd(EntryKind::sourceRptJoin, s1);
+  wire.entryAdd(EntryKind::sourcePrune, s2);
+  wire.entryAdd(EntryKind::sourceRptPrune, s2);
   wire.groupAdd(otherGroup);
-  wire.pruneAdd(Wire::SourceKind::wildcard, rp);
+  wire.entryAdd(EntryKind::wildcardPrune, rp);
   EXPECT_EQ(converted(wire),
             "to 10.0.0.13 hold 210; 239.1.1.1 join 192.0.2.1 prune 192.0.2.2 join-rpt 192.0.2.1 "
             "prune-rpt 192.0.2.2 join-rp 10.255.0.1; 239.1.1.2 prune-rp 10.255.0.1\n");
@@ -70,11 +72,11 @@ TEST(ConversionTest, AMessageWithoutGroupsIsOneModelMessage) {
 TEST(ConversionTest, AGroupThatComesAgainBeginsAnotherMessage) {
   Wire::JoinPrune wire(upstream, 210);
   wire.groupAdd(group);
-  wire.pruneAdd(Wire::SourceKind::source, s1);
+  wire.entryAdd(EntryKind::sourcePrune, s1);
   wire.groupAdd(otherGroup);
-  wire.joinAdd(Wire::SourceKind::source, s2);
+  wire.entryAdd(EntryKind::sourceJoin, s2);
   wire.groupAdd(group);
-  wire.joinAdd(Wire::SourceKind::source, s1);
+  wire.entryAdd(EntryKind::sourceJoin, s1);
   EXPECT_EQ(converted(wire),
             "to 10.0.0.13 hold 210; 239.1.1.1 prune 192.0.2.1; 239.1.1.2 join 192.0.2.2\n"
             "to 10.0.0.13 hold 210; 239.1.1.1 join 192.0.2.1\n");
@@ -83,10 +85,10 @@ TEST(ConversionTest, AGroupThatComesAgainBeginsAnotherMessage) {
 TEST(ConversionTest, ASecondWildcardBeginsAnotherMessage) {
   Wire::JoinPrune wire(upstream, 210);
   wire.groupAdd(group);
-  wire.joinAdd(Wire::SourceKind::wildcard, rp);
-  wire.joinAdd(Wire::SourceKind::wildcard, otherRp);
-  wire.joinAdd(Wire::SourceKind::source, s1);
-  wire.pruneAdd(Wire::SourceKind::wildcard, otherRp);
+  wire.entryAdd(EntryKind::wildcardJoin, rp);
+  wire.entryAdd(EntryKind::wildcardJoin, otherRp);
+  wire.entryAdd(EntryKind::sourceJoin, s1);
+  wire.entryAdd(EntryKind::wildcardPrune, otherRp);
   EXPECT_EQ(converted(wire),
             "to 10.0.0.13 hold 210; 239.1.1.1 join-rp 10.255.0.1\n"
             "to 10.0.0.13 hold 210; 239.1.1.1 join 192.0.2.1 join-rp 10.255.0.2\n"
@@ -94,20 +96,17 @@ TEST(ConversionTest, ASecondWildcardBeginsAnotherMessage) {
 }
 
 TEST(ConversionTest, ARepeatedSourceBeginsAnotherMessageInEachList) {
-  for (auto const kind : {Wire::SourceKind::source, Wire::SourceKind::sourceRpt}) {
-    for (bool const join : {true, false}) {
-      auto const add = join ? &Wire::JoinPrune::joinAdd : &Wire::JoinPrune::pruneAdd;
-      Wire::JoinPrune wire(upstream, 210);
-      wire.groupAdd(group);
-      (wire.*add)(kind, s1);
-      (wire.*add)(kind, s1);
-      (wire.*add)(kind, s2);
-      std::string const list =
-          std::string(join ? "join" : "prune") + (kind == Wire::SourceKind::source ? "" : "-rpt");
-      EXPECT_EQ(converted(wire), "to 10.0.0.13 hold 210; 239.1.1.1 " + list + " 192.0.2.1\n" +
-                                     "to 10.0.0.13 hold 210; 239.1.1.1 " + list + " 192.0.2.1 " + list +
-                                     " 192.0.2.2\n");
-    }
+  for (EntryKind const kind : entryKinds) {
+    if (isWildcard(kind)) continue;
+    Wire::JoinPrune wire(upstream, 210);
+    wire.groupAdd(group);
+    wire.entryAdd(kind, s1);
+    wire.entryAdd(kind, s1);
+    wire.entryAdd(kind, s2);
+    std::string const list = std::string(actionText(kind)) + (flagsOf(kind) & EntryFlags::rpt ? "-rpt" : "");
+    EXPECT_EQ(converted(wire), "to 10.0.0.13 hold 210; 239.1.1.1 " + list + " 192.0.2.1\n" +
+                                   "to 10.0.0.13 hold 210; 239.1.1.1 " + list + " 192.0.2.1 " + list +
+                                   " 192.0.2.2\n");
   }
 }
 
@@ -117,33 +116,27 @@ TEST(ConversionTest, NothingIsLostAndEntriesOfOneRouteKeepTheirOrder) {
     Wire::JoinPrune wire(upstream, 210);
     // What each route is told, in order; joins of a group set come before its prunes.
     std::map<std::string, std::string> expected, found;
-    auto const route = [](IpGenAddr const& g, Wire::SourceKind kind, IpGenAddr const& address) {
-      return Dova::toText(g) + std::string(text(kind)) +
-             (kind == Wire::SourceKind::wildcard ? "" : Dova::toText(address));
+    auto const route = [](IpGenAddr const& g, EntryKind kind, IpGenAddr const& address) {
+      return Dova::toText(g) + std::string(routeText(kind)) + (isWildcard(kind) ? "" : Dova::toText(address));
     };
     for (unsigned sets = 1 + random() % 6; sets; --sets) {
       auto const g = IpGenAddr::ipv4(0xef010100 + random() % 3);
       wire.groupAdd(g);
       unsigned const entries = random() % 8;
       for (unsigned i = 0; i < entries; ++i) {
-        bool const join = i < entries / 2;
-        auto const kind = static_cast<Wire::SourceKind>(random() % 3);
+        auto const drawn = entryKinds[random() % entryKinds.size()];
+        auto const kind = i < entries / 2 ? joinOf(drawn) : pruneOf(drawn);
         auto const address = IpGenAddr::ipv4(0xc0000200 + random() % 3);
-        join ? wire.joinAdd(kind, address) : wire.pruneAdd(kind, address);
-        expected[route(g, kind, address)] += (join ? '+' : '-') + Dova::toText(address);
+        wire.entryAdd(kind, address);
+        expected[route(g, kind, address)] += (isJoin(kind) ? '+' : '-') + Dova::toText(address);
       }
     }
     for (auto const& model : modelMessages(wire)) {
       auto const data = model->joinPruneData();
       for (auto g = data->joinPruneGroupDataIterator(); g; ++g) {
-        auto const note = [&](Wire::SourceKind kind, bool join, IpGenAddr const& address) {
-          found[route(g->group(), kind, address)] += (join ? '+' : '-') + Dova::toText(address);
-        };
-        for (auto i = g->joinedSourceIterator(); i; ++i) note(Wire::SourceKind::source, true, *i);
-        for (auto i = g->prunedSourceIterator(); i; ++i) note(Wire::SourceKind::source, false, *i);
-        for (auto i = g->joinedRptSourceIterator(); i; ++i) note(Wire::SourceKind::sourceRpt, true, *i);
-        for (auto i = g->prunedRptSourceIterator(); i; ++i) note(Wire::SourceKind::sourceRpt, false, *i);
-        if (auto const w = g->wcSourceData()) note(Wire::SourceKind::wildcard, w->join(), w->address());
+        Packet::forEachEntry(*g, [&](EntryKind kind, IpGenAddr const& address) {
+          found[route(g->group(), kind, address)] += (isJoin(kind) ? '+' : '-') + Dova::toText(address);
+        });
       }
     }
     EXPECT_EQ(found, expected) << "seed " << seed;

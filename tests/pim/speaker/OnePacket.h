@@ -9,7 +9,7 @@ namespace Routing::Pim::Speaker {
 inline OutgoingPacket packet(bool four, U16 holdTime) {
   Wire::JoinPrune message(IpGenAddr(four ? "10.0.0.2" : "fe80::2"), holdTime);
   message.groupAdd(IpGenAddr(four ? "239.1.1.1" : "ff0e::1"));
-  message.joinAdd(Wire::SourceKind::source, IpGenAddr(four ? "10.9.0.1" : "2001:db8::1"));
+  message.entryAdd(EntryKind::sourceJoin, IpGenAddr(four ? "10.9.0.1" : "2001:db8::1"));
   IpGenAddr const source(four ? "10.0.0.1" : "fe80::1");
   IpGenAddr const destination = Wire::allPimRouters(source.af());
   return {Dova::IntfId(four ? "eth0" : "eth6"), source, destination, message,

@@ -33,36 +33,26 @@ std::string shown(T const& value) {
 }
 
 /// "join (S,G) 10.9.0.1 239.1.1.1", for a (*,G) entry with the RP.
-inline std::string entry(bool join, Wire::SourceKind kind, IpGenAddr const& source, IpGenAddr const& group) {
-  return std::string(join ? "join " : "prune ") + std::string(text(kind)) + " " + toText(source) + " " +
+inline std::string entry(EntryKind kind, IpGenAddr const& source, IpGenAddr const& group) {
+  return std::string(actionText(kind)) + " " + std::string(routeText(kind)) + " " + toText(source) + " " +
          toText(group);
 }
 
 /// The entries of a message, group by group as they are on the wire.
 inline Lines entriesOf(Wire::JoinPrune const& message) {
   Lines entries;
-  for (auto const& group : message.groups()) {
-    for (auto const& source : group.joins())
-      entries.push_back(entry(true, source.kind, source.address, group.group()));
-    for (auto const& source : group.prunes())
-      entries.push_back(entry(false, source.kind, source.address, group.group()));
-  }
+  for (auto const& group : message.groups())
+    for (auto const& source : group.sources())
+      entries.push_back(entry(source.kind, source.address, group.group()));
   return entries;
 }
 
 /// What is in a data set.
 inline Lines entriesOf(Packet::JoinPruneGroupData const& group) {
   Lines entries;
-  auto const add = [&](bool join, Wire::SourceKind kind, auto sources) {
-    for (; sources; ++sources) entries.push_back(entry(join, kind, sources.key(), group.group()));
-  };
-  if (auto const wildcard = group.wcSourceData())
-    entries.push_back(
-        entry(wildcard->join(), Wire::SourceKind::wildcard, wildcard->address(), group.group()));
-  add(true, Wire::SourceKind::source, group.joinedSourceIterator());
-  add(true, Wire::SourceKind::sourceRpt, group.joinedRptSourceIterator());
-  add(false, Wire::SourceKind::source, group.prunedSourceIterator());
-  add(false, Wire::SourceKind::sourceRpt, group.prunedRptSourceIterator());
+  Packet::forEachEntry(group, [&](EntryKind kind, IpGenAddr const& address) {
+    entries.push_back(entry(kind, address, group.group()));
+  });
   return entries;
 }
 
@@ -123,13 +113,13 @@ inline void expectRules(OutgoingPacket const& packet, std::size_t mtu) {
   for (auto const& group : message->groups()) {
     EXPECT_TRUE(groups.insert(group.group()).second) << "a second set for " << group.group();
     EXPECT_FALSE(group.joins().empty() && group.prunes().empty()) << "an empty set for " << group.group();
-    std::set<std::pair<Wire::SourceKind, IpGenAddr>> entries;
+    std::set<std::pair<EntryKind, IpGenAddr>> entries;
     for (auto const list : {group.joins(), group.prunes()}) {
       for (auto const& source : list) {
         // The address of a (*,G) entry is not its key: there is one in a set.
-        auto const key = source.kind == Wire::SourceKind::wildcard ? IpGenAddr() : source.address;
-        EXPECT_TRUE(entries.insert({source.kind, key}).second)
-            << text(source.kind) << " " << source.address << " twice for " << group.group();
+        auto const key = isWildcard(source.kind) ? IpGenAddr() : source.address;
+        EXPECT_TRUE(entries.insert({joinOf(source.kind), key}).second)
+            << routeText(source.kind) << " " << source.address << " twice for " << group.group();
       }
     }
   }

@@ -402,12 +402,12 @@ TEST_F(PacketManagerTest, SendsNothingIfTheFilterDeniesEverything) {
 TEST_F(PacketManagerTest, AsksTheSuppressionHookForEachEntryAndTakesOutWhatItNames) {
   Lines asked;
   std::set<std::string> suppressed;
-  managerIs(nullptr, [&](Dova::IntfId const& intf, IpGenAddr const& upstream, RouteKey const& route,
-                         Wire::SourceKind kind, bool join) {
-    asked.push_back(shown(intf) + " " + toText(upstream) + " " + shown(route) + " " +
-                    std::string(text(kind)) + (join ? " join" : " prune"));
-    return suppressed.contains(shown(route) + (join ? " join" : " prune"));
-  });
+  managerIs(nullptr,
+            [&](Dova::IntfId const& intf, IpGenAddr const& upstream, RouteKey const& route, EntryKind kind) {
+              asked.push_back(shown(intf) + " " + toText(upstream) + " " + shown(route) + " " +
+                              std::string(text(kind)));
+              return suppressed.contains(shown(route) + " " + std::string(actionText(kind)));
+            });
   suppressed = {"(*,239.1.1.1) join", "(10.9.0.2,239.1.1.1) join"};
   auto const data = dataIs("10.0.0.2");
   auto const group = groupIs(data, "239.1.1.1");
@@ -429,8 +429,7 @@ TEST_F(PacketManagerTest, AsksTheSuppressionHookForEachEntryAndTakesOutWhatItNam
 }
 
 TEST_F(PacketManagerTest, DoesNotSuppressThePrunesThatGoWithAWildcardJoin) {
-  managerIs(nullptr,
-            [](auto const&, auto const&, auto const&, Wire::SourceKind, bool join) { return !join; });
+  managerIs(nullptr, [](auto const&, auto const&, auto const&, EntryKind kind) { return !isJoin(kind); });
   auto const data = dataIs("10.0.0.2", true);
   auto const group = groupIs(data, "239.1.1.1");
   group->wcSourceDataIs(wildcardOf(IpGenAddr("10.255.0.1")));
@@ -445,10 +444,9 @@ TEST_F(PacketManagerTest, EndsAStepInALongRowOfWhatIsLeftOutAndGoesOnBehindIt) {
   auto const filter = Vel::create<Filter>();
   filter->denied = {"239.1.1.1"};
   for (bool const filtered : {false, true}) {
-    managerIs(filtered ? filter : nullptr,
-              [&](auto const&, auto const&, RouteKey const& route, Wire::SourceKind, bool) {
-                return route.group() == IpGenAddr("239.1.1.1");
-              });
+    managerIs(filtered ? filter : nullptr, [&](auto const&, auto const&, RouteKey const& route, EntryKind) {
+      return route.group() == IpGenAddr("239.1.1.1");
+    });
     for (bool const periodic : {false, true}) {
       auto const data = dataIs("10.0.0.2", periodic);
       for (U32 n = 1; n <= PacketManager::maxPassedOver + 5; ++n)
@@ -810,7 +808,7 @@ TEST_F(PacketManagerTest, HasNoJoinAndPruneOfTheSameInAMessageAlsoIfTheHookTurns
     auto const data = dataIs("10.0.0.2");
     auto const group = groupIs(data, "239.1.1.1");
     // Whatever is taken into a message first, it becomes its opposite before the message is done.
-    managerIs(nullptr, [&](auto const&, auto const&, RouteKey const& route, Wire::SourceKind, bool) {
+    managerIs(nullptr, [&](auto const&, auto const&, RouteKey const& route, EntryKind) {
       if (route.source() == source) return false;
       if (rpt && group->prunedRptSourceDel(source)) group->joinedRptSourceIs(source);
       if (!rpt && group->joinedSourceDel(source)) group->prunedSourceIs(source);
@@ -970,10 +968,10 @@ TEST_F(PacketManagerTest, SendsEverythingThatIsPendingOnceWithoutBreakingARule) 
     for (auto const& packet : captured.take()) {
       expectRules(packet, mtu);
       for (auto const& group : packet.message.groups()) {
-        if (group.joins().empty() || group.joins()[0].kind != Wire::SourceKind::wildcard) continue;
+        if (group.joins().empty() || group.joins()[0].kind != EntryKind::wildcardJoin) continue;
         std::set<IpGenAddr> prunes;
         for (auto const& prune : group.prunes())
-          if (prune.kind == Wire::SourceKind::sourceRpt) prunes.insert(prune.address);
+          if (prune.kind == EntryKind::sourceRptPrune) prunes.insert(prune.address);
         EXPECT_EQ(prunes, along[group.group()]) << group.group();
       }
     }
@@ -1017,7 +1015,7 @@ TEST_F(PacketManagerTest, SendsEachPeriodicRouteThatStaysOnceARoundWhileOthersCo
       if (random.group(n) != first) data->joinPruneGroupDataDel(random.group(n));
     IpGenAddr const rp = random.source(20);
     data->joinPruneGroupData(first)->wcSourceDataIs(wildcardOf(rp, false));
-    std::string const beginning = entry(false, Wire::SourceKind::wildcard, rp, first);
+    std::string const beginning = entry(EntryKind::wildcardPrune, rp, first);
     for (U32 n = 0; n < 150; ++n) random.add(data, 30, 12);
 
     // An entry that waits for the other of its kind is not sent; such pairs are none of this test's concern.
@@ -1144,7 +1142,7 @@ TEST(PacketManagerWithMachinesTest, DoesNotSpinOverWhatIsFilteredSuppressedOrUne
   SendingWorld world;
   world.startMachine();
   world.filter->denied = {"239.1.1.1"};
-  world.suppression = [](auto const&, auto const&, RouteKey const& route, Wire::SourceKind, bool) {
+  world.suppression = [](auto const&, auto const&, RouteKey const& route, EntryKind) {
     return route.group() == addr("239.1.1.2");
   };
   auto const data = world.data(false);

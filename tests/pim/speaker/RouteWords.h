@@ -74,7 +74,7 @@ class Names {
         text.remove_prefix(end);
       }
       if (!isOpen || !(message.groups().back().group() == entry.group)) message.groupAdd(entry.group);
-      isJoin ? message.joinAdd(entry.kind, named) : message.pruneAdd(entry.kind, named);
+      message.entryAdd(entryKindOf(entry.kind, isJoin), named);
       isOpen = !text.starts_with(";");
       text.remove_prefix(std::min<std::size_t>(2, text.size()));
     }

@@ -107,8 +107,9 @@ class UpstreamScene : public testing::TestWithParam<AddressFamily> {
       for (auto const& source : group.sources()) {
         bool const isJoin = left != 0;
         if (isJoin) --left;
-        bool const isWildcard = source.kind == SourceKind::wildcard;
-        Route const route{source.kind, source.address, group.group()};
+        SourceKind const kind = sourceKindOf(source.kind);
+        bool const isWildcard = kind == SourceKind::wildcard;
+        Route const route{kind, source.address, group.group()};
         entries.push_back((isJoin ? "join " : "prune ") + names.name(route) +
                           (isWildcard ? " " + names.name(source.address) : ""));
       }

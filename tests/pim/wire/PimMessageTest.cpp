@@ -48,13 +48,13 @@ Bytes const ipv4Bytes = hex(R"(
 JoinPrune ipv4Message() {
   JoinPrune message(IpGenAddr("10.0.0.13"), 210);
   message.groupAdd(IpGenAddr("239.1.1.1"));
-  message.joinAdd(SourceKind::wildcard, IpGenAddr("10.255.0.1"));
-  message.joinAdd(SourceKind::source, IpGenAddr("192.0.2.10"));
-  message.pruneAdd(SourceKind::sourceRpt, IpGenAddr("192.0.2.20"));
+  message.entryAdd(EntryKind::wildcardJoin, IpGenAddr("10.255.0.1"));
+  message.entryAdd(EntryKind::sourceJoin, IpGenAddr("192.0.2.10"));
+  message.entryAdd(EntryKind::sourceRptPrune, IpGenAddr("192.0.2.20"));
   message.groupAdd(IpGenAddr("239.1.1.2"));
-  message.joinAdd(SourceKind::sourceRpt, IpGenAddr("192.0.2.30"));
-  message.pruneAdd(SourceKind::wildcard, IpGenAddr("10.255.0.1"));
-  message.pruneAdd(SourceKind::source, IpGenAddr("192.0.2.40"));
+  message.entryAdd(EntryKind::sourceRptJoin, IpGenAddr("192.0.2.30"));
+  message.entryAdd(EntryKind::wildcardPrune, IpGenAddr("10.255.0.1"));
+  message.entryAdd(EntryKind::sourcePrune, IpGenAddr("192.0.2.40"));
   return message;
 }
 
@@ -68,8 +68,8 @@ Bytes const ipv6Bytes = hex(R"(
 JoinPrune ipv6Message() {
   JoinPrune message(IpGenAddr("fe80::13"), 65535);
   message.groupAdd(IpGenAddr("ff0e::101"));
-  message.joinAdd(SourceKind::wildcard, IpGenAddr("2001:db8:ff::1"));
-  message.pruneAdd(SourceKind::sourceRpt, IpGenAddr("2001:db8::10"));
+  message.entryAdd(EntryKind::wildcardJoin, IpGenAddr("2001:db8:ff::1"));
+  message.entryAdd(EntryKind::sourceRptPrune, IpGenAddr("2001:db8::10"));
   return message;
 }
 
@@ -328,9 +328,8 @@ TEST(PimMessageTest, RandomMessagesSurviveTheWire) {
       for (unsigned groups = random() % 8; groups; --groups) {
         message.groupAdd(randomAddress(random, family, true));
         for (unsigned sources = random() % 20; sources; --sources) {
-          auto const kind = static_cast<SourceKind>(random() % 3);
-          auto const address = randomAddress(random, family, false);
-          random() % 2 ? message.joinAdd(kind, address) : message.pruneAdd(kind, address);
+          auto const kind = entryKinds[random() % entryKinds.size()];
+          message.entryAdd(kind, randomAddress(random, family, false));
         }
       }
       auto const& from = family == AddressFamily::ipv4 ? sender : sender6;
@@ -348,9 +347,9 @@ TEST(PimMessageTest, TheCountsOnTheWireBoundAMessage) {
   EXPECT_EQ(decoded(encodeJoinPrune(message, sender, routers)), message);
   EXPECT_THROW(message.groupAdd(IpGenAddr("239.9.9.9")), Vel::RangeException);
   for (unsigned i = 0; i < JoinPrune::maxSources; ++i) {
-    message.joinAdd(SourceKind::source, IpGenAddr::ipv4(0x0a000000 + i));
+    message.entryAdd(EntryKind::sourceJoin, IpGenAddr::ipv4(0x0a000000 + i));
   }
-  EXPECT_THROW(message.joinAdd(SourceKind::source, IpGenAddr("10.9.9.9")), Vel::RangeException);
+  EXPECT_THROW(message.entryAdd(EntryKind::sourceJoin, IpGenAddr("10.9.9.9")), Vel::RangeException);
   EXPECT_EQ(message.groups().back().joins().size(), JoinPrune::maxSources);
 }
 
@@ -358,10 +357,10 @@ TEST(PimMessageTest, TheLargestDatagramIsEncodedAndOneLargerIsNot) {
   JoinPrune message(IpGenAddr("10.0.0.13"), 210);
   message.groupAdd(IpGenAddr("239.1.1.1"));
   for (unsigned i = 0; message.encodedSize() + 8 <= 65515; ++i) {
-    message.joinAdd(SourceKind::source, IpGenAddr::ipv4(0x0a000000 + i));
+    message.entryAdd(EntryKind::sourceJoin, IpGenAddr::ipv4(0x0a000000 + i));
   }
   EXPECT_EQ(decoded(encodeJoinPrune(message, sender, routers)), message);
-  message.joinAdd(SourceKind::source, IpGenAddr("10.200.0.1"));
+  message.entryAdd(EntryKind::sourceJoin, IpGenAddr("10.200.0.1"));
   EXPECT_THROW(encodeJoinPrune(message, sender, routers), Vel::RangeException);
 }
 
@@ -383,14 +382,15 @@ TEST(PimMessageTest, AMessageCannotBecomeInvalid) {
   EXPECT_EQ(thrown([] { JoinPrune(IpGenAddr("224.0.0.13"), 1); }), "upstream neighbor not unicast");
   EXPECT_EQ(thrown([&] { message.groupAdd(IpGenAddr("ff0e::1")); }), "address families differ");
   EXPECT_EQ(thrown([&] { message.groupAdd(IpGenAddr("10.0.0.1")); }), "group not multicast");
-  EXPECT_EQ(thrown([&] { message.joinAdd(SourceKind::source, six); }), "address families differ");
-  EXPECT_EQ(thrown([&] { message.pruneAdd(SourceKind::wildcard, IpGenAddr("0.0.0.0")); }),
+  EXPECT_EQ(thrown([&] { message.entryAdd(EntryKind::sourceJoin, six); }), "address families differ");
+  EXPECT_EQ(thrown([&] { message.entryAdd(EntryKind::wildcardPrune, IpGenAddr("0.0.0.0")); }),
             "source not unicast");
-  EXPECT_EQ(thrown([&] { message.pruneAdd(SourceKind::sourceRpt, IpGenAddr("239.0.0.1")); }),
+  EXPECT_EQ(thrown([&] { message.entryAdd(EntryKind::sourceRptPrune, IpGenAddr("239.0.0.1")); }),
             "source not unicast");
   EXPECT_EQ(thrown([&] { encodeJoinPrune(message, sender6, routers6); }), "address families differ");
   EXPECT_EQ(message, ipv4Message());
-  EXPECT_EQ(thrown([&] { JoinPrune(six, 1).joinAdd(SourceKind::source, six); }), "a source needs a group");
+  EXPECT_EQ(thrown([&] { JoinPrune(six, 1).entryAdd(EntryKind::sourceJoin, six); }),
+            "a source needs a group");
 }
 
 TEST(PimMessageTest, TheTypeIsReadFromTheFirstByteAlone) {
