@@ -7,8 +7,8 @@
 
 namespace Routing::Pim::Speaker {
 
-/// Calls, and traces what is thrown (handle "Vel", level 1), in the name of a class and one of its functions. The
-/// call and the trace sink may do anything: REQUIRES that the caller asks afterwards what is still there.
+/// Calls, and traces what is thrown (handle "Vel", level 1), in the name of a class and one of its functions.
+/// The call and the trace sink may do anything: REQUIRES that the caller asks afterwards what is still there.
 template <class Call>
 void callOut(char const* source, char const* function, Call const& call) {
   try {

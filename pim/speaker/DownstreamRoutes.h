@@ -7,11 +7,11 @@
 //     downstream.joinPruneReceived({neighbor, true, message});   // by whoever receives for the link
 //     if (downstream.route(Route::wildcard(group))) ...          // somebody has joined (*,G)
 //
-// A (*,G) or (S,G) that is here is wanted by a neighbor until it is pruned or expires. An (S,G,rpt) that is here is
-// one that no neighbor wants on the shared tree, once its state is `pruned`.
+// A (*,G) or (S,G) that is here is wanted by a neighbor until it is pruned or expires. An (S,G,rpt) that is
+// here is one that no neighbor wants on the shared tree, once its state is `pruned`.
 //
-// The expiry timers and prune-pending timers of all routes are in one heap with one timer on the wheel. A refresh does
-// not touch the heap. Timers of equal time expire in any order.
+// The expiry timers and prune-pending timers of all routes are in one heap with one timer on the wheel. A
+// refresh does not touch the heap. Timers of equal time expire in any order.
 #pragma once
 
 #include <limits>
@@ -29,8 +29,8 @@
 
 namespace Routing::Pim::Speaker {
 
-/// The state of a downstream route that is there. The last two are those of an (S,G,rpt) while the rest of a message
-/// with a Join(*,G) is processed (RFC 7761, 4.5.3: PruneTmp and Prune-Pending-Tmp).
+/// The state of a downstream route that is there. The last two are those of an (S,G,rpt) while the rest of a
+/// message with a Join(*,G) is processed (RFC 7761, 4.5.3: PruneTmp and Prune-Pending-Tmp).
 enum class DownstreamState : U8 { joined, prunePending, pruned, prunedTemporary, prunePendingTemporary };
 /// "joined", "prune-pending", "pruned", "pruned-tmp", "prune-pending-tmp".
 PIM_SPEAKER_API std::string_view text(DownstreamState state);
@@ -64,8 +64,8 @@ struct DownstreamLimitEvent {
   U64 leftOut;        ///< How many such events were left out since the last one that was told.
 };
 
-/// Who is told. It may do anything, the destruction of the routes and of itself included. What it throws is traced
-/// (handle "Vel", level 1) and has no other effect.
+/// Who is told. It may do anything, the destruction of the routes and of itself included. What it throws is
+/// traced (handle "Vel", level 1) and has no other effect.
 class PIM_SPEAKER_API DownstreamObserver {
  public:
   virtual ~DownstreamObserver() = default;
@@ -117,8 +117,8 @@ class PIM_SPEAKER_API DownstreamRoutes final : public LinkObserver {
   ~DownstreamRoutes() override;
   DownstreamRoutes(DownstreamRoutes const&) = delete;
 
-  /// Takes up a message that is for this link; any other is nothing. O(1) for each entry, and for each (S,G,rpt)
-  /// that a Join(*,G) ends.
+  /// Takes up a message that is for this link; any other is nothing. O(1) for each entry, and for each
+  /// (S,G,rpt) that a Join(*,G) ends.
   void joinPruneReceived(ReceivedJoinPrune const& received) override;
   /// Ends all routes, with an event for each.
   void linkDown() override;

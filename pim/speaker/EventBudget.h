@@ -5,8 +5,8 @@
 
 namespace Routing::Pim::Speaker {
 
-/// Admits ten events a second, so that who sends a flood of what is refused does not get a flood of events. Those
-/// that are left out are counted.
+/// Admits ten events a second, so that who sends a flood of what is refused does not get a flood of events.
+/// Those that are left out are counted.
 class EventBudget {
  public:
   /// In any second from the first event on.

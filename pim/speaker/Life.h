@@ -16,7 +16,8 @@ namespace Routing::Pim::Speaker {
 /// A member of the object whose life is watched. It needs no memory of its own.
 class Life {
  public:
-  /// A variable of a function that calls out. Watches of one life end in the reverse order of their beginning.
+  /// A variable of a function that calls out. Watches of one life end in the reverse order of their
+  /// beginning.
   class Watch {
    public:
     /// Begins to watch.

@@ -1,6 +1,6 @@
 // One interface and address family of a speaker, as the classes see it that keep its routes.
 //
-//     Link                  what they ask: the neighbors, the effective delays of the LAN, the engine's data sets
+//     Link                  what they ask: the neighbors, the effective delays, the engine's data sets
 //     LinkObserver          what they are told: neighbors that come, end and restart, received Join/Prunes
 //
 // An interface with IPv4 and IPv6 addresses has two links; each has an engine of its own. All addresses of

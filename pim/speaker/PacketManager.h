@@ -10,11 +10,12 @@
 //
 // What is in a message:
 //
-//   - A (*,G) join has every (S,G,rpt) prune of its group beside it, in the same group set: those of its own data
-//     set, and those of the other two data sets for the same upstream neighbor if dataSetsAre() names them. Alone
-//     it would end them at the receiver. Those of other sets stay there and are not in the report. If there are
-//     more than a message of its own could hold, the numerically smallest are sent and the rest is not
-//     (RFC 7761, 4.9.5.2); the rest counts as suppressed and in prunesLeftOut(), and a trace line says how many.
+//   - A (*,G) join has every (S,G,rpt) prune of its group beside it, in the same group set: those of its own
+//     data set, and those of the other two data sets for the same upstream neighbor if dataSetsAre() names them.
+//     Alone it would end them at the receiver. Those of other sets stay there and are not in the report. If
+//     there are more than a message of its own could hold, the numerically smallest are sent and the rest is
+//     not (RFC 7761, 4.9.5.2); the rest counts as suppressed and in prunesLeftOut(), and a trace line says
+//     how many.
 //   - A group has one set in a message, and none if it would be empty. Other entries of a group may be spread
 //     over messages.
 //   - A prune waits while the same (S,G) or (S,G,rpt) is pending as a join: from data that is sent once it
@@ -79,8 +80,8 @@ class PIM_SPEAKER_API PacketSink {
 using Suppression = std::function<bool(Dova::IntfId const& intf, IpGenAddr const& upstreamNeighbor,
                                        RouteKey const& route, EntryKind kind)>;
 
-/// Which periodic joins are left out because another router's join was heard (RFC 7761, 4.5.4 and 4.5.5). Only
-/// periodic data is asked about. With a (*,G) join its (S,G,rpt) prunes are left out.
+/// Which periodic joins are left out because another router's join was heard (RFC 7761, 4.5.4 and 4.5.5).
+/// Only periodic data is asked about. With a (*,G) join its (S,G,rpt) prunes are left out.
 class PIM_SPEAKER_API HeardJoins {
  public:
   virtual ~HeardJoins() = default;
@@ -120,7 +121,8 @@ class PIM_SPEAKER_API PacketManager final : public IO::PamManager {
   /// Takes effect with the next message. What has no room for one entry lets nothing be sent.
   void mtuIs(Dova::IntfId const& intf, U32 bytes) { mtus_[intf] = bytes; }
 
-  /// The engine's data sets, where the prunes are that belong beside a (*,G) join; null for its own set alone.
+  /// The engine's data sets, where the prunes are that belong beside a (*,G) join; null for its own set
+  /// alone.
   void dataSetsAre(Vel::Ptr<JoinPruneStatus const> const& dataSets) { dataSets_ = dataSets; }
   /// Who says which periodic joins are left out; null for nobody. It must outlive the manager.
   void heardJoinsAre(HeardJoins const* heardJoins) { heardJoins_ = heardJoins; }

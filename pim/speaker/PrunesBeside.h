@@ -1,4 +1,5 @@
-// The (S,G,rpt) prunes of a group, in all data sets for an upstream neighbor. Not part of the library's interface.
+// The (S,G,rpt) prunes of a group, in all data sets for an upstream neighbor. Not part of the library's
+// interface.
 #pragma once
 
 #include <array>
@@ -9,13 +10,15 @@
 
 namespace Routing::Pim::Speaker::Detail {
 
-/// Walks the pruned sources of up to three groups in ascending order, each source once. Survives every change.
+/// Walks the pruned sources of up to three groups in ascending order, each source once. Survives every
+/// change.
 class PrunesBeside {
  public:
   /// Over one group.
   explicit PrunesBeside(Packet::JoinPruneGroupData const& group) { add(group); }
 
-  /// Adds the groups of the same address in the data sets for an upstream neighbor. REQUIRES: at the beginning.
+  /// Adds the groups of the same address in the data sets for an upstream neighbor. REQUIRES: at the
+  /// beginning.
   void add(JoinPruneStatus const& status, Dova::IpGenAddr const& neighbor, Dova::IpGenAddr const& group) {
     add(status.triggeredGroup(neighbor).get(), group);
     add(status.overrideGroup(neighbor).get(), group);

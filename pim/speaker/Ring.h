@@ -3,8 +3,8 @@
 
 namespace Routing::Pim::Speaker {
 
-/// A place in a ring, or the head of one. An object that is in a ring has a base class of this type; the head is
-/// a plain Ring. Joining and leaving are O(1) and need no memory. The destructor does not leave the ring.
+/// A place in a ring, or the head of one. An object that is in a ring has a base class of this type; the head
+/// is a plain Ring. Joining and leaving are O(1) and need no memory. The destructor does not leave the ring.
 class Ring {
  public:
   Ring() = default;

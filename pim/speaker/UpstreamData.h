@@ -1,7 +1,7 @@
 // Single entries in the engine's data sets. Not part of the library's interface.
 //
-// Every change calls out: the engine's reactors write trace lines. Whoever calls these asks afterwards what is still
-// there.
+// Every change calls out: the engine's reactors write trace lines. Whoever calls these asks afterwards what
+// is still there.
 #pragma once
 
 #include "pim/model/packet/JoinPruneData.h"
@@ -18,12 +18,12 @@ bool hasEntry(DataPtr const& data, Route const& route, bool isJoin);
 /// Puts an entry into a group, in place of a (*,G) entry of the other kind or with another RP.
 void putInto(Packet::JoinPruneGroupData& group, Route const& route, bool isJoin, IpGenAddr const& rp);
 
-/// Removes a group of a data set that has nothing left. The engine removes one that it has seen being emptied; this is
-/// for one that it has not.
+/// Removes a group of a data set that has nothing left. The engine removes one that it has seen being
+/// emptied; this is for one that it has not.
 void removeIfEmpty(DataPtr const& data, GroupPtr const& group);
 
-/// Puts the join or prune of a route in; the RP is that of a (*,G). Null data: nothing. Whether to go on after each
-/// call out is what `current()` says, and what is returned.
+/// Puts the join or prune of a route in; the RP is that of a (*,G). Null data: nothing. Whether to go on
+/// after each call out is what `current()` says, and what is returned.
 template <class Current>
 bool putEntry(DataPtr const& data, Route const& route, bool isJoin, IpGenAddr const& rp,
               Current const& current) {
@@ -66,8 +66,8 @@ bool takeRptEntries(DataPtr const& data, IpGenAddr const& address, Current const
   return current();
 }
 
-/// Takes everything out of the groups that `mayTake(route)` names: asked for (S,G) and (*,G), whose entries are joins
-/// and prunes, and with the (*,G) for the (S,G,rpt) of its group.
+/// Takes everything out of the groups that `mayTake(route)` names: asked for (S,G) and (*,G), whose entries
+/// are joins and prunes, and with the (*,G) for the (S,G,rpt) of its group.
 template <class MayTake, class Current>
 bool drain(DataPtr const& data, MayTake const& mayTake, Current const& current) {
   if (!data) return current();

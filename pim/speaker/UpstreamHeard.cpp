@@ -77,8 +77,8 @@ class UpstreamRoutes::Hearing {
   }
   Joined* findWildcard(IpGenAddr const& group) const { return find(anySource(group)); }
 
-  // The same join: one's own can wait. The RFC has a Join Timer for each route, which is raised to t_joinsuppress;
-  // here a refresh is left out while this is running, see isLeftOut().
+  // The same join: one's own can wait. The RFC has a Join Timer for each route, which is raised to
+  // t_joinsuppress; here a refresh is left out while this is running, see isLeftOut().
   void hearJoin(RouteKey const& key) {
     Joined* const joined = find(key);
     if (!joined || !link_->suppressionAllowed()) return;
@@ -88,8 +88,8 @@ class UpstreamRoutes::Hearing {
     joined->suppressedUntil = std::max(joined->suppressedUntil, now_ + wait);
     joined->heardUntil = std::max(joined->heardUntil, now_ + holdTime_);
     slot_.suppressedUntil = std::max(slot_.suppressedUntil, joined->suppressedUntil);
-    // A join that is pending as an override is sent within the override interval. One that is heard does for it
-    // unless it ends earlier.
+    // A join that is pending as an override is sent within the override interval. One that is heard does for
+    // it unless it ends earlier.
     if (wait >= link_->overrideInterval()) takeEntry(link_->overriding(neighbor_), joined->route, true);
   }
 
@@ -120,8 +120,8 @@ class UpstreamRoutes::Hearing {
     takeEntry(link_->overriding(neighbor_), {SourceKind::sourceRpt, key.source(), key.group()}, true);
   }
 
-  // A Prune(*,G) calls for the (S,G) joins of the group, too. They are walked once, when the message has ended: a
-  // message that repeats the prune again and again costs no more.
+  // A Prune(*,G) calls for the (S,G) joins of the group, too. They are walked once, when the message has
+  // ended: a message that repeats the prune again and again costs no more.
   void noteGroupPrune(IpGenAddr const& address) {
     auto const group = routes_.groups_.find(address);
     if (group == routes_.groups_.end() || group->second.pruneHeard) return;
@@ -160,9 +160,10 @@ void UpstreamRoutes::heard(Slot& slot, Wire::JoinPrune const& message) {
   Hearing(*this, slot, message).hear(message);
 }
 
-// Of a refresh that is due now. A route is refreshed in slices of the whole, one interval apart, and not by a Join Timer
-// of its own. So a join is left out only if the next turn, one interval later, comes before the upstream neighbor
-// forgets the join that was heard. That is up to 2.4 periods between two joins, where RFC 7761, 4.5.4 has 1.4.
+// Of a refresh that is due now. A route is refreshed in slices of the whole, one interval apart, and not by a
+// Join Timer of its own. So a join is left out only if the next turn, one interval later, comes before the
+// upstream neighbor forgets the join that was heard. That is up to 2.4 periods between two joins, where RFC
+// 7761, 4.5.4 has 1.4.
 bool UpstreamRoutes::isLeftOut(Joined const& joined) const {
   Link const* const link = joined.target->slot.link;
   if (!link) return false;

@@ -65,8 +65,8 @@ class UpstreamRoutes::Slot final : public LinkObserver {
   Life life;
 };
 
-/// A change of the data sets in several steps, each of which calls out: says whether the wish is still the one that is
-/// being written.
+/// A change of the data sets in several steps, each of which calls out: says whether the wish is still the
+/// one that is being written.
 class UpstreamRoutes::Writer {
  public:
   /// Of a route that is wanted in this version.
@@ -91,8 +91,8 @@ class UpstreamRoutes::Writer {
   U64 seen_;
 };
 
-/// A step for each route towards a target. Routes may come and leave meanwhile; those that were there at the beginning
-/// are visited once, unless they leave.
+/// A step for each route towards a target. Routes may come and leave meanwhile; those that were there at the
+/// beginning are visited once, unless they leave.
 template <class Step>
 void UpstreamRoutes::forEachRoute(Target& target, Step const& step) {
   Life::Watch const watch(life_);

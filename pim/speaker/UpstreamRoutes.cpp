@@ -199,8 +199,8 @@ void UpstreamRoutes::writeJoin(Joined& joined, bool isAtOnce) {
   }
 }
 
-// The end of a join, with or without a prune. The prune is sent even if the join was not: an earlier join may be known
-// to the neighbor. Ends early if what is called wants the route from that neighbor again.
+// The end of a join, with or without a prune. The prune is sent even if the join was not: an earlier join may
+// be known to the neighbor. Ends early if what is called wants the route from that neighbor again.
 void UpstreamRoutes::writeLeave(Place const& place, Route const& route, IpGenAddr const& rp, bool isPruned) {
   Life::Watch const watch(life_);
   auto const current = [&, key = keyOf(route)] { return !watch.ended() && !isWantedFrom(place, key); };

@@ -1,19 +1,19 @@
 // What this router wants from its upstream neighbors (RFC 7761, 4.5.4 to 4.5.7).
 //
 //     UpstreamRoutes upstream;
-//     LinkObserver& observer = upstream.linkIs(link);                      // to be told what happens on the link
-//     upstream.joinIs({source, group}, {eth0, neighbor});                  // sent when that neighbor is up
-//     upstream.joinIs(anySource(group), {eth0, neighbor}, rp);             // (*,G)
-//     upstream.pruneIs({source, group});                                   // (S,G,rpt): beside the (*,G) join
-//     upstream.joinIs({source, group}, {eth0, another});                   // unicast routing has changed
+//     LinkObserver& observer = upstream.linkIs(link);           // to be told what happens on the link
+//     upstream.joinIs({source, group}, {eth0, neighbor});       // sent when that neighbor is up
+//     upstream.joinIs(anySource(group), {eth0, neighbor}, rp);  // (*,G)
+//     upstream.pruneIs({source, group});                        // (S,G,rpt): beside the (*,G) join
+//     upstream.joinIs({source, group}, {eth0, another});        // unicast routing has changed
 //     upstream.joinDel({source, group});
 //
-// It is the only writer of the engine's three data sets: triggered for what changed, override for what another router's
-// prune or an upstream neighbor's restart calls for, periodic for what is wanted. Each route has one upstream neighbor,
-// on any link; an (S,G,rpt) has that of its (*,G).
+// It is the only writer of the engine's three data sets: triggered for what changed, override for what
+// another router's prune or an upstream neighbor's restart calls for, periodic for what is wanted. Each route
+// has one upstream neighbor, on any link; an (S,G,rpt) has that of its (*,G).
 //
-// A change costs O(1), beside the (S,G,rpt) prunes of a (*,G). What a neighbor's coming, end or restart costs is linear
-// in the routes towards it.
+// A change costs O(1), beside the (S,G,rpt) prunes of a (*,G). What a neighbor's coming, end or restart costs
+// is linear in the routes towards it.
 //
 // The files:
 //
@@ -50,7 +50,7 @@ struct UpstreamNeighbor {
 
 /// Why a route has another upstream neighbor.
 enum class UpstreamMove : U8 {
-  routing,  ///< Unicast routing or the user: a prune is sent to the old one and a join to the new one, at once.
+  routing,  ///< Unicast routing or the user: a prune to the old one and a join to the new one, at once.
   assert    ///< An Assert was lost or won (RFC 7761, 4.6): a join to the new one after t_override, no prune.
 };
 
@@ -84,29 +84,31 @@ struct UpstreamTarget {
 /// The (*,G) of a group, as a key.
 inline RouteKey anySource(IpGenAddr const& group) { return {IpGenAddr::zero(group.af()), group}; }
 
-/// The upstream routes of a speaker. Every change may call out (trace lines); what is called may do anything, the
-/// destruction of this object included, and a wish that it changes is as it left it.
+/// The upstream routes of a speaker. Every change may call out (trace lines); what is called may do anything,
+/// the destruction of this object included, and a wish that it changes is as it left it.
 class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoins {
  public:
   UpstreamRoutes();
   ~UpstreamRoutes() override;
   UpstreamRoutes(UpstreamRoutes const&) = delete;
 
-  /// Takes up a link. The observer that is returned is to be told what happens on it; it is valid until linkDel().
+  /// Takes up a link. The observer that is returned is to be told what happens on it; it is valid until
+  /// linkDel().
   LinkObserver& linkIs(Link& link);
   /// The link ends. Nothing is sent; the routes stay wanted.
   void linkDel(Link& link);
 
-  /// Wants a (*,G) (the key's source is all zeros or unknown) or an (S,G) from an upstream neighbor. For the same
-  /// neighbor and RP again: nothing. Throws Vel::RangeException with the route and the reason if no message could
-  /// have it, and changes nothing then. The reason counts for a route that had another upstream neighbor.
+  /// Wants a (*,G) (the key's source is all zeros or unknown) or an (S,G) from an upstream neighbor. For the
+  /// same neighbor and RP again: nothing. Throws Vel::RangeException with the route and the reason if no
+  /// message could have it, and changes nothing then. The reason counts for a route that had another upstream
+  /// neighbor.
   void joinIs(RouteKey const& route, UpstreamNeighbor const& upstream, IpGenAddr const& rp = {},
               UpstreamMove move = UpstreamMove::routing);
   /// Wants it no longer. False if it was not wanted.
   bool joinDel(RouteKey const& route);
 
-  /// Wants a source pruned off the shared tree of its group, as long as that is joined. False if it was already.
-  /// Throws as joinIs().
+  /// Wants a source pruned off the shared tree of its group, as long as that is joined. False if it was
+  /// already. Throws as joinIs().
   bool pruneIs(RouteKey const& route);
   /// Wants it no longer. False if it was not wanted.
   bool pruneDel(RouteKey const& route);

@@ -14,7 +14,8 @@
 
 namespace Routing::Pim::Speaker::Test {
 
-/// Addresses of a family by names: N1 (neighbors), S1 (sources), R1 (RPs), G1 (groups), each up to 99, and ME.
+/// Addresses of a family by names: N1 (neighbors), S1 (sources), R1 (RPs), G1 (groups), each up to 99, and
+/// ME.
 class Names {
  public:
   explicit Names(AddressFamily family) : isIpv4_(family == AddressFamily::ipv4) {}
@@ -57,8 +58,8 @@ class Names {
            (route.kind == SourceKind::sourceRpt ? ",rpt)" : ")");
   }
 
-  /// From "join (*,G1) R1, prune (S1,G1,rpt)". Entries of one group that follow each other are in one group set;
-  /// "; " begins another one.
+  /// From "join (*,G1) R1, prune (S1,G1,rpt)". Entries of one group that follow each other are in one group
+  /// set; "; " begins another one.
   Wire::JoinPrune message(IpGenAddr const& upstream, U16 hold, std::string_view text) const {
     Wire::JoinPrune message(upstream, hold);
     bool isOpen = false;
