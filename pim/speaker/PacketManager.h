@@ -11,7 +11,8 @@
 // What is in a message:
 //
 //   - A (*,G) join has every (S,G,rpt) prune of its group beside it, in the same group set: those of its own
-//     data set, and those of the other two data sets for the same upstream neighbor if dataSetsAre() names them.
+//     data set, and those of the other two data sets for the same upstream neighbor if dataSetsAre() names
+//     them.
 //     Alone it would end them at the receiver. Those of other sets stay there and are not in the report. If
 //     there are more than a message of its own could hold, the numerically smallest are sent and the rest is
 //     not (RFC 7761, 4.9.5.2); the rest counts as suppressed and in prunesLeftOut(), and a trace line says
