@@ -50,6 +50,8 @@ class PIM_SPEAKER_API Link {
 
   /// The interface's name.
   virtual Dova::IntfId const& intf() const = 0;
+  /// The family of all its addresses.
+  virtual AddressFamily family() const = 0;
   /// The address in the source of its packets; of unknown family while the link is down.
   virtual IpGenAddr primaryAddress() const = 0;
   /// A Join/Prune to the unspecified address is for us on such a link.

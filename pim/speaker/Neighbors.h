@@ -21,11 +21,11 @@
 #include <map>
 #include <vector>
 
-#include "pim/speaker/EventBudget.h"
 #include "pim/speaker/LanValues.h"
-#include "pim/speaker/Life.h"
 #include "pim/speaker/Sink.h"
-#include "pim/speaker/Timer.h"
+#include "pim/speaker/detail/EventBudget.h"
+#include "pim/speaker/detail/Life.h"
+#include "pim/speaker/detail/Timer.h"
 #include "runtime/dova/IntfId.h"
 
 namespace Routing::Pim::Speaker {

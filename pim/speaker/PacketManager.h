@@ -10,9 +10,13 @@
 //
 // What is in a message:
 //
-//   - A (*,G) join has every (S,G,rpt) prune of its group beside it, in the same group set. If there are more
-//     than a message of its own could hold, the numerically smallest go and the rest does not
-//     (RFC 7761, 4.9.5.2); the rest counts as suppressed, and a trace line says how many.
+//   - A (*,G) join has every (S,G,rpt) prune of its group beside it, in the same group set: those of its own
+//     data set, and those of the other two data sets for the same upstream neighbor if dataSetsAre() names
+//     them.
+//     Alone it would end them at the receiver. Those of other sets stay there and are not in the report. If
+//     there are more than a message of its own could hold, the numerically smallest are sent and the rest is
+//     not (RFC 7761, 4.9.5.2); the rest counts as suppressed and in prunesLeftOut(), and a trace line says
+//     how many.
 //   - A group has one set in a message, and none if it would be empty. Other entries of a group may be spread
 //     over messages.
 //   - A prune waits while the same (S,G) or (S,G,rpt) is pending as a join: from data that is sent once it
@@ -43,6 +47,7 @@
 #include <vector>
 
 #include "pim/joinprune/JoinPruneFilter.h"
+#include "pim/joinprune/JoinPruneStatus.h"
 #include "pim/model/Status.h"
 #include "pim/model/io/PamManager.h"
 #include "pim/wire/Export.h"
@@ -76,6 +81,18 @@ class PIM_SPEAKER_API PacketSink {
 using Suppression = std::function<bool(Dova::IntfId const& intf, IpGenAddr const& upstreamNeighbor,
                                        RouteKey const& route, EntryKind kind)>;
 
+/// Which periodic joins are left out because another router's join was heard (RFC 7761, 4.5.4 and 4.5.5).
+/// Only periodic data is asked about. With a (*,G) join its (S,G,rpt) prunes are left out.
+class PIM_SPEAKER_API HeardJoins {
+ public:
+  virtual ~HeardJoins() = default;
+  /// Whether any join for an upstream neighbor may be left out now; false saves asking for each.
+  virtual bool anyLeftOut(Dova::IntfId const& intf, IpGenAddr const& upstreamNeighbor) const = 0;
+  /// Whether this one is. The source of a (*,G) is all zeros.
+  virtual bool isLeftOut(Dova::IntfId const& intf, IpGenAddr const& upstreamNeighbor,
+                         RouteKey const& route) const = 0;
+};
+
 /// The filter, the suppression hook, the sink and whoever watches the data may do anything when they are
 /// called: change the data, drop it, take down interfaces and machines, let go of this manager. A request for
 /// another message from the data that is just being sent is not served; its report is zero.
@@ -105,6 +122,15 @@ class PIM_SPEAKER_API PacketManager final : public IO::PamManager {
   /// Takes effect with the next message. What has no room for one entry lets nothing be sent.
   void mtuIs(Dova::IntfId const& intf, U32 bytes) { mtus_[intf] = bytes; }
 
+  /// The engine's data sets, where the prunes are that belong beside a (*,G) join; null for its own set
+  /// alone.
+  void dataSetsAre(Vel::Ptr<JoinPruneStatus const> const& dataSets) { dataSets_ = dataSets; }
+  /// Who says which periodic joins are left out; null for nobody. It must outlive the manager.
+  void heardJoinsAre(HeardJoins const* heardJoins) { heardJoins_ = heardJoins; }
+
+  /// How many (S,G,rpt) prunes were not sent because they had no room beside their (*,G) join.
+  U64 prunesLeftOut() const { return prunesLeftOut_; }
+
   /// How many data sets there are whose last message this manager remembers; those that are gone are
   /// forgotten.
   std::size_t bookmarks() const { return bookmarks_.size(); }
@@ -132,6 +158,9 @@ class PIM_SPEAKER_API PacketManager final : public IO::PamManager {
 
   Vel::Ptr<Transmitter> transmitter_;  // Null while nothing is served.
   std::map<Dova::IntfId, U32> mtus_;   // Those that are not the default.
+  Vel::Ptr<JoinPruneStatus const> dataSets_;
+  HeardJoins const* heardJoins_ = nullptr;
+  U64 prunesLeftOut_ = 0;
 
   // By the data's address; a bookmark goes when its data does.
   std::unordered_map<Packet::JoinPruneData const*, Vel::Ptr<Bookmark>> bookmarks_;

@@ -1,7 +1,7 @@
 #include "pim/speaker/Speaker.h"
 
-#include "pim/speaker/CallOut.h"
-#include "pim/speaker/SpeakerLink.h"
+#include "pim/speaker/private/CallOut.h"
+#include "pim/speaker/private/SpeakerLink.h"
 #include "pim/wire/private/Text.h"
 #include "runtime/vel/Exception.h"
 

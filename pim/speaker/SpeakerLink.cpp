@@ -1,10 +1,10 @@
-#include "pim/speaker/SpeakerLink.h"
+#include "pim/speaker/private/SpeakerLink.h"
 
 #include <stdexcept>
 
 #include "pim/joinprune/private/RecordAccess.h"
-#include "pim/speaker/CallOut.h"
 #include "pim/speaker/Conversion.h"
+#include "pim/speaker/private/CallOut.h"
 
 namespace Routing::Pim::Speaker {
 

@@ -75,8 +75,7 @@ class SpeakerTest : public testing::Test, public Sink, public SpeakerObserver, p
   Verdict join(std::string_view from, std::string_view to, std::string_view intf = "eth0") {
     Wire::JoinPrune message(IpGenAddr(to), 210);
     message.groupAdd(IpGenAddr(to).isIpv4() ? group : IpGenAddr("ff0e::1"));
-    message.entryAdd(EntryKind::sourceJoin,
-                    IpGenAddr(IpGenAddr(to).isIpv4() ? "10.9.0.1" : "2001:db8:9::1"));
+    message.entryAdd(EntryKind::sourceJoin, IpGenAddr(IpGenAddr(to).isIpv4() ? "10.9.0.1" : "2001:db8:9::1"));
     return joinPrune(from, message, intf);
   }
   static Wire::Hello plainHello(U32 generationId = 1, U16 holdTime = 105) {

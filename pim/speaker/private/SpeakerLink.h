@@ -48,6 +48,7 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink 
   }
 
   Dova::IntfId const& intf() const override { return intf_; }
+  AddressFamily family() const override { return family_; }
   IpGenAddr primaryAddress() const override { return present_.primary.ipGenAddr(); }
   bool isPointToPoint() const override { return wanted_.settings.pointToPoint; }
   U32 neighborCount() const override { return neighbors_ ? neighbors_->count() : 0; }

@@ -1,0 +1,187 @@
+// Joins and Prunes that other routers have sent to our upstream neighbors (RFC 7761, 4.5.4 to 4.5.7).
+#include <algorithm>
+
+#include "pim/speaker/private/UpstreamInside.h"
+
+namespace Routing::Pim::Speaker {
+
+using namespace Detail;
+
+namespace {
+
+// Of one's own period (RFC 7761, 4.11: t_suppressed).
+constexpr double leastSuppression = 1.1, mostSuppression = 1.4;
+
+}  // namespace
+
+// A message that was heard, in progress. Each step that writes ends with a call out.
+class UpstreamRoutes::Hearing {
+ public:
+  Hearing(UpstreamRoutes& routes, Slot& slot, Wire::JoinPrune const& message)
+      : routes_(routes),
+        slot_(slot),
+        link_(slot.link),
+        watch_(routes.life_),
+        slotWatch_(slot.life),
+        neighbor_(message.upstreamNeighbor()),
+        now_(slot.now()),
+        holdTime_(message.holdTime() == Wire::endlessHoldTime ? Vel::never : message.holdTime()) {}
+  Hearing(Hearing const&) = delete;
+  ~Hearing() {
+    if (!watch_.ended()) forgetGroupPrunes();
+  }
+
+  void hear(Wire::JoinPrune const& message) {
+    for (auto const& group : message.groups()) {
+      std::size_t left = group.joins().size();
+      for (auto const& source : group.sources()) {
+        bool const isJoin = left != 0;
+        if (isJoin) --left;
+        hear(source, group.group(), isJoin);
+        if (ended()) return;
+      }
+    }
+    hearGroupPrunes();
+  }
+
+ private:
+  bool ended() const { return watch_.ended() || slotWatch_.ended() || slot_.link != link_; }
+
+  void hear(Wire::Source const& source, IpGenAddr const& group, bool isJoin) {
+    RouteKey const key(source.address, group);
+    switch (sourceKindOf(source.kind)) {
+      case SourceKind::wildcard:
+        if (isJoin) return hearJoin(anySource(group));
+        noteGroupPrune(group);
+        return override(anySource(group));
+      case SourceKind::source:
+        if (isJoin) return hearJoin(key);
+        override(key);
+        if (!ended()) overrideRpt(key);
+        return;
+      case SourceKind::sourceRpt:
+        if (isJoin) return hearRptJoin(key);
+        override(key);
+        if (!ended()) overrideRpt(key);
+        return;
+    }
+  }
+
+  // Towards the neighbor of the message, or null.
+  Joined* find(RouteKey const& key) const {
+    Joined* const joined = routes_.find(key);
+    return joined && isTowardsNeighbor(*joined) ? joined : nullptr;
+  }
+  bool isTowardsNeighbor(Joined const& joined) const {
+    return &joined.target->slot == &slot_ && joined.target->neighbor == neighbor_;
+  }
+  Joined* findWildcard(IpGenAddr const& group) const { return find(anySource(group)); }
+
+  // The same join: one's own can wait. The RFC has a Join Timer for each route, which is raised to
+  // t_joinsuppress; here a refresh is left out while this is running, see isLeftOut().
+  void hearJoin(RouteKey const& key) {
+    Joined* const joined = find(key);
+    if (!joined || !link_->suppressionAllowed()) return;
+    Seconds const suppressed =
+        link_->random().between(leastSuppression, mostSuppression) * link_->joinPruneInterval();
+    Seconds const wait = std::min(suppressed, holdTime_);
+    joined->suppressedUntil = std::max(joined->suppressedUntil, now_ + wait);
+    joined->heardUntil = std::max(joined->heardUntil, now_ + holdTime_);
+    slot_.suppressedUntil = std::max(slot_.suppressedUntil, joined->suppressedUntil);
+    // A join that is pending as an override is sent within the override interval. One that is heard does for
+    // it unless it ends earlier.
+    if (wait >= link_->overrideInterval()) takeEntry(link_->overriding(neighbor_), joined->route, true);
+  }
+
+  // A prune that would end the join: another one after t_override, unless one is sent earlier.
+  void override(RouteKey const& key) {
+    Joined* const joined = find(key);
+    if (!joined) return;
+    joined->suppressedUntil = joined->heardUntil = -Vel::never;
+    if (hasEntry(link_->triggered(neighbor_), joined->route, true)) return;
+    Writer writer(routes_, key, joined->version);
+    putEntry(link_->overriding(neighbor_), Route(joined->route), true, IpGenAddr(joined->rp),
+             [&] { return writer.current(); });
+  }
+
+  // A prune of a source that is wanted on the shared tree: Join(S,G,rpt) after t_override, once.
+  void overrideRpt(RouteKey const& key) {
+    Joined const* const wildcard = findWildcard(key.group());
+    if (!wildcard || wildcard->group->prunes.contains(key.source())) return;
+    Route const route{SourceKind::sourceRpt, key.source(), key.group()};
+    if (hasEntry(link_->triggered(neighbor_), route, true)) return;
+    Writer writer(routes_, anySource(key.group()), wildcard->version);
+    putEntry(link_->overriding(neighbor_), route, true, {},
+             [&] { return writer.current() && !wildcard->group->prunes.contains(route.source); });
+  }
+
+  void hearRptJoin(RouteKey const& key) {
+    if (!findWildcard(key.group())) return;
+    takeEntry(link_->overriding(neighbor_), {SourceKind::sourceRpt, key.source(), key.group()}, true);
+  }
+
+  // A Prune(*,G) calls for the (S,G) joins of the group, too. They are walked once, when the message has
+  // ended: a message that repeats the prune again and again costs no more.
+  void noteGroupPrune(IpGenAddr const& address) {
+    auto const group = routes_.groups_.find(address);
+    if (group == routes_.groups_.end() || group->second.pruneHeard) return;
+    pruned_.push_back(address);
+    group->second.pruneHeard = true;
+  }
+  void hearGroupPrunes() {
+    for (IpGenAddr const& address : pruned_) {
+      auto const group = routes_.groups_.find(address);
+      if (group == routes_.groups_.end()) continue;
+      std::vector<RouteKey> keys;
+      for (Ring* one = &group->second.sources.next(); one != &group->second.sources; one = &one->next())
+        keys.emplace_back(ofGroup(*one).route.source, address);
+      for (RouteKey const& key : keys) {
+        override(key);
+        if (ended()) return;
+      }
+    }
+  }
+  void forgetGroupPrunes() {
+    for (IpGenAddr const& address : pruned_)
+      if (auto const group = routes_.groups_.find(address); group != routes_.groups_.end())
+        group->second.pruneHeard = false;
+  }
+
+  UpstreamRoutes& routes_;
+  Slot& slot_;
+  Link* const link_;
+  Life::Watch const watch_, slotWatch_;
+  IpGenAddr const neighbor_;
+  Seconds const now_, holdTime_;
+  std::vector<IpGenAddr> pruned_;
+};
+
+void UpstreamRoutes::heard(Slot& slot, Wire::JoinPrune const& message) {
+  Hearing(*this, slot, message).hear(message);
+}
+
+// Of a refresh that is due now. A route is refreshed in slices of the whole, one interval apart, and not by a
+// Join Timer of its own. So a join is left out only if the next turn, one interval later, comes before the
+// upstream neighbor forgets the join that was heard. That is up to 2.4 periods between two joins, where RFC
+// 7761, 4.5.4 has 1.4.
+bool UpstreamRoutes::isLeftOut(Joined const& joined) const {
+  Link const* const link = joined.target->slot.link;
+  if (!link) return false;
+  Seconds const now = joined.target->slot.now();
+  return now < joined.suppressedUntil &&
+         now + link->joinPruneInterval() < joined.heardUntil - link->joinPruneOverrideInterval();
+}
+
+bool UpstreamRoutes::anyLeftOut(Dova::IntfId const& intf, IpGenAddr const& upstreamNeighbor) const {
+  Slot const* const slot = findSlot(intf, upstreamNeighbor.af());
+  return slot && slot->link && slot->now() < slot->suppressedUntil;
+}
+
+bool UpstreamRoutes::isLeftOut(Dova::IntfId const& intf, IpGenAddr const& upstreamNeighbor,
+                               RouteKey const& route) const {
+  Joined const* const joined = find(route);
+  return joined && joined->target->neighbor == upstreamNeighbor && joined->target->slot.intf == intf &&
+         isLeftOut(*joined);
+}
+
+}  // namespace Routing::Pim::Speaker
