@@ -525,7 +525,7 @@ TEST_F(SpeakerTest, AChangedOverrideIntervalLosesNothingAndPutsNothingOff) {
   joinIs(*link().overriding(neighbor), "10.9.0.3");
   take();
   pass(0.05);
-  hello("10.0.0.2", withOverrideInterval(9000));
+  hello("10.0.0.2", withOverrideInterval(60'000));
   EXPECT_EQ(speaker_->counters().overrideIntervalChanges, 1u);
   pass(0.06);
   EXPECT_THAT(take(), testing::Contains("eth0 10.0.0.1: to 10.0.0.2 join 10.9.0.2 239.1.1.1"));
