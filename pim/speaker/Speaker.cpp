@@ -1,5 +1,7 @@
 #include "pim/speaker/Speaker.h"
 
+#include <set>
+
 #include "pim/speaker/private/CallOut.h"
 #include "pim/speaker/private/SpeakerLink.h"
 #include "pim/wire/private/Text.h"
@@ -59,6 +61,10 @@ LinkSetup setupOf(AddressFamily family, std::vector<Dova::IpGenPrefix> const& ad
     else
       setup.secondary.push_back(address);
   }
+  // An address that is given twice is announced once, the primary one not at all (RFC 7761, 4.3.4).
+  std::set<IpGenAddr> known{setup.primary.ipGenAddr()};
+  std::erase_if(setup.secondary,
+                [&known](IpGenAddr const& address) { return !known.insert(address).second; });
   return setup;
 }
 
@@ -195,9 +201,10 @@ Verdict Speaker::receive(Incoming const& packet, std::span<U8 const> bytes) {
   if (refusal) ++counters_.refusals[static_cast<std::size_t>(refusal->reason)];
   SpeakerObserver* const observer = settings_.observer;
   if (verdict <= Verdict::heard || !observer) return verdict;
-  callOut("Speaker", "receive", [&] {
-    observer->packetUndelivered({packet, verdict, refusal ? &*refusal : nullptr});
-  });
+  EventBudget& budget = budgets_[static_cast<std::size_t>(verdict)];
+  if (!budget.admits(wheel_->now())) return verdict;
+  UndeliveredPacket const undelivered{packet, verdict, refusal ? &*refusal : nullptr, budget.takeLeftOut()};
+  callOut("Speaker", "receive", [&] { observer->packetUndelivered(undelivered); });
   return verdict;
 }
 

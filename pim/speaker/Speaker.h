@@ -54,6 +54,7 @@ struct UndeliveredPacket {
   Incoming const& packet;        ///< Where it came from.
   Verdict verdict;               ///< Why.
   Wire::Refusal const* refusal;  ///< With Verdict::refused: which field. Null otherwise.
+  U64 leftOut;                   ///< With this verdict, since the last one that was told.
 };
 
 /// Who is told of what a speaker does. It may do anything, the speaker's destruction included. What it
@@ -65,7 +66,7 @@ class PIM_SPEAKER_API SpeakerObserver {
   virtual void neighborChanged(NeighborEvent const&) {}
   /// A Hello was taken, with the options that have no meaning here.
   virtual void helloReceived(Dova::IntfId const&, IpGenAddr const& /*sender*/, Wire::Hello const&) {}
-  /// A packet was not delivered.
+  /// A packet was not delivered. At most ten times a second for each verdict.
   virtual void packetUndelivered(UndeliveredPacket const&) {}
 };
 
@@ -191,6 +192,7 @@ class PIM_SPEAKER_API Speaker {
 
   Random random_;
   SpeakerCounters counters_;
+  std::array<EventBudget, verdictNames.size()> budgets_;  // Of packetUndelivered().
   std::map<std::string, Interface, std::less<>> interfaces_;
   Life life_;
 };

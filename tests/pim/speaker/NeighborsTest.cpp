@@ -165,6 +165,17 @@ TEST_F(NeighborsTest, ANewNeighborIsAnsweredWithinTheTriggeredDelayAndThePeriodS
   EXPECT_THAT(takeTimes(), ElementsAre(testing::DoubleEq(first + 30)));
 }
 
+TEST_F(NeighborsTest, AnAnswerThatIsPendingIsNotMoved) {
+  settle();
+  hear("10.0.0.2", helloOf());
+  Seconds const answer = wheel_->timeMin();
+  EXPECT_LE(answer, now_ + 5);
+  for (int n = 3; n < 30; ++n) {
+    hear("10.0.0." + std::to_string(100 + n), helloOf());
+    ASSERT_EQ(wheel_->timeMin(), answer);
+  }
+}
+
 TEST_F(NeighborsTest, ANeighborThatRestartedIsAnsweredAndOneThatIsHeardAgainIsNot) {
   settle();
   hear("10.0.0.2", helloOf(105, 1));

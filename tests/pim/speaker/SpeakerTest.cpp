@@ -129,6 +129,7 @@ class SpeakerTest : public testing::Test, public Sink, public SpeakerObserver, p
   void packetUndelivered(UndeliveredPacket const& packet) override {
     undelivered_ = std::string(text(packet.verdict));
     if (packet.refusal) undelivered_ += ": " + toText(*packet.refusal);
+    leftOut_ = packet.leftOut;
     if (onCallback_) onCallback_();
   }
   void neighborUp(IpGenAddr const& neighbor) override {
@@ -149,6 +150,7 @@ class SpeakerTest : public testing::Test, public Sink, public SpeakerObserver, p
   Vel::Ptr<Zanth::TimerWheel> const wheel_ = Vel::create<Zanth::TimerWheel>([this] { return now_; });
   Lines log_;
   std::string undelivered_;
+  U64 leftOut_ = 0;
   Wire::Hello latest_;
   Sent answer_ = Sent::done;
   bool throws_ = false;
@@ -241,6 +243,7 @@ TEST_F(SpeakerTest, APacketThatBreaksARuleIsRefusedWithItsReasonAndCounted) {
   auto const bytes = Wire::encodeHello(plainHello(), IpGenAddr("10.0.0.2"), routers);
   auto const verdict = [&](Incoming const& packet, std::span<U8 const> message) {
     undelivered_.clear();
+    now_ += 0.2;  // Else only ten a second are told.
     speaker_->receive(packet, message);
     return undelivered_;
   };
@@ -282,6 +285,37 @@ TEST_F(SpeakerTest, APacketThatBreaksARuleIsRefusedWithItsReasonAndCounted) {
   EXPECT_EQ(speaker_->counters().of(Verdict::ownPacket), 1u);
   EXPECT_EQ(speaker_->counters().of(Verdict::hello), 0u);
   EXPECT_THAT(take(), IsEmpty());
+}
+
+TEST_F(SpeakerTest, TenUndeliveredPacketsOfAKindAreToldInASecondAndTheOthersCounted) {
+  settle();
+  int told = 0;
+  onCallback_ = [&] { ++told; };
+  for (int n = 0; n < 500; ++n) join("10.0.0.2", "10.0.0.1");
+  EXPECT_EQ(told, 10);
+  EXPECT_EQ(speaker_->counters().of(Verdict::stranger), 500u);
+  now_ += 1;
+  join("10.0.0.2", "10.0.0.1");
+  EXPECT_EQ(told, 11);
+  EXPECT_EQ(leftOut_, 490u);
+}
+
+TEST_F(SpeakerTest, AnAddressThatIsGivenTwiceIsAnnouncedOnceAndThePrimaryOneNever) {
+  speaker_->interfaceIs("eth0", {"10.0.0.1/24", "10.0.1.1/24", "10.0.0.1/32", "10.0.1.1/24"});
+  pass(6);
+  EXPECT_THAT(take(), ElementsAre("eth0 10.0.0.1: hello 10.0.1.1"));
+}
+
+TEST_F(SpeakerTest, AnInterfaceThatIsMadeAgainByItsOwnGoodbyeIsThere) {
+  speaker_->interfaceIs("eth0", {"10.0.0.1/24", "fe80::1/64"});
+  bool isAgain = false;
+  onCallback_ = [&] {
+    if (!std::exchange(isAgain, true)) speaker_->interfaceIs("eth0", {"10.0.0.78/24", "fe80::78/64"});
+  };
+  speaker_->interfaceDel("eth0");
+  ASSERT_TRUE(speaker_->hasInterface("eth0"));
+  EXPECT_EQ(link().primaryAddress(), IpGenAddr("10.0.0.78"));
+  EXPECT_EQ(link("eth0", AddressFamily::ipv6).primaryAddress(), IpGenAddr("fe80::78"));
 }
 
 TEST_F(SpeakerTest, AJoinPruneFromAStrangerIsNotDeliveredAndOneFromANeighborIs) {
@@ -490,7 +524,7 @@ TEST_F(SpeakerTest, AChangedOverrideIntervalLosesNothingAndPutsNothingOff) {
   joinIs(*link().overriding(neighbor), "10.9.0.3");
   take();
   pass(0.05);
-  hello("10.0.0.2", withOverrideInterval(9000));
+  hello("10.0.0.2", withOverrideInterval(60'000));
   EXPECT_EQ(speaker_->counters().overrideIntervalChanges, 1u);
   pass(0.06);
   EXPECT_THAT(take(), testing::Contains("eth0 10.0.0.1: to 10.0.0.2 join 10.9.0.2 239.1.1.1"));
@@ -500,6 +534,21 @@ TEST_F(SpeakerTest, AChangedOverrideIntervalLosesNothingAndPutsNothingOff) {
   EXPECT_THAT(take(), testing::Not(testing::Contains(HasSubstr("10.9.0.1"))));
   passTo(refresh + 0.2);
   EXPECT_THAT(take(), testing::Contains("eth0 10.0.0.1: to 10.0.0.2 join 10.9.0.1 239.1.1.1"));
+}
+
+TEST_F(SpeakerTest, ANeighborThatReturnsWhileItsMachineIsKeptHasTheOverrideIntervalOfNow) {
+  settle({.hello = {.lanPruneDelay = {.tracking = false, .propagationDelay = 0, .overrideInterval = 0}}});
+  IpGenAddr const neighbor("10.0.0.2");
+  hello("10.0.0.2", withOverrideInterval(60'000));
+  joinIs(*link().periodic(neighbor));
+  pass(40);
+  hello("10.0.0.2", plainHello(1, 0));
+  ASSERT_NE(link().periodic(neighbor), nullptr);
+  hello("10.0.0.2", withOverrideInterval(100));
+  take();
+  joinIs(*link().overriding(neighbor), "10.9.0.3");
+  pass(0.2);
+  EXPECT_THAT(take(), testing::Contains("eth0 10.0.0.1: to 10.0.0.2 join 10.9.0.3 239.1.1.1"));
 }
 
 TEST_F(SpeakerTest, ANeighborThatChangesWithEveryHelloDelaysNoRefreshAndCostsABoundedAmount) {
