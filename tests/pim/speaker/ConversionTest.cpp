@@ -13,12 +13,12 @@ namespace Routing::Pim::Speaker {
 namespace {
 
 IpGenAddr const upstream("10.0.0.13"), rp("10.255.0.1"), otherRp("10.255.0.2");
-IpGenAddr const group("239.1.1.1"), otherGroup("239.1.1.2");
+IpGenAddr const firstGroup("239.1.1.1"), otherGroup("239.1.1.2");
 IpGenAddr const s1("192.0.2.1"), s2("192.0.2.2");
 
 /// Addresses in ascending order, so that an expectation does not depend on the hash.
 template <class Iterator>
-std::string sorted(char const* what, Iterator i) {
+std::string sortedText(char const* what, Iterator i) {
   std::set<IpGenAddr> addresses;
   for (; i; ++i) addresses.insert(*i);
   std::string text;
@@ -30,9 +30,10 @@ std::string toText(Packet::JoinPruneMessage const& message) {
   auto const data = message.joinPruneData();
   std::map<IpGenAddr, std::string> groups;
   for (auto i = data->joinPruneGroupDataIterator(); i; ++i) {
-    std::string text =
-        sorted("join", i->joinedSourceIterator()) + sorted("prune", i->prunedSourceIterator()) +
-        sorted("join-rpt", i->joinedRptSourceIterator()) + sorted("prune-rpt", i->prunedRptSourceIterator());
+    std::string text = sortedText("join", i->joinedSourceIterator()) +
+                       sortedText("prune", i->prunedSourceIterator()) +
+                       sortedText("join-rpt", i->joinedRptSourceIterator()) +
+                       sortedText("prune-rpt", i->prunedRptSourceIterator());
     if (auto const wildcard = i->wcSourceData()) {
       text += (wildcard->join() ? " join-rp " : " prune-rp ") + Dova::toText(wildcard->address());
     }
@@ -52,7 +53,7 @@ std::string converted(Wire::JoinPrune const& message) {
 
 TEST(ConversionTest, AMessageThatRepeatsNothingIsOneModelMessage) {
   Wire::JoinPrune wire(upstream, 210);
-  wire.groupAdd(group);
+  wire.groupAdd(firstGroup);
   wire.entryAdd(EntryKind::wildcardJoin, rp);
   wire.entryAdd(EntryKind::sourceJoin, s1);
   wire.entryAdd(EntryKind::sourceRptJoin, s1);
@@ -71,11 +72,11 @@ TEST(ConversionTest, AMessageWithoutGroupsIsOneModelMessage) {
 
 TEST(ConversionTest, AGroupThatComesAgainBeginsAnotherMessage) {
   Wire::JoinPrune wire(upstream, 210);
-  wire.groupAdd(group);
+  wire.groupAdd(firstGroup);
   wire.entryAdd(EntryKind::sourcePrune, s1);
   wire.groupAdd(otherGroup);
   wire.entryAdd(EntryKind::sourceJoin, s2);
-  wire.groupAdd(group);
+  wire.groupAdd(firstGroup);
   wire.entryAdd(EntryKind::sourceJoin, s1);
   EXPECT_EQ(converted(wire),
             "to 10.0.0.13 hold 210; 239.1.1.1 prune 192.0.2.1; 239.1.1.2 join 192.0.2.2\n"
@@ -84,7 +85,7 @@ TEST(ConversionTest, AGroupThatComesAgainBeginsAnotherMessage) {
 
 TEST(ConversionTest, ASecondWildcardBeginsAnotherMessage) {
   Wire::JoinPrune wire(upstream, 210);
-  wire.groupAdd(group);
+  wire.groupAdd(firstGroup);
   wire.entryAdd(EntryKind::wildcardJoin, rp);
   wire.entryAdd(EntryKind::wildcardJoin, otherRp);
   wire.entryAdd(EntryKind::sourceJoin, s1);
@@ -99,7 +100,7 @@ TEST(ConversionTest, ARepeatedSourceBeginsAnotherMessageInEachList) {
   for (EntryKind const kind : entryKinds) {
     if (isWildcard(kind)) continue;
     Wire::JoinPrune wire(upstream, 210);
-    wire.groupAdd(group);
+    wire.groupAdd(firstGroup);
     wire.entryAdd(kind, s1);
     wire.entryAdd(kind, s1);
     wire.entryAdd(kind, s2);

@@ -1147,7 +1147,7 @@ TEST(PacketManagerWithMachinesTest, DoesNotSpinOverWhatIsFilteredSuppressedOrUne
   };
   auto const data = world.data(false);
   SendingWorld::fill(data, 4);
-  group(data, "10.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
+  Pim::group(data, "10.1.1.1")->joinedSourceIs(addr("10.9.0.1"));
   auto const record = world.sending->txMessageInfo();
   world.runUntil(world.time + 0.15);
   EXPECT_THAT(entriesOf(world.captured.packets()), SizeIs(10));

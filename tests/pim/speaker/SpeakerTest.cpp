@@ -23,7 +23,7 @@ using Lines = std::vector<std::string>;
 
 IpGenAddr const routers = Wire::allPimRouters(AddressFamily::ipv4);
 IpGenAddr const routers6 = Wire::allPimRouters(AddressFamily::ipv6);
-IpGenAddr const group("239.1.1.1");
+IpGenAddr const usualGroup("239.1.1.1");
 
 /// "10.0.0.2 (10.9.0.1,239.1.1.1) join": what a Join/Prune says, with (S,G) entries alone.
 std::string describe(Wire::JoinPrune const& message) {
@@ -74,7 +74,7 @@ class SpeakerTest : public testing::Test, public Sink, public SpeakerObserver, p
   }
   Verdict join(std::string_view from, std::string_view to, std::string_view intf = "eth0") {
     Wire::JoinPrune message(IpGenAddr(to), 210);
-    message.groupAdd(IpGenAddr(to).isIpv4() ? group : IpGenAddr("ff0e::1"));
+    message.groupAdd(IpGenAddr(to).isIpv4() ? usualGroup : IpGenAddr("ff0e::1"));
     message.entryAdd(EntryKind::sourceJoin, IpGenAddr(IpGenAddr(to).isIpv4() ? "10.9.0.1" : "2001:db8:9::1"));
     return joinPrune(from, message, intf);
   }
@@ -96,7 +96,7 @@ class SpeakerTest : public testing::Test, public Sink, public SpeakerObserver, p
     return *speaker_->link(intf, family);
   }
   void joinIs(Packet::JoinPruneData& data, std::string_view source = "10.9.0.1") {
-    data.joinPruneGroupDataIs(group)->joinedSourceIs(IpGenAddr(source));
+    data.joinPruneGroupDataIs(usualGroup)->joinedSourceIs(IpGenAddr(source));
   }
 
   Lines take() { return std::exchange(log_, {}); }
@@ -389,13 +389,13 @@ TEST_F(SpeakerTest, TheEnginesRecordsHaveWhatIsReceivedWhileTheyAreWatched) {
 
 TEST_F(SpeakerTest, TheRpOfAGroupIsWhatTheUserSaysAndOtherwiseThatOfTheMessage) {
   start({.rp = [](IpGenAddr const& asked) -> std::optional<IpGenAddr> {
-    if (asked == group) return IpGenAddr("10.255.0.1");
+    if (asked == usualGroup) return IpGenAddr("10.255.0.1");
     if (asked == IpGenAddr("239.1.1.2")) return IpGenAddr("fe80::5");
     return std::nullopt;
   }});
   settle();
   hello("10.0.0.2", plainHello());
-  EXPECT_EQ(link().rp(group), IpGenAddr("10.255.0.1"));
+  EXPECT_EQ(link().rp(usualGroup), IpGenAddr("10.255.0.1"));
   EXPECT_EQ(link().rp(IpGenAddr("239.1.1.2")), std::nullopt) << "of another family";
   auto const watcher = Vel::create<RecordWatcher>();
   watcher->notifierIs(speaker_->records("eth0", AddressFamily::ipv4).first);
@@ -411,12 +411,12 @@ TEST_F(SpeakerTest, AGroupThatTheFilterDeniesIsDeniedByTheLinkAlsoIfTheFilterThr
    public:
     bool deny(IpGenAddr const& asked) const override {
       if (asked == IpGenAddr("239.1.1.3")) throw std::runtime_error("no policy");
-      return asked == group;
+      return asked == usualGroup;
     }
   };
   start({.filter = Vel::create<Filter>()});
   settle();
-  EXPECT_TRUE(link().isDenied(group));
+  EXPECT_TRUE(link().isDenied(usualGroup));
   EXPECT_FALSE(link().isDenied(IpGenAddr("239.1.1.2")));
   EXPECT_TRUE(link().isDenied(IpGenAddr("239.1.1.3")));
 }
