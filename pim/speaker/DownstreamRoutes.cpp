@@ -103,17 +103,17 @@ bool DownstreamRoutes::receiveGroup(Wire::GroupSet const& group, Message& messag
 
 void DownstreamRoutes::receive(Wire::Source const& source, IpGenAddr const& group, bool isJoin,
                                Message& message) {
-  SourceKind const kind = sourceKindOf(source.kind);
+  RouteKind const kind = routeKindOf(source.kind);
   switch (kind) {
-    case SourceKind::wildcard: {
+    case RouteKind::wildcard: {
       Route const route = Route::wildcard(group);
       return isJoin ? joinWildcard(route, source.address, message) : prune(route, source.address, message);
     }
-    case SourceKind::source: {
+    case RouteKind::source: {
       Route const route{kind, source.address, group};
       return isJoin ? join(route, {}, message) : prune(route, {}, message);
     }
-    case SourceKind::sourceRpt: {
+    case RouteKind::sourceRpt: {
       Route const route{kind, source.address, group};
       return isJoin ? joinRpt(route, message) : pruneRpt(route, message);
     }
@@ -233,7 +233,7 @@ bool DownstreamRoutes::isOverLimit(Route const& route, Message const& message) {
 // Throws std::bad_alloc, and then nothing has changed.
 DownstreamRoutes::Entry& DownstreamRoutes::insert(Route const& route, Message& message) {
   deadlines_.reserveOne();
-  bool const isRpt = route.kind == SourceKind::sourceRpt;
+  bool const isRpt = route.kind == RouteKind::sourceRpt;
   RptGroup* const group = isRpt ? &rptGroups_[route.group] : nullptr;
   std::unordered_map<Route, Entry>::iterator place;
   try {
@@ -258,7 +258,7 @@ DownstreamRoutes::Entry& DownstreamRoutes::insert(Route const& route, Message& m
 void DownstreamRoutes::remove(Entry& entry) {
   entry.leave();
   deadlines_.remove(entry);
-  if (entry.route->kind == SourceKind::sourceRpt) {
+  if (entry.route->kind == RouteKind::sourceRpt) {
     auto const group = rptGroups_.find(entry.route->group);
     if (--group->second.routes == 0) rptGroups_.erase(group);
   }
@@ -319,7 +319,7 @@ void DownstreamRoutes::expire() {
 
 void DownstreamRoutes::expire(Entry& entry) {
   if (entry.expires <= entry.pruneEnds) return removeAndTell(entry, DownstreamChange::expired);
-  if (entry.route->kind == SourceKind::sourceRpt) {
+  if (entry.route->kind == RouteKind::sourceRpt) {
     entry.state = DownstreamState::pruned;
     entry.pruneEnds = Vel::never;
     deadlines_.timeIs(entry, entry.expires);
@@ -350,7 +350,7 @@ void DownstreamRoutes::linkDown() {
 DownstreamEvent DownstreamRoutes::eventOf(Entry const& entry, DownstreamChange change) const {
   DownstreamEvent event{change, link_.intf(), *entry.route,
                         (entry.latest ? entry.latest : entry.creator)->address, std::nullopt};
-  if (entry.route->kind == SourceKind::wildcard) event.rp = entry.rp;
+  if (entry.route->kind == RouteKind::wildcard) event.rp = entry.rp;
   return event;
 }
 

@@ -87,6 +87,8 @@ class PIM_SPEAKER_API PruneEchoes {
 struct DownstreamLimits {
   U32 routes = 1'000'000;                                  ///< On the interface.
   U32 routesOfNeighbor = std::numeric_limits<U32>::max();  ///< That one neighbor's messages have created.
+
+  friend bool operator==(DownstreamLimits const& a, DownstreamLimits const& b) = default;
 };
 
 /// What was ignored, in entries.

@@ -3,9 +3,9 @@
 namespace Routing::Pim::Speaker {
 
 std::string toText(Route const& route) {
-  bool const isWildcard = route.kind == SourceKind::wildcard;
+  bool const isWildcard = route.kind == RouteKind::wildcard;
   return "(" + (isWildcard ? "*" : toText(route.source)) + "," + toText(route.group) +
-         (route.kind == SourceKind::sourceRpt ? ",rpt)" : ")");
+         (route.kind == RouteKind::sourceRpt ? ",rpt)" : ")");
 }
 
 }  // namespace Routing::Pim::Speaker

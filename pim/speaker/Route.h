@@ -12,15 +12,15 @@ namespace Routing::Pim::Speaker {
 using Dova::IpGenAddr;
 
 /// What a route is: an (S,G), a (*,G), or an (S,G,rpt).
-enum class SourceKind : U8 { source, wildcard, sourceRpt };
+enum class RouteKind : U8 { source, wildcard, sourceRpt };
 
 /// The route of an entry.
-constexpr SourceKind sourceKindOf(EntryKind kind) {
-  constexpr SourceKind kinds[] = {SourceKind::source, SourceKind::wildcard, SourceKind::sourceRpt};
+constexpr RouteKind routeKindOf(EntryKind kind) {
+  constexpr RouteKind kinds[] = {RouteKind::source, RouteKind::wildcard, RouteKind::sourceRpt};
   return kinds[indexOf(kind) / 2];
 }
 /// The entry that joins or prunes such a route.
-constexpr EntryKind entryKindOf(SourceKind kind, bool isJoin) {
+constexpr EntryKind entryKindOf(RouteKind kind, bool isJoin) {
   constexpr EntryKind joins[] = {EntryKind::sourceJoin, EntryKind::wildcardJoin, EntryKind::sourceRptJoin};
   EntryKind const join = joins[static_cast<std::size_t>(kind)];
   return isJoin ? join : opposite(join);
@@ -28,13 +28,13 @@ constexpr EntryKind entryKindOf(SourceKind kind, bool isJoin) {
 
 /// A (*,G), an (S,G) or an (S,G,rpt).
 struct Route {
-  SourceKind kind = SourceKind::source;  ///< Which of the three.
-  IpGenAddr source;                      ///< The source; of a (*,G) the family's address of all zeros.
-  IpGenAddr group;                       ///< The group.
+  RouteKind kind = RouteKind::source;  ///< Which of the three.
+  IpGenAddr source;                    ///< The source; of a (*,G) the family's address of all zeros.
+  IpGenAddr group;                     ///< The group.
 
   /// The (*,G) of a group.
   static Route wildcard(IpGenAddr const& group) {
-    return {SourceKind::wildcard, IpGenAddr::zero(group.af()), group};
+    return {RouteKind::wildcard, IpGenAddr::zero(group.af()), group};
   }
 
   friend bool operator==(Route const& a, Route const& b) = default;

@@ -91,7 +91,8 @@ Speaker::Speaker(Vel::Ptr<Zanth::TimerWheel> const& wheel, Sink& sink, SpeakerSe
       sink_(sink),
       settings_(std::move(settings)),
       rpHash_(Vel::create<RpOfHook>(settings_.rp)),
-      random_(settings_.seed) {}
+      random_(settings_.seed),
+      upstream_(std::make_unique<UpstreamRoutes>()) {}
 
 Speaker::~Speaker() = default;
 
@@ -275,6 +276,19 @@ std::vector<NeighborOnInterface> Speaker::neighbors() const {
     }
   }
   return all;
+}
+
+std::vector<DownstreamOnInterface> Speaker::downstream() const {
+  std::vector<DownstreamOnInterface> all;
+  for (auto const& [name, links] : interfaces_)
+    for (auto const* link : {links.ipv4.get(), links.ipv6.get()})
+      for (auto& route : link->downstream().routes()) all.push_back({link->intf(), std::move(route)});
+  return all;
+}
+
+DownstreamRoutes const* Speaker::downstream(std::string_view intf, AddressFamily family) const {
+  SpeakerLink const* const link = linkOf(intf, family);
+  return link ? &link->downstream() : nullptr;
 }
 
 }  // namespace Routing::Pim::Speaker

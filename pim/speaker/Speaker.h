@@ -4,6 +4,7 @@
 //     auto wheel = Vel::create<Zanth::TimerWheel>();
 //     Speaker speaker(wheel, sink, {.seed = seed});
 //     speaker.interfaceIs("eth0", {"10.0.0.1/24", "fe80::1/64"}, {.mtu = 1500});
+//     speaker.upstream().joinIs({source, group}, {Dova::IntfId("eth0"), neighbor});  // sent when it is up
 //     ...
 //     Verdict verdict =
 //         speaker.receive({.intf = "eth0", .source = from, .destination = to, .ttl = ttl}, bytes);
@@ -19,6 +20,8 @@
 //   SpeakerLink.h     one interface and family: its engine, its neighbors, what is sent and received
 //   Link.h            the same as the classes see it that keep routes
 //   Neighbors.h       Hellos and neighbors of a link
+//   UpstreamRoutes.h  what this router wants from its upstream neighbors
+//   DownstreamRoutes.h  what the neighbors on a link have asked of this router
 //   PacketManager.h   from the engine's data sets to packets
 //   Sink.h            where packets go
 //   Verdict.h         what became of a received packet
@@ -34,6 +37,7 @@
 #include "pim/model/RpHashComputeStatus.h"
 #include "pim/speaker/Link.h"
 #include "pim/speaker/Neighbors.h"
+#include "pim/speaker/UpstreamRoutes.h"
 #include "pim/speaker/Verdict.h"
 #include "runtime/dova/IpGenPrefix.h"
 
@@ -66,6 +70,14 @@ class PIM_SPEAKER_API SpeakerObserver {
   virtual void neighborChanged(NeighborEvent const&) {}
   /// A Hello was taken, with the options that have no meaning here.
   virtual void helloReceived(Dova::IntfId const&, IpGenAddr const& /*sender*/, Wire::Hello const&) {}
+  /// What a neighbor has asked of this router changed.
+  virtual void downstreamChanged(DownstreamEvent const&) {}
+  /// A neighbor asked for more than is allowed. At most ten times a second for each interface and limit.
+  virtual void downstreamLimited(DownstreamLimitEvent const&) {}
+  /// A Join/Prune is about to be taken: one for this router, or one that was heard.
+  virtual void joinPruneReceived(Dova::IntfId const&, ReceivedJoinPrune const&) {}
+  /// A Join/Prune was sent.
+  virtual void joinPruneSent(OutgoingPacket const&) {}
   /// A packet was not delivered. At most ten times a second for each verdict.
   virtual void packetUndelivered(UndeliveredPacket const&) {}
 };
@@ -84,11 +96,12 @@ struct SpeakerSettings {
 
 /// What an interface is configured with. The defaults are those of RFC 7761, 4.11.
 struct InterfaceSettings {
-  U32 mtu = 1500;               ///< Bytes of a whole IP packet.
-  bool pointToPoint = false;    ///< A Join/Prune to the unspecified address is for this router.
-  U32 joinPruneInterval = 60;   ///< t_periodic, in seconds, not 0.
-  U16 joinPruneHoldTime = 210;  ///< J/P_HoldTime, in seconds.
-  HelloSettings hello{};        ///< Hellos and the limit on neighbors.
+  U32 mtu = 1500;                 ///< Bytes of a whole IP packet.
+  bool pointToPoint = false;      ///< A Join/Prune to the unspecified address is for this router.
+  U32 joinPruneInterval = 60;     ///< t_periodic, in seconds, not 0.
+  U16 joinPruneHoldTime = 210;    ///< J/P_HoldTime, in seconds.
+  HelloSettings hello{};          ///< Hellos and the limit on neighbors.
+  DownstreamLimits downstream{};  ///< Of each family.
 
   friend bool operator==(InterfaceSettings const& a, InterfaceSettings const& b) = default;
 };
@@ -114,6 +127,12 @@ struct NeighborOnInterface {
   Dova::IntfId intf;        ///< The interface.
   NeighborInfo info;        ///< The neighbor.
   bool isDesignatedRouter;  ///< Whether it is the designated router of the LAN.
+};
+
+/// A downstream route on its interface.
+struct DownstreamOnInterface {
+  Dova::IntfId intf;      ///< The interface.
+  DownstreamRoute route;  ///< The route.
 };
 
 /// The one object. It may be destroyed from inside any callback.
@@ -157,6 +176,14 @@ class PIM_SPEAKER_API Speaker {
   std::pair<Dova::IntfId, IpGenAddr> neighborNamed(std::string_view name) const;
   /// All neighbors, by interface, family and address.
   std::vector<NeighborOnInterface> neighbors() const;
+  /// What this router wants from its upstream neighbors; what is written there is sent.
+  UpstreamRoutes& upstream() { return *upstream_; }
+  UpstreamRoutes const& upstream() const { return *upstream_; }
+  /// What neighbors have asked of this router, by interface, family and route. O(n log n).
+  std::vector<DownstreamOnInterface> downstream() const;
+  /// That of one interface and family, or null without such an interface. It is there as long as link().
+  DownstreamRoutes const* downstream(std::string_view intf, AddressFamily family) const;
+
   /// Totals.
   SpeakerCounters const& counters() const { return counters_; }
 
@@ -193,6 +220,7 @@ class PIM_SPEAKER_API Speaker {
   Random random_;
   SpeakerCounters counters_;
   std::array<EventBudget, verdictNames.size()> budgets_;  // Of packetUndelivered().
+  std::unique_ptr<UpstreamRoutes> const upstream_;        // ends after the links
   std::map<std::string, Interface, std::less<>> interfaces_;
   Life life_;
 };

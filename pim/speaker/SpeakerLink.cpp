@@ -24,9 +24,13 @@ SpeakerLink::SpeakerLink(Speaker& speaker, Dova::IntfId const& intf, AddressFami
     : speaker_(speaker),
       intf_(intf),
       family_(family),
-      overrideTimer_(speaker.wheel_, [this] { overrideTimerExpired(); }) {}
+      downstream_(*this, *this, *speaker.upstream_),
+      overrideTimer_(speaker.wheel_, [this] { overrideTimerExpired(); }) {
+  observers_ = {&downstream_, &speaker.upstream_->linkIs(*this)};
+}
 
 SpeakerLink::~SpeakerLink() {
+  speaker_.upstream_->linkDel(*this);
   if (engine_.manager) engine_.manager->stop();
 }
 
@@ -65,6 +69,8 @@ void SpeakerLink::bringUp() {
   engine.channel = Vel::create<IO::MessageInfo>();
   engine.manager = Vel::create<PacketManager>(*this, engine.status, speaker_.settings_.filter);
   engine.manager->mtuIs(intf_, setup.settings.mtu);
+  engine.manager->dataSetsAre(engine.dataSets);
+  engine.manager->heardJoinsAre(speaker_.upstream_.get());
   engine.manager->start();
   engine.machine =
       joinPruneMessageSmFactory(engine.dataSets, speaker_.settings_.filter, engine.status, speaker_.rpHash_,
@@ -74,6 +80,7 @@ void SpeakerLink::bringUp() {
   engine_ = std::move(engine);
   neighbors_ = std::make_unique<Neighbors>(*this, intf_, setup.primary.ipGenAddr(), setup.secondary,
                                            setup.settings.hello, speaker_.wheel_, speaker_.random_);
+  downstream_.limitsAre(setup.settings.downstream);
   present_ = setup;
 }
 
@@ -96,6 +103,7 @@ void SpeakerLink::adjust() {
   Life::Watch const watch(life_);
   LinkSetup const setup = wanted_;
   present_ = setup;
+  downstream_.limitsAre(setup.settings.downstream);
   if (!neighbors_) return;
   Engine const engine = engine_;
   engine.intf->joinPruneHoldTimeIs(setup.settings.joinPruneHoldTime);
@@ -122,8 +130,11 @@ void SpeakerLink::send(OutgoingPacket const& packet) {
   Life::Watch const watch(life_);
   Sent const hello = neighbors_->sendHelloBefore(packet.message.upstreamNeighbor());
   if (hello == Sent::later || watch.ended() || !neighbors_) throw NotSent();
-  if (speaker_.send(Wire::PimType::joinPrune, intf_, packet.source, packet.bytes) == Sent::later)
-    throw NotSent();
+  Sent const sent = speaker_.send(Wire::PimType::joinPrune, intf_, packet.source, packet.bytes);
+  if (sent == Sent::later) throw NotSent();
+  if (watch.ended() || sent == Sent::failed) return;
+  if (SpeakerObserver* const observer = speaker_.settings_.observer)
+    callOut("SpeakerLink", "send", [&] { observer->joinPruneSent(packet); });
 }
 
 // --- Neighbors -----------------------------------------------------------------------------------
@@ -232,6 +243,14 @@ Seconds SpeakerLink::overrideInterval() const {
   return neighbors_ ? neighbors_->values().overrideInterval() : LanValues::defaultOverrideInterval;
 }
 
+void SpeakerLink::downstreamChanged(DownstreamEvent const& event) {
+  if (speaker_.settings_.observer) speaker_.settings_.observer->downstreamChanged(event);
+}
+
+void SpeakerLink::downstreamLimited(DownstreamLimitEvent const& event) {
+  if (speaker_.settings_.observer) speaker_.settings_.observer->downstreamLimited(event);
+}
+
 // --- Receiving -----------------------------------------------------------------------------------
 
 bool SpeakerLink::isOwn(IpGenAddr const& address) const {
@@ -275,9 +294,11 @@ Verdict SpeakerLink::receiveJoinPrune(IpGenAddr const& sender, Wire::JoinPrune c
   IpGenAddr const& upstream = message.upstreamNeighbor();
   bool const isForUs = upstream == primaryAddress() || (isPointToPoint() && upstream.isZero());
   Life::Watch const watch(life_);
-  tellEngine(message);
-  if (!watch.ended())
-    forObservers([&](LinkObserver& observer) { observer.joinPruneReceived({sender, isForUs, message}); });
+  ReceivedJoinPrune const received{sender, isForUs, message};
+  if (SpeakerObserver* const observer = speaker_.settings_.observer)
+    callOut("SpeakerLink", "receiveJoinPrune", [&] { observer->joinPruneReceived(intf_, received); });
+  if (!watch.ended()) tellEngine(message);
+  if (!watch.ended()) forObservers([&](LinkObserver& observer) { observer.joinPruneReceived(received); });
   return isForUs ? Verdict::joinPrune : Verdict::heard;
 }
 

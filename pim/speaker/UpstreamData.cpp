@@ -11,11 +11,11 @@ bool hasEntry(DataPtr const& data, Route const& route, bool isJoin) {
   auto const* const group = data ? EngineAccess<Packet::JoinPruneData>::group(*data, route.group) : nullptr;
   if (!group) return false;
   switch (route.kind) {
-    case SourceKind::source:
+    case RouteKind::source:
       return isJoin ? group->joinedSource(route.source) : group->prunedSource(route.source);
-    case SourceKind::sourceRpt:
+    case RouteKind::sourceRpt:
       return isJoin ? group->joinedRptSource(route.source) : group->prunedRptSource(route.source);
-    case SourceKind::wildcard:
+    case RouteKind::wildcard:
       return group->wcSourceData() && group->wcSourceData()->join() == isJoin;
   }
   return false;
@@ -23,13 +23,13 @@ bool hasEntry(DataPtr const& data, Route const& route, bool isJoin) {
 
 void putInto(Packet::JoinPruneGroupData& group, Route const& route, bool isJoin, IpGenAddr const& rp) {
   switch (route.kind) {
-    case SourceKind::source:
+    case RouteKind::source:
       isJoin ? group.joinedSourceIs(route.source) : group.prunedSourceIs(route.source);
       return;
-    case SourceKind::sourceRpt:
+    case RouteKind::sourceRpt:
       isJoin ? group.joinedRptSourceIs(route.source) : group.prunedRptSourceIs(route.source);
       return;
-    case SourceKind::wildcard: {
+    case RouteKind::wildcard: {
       auto const there = group.wcSourceData();
       if (there && there->join() == isJoin && there->address() == rp) return;
       group.wcSourceDataIs(Vel::create<Packet::WcSourceData>(rp, isJoin));
@@ -42,13 +42,13 @@ void takeEntry(DataPtr const& data, Route const& route, bool isJoin) {
   if (!hasEntry(data, route, isJoin)) return;
   GroupPtr const group = data->joinPruneGroupData(route.group);
   switch (route.kind) {
-    case SourceKind::source:
+    case RouteKind::source:
       isJoin ? group->joinedSourceDel(route.source) : group->prunedSourceDel(route.source);
       break;
-    case SourceKind::sourceRpt:
+    case RouteKind::sourceRpt:
       isJoin ? group->joinedRptSourceDel(route.source) : group->prunedRptSourceDel(route.source);
       break;
-    case SourceKind::wildcard:
+    case RouteKind::wildcard:
       group->wcSourceDataDel();
       break;
   }

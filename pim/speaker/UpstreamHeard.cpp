@@ -49,17 +49,17 @@ class UpstreamRoutes::Hearing {
 
   void hear(Wire::Source const& source, IpGenAddr const& group, bool isJoin) {
     RouteKey const key(source.address, group);
-    switch (sourceKindOf(source.kind)) {
-      case SourceKind::wildcard:
+    switch (routeKindOf(source.kind)) {
+      case RouteKind::wildcard:
         if (isJoin) return hearJoin(anySource(group));
         noteGroupPrune(group);
         return override(anySource(group));
-      case SourceKind::source:
+      case RouteKind::source:
         if (isJoin) return hearJoin(key);
         override(key);
         if (!ended()) overrideRpt(key);
         return;
-      case SourceKind::sourceRpt:
+      case RouteKind::sourceRpt:
         if (isJoin) return hearRptJoin(key);
         override(key);
         if (!ended()) overrideRpt(key);
@@ -108,7 +108,7 @@ class UpstreamRoutes::Hearing {
   void overrideRpt(RouteKey const& key) {
     Joined const* const wildcard = findWildcard(key.group());
     if (!wildcard || wildcard->group->prunes.contains(key.source())) return;
-    Route const route{SourceKind::sourceRpt, key.source(), key.group()};
+    Route const route{RouteKind::sourceRpt, key.source(), key.group()};
     if (hasEntry(link_->triggered(neighbor_), route, true)) return;
     Writer writer(routes_, anySource(key.group()), wildcard->version);
     putEntry(link_->overriding(neighbor_), route, true, {},
@@ -117,7 +117,7 @@ class UpstreamRoutes::Hearing {
 
   void hearRptJoin(RouteKey const& key) {
     if (!findWildcard(key.group())) return;
-    takeEntry(link_->overriding(neighbor_), {SourceKind::sourceRpt, key.source(), key.group()}, true);
+    takeEntry(link_->overriding(neighbor_), {RouteKind::sourceRpt, key.source(), key.group()}, true);
   }
 
   // A Prune(*,G) calls for the (S,G) joins of the group, too. They are walked once, when the message has

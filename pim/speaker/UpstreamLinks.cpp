@@ -78,8 +78,8 @@ void UpstreamRoutes::down(Slot& slot, IpGenAddr const& neighbor) {
   Place const place = placeOf(slot, neighbor);
   // If what is called lets the neighbor come back, the routes towards it have been written by then.
   auto const mayTake = [&](Route const& route) {
-    return !isWantedFrom(place, route.kind == SourceKind::wildcard ? anySource(route.group)
-                                                                   : RouteKey(route.source, route.group));
+    return !isWantedFrom(place, route.kind == RouteKind::wildcard ? anySource(route.group)
+                                                                  : RouteKey(route.source, route.group));
   };
   auto const current = [&] { return !watch.ended(); };
   for (auto const& data : {place.triggered, place.overriding, place.periodic})
@@ -137,9 +137,9 @@ Sending UpstreamRoutes::sendingOf(Joined const& joined) const {
 }
 
 Sending UpstreamRoutes::sending(Route const& route) const {
-  if (route.kind != SourceKind::sourceRpt) {
+  if (route.kind != RouteKind::sourceRpt) {
     Joined const* const joined = find(
-        route.kind == SourceKind::wildcard ? anySource(route.group) : RouteKey(route.source, route.group));
+        route.kind == RouteKind::wildcard ? anySource(route.group) : RouteKey(route.source, route.group));
     return joined ? sendingOf(*joined) : Sending::notWanted;
   }
   auto const group = groups_.find(route.group);
@@ -157,7 +157,7 @@ std::vector<UpstreamRoute> UpstreamRoutes::routes() const {
     all.push_back({joined.route, upstreamOf(joined), joined.rp, sendingOf(joined)});
   for (auto const& [address, group] : groups_) {
     for (IpGenAddr const& source : group.prunes) {
-      Route const route{SourceKind::sourceRpt, source, address};
+      Route const route{RouteKind::sourceRpt, source, address};
       Joined const* const wildcard = group.wildcard;
       all.push_back(
           {route, wildcard ? std::optional(upstreamOf(*wildcard)) : std::nullopt, {}, sending(route)});

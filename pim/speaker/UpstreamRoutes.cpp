@@ -11,7 +11,7 @@ namespace {
 
 Route routeOf(RouteKey const& key) {
   return key.source().isZero() ? Route::wildcard(key.group())
-                               : Route{SourceKind::source, key.source(), key.group()};
+                               : Route{RouteKind::source, key.source(), key.group()};
 }
 
 RouteKey keyOf(Route const& route) { return {route.source, route.group}; }
@@ -24,7 +24,7 @@ RouteKey normal(RouteKey const& key) { return key.source().isZero() ? anySource(
 }
 
 void refuseUnlessSendable(Route const& route, IpGenAddr const& named, AddressFamily family) {
-  auto const what = route.kind == SourceKind::wildcard ? "RP " : "source ";
+  auto const what = route.kind == RouteKind::wildcard ? "RP " : "source ";
   if (auto const fault = Wire::groupFault(route.group, family))
     refuse(route, "group: " + std::string(text(*fault)));
   if (auto const fault = Wire::sourceFault(named, family))
@@ -42,7 +42,7 @@ void UpstreamRoutes::joinIs(RouteKey const& wanted, UpstreamNeighbor const& upst
                             UpstreamMove because) {
   RouteKey const key = normal(wanted);
   Route const route = routeOf(key);
-  bool const isWildcard = route.kind == SourceKind::wildcard;
+  bool const isWildcard = route.kind == RouteKind::wildcard;
   if (upstream.intf.name().empty()) refuse(route, "the upstream neighbor has no interface");
   if (auto const fault = Wire::upstreamFault(upstream.address))
     refuse(route, "upstream neighbor " + toText(upstream.address) + ": " + std::string(text(*fault)));
@@ -76,7 +76,7 @@ void UpstreamRoutes::create(RouteKey const& key, UpstreamNeighbor const& upstrea
   created->version = ++changes_;
   ++target.joined;
   created->TargetHook::join(target.routes);
-  if (created->route.kind == SourceKind::wildcard)
+  if (created->route.kind == RouteKind::wildcard)
     created->group->wildcard = created;
   else
     created->GroupHook::join(created->group->sources);
@@ -139,7 +139,7 @@ std::size_t UpstreamRoutes::moveAll(UpstreamNeighbor const& from, UpstreamNeighb
 }
 
 bool UpstreamRoutes::pruneIs(RouteKey const& key) {
-  Route const route{SourceKind::sourceRpt, key.source(), key.group()};
+  Route const route{RouteKind::sourceRpt, key.source(), key.group()};
   refuseUnlessSendable(route, key.source(), key.group().af());
   Group& group = groupIs(key.group());
   bool isNew = false;
@@ -183,18 +183,18 @@ void UpstreamRoutes::writeJoin(Joined& joined, bool isAtOnce) {
   }
   // A (*,G) prune is replaced by the join.
   bool const isPending = !isAtOnce && hasEntry(place.triggered, route, true);
-  if (route.kind == SourceKind::source || (!isAtOnce && !isPending)) takeEntry(place.triggered, route, false);
+  if (route.kind == RouteKind::source || (!isAtOnce && !isPending)) takeEntry(place.triggered, route, false);
   if (!current()) return;
   if (!isPending && !putEntry(isAtOnce ? place.triggered : place.overriding, route, true, rp, current))
     return;
-  if (!putEntry(place.periodic, route, true, rp, current) || route.kind == SourceKind::source) return;
+  if (!putEntry(place.periodic, route, true, rp, current) || route.kind == RouteKind::source) return;
   // The prunes of the group are sent with each (*,G) join from here on.
   Group const& group = *joined.group;
   std::vector<IpGenAddr> const prunes(group.prunes.begin(), group.prunes.end());
   for (IpGenAddr const& source : prunes) {
     auto const isWanted = [&] { return current() && group.prunes.contains(source); };
     if (isWanted())
-      putEntry(place.periodic, {SourceKind::sourceRpt, source, route.group}, false, {}, isWanted);
+      putEntry(place.periodic, {RouteKind::sourceRpt, source, route.group}, false, {}, isWanted);
     if (!current()) return;
   }
 }
@@ -207,7 +207,7 @@ void UpstreamRoutes::writeLeave(Place const& place, Route const& route, IpGenAdd
   for (auto const& data : {place.periodic, place.overriding, place.triggered}) {
     takeEntry(data, route, true);
     if (!current()) return;
-    if (route.kind == SourceKind::wildcard && !takeRptEntries(data, route.group, current)) return;
+    if (route.kind == RouteKind::wildcard && !takeRptEntries(data, route.group, current)) return;
   }
   if (isPruned) putEntry(place.triggered, route, false, rp, current);
 }
@@ -217,7 +217,7 @@ void UpstreamRoutes::writePrune(Group& group, IpGenAddr const& source, bool isPr
   Joined const* const wildcard = group.wildcard;
   if (!wildcard || !wildcard->target->isUp()) return;
   Place const place = placeOf(*wildcard->target);
-  Route const route{SourceKind::sourceRpt, source, group.address};
+  Route const route{RouteKind::sourceRpt, source, group.address};
   Writer writer(*this, keyOf(wildcard->route), wildcard->version);
   auto const current = [&] { return writer.current() && group.prunes.contains(source) == isPruned; };
   if (isPruned) {

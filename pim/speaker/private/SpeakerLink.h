@@ -6,6 +6,7 @@
 #pragma once
 
 #include "pim/joinprune/JoinPruneMessageSm.h"
+#include "pim/speaker/DownstreamRoutes.h"
 #include "pim/speaker/PacketManager.h"
 #include "pim/speaker/Speaker.h"
 
@@ -21,7 +22,7 @@ struct LinkSetup {
 };
 
 /// All of its functions but the queries call out.
-class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink {
+class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink, public DownstreamObserver {
  public:
   SpeakerLink(Speaker& speaker, Dova::IntfId const& intf, AddressFamily family);
   ~SpeakerLink() override;
@@ -41,6 +42,9 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink 
   bool isOwn(IpGenAddr const& address) const;
   /// Null while the link is down.
   Neighbors const* neighbors() const { return neighbors_.get(); }
+
+  /// What neighbors have asked for here.
+  DownstreamRoutes const& downstream() const { return downstream_; }
 
   /// Of joins and prunes; null while the link is down.
   std::pair<Vel::Ptr<JoinPruneMessageInfo>, Vel::Ptr<JoinPruneMessageInfo>> records() const {
@@ -88,6 +92,8 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink 
   void onNeighborRestarted(IpGenAddr const& neighbor) override;
   void onNeighborEvent(NeighborEvent const& event) override;
   void send(OutgoingPacket const& packet) override;
+  void downstreamChanged(DownstreamEvent const& event) override;
+  void downstreamLimited(DownstreamLimitEvent const& event) override;
 
   Verdict receiveHello(IpGenAddr const& sender, Wire::Hello const& hello);
   Verdict receiveJoinPrune(IpGenAddr const& sender, Wire::JoinPrune const& message);
@@ -108,7 +114,8 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink 
   bool isChanging_ = false;
   Engine engine_;
   std::unique_ptr<Neighbors> neighbors_;
-  std::vector<LinkObserver*> observers_;
+  DownstreamRoutes downstream_;
+  std::vector<LinkObserver*> observers_;  // the downstream and the upstream routes are the first two
 
   // The engine's override interval: it was changed last within this Hello_Period while the timer is armed.
   Timer overrideTimer_;

@@ -75,7 +75,7 @@ bool drain(DataPtr const& data, MayTake const& mayTake, Current const& current) 
   for (auto i = data->joinPruneGroupDataIterator(); i; ++i) {
     GroupPtr const group = i.ptr();
     auto const may = [&](IpGenAddr const& source) {
-      return mayTake(Route{SourceKind::source, source, group->group()});
+      return mayTake(Route{RouteKind::source, source, group->group()});
     };
     auto const joins = [&](IpGenAddr const& source) { may(source) && group->joinedSourceDel(source); };
     auto const prunes = [&](IpGenAddr const& source) { may(source) && group->prunedSourceDel(source); };

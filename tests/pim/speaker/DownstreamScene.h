@@ -35,7 +35,7 @@ class DownstreamScene : public testing::TestWithParam<AddressFamily>,
   }
   void pruneEchoIs(Link& on, Route const& route, IpGenAddr const& rp) override {
     EXPECT_EQ(&on, &link);
-    bool const isWildcard = route.kind == SourceKind::wildcard;
+    bool const isWildcard = route.kind == RouteKind::wildcard;
     events.push_back("echo " + names.name(route) + (isWildcard ? " " + names.name(rp) : ""));
     if (auto const call = onEcho) call();
   }

@@ -50,12 +50,12 @@ class Names {
     std::size_t const end = text.find_first_of(",)", comma + 1);
     IpGenAddr const group = address(text.substr(comma + 1, end - comma - 1));
     if (text[1] == '*') return Route::wildcard(group);
-    return {text[end] == ',' ? SourceKind::sourceRpt : SourceKind::source, address(text.substr(1, comma - 1)),
+    return {text[end] == ',' ? RouteKind::sourceRpt : RouteKind::source, address(text.substr(1, comma - 1)),
             group};
   }
   std::string name(Route const& route) const {
-    return "(" + (route.kind == SourceKind::wildcard ? "*" : name(route.source)) + "," + name(route.group) +
-           (route.kind == SourceKind::sourceRpt ? ",rpt)" : ")");
+    return "(" + (route.kind == RouteKind::wildcard ? "*" : name(route.source)) + "," + name(route.group) +
+           (route.kind == RouteKind::sourceRpt ? ",rpt)" : ")");
   }
 
   /// From "join (*,G1) R1, prune (S1,G1,rpt)". Entries of one group that follow each other are in one group
@@ -69,7 +69,7 @@ class Names {
       Route const entry = route(text.substr(text.find('('), close + 1 - text.find('(')));
       text.remove_prefix(close + 1);
       IpGenAddr named = entry.source;
-      if (entry.kind == SourceKind::wildcard) {
+      if (entry.kind == RouteKind::wildcard) {
         std::size_t const end = std::min(text.find_first_of(",;"), text.size());
         named = address(text.substr(1, end - 1));
         text.remove_prefix(end);

@@ -28,16 +28,16 @@ class UpstreamChangesTest : public UpstreamScene {
     std::set<std::string> entries;
     if (!data) return entries;
     for (auto const& group : data->joinPruneGroupDataIterator()) {
-      auto const add = [&](char const* verb, SourceKind kind, auto sources) {
+      auto const add = [&](char const* verb, RouteKind kind, auto sources) {
         for (; sources; ++sources)
           entries.insert(verb + names.name(Route{kind, sources.key(), group.group()}));
       };
       if (auto const wildcard = group.wcSourceData())
         entries.insert((wildcard->join() ? "join " : "prune ") + names.name(Route::wildcard(group.group())));
-      add("join ", SourceKind::source, group.joinedSourceIterator());
-      add("prune ", SourceKind::source, group.prunedSourceIterator());
-      add("join ", SourceKind::sourceRpt, group.joinedRptSourceIterator());
-      add("prune ", SourceKind::sourceRpt, group.prunedRptSourceIterator());
+      add("join ", RouteKind::source, group.joinedSourceIterator());
+      add("prune ", RouteKind::source, group.prunedSourceIterator());
+      add("join ", RouteKind::sourceRpt, group.joinedRptSourceIterator());
+      add("prune ", RouteKind::sourceRpt, group.prunedRptSourceIterator());
     }
     return entries;
   }
@@ -49,7 +49,7 @@ class UpstreamChangesTest : public UpstreamScene {
       std::set<std::string> wanted;
       for (auto const& route : upstream->routes())
         if (eth0.link.neighborUp(neighbor) && route.upstream == at(name))
-          wanted.insert((route.route.kind == SourceKind::sourceRpt ? "prune " : "join ") +
+          wanted.insert((route.route.kind == RouteKind::sourceRpt ? "prune " : "join ") +
                         names.name(route.route));
       EXPECT_EQ(entriesOf(eth0.link.periodic(neighbor), names), wanted) << name;
       for (auto const& pending : {eth0.link.triggered(neighbor), eth0.link.overriding(neighbor)}) {

@@ -193,7 +193,7 @@ TEST_P(UpstreamRoutesTest, AllWishesAndTheirNeighborsAreShown) {
     shown.push_back(
         names.name(route.route) + " " +
         (route.upstream ? names.name(route.upstream->address) + "%" + route.upstream->intf.name() : "-") +
-        (route.route.kind == SourceKind::wildcard ? " " + names.name(route.rp) : "") + " " +
+        (route.route.kind == RouteKind::wildcard ? " " + names.name(route.rp) : "") + " " +
         std::string(text(route.sending)));
   EXPECT_THAT(shown, ElementsAre("(S1,G1) N1%eth0 sent", "(*,G1) N3%eth0 R1 neighbor down",
                                  "(S2,G1,rpt) N3%eth0 neighbor down", "(S1,G2,rpt) - no shared tree",

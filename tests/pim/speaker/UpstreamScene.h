@@ -107,8 +107,8 @@ class UpstreamScene : public testing::TestWithParam<AddressFamily> {
       for (auto const& source : group.sources()) {
         bool const isJoin = left != 0;
         if (isJoin) --left;
-        SourceKind const kind = sourceKindOf(source.kind);
-        bool const isWildcard = kind == SourceKind::wildcard;
+        RouteKind const kind = routeKindOf(source.kind);
+        bool const isWildcard = kind == RouteKind::wildcard;
         Route const route{kind, source.address, group.group()};
         entries.push_back((isJoin ? "join " : "prune ") + names.name(route) +
                           (isWildcard ? " " + names.name(source.address) : ""));
