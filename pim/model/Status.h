@@ -16,6 +16,7 @@
 //   packet/JoinPruneGroupData.h  one group's joined and pruned sources
 //   packet/JoinPruneStatus.h     the periodic data sets of all upstream neighbors
 //   packet/SourceFlags.h         the flags S, W and R of a source
+//   packet/GroupEntries.h        the entries of a group by their kind
 //
 // Where the agent's packet layer and the engine meet:
 //

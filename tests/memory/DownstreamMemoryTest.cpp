@@ -26,7 +26,7 @@ constexpr U32 routesOfLink = 1000;
 constexpr std::size_t bytesOfRoute = 300;
 
 /// A million routes, a thousand on each interface, each on a group of its own.
-class DownstreamMemoryTest : public testing::TestWithParam<SourceKind> {
+class DownstreamMemoryTest : public testing::TestWithParam<RouteKind> {
  protected:
   DownstreamMemoryTest() {
     all.reserve(links);
@@ -38,7 +38,7 @@ class DownstreamMemoryTest : public testing::TestWithParam<SourceKind> {
     for (U32 n = 0; n < routesOfLink; ++n) {
       if (n % 250 == 0) messages.emplace_back(IpGenAddr("10.0.0.100"), U16{210});
       messages.back().groupAdd(IpGenAddr::ipv4(0xe8000000 + n));
-      messages.back().entryAdd(entryKindOf(GetParam(), GetParam() != SourceKind::sourceRpt),
+      messages.back().entryAdd(entryKindOf(GetParam(), GetParam() != RouteKind::sourceRpt),
                                IpGenAddr("10.9.0.1"));
     }
   }
@@ -62,7 +62,7 @@ class DownstreamMemoryTest : public testing::TestWithParam<SourceKind> {
 };
 
 INSTANTIATE_TEST_SUITE_P(Kinds, DownstreamMemoryTest,
-                         testing::Values(SourceKind::source, SourceKind::wildcard, SourceKind::sourceRpt));
+                         testing::Values(RouteKind::source, RouteKind::wildcard, RouteKind::sourceRpt));
 
 TEST_P(DownstreamMemoryTest, AMillionRoutesOnAThousandInterfacesTakeNoMoreThan300BytesEachAndExpireInTime) {
   std::size_t const before = CountedHeap::liveBytes;

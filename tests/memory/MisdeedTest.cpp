@@ -93,6 +93,7 @@ EAR(JoinPrunePeriodicTimerSm, HEAR(onInterval) HEAR(onHoldTime) HEAR(onNumberOfM
 EAR(JoinPruneMessageSm,
     HEAR(onTxMessage) HEAR(onDiagUpJoinCount) HEAR_COLLECTION(onJoinPruneNeighborSm, IpGenAddr)
         HEAR_COLLECTION(onPimIntf, IntfId) HEAR(onInitialized))
+EAR(Zanth::TimerExpiry, HEAR(onTimer))
 EAR(JoinPruneNeighborSm,
     HEAR(onTriggeredTimer) HEAR(onOverrideTimer) HEAR(onLoopQuantum) HEAR(onTriggeredInterval)
         HEAR(onJoinPrunePeriodicTimerSm) HEAR_COLLECTION(onTriggeredGroupData, IpGenAddr)
@@ -251,6 +252,7 @@ void change(Change, Packet::WcSourceData&, Scene&) {}
 void change(Change, JoinPruneFilter&, Scene&) {}
 void change(Change, RpHashComputeStatus&, Scene&) {}
 void change(Change, Zanth::TimerWheel&, Scene&) {}
+void change(Change, Zanth::TimerExpiry&, Scene&) {}
 
 // --- The table of callbacks ----------------------------------------------------------------------
 
@@ -673,6 +675,19 @@ std::vector<Callback> const& callbacks() {
                                           s.machine->timerWheel()->notifierIs(nullptr);
                                       },
                                       {}});
+    using Expiry = Zanth::TimerExpiry;
+    addRows<Expiry>(rows, {"Expiry",
+                           "TimerExpiry",
+                           [](Scene& s) { return s.wheel ? s.wheel->expiry() : nullptr; },
+                           [](Scene& s) {
+                             s.wheel = nullptr;
+                             if (s.machine && s.machine->timerWheel())
+                               s.machine->timerWheel()->notifierIs(nullptr);
+                           },
+                           {{"onTimer", [](Scene& s, Expiry&) {
+                               if (auto const data = s.triggered()) Scene::fill(*data);
+                               s.pass(0.2);
+                             }}}});
 
     rows.push_back(single(
         "Filter_deny", "JoinPruneFilter.deny",
@@ -1017,8 +1032,9 @@ std::set<std::string> declaredCallbacks() {
   namespace fs = std::filesystem;
   fs::path const root = fs::path(__FILE__).parent_path().parent_path().parent_path();
   std::vector<fs::path> headers{root / "runtime/zanth/TimerWheel.h"};
-  for (auto const& entry : fs::recursive_directory_iterator(root / "pim"))
-    if (entry.path().extension() == ".h") headers.push_back(entry.path());
+  for (char const* folder : {"pim/model", "pim/joinprune"})
+    for (auto const& entry : fs::recursive_directory_iterator(root / folder))
+      if (entry.path().extension() == ".h") headers.push_back(entry.path());
   std::regex const classLine(R"(^class (?:VEL_API )?(\w+)\b.*\{)"),
       reactorLine(R"(class NotifieeConst\b.*\{)"),
       callbackLine(R"(virtual \w[\w:]* (on\w+|deny|rpHashCompute)\(([^)]*)\))");

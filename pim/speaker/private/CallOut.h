@@ -14,9 +14,9 @@ void callOut(char const* source, char const* function, Call const& call) {
   try {
     call();
   } catch (std::exception const& error) {
-    VEL_TRACE(Vel::frameTrace(), 1, source, function, error.what());
+    VEL_TRACE(Vel::frameTrace(), Vel::TraceLevel::error, source, function, error.what());
   } catch (...) {
-    VEL_TRACE(Vel::frameTrace(), 1, source, function, "an unknown exception");
+    VEL_TRACE(Vel::frameTrace(), Vel::TraceLevel::error, source, function, "an unknown exception");
   }
 }
 

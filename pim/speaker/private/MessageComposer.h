@@ -23,7 +23,7 @@ inline Vel::TraceHandle& agentTrace() {
   return handle;
 }
 
-#define AGENT_TRACE(pieces) VEL_TRACE(agentTrace(), 2, "PacketManager", __func__, pieces)
+#define AGENT_TRACE(pieces) VEL_TRACE(agentTrace(), Vel::TraceLevel::event, "PacketManager", __func__, pieces)
 
 // What a message is made with, and for whom.
 struct Setting {

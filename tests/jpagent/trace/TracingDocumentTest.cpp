@@ -100,11 +100,12 @@ class TracingDocumentRingTest : public testing::Test {
   }
 
   /// The statements of a file that trace into the ring and have not been seen to.
-  static std::vector<std::string> unseen(char const* path, std::string const& source) {
+  static std::vector<std::string> unseen(char const* path, std::string const& source,
+                                         char const* statement = "SCRIVO_MESSAGE(") {
     std::vector<std::string> result;
     auto const code = lines(readText(root / path));
     for (std::size_t i = 0; i < code.size(); ++i) {
-      if (code[i].find("SCRIVO_MESSAGE(") == std::string::npos) continue;
+      if (code[i].find(statement) == std::string::npos) continue;
       // A compiler may call a statement of several lines by any of them.
       auto const seen = lines_[source].lower_bound(static_cast<int>(i) + 1);
       if (seen == lines_[source].end() || *seen > static_cast<int>(i) + 4) result.push_back(code[i]);
@@ -118,8 +119,17 @@ class TracingDocumentRingTest : public testing::Test {
 };
 
 TEST(TracingDocumentTest, NamesEveryLevelOfTheCodeAndNoOther) {
-  auto const levels = inCode({"runtime", "pim", "jpagent"},
-                             R"((?:JOIN_PRUNE_TRACE(?:_AS|_BARE)?\(|VEL_TRACE\([^,;]+,)\s*([0-9]+),)");
+  std::map<std::string, Vel::U32> const numbers = {{"error", Vel::TraceLevel::error},
+                                                   {"event", Vel::TraceLevel::event},
+                                                   {"detail", Vel::TraceLevel::detail},
+                                                   {"activity", Vel::TraceLevel::activity},
+                                                   {"entry", Vel::TraceLevel::entry}};
+  std::string const statement = R"((?:JOIN_PRUNE_TRACE(?:_AS|_BARE)?\(|VEL_TRACE\([^,;]+,)\s*)";
+  EXPECT_THAT(inCode({"runtime", "pim", "jpagent"}, (statement + "([0-9]+),").c_str()), IsEmpty());
+  Names levels;
+  for (auto const& name :
+       inCode({"runtime", "pim", "jpagent"}, (statement + R"((?:Vel::)?(?:Trace)?Level::(\w+),)").c_str()))
+    levels.insert(std::to_string(numbers.at(name)));
   EXPECT_THAT(levels, testing::Contains("1"));
   EXPECT_THAT(levels, testing::Contains("4"));
   Names named;
@@ -136,7 +146,7 @@ TEST(TracingDocumentTest, NamesEveryHandleOfTheCode) {
 }
 
 TEST_F(TracingDocumentRingTest, NamesEveryRingMessageOfTheEngineAndNoOther) {
-  EXPECT_THAT(unseen("pim/joinprune/JoinPruneNeighborSm.cpp", "JoinPruneSm"), IsEmpty());
+  EXPECT_THAT(unseen("pim/joinprune/JoinPruneSender.cpp", "JoinPruneSm", " SENDER_TEXTS(\""), IsEmpty());
   EXPECT_THAT(messages_["JoinPruneSm"], Not(IsEmpty()));
   EXPECT_EQ(documented("engine"), messages_["JoinPruneSm"]);
 }
@@ -149,9 +159,9 @@ TEST_F(TracingDocumentRingTest, NamesEveryRingMessageOfASimulationAndNoOther) {
 TEST(TracingDocumentTest, KnowsAllFilesWithRingMessages) {
   Names files;
   for (auto const& path : sources({"pim", "jpagent"}))
-    if (std::regex_search(readText(path), std::regex(R"(\n\s*SCRIVO_MESSAGE\()")))
+    if (std::regex_search(readText(path), std::regex(R"(\n\s*SCRIVO_MESSAGE\(|RING_MESSAGE\(\")")))
       files.insert(std::filesystem::relative(path, root));
-  EXPECT_EQ(files, (Names{"pim/joinprune/JoinPruneNeighborSm.cpp", "jpagent/common/RingMessages.h"}));
+  EXPECT_EQ(files, (Names{"pim/joinprune/JoinPruneSender.cpp", "jpagent/common/RingMessages.h"}));
 }
 
 TEST_F(TracingDocumentRingTest, NamesEveryBlockTimer) {
