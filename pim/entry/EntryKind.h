@@ -80,10 +80,10 @@ constexpr Vel::U8 flagsOf(EntryKind kind) { return entryKindRows[indexOf(kind)].
 /// The kind that has these flags in the list of joins, or in that of prunes. W wins over R; S does not
 /// matter.
 constexpr EntryKind entryKindOf(Vel::U8 flags, bool join) {
-  constexpr EntryKind joins[] = {EntryKind::sourceJoin, EntryKind::sourceRptJoin, EntryKind::wildcardJoin,
-                                 EntryKind::wildcardJoin};
-  EntryKind const kind = joins[flags & (EntryFlags::wildcard | EntryFlags::rpt)];
-  return join ? kind : opposite(kind);
+  using enum EntryKind;
+  constexpr EntryKind kinds[2][4] = {{sourcePrune, sourceRptPrune, wildcardPrune, wildcardPrune},
+                                     {sourceJoin, sourceRptJoin, wildcardJoin, wildcardJoin}};
+  return kinds[join][flags & (EntryFlags::wildcard | EntryFlags::rpt)];
 }
 
 }  // namespace Routing::Pim

@@ -68,22 +68,23 @@ class Decoder {
     sets.resize(std::min<std::size_t>(groups, in_.left() / headSize));
     sources.reserve((in_.left() - sets.size() * headSize) / sourceSize);
     JoinPrune::Set* set = sets.data();
+    U32 known = 0;  // sources
     for (unsigned i = 0; i < groups; ++i) {
       std::size_t const left = end - at;
       if (left < headSize || !isGroup<Size>(at)) [[unlikely]] {
         if (left == 0) return refuse(Reason::wrongCount, concatenated(i, " of ", groups, " groups"));
         return in_.skip(at - first) && refuseGroup();
       }
-      U16 const joins = static_cast<U16>(at[Size + 4] << 8 | at[Size + 5]);
-      U16 const prunes = static_cast<U16>(at[Size + 6] << 8 | at[Size + 7]);
-      U32 const count = U32{joins} + prunes;
+      U32 const joins = numberAt(at + Size + 4), prunes = numberAt(at + Size + 6);
+      U32 const count = joins + prunes;
       // Asked before the first source: with a count too high, what follows the sources would be taken for
       // one.
       if (count * sourceSize > left - headSize) [[unlikely]] {
         return refuse(Reason::wrongCount,
                       concatenated(joins, " joins and ", prunes, " prunes in ", left - headSize, " bytes"));
       }
-      *set++ = {addressAt<Size>(at + 4), static_cast<U32>(sources.size()), joins, prunes};
+      *set++ = {addressAt<Size>(at + 4), known, joins, prunes};
+      known += count;
       at += headSize;
       U8 const* const firstPrune = at + joins * sourceSize;
       for (U8 const* const last = at + count * sourceSize; at != last; at += sourceSize) {
@@ -95,6 +96,12 @@ class Decoder {
     message.sets_ = std::move(sets);
     message.sources_ = std::move(sources);
     return in_.skip(at - first);
+  }
+
+  static U32 numberAt(U8 const* bytes) {
+    U16 number;
+    std::memcpy(&number, bytes, sizeof number);
+    return ntohs(number);
   }
 
   template <std::size_t Size>

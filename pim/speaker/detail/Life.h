@@ -21,7 +21,7 @@ class Life {
   class Watch {
    public:
     /// Begins to watch.
-    explicit Watch(Life const& life) : life_(&life), outer_(life.watch_) { life.watch_ = this; }
+    explicit Watch(Life const& life);
     Watch(Watch const&) = delete;
     Watch& operator=(Watch const&) = delete;
     ~Watch() {
