@@ -8,6 +8,7 @@
 
 #include "jpagent/common/RingMessages.h"
 #include "runtime/scrivo/TraceReader.h"
+#include "runtime/vel/Trace.h"
 #include "tests/jpagent/Support.h"
 
 namespace Routing::Pim::Jpagent {
