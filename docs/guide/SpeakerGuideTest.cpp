@@ -1,5 +1,5 @@
-// What docs/guide.md shows of an agent around a speaker: each piece between two marks is there as it is here, and
-// the tests around it check what is said about it.
+// What docs/guide.md shows of an agent around a speaker: each piece between two marks is there as it is here,
+// and the tests around it check what is said about it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
