@@ -23,6 +23,7 @@
 #include "bench/Containers.h"
 #include "bench/Receiver.h"
 #include "bench/Router.h"
+#include "bench/Speaker.h"
 #include "pim/wire/PimMessage.h"
 #include "runtime/scrivo/Scrivo.h"
 #include "runtime/vel/Hash.h"
@@ -264,6 +265,26 @@ Body decode() {
   };
 }
 
+Body joinsOfEngine() {
+  auto const router = std::make_shared<Bench::RefreshingRouter>(0);
+  return [=] { Bench::want(*router); };
+}
+
+Body joinsOfSpeaker() {
+  auto const router = std::make_shared<Bench::SpeakingRouter>();
+  return [=] { Bench::want(*router); };
+}
+
+template <class Router>
+Body received() {
+  auto const router = std::make_shared<Router>();
+  auto const message = Bench::messageToReceive();
+  router->receive(message);
+  return [=] {
+    for (int i = 0; i < 20; ++i) router->receive(message);
+  };
+}
+
 Body startUp() {
   auto const router = std::make_shared<Bench::StartingRouter>(20, 50);
   auto const machine = std::make_shared<Vel::Ptr<Routing::Pim::JoinPruneMessageSm>>();
@@ -296,6 +317,10 @@ std::vector<Scenario> scenarios() {
   all.push_back({"refresh of 1k", refresh});
   all.push_back({"codec, encode", encode});
   all.push_back({"codec, decode", decode});
+  all.push_back({"joins to bytes, engine alone", joinsOfEngine});
+  all.push_back({"joins to bytes, speaker", joinsOfSpeaker});
+  all.push_back({"bytes to records, engine alone", received<Bench::DecodingReceiver>});
+  all.push_back({"bytes to downstream state, speaker", received<Bench::SpeakingRouter>});
   all.push_back({"start-up, 20 neighbors x 50 routes", startUp});
   return all;
 }

@@ -59,6 +59,11 @@ class Receiver {
     channel_->joinPruneMessageIs(messageOf(shape));
   }
   void receive() { channel_->countInc(1); }
+  /// Receives another message, and the same from then on.
+  void receive(Vel::Ptr<Routing::Pim::Packet::JoinPruneMessage> const& message) {
+    channel_->joinPruneMessageIs(message);
+    receive();
+  }
 
  private:
   Vel::Ptr<Routing::Pim::IO::MessageInfo> const channel_ = Vel::create<Routing::Pim::IO::MessageInfo>();

@@ -1,5 +1,7 @@
 #include "pim/speaker/Speaker.h"
 
+#include <algorithm>
+#include <cmath>
 #include <set>
 
 #include "pim/speaker/private/CallOut.h"
@@ -83,6 +85,45 @@ std::optional<Wire::Refusal> headerRefusal(Incoming const& packet) {
   if (packet.ttl != 1) return Wire::Refusal{hopLimitNotOne, std::to_string(packet.ttl)};
   return std::nullopt;
 }
+
+// What an IPv4 header says; without its addresses if they are not there.
+struct Ipv4Header {
+  static constexpr std::size_t smallest = 20;
+
+  explicit Ipv4Header(std::span<U8 const> packet) {
+    using enum Wire::Reason;
+    if (packet.size() < smallest) {
+      refusal = {truncated, "in the IP header"};
+      return;
+    }
+    auto const field = [&](std::size_t offset) {
+      return static_cast<std::size_t>(packet[offset] << 8 | packet[offset + 1]);
+    };
+    std::size_t const version = packet[0] >> 4, size = (packet[0] & 15u) * 4, total = field(2);
+    if (version != 4) {
+      refusal = {badIpHeader, Wire::concatenated("version ", version)};
+      return;
+    }
+    ttl = packet[8];
+    source = IpGenAddr::fromBytes(packet.subspan(12, 4));
+    destination = IpGenAddr::fromBytes(packet.subspan(16, 4));
+    if (size < smallest || total < size)
+      refusal = {badIpHeader, Wire::concatenated("header of ", size, " bytes, packet of ", total)};
+    else if (total > packet.size())
+      refusal = {truncated, Wire::concatenated(packet.size(), " of ", total, " bytes")};
+    else if ((field(6) & 0x3fff) != 0)  // an offset, or more to come
+      refusal = {fragment, ""};
+    else
+      payload = packet.subspan(size, total - size);
+  }
+
+  Incoming incoming(std::string_view intf) const { return {intf, source, destination, ttl}; }
+
+  IpGenAddr source, destination;
+  unsigned ttl = 0;
+  std::span<U8 const> payload;
+  std::optional<Wire::Refusal> refusal;
+};
 
 }  // namespace
 
@@ -197,16 +238,28 @@ Verdict Speaker::receive(Incoming const& packet, std::span<U8 const> bytes) {
   Life::Watch const watch(life_);
   std::optional<Wire::Refusal> refusal;
   Verdict const verdict = deliver(packet, bytes, refusal);
-  if (watch.ended()) return verdict;
+  if (!watch.ended()) count(packet, verdict, refusal);
+  return verdict;
+}
+
+Verdict Speaker::receiveIpv4(std::string_view intf, std::span<U8 const> packet) {
+  Ipv4Header const header(packet);
+  if (!header.refusal) return receive(header.incoming(intf), header.payload);
+  Verdict const verdict = hasInterface(intf) ? Verdict::refused : Verdict::unknownInterface;
+  count(header.incoming(intf), verdict, verdict == Verdict::refused ? header.refusal : std::nullopt);
+  return verdict;
+}
+
+// Counts a packet that was received, and tells of one that was not delivered.
+void Speaker::count(Incoming const& packet, Verdict verdict, std::optional<Wire::Refusal> const& refusal) {
   ++counters_.verdicts[static_cast<std::size_t>(verdict)];
   if (refusal) ++counters_.refusals[static_cast<std::size_t>(refusal->reason)];
   SpeakerObserver* const observer = settings_.observer;
-  if (verdict <= Verdict::heard || !observer) return verdict;
+  if (verdict <= Verdict::heard || !observer) return;
   EventBudget& budget = budgets_[static_cast<std::size_t>(verdict)];
-  if (!budget.admits(wheel_->now())) return verdict;
+  if (!budget.admits(wheel_->now())) return;
   UndeliveredPacket const undelivered{packet, verdict, refusal ? &*refusal : nullptr, budget.takeLeftOut()};
   callOut("Speaker", "receive", [&] { observer->packetUndelivered(undelivered); });
-  return verdict;
 }
 
 Verdict Speaker::deliver(Incoming const& packet, std::span<U8 const> bytes,
@@ -234,6 +287,12 @@ Sent Speaker::send(Wire::PimType type, Dova::IntfId const& intf, IpGenAddr const
      : type == Wire::PimType::hello ? counters_.hellosSent
                                     : counters_.joinPrunesSent);
   return sent;
+}
+
+int Speaker::pollTimeout() const {
+  // A poll that ends too early would find nothing due, and spin.
+  double const milliseconds = std::ceil((timeMin() - wheel_->now()) * 1000);
+  return static_cast<int>(std::clamp(milliseconds, 0.0, 60'000.0));
 }
 
 void Speaker::expire() {

@@ -8,7 +8,7 @@
 //     ...
 //     Verdict verdict =
 //         speaker.receive({.intf = "eth0", .source = from, .destination = to, .ttl = ttl}, bytes);
-//     poll(..., until(speaker.timeMin()));
+//     poll(..., speaker.pollTimeout());
 //     speaker.expire();
 //
 // Its inputs are interfaces, packets that were received, and time; its outputs are packets and events. The
@@ -163,9 +163,15 @@ class PIM_SPEAKER_API Speaker {
   /// Takes a packet: `bytes` is the whole IP payload, no more. The packet is checked whole before any of it
   /// counts.
   Verdict receive(Incoming const& packet, std::span<U8 const> bytes);
+  /// The same of a packet that begins with its IPv4 header, as a raw socket delivers it; bytes behind the
+  /// length that the header says are padding. The protocol and the header's checksum are not looked at.
+  Verdict receiveIpv4(std::string_view intf, std::span<U8 const> packet);
 
   /// When expire() is due, on the wheel's clock; +infinity if never.
   Seconds timeMin() const { return wheel_->timeMin(); }
+  /// How long a loop may sleep until expire() is due, in milliseconds, as poll(2) takes it: rounded up, and at
+  /// most a minute.
+  int pollTimeout() const;
   /// Does what is due on the wheel, other users' timers included.
   void expire();
 
@@ -208,6 +214,7 @@ class PIM_SPEAKER_API Speaker {
 
   SpeakerLink* linkOf(std::string_view intf, AddressFamily family) const;
   Verdict deliver(Incoming const& packet, std::span<U8 const> bytes, std::optional<Wire::Refusal>& refusal);
+  void count(Incoming const& packet, Verdict verdict, std::optional<Wire::Refusal> const& refusal);
   Sent send(Wire::PimType type, Dova::IntfId const& intf, IpGenAddr const& source, std::span<U8 const> bytes);
   void endIfRemoved(std::string const& name);
 

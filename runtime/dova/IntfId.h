@@ -15,8 +15,10 @@ namespace Dova {
 class VEL_API IntfId {
  public:
   IntfId() = default;
-  /// From a name, which is not checked.
-  explicit IntfId(std::string_view name) : name_(name) {}
+  /// From a name, which is not checked. Implicit, so that a call names an interface by its text alone.
+  IntfId(std::string_view name) : name_(name) {}
+  IntfId(std::string const& name) : name_(name) {}
+  IntfId(char const* name) : name_(name) {}
 
   /// The name; empty for the default.
   std::string const& name() const& { return name_; }

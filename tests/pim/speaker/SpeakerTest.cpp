@@ -141,6 +141,7 @@ class SpeakerTest : public testing::Test, public Sink, public SpeakerObserver, p
   void neighborDown(IpGenAddr const& neighbor) override { log("link: down " + toText(neighbor)); }
   void neighborRestarted(IpGenAddr const& neighbor) override { log("link: restarted " + toText(neighbor)); }
   void linkDown() override { log("link: down, " + toText(link().primaryAddress())); }
+  using SpeakerObserver::joinPruneReceived;
   void joinPruneReceived(ReceivedJoinPrune const& received) override {
     log((received.isForUs ? "received from " : "heard from ") + toText(received.sender) + " " +
         describe(received.message));
@@ -285,6 +286,64 @@ TEST_F(SpeakerTest, APacketThatBreaksARuleIsRefusedWithItsReasonAndCounted) {
   EXPECT_EQ(speaker_->counters().of(Verdict::ownPacket), 1u);
   EXPECT_EQ(speaker_->counters().of(Verdict::hello), 0u);
   EXPECT_THAT(take(), IsEmpty());
+}
+
+TEST_F(SpeakerTest, APacketWithItsIpv4HeaderIsReceivedAsTheHeaderSays) {
+  settle();
+  auto const hello = Wire::encodeHello(plainHello(), IpGenAddr("10.0.0.2"), routers);
+  auto const received = [&](std::vector<U8> const& packet, std::string_view intf = "eth0") {
+    now_ += 0.2;  // Else only ten a second are told.
+    undelivered_ = "delivered";
+    speaker_->receiveIpv4(intf, packet);
+    return undelivered_;
+  };
+  // Four bytes of options, and of padding behind the packet.
+  std::vector<U8> packet = {0x46, 0xc0, 0, static_cast<U8>(24 + hello.size()),
+                            0,    1,    0, 0,
+                            1,    103,  0, 0,
+                            10,   0,    0, 2,
+                            224,  0,    0, 13,
+                            0x94, 4,    0, 0};
+  packet.insert(packet.end(), hello.begin(), hello.end());
+  packet.insert(packet.end(), 4, 0xaa);
+  auto const with = [&](std::size_t offset, U8 value) {
+    auto changed = packet;
+    changed[offset] = value;
+    return changed;
+  };
+  EXPECT_EQ(received(with(8, 2)), "refused: TTL or hop limit not 1 (2)");
+  EXPECT_EQ(received(with(19, 5)), "refused: destination not ALL-PIM-ROUTERS (224.0.0.5)");
+  EXPECT_EQ(received(with(15, 1)), "own packet");
+  EXPECT_EQ(received(packet, "eth1"), "unknown interface");
+  EXPECT_EQ(received({}, "eth1"), "unknown interface");
+  EXPECT_EQ(received({packet.begin(), packet.begin() + 19}), "refused: truncated (in the IP header)");
+  EXPECT_EQ(received(with(0, 0x66)), "refused: bad IP header (version 6)");
+  auto const total = std::to_string(24 + hello.size());
+  EXPECT_EQ(received(with(0, 0x44)), "refused: bad IP header (header of 16 bytes, packet of " + total + ")");
+  EXPECT_EQ(received(with(3, 23)), "refused: bad IP header (header of 24 bytes, packet of 23)");
+  EXPECT_EQ(received({packet.begin(), packet.end() - 5}),
+            "refused: truncated (" + std::to_string(23 + hello.size()) + " of " + total + " bytes)");
+  EXPECT_EQ(received(with(6, 0x20)), "refused: fragment");
+  EXPECT_EQ(received(with(7, 1)), "refused: fragment");
+  EXPECT_EQ(received(with(6, 0x40)), "delivered");  // do not fragment
+  EXPECT_EQ(speaker_->counters().of(Verdict::hello), 1u);
+  EXPECT_EQ(speaker_->counters().of(Wire::Reason::fragment), 2u);
+  EXPECT_EQ(speaker_->counters().of(Verdict::refused), 8u);
+  EXPECT_TRUE(link().neighborUp(IpGenAddr("10.0.0.2")));
+}
+
+TEST_F(SpeakerTest, ALoopSleepsUntilTheNextTimerInWholeMillisecondsAndAtMostAMinute) {
+  EXPECT_EQ(speaker_->pollTimeout(), 60'000);  // no timer
+  speaker_->interfaceIs("eth0", {"10.0.0.1/24"}, {.hello = {.period = 90, .triggeredDelay = 0}});
+  EXPECT_EQ(speaker_->pollTimeout(), 0);
+  speaker_->expire();
+  Seconds const due = speaker_->timeMin();
+  now_ = due - 75;
+  EXPECT_EQ(speaker_->pollTimeout(), 60'000);
+  now_ = due - 0.0101;
+  EXPECT_EQ(speaker_->pollTimeout(), 11);
+  now_ = due + 1;
+  EXPECT_EQ(speaker_->pollTimeout(), 0);
 }
 
 TEST_F(SpeakerTest, TenUndeliveredPacketsOfAKindAreToldInASecondAndTheOthersCounted) {

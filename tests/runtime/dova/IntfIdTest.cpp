@@ -25,6 +25,13 @@ TEST(IntfIdTest, TheTextIsTheName) {
   EXPECT_EQ(id, IntfId());
 }
 
+TEST(IntfIdTest, ATextIsAnIdentifierWhereOneIsWanted) {
+  auto const nameOf = [](IntfId const& id) { return id.name(); };
+  EXPECT_EQ(nameOf("eth0"), "eth0");
+  EXPECT_EQ(nameOf(std::string("eth1")), "eth1");
+  EXPECT_EQ(nameOf(std::string_view("eth2.7").substr(0, 4)), "eth2");
+}
+
 TEST(IntfIdTest, IdentifiersAreOrderedAndHashedByName) {
   char const* const ascending[] = {"", "eth0", "eth1", "eth10", "eth2", "lo"};
   for (auto const& a : ascending)
