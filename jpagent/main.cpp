@@ -147,7 +147,8 @@ void addSimulate(CommandLine& line) {
       "simulate",
       "Performs a conversation: the commands of a file, on a virtual clock, and everything "
       "that the engine does about them");
-  command->footer(moreAboutSimulate + commandReference());
+  command->footer(moreAboutSimulate + commandReference() + "Commands after \"speaker\":\n" +
+                  speakerCommandReference());
   command->add_option("FILE", line.file, "The conversation")->required()->type_name("");
   auto* const check = command->add_flag("--check", line.simulateOptions.check,
                                         "Print nothing but the first difference from what is expected");

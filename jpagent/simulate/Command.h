@@ -1,6 +1,7 @@
 // What the lines of a conversation say, one structure for each command; what was left out is empty.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -126,19 +127,35 @@ class ExtraCommand {
 };
 using OwnCommand = std::shared_ptr<ExtraCommand const>;
 
+/// What the commands after this one speak to.
+struct SpeakerStartCommand {
+  U32 seed = 0;
+};
+class SpeakerWorld;
+/// A command to a speaker. What cannot be done throws std::range_error with the reason.
+struct SpeakerCommand {
+  std::function<void(SpeakerWorld&)> perform;
+};
+
 using Command = std::variant<InterfaceCommand, NeighborCommand, RpCommand, PolicyCommand, DataCommand,
                              ReceiveCommand, WaitCommand, BusyCommand, SeedCommand, CostCommand, SetCommand,
                              StartCommand, DropCommand, KeepCommand, RecordCommand, ShowCommand, TraceCommand,
-                             PacketsCommand, SayCommand, OwnCommand>;
+                             PacketsCommand, SayCommand, OwnCommand, SpeakerStartCommand, SpeakerCommand>;
 
 struct Form;
 /// Rows of a table of commands that come before jpagent's own. They must outlive what was parsed with them.
 using OwnForms = std::span<Form const>;
 
+/// What a command speaks to. The two have tables of their own.
+enum class Subject : U8 { engine, speaker };
+
 /// Parses one command. Throws ConversationError, with the given line, that says what was expected.
-Command commandFromText(std::string_view text, U32 line = 0, OwnForms own = {});
+Command commandFromText(std::string_view text, U32 line = 0, OwnForms own = {},
+                        Subject subject = Subject::engine);
 
 /// The forms of all commands with a few words on each, for help texts.
 std::string commandReference();
+/// The same of the commands to a speaker.
+std::string speakerCommandReference();
 
 }  // namespace Routing::Pim::Jpagent

@@ -1,8 +1,8 @@
 #include "jpagent/simulate/CommandTable.h"
 
-namespace Routing::Pim::Jpagent {
+#include "jpagent/simulate/speaker/SpeakerWords.h"
 
-namespace {
+namespace Routing::Pim::Jpagent {
 
 Command wait(Words& words) {
   if (words.inside())
@@ -11,11 +11,13 @@ Command wait(Words& words) {
   return WaitCommand{words.seconds(), until};
 }
 
-Command seed(Words& words) { return SeedCommand{words.number<long>(0, 0x7fffffff, "a number")}; }
-
 Command cost(Words& words) { return CostCommand{words.seconds()}; }
 
 Command busy(Words& words) { return BusyCommand{words.seconds()}; }
+
+namespace {
+
+Command seed(Words& words) { return SeedCommand{words.number<long>(0, 0x7fffffff, "a number")}; }
 
 Command keep(Words& words) {
   if (words.taken("nothing")) return KeepCommand{};
@@ -43,6 +45,8 @@ Command drop(Words&) { return DropCommand{}; }
 
 Command show(Words& words) { return ShowCommand{words.taken("sets")}; }
 
+}  // namespace
+
 Command trace(Words& words) {
   if (words.taken("off")) return TraceCommand{};
   try {
@@ -64,6 +68,8 @@ Command say(Words& words) {
   if (!words) words.fail("a text");
   return SayCommand{std::string(words.takeRest())};
 }
+
+namespace {
 
 Command interface(Words& words) { return takeInterface(words); }
 
@@ -102,12 +108,28 @@ constexpr Form forms[] = {
     {"trace", trace, "LEVELS | off", "which trace lines of the engine are shown from now on"},
     {"show", show, "[sets]", "the machines, or what is pending entry by entry"},
     {"say", say, "TEXT", "a line in the output"},
+    {"speaker", speaker, "[seed N]",
+     "as the first command: the others speak to a speaker, which sends Hellos and keeps neighbors and "
+     "routes"},
 };
+
+std::array<OwnForms, 2> tablesOf(Words const& words) {
+  if (words.subject() == Subject::speaker) return {speakerForms(), {}};
+  return {words.own(), forms};
+}
+
+std::string reference(OwnForms table) {
+  std::string text;
+  for (auto const& form : table)
+    text += fmt::format("  {}{}{}\n      {}\n", form.word, form.arguments.empty() ? "" : " ", form.arguments,
+                        form.about);
+  return text;
+}
 
 }  // namespace
 
 Command commandFrom(Words& words) {
-  for (OwnForms const table : {words.own(), OwnForms(forms)}) {
+  for (OwnForms const table : tablesOf(words)) {
     for (auto const& form : table) {
       if (!words.taken(form.word)) continue;
       auto command = form.parse(words);
@@ -118,17 +140,13 @@ Command commandFrom(Words& words) {
   words.fail("a command");
 }
 
-Command commandFromText(std::string_view text, U32 line, OwnForms own) {
-  Words words(text, line, own);
+Command commandFromText(std::string_view text, U32 line, OwnForms own, Subject subject) {
+  Words words(text, line, own, subject);
   return commandFrom(words);
 }
 
-std::string commandReference() {
-  std::string text;
-  for (auto const& form : forms)
-    text += fmt::format("  {}{}{}\n      {}\n", form.word, form.arguments.empty() ? "" : " ", form.arguments,
-                        form.about);
-  return text;
-}
+std::string commandReference() { return reference(forms); }
+
+std::string speakerCommandReference() { return reference(speakerForms()); }
 
 }  // namespace Routing::Pim::Jpagent

@@ -41,5 +41,14 @@ Command dataOf(Words& words) {
   return takeData(words, channel);
 }
 Command receive(Words& words);
+/// "upstream ADDRESS hold S join ROUTE... prune ROUTE...".
+Wire::JoinPrune takeMessage(Words& words);
+
+Command wait(Words& words);
+Command busy(Words& words);
+Command cost(Words& words);
+Command trace(Words& words);
+Command packets(Words& words);
+Command say(Words& words);
 
 }  // namespace Routing::Pim::Jpagent

@@ -51,18 +51,21 @@ Conversation::Conversation(std::string_view text, OwnForms own)
   }
   story_ = trimmed(line.substr(1));
   U32 routes = 0;
+  Subject subject = Subject::engine;
   for (U32 at = 2; !hasRule() && lines.next(line); ++at) {
     line = trimmed(line);
     if (isRule(line)) {
       firstExpectedLine_ = at + 1;
     } else if (!line.empty() && line.front() != '#') {
-      Words words(line, at, own);
-      commandFrom(words);
+      Words words(line, at, own, subject);
+      bool const speaker = std::holds_alternative<SpeakerStartCommand>(commandFrom(words));
+      if (speaker && !steps_.empty()) words.refuse("expected \"speaker\" as the first command only");
       routes += words.routes();
       if (routes > mostRoutesOfFile)
         words.refuse(fmt::format("expected at most {} routes in the ranges of all lines up to here, not {}",
                                  mostRoutesOfFile, routes));
-      steps_.push_back({at, line, own});
+      steps_.push_back({at, line, own, subject});
+      if (speaker) subject = Subject::speaker;
     }
   }
   expected_ = lines.rest();

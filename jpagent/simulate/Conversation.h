@@ -14,7 +14,8 @@
 //     0.100 sent on eth0 from 10.0.0.1, upstream 10.0.0.2, triggered, hold 210, 34 bytes
 //     0.100   join (10.9.0.1,239.1.1.1)
 //
-// The first line is a comment that tells the story. What a command does is in Simulation.h, which performs
+// The first line is a comment that tells the story. If the first command is `speaker`, all others speak to a
+// speaker and have words of their own. What a command does is in Simulation.h, which performs
 // them; this header has what a file says, checked as a whole before any of it is performed.
 #pragma once
 
@@ -35,9 +36,10 @@ class Conversation {
     U32 line;
     std::string_view text;
     OwnForms own;
+    Subject subject = Subject::engine;
 
     /// Made each time: a command may be much larger than its text.
-    Command command() const { return commandFromText(text, line, own); }
+    Command command() const { return commandFromText(text, line, own, subject); }
   };
 
   /// Throws ConversationError.

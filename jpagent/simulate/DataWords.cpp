@@ -68,19 +68,23 @@ Wire::JoinPrune messageOf(IpGenAddr const& upstream, U16 holdTime, Routes const&
 
 }  // namespace
 
-Command receive(Words& words) {
-  if (!words) words.fail("the name of an interface");
-  std::string const intfName(words.take());
+Wire::JoinPrune takeMessage(Words& words) {
   words.require("upstream");
   auto const upstream = words.address("the address of an upstream neighbor");
   words.require("hold");
   U16 const holdTime = words.number<U16>(0, 65535, "a hold time in seconds");
   auto const entries = takeEntries(words);
   try {
-    return ReceiveCommand{intfName, messageOf(upstream, holdTime, entries)};
+    return messageOf(upstream, holdTime, entries);
   } catch (Vel::RangeException const& e) {
     words.refuse(fmt::format("expected a message that can be on the wire: {}", e.what()));
   }
+}
+
+Command receive(Words& words) {
+  if (!words) words.fail("the name of an interface");
+  std::string const intfName(words.take());
+  return ReceiveCommand{intfName, takeMessage(words)};
 }
 
 }  // namespace Routing::Pim::Jpagent

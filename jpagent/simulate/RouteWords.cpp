@@ -9,7 +9,7 @@ namespace {
 constexpr std::string_view entryForms =
     "a route such as (10.9.0.1,239.1.1.1), (*,239.1.1.1) rp 10.0.0.9 or (10.9.0.1,239.1.1.1,rpt)";
 
-RouteEntry takeRoute(Words& words, bool join) {
+RouteEntry takeRoute(Words& words, bool join, bool rpIsOptional) {
   auto const word = words.peek();
   if (word.size() < 2 || word.front() != '(' || word.back() != ')') words.fail(entryForms);
   std::array<std::string_view, 3> parts;
@@ -32,6 +32,10 @@ RouteEntry takeRoute(Words& words, bool join) {
                          : rpt    ? EntryKind::sourceRptJoin
                                   : EntryKind::sourceJoin;
   RouteEntry entry{join ? kind : pruneOf(kind), *source, *group};
+  if (wildcard && rpIsOptional && words.peek() != "rp") {
+    entry.source = {};
+    return entry;
+  }
   if (wildcard) {
     words.require("rp");
     entry.source = words.address("the address of an RP");
@@ -55,20 +59,21 @@ RouteEntry routeOf(RouteRange const& range, U32 at) {
 bool exists(RouteRange const& range, U32 at) {
   auto const entry = routeOf(range, at);
   bool const begunAgain = range.sources ? entry.source < range.first.source : entry.group < range.first.group;
+  // What a (*,G) has for a source is its RP, which was tested when it was read, or nothing.
   return !begunAgain && !Wire::groupFault(entry.group, entry.group.af()) &&
-         !Wire::sourceFault(entry.source, entry.group.af());
+         (isWildcard(entry.kind) || !Wire::sourceFault(entry.source, entry.group.af()));
 }
 
 // "3000 routes from (10.9.0.1,239.1.0.1)": a group each, counted upwards. "3000 sources from ...": a source
 // each, all in one group.
-RouteRange takeRange(Words& words, bool join) {
+RouteRange takeRange(Words& words, bool join, bool rpIsOptional) {
   RouteRange range;
   range.count = words.number<U32>(1, mostRoutesOfLine, "a number of routes");
   words.routesInc(range.count);
   range.sources = words.taken("sources");
   if (!range.sources && !words.taken("routes")) words.fail("\"routes\" or \"sources\"");
   words.require("from");
-  range.first = takeRoute(words, join);
+  range.first = takeRoute(words, join, rpIsOptional);
   if (range.sources && isWildcard(range.first.kind)) words.refuse("expected sources, and (*,G) has none");
   if (!exists(range, range.count - 1)) {
     U32 there = 0, missing = range.count - 1;
@@ -83,14 +88,18 @@ RouteRange takeRange(Words& words, bool join) {
 
 }  // namespace
 
+RouteRange takeRoutes(Words& words, bool join, bool rpIsOptional) {
+  if (words.peek().starts_with('(')) return RouteRange{takeRoute(words, join, rpIsOptional)};
+  return takeRange(words, join, rpIsOptional);
+}
+
 Routes takeEntries(Words& words) {
   Routes entries;
   do {
     bool const join = words.taken("join");
     if (!join && !words.taken("prune")) words.fail("\"join\" or \"prune\"");
     do {
-      entries.add(words.peek().starts_with('(') ? RouteRange{takeRoute(words, join)}
-                                                : takeRange(words, join));
+      entries.add(takeRoutes(words, join));
     } while (words && words.peek() != "join" && words.peek() != "prune");
   } while (words);
   return entries;

@@ -30,16 +30,21 @@ void Simulation::send(Speaker::OutgoingPacket const& packet) {
     auto const& wire = std::get<Wire::JoinPrune>(decoded);
     auto const entries = entriesOf(wire);
     ringSent(packet, entries);
-    if (!brief_) {
-      for (auto const& entry : entries) line(fmt::format("  {}", toText(entry)));
-    } else if (!entries.empty()) {
-      line(fmt::format("  {} in {}: {} ... {}", counted(entries.size(), "route"),
-                       counted(wire.groups().size(), "group"), toText(entries.front()),
-                       toText(entries.back())));
-    }
+    tellEntries(wire);
   }
   if (alsoTo_) alsoTo_->send(packet);
   nowIs(now_ + cost_);
+}
+
+void Simulation::tellEntries(Wire::JoinPrune const& message) {
+  auto const entries = entriesOf(message);
+  if (!brief_) {
+    for (auto const& entry : entries) line(fmt::format("  {}", toText(entry)));
+  } else if (!entries.empty()) {
+    line(fmt::format("  {} in {}: {} ... {}", counted(entries.size(), "route"),
+                     counted(message.groups().size(), "group"), toText(entries.front()),
+                     toText(entries.back())));
+  }
 }
 
 void Simulation::ringSent(Speaker::OutgoingPacket const& packet,

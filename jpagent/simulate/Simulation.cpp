@@ -6,6 +6,7 @@
 
 #include "jpagent/common/RingMessages.h"
 #include "jpagent/simulate/Inside.h"
+#include "jpagent/simulate/speaker/SpeakerWorld.h"
 
 namespace Routing::Pim::Jpagent {
 
@@ -73,6 +74,7 @@ Simulation::~Simulation() {
   traceLevelsAre(0);
   Vel::traceSinkIs({});
   machine_ = nullptr;
+  speaker_ = nullptr;
   kept_.clear();
   joinWatch_->notifierIs(nullptr);
   pruneWatch_->notifierIs(nullptr);
@@ -201,6 +203,17 @@ void Simulation::on(RecordCommand const& command) {
     manager_->txMessageInfoIs();
     serveRecord();
   }
+}
+
+void Simulation::on(SpeakerStartCommand const& command) {
+  if (speaker_) refuse("there is a speaker already");
+  srand48(static_cast<long>(command.seed));
+  speaker_ = std::make_unique<SpeakerWorld>(*this, command.seed);
+}
+
+void Simulation::on(SpeakerCommand const& command) {
+  if (!speaker_) refuse("there is no speaker");
+  command.perform(*speaker_);
 }
 
 void simulate(Conversation const& conversation, Simulation& simulation) {

@@ -65,6 +65,8 @@ class Simulation {
   std::size_t machinesLookedAt() const { return machinesLookedAt_; }
 
  protected:
+  friend class SpeakerWorld;
+
   class MachineWatch;
   class ExpiryWatch;
   class RecordWatch;
@@ -95,6 +97,8 @@ class Simulation {
   void on(DropCommand const& command);
   void on(KeepCommand const& command);
   void on(RecordCommand const& command);
+  void on(SpeakerStartCommand const& command);
+  void on(SpeakerCommand const& command);
   void on(OwnCommand const& command) { command->perform(*this); }
   void on(ShowCommand const& command);
   void on(TraceCommand const& command);
@@ -126,6 +130,7 @@ class Simulation {
   void ringTimer(TimerEvent event, IpGenAddr const& target, Channel channel, Seconds due) const;
   void ringSent(Speaker::OutgoingPacket const& packet, std::vector<RouteEntry> const& entries) const;
   void line(std::string_view text);
+  void tellEntries(Wire::JoinPrune const& message);
   void expire();
   void timerFires(Zanth::TimerWheel::Notifiee const& timer);
   void tellFiring(IpGenAddr const& address, Channel channel);
@@ -164,6 +169,7 @@ class Simulation {
   std::map<IpGenAddr, Vel::Ptr<Intf>> neighbors_;  // where each was last
   Vel::Ptr<JoinPruneMessageSm> machine_;           // null unless started
   std::vector<Vel::Ptr<JoinPruneNeighborSm>> kept_;
+  std::unique_ptr<SpeakerWorld> speaker_;  // null in a conversation with the engine
 
   // What tells of the outputs.
   Vel::Ptr<MachineWatch> const machineWatch_;

@@ -41,7 +41,7 @@ IpGenPrefix Words::groups() {
 }
 
 void Words::check(std::string_view command) const {
-  Words words(command, line_, routes_, true, own_);
+  Words words(command, line_, routes_, true, own_, subject_);
   commandFrom(words);
 }
 

@@ -27,7 +27,8 @@ std::string quoted(std::string_view word);
 /// The words of a command, taken one by one. The function that takes one names what it must be.
 class Words {
  public:
-  Words(std::string_view text, U32 line, OwnForms own = {}) : Words(text, line, ownRoutes_, false, own) {}
+  Words(std::string_view text, U32 line, OwnForms own = {}, Subject subject = Subject::engine)
+      : Words(text, line, ownRoutes_, false, own, subject) {}
   Words(Words const&) = delete;
   Words& operator=(Words const&) = delete;
 
@@ -71,6 +72,7 @@ class Words {
   void check(std::string_view command) const;
   bool inside() const { return inside_; }
   OwnForms own() const { return own_; }
+  Subject subject() const { return subject_; }
 
   /// How many routes the ranges of the line have.
   U32 routes() const { return routes_; }
@@ -80,8 +82,8 @@ class Words {
   IpGenPrefix groups();
 
  private:
-  Words(std::string_view text, U32 line, U32& routes, bool inside, OwnForms own)
-      : rest_(trimmed(text)), line_(line), inside_(inside), routes_(routes), own_(own) {}
+  Words(std::string_view text, U32 line, U32& routes, bool inside, OwnForms own, Subject subject)
+      : rest_(trimmed(text)), line_(line), inside_(inside), routes_(routes), own_(own), subject_(subject) {}
 
   std::string_view rest_;
   U32 const line_;
@@ -89,6 +91,7 @@ class Words {
   U32 ownRoutes_ = 0;
   U32& routes_;
   OwnForms const own_;
+  Subject const subject_;
 };
 
 }  // namespace Routing::Pim::Jpagent

@@ -34,6 +34,8 @@ class PIM_SPEAKER_API LinkObserver {
   /// A neighbor ended: by a Hello with hold time 0, by its expiry, or by the end of the link. neighborUp() is
   /// false already.
   virtual void neighborDown(IpGenAddr const&) {}
+  /// A neighbor that is up has addresses by which neighborOf() did not find it before.
+  virtual void neighborAddressesChanged(IpGenAddr const&) {}
   /// A neighbor that is up sent another generation ID.
   virtual void neighborRestarted(IpGenAddr const&) {}
   /// A Join/Prune was received.

@@ -211,8 +211,8 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
   info.generationId = hello.generationId();
   info.holdTime = holdTime;
   info.expires = holdTime == Wire::endlessHoldTime ? Vel::never : now + holdTime;
-  std::optional<IpGenAddr> conflict;
-  if (takeAddresses(entry, hello, conflict)) changed = true;
+  Listing const listing = takeAddresses(entry, hello);
+  changed = changed || listing.changed;
   bool const restartIsTold = hasRestarted && restart(entry);
   armEntry(entry);
   if (isNew || hasRestarted) {
@@ -228,7 +228,9 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
   if (watch.ended() || ended_) return true;
   if (restartIsTold && isUp(neighbor)) owner_.onNeighborRestarted(neighbor);
   if (watch.ended() || ended_) return true;
-  if (conflict && !tell(Kind::addressConflict, neighbor, *conflict)) return true;
+  if (!isNew && listing.isFound && isUp(neighbor)) owner_.onNeighborAddresses(neighbor);
+  if (watch.ended() || ended_) return true;
+  if (listing.conflict && !tell(Kind::addressConflict, neighbor, *listing.conflict)) return true;
   if (isNew)
     tell(Kind::up, neighbor);
   else if (hasRestarted)
@@ -238,9 +240,9 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
   return true;
 }
 
-// Takes the list over, which is empty without option 24. True if it is another one. Of an address that
-// several neighbors list the latest mapping counts (RFC 7761, 4.3.4).
-bool Neighbors::takeAddresses(Entry& entry, Wire::Hello const& hello, std::optional<IpGenAddr>& conflict) {
+// Takes the list over, which is empty without option 24. Of an address that several neighbors list the latest
+// mapping counts (RFC 7761, 4.3.4); it may be new though the list is the same, when another one has ended.
+Neighbors::Listing Neighbors::takeAddresses(Entry& entry, Wire::Hello const& hello) {
   IpGenAddr const& neighbor = entry.info.address;
   listed_.clear();
   for (auto const& address : hello.addresses())
@@ -251,17 +253,18 @@ bool Neighbors::takeAddresses(Entry& entry, Wire::Hello const& hello, std::optio
     counters_.addressesLeftOut += listed_.size() - settings_.maxAddresses;
     listed_.resize(settings_.maxAddresses);
   }
-  bool const changed = listed_ != entry.info.addresses;
-  if (changed) {
+  Listing listing{.changed = listed_ != entry.info.addresses, .conflict = {}};
+  if (listing.changed) {
     forgetAddresses(entry);
     entry.info.addresses = listed_;
   }
   for (auto const& address : listed_) {
-    IpGenAddr& primary = primaryOf_.try_emplace(address, neighbor).first->second;
-    if (primary != neighbor) conflict = address;
-    primary = neighbor;
+    auto const [mapped, isNew] = primaryOf_.try_emplace(address, neighbor);
+    if (mapped->second != neighbor) listing.conflict = address;
+    if (isNew || mapped->second != neighbor) listing.isFound = true;
+    mapped->second = neighbor;
   }
-  return changed;
+  return listing;
 }
 
 void Neighbors::forgetAddresses(Entry const& entry) {

@@ -114,6 +114,8 @@ class PIM_SPEAKER_API NeighborsOwner {
   virtual void onLanValues() = 0;
   /// A neighbor is there.
   virtual void onNeighborUp(IpGenAddr const& neighbor) = 0;
+  /// A neighbor that was there before has addresses by which neighborOf() did not find it.
+  virtual void onNeighborAddresses(IpGenAddr const& /*neighbor*/) {}
   /// A neighbor has ended.
   virtual void onNeighborDown(IpGenAddr const& neighbor) = 0;
   /// A neighbor sent another generation ID. Three come at once and then one in a Hello_Period for each
@@ -204,7 +206,13 @@ class PIM_SPEAKER_API Neighbors {
   void helloTimerExpired();
   void entryTimerExpired(Entry& entry);
   void armEntry(Entry& entry);
-  bool takeAddresses(Entry& entry, Wire::Hello const& hello, std::optional<IpGenAddr>& conflict);
+  // What became of an address list.
+  struct Listing {
+    bool changed = false;
+    bool isFound = false;  // By an address by which it was not found before.
+    std::optional<IpGenAddr> conflict;
+  };
+  Listing takeAddresses(Entry& entry, Wire::Hello const& hello);
   void forgetAddresses(Entry const& entry);
   bool restart(Entry& entry);
   void remove(Entry& entry, Kind why);

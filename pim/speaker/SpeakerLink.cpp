@@ -164,6 +164,11 @@ void SpeakerLink::onNeighborDown(IpGenAddr const& neighbor) {
   if (!watch.ended()) forObservers([&](LinkObserver& observer) { observer.neighborDown(address); });
 }
 
+void SpeakerLink::onNeighborAddresses(IpGenAddr const& neighbor) {
+  IpGenAddr const address = neighbor;
+  forObservers([&](LinkObserver& observer) { observer.neighborAddressesChanged(address); });
+}
+
 void SpeakerLink::onNeighborRestarted(IpGenAddr const& neighbor) {
   IpGenAddr const address = neighbor;
   forObservers([&](LinkObserver& observer) { observer.neighborRestarted(address); });

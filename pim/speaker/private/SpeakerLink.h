@@ -88,6 +88,7 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
   Sent sendHello(Wire::Hello const& hello) override;
   void onLanValues() override;
   void onNeighborUp(IpGenAddr const& neighbor) override;
+  void onNeighborAddresses(IpGenAddr const& neighbor) override;
   void onNeighborDown(IpGenAddr const& neighbor) override;
   void onNeighborRestarted(IpGenAddr const& neighbor) override;
   void onNeighborEvent(NeighborEvent const& event) override;

@@ -49,6 +49,8 @@ class UpstreamRoutes::Slot final : public LinkObserver {
   Slot(UpstreamRoutes& ofRoutes, Dova::IntfId const& ofIntf) : routes(ofRoutes), intf(ofIntf) {}
 
   void neighborUp(IpGenAddr const& neighbor) override { routes.up(*this, neighbor); }
+  // Routes that wait for one of the addresses are joined; those of another neighbor that is up stay with it.
+  void neighborAddressesChanged(IpGenAddr const& neighbor) override { routes.up(*this, neighbor); }
   void neighborDown(IpGenAddr const& neighbor) override { routes.down(*this, neighbor); }
   void neighborRestarted(IpGenAddr const& neighbor) override { routes.restarted(*this, neighbor); }
   void joinPruneReceived(ReceivedJoinPrune const& received) override {

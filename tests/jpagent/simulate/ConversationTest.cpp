@@ -437,9 +437,9 @@ TEST(ConversationTest, TheReferenceNamesEveryCommand) {
   for (auto const* word :
        {"interface", "neighbor", "rp",       "deny",    "filter", "suppress", "start", "drop",
         "triggered", "override", "periodic", "receive", "wait",   "seed",     "cost",  "set",
-        "packets",   "trace",    "show",     "say",     "busy",   "keep",     "record"})
+        "packets",   "trace",    "show",     "say",     "busy",   "keep",     "record", "speaker"})
     EXPECT_THAT(reference, HasSubstr(std::string("  ") + word));
-  EXPECT_EQ(std::count(reference.begin(), reference.end(), '\n'), 2 * 23);
+  EXPECT_EQ(std::count(reference.begin(), reference.end(), '\n'), 2 * 24);
 }
 
 }  // namespace

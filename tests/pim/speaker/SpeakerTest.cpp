@@ -17,6 +17,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::ThrowsMessage;
 
 using Lines = std::vector<std::string>;
@@ -660,6 +661,38 @@ TEST_F(SpeakerTest, ANeighborIsNamedByItsAddressAndByItsInterfaceWhereThatIsNotE
   EXPECT_EQ(named("fe80::3%eth1"), "no neighbor fe80::3%eth1");
   EXPECT_EQ(named("eth0"), "\"eth0\" is not an address");
   EXPECT_EQ(named("unknown"), "\"unknown\" is not an address");
+}
+
+TEST_F(SpeakerTest, ARouteTowardsAnAddressThatANeighborListsLaterIsJoinedThen) {
+  settle();
+  auto listing = plainHello();
+  hello("10.0.0.2", listing);
+  speaker_->upstream().joinIs({IpGenAddr("10.9.0.1"), usualGroup},
+                              {Dova::IntfId("eth0"), IpGenAddr("10.0.7.2")});
+  pass(6);
+  EXPECT_THAT(take(), Not(testing::Contains(HasSubstr("join"))));
+  listing.addressAdd(IpGenAddr("10.0.7.2"));
+  hello("10.0.0.2", listing);
+  EXPECT_EQ(speaker_->upstream().routes().front().sending, Sending::sent);
+  pass(1);
+  EXPECT_THAT(take(), testing::Contains("eth0 10.0.0.1: to 10.0.0.2 join 10.9.0.1 239.1.1.1").Times(1));
+}
+
+TEST_F(SpeakerTest, ARouteTowardsAnAddressOfTwoNeighborsIsJoinedAtTheOtherWhenTheFirstHasEnded) {
+  settle();
+  auto listing = plainHello();
+  listing.addressAdd(IpGenAddr("10.0.7.2"));
+  hello("10.0.0.3", listing);
+  hello("10.0.0.2", listing);
+  speaker_->upstream().joinIs({IpGenAddr("10.9.0.1"), usualGroup},
+                              {Dova::IntfId("eth0"), IpGenAddr("10.0.7.2")});
+  pass(6);
+  hello("10.0.0.2", plainHello(1, 0));
+  EXPECT_EQ(speaker_->upstream().routes().front().sending, Sending::neighborDown);
+  take();
+  hello("10.0.0.3", listing);  // with the same list as before
+  pass(1);
+  EXPECT_THAT(take(), testing::Contains("eth0 10.0.0.1: to 10.0.0.3 join 10.9.0.1 239.1.1.1").Times(1));
 }
 
 TEST_F(SpeakerTest, ASnapshotOfTheNeighborsHasWhatTheyAnnounced) {
