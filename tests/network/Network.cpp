@@ -15,6 +15,11 @@ namespace {
 
 bool isPruneOfTree(Route const& route) { return route.kind == Speaker::RouteKind::sourceRpt; }
 
+Route routeOf(Wire::Source const& source, IpGenAddr const& group) {
+  Speaker::RouteKind const kind = Speaker::routeKindOf(source.kind);
+  return kind == Speaker::RouteKind::wildcard ? Route::wildcard(group) : Route{kind, source.address, group};
+}
+
 bool isTree(Route const& route) { return route.kind == Speaker::RouteKind::wildcard; }
 
 RouteKey keyOf(Route const& route) { return {route.source, route.group}; }
@@ -132,18 +137,21 @@ Sent Network::Router::send(Speaker::Outgoing const& packet) {
 
 void Network::deliver(U32 lan, U32 from, Speaker::Outgoing const& outgoing) {
   Lan& place = lans_[lan];
-  auto const packet = std::make_shared<Packet const>(Packet{lan,
-                                                            nameOf(lan),
-                                                            outgoing.source,
-                                                            outgoing.destination,
-                                                            {outgoing.bytes.begin(), outgoing.bytes.end()}});
-  bool const isHello = Wire::isPimType(packet->bytes, Wire::PimType::hello);
-  ++(isHello ? totals_.hellos : totals_.joinPrunes);
+  Packet sent{lan,
+              nameOf(lan),
+              outgoing.source,
+              outgoing.destination,
+              {outgoing.bytes.begin(), outgoing.bytes.end()}};
   IpGenAddr upstream;
-  if (!isHello && faults_.unheard > 0) {
-    auto const decoded = Wire::decodeJoinPrune(packet->bytes, packet->source, packet->destination);
-    upstream = std::get<Wire::JoinPrune>(decoded).upstreamNeighbor();
+  if (Wire::isPimType(sent.bytes, Wire::PimType::joinPrune)) {
+    auto decoded = Wire::decodeJoinPrune(sent.bytes, sent.source, sent.destination);
+    sent.joinPrune = std::move(std::get<Wire::JoinPrune>(decoded));
+    upstream = sent.joinPrune->upstreamNeighbor();
+    noteSent(*sent.joinPrune);
+  } else {
+    ++totals_.hellos;
   }
+  auto const packet = std::make_shared<Packet const>(std::move(sent));
   // A PruneEcho is for all that hear it.
   bool const isForOne = !upstream.isZero() && upstream != packet->source;
   if (now_ >= place.cutUntil && happens(faults_.cut)) {
@@ -178,9 +186,22 @@ void Network::receive(Delivery const& delivery) {
   if (verdict == Speaker::Verdict::joinPrune) noteDelivered(router, packet);
 }
 
+void Network::noteSent(Wire::JoinPrune const& message) {
+  ++totals_.joinPrunes;
+  for (auto const& group : message.groups())
+    for (auto const& join : group.joins()) {
+      ++joinsSent_;
+      ++joinsSentOf_[routeOf(join, group.group())];
+    }
+}
+
+U64 Network::joinsSent(Route const& route) const {
+  auto const found = joinsSentOf_.find(route);
+  return found == joinsSentOf_.end() ? 0 : found->second;
+}
+
 void Network::noteDelivered(Router& router, Packet const& packet) {
-  auto const decoded = Wire::decodeJoinPrune(packet.bytes, packet.source, packet.destination);
-  auto const& message = std::get<Wire::JoinPrune>(decoded);
+  auto const& message = *packet.joinPrune;
   auto const* const downstream = router.speaker->downstream(packet.intf, packet.source.af());
   for (auto const& group : message.groups())
     for (auto const& join : group.joins()) {

@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -100,6 +101,10 @@ class Network {
   std::set<U32> const& routersOf(U32 lan) const { return lans_.at(lan).routers; }
   std::set<Wish> const& wishesOf(U32 router) const { return routers_.at(router)->wishes; }
   Speaker::Speaker* speaker(U32 router) const { return routers_.at(router)->speaker.get(); }
+  /// How many joins of a route were sent so far, on all LANs; of an (S,G,rpt): how many were no prunes.
+  U64 joinsSent(Route const& route) const;
+  /// How many joins of all routes.
+  U64 joinsSent() const { return joinsSent_; }
   /// How many routers want a route from that router.
   U32 wantedBy(Wish const& wish) const;
   /// For what a test decides by chance.
@@ -136,6 +141,7 @@ class Network {
     std::string intf;
     IpGenAddr source, destination;
     std::vector<U8> bytes;
+    std::optional<Wire::JoinPrune> joinPrune{};  // nothing for a Hello
   };
   struct Delivery {
     U32 router;
@@ -147,6 +153,7 @@ class Network {
   void tell(Router& router, Wish const& wish);
   void deliver(U32 lan, U32 from, Speaker::Outgoing const& packet);
   void receive(Delivery const& delivery);
+  void noteSent(Wire::JoinPrune const& message);
   void noteDelivered(Router& router, Packet const& packet);
   void noteLoss(Router const& router, Speaker::DownstreamEvent const& event);
   std::set<Route> wantedFrom(U32 lan, U32 upstream) const;
@@ -165,6 +172,8 @@ class Network {
   std::map<std::pair<Seconds, U64>, Delivery> underway_;
   std::vector<std::string> wrongLosses_, wantedLosses_;
   bool areWantedLossesNoted_ = false;
+  std::map<Route, U64> joinsSentOf_;
+  U64 joinsSent_ = 0;
 };
 
 }  // namespace Routing::Pim::Networks

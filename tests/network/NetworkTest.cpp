@@ -219,6 +219,78 @@ TEST_P(NetworkTest, ARouteExpiresOnlyIfAllItsRefreshesOfOneHoldTimeWereLostAndIs
   EXPECT_THAT(network.differences(), IsEmpty());
 }
 
+// --- How many joins it takes ------------------------------------------------------------------------
+
+// Ten routers on one LAN, of which all but router 0 want the same from that.
+struct OneLan : Network {
+  explicit OneLan(Settings settings = defaultSettings) : Network(1, std::move(settings)) {
+    faultsAre({.delay = 0.1});
+    lanIs({0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
+  }
+  void allWant(Route const& route) {
+    for (U32 router = 1; router < routerCount(); ++router) want(router, {route, 0, 0});
+  }
+  /// How many joins of it are sent in that time.
+  U64 joinsWithin(Seconds time, Route const& route) {
+    U64 const before = joinsSent(route);
+    runFor(time);
+    return joinsSent(route) - before;
+  }
+  static IpGenAddr group(U32 n) { return IpGenAddr::ipv4(0xef010100 + n); }
+  static Route source(U32 n) { return {Speaker::RouteKind::source, IpGenAddr("10.9.0.1"), group(n)}; }
+  static Route sourceRpt(U32 n) { return {Speaker::RouteKind::sourceRpt, IpGenAddr("10.9.0.1"), group(n)}; }
+};
+
+TEST(NetworkOfOneLanTest, ARouteThatNineRoutersWantIsRefreshedByAFewOfThemUnlessSuppressionIsDisabled) {
+  auto const joinsInTenPeriods = [](bool isTracked) {
+    OneLan network([&](U32) {
+      InterfaceSettings settings;
+      settings.hello.lanPruneDelay.tracking = isTracked;
+      return settings;
+    });
+    for (U32 n = 0; n < 100; ++n) network.allWant(OneLan::source(n));
+    network.runFor(200);
+    U64 const before = network.joinsSent();
+    network.runFor(600);
+    EXPECT_THAT(network.differences(), IsEmpty());
+    return network.joinsSent() - before;
+  };
+  U64 const all = 9 * 10 * 100;
+  EXPECT_EQ(joinsInTenPeriods(true), all);
+  EXPECT_LT(joinsInTenPeriods(false), all / 3);
+}
+
+TEST(NetworkOfOneLanTest, APruneThatEightRoutersOverrideCostsAFewJoins) {
+  OneLan network;
+  constexpr U32 count = 30;
+  for (U32 n = 0; n < count; ++n) {
+    network.allWant(OneLan::source(n));
+    network.allWant(Route::wildcard(OneLan::group(n)));
+  }
+  network.runFor(startedAfter);
+  U64 joins = 0, rptJoins = 0;
+  for (U32 n = 0; n < count; ++n) {
+    network.leave(1 + n % 9, OneLan::source(n));
+    joins += network.joinsWithin(joinPruneOverrideInterval, OneLan::source(n));
+    network.want(1 + n % 9, {OneLan::sourceRpt(n)});
+    rptJoins += network.joinsWithin(joinPruneOverrideInterval, OneLan::sourceRpt(n));
+  }
+  // Refreshes included.
+  EXPECT_LT(joins, 4 * count);
+  EXPECT_LT(rptJoins, 4 * count);
+  EXPECT_GE(joins, count);
+  EXPECT_GE(rptJoins, count);
+}
+
+TEST(NetworkOfOneLanTest, APruneOfTheSharedTreeIsOverriddenByThoseWhoWantASourceOfTheGroup) {
+  OneLan network;
+  network.want(1, {Route::wildcard(OneLan::group(1)), 0, 0});
+  network.want(2, {OneLan::source(1), 0, 0});
+  network.runFor(startedAfter);
+  network.leave(1, Route::wildcard(OneLan::group(1)));
+  EXPECT_EQ(network.joinsWithin(joinPruneOverrideInterval, OneLan::source(1)), 1u);
+}
+
 TEST(NetworkOfTenRoutersTest, TheTimeToSettleIs308SecondsWithTheDefaults) {
   EXPECT_EQ(settledAfter({}), 308);
 }
