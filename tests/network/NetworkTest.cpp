@@ -282,13 +282,73 @@ TEST(NetworkOfOneLanTest, APruneThatEightRoutersOverrideCostsAFewJoins) {
   EXPECT_GE(rptJoins, count);
 }
 
-TEST(NetworkOfOneLanTest, APruneOfTheSharedTreeIsOverriddenByThoseWhoWantASourceOfTheGroup) {
+TEST(NetworkOfOneLanTest, APruneOfTheSharedTreeOrOfASourceOnItIsOverriddenByThoseWhoWantThatSource) {
   OneLan network;
   network.want(1, {Route::wildcard(OneLan::group(1)), 0, 0});
   network.want(2, {OneLan::source(1), 0, 0});
   network.runFor(startedAfter);
+  network.want(1, {OneLan::sourceRpt(1)});
+  EXPECT_EQ(network.joinsWithin(joinPruneOverrideInterval, OneLan::source(1)), 1u);
   network.leave(1, Route::wildcard(OneLan::group(1)));
   EXPECT_EQ(network.joinsWithin(joinPruneOverrideInterval, OneLan::source(1)), 1u);
+}
+
+// --- Changes of mind, and neighbors of other minds --------------------------------------------------
+
+// A router that has heard a prune joins no sooner than this afterwards.
+constexpr Seconds beforeAnOverride = 0.2;
+
+TEST(NetworkOfOneLanTest, AJoinThatIsPendingAsAnOverrideIsNotSentOnceTheRouteIsNoLongerWanted) {
+  OneLan network;
+  for (U32 n = 0; n < 5; ++n)
+    for (U32 router : {1, 2}) network.want(router, {OneLan::source(n), 0, 0});
+  network.runFor(startedAfter);
+  for (U32 n = 0; n < 5; ++n) {
+    network.leave(1, OneLan::source(n));
+    network.runFor(beforeAnOverride);
+    network.leave(2, OneLan::source(n));
+    network.runFor(joinPruneOverrideInterval + overrideInterval + 3 * atOnce);
+    EXPECT_THAT(network.differences(), IsEmpty());
+  }
+}
+
+TEST(NetworkOfOneLanTest, AJoinOfASourceThatIsPendingAsAnOverrideIsNotSentOnceTheSourceIsPruned) {
+  OneLan network;
+  for (U32 n = 0; n < 5; ++n)
+    for (U32 router : {1, 2}) network.want(router, {Route::wildcard(OneLan::group(n)), 0, 0});
+  network.runFor(startedAfter);
+  for (U32 n = 0; n < 5; ++n) {
+    network.want(1, {OneLan::sourceRpt(n)});
+    network.runFor(beforeAnOverride);
+    network.want(2, {OneLan::sourceRpt(n)});
+    network.runFor(joinPruneOverrideInterval + overrideInterval + 3 * atOnce);
+    EXPECT_THAT(network.differences(), IsEmpty());
+  }
+}
+
+TEST(NetworkOfOneLanTest, ARouteOutlivesTheRouterThatRefreshedItMoreOften) {
+  OneLan network(mixedSettings);
+  for (U32 router : {1, 2}) network.want(router, {OneLan::source(1), 0, 0});
+  network.want(2, {OneLan::source(2), 0, 0});
+  network.runFor(startedAfter + 300);
+  // Router 2 has just refreshed what it alone wants, and does that again in a minute.
+  for (int second = 0; second < 60 && network.joinsWithin(1, OneLan::source(2)) == 0;) ++second;
+  network.vanish(1);
+  network.wantedLossesAreNoted(true);
+  network.runFor(120);
+  EXPECT_THAT(network.wantedLosses(), IsEmpty());
+  EXPECT_THAT(network.differences(), IsEmpty());
+}
+
+TEST(NetworkOfTwoRoutersTest, APruneOfTheOnlyNeighborTakesEffectAtOnce) {
+  Network network(1, defaultSettings);
+  network.lanIs({0, 1});
+  network.want(1, {OneLan::source(1), 0, 0});
+  network.runFor(startedAfter);
+  EXPECT_THAT(network.differences(), IsEmpty());
+  network.leave(1, OneLan::source(1));
+  network.runFor(atOnce);
+  EXPECT_THAT(network.differences(), IsEmpty());
 }
 
 TEST(NetworkOfTenRoutersTest, TheTimeToSettleIs308SecondsWithTheDefaults) {
