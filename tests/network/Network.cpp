@@ -112,6 +112,11 @@ void Network::vanish(U32 router) {
   routers_.at(router)->delivered.clear();
 }
 
+void Network::end(U32 router) {
+  if (auto* const speaker = routers_.at(router)->speaker.get()) speaker->shutDown();
+  vanish(router);
+}
+
 void Network::runFor(Seconds time) {
   Seconds const end = now_ + time;
   while (true) {

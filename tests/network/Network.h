@@ -75,8 +75,10 @@ class Network {
   void leave(U32 router, Route route);
   /// It begins again with what it wants, without a word to anybody.
   void restart(U32 router);
-  /// It is gone without a word. restart() brings it back.
+  /// It ends without a word. restart() brings it back.
   void vanish(U32 router);
+  /// It says goodbye on all LANs, and ends.
+  void end(U32 router);
   bool isThere(U32 router) const { return routers_.at(router)->speaker != nullptr; }
 
   void runFor(Seconds time);

@@ -340,6 +340,53 @@ TEST(NetworkOfOneLanTest, ARouteOutlivesTheRouterThatRefreshedItMoreOften) {
   EXPECT_THAT(network.differences(), IsEmpty());
 }
 
+// Router 1 refreshes so often that router 2 never does, which would have its turn in 25 s.
+struct LanWithSuppressedRouter : OneLan {
+  LanWithSuppressedRouter() : OneLan(router1IsQuick) {
+    for (U32 router : {1, 2}) want(router, {source(1), 0, 0});
+    want(2, {source(2), 0, 0});
+    runFor(startedAfter + 300);
+    for (int second = 0; second < 60 && joinsWithin(1, source(2)) == 0;) ++second;
+    runFor(35);
+  }
+  static InterfaceSettings router1IsQuick(U32 router) {
+    InterfaceSettings settings;
+    if (router == 1) settings.joinPruneInterval = 2;
+    return settings;
+  }
+};
+
+// Each time one join for what has happened, and one for the next turn.
+TEST(NetworkOfOneLanTest, SuppressionEndsWithAPruneThatIsHeard) {
+  LanWithSuppressedRouter network;
+  network.leave(1, OneLan::source(1));
+  EXPECT_EQ(network.joinsWithin(70, OneLan::source(1)), 2u);
+}
+
+TEST(NetworkOfOneLanTest, SuppressionEndsWhenTheUpstreamNeighborRestarts) {
+  LanWithSuppressedRouter network;
+  network.vanish(1);
+  network.restart(0);
+  EXPECT_EQ(network.joinsWithin(70, OneLan::source(1)), 2u);
+}
+
+TEST(NetworkOfOneLanTest, SuppressionEndsWhenTheUpstreamNeighborSaysGoodbyeAndComesBack) {
+  LanWithSuppressedRouter network;
+  network.vanish(1);
+  network.end(0);
+  network.runFor(1);
+  network.restart(0);
+  EXPECT_EQ(network.joinsWithin(70, OneLan::source(1)), 2u);
+}
+
+TEST(NetworkOfOneLanTest, ARouterThatSaysGoodbyeIsNoNeighborAtOnce) {
+  OneLan network;
+  network.runFor(startedAfter);
+  network.end(3);
+  network.runFor(shortDelay);
+  EXPECT_THAT(network.differences(), IsEmpty());
+}
+
 TEST(NetworkOfTwoRoutersTest, APruneOfTheOnlyNeighborTakesEffectAtOnce) {
   Network network(1, defaultSettings);
   network.lanIs({0, 1});
