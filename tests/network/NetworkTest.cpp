@@ -108,7 +108,7 @@ struct TenRouters : Network {
 };
 
 class NetworkTest : public testing::TestWithParam<U64> {};
-INSTANTIATE_TEST_SUITE_P(Seeds, NetworkTest, testing::Range<U64>(1, thorough() ? 41 : 3));
+INSTANTIATE_TEST_SUITE_P(Seeds, NetworkTest, testing::Range<U64>(1, thorough() ? 31 : 3));
 
 TEST_P(NetworkTest, WhileNoPacketIsLostEachChangeIsStoredAtOnceAndNothingElseIsLost) {
   TenRouters network(GetParam());
@@ -117,7 +117,7 @@ TEST_P(NetworkTest, WhileNoPacketIsLostEachChangeIsStoredAtOnceAndNothingElseIsL
   network.runFor(startedAfter);
   EXPECT_THAT(network.differences(), IsEmpty());
   network.wantedLossesAreNoted(true);
-  for (int change = 0; change < 40; ++change) {
+  for (int change = 0; change < 25; ++change) {
     network.changeAWish();
     network.runFor(joinPruneOverrideInterval + overrideInterval + 3 * atOnce);
     ASSERT_THAT(network.differences(), IsEmpty()) << "after change " << change;
@@ -183,7 +183,7 @@ TEST_P(NetworkTest, AfterTheFaultsHaveEndedAllThatIsWantedIsStoredAndNothingElse
   TenRouters network(GetParam());
   network.fill();
   network.faultsAre({.loss = 0.2, .duplicate = 0.05, .delay = 0.3, .reorder = true, .cut = 0.002});
-  for (int moment = 0; moment < 60; ++moment) {
+  for (int moment = 0; moment < 50; ++moment) {
     network.runFor(network.random().between(0, 10));
     switch (network.below(8)) {
       case 0:
