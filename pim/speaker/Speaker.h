@@ -169,8 +169,8 @@ class PIM_SPEAKER_API Speaker {
 
   /// When expire() is due, on the wheel's clock; +infinity if never.
   Seconds timeMin() const { return wheel_->timeMin(); }
-  /// How long a loop may sleep until expire() is due, in milliseconds, as poll(2) takes it: rounded up, and at
-  /// most a minute.
+  /// How long a loop may sleep until expire() is due, in milliseconds, as poll(2) takes it: rounded up, and
+  /// at most a minute.
   int pollTimeout() const;
   /// Does what is due on the wheel, other users' timers included.
   void expire();

@@ -435,8 +435,8 @@ TEST(ConversationTest, AnotherExpectedHalfLeavesTheCommandsAsTheyAre) {
 TEST(ConversationTest, TheReferenceNamesEveryCommand) {
   auto const reference = commandReference();
   for (auto const* word :
-       {"interface", "neighbor", "rp",       "deny",    "filter", "suppress", "start", "drop",
-        "triggered", "override", "periodic", "receive", "wait",   "seed",     "cost",  "set",
+       {"interface", "neighbor", "rp",       "deny",    "filter", "suppress", "start",  "drop",
+        "triggered", "override", "periodic", "receive", "wait",   "seed",     "cost",   "set",
         "packets",   "trace",    "show",     "say",     "busy",   "keep",     "record", "speaker"})
     EXPECT_THAT(reference, HasSubstr(std::string("  ") + word));
   EXPECT_EQ(std::count(reference.begin(), reference.end(), '\n'), 2 * 24);
