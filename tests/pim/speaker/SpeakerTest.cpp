@@ -329,7 +329,7 @@ TEST_F(SpeakerTest, APacketWithItsIpv4HeaderIsReceivedAsTheHeaderSays) {
   EXPECT_EQ(received(with(6, 0x40)), "delivered");  // do not fragment
   EXPECT_EQ(speaker_->counters().of(Verdict::hello), 1u);
   EXPECT_EQ(speaker_->counters().of(Wire::Reason::fragment), 2u);
-  EXPECT_EQ(speaker_->counters().of(Verdict::refused), 8u);
+  EXPECT_EQ(speaker_->counters().of(Verdict::refused), 9u);
   EXPECT_TRUE(link().neighborUp(IpGenAddr("10.0.0.2")));
 }
 
