@@ -76,8 +76,10 @@ TEST_F(AttributeTableTest, ListsWhatCanBeRead) {
 
 TEST_F(AttributeTableTest, SetsByNameWhatHasAMutator) {
   forEachType([](Declared const& about, Vel::AttributeTable const& rows) {
-    for (Vel::AttributeRow const& row : rows)
-      if (row.textIs) EXPECT_TRUE(has(about.publicFunctions, std::string(row.name) + "Is")) << row.name;
+    for (Vel::AttributeRow const& row : rows) {
+      if (!row.textIs) continue;
+      EXPECT_TRUE(has(about.publicFunctions, std::string(row.name) + "Is")) << row.name;
+    }
   });
 }
 

@@ -214,7 +214,7 @@ TEST(HelloTest, TheOptionsOfAnyBytesCanBeShown) {
   EXPECT_EQ(options.offset(), 9u);
   EXPECT_FALSE(options.next());
 
-  HelloOptions none(std::span(bytes).first(3));
+  HelloOptions none(std::span<U8 const>(bytes).first(3));
   EXPECT_FALSE(none.next());
   EXPECT_TRUE(none.isCut());
 }
@@ -254,7 +254,9 @@ TEST(HelloTest, RandomHellosSurviveTheWireAndNoCutOfThemIsTakenForAnother) {
     }
     bytes = withChecksum(bytes, from, to);
     auto const cut = decodeHello(bytes, from, to);
-    if (auto const* less = std::get_if<Hello>(&cut)) EXPECT_EQ(less->encodedSize(), bytes.size());
+    if (auto const* less = std::get_if<Hello>(&cut)) {
+      EXPECT_EQ(less->encodedSize(), bytes.size());
+    }
   }
 }
 
