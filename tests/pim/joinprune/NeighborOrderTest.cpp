@@ -81,27 +81,27 @@ class NeighborOrderTest : public testing::Test, protected World {
     watcher->isNondestructingIs(true);
     watcher->notifierIs(own);
   }
-  Vel::Ptr<Packet::JoinPruneData> dataOf(int channel) {
-    return channel == 0 ? triggered(N) : channel == 1 ? override_(N) : periodic(N);
+  Vel::Ptr<Packet::JoinPruneData> dataOf(int way) {
+    return way == 0 ? triggered(N) : way == 1 ? override_(N) : periodic(N);
   }
-  bool follows(int channel, char const* g) {
-    return channel == 0   ? own->triggeredGroupData(addr(g)) != nullptr
-           : channel == 1 ? own->overrideGroupData(addr(g)) != nullptr
-                          : own->periodicGroupData(addr(g)) != nullptr;
+  bool follows(int way, char const* g) {
+    return way == 0   ? own->triggeredGroupData(addr(g)) != nullptr
+           : way == 1 ? own->overrideGroupData(addr(g)) != nullptr
+                      : own->periodicGroupData(addr(g)) != nullptr;
   }
   /// Adds a group of which the machine could not take notice for want of memory.
-  Vel::Ptr<Packet::JoinPruneGroupData> addUnfollowed(int channel, char const* g) {
+  Vel::Ptr<Packet::JoinPruneGroupData> addUnfollowed(int way, char const* g) {
     for (std::size_t n = 1; n < 100; ++n) {
       {
         FailingHeap::Failure const failure(n);
         try {
-          dataOf(channel)->joinPruneGroupDataIs(addr(g));
+          dataOf(way)->joinPruneGroupDataIs(addr(g));
         } catch (std::bad_alloc const&) {
         }
       }
-      auto const added = dataOf(channel)->joinPruneGroupData(addr(g));
-      if (added && !follows(channel, g)) return added;
-      dataOf(channel)->joinPruneGroupDataDel(addr(g));
+      auto const added = dataOf(way)->joinPruneGroupData(addr(g));
+      if (added && !follows(way, g)) return added;
+      dataOf(way)->joinPruneGroupDataDel(addr(g));
     }
     throw std::logic_error("no request was that of the reactor");
   }
@@ -140,17 +140,17 @@ TEST_F(NeighborOrderTest, AMachineStartsWithItsTimersInTheOrderOfTheChannelsAndC
 
 TEST_F(NeighborOrderTest, CatchingUpRemovesThenFollowsChannelByChannelAndCountsBeforeItArms) {
   startWithNeighbor();
-  for (int const channel : {0, 1, 2}) {
-    auto const emptied = addUnfollowed(channel, G);
+  for (int const way : {0, 1, 2}) {
+    auto const emptied = addUnfollowed(way, G);
     emptied->joinedSourceIs(addr(S));
     emptied->joinedSourceDel(addr(S));
-    addUnfollowed(channel, H)->joinedSourceIs(addr(S));
+    addUnfollowed(way, H)->joinedSourceIs(addr(S));
   }
   std::vector<Vel::Ptr<DataLog>> logs;
-  for (auto const& [channel, name] :
+  for (auto const& [way, name] :
        {std::pair(0, "triggered"), std::pair(1, "override"), std::pair(2, "periodic")}) {
     logs.push_back(Vel::create<DataLog>(name, story));
-    logs.back()->notifierIs(dataOf(channel));
+    logs.back()->notifierIs(dataOf(way));
   }
   watch();
   record();
@@ -172,14 +172,14 @@ TEST_F(NeighborOrderTest, CatchingUpRemovesThenFollowsChannelByChannelAndCountsB
 
 TEST_F(NeighborOrderTest, AMachineThatFallsBehindArmsItsTriggeredTimerAlone) {
   startWithNeighbor();
-  for (int const channel : {0, 1, 2}) {
-    SCOPED_TRACE(channel);
-    addUnfollowed(channel, G);
+  for (int const way : {0, 1, 2}) {
+    SCOPED_TRACE(way);
+    addUnfollowed(way, G);
     EXPECT_EQ(own->triggeredTimer()->timeMin(), time + 0.1);
     EXPECT_FALSE(own->overrideTimer()->armed());
     runUntil(time + 1);
-    EXPECT_TRUE(follows(channel, G));
-    dataOf(channel)->joinPruneGroupDataDel(addr(G));
+    EXPECT_TRUE(follows(way, G));
+    dataOf(way)->joinPruneGroupDataDel(addr(G));
     runUntil(time + 10);
   }
 }
@@ -250,17 +250,17 @@ TEST_F(NeighborOrderTest, AnOwnerThatCouldNotBeAskedWhenTheDataRanEmptyIsAskedAf
 TEST_F(NeighborOrderTest, OfTwoTimersOnlyTheOneThatMissedItsTimeIsDueAtOnce) {
   startWithNeighbor();
   for (bool const reviving : {false, true})
-    for (int const channel : {0, 1}) {
-      SCOPED_TRACE(channel);
-      group(dataOf(channel), G)->joinedSourceIs(addr(S));
+    for (int const way : {0, 1}) {
+      SCOPED_TRACE(way);
+      group(dataOf(way), G)->joinedSourceIs(addr(S));
       auto const off = [&](bool value) {
         reviving ? own->velDoZombieReactors(value) : own->hasNotificationActiveIs(!value);
       };
       off(true);
       runUntil(time + 10);
       off(false);
-      EXPECT_EQ(own->triggeredTimer()->timeMin(), channel == 0 ? time : Vel::never);
-      EXPECT_EQ(own->overrideTimer()->timeMin(), channel == 1 ? time : Vel::never);
+      EXPECT_EQ(own->triggeredTimer()->timeMin(), way == 0 ? time : Vel::never);
+      EXPECT_EQ(own->overrideTimer()->timeMin(), way == 1 ? time : Vel::never);
       runUntil(time + 10);
       EXPECT_EQ(wheel->armedCount(), 0u);
     }
@@ -285,7 +285,7 @@ TEST_F(NeighborOrderTest, AWildcardThatComesAndLeavesIsToldOfAndItsGroupIsRemove
 
 TEST_F(NeighborOrderTest, ATimerThatItsMachineHasLetGoDoesNothing) {
   startWithNeighbor();
-  for (int const channel : {0, 1}) group(dataOf(channel), G)->joinedSourceIs(addr(S));
+  for (int const way : {0, 1}) group(dataOf(way), G)->joinedSourceIs(addr(S));
   auto const one = own->triggeredTimer();
   auto const other = own->overrideTimer();
   machine->joinPruneNeighborSmDel(addr(N));
@@ -318,7 +318,7 @@ TEST_F(NeighborOrderTest, NoReactorIsMadeOfNoGroup) {
 
 TEST_F(NeighborOrderTest, AMachineThatIsRemovedLetsGoOfEachReactorThatSomebodyHolds) {
   startWithNeighbor();
-  for (int const channel : {0, 1, 2}) group(dataOf(channel), G);
+  for (int const way : {0, 1, 2}) group(dataOf(way), G);
   auto const held = std::tuple(own->triggeredGroup(), own->overrideGroup(), own->periodicGroup(),
                                own->timerWheel(), own->pimPamManager(), own->triggeredTimer(),
                                own->overrideTimer(), own->triggeredGroupData(addr(G)),
@@ -337,20 +337,20 @@ TEST_F(NeighborOrderTest, AMachineThatIsRemovedLetsGoOfEachReactorThatSomebodyHo
 
 TEST_F(NeighborOrderTest, ATimerThatMissedItsTimeAndIsRemovedIsNotDueAnyMore) {
   startWithNeighbor();
-  for (int const channel : {0, 1}) {
-    SCOPED_TRACE(channel);
+  for (int const way : {0, 1}) {
+    SCOPED_TRACE(way);
     for (int const c : {0, 1}) group(dataOf(c), G)->joinedSourceIs(addr(S));
     own->hasNotificationActiveIs(false);
     runUntil(time + 10);
     auto const is = [&](Vel::Ptr<Zanth::TimerWheel> const& w) {
-      channel == 0 ? own->triggeredTimerIs(w) : own->overrideTimerIs(w);
+      way == 0 ? own->triggeredTimerIs(w) : own->overrideTimerIs(w);
     };
     EXPECT_NO_THROW(is(nullptr));
     EXPECT_NO_THROW(own->hasNotificationActiveIs(true));
     EXPECT_EQ(wheel->armedCount(), 1u);  // the other one
     runUntil(time + 10);
-    EXPECT_EQ(dataOf(channel)->joinPruneGroupDataCount(), 1u);
-    dataOf(channel)->joinPruneGroupDataDel(addr(G));
+    EXPECT_EQ(dataOf(way)->joinPruneGroupDataCount(), 1u);
+    dataOf(way)->joinPruneGroupDataDel(addr(G));
     is(wheel);
   }
 }
@@ -397,10 +397,10 @@ TEST_F(NeighborOrderTest, AMachineThatHasOnlyPartOfItsDataHandlesAnyGroupByHandW
   for (int const missing : {0, 1, 2}) {
     SCOPED_TRACE(missing);
     Vel::Ptr<Packet::JoinPruneData> sets[3];
-    for (int const channel : {0, 1, 2})
-      if (channel != missing) {
-        sets[channel] = Vel::create<Packet::JoinPruneData>(addr(N));
-        group(sets[channel], H);
+    for (int const way : {0, 1, 2})
+      if (way != missing) {
+        sets[way] = Vel::create<Packet::JoinPruneData>(addr(N));
+        group(sets[way], H);
       }
     auto const made = joinPruneNeighborSmFactory(nullptr, addr(N), nullptr, eth0, sets[0], sets[1], sets[2],
                                                  wheel, 2.5, nullptr, nullptr);
@@ -434,9 +434,9 @@ TEST_F(NeighborOrderTest, AMachineThatIsRetiredWhileItCountsAtItsStartSaysNothin
 }
 
 TEST_F(NeighborOrderTest, AMachineThatIsRetiredInTheLineOfAGroupSaysNothingMoreOfIt) {
-  for (int const channel : {0, 1, 2})
+  for (int const way : {0, 1, 2})
     for (bool const filled : {false, true}) {
-      SCOPED_TRACE(channel);
+      SCOPED_TRACE(way);
       machine = nullptr;
       startWithNeighbor();
       record();
@@ -445,12 +445,12 @@ TEST_F(NeighborOrderTest, AMachineThatIsRetiredInTheLineOfAGroupSaysNothingMoreO
         note(line);
         if (line.text.find("Group(") != line.text.npos) machine->joinPruneNeighborSmDel(addr(N));
       };
-      auto const data = dataOf(channel);
+      auto const data = dataOf(way);
       story.clear();
       if (filled) data->newJoinPruneGroupData(addr(N))->joinedSourceIs(addr(S));
-      channel == 0   ? own->handleTriggeredGroup(addr(N))
-      : channel == 1 ? own->handleOverrideGroup(addr(N))
-                     : own->handlePeriodicGroup(addr(N));
+      way == 0   ? own->handleTriggeredGroup(addr(N))
+      : way == 1 ? own->handleOverrideGroup(addr(N))
+                 : own->handlePeriodicGroup(addr(N));
       trace.hook = {};
       EXPECT_TRUE(own->retired());
       EXPECT_EQ(story.size(), 1u);
@@ -475,7 +475,7 @@ class WheelEnd final : public Zanth::TimerWheel::NotifieeConst {
 // The wheel ends with the periodic timer, which alone holds it.
 TEST_F(NeighborOrderTest, AMachineThatIsRemovedHasStoppedItsTimersBeforeAWheelEndsWithIt) {
   startWithNeighbor();
-  for (int const channel : {0, 1}) group(dataOf(channel), G)->joinedSourceIs(addr(S));
+  for (int const way : {0, 1}) group(dataOf(way), G)->joinedSourceIs(addr(S));
   auto other = Vel::create<Zanth::TimerWheel>([this] { return time; });
   own->joinPrunePeriodicTimerSm()->periodicTimerIs(other);
   U32 ends = 0;
@@ -523,29 +523,29 @@ TEST_F(NeighborOrderTest, TheClockIsNotReadForEachGroupThatAMachineCountsAtItsSt
 
 TEST_F(NeighborOrderTest, AGroupThatIsEmptiedWhileItsTimerIsArmedIsRemovedAlsoWithoutTraces) {
   startWithNeighbor();
-  for (int const channel : {0, 1}) {
-    auto const g = group(dataOf(channel), G);
+  for (int const way : {0, 1}) {
+    auto const g = group(dataOf(way), G);
     g->joinedSourceIs(addr(S));
     g->joinedSourceIs(addr("10.9.0.2"));
     g->joinedSourceDel(addr(S));
-    EXPECT_TRUE(dataOf(channel)->joinPruneGroupData(addr(G)));
+    EXPECT_TRUE(dataOf(way)->joinPruneGroupData(addr(G)));
     g->joinedSourceDel(addr("10.9.0.2"));
-    EXPECT_FALSE(dataOf(channel)->joinPruneGroupData(addr(G)));
+    EXPECT_FALSE(dataOf(way)->joinPruneGroupData(addr(G)));
   }
 }
 
 TEST_F(NeighborOrderTest, AMachineThatIsRetiredInTheLineOfItsLastSourceSaysNothingOfTheGroup) {
-  for (int const channel : {0, 1, 2}) {
-    SCOPED_TRACE(channel);
+  for (int const way : {0, 1, 2}) {
+    SCOPED_TRACE(way);
     machine = nullptr;
     startWithNeighbor();
-    auto const g = group(dataOf(channel), G);
+    auto const g = group(dataOf(way), G);
     g->prunedSourceIs(addr(S));
     record();
     auto const note = trace.hook;
     trace.hook = [&](Vel::TraceLine const& line) {
       note(line);
-      if (line.text.find(channel == 2 ? ", Deleted" : ", Sent") != line.text.npos)
+      if (line.text.find(way == 2 ? ", Deleted" : ", Sent") != line.text.npos)
         machine->joinPruneNeighborSmDel(addr(N));
     };
     story.clear();
@@ -553,8 +553,8 @@ TEST_F(NeighborOrderTest, AMachineThatIsRetiredInTheLineOfItsLastSourceSaysNothi
     trace.hook = {};
     EXPECT_TRUE(own->retired());
     EXPECT_THAT(story, Not(Contains(HasSubstr("group"))));
-    EXPECT_TRUE(dataOf(channel)->joinPruneGroupData(addr(G)));  // left to the next machine
-    dataOf(channel)->joinPruneGroupDataDelAll();
+    EXPECT_TRUE(dataOf(way)->joinPruneGroupData(addr(G)));  // left to the next machine
+    dataOf(way)->joinPruneGroupDataDelAll();
   }
 }
 
@@ -587,7 +587,7 @@ TEST_F(NeighborOrderTest, AMachineThatIsSwitchedOnOrRevivedIsSoAsAWholeBeforeItR
     EXPECT_FALSE(refresh->periodicTimer()->isZombie());
   };
   for (bool const reviving : {false, true}) {
-    for (int const channel : {0, 1, 2}) group(dataOf(channel), G)->joinedSourceIs(addr(S));
+    for (int const way : {0, 1, 2}) group(dataOf(way), G)->joinedSourceIs(addr(S));
     reviving ? own->velDoZombieReactors(true) : own->hasNotificationActiveIs(false);
     runUntil(time + 100);
     readings = 0;
@@ -601,7 +601,7 @@ TEST_F(NeighborOrderTest, AMachineThatIsSwitchedOnOrRevivedIsSoAsAWholeBeforeItR
 
 TEST_F(NeighborOrderTest, AReactorIsLetGoBeforeItsRemovalIsToldOf) {
   startWithNeighbor();
-  for (int const channel : {0, 1, 2}) group(dataOf(channel), G);
+  for (int const way : {0, 1, 2}) group(dataOf(way), G);
   auto const one = own->triggeredGroupData(addr(G));
   auto const two = own->overrideGroupData(addr(G));
   auto const three = own->periodicGroupData(addr(G));
@@ -612,7 +612,7 @@ TEST_F(NeighborOrderTest, AReactorIsLetGoBeforeItsRemovalIsToldOf) {
                                                          : three->isZombie();
     EXPECT_TRUE(isZombie) << line;
   };
-  for (int const channel : {0, 1, 2}) dataOf(channel)->joinPruneGroupDataDel(addr(G));
+  for (int const way : {0, 1, 2}) dataOf(way)->joinPruneGroupDataDel(addr(G));
   EXPECT_THAT(story,
               ElementsAre("triggered reactor of 239.1.1.1 removed", "override reactor of 239.1.1.1 removed",
                           "periodic reactor of 239.1.1.1 removed"));

@@ -63,14 +63,14 @@ class RandomWorld : private World {
   void watchMachines() {
     if (!loud_) return;
     for (auto const* const address : neighbors) {
-      auto const machine = sm(address);
-      if (!machine) continue;
-      auto& watches = watches_[machine.get()];
+      auto const neighborMachine = sm(address);
+      if (!neighborMachine) continue;
+      auto& watches = watches_[neighborMachine.get()];
       if (watches.first) continue;
       watches.first = Vel::create<Watch<JoinPruneNeighborSm::NotifieeConst>>();
-      watches.first->notifierIs(machine);
+      watches.first->notifierIs(neighborMachine);
       watches.second = Vel::create<Watch<PeriodicTimerSm::NotifieeConst>>();
-      watches.second->notifierIs(machine->joinPrunePeriodicTimerSm());
+      watches.second->notifierIs(neighborMachine->joinPrunePeriodicTimerSm());
     }
   }
 
@@ -116,14 +116,14 @@ class RandomWorld : private World {
 
   // The triggered data becomes another set, with which there is nothing to compare if it was empty.
   std::string repoint(char const* target) {
-    auto const machine = sm(target);
-    if (!machine) return "no machine";
+    auto const neighborMachine = sm(target);
+    if (!neighborMachine) return "no machine";
     auto const data = Vel::create<Packet::JoinPruneData>(addr(target));
     for (U32 groups = below(4); groups > 0; --groups) {
       auto const made = data->joinPruneGroupDataIs(group());
       if (below(2) == 0) made->joinedSourceIs(source());
     }
-    machine->triggeredGroup()->notifierIs(data);
+    neighborMachine->triggeredGroup()->notifierIs(data);
     return "another set";
   }
 
@@ -165,17 +165,18 @@ class RandomWorld : private World {
   }
 
   void look(std::ostream& os, char const* address) {
-    auto const machine = sm(address);
-    if (!machine) return;
-    auto const periodicMachine = machine->joinPrunePeriodicTimerSm();
-    os << "\n  " << address << ": routes " << machine->numPeriodicRoutes() << ", triggered "
-       << machine->triggeredTimer()->timeMin() << ", override " << machine->overrideTimer()->timeMin()
-       << ", periodic " << periodicMachine->periodicTimer()->timeMin() << " of "
-       << periodicMachine->periodicParams().routes << " routes every "
-       << periodicMachine->periodicParams().interval;
-    for (auto i = machine->triggeredGroupDataIterator(); i; ++i) os << " t" << i.key();
-    for (auto i = machine->overrideGroupDataIterator(); i; ++i) os << " o" << i.key();
-    for (auto i = machine->periodicGroupDataIterator(); i; ++i) os << " p" << i.key() << i->wcSourceSet();
+    auto const neighborMachine = sm(address);
+    if (!neighborMachine) return;
+    auto const periodicMachine = neighborMachine->joinPrunePeriodicTimerSm();
+    os << "\n  " << address << ": routes " << neighborMachine->numPeriodicRoutes() << ", triggered "
+       << neighborMachine->triggeredTimer()->timeMin() << ", override "
+       << neighborMachine->overrideTimer()->timeMin() << ", periodic "
+       << periodicMachine->periodicTimer()->timeMin() << " of " << periodicMachine->periodicParams().routes
+       << " routes every " << periodicMachine->periodicParams().interval;
+    for (auto i = neighborMachine->triggeredGroupDataIterator(); i; ++i) os << " t" << i.key();
+    for (auto i = neighborMachine->overrideGroupDataIterator(); i; ++i) os << " o" << i.key();
+    for (auto i = neighborMachine->periodicGroupDataIterator(); i; ++i)
+      os << " p" << i.key() << i->wcSourceSet();
     for (U32 which = 0; which < 3; ++which) {
       auto const data = dataSet(address, which);
       if (!data) continue;
