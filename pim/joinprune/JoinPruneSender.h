@@ -134,19 +134,26 @@ class VEL_API JoinPruneTimer : public NestedReactor<Zanth::TimerWheel::Notifiee,
 /// and holds the machine's memory while it calls out.
 class JoinPruneSender {
  public:
+  /// Which of the three.
   using Kind = JoinPruneSenderKind;
+  /// Reactors by group.
   using Groups = Vel::EntityMap<Dova::IpGenAddr, JoinPruneGroupReactor>;
+  /// What a group reactor watches.
   using GroupData = Packet::JoinPruneGroupData;
 
+  /// Of a machine, which outlives it.
   JoinPruneSender(JoinPruneNeighborSm& sm, Kind kind);
   JoinPruneSender(JoinPruneSender const&) = delete;
   JoinPruneSender& operator=(JoinPruneSender const&) = delete;
 
+  /// The machine.
   JoinPruneNeighborSm& machine() const { return sm_; }
+  /// Which of the three it is.
   Kind kind() const { return kind_; }
 
   /// The reactor on the data set; null without one.
   Vel::Ptr<JoinPruneDataReactor> const& dataReactor() const { return dataReactor_; }
+  /// Sets it; the machine makes and unhooks it.
   void dataReactorIs(Vel::Ptr<JoinPruneDataReactor> const& reactor) { dataReactor_ = reactor; }
   /// What is sent, or null.
   Vel::Ptr<Packet::JoinPruneData> data() const { return notifierOf(dataReactor_); }
@@ -165,6 +172,7 @@ class JoinPruneSender {
   Vel::Ptr<JoinPruneGroupReactor> newGroupData(Vel::Ptr<GroupData> const& groupData);
   /// Unhooks and removes it. The removed one, or null.
   Vel::Ptr<JoinPruneGroupReactor> groupDataDel(Dova::IpGenAddr const& group);
+  /// The same for all that are there now.
   void groupDataDelAll();
 
   /// Brings the group reactors into line with the data.
@@ -178,6 +186,7 @@ class JoinPruneSender {
  protected:
   ~JoinPruneSender() = default;
 
+  /// How it is named in traces and ring messages.
   JoinPruneSenderTexts& texts() const;
   /// If nothing is left in the group, takes it out of the data set, which takes the reactor out of the
   /// sender.
@@ -194,7 +203,8 @@ class JoinPruneSender {
 /// taken out of the data by who sends it.
 class JoinPruneTimedSender final : public JoinPruneSender {
  public:
-  using JoinPruneSender::JoinPruneSender;
+  /// Of a machine, which outlives it.
+  JoinPruneTimedSender(JoinPruneNeighborSm& sm, Kind kind) : JoinPruneSender(sm, kind) {}
 
   void handleSource(JoinPruneGroupReactor& reactor, EntryKind kind, Dova::IpGenAddr const& source) override;
   void handleWildcard(JoinPruneGroupReactor& reactor) override;
@@ -222,6 +232,7 @@ class JoinPruneTimedSender final : public JoinPruneSender {
 /// Periodic: counts what is wanted, by which JoinPrunePeriodicTimerSm sends it again and again.
 class JoinPrunePeriodicSender final : public JoinPruneSender {
  public:
+  /// Of a machine, which outlives it.
   explicit JoinPrunePeriodicSender(JoinPruneNeighborSm& sm) : JoinPruneSender(sm, Kind::periodic) {}
 
   void handleSource(JoinPruneGroupReactor& reactor, EntryKind kind, Dova::IpGenAddr const& source) override;
@@ -229,12 +240,14 @@ class JoinPrunePeriodicSender final : public JoinPruneSender {
 
   /// The machine of the periodic refresh.
   Vel::Ptr<JoinPrunePeriodicTimerSm> const& timerSm() const { return timerSm_; }
+  /// Sets it. The one that was there before, or null.
   Vel::Ptr<JoinPrunePeriodicTimerSm> timerSmIs(Vel::Ptr<JoinPrunePeriodicTimerSm> const& timerSm) {
     return std::exchange(timerSm_, timerSm);
   }
 
   /// How many entries the data has, as counted source by source, modulo 2^32.
   U32 routes() const { return routes_; }
+  /// Sets the count and tells of a change. Of a retired machine: nothing.
   void routesIs(U32 routes);
   /// True once the count at the start is complete. Until then no change of a source moves it.
   bool isCounted() const { return counted_; }

@@ -70,6 +70,7 @@ struct NeighborInfo {
 
 /// Something that happened to a neighbor, for people and logs.
 struct NeighborEvent {
+  /// What happened.
   enum class Kind : U8 {
     up,                ///< Its first Hello.
     expired,           ///< No Hello within its hold time.
@@ -82,7 +83,7 @@ struct NeighborEvent {
     tooMany,           ///< It is refused: there are as many neighbors as are allowed.
   };
 
-  Kind kind;
+  Kind kind;           ///< What happened.
   Dova::IntfId intf;   ///< The interface.
   IpGenAddr neighbor;  ///< The neighbor, or the designated router.
   IpGenAddr other;     ///< addressConflict: the address; designatedRouter: the previous one.

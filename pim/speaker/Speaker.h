@@ -184,6 +184,7 @@ class PIM_SPEAKER_API Speaker {
   std::vector<NeighborOnInterface> neighbors() const;
   /// What this router wants from its upstream neighbors; what is written there is sent.
   UpstreamRoutes& upstream() { return *upstream_; }
+  /// The same, to be looked at.
   UpstreamRoutes const& upstream() const { return *upstream_; }
   /// What neighbors have asked of this router, by interface, family and route. O(n log n).
   std::vector<DownstreamOnInterface> downstream() const;

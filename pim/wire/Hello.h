@@ -106,6 +106,7 @@ class PIM_SPEAKER_API Hello {
 
   /// Option 1, in seconds: 0 ends the neighbor, 65535 never ends.
   std::optional<U16> holdTime() const { return holdTime_; }
+  /// Nothing leaves the option out.
   void holdTimeIs(std::optional<U16> seconds) { holdTime_ = seconds; }
   /// The same, or the default without the option.
   U16 effectiveHoldTime() const { return holdTime_.value_or(defaultHoldTime); }
@@ -117,10 +118,12 @@ class PIM_SPEAKER_API Hello {
 
   /// Option 19; the largest wins.
   std::optional<U32> drPriority() const { return drPriority_; }
+  /// Nothing leaves the option out.
   void drPriorityIs(std::optional<U32> priority) { drPriority_ = priority; }
 
   /// Option 20: another one says that the sender has restarted.
   std::optional<U32> generationId() const { return generationId_; }
+  /// Nothing leaves the option out.
   void generationIdIs(std::optional<U32> id) { generationId_ = id; }
 
   /// Option 24: the sender's other addresses, in order. An empty list is the same as none. They may be of

@@ -17,7 +17,9 @@ class VEL_API IntfId {
   IntfId() = default;
   /// From a name, which is not checked. Implicit, so that a call names an interface by its text alone.
   IntfId(std::string_view name) : name_(name) {}
+  /// The same.
   IntfId(std::string const& name) : name_(name) {}
+  /// The same.
   IntfId(char const* name) : name_(name) {}
 
   /// The name; empty for the default.

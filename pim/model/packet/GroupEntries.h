@@ -11,6 +11,7 @@ namespace Routing::Pim::Packet {
 template <EntryKind entryKind>
 struct GroupSources;
 
+/// GroupSources of one kind.
 #define PIM_GROUP_SOURCES(entryKind, foo, Foo)                                                  \
   template <>                                                                                   \
   struct GroupSources<EntryKind::entryKind> {                                                   \
