@@ -330,7 +330,7 @@ void DownstreamRoutes::expire(Entry& entry) {
   IpGenAddr const rp = entry.rp;
   remove(entry);
   Life::Watch const watch(life_);
-  echoes_.pruneEchoIs(link_, event.route, rp);
+  callOut("DownstreamRoutes", "expire", [&] { echoes_.pruneEchoIs(link_, event.route, rp); });
   if (!watch.ended()) tell(event);
 }
 

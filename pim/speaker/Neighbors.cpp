@@ -125,7 +125,15 @@ void Neighbors::arm() {
 
 void Neighbors::helloTimerExpired() {
   Life::Watch const watch(life_);
-  send();
+  try {
+    send();
+  } catch (...) {  // want of memory, say
+    if (!watch.ended()) {
+      notBefore_ = wheel_->now() + retryDelay;
+      arm();
+    }
+    throw;
+  }
   if (!watch.ended()) arm();
 }
 

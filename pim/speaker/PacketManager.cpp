@@ -89,7 +89,9 @@ void PacketManager::start() {
   if (transmitter == transmitter_) transmitter->notifierIs(record);
 }
 
+// A message that is being made asks for heard joins no more: they may end with what stops this.
 void PacketManager::stop() {
+  heardJoins_ = nullptr;
   if (Vel::Ptr<Transmitter> const transmitter = std::exchange(transmitter_, nullptr)) transmitter->retire();
 }
 
@@ -134,7 +136,7 @@ MessageReport PacketManager::send(Dova::IntfId const& intf, Vel::Ptr<Data> const
   } const sending(bookmark->sending);
 
   Vel::Ptr<JoinPruneStatus const> const dataSets = dataSets_;
-  Composer composer({intf, filter_.get(), suppression_, envelope.room, heardJoins_, dataSets.get()}, data);
+  Composer composer({intf, filter_.get(), suppression_, envelope.room, &heardJoins_, dataSets.get()}, data);
   try {
     composer.compose(bookmark->position);
     if (!composer.message().groups().empty()) {

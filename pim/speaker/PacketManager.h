@@ -114,7 +114,7 @@ class PIM_SPEAKER_API PacketManager final : public IO::PamManager {
 
   /// Makes the transmit record if it is missing, and serves it. To be called again if the record is replaced.
   void start();
-  /// Serves no more. The record stays.
+  /// Serves no more, and forgets heardJoinsAre(). The record stays.
   void stop();
 
   /// The MTU of an interface: bytes of a whole IP packet, header included.

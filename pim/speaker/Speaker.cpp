@@ -154,9 +154,14 @@ void Speaker::interfaceIs(std::string_view name, std::vector<Dova::IpGenPrefix> 
     found = interfaces_.emplace(key, std::move(made)).first;
   }
   found->second.isRemoved = false;
+  U64 const change = ++changes_;
+  found->second.change = change;
   found->second.ipv4->setupIs(std::move(ipv4));
   if (watch.ended()) return;
-  if (auto* link = linkOf(key, AddressFamily::ipv6)) link->setupIs(std::move(ipv6));
+  // A callback may have changed the interface again, or removed it and made it anew.
+  auto const present = interfaces_.find(key);
+  if (present != interfaces_.end() && present->second.change == change)
+    present->second.ipv6->setupIs(std::move(ipv6));
   if (!watch.ended()) endIfRemoved(key);
 }
 
@@ -176,6 +181,7 @@ bool Speaker::interfaceDel(std::string_view name) {
   auto const found = interfaces_.find(key);
   if (found == interfaces_.end()) return false;
   found->second.isRemoved = true;
+  found->second.change = ++changes_;
   Life::Watch const watch(life_);
   for (auto const family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
     // A callback may have made it anew.

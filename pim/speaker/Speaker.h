@@ -210,6 +210,7 @@ class PIM_SPEAKER_API Speaker {
 
   struct Interface {
     std::unique_ptr<SpeakerLink> ipv4, ipv6;
+    U64 change = 0;          // Which change of an interface was its latest.
     bool isRemoved = false;  // Ends when the change of a link that is going on is complete.
   };
 
@@ -228,6 +229,7 @@ class PIM_SPEAKER_API Speaker {
   Random random_;
   SpeakerCounters counters_;
   std::array<EventBudget, verdictNames.size()> budgets_;  // Of packetUndelivered().
+  U64 changes_ = 0;                                       // Of interfaces.
   std::unique_ptr<UpstreamRoutes> const upstream_;        // ends after the links
   std::map<std::string, Interface, std::less<>> interfaces_;
   Life life_;

@@ -20,6 +20,20 @@ struct NotSent : std::runtime_error {
 
 }  // namespace
 
+// Whether a link is still what it was before a call out: neither destroyed nor down, nor up again with another
+// address.
+class SpeakerLink::SameLink {
+ public:
+  explicit SameLink(SpeakerLink const& link)
+      : link_(link), watch_(link.life_), status_(link.engine_.status) {}
+  bool ended() const { return watch_.ended() || link_.engine_.status != status_; }
+
+ private:
+  SpeakerLink const& link_;
+  Life::Watch const watch_;
+  Vel::Ptr<Status> const status_;
+};
+
 SpeakerLink::SpeakerLink(Speaker& speaker, Dova::IntfId const& intf, AddressFamily family)
     : speaker_(speaker),
       intf_(intf),
@@ -39,17 +53,23 @@ SpeakerLink::~SpeakerLink() {
 void SpeakerLink::setupIs(LinkSetup setup) {
   wanted_ = std::move(setup);
   if (isChanging_) return;
-  Life::Watch const watch(life_);
-  isChanging_ = true;
-  while (!watch.ended() && !(present_ == wanted_)) {
-    if (neighbors_ && present_.primary != wanted_.primary)
+  // What is thrown ends the change, not the link.
+  struct Changing {
+    explicit Changing(SpeakerLink& link) : link_(link), watch_(link.life_) { link_.isChanging_ = true; }
+    ~Changing() {
+      if (!watch_.ended()) link_.isChanging_ = false;
+    }
+    SpeakerLink& link_;
+    Life::Watch const watch_;
+  } const changing(*this);
+  while (!changing.watch_.ended() && !(present_ == wanted_)) {
+    if (neighbors_ && present_.primary.ipGenAddr() != wanted_.primary.ipGenAddr())
       bringDown();
     else if (!neighbors_ && wanted_.primary != Dova::IpGenPrefix())
       bringUp();
     else
       adjust();
   }
-  if (!watch.ended()) isChanging_ = false;
 }
 
 void SpeakerLink::bringUp() {
@@ -106,6 +126,7 @@ void SpeakerLink::adjust() {
   downstream_.limitsAre(setup.settings.downstream);
   if (!neighbors_) return;
   Engine const engine = engine_;
+  engine.intf->usedAddressWithMaskIs(setup.primary);  // with another mask length
   engine.intf->joinPruneHoldTimeIs(setup.settings.joinPruneHoldTime);
   engine.intf->joinPruneIntervalIs(setup.settings.joinPruneInterval);
   engine.manager->mtuIs(intf_, setup.settings.mtu);
@@ -128,8 +149,9 @@ Sent SpeakerLink::sendHello(Wire::Hello const& hello) {
 void SpeakerLink::send(OutgoingPacket const& packet) {
   if (!neighbors_) throw NotSent();
   Life::Watch const watch(life_);
+  SameLink const same(*this);
   Sent const hello = neighbors_->sendHelloBefore(packet.message.upstreamNeighbor());
-  if (hello == Sent::later || watch.ended() || !neighbors_) throw NotSent();
+  if (hello == Sent::later || same.ended()) throw NotSent();
   Sent const sent = speaker_.send(Wire::PimType::joinPrune, intf_, packet.source, packet.bytes);
   if (sent == Sent::later) throw NotSent();
   if (watch.ended() || sent == Sent::failed) return;
@@ -141,27 +163,27 @@ void SpeakerLink::send(OutgoingPacket const& packet) {
 
 template <class Call>
 void SpeakerLink::forObservers(Call const& call) {
-  Life::Watch const watch(life_);
-  for (std::size_t i = 0; !watch.ended() && i < observers_.size(); ++i)
+  SameLink const same(*this);
+  for (std::size_t i = 0; !same.ended() && i < observers_.size(); ++i)
     callOut("SpeakerLink", "forObservers", [&] { call(*observers_[i]); });
 }
 
 void SpeakerLink::onNeighborUp(IpGenAddr const& neighbor) {
-  Life::Watch const watch(life_);
+  SameLink const same(*this);
   IpGenAddr const address = neighbor;
   Engine const engine = engine_;
   engine.status->pimNeighborIs(address, engine.intf);
   // One that was away may still have its machine, with an override interval of then.
-  if (!watch.ended()) remakeMachine(address);
-  if (!watch.ended()) forObservers([&](LinkObserver& observer) { observer.neighborUp(address); });
+  if (!same.ended()) remakeMachine(address);
+  if (!same.ended()) forObservers([&](LinkObserver& observer) { observer.neighborUp(address); });
 }
 
 void SpeakerLink::onNeighborDown(IpGenAddr const& neighbor) {
-  Life::Watch const watch(life_);
+  SameLink const same(*this);
   IpGenAddr const address = neighbor;
   Vel::Ptr<Status> const status = engine_.status;
   status->pimNeighborDel(address);
-  if (!watch.ended()) forObservers([&](LinkObserver& observer) { observer.neighborDown(address); });
+  if (!same.ended()) forObservers([&](LinkObserver& observer) { observer.neighborDown(address); });
 }
 
 void SpeakerLink::onNeighborAddresses(IpGenAddr const& neighbor) {
@@ -291,19 +313,21 @@ Verdict SpeakerLink::receiveHello(IpGenAddr const& sender, Wire::Hello const& he
   if (watch.ended()) return Verdict::hello;
   SpeakerObserver* const observer = speaker_.settings_.observer;
   if (observer)
-    callOut("SpeakerLink", "receiveHello", [&] { observer->helloReceived(intf_, sender, hello); });
+    callOut("SpeakerLink", "receiveHello",
+            [&, intf = intf_] { observer->helloReceived(intf, sender, hello); });
   return Verdict::hello;
 }
 
 Verdict SpeakerLink::receiveJoinPrune(IpGenAddr const& sender, Wire::JoinPrune const& message) {
   IpGenAddr const& upstream = message.upstreamNeighbor();
   bool const isForUs = upstream == primaryAddress() || (isPointToPoint() && upstream.isZero());
-  Life::Watch const watch(life_);
+  SameLink const same(*this);
   ReceivedJoinPrune const received{sender, isForUs, message};
   if (SpeakerObserver* const observer = speaker_.settings_.observer)
-    callOut("SpeakerLink", "receiveJoinPrune", [&] { observer->joinPruneReceived(intf_, received); });
-  if (!watch.ended()) tellEngine(message);
-  if (!watch.ended()) forObservers([&](LinkObserver& observer) { observer.joinPruneReceived(received); });
+    callOut("SpeakerLink", "receiveJoinPrune",
+            [&, intf = intf_] { observer->joinPruneReceived(intf, received); });
+  if (!same.ended()) tellEngine(message);
+  if (!same.ended()) forObservers([&](LinkObserver& observer) { observer.joinPruneReceived(received); });
   return isForUs ? Verdict::joinPrune : Verdict::heard;
 }
 

@@ -228,8 +228,9 @@ Command showSpeaker(Words& words) {
       {"upstream", &SpeakerWorld::showUpstream},     {"downstream", &SpeakerWorld::showDownstream},
       {"counters", &SpeakerWorld::showCounters},
   };
-  for (auto const& [subject, show] : subjects)
-    if (words.taken(subject)) return SpeakerCommand{[show = show](SpeakerWorld& world) { (world.*show)(); }};
+  for (auto const& subject : subjects)
+    if (words.taken(subject.first))
+      return SpeakerCommand{[show = subject.second](SpeakerWorld& world) { (world.*show)(); }};
   words.fail("interfaces, neighbors, upstream, downstream or counters");
 }
 

@@ -31,7 +31,7 @@ struct Setting {
   JoinPruneFilter const* filter;
   Suppression const& suppression;
   std::size_t room;                           // Bytes that the PIM message may have.
-  HeardJoins const* heardJoins = nullptr;     // Null: no periodic join is left out.
+  HeardJoins const* const* heardJoins;        // Of the manager; null: no periodic join is left out.
   JoinPruneStatus const* dataSets = nullptr;  // Where prunes that belong beside a (*,G) join may be.
 };
 
@@ -42,11 +42,9 @@ class Composer {
       : setting_(setting),
         data_(data),
         keepsData_(data->periodic()),
-        heardJoins_(keepsData_ && setting.heardJoins &&
-                            setting.heardJoins->anyLeftOut(setting.intf, data->upstreamNeighbor())
-                        ? setting.heardJoins
-                        : nullptr),
-        isPlain_(keepsData_ && !setting.filter && !setting.suppression && !heardJoins_),
+        leavesOut_(keepsData_ && *setting.heardJoins &&
+                   (*setting.heardJoins)->anyLeftOut(setting.intf, data->upstreamNeighbor())),
+        isPlain_(keepsData_ && !setting.filter && !setting.suppression && !leavesOut_),
         message_(data->upstreamNeighbor(), data->holdTime()),
         family_(message_.family()),
         groupSize_(groupSize(family_)),
@@ -237,7 +235,9 @@ class Composer {
   }
 
   bool wasHeard(RouteKey const& route) const {
-    return heardJoins_ && heardJoins_->isLeftOut(setting_.intf, message_.upstreamNeighbor(), route);
+    // Asked again each time: the filter may have ended what answers.
+    HeardJoins const* const heardJoins = leavesOut_ ? *setting_.heardJoins : nullptr;
+    return heardJoins && heardJoins->isLeftOut(setting_.intf, message_.upstreamNeighbor(), route);
   }
 
   bool suppressed(RouteKey const& route, EntryKind kind) const {
@@ -304,8 +304,8 @@ class Composer {
   Setting const setting_;
   Vel::Ptr<Data> const data_;
   bool const keepsData_;
-  HeardJoins const* const heardJoins_;  // Null if no join of this message is left out.
-  bool const isPlain_;                  // Nobody is asked about an entry, and none is taken out of the data.
+  bool const leavesOut_;  // Some joins of this message may be left out, since others were heard.
+  bool const isPlain_;    // Nobody is asked about an entry, and none is taken out of the data.
 
   // The message so far.
   Wire::JoinPrune message_;

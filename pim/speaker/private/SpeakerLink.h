@@ -70,6 +70,8 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
   Vel::Ptr<JoinPruneStatus> const& dataSets() const override { return engine_.dataSets; }
 
  private:
+  class SameLink;
+
   // All null while the link is down.
   struct Engine {
     Vel::Ptr<Status> status;
