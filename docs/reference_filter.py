@@ -6,7 +6,7 @@
 
  - The comment at the top of a file documents the file. Text that is indented is code.
  - A line that declares an attribute (VEL_VALUE(...) and its like) is replaced by what it generates: the macros and the
-   comments in them are read from runtime/vel/Attribute.h, or from the header itself. The comment before the line goes
+   comments in them are read from runtime/vel/Attribute.h, or from the header itself. The comment before the line is added
    to each function, after what the macro says.
  - Names that every entity has and that follow from its attributes (their numbers, their callbacks) get their comment here.
  - Left out: the const overloads that throw, and what is deleted.
@@ -31,7 +31,7 @@ FAMILIES = [
     (re.compile(r'virtual void on(\w+)velImmediate\(\) \{\}'),
      'The collection as a whole may have changed; only `{0}NotifyImmediate()` says so.'),
     (re.compile(r'virtual void on(\w+)\([\w:]+\) \{\}'),
-     'An element of `{0}` has come, gone or been replaced; the argument is its key.'),
+     'An element of `{0}` was added, removed or replaced; the argument is its key.'),
     (re.compile(r'virtual void on\w+\(\) \{ handleDefault\("(\w+)"\); \}'),
      'The collection `{0}` has changed. Called after the callback with the key.'),
     (re.compile(r'class NotifieeConst : public Vel::ReactorOn<([\w:]+)>'), 'Reacts to {0}: override what you need.'),
@@ -110,7 +110,7 @@ def commented(lines):
 
 
 def attributes_written_out(text, macros):
-    """Replaces invocations; the comment before them, or before the one above, goes to each function."""
+    """Replaces invocations; the comment before them, or before the one above, is added to each function."""
     lines, result, comment, pending = text.split('\n'), [], [], []
     pattern = invocation(macros)
     at = 0

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Compares the C++ in a guide with the compiled files that it comes from: docs/snippets.py [--write] GUIDE...
 
-Each ```cpp block has `<!-- FILE MARK -->` in the line before it, and is what stands in FILE (from the top of the tree)
+Each ```cpp block has `<!-- FILE MARK -->` in the line before it, and is the text in FILE (from the top of the tree)
 between two lines `// [MARK]`, moved to the left margin. --write takes over what the files say. A block without a mark, a
 mark without its lines, and a mark that no guide shows are errors.
 """
@@ -17,7 +17,7 @@ MARK = re.compile(r'^[ \t]*// \[([\w-]+)\]\n', re.M)
 
 
 def marked(path):
-    """Mark -> what stands between its two lines."""
+    """Mark -> the text between its two lines."""
     with open(os.path.join(TOP, path)) as file:
         parts = MARK.split(file.read())
     marks, texts = parts[1::2], parts[2::2]

@@ -288,8 +288,8 @@ int main(int argc, char** argv) {
   a.pim->pimNeighborIs(upstream, eth0);
 
   // The route state machine of (10.9.0.1,239.1.1.1) gets its first member: a join now, and from now on. The
-  // group first, then the source; to leave, the source goes out of the periodic data and into the prunes of
-  // the triggered.
+  // group first, then the source; to leave, the source is removed from the periodic data and added to the
+  // prunes of the triggered.
   IpGenAddr const group("239.1.1.1"), source("10.9.0.1");
   a.status->triggeredGroup(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);
   a.status->periodicGroupStatus()->upJoinPrune(upstream)->joinPruneGroupDataIs(group)->joinedSourceIs(source);

@@ -1,4 +1,4 @@
-# Fails unless the text of EXAMPLE stands in README, so that what is shown is what is compiled.
+# Fails unless README contains the text of EXAMPLE, so that what is shown is what is compiled.
 file(READ "${README}" readme)
 file(READ "${EXAMPLE}" example)
 string(FIND "${readme}" "${example}" position)

@@ -101,7 +101,7 @@ def angled(tokens, at):
 
 
 def split(tokens):
-    """What stands between commas outside of brackets."""
+    """The text between commas outside of brackets."""
     parts, depth = [[]], 0
     for token in tokens:
         depth += (token in '<([{') - (token in '>)]}') if len(token) == 1 else 0

@@ -39,8 +39,8 @@ struct Frame {
 /// snap lengths may differ.
 class Capture {
  public:
-  /// Throws CaptureError if the file is missing, empty, no capture, or a pcap file of a link type that nobody
-  /// here can take apart.
+  /// Throws CaptureError if the file is missing, empty, no capture, or a pcap file of a link type that
+  /// nothing here here can take apart.
   explicit Capture(std::string const& path);
   ~Capture();
 

@@ -120,7 +120,7 @@ Vel::Ptr<Packet::JoinPruneStatus> JoinPruneMessageSm::periodicStatus() const {
   return joinPruneStatus_ ? joinPruneStatus_->periodicGroupStatus() : nullptr;
 }
 
-// Whoever restarts the machine from inside one of its callbacks has the new one before the old one goes.
+// A callback that restarts the machine has the new one before the old one is removed.
 bool JoinPruneMessageSm::succeeded() const {
   void const* const latest = joinPruneStatus_ ? StatusAccess::machine(*joinPruneStatus_) : nullptr;
   return latest && latest != this;

@@ -29,7 +29,7 @@
 //   manager->txMessageInfoIs();               // before the first timer fires
 //   pimStatus->pimNeighborIs(address, intf);  // the machine for this neighbor exists when this returns
 //   auto group = status->triggeredGroup(address)->joinPruneGroupDataIs(groupAddress);
-//   group->joinedSourceIs(source);            // goes out in 0.1 s
+//   group->joinedSourceIs(source);            // sent in 0.1 s
 #pragma once
 
 #include "pim/joinprune/JoinPruneFilter.h"
@@ -55,8 +55,8 @@ VEL_API Vel::Ptr<JoinPruneMessageSm> joinPruneMessageSmFactory(
 /// there, an interface always does.
 ///
 /// A target's three data sets (triggered, override, periodic) are made and removed with its machine. The
-/// machine of a neighbor that goes down stays until its periodic data has no groups any more; that of an
-/// interface goes with the interface or its address, whatever is pending.
+/// machine of a neighbor that is removed stays until its periodic data has no groups any more; that of an
+/// interface is removed with the interface or its address, whatever is pending.
 ///
 /// When the last reference to it is dropped, it retires its interfaces (with their targets) and all neighbor
 /// machines; the neighbors' data sets stay in the status for its successor. It is safe to drop it, or any
@@ -181,13 +181,13 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
     void notifierIs(Vel::Ptr<Intf const> const& intf) override;
     using Owned::notifierIs;
     void onUsedAddressWithMask() override;
-    /// Kept: the machine goes on every change of state, also when a retired reactor is revived.
+    /// Kept: the machine is removed on every change of state, also when a retired reactor is revived.
     void velDoZombieReactors(bool zombie) override;
     using Owned::velDoZombieReactors;
 
     /// The interface is there: makes the machine of its address, in place of one that a neighbor had.
     void handleNew();
-    /// The interface has gone: removes the machine of `address()` and its data sets, whatever is pending.
+    /// The interface was removed: removes the machine of `address()` and its data sets, whatever is pending.
     void handleDel();
     /// The address may have changed. If it has: `handleDel()`, `handleNew()`.
     void handleUsedAddress();
@@ -277,7 +277,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
       Vel::Ptr<IO::PamManager> pimPamManager, Vel::Ptr<Packet::JoinPruneMessage> txMessage);
   /// Removes and retires the machine of a target; its data sets stay. The removed machine, or null.
   Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(Dova::IpGenAddr const& neighborAddr);
-  /// The same for the machine at which an iterator stands.
+  /// The same for the machine at an iterator's position.
   Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmDel(JoinPruneNeighborSmIterator const& i);
   /// Removes and retires all machines that are there now; their data sets stay.
   void joinPruneNeighborSmDelAll();
@@ -309,7 +309,7 @@ class VEL_API JoinPruneMessageSm final : public Vel::Machine {
   /// Retires and removes an interface's reactor, and with it the machine of its address. The reactor, or
   /// null.
   Vel::Ptr<VelPimIntf> pimIntfDel(Dova::IntfId const& intfId);
-  /// The same for the reactor at which an iterator stands.
+  /// The same for the reactor at an iterator's position.
   Vel::Ptr<VelPimIntf> pimIntfDel(PimIntfIterator const& i);
   /// The same for all interfaces that are there now.
   void pimIntfDelAll();

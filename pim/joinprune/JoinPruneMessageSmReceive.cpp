@@ -134,7 +134,7 @@ class Receiver {
     if (info && !sm_.retired()) info->rxCountInc(1);
   }
 
-  // Where nobody hears of the single entries, those of the usual kind of group are written at once.
+  // Where no reactor is told of the single entries, those of the usual kind of group are written at once.
   bool writeUnheard(Packet::JoinPruneGroupData const& groupData) {
     if (!join_.info || !RecordAccess::unheard(*join_.info) || !joinPruneIsQuiet()) return false;
     auto const* const sources = EngineAccess<Packet::JoinPruneGroupData>::joinsAlone(groupData);

@@ -82,7 +82,7 @@ void JoinPruneNeighborSm::handleInitialized() {
   joinPrunePeriodicTimerSmIs(wheel, this, loopQuantum_, periodic, intf_, notifierOf(pimPamManager_),
                              txMessage_);
   if (periodic) periodic_.countAtStart(*periodic);
-  // Whoever was called so far may have changed what there is, so the last word is the data's. From here on
+  // A callback may have changed the data, so the data are read again. From here on
   // the sources are counted one by one.
   periodic_.countIsComplete();
   periodic_.count();

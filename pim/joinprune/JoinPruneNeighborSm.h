@@ -246,7 +246,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   // The reactors of the groups, by group address.
 #define JOIN_PRUNE_GROUP_DATA(foo, Foo, sender)                                                              \
   VEL_COLLECTION_NOTIFY(Dova::IpGenAddr, foo, Foo)                                                           \
-  /** Walks `foo`, and stands whatever happens to it meanwhile. */                                           \
+  /** Walks `foo`, and stays valid whatever changes meanwhile. */                                            \
   using Foo##Iterator = JoinPruneGroupReactorIterator<Vel##Foo>;                                             \
   /** The same, for reading. */                                                                              \
   using Foo##IteratorConst = JoinPruneGroupReactorIterator<Vel##Foo const>;                                  \
@@ -289,7 +289,7 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     return as<Vel##Foo>(sender.groupDataDel(group));                                                         \
   }                                                                                                          \
   Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const&) const { Vel::throwConstInstance(); }                   \
-  /** The same for the reactor at which an iterator stands. */                                               \
+  /** The same for the reactor at an iterator's position. */                                                 \
   Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }                          \
   Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const&) const { Vel::throwConstInstance(); }                     \
   /** The same for all that are there now. */                                                                \

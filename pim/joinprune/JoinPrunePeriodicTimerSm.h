@@ -128,7 +128,7 @@ class VEL_API JoinPrunePeriodicTimerSm final : public PeriodicTimerSm {
 
   friend class JoinPruneNeighborSm;
 
-  /// The parent lets go: the timer goes and nothing is sent any more.
+  /// The parent lets go: the timer is stopped and nothing is sent any more.
   void handleRetired();
 
   U32 interval_ = 0;

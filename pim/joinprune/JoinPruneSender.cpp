@@ -89,6 +89,24 @@ std::ostream& operator<<(std::ostream& os, GroupForm const& form) {
             << (groupData ? groupData->group() : Dova::IpGenAddr()) << ")::";
 }
 
+// What a handler of a source keeps while it calls out.
+struct Handling {
+  Handling(JoinPruneNeighborSm& machine, JoinPruneGroupReactor const& reactor, JoinPruneSenderTexts& texts,
+           EntryKind kind)
+      : function(texts.handleSource[indexOf(kind)]),
+        blockTimer(function.timer, function.signature),
+        memory(&reactor),
+        machineMemory(&machine),
+        groupData(reactor.notifier()),
+        subject{reactor, texts.name} {}
+
+  TracedFunction& function;
+  Scrivo::BlockTimer const blockTimer;
+  Vel::MemoryHold const memory, machineMemory;
+  Vel::Ptr<Packet::JoinPruneGroupData> const groupData;  // Null: there is nothing to do.
+  GroupForm const subject;
+};
+
 }  // namespace
 
 JoinPruneSenderTexts& JoinPruneSender::texts() const { return senderTexts[static_cast<std::size_t>(kind_)]; }
@@ -123,37 +141,28 @@ void JoinPruneGroupReactor::onWcSourceData() {
 
 void JoinPruneTimedSender::handleSource(JoinPruneGroupReactor& reactor, EntryKind kind,
                                         Dova::IpGenAddr const& source) {
-  TracedFunction& function = texts().handleSource[indexOf(kind)];
-  Scrivo::BlockTimer const blockTimer(function.timer, function.signature);
-  Vel::MemoryHold const memory(&reactor);
-  Vel::MemoryHold const machineMemory(&machine());
-  Vel::Ptr<GroupData> const groupData = reactor.notifier();
-  if (!groupData) return;
-  GroupForm const subject{reactor, texts().name};
-  JOIN_PRUNE_TRACE_AS(Level::activity, subject, function.name, '(' << source << ')');
+  Handling const handling(machine(), reactor, texts(), kind);
+  if (!handling.groupData) return;
+  JOIN_PRUNE_TRACE_AS(Level::activity, handling.subject, handling.function.name, '(' << source << ')');
   if (machine().retired()) return;
-  if (Packet::hasEntry(*groupData, kind, source)) {
+  if (Packet::hasEntry(*handling.groupData, kind, source)) {
     updateTimer();
     return;
   }
-  JOIN_PRUNE_TRACE_AS(Level::activity, subject, function.name, '(' << source << "), Sent");
+  JOIN_PRUNE_TRACE_AS(Level::activity, handling.subject, handling.function.name, '(' << source << "), Sent");
   // Kept: the triggered join handlers retire a group without a line.
-  retireGroup(reactor, function.name, !isJoin(kind) || this->kind() != Kind::triggered);
+  retireGroup(reactor, handling.function.name, !isJoin(kind) || this->kind() != Kind::triggered);
 }
 
 void JoinPruneTimedSender::handleWildcard(JoinPruneGroupReactor& reactor) {
-  TracedFunction& function = texts().handleSource[indexOf(EntryKind::wildcardJoin)];
-  Scrivo::BlockTimer const blockTimer(function.timer, function.signature);
-  Vel::MemoryHold const memory(&reactor);
-  Vel::MemoryHold const machineMemory(&machine());
-  Vel::Ptr<GroupData> const groupData = reactor.notifier();
-  if (!groupData) return;
-  if (groupData->wcSourceData()) {
+  Handling const handling(machine(), reactor, texts(), EntryKind::wildcardJoin);
+  if (!handling.groupData) return;
+  if (handling.groupData->wcSourceData()) {
     updateTimer();
     return;
   }
-  JOIN_PRUNE_TRACE_AS(Level::activity, (GroupForm{reactor, texts().name}), function.name, "(*,G), Sent");
-  retireGroup(reactor, function.name, true);
+  JOIN_PRUNE_TRACE_AS(Level::activity, handling.subject, handling.function.name, "(*,G), Sent");
+  retireGroup(reactor, handling.function.name, true);
 }
 
 void JoinPruneTimedSender::updateTimer() {
@@ -163,13 +172,13 @@ void JoinPruneTimedSender::updateTimer() {
   Scrivo::BlockTimer const blockTimer(function.timer, function.signature);
   if (timer_->armed()) {
     JOIN_PRUNE_TRACE_AS(Level::activity, &sm, function.name, "(): Timer running");
-    return;  // this may have gone with the line
+    return;  // the trace line may have destroyed this
   }
   Vel::MemoryHold const memory(&sm);
   Vel::Ptr<JoinPruneTimer> const timer = timer_;
   Vel::Ptr<Packet::JoinPruneData> const pending = data();
   if (!pending || pending->joinPruneGroupDataCount() == 0) {
-    // Before the line: whoever is called by it may add what arms the timer.
+    // Before the trace line: its sink may add what arms the timer.
     timer->timeMinIs(Vel::never);
     JOIN_PRUNE_TRACE_AS(Level::activity, &sm, function.name, "(): Disarming timer");
     return;
@@ -301,48 +310,39 @@ void JoinPruneTimedSender::timerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
 
 void JoinPrunePeriodicSender::handleSource(JoinPruneGroupReactor& reactor, EntryKind kind,
                                            Dova::IpGenAddr const& source) {
-  TracedFunction& function = texts().handleSource[indexOf(kind)];
-  Scrivo::BlockTimer const blockTimer(function.timer, function.signature);
-  Vel::MemoryHold const memory(&reactor);
-  Vel::MemoryHold const machineMemory(&machine());
-  Vel::Ptr<GroupData> const groupData = reactor.notifier();
-  if (!groupData) return;
-  GroupForm const subject{reactor, texts().name};
-  if (Packet::hasEntry(*groupData, kind, source)) {
+  Handling const handling(machine(), reactor, texts(), kind);
+  if (!handling.groupData) return;
+  if (Packet::hasEntry(*handling.groupData, kind, source)) {
     tellOfCount(move(1));
     if (machine().retired()) return;
-    JOIN_PRUNE_TRACE_AS(Level::activity, subject, function.name,
+    JOIN_PRUNE_TRACE_AS(Level::activity, handling.subject, handling.function.name,
                         '(' << source << "), added, sources: " << routes_);
     return;
   }
   U32 const before = move(-1);
-  JOIN_PRUNE_TRACE_AS(Level::activity, subject, function.name, '(' << source << "), Deleted");
+  JOIN_PRUNE_TRACE_AS(Level::activity, handling.subject, handling.function.name,
+                      '(' << source << "), Deleted");
   tellOfCount(before);
-  retireGroup(reactor, function.name, true);
+  retireGroup(reactor, handling.function.name, true);
 }
 
 void JoinPrunePeriodicSender::handleWildcard(JoinPruneGroupReactor& reactor) {
-  TracedFunction& function = texts().handleSource[indexOf(EntryKind::wildcardJoin)];
-  Scrivo::BlockTimer const blockTimer(function.timer, function.signature);
-  Vel::MemoryHold const memory(&reactor);
-  Vel::MemoryHold const machineMemory(&machine());
-  Vel::Ptr<GroupData> const groupData = reactor.notifier();
-  if (!groupData) return;
-  GroupForm const subject{reactor, texts().name};
-  if (Vel::Ptr<Packet::WcSourceData> const wildcard = groupData->wcSourceData()) {
+  Handling const handling(machine(), reactor, texts(), EntryKind::wildcardJoin);
+  if (!handling.groupData) return;
+  if (Vel::Ptr<Packet::WcSourceData> const wildcard = handling.groupData->wcSourceData()) {
     if (reactor.wcSourceSet_) return;
     reactor.wcSourceSet_ = true;  // before the count calls out
     tellOfCount(move(1));
     if (machine().retired()) return;
-    JOIN_PRUNE_TRACE_AS(Level::activity, subject, function.name,
+    JOIN_PRUNE_TRACE_AS(Level::activity, handling.subject, handling.function.name,
                         '(' << wildcard->address() << "), added, sources: " << routes_);
     return;
   }
   reactor.wcSourceSet_ = false;
   U32 const before = move(-1);  // Kept: also if the entry itself was never counted.
-  JOIN_PRUNE_TRACE_AS(Level::activity, subject, function.name, "(*,G), Deleted");
+  JOIN_PRUNE_TRACE_AS(Level::activity, handling.subject, handling.function.name, "(*,G), Deleted");
   tellOfCount(before);
-  retireGroup(reactor, function.name, true);
+  retireGroup(reactor, handling.function.name, true);
 }
 
 // Moves the count by one source, without any consequence yet. The count before.
@@ -361,8 +361,8 @@ void JoinPrunePeriodicSender::routesIs(U32 routes) {
   if (!machine().retired()) tellOfCount(std::exchange(routes_, routes));
 }
 
-// Where nobody would hear of the single steps, only those are made that lead to the timer being armed, since
-// it is the first routes that set its time; count() makes the rest at once.
+// Where no reactor would be told of the single steps, only those are made that lead to the timer being armed,
+// since it is the first routes that set its time; count() makes the rest at once.
 void JoinPrunePeriodicSender::countAtStart(Packet::JoinPruneData const& periodic) {
   JoinPruneNeighborSm& sm = machine();
   Vel::MemoryHold const memory(&sm);

@@ -41,8 +41,8 @@ class VEL_API JoinPruneDataReactor : public NestedReactor<Packet::JoinPruneData:
 
 /// Follows the sources of one group. Made for a filled group it does nothing until the next change.
 ///
-/// A source that comes arms the sender's timer or is counted; one that goes was sent or is no longer wanted.
-/// A group that is empty then is removed. Without a machine: nothing.
+/// A source that comes arms the sender's timer or is counted; one that is removed was sent or is no longer
+/// wanted. A group that is empty then is removed. Without a machine: nothing.
 class VEL_API JoinPruneGroupReactor
     : public NestedReactor<Packet::JoinPruneGroupData::Notifiee, JoinPruneSender> {
  public:

@@ -138,7 +138,7 @@ void JoinPruneSender::reconcile() {
   Vel::Ptr<Packet::JoinPruneData> const all = data();
   if (!all || sm_.retired()) return;
   if (groups_.size() == 0 && !sm_.velWatched()) {
-    // At the start there is nothing to compare with, and nobody is called.
+    // At the start there is nothing to compare with, and no reactor is called.
     groups_.reserve(all->joinPruneGroupDataCount());
     for (Packet::GroupWalk walk(*all); walk; ++walk) newGroupData(&*walk);
     return;

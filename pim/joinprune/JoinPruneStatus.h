@@ -60,7 +60,7 @@ class VEL_API JoinPruneStatus final : public Vel::Entity {
 
   /// Received prunes by route and interface, for the rest of the agent: nothing in this library looks at it.
   VEL_COLLECTION_NOTIFY(RouteIntfKey, rxPrune, RxPrune)
-  /// Walks `rxPrune`, and stands whatever happens to it meanwhile.
+  /// Walks `rxPrune`, and stays valid whatever changes meanwhile.
   using RxPruneIterator = Vel::EntityIterator<RouteIntfKey, VelRxPrune, VelRxPrune const>;
   /// The same.
   using RxPruneIteratorConst = RxPruneIterator;
@@ -86,7 +86,7 @@ class VEL_API JoinPruneStatus final : public Vel::Entity {
   /// The removed record, or null.
   Vel::Ptr<JoinPruneMessageInfo> rxPruneDel(RouteIntfKey const& key);
   Vel::Ptr<JoinPruneMessageInfo> rxPruneDel(RouteIntfKey const&) const { Vel::throwConstInstance(); }
-  /// The same for the record at which an iterator stands.
+  /// The same for the record at an iterator's position.
   Vel::Ptr<JoinPruneMessageInfo> rxPruneDel(RxPruneIterator& i) { return rxPruneDel(i.key()); }
   Vel::Ptr<JoinPruneMessageInfo> rxPruneDel(RxPruneIterator&) const { Vel::throwConstInstance(); }
   /// Removes what is there now, and tells the reactors of each.

@@ -8,7 +8,7 @@
 namespace Routing::Pim {
 
 /// An interface on which PIM is enabled. The agent keeps its attributes in step with the world and its
-/// configuration; what each means to the machines, and when they read it, stands at the attribute.
+/// configuration; what each means to the machines, and when they read it, is written at the attribute.
 class VEL_API Intf final : public Vel::Entity {
  public:
   enum Attribute : Vel::AttributeId {
@@ -42,8 +42,8 @@ class VEL_API Intf final : public Vel::Entity {
   void usedAddressWithMaskNotify();
   void usedAddressWithMaskNotify() const { Vel::throwConstInstance(); }
 
-  /// J/P_HoldTime, in seconds (RFC 7761, 4.11: 3.5 times the interval). It goes into messages when their
-  /// timer is armed.
+  /// J/P_HoldTime, in seconds (RFC 7761, 4.11: 3.5 times the interval). It is written into messages when
+  /// their timer is armed.
   VEL_VALUE(U16, joinPruneHoldTime, JoinPruneHoldTime, 210);
 
   /// t_periodic, in seconds (RFC 7761, 4.11). Must not be 0 once there is something to refresh.

@@ -125,11 +125,11 @@ class VEL_API PeriodicTimerSm : public Vel::Machine {
   /// moment at which it was armed: then it waits no longer than the interval with which it was armed.
   void doUpdatePeriodicTimer();
 
-  /// Goes on with the slice 0.1 s from now.
+  /// Continues the slice 0.1 s from now.
   void doReschedulePeriodicTimer();
 
  protected:
-  /// The sending of one expiry: begins with no route done; while it stands, changes of the route count do not
+  /// The sending of one expiry: begins with no route done; while it exists, changes of the route count do not
   /// arm the timer.
   class Sending {
    public:

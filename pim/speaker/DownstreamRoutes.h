@@ -4,7 +4,7 @@
 //       void downstreamChanged(DownstreamEvent const& event) override { ... }
 //     };
 //     DownstreamRoutes downstream(link, printer, upstream);
-//     downstream.joinPruneReceived({neighbor, true, message});   // by whoever receives for the link
+//     downstream.joinPruneReceived({neighbor, true, message});   // by the receiver of the link
 //     if (downstream.route(Route::wildcard(group))) ...          // somebody has joined (*,G)
 //
 // A (*,G) or (S,G) that is here is wanted by a neighbor until it is pruned or expires. An (S,G,rpt) that is

@@ -53,7 +53,7 @@ struct HelloSettings {
 /// Throws Vel::RangeException with the name of the setting and its value if it cannot be: "Hello_Period of
 /// 0 s".
 PIM_SPEAKER_API void requireValid(HelloSettings const& settings);
-/// The hold time that goes into Hellos.
+/// The hold time in Hellos.
 PIM_SPEAKER_API U16 announcedHoldTime(HelloSettings const& settings);
 
 /// A neighbor at one moment.

@@ -20,16 +20,16 @@
 //   - A group has one set in a message, and none if it would be empty. Other entries of a group may be spread
 //     over messages.
 //   - A prune waits while the same (S,G) or (S,G,rpt) is pending as a join: from data that is sent once it
-//     goes in a later message than the join, when the join is no longer pending. In periodic data the join
-//     wins for as long as it stands, and the prune counts as suppressed: a receiver must not lose the route
+//     is sent in a later message than the join, when the join is no longer pending. In periodic data the join
+//     wins as long as it is stored, and the prune counts as suppressed: a receiver must not lose the route
 //     once an interval.
 //
 // What becomes of data that is sent once (triggered and override): what was sent is taken out of it, source
 // by source, once the sink has it. What the filter denies and what is suppressed is taken out with it:
-// nobody wants it sent, now or at the next try. What cannot be encoded (an address of another family, a group
-// that is none) stays, counts as nothing, and holds up nothing behind it.
+// no data set wants it sent, now or at the next try. What cannot be encoded (an address of another family, a
+// group that is none) stays, counts as nothing, and holds up nothing behind it.
 //
-// Periodic data stays as it is. Each message goes on where the last one ended, by key; one that reaches the
+// Periodic data stays as it is. Each message continues where the last one ended, by key; one that reaches the
 // end of the data stops there, and the next begins again at the front. So a round has every route that was
 // there all the time exactly once. What cannot be encoded counts as filtered, because routes that a message
 // passes over must count as done.
@@ -93,7 +93,7 @@ class PIM_SPEAKER_API HeardJoins {
                          RouteKey const& route) const = 0;
 };
 
-/// The filter, the suppression hook, the sink and whoever watches the data may do anything when they are
+/// The filter, the suppression hook, the sink and the data's reactors may do anything when they are
 /// called: change the data, drop it, take down interfaces and machines, let go of this manager. A request for
 /// another message from the data that is just being sent is not served; its report is zero.
 class PIM_SPEAKER_API PacketManager final : public IO::PamManager {
@@ -125,13 +125,13 @@ class PIM_SPEAKER_API PacketManager final : public IO::PamManager {
   /// The engine's data sets, where the prunes are that belong beside a (*,G) join; null for its own set
   /// alone.
   void dataSetsAre(Vel::Ptr<JoinPruneStatus const> const& dataSets) { dataSets_ = dataSets; }
-  /// Who says which periodic joins are left out; null for nobody. It must outlive the manager.
+  /// Who says which periodic joins are left out; null for none. It must outlive the manager.
   void heardJoinsAre(HeardJoins const* heardJoins) { heardJoins_ = heardJoins; }
 
   /// How many (S,G,rpt) prunes were not sent because they had no room beside their (*,G) join.
   U64 prunesLeftOut() const { return prunesLeftOut_; }
 
-  /// How many data sets there are whose last message this manager remembers; those that are gone are
+  /// How many data sets there are whose last message this manager remembers; those that no longer exist are
   /// forgotten.
   std::size_t bookmarks() const { return bookmarks_.size(); }
 
@@ -162,7 +162,7 @@ class PIM_SPEAKER_API PacketManager final : public IO::PamManager {
   HeardJoins const* heardJoins_ = nullptr;
   U64 prunesLeftOut_ = 0;
 
-  // By the data's address; a bookmark goes when its data does.
+  // By the data's address; a bookmark is removed with its data.
   std::unordered_map<Packet::JoinPruneData const*, Vel::Ptr<Bookmark>> bookmarks_;
 };
 

@@ -57,7 +57,7 @@ enum class UpstreamMove : U8 {
 /// Whether a route is refreshed, or why it is not.
 enum class Sending : U8 {
   sent,          ///< It is.
-  notWanted,     ///< Nobody has asked for it.
+  notWanted,     ///< It was not asked for.
   noInterface,   ///< There is no such interface, or it is down or has no address of the family.
   neighborDown,  ///< There is no such neighbor.
   suppressed,    ///< Another router's join was heard, and the next refresh comes early enough.
@@ -149,7 +149,7 @@ class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoi
     Target* target = nullptr;
     IpGenAddr rp;
     U64 version = 0;                        // changes with each wish for it
-    Seconds suppressedUntil = -Vel::never;  // as long as this, another router's join stands for it
+    Seconds suppressedUntil = -Vel::never;  // as long as this, another router's join keeps it
     Seconds heardUntil = -Vel::never;       // when the upstream neighbor forgets that join
   };
 

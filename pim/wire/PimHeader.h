@@ -44,7 +44,7 @@ inline bool isMulticast(IpGenAddr const& address) {
   return address.isIpv6() && address.bytes()[0] == 0xff;
 }
 
-/// The PIM checksum over a message whose checksum field counts as it stands: 0 for a message that is intact,
+/// The PIM checksum over a message whose checksum field is included as it is: 0 for a message that is intact,
 /// the value for the field if the field is zero. Over IPv6 the pseudo-header is included (RFC 7761, 4.9).
 PIM_SPEAKER_API U16 pimChecksum(std::span<U8 const> message, IpGenAddr const& source,
                                 IpGenAddr const& destination);

@@ -1,7 +1,7 @@
 // The wire form of PIM version 2 Join/Prune messages (RFC 7761, 4.9.5). Hello.h has that of Hellos.
 //
 // Bytes are looked at through a Cursor; what comes out is a JoinPrune, which can only be valid, or the
-// reason why there is none. The same value goes back onto the wire, and nothing is lost on the way:
+// reason why there is none. The same value can be encoded again, and nothing is lost:
 //
 //     JoinPrune message(upstreamNeighbor, 210);
 //     message.groupAdd(IpGenAddr("239.1.1.1"));
@@ -34,7 +34,7 @@ struct Source {
   friend bool operator==(Source const& a, Source const& b) = default;
 };
 
-/// One group set, as seen in a message: valid while the message stands and does not change. Several of a
+/// One group set, as seen in a message: valid while the message exists and does not change. Several of a
 /// message may name the same group, and a list may repeat itself.
 class GroupSet {
  public:
@@ -84,7 +84,7 @@ class PIM_SPEAKER_API JoinPrune {
   /// In one list of one group set.
   static constexpr std::size_t maxSources = 65535;
 
-  /// The hold time is in seconds; 65535 means for ever.
+  /// The hold time is in seconds; 65535 means without end.
   JoinPrune(IpGenAddr const& upstreamNeighbor, U16 holdTime);
 
   /// Takes memory for so many, so that adding them takes none.
@@ -106,7 +106,7 @@ class PIM_SPEAKER_API JoinPrune {
     std::size_t const first = sources_.size();
     typename Sources::Cursor join;
     bool more = join.first(joins);
-    // Counted, so that nobody searches for the end.
+    // Counted, so that the end need not be searched.
     for (U32 left = joins.size(); more; more = --left != 0 && join.next(joins)) {
       if (sourceFault(join.key(), family())) {
         sources_.resize(first);

@@ -178,7 +178,7 @@ void TraceFile::advanceTail(Detail::Ring& ring, U64 needed) noexcept {
     U32 oldest[2];
     std::memcpy(oldest, ring.bytes + place, sizeof oldest);
     auto const [bytes, id] = oldest;
-    // Someone else's scribble in the file must not lead the writer out of the ring or around it for ever.
+    // Someone else's scribble in the file must not lead the writer out of the ring or around it without end.
     if (bytes < 8 || bytes % 8 != 0 || bytes > ring.size - place || bytes > own.head - own.tail) {
       own.tail = own.head;
       ring.tailPlace = ring.headPlace == ring.size ? 0 : ring.headPlace;

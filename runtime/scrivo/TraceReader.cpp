@@ -255,7 +255,7 @@ class TraceReader::Source {
     checkArea("descriptors", fixed_.descriptors, 0, Format::maxDescriptorAreaBytes);
     checkArea("messages", fixed_.rings[0], Format::minRingBytes, Format::maxRingBytes);
     checkArea("block timers", fixed_.rings[1], Format::minRingBytes, Format::maxRingBytes);
-    // A file that was cut off is read as far as it goes, so its header has to be right about the rest.
+    // A file that was cut off is read up to its end, so its header has to be right about the rest.
     U64 const end = fixed_.rings[1].offset + fixed_.rings[1].bytes;
     if (fixed_.fileBytes != end)
       refuse("the header says " + std::to_string(fixed_.fileBytes) + " bytes, but the last area ends at " +

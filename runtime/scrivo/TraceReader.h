@@ -35,7 +35,7 @@ using Argument = std::variant<Dova::IpGenAddr, std::string, std::int64_t>;
 /// The kind of an argument.
 VEL_API ArgumentKind kindOf(Argument const& argument);
 
-/// The argument as it stands in the text of its message.
+/// The argument as it is in the text of its message.
 VEL_API std::string toText(Argument const& argument);
 
 /// A piece of a descriptor: a literal or the place of an argument.
@@ -81,7 +81,7 @@ VEL_API std::ostream& operator<<(std::ostream& os, Event const& event);
 struct Damage {
   /// Where it begins in the file, in bytes.
   U64 offset;
-  /// Such as "a record"; lives for ever.
+  /// Such as "a record"; a string literal.
   char const* what;
 };
 

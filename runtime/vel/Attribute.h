@@ -199,7 +199,7 @@
 /// foo(key), fooCount(), fooIterator(), fooIteratorAfter(key), and the notifications.
 #define VEL_ENTITIES_READ(Key, Element, foo, Foo)                                             \
   VEL_COLLECTION_NOTIFY(Key, foo, Foo)                                                        \
-  /** Walks `foo`, and stands whatever happens to it meanwhile. */                            \
+  /** Walks `foo`, and stays valid whatever changes meanwhile. */                             \
   using Foo##Iterator = ::Vel::EntityIterator<Key, Element, Element>;                         \
   /** The same, for reading. */                                                               \
   using Foo##IteratorConst = ::Vel::EntityIterator<Key, Element, Element const>;              \
@@ -233,7 +233,7 @@
     if (removed) foo##Notify(removed->velKey());                                            \
     return removed;                                                                         \
   }                                                                                         \
-  /** The same for the element at which an iterator stands. */                              \
+  /** The same for the element at an iterator's position. */                                \
   ::Vel::Ptr<Element> foo##Del(::Vel::EntityIterator<Key, Element, Element> const& i) {     \
     return foo##Del(i.key());                                                               \
   }                                                                                         \
@@ -308,7 +308,7 @@
 /// fooIs(key) adds and fooDel(key) removes; each returns whether it changed anything, and notifies if so.
 #define VEL_SET(Set, foo, Foo)                                                                \
   VEL_COLLECTION_NOTIFY(Set::Key, foo, Foo)                                                   \
-  /** Walks `foo`, and stands whatever happens to it meanwhile. */                            \
+  /** Walks `foo`, and stays valid whatever changes meanwhile. */                             \
   using Foo##Iterator = ::Vel::SetIterator<Set>;                                              \
   /** The same. */                                                                            \
   using Foo##IteratorConst = Foo##Iterator;                                                   \
@@ -334,7 +334,7 @@
     if (changed) foo##Notify(key);                                                            \
     return changed;                                                                           \
   }                                                                                           \
-  /** The same for the key at which an iterator stands. */                                    \
+  /** The same for the key at an iterator's position. */                                      \
   bool foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }                         \
   /** Removes what is in `foo` now, and tells the reactors of each. */                        \
   void foo##DelAll() {                                                                        \

@@ -10,7 +10,7 @@
 // copies no keys.
 //
 //   for (auto i = status->pimNeighborIterator(); i; ++i)
-//     if (i->intf() == gone) status->pimNeighborDel(i);
+//     if (i->intf() == removed) status->pimNeighborDel(i);
 #pragma once
 
 #include <iterator>

@@ -37,7 +37,7 @@ void Entity::velActIfListening(Act act, Reactor& reactor, void const* context) {
   if (reactor.velListens()) act(*this, reactor, context);
 }
 
-// Goes on after the call of the snapshot's first reactor.
+// Continues after the call of the snapshot's first reactor.
 void Entity::velFinish(Act act, void const* context) {
   Delivery& delivery = *delivery_;
   delivery.snapshot_[0]->deleteRef();

@@ -37,9 +37,9 @@ class VEL_API SnapshotIterator {
   U32 position_ = 0;
 };
 
-/// A delivery to few reactors. It walks the entity's list in place, and counts nobody, for as long as the
+/// A delivery to few reactors. It walks the entity's list in place, and counts no reactor, for as long as the
 /// list, the reactors and the entity stay. What is about to change that gives it a snapshot of what it still
-/// has to do first, so that nobody can tell the difference from a snapshot taken at the start. The entity
+/// has to do first, so that no caller can tell the difference from a snapshot taken at the start. The entity
 /// lives until it has ended.
 class VEL_API Delivery {
  public:

@@ -1,4 +1,4 @@
-// The framework's exceptions. They reach whoever called the mutator; inside a notification the delivery
+// The framework's exceptions. They reach the caller of the mutator; inside a notification the delivery
 // catches them and hands them to the reactor's `onNotificationException`.
 #pragma once
 

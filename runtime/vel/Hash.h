@@ -18,8 +18,8 @@ VEL_API void hashSeedIs(U64 seed);
 VEL_API U64 hashSeed();
 
 namespace Detail {
-// Both secret: whoever knew one factor of a product could choose a key that makes it 0, or 1, and the other
-// factor would have no say, whatever the seed.
+// Both secret: somebody who knew one factor of a product could choose a key that makes it 0, or 1, and the
+// other factor would have no say, whatever the seed.
 VEL_API extern U64 hashSeed;
 VEL_API extern U64 hashSecondSeed;
 

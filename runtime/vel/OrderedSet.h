@@ -141,8 +141,8 @@ class OrderedSet {
 
   static constexpr std::size_t most = 64;  // in a leaf
 
-  // How many keys from the front on fulfil a condition that those behind do not. Which way it goes cannot be
-  // foreseen, so this is written to be computed without branches.
+  // How many keys from the front on fulfil a condition that those behind do not. Which way the search takes
+  // cannot be foreseen, so this is written to be computed without branches.
   template <class Condition>
   static std::size_t partition(std::vector<Key> const& keys, Condition const& condition) {
     Key const* first = keys.data();

@@ -4,8 +4,8 @@
 //   Vel::Ptr<Intf const> view = intf;                                // count 2, read-only
 //   intf = nullptr;                                                  // count 1
 //
-// A counted object lives on the heap and goes when its last Ptr does. There is one count per object, inside
-// it: a plain pointer can be turned into a Ptr at any time.
+// A counted object lives on the heap and is destroyed with its last Ptr. There is one count per object,
+// inside it: a plain pointer can be turned into a Ptr at any time.
 #pragma once
 
 #include <atomic>

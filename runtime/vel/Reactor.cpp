@@ -42,7 +42,7 @@ void Reactor::isNondestructingIs(bool on) {
   flagsAndHolds_ ^= nondestructing;
   if (!notifier_) return;
   if (!isRegisteredNotifiee()) {
-    // Who does not keep the notifier must be found when it goes, registered or not.
+    // A reactor that does not keep its notifier must be found when that is destroyed, registered or not.
     if (on) {
       link();
       flagsAndHolds_ |= unregistered;

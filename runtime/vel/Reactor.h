@@ -15,7 +15,7 @@
 // Callbacks run inside the mutator that caused them, in the order of registration, over a snapshot of the
 // reactors: one that is removed meanwhile is still called in that pass (unless it was switched off, retired
 // or pointed elsewhere), one that is added is not. A callback may do anything: change the entity, remove
-// reactors, drop the last reference to anything. What it throws is contained and goes to its own
+// reactors, drop the last reference to anything. What it throws is contained and handed to its own
 // `onNotificationException`; the others are still called.
 #pragma once
 
@@ -44,7 +44,7 @@ class VEL_API Reactor : public Counted {
   virtual U32 auditErrors() const;
 
   /// A nondestructing reactor does not keep its notifier alive: it gets `onZeroReferences()` when the
-  /// notifier goes, and its notifier reads null afterwards. Off by default.
+  /// notifier is destroyed, and its notifier reads null afterwards. Off by default.
   virtual void isNondestructingIs(bool nondestructing);
   void isNondestructingIs(bool) const { throwConstInstance(); }
   /// Whether this reactor leaves its notifier's life to others.
@@ -117,7 +117,7 @@ class VEL_API Reactor : public Counted {
 
   static constexpr U32 inactive = 1;
   static constexpr U32 nondestructing = 2;
-  static constexpr U32 unregistered = 4;  // in the list only to be detached when the notifier goes
+  static constexpr U32 unregistered = 4;  // in the list only to be detached when the notifier ends
   static constexpr U32 retired = 8;       // a zombie: here as well, so that a delivery asks once
   static constexpr U32 onOpenType = 16;   // other types of reactors may be in the list; never changes
   static constexpr U32 spare = 32;        // see velSpareFlag()
@@ -141,7 +141,7 @@ class VEL_API Reactor : public Counted {
     return (flagsAndHolds_ & (inactive | retired)) == 0 && (notifier_ == entity || notifier_ == nullptr);
   }
 
-  /// Whether it is to be called, while it stands in its notifier's list.
+  /// Whether it is to be called, while it is in its notifier's list.
   bool velListens() const { return (flagsAndHolds_ & (inactive | unregistered | retired)) == 0; }
 
   Entity* notifier_ = nullptr;

@@ -31,7 +31,7 @@ inline constexpr U32 entry = 8;     ///< That a handler was entered.
 inline constexpr U32 most = 30;     ///< The highest.
 }  // namespace TraceLevel
 
-/// The switches of one part of the program. One flag test answers for a line that nobody wants.
+/// The switches of one part of the program. One flag test answers for a line that is not wanted.
 class VEL_API TraceHandle {
  public:
   /// The handle of that name, made when it is first asked for; it lives as long as the process.

@@ -5,7 +5,7 @@
 #include <limits>
 #include <type_traits>
 
-/// For what stands in the path of every change: inlined even where the compiler would rather save space. A
+/// For what is in the path of every change: inlined even where the compiler would rather save space. A
 /// build that counts branches defines it as nothing, or they would count again for each caller.
 #ifndef VEL_INLINE
 #define VEL_INLINE __attribute__((always_inline))
@@ -38,7 +38,7 @@ inline constexpr AttributeId zeroReferencesId = 5;
 inline constexpr AttributeId firstAttributeId = 130;
 
 /// How an accessor hands out a value: small trivial types by value, so that a caller's copy survives the
-/// entity; the others by reference, valid until the attribute changes or the entity goes.
+/// entity; the others by reference, valid until the attribute changes or the entity ends.
 template <class T>
 using Read = std::conditional_t<std::is_trivially_copyable_v<T> && sizeof(T) <= 32, T, T const&>;
 

@@ -49,7 +49,7 @@ class VEL_API TimerWheel : public Vel::Entity {
   /// A reactor that holds the wheel, without a timer.
   class NotifieeConst : public Vel::ReactorOn<TimerWheel> {};
 
-  /// A timer. It goes off the wheel when it is destroyed or pointed at another wheel.
+  /// A timer. It leaves the wheel when it is destroyed or pointed at another wheel.
   class VEL_API Notifiee : public Vel::WritableReactor<NotifieeConst, TimerWheel>, private Link {
    public:
     /// What makes it a reactor.
@@ -73,7 +73,7 @@ class VEL_API TimerWheel : public Vel::Entity {
     /// True if the timer expired while it could not be called, and was not armed or disarmed since.
     bool missed() const { return velSpareFlag(); }
 
-    /// Goes over to another wheel, or to none, with the time that is set.
+    /// Moves to another wheel, or to none, with the time that is set.
     void notifierIs(Vel::Ptr<TimerWheel> const& wheel) override;
 
     /// The time has come. The timer reads as unarmed and may be armed again: a time that is due already waits
@@ -110,8 +110,8 @@ class VEL_API TimerWheel : public Vel::Entity {
 
   /// Calls every timer that is due now. What becomes due or is armed for the past meanwhile waits for the
   /// next call. A timer that is moved, disarmed or destroyed by another's callback is not called. What
-  /// `onTime()` throws goes to that timer's `onNotificationException()`. Called from inside an `onTime()`, it
-  /// does nothing.
+  /// `onTime()` throws is handed to that timer's `onNotificationException()`. Called from inside an
+  /// `onTime()`, it does nothing.
   void expire();
 
   /// How many timers are armed.
@@ -128,9 +128,9 @@ class VEL_API TimerWheel : public Vel::Entity {
  private:
   // Timers wait in rings, each in the order of arming, and at first in one. When the earliest is asked for,
   // the ring that is first in line is split into rings for ranges of time, and the first of those again,
-  // until it has few timers or a single time. A fan stands in for a ring that was split. So a timer is looked
-  // at once for each split on its way to the front, each into at least 31 ranges, and what is far ahead costs
-  // nothing.
+  // until it has few timers or a single time. A fan takes the place of a ring that was split. So a timer is
+  // looked at once for each split on its way to the front, each into at least 31 ranges, and what is far
+  // ahead costs nothing.
   //
   // Times are compared as 64-bit numbers in the same order, so that ranges are cut by shifting, whatever the
   // times.
@@ -146,7 +146,7 @@ class VEL_API TimerWheel : public Vel::Entity {
     U32 shift;
     // A bit for each ring that has had timers since it was last looked at. The others are not valid.
     U64 used = 0;
-    // The fan that stands in for a ring, or none.
+    // The fan in place of a ring, or none.
     Vel::U8 fanOf[ringsOfFan];
     Link rings[ringsOfFan];
 
@@ -183,9 +183,9 @@ class VEL_API TimerWheel : public Vel::Entity {
   mutable Seconds earliest_ = Vel::never;
   mutable bool earliestKnown_ = true;
   // Asking for the earliest time splits rings, which no caller can notice.
-  mutable Vel::U8 top_ = none;  // the fan that stands in for all_
+  mutable Vel::U8 top_ = none;  // the fan in place of all_
   mutable Link all_;
-  mutable U32 spare_ = (1u << fanCount) - 1;  // a bit for each fan that stands in for no ring
+  mutable U32 spare_ = (1u << fanCount) - 1;  // a bit for each fan that is not in use
   mutable Fan fans_[fanCount];
   Link due_;  // what the expire() in progress has still to call, in order
 };

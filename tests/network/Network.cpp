@@ -240,7 +240,7 @@ void Network::noteLoss(Router const& router, Speaker::DownstreamEvent const& eve
     wrongLosses_.push_back(what + ", joined at " + std::to_string(last->second.first));
   if (!areWantedLossesNoted_) return;
   auto const wanted = wantedFrom(static_cast<U32>(std::stoul(event.intf.name().substr(3))), router.number);
-  // A source that is pruned while nobody has joined the tree is pruned off nothing.
+  // A source that is pruned while no router has joined the tree is pruned off nothing.
   bool const isWrong = isPrune ? !hasExpired && wanted.contains(Route::wildcard(event.route.group)) &&
                                      !wanted.contains(event.route)
                                : wanted.contains(event.route);

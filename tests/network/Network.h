@@ -73,7 +73,7 @@ class Network {
   void want(U32 router, Wish const& wish);
   /// It no longer does.
   void leave(U32 router, Route route);
-  /// It begins again with what it wants, without a word to anybody.
+  /// It begins again with what it wants, without a goodbye.
   void restart(U32 router);
   /// It ends without a word. restart() brings it back.
   void vanish(U32 router);

@@ -159,7 +159,7 @@ TEST_P(NetworkTest, WhatARouterThatVanishesHasAskedForExpiresAndIsThereAgainWhen
 
 TEST_P(NetworkTest, ARouteThatEndsSinceAPruneWasNotHeardIsJoinedAgainAtOnce) {
   TenRouters network(GetParam());
-  network.hasPrunes = false;  // Nobody is told of a source that is pruned.
+  network.hasPrunes = false;  // No router is told of a source that is pruned.
   network.fill();
   network.faultsAre({.delay = shortDelay});
   network.runFor(startedAfter);

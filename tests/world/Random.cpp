@@ -114,7 +114,7 @@ void Random::time(Operation& o) {
 void Random::machines(Operation& o, bool nested) {
   o.what = oneOf({Do::seed, Do::quantum, Do::quantum, Do::interval, Do::diag, Do::start, Do::start, Do::start,
                   Do::drop, Do::hold, Do::release, Do::record});
-  // Whoever may be sending needs not know why it was held.
+  // What may be sending needs not know why it was held.
   if (nested && (o.what == Do::hold || o.what == Do::release)) o.what = Do::drop;
   o.a = static_cast<U8>(below(Names::targets));
   o.n = o.what == Do::seed ? below(1000) : o.what == Do::record ? !oneIn(3) : below(2);

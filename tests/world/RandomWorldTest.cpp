@@ -83,7 +83,7 @@ class RandomWorldTest : public testing::TestWithParam<Profile> {
   }
   ~RandomWorldTest() override { munmap(progress_, sizeof(Progress)); }
 
-  /// Goes through world after world. Empty, or what differs.
+  /// Runs one world after the other. Empty, or what differs.
   std::string run(U64 firstSeed, U64 operations, World::Traces traces = World::Traces::all) {
     for (progress_->seed = firstSeed; progress_->operations < operations; ++progress_->seed) {
       World world(traces);

@@ -2,33 +2,12 @@
 // and the view of the options shows as many as are in it.
 #include "pim/wire/Hello.h"
 
-#include "fuzz/Fuzz.h"
-
-namespace {
+#include "fuzz/pim/wire/Message.h"
 
 using namespace Routing::Pim::Wire;
-using Fuzz::Input;
-
-std::vector<U8> mended(std::span<U8 const> bytes, IpGenAddr const& source, IpGenAddr const& destination) {
-  std::vector<U8> message(bytes.begin(), bytes.end());
-  if (message.size() < 4) return message;
-  message[2] = message[3] = 0;
-  U16 const checksum = pimChecksum(message, source, destination);
-  message[2] = static_cast<U8>(checksum >> 8);
-  message[3] = static_cast<U8>(checksum);
-  return message;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(U8 const* data, std::size_t size) {
-  Input input(data, size);
-  U8 const how = input.u8();
-  bool const ipv6 = how & 1, asItIs = how & 2;
-  IpGenAddr const source(ipv6 ? "fe80::14" : "10.0.0.14");
-  IpGenAddr const destination = allPimRouters(source.af());
-  auto const rest = input.rest();
-  auto const bytes = asItIs ? std::vector<U8>(rest.begin(), rest.end()) : mended(rest, source, destination);
+  auto const [source, destination, bytes] = Fuzz::takeMessage(data, size);
 
   std::size_t end = 4, unknown = 0;
   HelloOptions options(bytes);

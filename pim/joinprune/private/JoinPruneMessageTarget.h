@@ -6,7 +6,7 @@
 
 namespace Routing::Pim {
 
-// What a neighbor machine is made with. Making each set calls out, and whoever is called may take the target
+// What a neighbor machine is made with. Making each set calls out, and what is called may take the target
 // away or make it himself; so each step asks whether it is still wanted.
 struct JoinPruneMessageSm::Target {
   Vel::Ptr<Packet::JoinPruneData> triggered;
@@ -19,7 +19,7 @@ template <class Wanted>
 bool JoinPruneMessageSm::openTarget(Target& target, Dova::IpGenAddr const& address, Wanted const& wanted) {
   if (!joinPruneStatus_ || !wanted()) return wanted();
   // Somebody may remove a set while another is made; what is there already is found without calling out, so
-  // that the second round mostly is the last. Who removes them for ever gets no machine.
+  // that the second round mostly is the last. A callback that removes them each time gets no machine.
   for (int round = 0; round < 4; ++round) {
     target.triggered = joinPruneStatus_->triggeredGroupIs(address);
     if (!wanted()) return false;
@@ -36,7 +36,7 @@ bool JoinPruneMessageSm::openTarget(Target& target, Dova::IpGenAddr const& addre
   return false;
 }
 
-// Removes a target's machine and data sets, as long as nobody takes the target up again meanwhile.
+// Removes a target's machine and data sets, as long as no callback takes the target up again.
 template <class Wanted>
 void JoinPruneMessageSm::closeTarget(Dova::IpGenAddr const& address, Wanted const& wanted) {
   auto const stays = [&] { return wanted() || succeeded(); };

@@ -8,8 +8,8 @@ namespace Routing::Pim {
 
 template <>
 struct EngineAccess<JoinPruneStatus> {
-  /// The message machine that was started on this last and has not gone since. The data sets are its own: an
-  /// earlier one, which an agent may still hold or which is just going, removes none of them.
+  /// The message machine that was started on this last, unless it was destroyed since. The data sets are its
+  /// own: an earlier one, which an agent may still hold or which is just going, removes none of them.
   static void const* machine(JoinPruneStatus const& status) { return status.machine_; }
   static void machineIs(JoinPruneStatus& status, void const* machine) { status.machine_ = machine; }
 };
@@ -24,11 +24,11 @@ struct EngineAccess<JoinPruneMessageInfo> {
       info.velDeliver<Info::NotifieeConst, Info::riKeyId>([](Info::NotifieeConst& r) { r.onRiKey(); });
   }
 
-  /// True if nobody watches, so that nobody hears of what is written before the last of many entries.
+  /// True if no reactor watches, so that none is told of what is written before the last of many entries.
   static bool unheard(Info const& info) { return !info.velWatched(); }
 
   /// Becomes what the joins of a group leave, which came in a message for `upstreamNeighbor`: as if each of
-  /// them had been written. REQUIRES: there is a source, and nobody watches.
+  /// them had been written. REQUIRES: there is a source, and no reactor watches.
   static void joinsAre(Info& info, Dova::IpGenAddr const& upstreamNeighbor, Seconds holdTime,
                        Dova::IpGenAddr const& group, Vel::HashSet<Dova::IpGenAddr> const& sources) {
     Vel::HashSet<Dova::IpGenAddr>::Cursor source;

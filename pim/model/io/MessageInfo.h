@@ -6,7 +6,7 @@
 namespace Routing::Pim::IO {
 
 /// One received or outgoing PIM message after another. Setting the message and raising the count says: here
-/// is one. Whoever watches the channel has dealt with it when `countInc(1)` returns.
+/// is one. All reactors of the channel have dealt with it when `countInc(1)` returns.
 class VEL_API MessageInfo final : public Vel::Entity {
  public:
   enum Attribute : Vel::AttributeId { joinPruneMessageId = Vel::firstAttributeId, intfIdId, countId };
@@ -22,7 +22,7 @@ class VEL_API MessageInfo final : public Vel::Entity {
   /// The message; null until set.
   VEL_POINTER(Packet::JoinPruneMessage, joinPruneMessage, JoinPruneMessage);
 
-  /// The interface that it came in on or goes out of.
+  /// The interface that it was received on or is sent from.
   VEL_VALUE(Dova::IntfId, intfId, IntfId);
 
   /// How many messages there have been, modulo 2^32.

@@ -46,7 +46,8 @@ struct EngineAccess<Packet::JoinPruneData> {
 
 template <>
 struct EngineAccess<PeriodicTimerSm> {
-  /// True if a change of the route count would do no more than move the parameters, and nobody hears of that.
+  /// True if a change of the route count would do no more than move the parameters, and no reactor is told of
+  /// that.
   static bool paceIsSet(PeriodicTimerSm const& sm) {
     return (!sm.periodicTimer_ || sm.periodicTimer_->armed()) && !sm.velWatched();
   }

@@ -12,8 +12,8 @@ namespace Routing::Pim::Speaker {
 /// A binary heap of objects by time, so that a class with a million timers needs one timer on the wheel and
 /// 16 bytes for each. An Element has a member `std::size_t deadlineIndex`, which belongs to this class.
 ///
-/// A deadline that becomes later need not be told: whoever takes the first element looks at the element's own
-/// time and moves it then. So a route that is refreshed again and again costs nothing here.
+/// A deadline that becomes later need not be told: the code that takes the first element looks at the
+/// element's own time and moves it then. So a route that is refreshed again and again costs nothing here.
 template <class Element>
 class Deadlines {
  public:

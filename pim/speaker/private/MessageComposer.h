@@ -55,7 +55,7 @@ class Composer {
     message_.reserve(std::min(likely, capacity_ + 1), std::min(likely, capacity_ + 1));
   }
 
-  // Goes on from a position, or from the front.
+  // Continues from a position, or from the front.
   void compose(std::optional<Position> const& from) {
     if (from) {
       Vel::Ptr<GroupData> const group = data_->joinPruneGroupData(from->group);
@@ -73,7 +73,7 @@ class Composer {
   MessageReport const& report() const { return report_; }
   // How many (S,G,rpt) prunes had no room beside their (*,G) join.
   U64 prunesLeftOut() const { return prunesLeftOut_; }
-  // Where the next message goes on; the front if there is none.
+  // Where the next message continues; the front if there is none.
   std::optional<Position> const& resume() const { return resume_; }
 
   // Takes what was sent, filtered and suppressed out of data that is sent once. Each removal calls out.
@@ -86,7 +86,7 @@ class Composer {
     std::vector<std::pair<EntryKind, IpGenAddr>> sources;
   };
 
-  // These say whether the message goes on. If it does not, resume_ is set.
+  // These say whether the message continues. If it does not, resume_ is set.
 
   // From a place in the table on.
   bool addGroups(EngineAccess<Data>::GroupTable::Place place) {
@@ -113,7 +113,7 @@ class Composer {
     return EngineAccess<Data>::groups(*data_).after(group);
   }
 
-  // The bulk of a refresh: a group of (S,G) joins that all go, where nobody has a say in it. Nothing is
+  // The bulk of a refresh: a group of (S,G) joins that are all sent, where no hook is asked. Nothing is
   // called, so nothing needs to be held. What is in any way special is left to addGroup().
   bool addPlainGroup(GroupData const& group) {
     if (!isPlain_ || passedOver_ >= PacketManager::maxPassedOver) return false;
@@ -305,7 +305,7 @@ class Composer {
   Vel::Ptr<Data> const data_;
   bool const keepsData_;
   bool const leavesOut_;  // Some joins of this message may be left out, since others were heard.
-  bool const isPlain_;    // Nobody is asked about an entry, and none is taken out of the data.
+  bool const isPlain_;    // No hook is asked about an entry, and none is taken out of the data.
 
   // The message so far.
   Wire::JoinPrune message_;

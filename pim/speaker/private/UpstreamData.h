@@ -1,6 +1,6 @@
 // Single entries in the engine's data sets. Not part of the library's interface.
 //
-// Every change calls out: the engine's reactors write trace lines. Whoever calls these asks afterwards what
+// Every change calls out: the engine's reactors write trace lines. The caller of these asks afterwards what
 // is still there.
 #pragma once
 

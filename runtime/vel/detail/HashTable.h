@@ -2,7 +2,7 @@
 //
 // An array in one order: ascending bit-reversed hash, then key. Up to 8 entries lie side by side. A larger
 // table is addressed openly: the home of an entry is where its reversed hash falls if all of them are spread
-// evenly over the buckets, an entry whose home is taken stands behind it, and the array goes on for a little
+// evenly over the buckets, an entry whose home is taken is behind it, and the array continues for a little
 // behind the last bucket. So it is sorted all the same, with gaps. That gives three things at once:
 //
 //   - a walk is a walk over an array, in an order that depends on the keys alone, never on the table's size;
@@ -206,23 +206,23 @@ class HashTable {
     return from(at);
   }
 
-  /// What stands at a position of the walk.
+  /// What is at a position of the walk.
   Stored const& at(U32 position) const { return stored()[position]; }
   void atIs(U32 position, Stored value) { stored()[position] = std::move(value); }
   U32 markAt(U32 position) const {
     return isInside() ? Slot::mark(keyAt(position)) : compared(many_.marks[position]);
   }
-  /// A number with the tag of what stands at a position, as `Slot::key()` takes it.
+  /// A number with the tag of what is at a position, as `Slot::key()` takes it.
   U32 tagAt(U32 position) const { return isInside() ? inside_.tag : compared(many_.marks[position]); }
   decltype(auto) keyAt(U32 position) const { return Slot::key(tagAt(position), stored()[position]); }
 
   /// The position of a walk that is over.
   static constexpr U32 end() { return none; }
 
-  /// What stands at all positions, for somebody who looks at several.
+  /// What is at all positions, for a caller that looks at several.
   Stored const* all() const { return stored(); }
 
-  /// Whether something stands at any position in memory of the table's own, beyond the last one too.
+  /// Whether something is at any position in memory of the table's own, beyond the last one too.
   bool isUsed(U32 position) const { return position < many_.places && many_.marks[position] != unused; }
 
   /// Asks for the memory in which a walk begins.
@@ -232,14 +232,14 @@ class HashTable {
 
  private:
   // A mark as it is compared: signed, for which processors have an instruction. Tag 3 is no key's, so the
-  // largest number is nobody's mark: places that are not used come behind all that are.
+  // largest number is no key's mark: places that are not used come behind all that are.
   using Compared = std::int32_t;
   static constexpr U32 sign = 0x80000000;
   static constexpr Compared unused = 0x7fffffff;
   static Compared compared(U32 mark) { return static_cast<Compared>(mark ^ sign); }
   static U32 compared(Compared mark) { return static_cast<U32>(mark) ^ sign; }
 
-  // Buckets are homes; the tail is for what stands behind the last of them. A small table is nothing but
+  // Buckets are homes; the tail is for what is behind the last of them. A small table is nothing but
   // tail.
   struct Shape {
     U32 buckets, tail;
@@ -263,7 +263,7 @@ class HashTable {
     return isInside() ? Shape{0, 0} : Shape{many_.buckets, many_.places - many_.buckets};
   }
 
-  // Doubling is what inserting costs least with. Where the marks weigh as much as what is stored, it goes in
+  // Doubling is what inserting costs least with. Where the marks weigh as much as what is stored, it grows in
   // smaller steps once memory counts; moving everything over is a walk in order.
   Shape larger() const {
     constexpr U32 many = sizeof(Stored) <= 8 ? 1u << 17 : 1u << 30;
@@ -347,7 +347,7 @@ class HashTable {
   }
 
   // The first position from a mark's home on that is free or not before it. There is no loop that would end
-  // at a place that nobody can predict, and hold up the next search until memory has answered.
+  // at a place that cannot be predicted, and hold up the next search until memory has answered.
   U32 firstNotBefore(U32 mark) const {
     U32 at = 0;
     Compared const wanted = compared(mark);
@@ -434,7 +434,7 @@ class HashTable {
     return placeOf(mark, key);
   }
 
-  // Everything goes over in order, so each comes behind the one before it or to its home. If the last ones
+  // Everything is moved in order, so each comes behind the one before it or to its home. If the last ones
   // find no place, the tail was too short for them.
   void rehash(Compared* marks, Shape shape) {
     Stored* const all = stored();
@@ -496,7 +496,7 @@ class HashTable {
       rehash(prepared(memory, shape), shape);
   }
 
-  // One that is alone lies in the table itself, and nobody asks for its hash.
+  // One that is alone lies in the table itself, and its hash is not asked for.
   struct Inside {
     U32 places;
     U32 tag;

@@ -607,7 +607,7 @@ TEST_F(JoinPruneMessageSmTest, AnInterfaceAnnouncedAgainWhileItsMachineIsMadeGet
   EXPECT_EQ(sets("10.0.0.1"), "top");
 }
 
-// Whoever is called while a target's sets are made may change everything; afterwards status and machine
+// A callback while a target's sets are made may change everything; afterwards status and machine
 // agree.
 TEST_F(JoinPruneMessageSmTest, ATargetThatIsTakenAwayWhileItIsMadeLeavesNothingBehind) {
   class Meddler final : public JoinPruneStatus::NotifieeConst {

@@ -145,7 +145,7 @@ TEST_F(JoinPruneNeighborSmTest, TheStartUpCountIsToldStepByStepToWhoeverHearsOnl
             3);
 }
 
-// Whoever is called during the start-up may change what is being counted.
+// A callback during the start-up may change what is being counted.
 TEST_F(JoinPruneNeighborSmTest, TheStartUpCountIsRightWhateverChangesMeanwhile) {
   class Hook final : public Packet::JoinPruneData::NotifieeConst {
    public:
@@ -725,7 +725,7 @@ TEST_F(JoinPruneNeighborSmTest, AsAZombieItHearsOfNothingAndItsPeriodicMachineNe
 TEST_F(JoinPruneNeighborSmTest, AGroupThatIsThereAndFilledArmsTheTimerOrCounts) {
   auto const parent = start();
   make(parent.get());
-  // A group that was filled before anybody heard of it arms and counts nothing by itself.
+  // A group that was filled before a reactor was told of it arms and counts nothing by itself.
   for (auto const& data : {t, p}) {
     data->newJoinPruneGroupData(addr("239.1.1.1"))->joinedSourceIs(addr("10.9.0.1"));
     data->joinPruneGroupDataNotify(addr("239.1.1.1"));
@@ -855,7 +855,7 @@ TEST_F(JoinPruneNeighborSmTest, AGroupThatComesWhileMemoryIsShortIsTakenUpSoonAn
       EXPECT_FALSE(own->triggeredTimer()->armed());
       w.runUntil(w.time + 5);
       EXPECT_EQ(w.manager->sent.size(), which == 2 ? 0u : 2u);
-      // The record is replaced, which counts nothing, and everything goes, which ends at 0.
+      // The record is replaced, which counts nothing, and everything is removed, which ends at 0.
       if (which == 2) {
         g->wcSourceDataIs(wildcard("10.5.0.3"));
         EXPECT_EQ(own->numPeriodicRoutes(), 4u);

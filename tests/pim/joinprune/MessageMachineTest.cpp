@@ -87,7 +87,7 @@ TEST_F(MessageMachineTest, TellsOfNoMachineThatWasTakenAwayInItsStart) {
   inLine("total number of periodic", [&] { machine->joinPruneNeighborSmDel(addr("10.0.0.2")); });
   neighbor("10.0.0.2", eth0);
   EXPECT_FALSE(sm("10.0.0.2"));
-  EXPECT_THAT(watcher->lines, testing::ElementsAre("machine 10.0.0.2"));  // that it is gone
+  EXPECT_THAT(watcher->lines, testing::ElementsAre("machine 10.0.0.2"));  // that it was removed
   watcher->lines.clear();
   inLine("total number of periodic", [&] { machine->joinPruneNeighborSmDel(addr("10.0.0.3")); });
   machine->joinPruneNeighborSmIs(machine.get(), addr("10.0.0.3"), nullptr, eth0, nullptr, nullptr, nullptr,
@@ -101,7 +101,7 @@ TEST_F(MessageMachineTest, TellsOfNoInterfaceThatWasTakenAwayWhileItsMachineWasM
   inLine("(eth0), Intf up", [&] { pim->pimIntfDel(Dova::IntfId("eth0")); });
   intf("eth0", "10.0.0.1/24");
   EXPECT_EQ(machine->pimIntfCount(), 0u);
-  EXPECT_THAT(watcher->lines, testing::ElementsAre("intf eth0"));  // that it is gone
+  EXPECT_THAT(watcher->lines, testing::ElementsAre("intf eth0"));  // that it was removed
 }
 
 TEST_F(MessageMachineTest, KeepsAMachineOrReactorThatIsMadeAnewWhileAllAreDeleted) {

@@ -159,7 +159,7 @@ TEST_F(NeighborMachineTest, HandlesAGroupByHandTheSameWayWithoutTraces) {
   }
   EXPECT_EQ(wheel->armedCount(), 0u);
   EXPECT_EQ(own->numPeriodicRoutes(), 0u);
-  // One that was filled before anybody heard of it.
+  // One that was filled before a reactor was told of it.
   for (auto const& data : {triggered(N), override_(N), periodic(N)})
     data->newJoinPruneGroupData(addr(G))->joinedSourceIs(addr(S));
   own->handlePeriodicGroup(addr("239.1.1.3"));

@@ -1,4 +1,4 @@
-// The machines take short cuts while nobody watches and nothing is traced. Both ways have one outcome.
+// The machines take short cuts while no reactor watches and nothing is traced. Both ways have one outcome.
 #include <cstdlib>
 #include <map>
 #include <random>

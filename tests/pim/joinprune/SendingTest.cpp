@@ -358,7 +358,7 @@ TEST_P(SendingTest, AMachineThatIsRetiredWhileTheRecordIsPointedAtItsDataSaysNot
   }
 }
 
-// Writing the hold time calls out, and whoever is called may be quicker.
+// Writing the hold time calls out, and the callback may act first.
 class HoldTimeHook final : public Packet::JoinPruneData::NotifieeConst {
  public:
   explicit HoldTimeHook(std::function<void()> act) : act_(std::move(act)) {}

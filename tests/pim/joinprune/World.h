@@ -1,4 +1,4 @@
-// Everything that a Join/Prune machine needs around it, with a clock that stands still until a test moves it.
+// Everything that a Join/Prune machine needs around it, with a clock that only a test moves.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -153,7 +153,7 @@ class PacketManager final : public IO::PamManager {
     }
   }
 
-  // Goes round the (S,G) joins of the data, from where the last message ended.
+  // Walks the (S,G) joins of the data, from where the last message ended.
   void refresh(Packet::JoinPruneData& data, std::string const& head, std::string const& tail,
                Packet::JoinPruneMessage::Report& report) {
     std::vector<RouteKey> routes;

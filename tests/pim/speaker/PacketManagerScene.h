@@ -177,12 +177,12 @@ class PacketManagerTest : public testing::Test {
     return message->report();
   }
 
-  /// Goes on until nothing is left or a step makes no progress, as an expiry without a deadline.
+  /// Continues until nothing is left or a step makes no progress, as an expiry without a deadline.
   void askForAll(Data const& data, std::string_view intf = "eth0") {
     for (U32 steps = 0; data->joinPruneGroupDataCount() != 0; ++steps) {
       auto const report = ask(data, intf);
       if (report.sources == 0 && report.filteredSources == 0) return;
-      ASSERT_LT(steps, 100'000u) << "it goes on for ever";
+      ASSERT_LT(steps, 100'000u) << "it does not end";
     }
   }
 

@@ -318,7 +318,7 @@ TEST_F(PacketManagerTest, GoesOnBehindAGroupOrSourceThatIsGone) {
   ask(data);
   EXPECT_THAT(taken(),
               ElementsAre(Lines{"prune (S,G,rpt) 10.9.0.3 239.1.1.1", "prune (S,G,rpt) 10.9.0.4 239.1.1.1"}));
-  // What is left of the group goes, and with it everything behind the bookmark: the front is next.
+  // What is left of the group is removed, and with it everything behind the bookmark: the front is next.
   for (U32 n = 1; n <= 5; ++n) group->prunedRptSourceDel(behind("10.9.0.0", n));
   data->joinPruneGroupDataDel(IpGenAddr("239.1.1.1"));
   groupIs(data, "239.1.1.2")->joinedSourceIs(IpGenAddr("10.9.0.1"));
@@ -819,7 +819,7 @@ TEST_F(PacketManagerTest, HasNoJoinAndPruneOfTheSameInAMessageAlsoIfTheHookTurns
     if (!rpt) group->joinedRptSourceIs(other);
     askForAll(data);
     auto const messages = taken();  // which looks for a join beside a prune
-    EXPECT_THAT(messages, SizeIs(2)) << "what it became goes afterwards";
+    EXPECT_THAT(messages, SizeIs(2)) << "what it became is sent afterwards";
     EXPECT_EQ(data->joinPruneGroupDataCount(), 0u);
   }
 }
@@ -952,7 +952,7 @@ TEST_F(PacketManagerTest, SendsEverythingThatIsPendingOnceWithoutBreakingARule) 
     U32 const mtu = smallest + random.below(600);
     mtuIs(intf, mtu);
     auto const pending = entriesOf(data);
-    // What goes with a (*,G) join: the prunes that do not wait for a join.
+    // What is sent beside a (*,G) join: the prunes that do not wait for a join.
     std::map<IpGenAddr, std::set<IpGenAddr>> along;
     for (auto i = data->joinPruneGroupDataIterator(); i; ++i) {
       if (!i->wcSourceData() || !i->wcSourceData()->join()) continue;
@@ -1216,11 +1216,11 @@ struct Disaster {
 };
 
 std::vector<Disaster> const disasters = {
-    {"the neighbor goes", [](SendingWorld& w) { w.pim->pimNeighborDel(addr("10.0.0.2")); }},
-    {"the interface goes", [](SendingWorld& w) { w.pim->pimIntfDel(Dova::IntfId("eth0")); }},
+    {"the neighbor is removed", [](SendingWorld& w) { w.pim->pimNeighborDel(addr("10.0.0.2")); }},
+    {"the interface is removed", [](SendingWorld& w) { w.pim->pimIntfDel(Dova::IntfId("eth0")); }},
     {"the interface changes its address",
      [](SendingWorld& w) { w.eth0->usedAddressWithMaskIs(*Dova::IpGenPrefix::fromText("10.0.7.1/24")); }},
-    {"the machine goes", [](SendingWorld& w) { w.machine = nullptr; }},
+    {"the machine is dropped", [](SendingWorld& w) { w.machine = nullptr; }},
     {"the data sets go",
      [](SendingWorld& w) {
        w.status->triggeredGroupDelAll();
@@ -1242,13 +1242,13 @@ std::vector<Disaster> const disasters = {
      [](SendingWorld& w) {
        for (bool const override : {false, true}) w.data(override)->joinPruneGroupDataDelAll();
      }},
-    {"the manager goes",
+    {"the manager is dropped",
      [](SendingWorld& w) {
        w.sending->txMessageInfoDel();
        w.sending = nullptr;
        w.machine = nullptr;
      }},
-    {"everything goes",
+    {"everything is dropped",
      [](SendingWorld& w) {
        w.pim->pimNeighborDelAll();
        w.pim->pimIntfDelAll();

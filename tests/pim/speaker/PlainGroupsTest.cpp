@@ -1,5 +1,5 @@
-// Groups of (S,G) joins, where nobody is asked about an entry, go into a message by a short cut. It ends as
-// the long way does.
+// Groups of (S,G) joins, where no hook is asked about an entry, are added to a message by a short cut. It
+// ends as the long way does.
 #include <gtest/gtest.h>
 
 #include <random>

@@ -120,7 +120,8 @@ TEST_P(UpstreamChangesTest, AChangeFromInsideAnotherOneIsTheOneThatCounts) {
   int changedInside = 0;
   for (int i = 0; i < 2000; ++i) {
     U32 const outer = static_cast<U32>(random()), inner = static_cast<U32>(random());
-    // Time does not move inside, and a neighbor that goes up or down twice at once is no change of a wish.
+    // Time does not move inside, and a neighbor that comes up or goes down twice at once is no change of a
+    // wish.
     bool const isWish = inner / 24 % 10 < 4;
     atLine(1 + static_cast<U32>(random()) % 12, [&] {
       if (!isWish) return;

@@ -115,7 +115,7 @@ TEST_P(KindTest, TheEntityMayBeDroppedInsideTheDelivery) {
   };
   scene.change();  // the scene's pointer is the only one
   // In the middle of the pass the reactors hear of the lamp's end, its emptied collections included; then it
-  // goes on.
+  // continues.
   Log const heard = taken(scene.log), expected = scene.heardBy("abc");
   auto next = expected.begin();
   for (auto const& line : heard)
