@@ -31,8 +31,9 @@ IpGenAddr Network::addressOf(U32 lan, U32 router, AddressFamily family) {
   return IpGenAddr("fe80::" + std::to_string(router + 1));
 }
 
-Network::Network(U64 seed, Settings settings)
+Network::Network(U64 seed, Settings settings, Families families)
     : settings_(std::move(settings)),
+      families_(std::move(families)),
       random_(seed),
       wheel_(Vel::create<Zanth::TimerWheel>([this] { return now_; })) {
   srand48(static_cast<long>(random_.bits32()));
@@ -64,11 +65,10 @@ void Network::start(Router& router) {
 
 void Network::interfaceIs(Router& router, U32 lan) {
   if (!router.speaker) return;
-  auto const address = [&](AddressFamily family) { return addressOf(lan, router.number, family); };
-  router.speaker->interfaceIs(nameOf(lan),
-                              {Dova::IpGenPrefix(address(AddressFamily::ipv4), 16),
-                               Dova::IpGenPrefix(address(AddressFamily::ipv6), 64)},
-                              settings_(router.number));
+  std::vector<Dova::IpGenPrefix> addresses;
+  for (AddressFamily const family : families_)
+    addresses.emplace_back(addressOf(lan, router.number, family), family == AddressFamily::ipv4 ? 16 : 64);
+  router.speaker->interfaceIs(nameOf(lan), addresses, settings_(router.number));
 }
 
 void Network::tell(Router& router, Wish const& wish) {
@@ -120,13 +120,13 @@ void Network::end(U32 router) {
 void Network::runFor(Seconds time) {
   Seconds const end = now_ + time;
   while (true) {
-    Seconds const packet = underway_.empty() ? Vel::never : underway_.begin()->first.first;
+    Seconds const packet = underway_.empty() ? Vel::never : underway_.top().arrival;
     Seconds const next = std::min(packet, wheel_->timeMin());
     if (next > end) break;
     now_ = std::max(now_, next);
     if (packet <= now_) {
-      Delivery const delivery = underway_.begin()->second;
-      underway_.erase(underway_.begin());
+      Delivery const delivery = underway_.top();
+      underway_.pop();
       receive(delivery);
     } else {
       wheel_->expire();
@@ -173,10 +173,12 @@ void Network::deliver(U32 lan, U32 from, Speaker::Outgoing const& outgoing) {
       continue;
     }
     for (int copies = happens(faults_.duplicate) ? 2 : 1; copies > 0; --copies) {
-      Seconds& latest = place.latest[{from, to}];
-      Seconds const arrival = now_ + random_.between(0, faults_.delay);
-      latest = std::max(latest, arrival);
-      underway_.emplace(std::pair(faults_.reorder ? arrival : latest, ++packets_), Delivery{to, packet});
+      Seconds arrival = now_ + random_.between(0, faults_.delay);
+      if (faults_.delay > 0 && !faults_.reorder) {
+        Seconds& latest = place.latest[{from, to}];
+        arrival = latest = std::max(latest, arrival);
+      }
+      underway_.push({arrival, ++packets_, to, packet});
     }
   }
 }
@@ -281,7 +283,7 @@ std::set<Route> Network::wantedFrom(U32 lan, U32 upstream) const {
 
 std::set<Route> Network::storedBy(U32 lan, U32 upstream) const {
   std::set<Route> stored;
-  for (AddressFamily const family : {AddressFamily::ipv4, AddressFamily::ipv6})
+  for (AddressFamily const family : families_)
     for (auto const& route : speaker(upstream)->downstream(nameOf(lan), family)->routes()) {
       // A prune that another router is about to override does not count yet.
       if (!isPruneOfTree(route.route) || route.state == DownstreamState::pruned) stored.insert(route.route);
@@ -297,7 +299,7 @@ std::vector<std::string> Network::differences() const {
       auto const say = [&](char const* what, std::string const& which) {
         found.push_back("router " + std::to_string(router) + " on " + nameOf(lan) + what + which);
       };
-      for (AddressFamily const family : {AddressFamily::ipv4, AddressFamily::ipv6})
+      for (AddressFamily const family : families_)
         for (U32 const other : lans_[lan].routers) {
           bool const isKnown =
               speaker(router)->link(nameOf(lan), family)->neighborUp(addressOf(lan, other, family));

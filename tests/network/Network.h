@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <queue>
 #include <set>
 #include <string>
 #include <vector>
@@ -57,9 +58,11 @@ struct Totals {
 
 class Network {
  public:
-  /// With these settings of each router on all of its interfaces.
+  /// With these settings of each router on all of its interfaces, and addresses of these families.
   using Settings = std::function<Speaker::InterfaceSettings(U32 router)>;
-  Network(U64 seed, Settings settings);
+  using Families = std::vector<Dova::AddressFamily>;
+  Network(U64 seed, Settings settings,
+          Families families = {Dova::AddressFamily::ipv4, Dova::AddressFamily::ipv6});
   ~Network();
   Network(Network const&) = delete;
 
@@ -146,8 +149,14 @@ class Network {
     std::optional<Wire::JoinPrune> joinPrune{};  // nothing for a Hello
   };
   struct Delivery {
+    Seconds arrival;
+    U64 number;  // Of equal times the first that was sent comes first.
     U32 router;
     std::shared_ptr<Packet const> packet;
+
+    bool operator<(Delivery const& other) const {
+      return arrival > other.arrival || (arrival == other.arrival && number > other.number);
+    }
   };
 
   void start(Router& router);
@@ -163,6 +172,7 @@ class Network {
   bool happens(double probability) { return random_.between(0, 1) < probability; }
 
   Settings const settings_;
+  Families const families_;
   Speaker::Random random_;
   Faults faults_;
   Totals totals_;
@@ -171,7 +181,7 @@ class Network {
   Vel::Ptr<Zanth::TimerWheel> const wheel_;
   std::vector<Lan> lans_;
   std::vector<std::unique_ptr<Router>> routers_;
-  std::map<std::pair<Seconds, U64>, Delivery> underway_;
+  std::priority_queue<Delivery> underway_;
   std::vector<std::string> wrongLosses_, wantedLosses_;
   bool areWantedLossesNoted_ = false;
   std::map<Route, U64> joinsSentOf_;

@@ -1,0 +1,84 @@
+// One LAN with many routers: what it costs, and how many messages suppression saves.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstdio>
+
+#include "tests/Thorough.h"
+#include "tests/network/Network.h"
+
+namespace Routing::Pim::Networks {
+namespace {
+
+using testing::IsEmpty;
+
+constexpr U32 routeCount = 1000, routesOfARouter = 100;
+
+Route routeNumber(U32 n) {
+  return {Speaker::RouteKind::source, IpGenAddr("10.9.0.1"), IpGenAddr::ipv4(0xef010100 + n)};
+}
+
+struct LanFigures {
+  double messages, joins;  // In a second.
+};
+
+// Each router but the first wants 100 of 1,000 routes from that one. What they refresh in one period.
+LanFigures refreshOn(U32 routers, bool isSuppressed) {
+  Speaker::InterfaceSettings settings;
+  settings.hello.lanPruneDelay.tracking = !isSuppressed;
+  settings.hello.maxNeighbors = routers;
+  Network network(1, [&](U32) { return settings; }, {Dova::AddressFamily::ipv4});
+  std::set<U32> all;
+  for (U32 router = 0; router < routers; ++router) all.insert(router);
+  network.lanIs(all);
+  network.runFor(2 * settings.hello.triggeredDelay);
+  // Each begins at another time, so that they do not refresh all at once.
+  for (U32 router = 1; router < routers; ++router) {
+    while (network.wishesOf(router).size() < routesOfARouter)
+      network.want(router, {routeNumber(network.below(routeCount)), 0, 0});
+    network.runFor(settings.joinPruneInterval / static_cast<Seconds>(routers));
+  }
+  if (isSuppressed) network.runFor(2.0 * settings.joinPruneInterval);  // until few of them refresh a route
+  Totals const before = network.totals();
+  U64 const joinsBefore = network.joinsSent();
+  Seconds const time = settings.joinPruneInterval;
+  network.runFor(time);
+  EXPECT_THAT(network.differences(), IsEmpty());
+  return {static_cast<double>(network.totals().joinPrunes - before.joinPrunes) / time,
+          static_cast<double>(network.joinsSent() - joinsBefore) / time};
+}
+
+// scripts/plot draws what this prints.
+TEST(LargeLanTest, EachRouteIsStoredAndSuppressionSavesMessages) {
+  using Clock = std::chrono::steady_clock;
+  std::vector<U32> sizes = {10, 30};
+  if (thorough()) sizes = {10, 30, 100, 300, 1001};
+  for (U32 const routers : sizes) {
+    auto const start = Clock::now();
+    auto const plain = refreshOn(routers, false), suppressed = refreshOn(routers, true);
+    std::chrono::duration<double> const time = Clock::now() - start;
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    std::printf(
+        "lan: %u routers; messages %.2f/s, suppressed %.2f/s; joins %.2f/s, suppressed %.2f/s; %.1f s, "
+        "%.2f GB\n",
+        routers, plain.messages, suppressed.messages, plain.joins, suppressed.joins, time.count(),
+        static_cast<double>(usage.ru_maxrss) / 1e6);
+    std::fflush(stdout);
+    EXPECT_NEAR(plain.joins, (routers - 1) * routesOfARouter / 60.0, 0.01 * plain.joins);
+    EXPECT_LE(suppressed.messages, plain.messages);
+    if (routers >= 100) {
+      EXPECT_LT(suppressed.joins, plain.joins / 2);
+    }
+    // Not under a sanitizer, which takes several times as much of both.
+    if (routers == 1001) {
+      EXPECT_LT(usage.ru_maxrss, 4'000'000) << "kilobytes";
+      EXPECT_LT(time.count(), 600);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Routing::Pim::Networks
