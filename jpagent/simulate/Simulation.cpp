@@ -64,6 +64,7 @@ Simulation::Simulation(std::ostream& out, Speaker::PacketSink* alsoTo, std::size
     return isJoin(kind) && groups->deny(route.group());
   };
   manager_ = Vel::create<Speaker::PacketManager>(packets_, pimStatus_, filtered_, suppression);
+  manager_->dataSetsAre(status_);
   manager_->start();
 }
 

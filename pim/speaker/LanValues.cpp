@@ -24,6 +24,12 @@ void replace(Set& set, Value const& previous, Value const& value) {
   set.insert(std::move(node));
 }
 
+template <class Set, class Value>
+typename Set::node_type nodeOf(Value const& value) {
+  Set one{value};
+  return one.extract(one.begin());
+}
+
 Seconds largest(std::multiset<U16> const& milliseconds, U16 own) {
   return std::max(own, milliseconds.empty() ? U16{0} : *milliseconds.rbegin()) / 1000.0;
 }
@@ -38,11 +44,16 @@ void LanValues::count(LanOptions const& options, int sign) {
 }
 
 void LanValues::add(IpGenAddr const& neighbor, LanOptions const& options) {
+  // What may fail comes first.
+  auto propagationDelay = nodeOf<std::multiset<U16>>(propagationDelayOf(options));
+  auto overrideInterval = nodeOf<std::multiset<U16>>(overrideIntervalOf(options));
+  auto ranked = nodeOf<std::set<Ranked>>(Ranked(options.drPriority.value_or(0), neighbor));
+  auto address = nodeOf<std::set<IpGenAddr>>(neighbor);
+  propagationDelays_.insert(std::move(propagationDelay));
+  overrideIntervals_.insert(std::move(overrideInterval));
+  byPriority_.insert(std::move(ranked));
+  byAddress_.insert(std::move(address));
   count(options, 1);
-  propagationDelays_.insert(propagationDelayOf(options));
-  overrideIntervals_.insert(overrideIntervalOf(options));
-  byPriority_.insert({options.drPriority.value_or(0), neighbor});
-  byAddress_.insert(neighbor);
 }
 
 void LanValues::change(IpGenAddr const& neighbor, LanOptions const& previous, LanOptions const& options) {

@@ -33,7 +33,8 @@ class PIM_SPEAKER_API LanValues {
 
   /// The own options have changed.
   void ownIs(LanOptions const& own) { own_ = own; }
-  /// A neighbor is new. REQUIRES: it was not added before.
+  /// A neighbor is new. Throws std::bad_alloc, and then nothing has changed. REQUIRES: it was not added
+  /// before.
   void add(IpGenAddr const& neighbor, LanOptions const& options);
   /// A neighbor has other options. REQUIRES: `previous` is what it had. So for remove().
   void change(IpGenAddr const& neighbor, LanOptions const& previous, LanOptions const& options);

@@ -34,7 +34,8 @@ class PIM_SPEAKER_API LinkObserver {
   /// A neighbor ended: by a Hello with hold time 0, by its expiry, or by the end of the link. neighborUp() is
   /// false already.
   virtual void neighborDown(IpGenAddr const&) {}
-  /// A neighbor that is up has addresses by which neighborOf() did not find it before.
+  /// A neighbor that is up has another address list, or one of its addresses leads to it again: neighborOf()
+  /// may find others than before, or nobody.
   virtual void neighborAddressesChanged(IpGenAddr const&) {}
   /// A neighbor that is up sent another generation ID.
   virtual void neighborRestarted(IpGenAddr const&) {}

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "pim/wire/private/Encoding.h"
 #include "pim/wire/private/Text.h"
 #include "runtime/vel/Exception.h"
 
@@ -10,10 +11,8 @@ namespace Routing::Pim::Speaker {
 
 namespace {
 
-// After the sink wanted a Hello later, in seconds.
+// After a Hello that was not sent, in seconds.
 constexpr Seconds retryDelay = 0.1;
-// How many restarts of a neighbor are told at once, before there is one in a Hello_Period.
-constexpr int restartsAtOnce = 3;
 
 void requireSeconds(std::string_view what, Seconds seconds, bool isAllowed) {
   if (!isAllowed) throw Vel::RangeException(Wire::concatenated(what, " of ", std::to_string(seconds), " s"));
@@ -31,6 +30,19 @@ void requireValid(HelloSettings const& settings) {
   Wire::Hello().lanPruneDelayIs(settings.lanPruneDelay);
 }
 
+void requireListable(std::vector<IpGenAddr> const& secondaryAddresses) {
+  Wire::Hello hello;
+  hello.holdTimeIs(0);
+  hello.lanPruneDelayIs(Wire::LanPruneDelay{});
+  hello.drPriorityIs(0);
+  hello.generationIdIs(0);
+  for (auto const& address : secondaryAddresses) hello.addressAdd(address);
+  if (hello.encodedSize() > Wire::maxPayload) {
+    throw Vel::RangeException(Wire::concatenated("a Hello with ", secondaryAddresses.size(),
+                                                 " secondary addresses does not fit an IP datagram"));
+  }
+}
+
 U16 announcedHoldTime(HelloSettings const& settings) {
   if (settings.holdTime) return *settings.holdTime;
   // The largest that ends.
@@ -43,14 +55,6 @@ Neighbors::Entry::Entry(IpGenAddr const& address, Vel::Ptr<Zanth::TimerWheel> co
   info.address = address;
 }
 
-// What others are told of when it changes.
-struct Neighbors::Values {
-  Seconds propagationDelay, overrideInterval;
-  bool suppressionAllowed;
-
-  friend bool operator==(Values const& a, Values const& b) = default;
-};
-
 Neighbors::Neighbors(NeighborsOwner& owner, Dova::IntfId const& intf, IpGenAddr const& primaryAddress,
                      std::vector<IpGenAddr> secondaryAddresses, HelloSettings const& settings,
                      Vel::Ptr<Zanth::TimerWheel> const& wheel, Random& random)
@@ -61,11 +65,13 @@ Neighbors::Neighbors(NeighborsOwner& owner, Dova::IntfId const& intf, IpGenAddr 
       random_(random),
       generationId_(random.bits32()),
       settings_((requireValid(settings), settings)),
-      secondaryAddresses_(std::move(secondaryAddresses)),
+      secondaryAddresses_((requireListable(secondaryAddresses), std::move(secondaryAddresses))),
       periodicDue_(wheel->now() + random.between(0, settings.triggeredDelay)),
       values_(primaryAddress, ownOptions(settings)),
-      designatedRouter_(primaryAddress),
-      helloTimer_(wheel, [this] { helloTimerExpired(); }) {
+      toldValues_(current()),
+      toldRouter_(primaryAddress),
+      helloTimer_(wheel, [this] { helloTimerExpired(); }),
+      untoldTimer_(wheel, [this] { tellUntold(); }) {
   arm();
 }
 
@@ -86,7 +92,17 @@ Wire::Hello Neighbors::hello() const {
 // What is due is through once the Hello is sent. The caller arms the timer, unless this object has ended.
 Sent Neighbors::send() {
   Life::Watch const watch(life_);
-  Sent const sent = owner_.sendHello(hello());
+  Sent sent = Sent::later;
+  try {
+    sent = owner_.sendHello(hello());
+  } catch (...) {  // want of memory, say
+    if (!watch.ended() && !ended_) {
+      notBefore_ = wheel_->now() + retryDelay;
+      triggeredDue_ = std::min(triggeredDue_, wheel_->now());
+      arm();
+    }
+    throw;
+  }
   if (watch.ended() || ended_) return sent;
   Seconds const now = wheel_->now();
   if (sent == Sent::later) {
@@ -125,15 +141,7 @@ void Neighbors::arm() {
 
 void Neighbors::helloTimerExpired() {
   Life::Watch const watch(life_);
-  try {
-    send();
-  } catch (...) {  // want of memory, say
-    if (!watch.ended()) {
-      notBefore_ = wheel_->now() + retryDelay;
-      arm();
-    }
-    throw;
-  }
+  send();
   if (!watch.ended()) arm();
 }
 
@@ -149,6 +157,7 @@ Sent Neighbors::sendHelloBefore(IpGenAddr const& target) {
 
 void Neighbors::secondaryAddressesIs(std::vector<IpGenAddr> addresses) {
   if (ended_ || secondaryAddresses_ == addresses) return;
+  requireListable(addresses);
   secondaryAddresses_ = std::move(addresses);
   if (hellosSent_ != 0) sendAtOnce();
 }
@@ -158,25 +167,38 @@ void Neighbors::settingsIs(HelloSettings const& settings) {
   if (ended_ || settings == settings_) return;
   Life::Watch const watch(life_);
   Wire::Hello const announced = hello();
-  Values const previous = current();
   settings_ = settings;
   values_.ownIs(ownOptions(settings));
   periodicDue_ = std::min(periodicDue_, wheel_->now() + settings_.period);
   arm();
   if (hellosSent_ != 0 && hello() != announced) sendAtOnce();
   if (watch.ended() || ended_) return;
-  tellChanges(previous);
+  tellChanges();
 }
 
 void Neighbors::end() {
-  if (ended_) return;
   Life::Watch const watch(life_);
-  Wire::Hello goodbye = hello();
-  goodbye.holdTimeIs(0);
-  ended_ = true;
-  arm();
-  ++counters_.sent;
-  owner_.sendHello(goodbye);
+  if (!ended_) {
+    Wire::Hello goodbye = hello();
+    goodbye.holdTimeIs(0);
+    ended_ = true;
+    arm();
+    untoldTimer_.stop();
+    ++counters_.sent;
+    owner_.sendHello(goodbye);
+    if (watch.ended()) return;
+  }
+  // Those that have ended before.
+  for (auto next = untold_.begin(); next != untold_.end();) {
+    if (next->second == Kind::up) {
+      ++next;
+      continue;
+    }
+    auto const [neighbor, kind] = *next;
+    untold_.erase(next);
+    if (!tell(kind, neighbor)) return;
+    next = untold_.upper_bound(neighbor);
+  }
   while (!watch.ended() && !entries_.empty()) remove(entries_.begin()->second, Kind::linkDown);
 }
 
@@ -188,7 +210,7 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
   U16 const holdTime = hello.effectiveHoldTime();
   if (holdTime == 0) {
     ++counters_.received;
-    if (found != entries_.end()) remove(found->second, Kind::goodbye);
+    if (found != entries_.end() && !found->second.endPutOff) endOrPutOff(found->second, Kind::goodbye);
     return true;
   }
   bool const isNew = found == entries_.end();
@@ -199,29 +221,43 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
   }
   ++counters_.received;
   Seconds const now = wheel_->now();
-  Values const previousValues = current();
-  if (isNew) found = entries_.try_emplace(sender, sender, wheel_, this).first;
+  LanOptions const options{hello.lanPruneDelay(), hello.drPriority()};
+
+  // What needs memory comes first: without it, nothing has changed.
+  if (isNew) found = insert(sender, options);
   Entry& entry = found->second;
   NeighborInfo& info = entry.info;
+  Listing listing;
+  try {
+    listing = takeAddresses(entry, hello);
+  } catch (...) {
+    if (isNew) {
+      values_.remove(sender, options);
+      entries_.erase(found);
+    }
+    throw;
+  }
 
   // A generation ID that was not there before says nothing of a restart.
-  bool const hasRestarted =
-      !isNew && info.generationId && hello.generationId() && info.generationId != hello.generationId();
-  LanOptions const options{hello.lanPruneDelay(), hello.drPriority()};
-  bool changed = info.options != options;
+  bool const isAgain = std::exchange(entry.endPutOff, std::nullopt).has_value();
+  bool const hasRestarted = isAgain || (!isNew && info.generationId && hello.generationId() &&
+                                        info.generationId != hello.generationId());
+  bool const changed = listing.changed || info.options != options;
   if (isNew) {
     info.upSince = now;
-    values_.add(sender, options);
-  } else if (changed) {
+    if (auto const departed = departed_.extract(sender)) entry.ends = departed.mapped();
+  } else if (info.options != options) {
     values_.change(sender, info.options, options);
   }
   info.options = options;
   info.generationId = hello.generationId();
   info.holdTime = holdTime;
   info.expires = holdTime == Wire::endlessHoldTime ? Vel::never : now + holdTime;
-  Listing const listing = takeAddresses(entry, hello);
-  changed = changed || listing.changed;
-  bool const restartIsTold = hasRestarted && restart(entry);
+  bool const upIsDue = entry.upIsDue;
+  if (hasRestarted) ++info.restarts;
+  bool const restartIsTold = hasRestarted && takeTurn(entry.restarts, entry.restartDue);
+  bool const addressesAreTold =
+      !upIsDue && (listing.isFound || listing.changed) && takeTurn(entry.addressLists, entry.addressesDue);
   armEntry(entry);
   if (isNew || hasRestarted) {
     entry.heardAfter = hellosSent_;
@@ -231,25 +267,40 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
   // From here on the neighbor may end at any moment.
   IpGenAddr const neighbor = sender;
   Life::Watch const watch(life_);
-  if (!tellChanges(previousValues)) return true;
-  if (isNew && isUp(neighbor)) owner_.onNeighborUp(neighbor);
-  if (watch.ended() || ended_) return true;
+  if (!tellChanges() || !tellUp(neighbor) || ended_) return true;
   if (restartIsTold && isUp(neighbor)) owner_.onNeighborRestarted(neighbor);
   if (watch.ended() || ended_) return true;
-  if (!isNew && listing.isFound && isUp(neighbor)) owner_.onNeighborAddresses(neighbor);
+  if (addressesAreTold && isUp(neighbor)) owner_.onNeighborAddresses(neighbor);
   if (watch.ended() || ended_) return true;
   if (listing.conflict && !tell(Kind::addressConflict, neighbor, *listing.conflict)) return true;
-  if (isNew)
-    tell(Kind::up, neighbor);
-  else if (hasRestarted)
+  if (auto const there = entries_.find(neighbor); there != entries_.end() && there->second.eventIsDue) {
+    there->second.eventIsDue = false;
+    tellState(Kind::up, neighbor);
+  } else if (isNew) {
+    return true;  // It has ended meanwhile.
+  } else if (hasRestarted) {
     tell(Kind::restarted, neighbor);
-  else if (changed)
+  } else if (changed) {
     tell(Kind::changed, neighbor);
+  }
   return true;
+}
+
+// Throws std::bad_alloc, and then nothing has changed.
+Neighbors::Entries::iterator Neighbors::insert(IpGenAddr const& neighbor, LanOptions const& options) {
+  auto const inserted = entries_.try_emplace(neighbor, neighbor, wheel_, this).first;
+  try {
+    values_.add(neighbor, options);
+  } catch (...) {
+    entries_.erase(inserted);
+    throw;
+  }
+  return inserted;
 }
 
 // Takes the list over, which is empty without option 24. Of an address that several neighbors list the latest
 // mapping counts (RFC 7761, 4.3.4); it may be new though the list is the same, when another one has ended.
+// Throws std::bad_alloc, and then nothing has changed.
 Neighbors::Listing Neighbors::takeAddresses(Entry& entry, Wire::Hello const& hello) {
   IpGenAddr const& neighbor = entry.info.address;
   listed_.clear();
@@ -262,65 +313,94 @@ Neighbors::Listing Neighbors::takeAddresses(Entry& entry, Wire::Hello const& hel
     listed_.resize(settings_.maxAddresses);
   }
   Listing listing{.changed = listed_ != entry.info.addresses, .conflict = {}};
+  std::map<IpGenAddr, IpGenAddr> found;
+  for (auto const& address : listed_)
+    if (!primaryOf_.contains(address)) found.emplace(address, neighbor);
   if (listing.changed) {
-    forgetAddresses(entry);
-    entry.info.addresses = listed_;
+    std::vector<IpGenAddr> addresses = listed_;
+    forgetAddresses(entry, listed_);
+    entry.info.addresses = std::move(addresses);
   }
+  listing.isFound = !found.empty();
+  primaryOf_.merge(found);
   for (auto const& address : listed_) {
-    auto const [mapped, isNew] = primaryOf_.try_emplace(address, neighbor);
-    if (mapped->second != neighbor) listing.conflict = address;
-    if (isNew || mapped->second != neighbor) listing.isFound = true;
-    mapped->second = neighbor;
+    IpGenAddr& mapped = primaryOf_.find(address)->second;
+    if (mapped == neighbor) continue;
+    listing.conflict = address;
+    listing.isFound = true;
+    mapped = neighbor;
   }
   return listing;
 }
 
-void Neighbors::forgetAddresses(Entry const& entry) {
+// All but those that are to stay, which are in ascending order.
+void Neighbors::forgetAddresses(Entry const& entry, std::vector<IpGenAddr> const& stay) {
   for (auto const& address : entry.info.addresses) {
+    if (std::binary_search(stay.begin(), stay.end(), address)) continue;
     auto const mapped = primaryOf_.find(address);
     if (mapped != primaryOf_.end() && mapped->second == entry.info.address) primaryOf_.erase(mapped);
   }
 }
 
-// Whether the restart is to be told now.
-bool Neighbors::restart(Entry& entry) {
-  ++entry.info.restarts;
-  Seconds const now = wheel_->now();
-  Seconds const slack = (restartsAtOnce - 1) * settings_.period;
-  if (entry.restartsThrough - slack > now) {
-    entry.restartDue = entry.restartsThrough - slack;
-    return false;
-  }
-  entry.restartsThrough = std::max(entry.restartsThrough, now) + settings_.period;
-  entry.restartDue = Vel::never;
-  return true;
+// Whether it is to be told now; otherwise it is due later.
+bool Neighbors::takeTurn(Turns& turns, Seconds& due) {
+  bool const isNow = turns.take(wheel_->now(), settings_.period);
+  due = isNow ? Vel::never : turns.next(settings_.period);
+  return isNow;
 }
 
-void Neighbors::armEntry(Entry& entry) { entry.timer.armAt(std::min(entry.info.expires, entry.restartDue)); }
+void Neighbors::armEntry(Entry& entry) {
+  entry.timer.armAt(std::min({entry.info.expires, entry.restartDue, entry.addressesDue}));
+}
 
 void Neighbors::entryTimerExpired(Entry& entry) {
   Seconds const now = wheel_->now();
-  if (entry.info.expires <= now) return remove(entry, Kind::expired);
-  if (entry.restartDue <= now) {
-    entry.restartsThrough = std::max(entry.restartsThrough, now) + settings_.period;
-    entry.restartDue = Vel::never;
-    armEntry(entry);
-    owner_.onNeighborRestarted(IpGenAddr(entry.info.address));
-    return;
-  }
+  if (entry.info.expires <= now) return endOrPutOff(entry, entry.endPutOff.value_or(Kind::expired));
+  bool const restartIsTold = entry.restartDue <= now && takeTurn(entry.restarts, entry.restartDue);
+  bool const addressesAreTold = entry.addressesDue <= now && takeTurn(entry.addressLists, entry.addressesDue);
   armEntry(entry);
+  IpGenAddr const neighbor = entry.info.address;
+  Life::Watch const watch(life_);
+  if (restartIsTold) owner_.onNeighborRestarted(neighbor);
+  if (watch.ended() || ended_) return;
+  if (addressesAreTold && isUp(neighbor)) owner_.onNeighborAddresses(neighbor);
+}
+
+// A neighbor that ends too often stays until it has a turn.
+void Neighbors::endOrPutOff(Entry& entry, Kind why) {
+  Seconds const now = wheel_->now(), period = settings_.period;
+  bool const isRemembered = hasRoomForDeparted();
+  Seconds turn = entry.ends.next(period);
+  if (!isRemembered) turn = std::max(turn, entry.info.upSince + period);
+  if (turn > now) {
+    entry.endPutOff = why;
+    entry.info.expires = turn;
+    return armEntry(entry);
+  }
+  entry.ends.take(now, period);
+  if (isRemembered) departed_.insert_or_assign(entry.info.address, entry.ends);
+  remove(entry, why);
+}
+
+bool Neighbors::hasRoomForDeparted() {
+  if (departed_.size() < settings_.maxNeighbors) return true;
+  Seconds const now = wheel_->now();
+  if (now < departedFullUntil_) return false;
+  std::erase_if(departed_, [&](auto const& one) { return one.second.isFresh(now); });
+  departedFullUntil_ = now + settings_.period;
+  return departed_.size() < settings_.maxNeighbors;
 }
 
 void Neighbors::remove(Entry& entry, Kind why) {
   Life::Watch const watch(life_);
-  Values const previous = current();
   IpGenAddr const neighbor = entry.info.address;
+  bool const wasUp = !entry.upIsDue, wasTold = !entry.eventIsDue;
   forgetAddresses(entry);
   values_.remove(neighbor, entry.info.options);
   entries_.erase(neighbor);
-  owner_.onNeighborDown(neighbor);
-  if (watch.ended() || !tell(why, neighbor)) return;
-  tellChanges(previous);
+  if (wasUp) owner_.onNeighborDown(neighbor);
+  if (watch.ended() || (wasTold && !tellState(why, neighbor))) return;
+  tellChanges();
 }
 
 std::optional<IpGenAddr> Neighbors::neighborOf(IpGenAddr const& address) const {
@@ -342,20 +422,78 @@ Neighbors::Values Neighbors::current() const {
   return {values_.propagationDelay(), values_.overrideInterval(), values_.suppressionAllowed()};
 }
 
-// False if this object has ended. So for tell().
-bool Neighbors::tellChanges(Values const& previous) {
-  IpGenAddr const router = values_.designatedRouter();
-  IpGenAddr const before = std::exchange(designatedRouter_, router);
-  if (!ended_ && current() != previous) {
-    Life::Watch const watch(life_);
-    owner_.onLanValues();
+// False if this object has ended. So for the others.
+bool Neighbors::tellChanges() {
+  if (ended_) return true;
+  Life::Watch const watch(life_);
+  if (Values const present = current(); toldValues_ != present) {
+    toldValues_ = present;
+    try {
+      owner_.onLanValues();
+    } catch (...) {
+      if (!watch.ended()) toldValues_.reset();
+      throw;
+    }
     if (watch.ended()) return false;
   }
+  IpGenAddr const router = values_.designatedRouter();
+  IpGenAddr const before = std::exchange(toldRouter_, router);
   return before == router || ended_ || tell(Kind::designatedRouter, router, before);
 }
 
+bool Neighbors::tellUp(IpGenAddr const& neighbor) {
+  auto const entry = entries_.find(neighbor);
+  if (ended_ || entry == entries_.end() || !entry->second.upIsDue) return true;
+  entry->second.upIsDue = false;
+  Life::Watch const watch(life_);
+  try {
+    owner_.onNeighborUp(neighbor);
+  } catch (...) {
+    if (!watch.ended() && isUp(neighbor)) entries_.find(neighbor)->second.upIsDue = true;
+    throw;
+  }
+  return !watch.ended();
+}
+
+// That a neighbor is up, or has ended. One that has no room waits; two that wait undo each other, and are
+// left out.
+bool Neighbors::tellState(Kind kind, IpGenAddr const& neighbor) {
+  if (auto const waiting = untold_.find(neighbor); waiting != untold_.end()) {
+    budgetOf(waiting->second).leaveOut();
+    budgetOf(kind).leaveOut();
+    untold_.erase(waiting);
+    return true;
+  }
+  if (kind == Kind::linkDown) return tell(kind, neighbor);
+  EventBudget& budget = budgetOf(kind);
+  if (untold_.empty() && budget.isOpen(wheel_->now())) {
+    budget.admits(wheel_->now());
+    return tell(kind, neighbor);
+  }
+  untold_.emplace(neighbor, kind);
+  if (!untoldTimer_.armed()) untoldTimer_.armAt(std::max(budget.opensAt(), wheel_->now()));
+  return true;
+}
+
+// In turn, so that none waits longer than all others.
+void Neighbors::tellUntold() {
+  Seconds const now = wheel_->now();
+  for (std::size_t left = untold_.size(); left != 0 && !untold_.empty(); --left) {
+    auto next = untold_.upper_bound(latestOfUntold_);
+    if (next == untold_.end()) next = untold_.begin();
+    auto const [neighbor, kind] = *next;
+    latestOfUntold_ = neighbor;
+    if (!budgetOf(kind).isOpen(now)) continue;
+    budgetOf(kind).admits(now);
+    untold_.erase(next);
+    if (!tell(kind, neighbor) || ended_) return;
+  }
+  if (!untold_.empty()) untoldTimer_.armAt(now + 1);
+}
+
+// Of a kind that tellState() has not asked its budget for, it may be left out.
 bool Neighbors::tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other) {
-  EventBudget& budget = budgets_[static_cast<std::size_t>(kind)];
+  EventBudget& budget = budgetOf(kind);
   if (kind >= Kind::restarted && !budget.admits(wheel_->now())) return true;
   Life::Watch const watch(life_);
   owner_.onNeighborEvent({kind, intf_, neighbor, other, budget.takeLeftOut()});

@@ -3,6 +3,7 @@
 //   Neighbors.h     sends Hellos, keeps the neighbors
 //   LanValues.h     what all neighbors come to: effective delays, suppression, the designated router
 //   EventBudget.h   a limit on events that a neighbor can cause without end
+//   Turns.h         a limit on what a neighbor can have others do without end
 //   Timer.h         a timer as a member
 //   Life.h          whether an object still exists after it has called out
 //
@@ -14,7 +15,12 @@
 //   - before a Join/Prune to a neighbor that is new or has restarted since the last one: sendHelloBefore()
 //   - with a hold time of 0 when the link ends
 //
-// A Hello that the sink wants later is tried again after 0.1 s.
+// A Hello that the sink wants later, or for which there is no memory, is tried again after 0.1 s.
+//
+// What a neighbor can have done again and again has a bound: of its restarts, of its changed address lists
+// and of its ends three count at once and then one of each in a Hello_Period. What is in between counts once,
+// later. A neighbor that ends and comes again more often so stays up meanwhile, and its next Hello counts as
+// a restart.
 #pragma once
 
 #include <array>
@@ -26,6 +32,7 @@
 #include "pim/speaker/detail/EventBudget.h"
 #include "pim/speaker/detail/Life.h"
 #include "pim/speaker/detail/Timer.h"
+#include "pim/speaker/detail/Turns.h"
 #include "runtime/dova/IntfId.h"
 
 namespace Routing::Pim::Speaker {
@@ -53,6 +60,9 @@ struct HelloSettings {
 /// Throws Vel::RangeException with the name of the setting and its value if it cannot be: "Hello_Period of
 /// 0 s".
 PIM_SPEAKER_API void requireValid(HelloSettings const& settings);
+/// Throws Vel::RangeException if a Hello cannot have these addresses beside its other options: one is not
+/// unicast, or they are too many for an IP datagram.
+PIM_SPEAKER_API void requireListable(std::vector<IpGenAddr> const& secondaryAddresses);
 /// The hold time in Hellos.
 PIM_SPEAKER_API U16 announcedHoldTime(HelloSettings const& settings);
 
@@ -65,7 +75,8 @@ struct NeighborInfo {
   U16 holdTime = 0;                  ///< In seconds, the default without option 1.
   LanOptions options;                ///< Options 2 and 19.
   std::optional<U32> generationId;   ///< Option 20.
-  U64 restarts = 0;                  ///< How often it sent another generation ID.
+  U64 restarts = 0;                  ///< How often it sent another generation ID, or ended and came again
+                                     ///< before its end counted.
 };
 
 /// Something that happened to a neighbor, for people and logs.
@@ -76,7 +87,7 @@ struct NeighborEvent {
     expired,           ///< No Hello within its hold time.
     goodbye,           ///< A Hello with hold time 0.
     linkDown,          ///< The link has ended.
-    restarted,         ///< Another generation ID.
+    restarted,         ///< Another generation ID, or a Hello before its end counted.
     changed,           ///< Other options, or other addresses.
     designatedRouter,  ///< Another designated router, which may be this router.
     addressConflict,   ///< It lists an address that another neighbor has listed. The latest counts.
@@ -87,8 +98,9 @@ struct NeighborEvent {
   Dova::IntfId intf;   ///< The interface.
   IpGenAddr neighbor;  ///< The neighbor, or the designated router.
   IpGenAddr other;     ///< addressConflict: the address; designatedRouter: the previous one.
-  /// How many of this kind were left out before it. At most 10 a second come for each kind from `restarted`
-  /// on.
+  /// How many of this kind were left out before it. At most 10 a second come for each kind but `linkDown`. Of
+  /// `up`, `expired` and `goodbye` one that has no room comes later, unless the neighbor is by then as it was
+  /// told last: the last one says whether it is there.
   U64 leftOut = 0;
 };
 
@@ -115,9 +127,10 @@ class PIM_SPEAKER_API NeighborsOwner {
   virtual void onLanValues() = 0;
   /// A neighbor is there.
   virtual void onNeighborUp(IpGenAddr const& neighbor) = 0;
-  /// A neighbor that was there before has addresses by which neighborOf() did not find it.
+  /// A neighbor that was there before has another address list, or one of its addresses leads to it again:
+  /// neighborOf() may find others than before, or nobody. It comes as often as onNeighborRestarted().
   virtual void onNeighborAddresses(IpGenAddr const& /*neighbor*/) {}
-  /// A neighbor has ended.
+  /// A neighbor has ended. Three ends of a neighbor come at once and then one in a Hello_Period.
   virtual void onNeighborDown(IpGenAddr const& neighbor) = 0;
   /// A neighbor sent another generation ID. Three come at once and then one in a Hello_Period for each
   /// neighbor; what is in between is told once, later. So what a restart makes others send has a bound.
@@ -138,18 +151,21 @@ struct HelloCounters {
 /// another one.
 class PIM_SPEAKER_API Neighbors {
  public:
-  /// The owner and the random source must outlive this. Settings that cannot be throw as requireValid(). Of
-  /// the generation ID and the first Hello's time the random source decides.
+  /// The owner and the random source must outlive this. Settings that cannot be throw as requireValid(),
+  /// addresses as requireListable(). Of the generation ID and the first Hello's time the random source
+  /// decides.
   Neighbors(NeighborsOwner& owner, Dova::IntfId const& intf, IpGenAddr const& primaryAddress,
             std::vector<IpGenAddr> secondaryAddresses, HelloSettings const& settings,
             Vel::Ptr<Zanth::TimerWheel> const& wheel, Random& random);
   ~Neighbors();
 
   /// The link goes down or changes its primary address: sends a Hello with hold time 0; then all neighbors
-  /// end, with their events. Nothing is taken or sent any more. The second time: nothing.
+  /// end, with their events. Nothing is taken or sent any more. The second time: nothing, except after an
+  /// exception.
   void end();
 
-  /// The other addresses of the interface, announced at once if they changed.
+  /// The other addresses of the interface, announced at once if they changed. Throws as requireListable() and
+  /// changes nothing then.
   void secondaryAddressesIs(std::vector<IpGenAddr> addresses);
   /// Announced at once if what is announced changed. Throws as requireValid() and changes nothing then.
   void settingsIs(HelloSettings const& settings);
@@ -159,6 +175,8 @@ class PIM_SPEAKER_API Neighbors {
   U32 generationId() const { return generationId_; }
 
   /// Takes a Hello that has passed all checks. False if it is refused because of the limit on neighbors.
+  /// Throws std::bad_alloc; a new neighbor is there then or not, and what was not told is told with its next
+  /// Hello.
   bool receive(IpGenAddr const& sender, Wire::Hello const& hello);
 
   /// Whether a Hello is to be sent before a Join/Prune to this target. For a target that is no neighbor:
@@ -176,7 +194,7 @@ class PIM_SPEAKER_API Neighbors {
   /// Effective delays and suppression.
   LanValues const& values() const { return values_; }
   /// The designated router, which may be the link's own address.
-  IpGenAddr const& designatedRouter() const { return designatedRouter_; }
+  IpGenAddr designatedRouter() const { return values_.designatedRouter(); }
   /// All neighbors, by address.
   std::vector<NeighborInfo> snapshot() const;
   /// Totals since construction.
@@ -187,17 +205,25 @@ class PIM_SPEAKER_API Neighbors {
     Entry(IpGenAddr const& address, Vel::Ptr<Zanth::TimerWheel> const& wheel, Neighbors* neighbors);
 
     NeighborInfo info;
-    U64 heardAfter = 0;  // How many Hellos had been sent when it was new or had restarted last.
+    U64 heardAfter = 0;      // How many Hellos had been sent when it was new or had restarted last.
+    bool upIsDue = true;     // It is still to be told that it is up: to those who act on it,
+    bool eventIsDue = true;  // and to people.
 
-    // When the restarts that were told would be through if there were one in a Hello_Period.
-    Seconds restartsThrough = -Vel::never;
-    Seconds restartDue = Vel::never;  // One that is still to be told.
+    Turns restarts, addressLists, ends;
+    Seconds restartDue = Vel::never, addressesDue = Vel::never;  // What is still to be told.
+    std::optional<NeighborEvent::Kind> endPutOff;                // It counts when `info.expires` comes.
 
-    Timer timer;  // For its expiry, or for a restart.
+    Timer timer;  // For its expiry, or for what is to be told.
   };
   using Entries = std::map<IpGenAddr, Entry>;
   using Kind = NeighborEvent::Kind;
-  struct Values;
+  // What others are told of when it changes.
+  struct Values {
+    Seconds propagationDelay, overrideInterval;
+    bool suppressionAllowed;
+
+    friend bool operator==(Values const& a, Values const& b) = default;
+  };
 
   Wire::Hello hello() const;
   Sent send();
@@ -207,6 +233,7 @@ class PIM_SPEAKER_API Neighbors {
   void helloTimerExpired();
   void entryTimerExpired(Entry& entry);
   void armEntry(Entry& entry);
+  Entries::iterator insert(IpGenAddr const& neighbor, LanOptions const& options);
   // What became of an address list.
   struct Listing {
     bool changed = false;
@@ -214,11 +241,17 @@ class PIM_SPEAKER_API Neighbors {
     std::optional<IpGenAddr> conflict;
   };
   Listing takeAddresses(Entry& entry, Wire::Hello const& hello);
-  void forgetAddresses(Entry const& entry);
-  bool restart(Entry& entry);
+  void forgetAddresses(Entry const& entry, std::vector<IpGenAddr> const& stay = {});
+  bool takeTurn(Turns& turns, Seconds& due);
+  void endOrPutOff(Entry& entry, Kind why);
+  bool hasRoomForDeparted();
   void remove(Entry& entry, Kind why);
   Values current() const;
-  bool tellChanges(Values const& previous);
+  bool tellChanges();
+  bool tellUp(IpGenAddr const& neighbor);
+  bool tellState(Kind kind, IpGenAddr const& neighbor);
+  void tellUntold();
+  EventBudget& budgetOf(Kind kind) { return budgets_[static_cast<std::size_t>(kind)]; }
   bool tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other = {});
 
   // Fixed at construction.
@@ -243,11 +276,22 @@ class PIM_SPEAKER_API Neighbors {
   std::map<IpGenAddr, IpGenAddr> primaryOf_;  // From the listed addresses.
   std::vector<IpGenAddr> listed_;             // By the Hello at hand; kept for its memory.
   LanValues values_;
-  IpGenAddr designatedRouter_;
   HelloCounters counters_;
-  std::array<EventBudget, neighborEventNames.size()> budgets_;
 
-  Timer helloTimer_;
+  // Turns of neighbors that have ended, as long as they are of importance; no more than neighbors are
+  // allowed.
+  std::map<IpGenAddr, Turns> departed_;
+  Seconds departedFullUntil_ = -Vel::never;
+
+  // What was told.
+  std::optional<Values> toldValues_;  // Nothing after an exception.
+  IpGenAddr toldRouter_;
+  std::array<EventBudget, neighborEventNames.size()> budgets_;
+  // Neighbors that are up or have ended, but were told last not to be so.
+  std::map<IpGenAddr, Kind> untold_;
+  IpGenAddr latestOfUntold_;  // That was told.
+
+  Timer helloTimer_, untoldTimer_;
   Life life_;
 };
 

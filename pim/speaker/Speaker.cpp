@@ -67,6 +67,7 @@ LinkSetup setupOf(AddressFamily family, std::vector<Dova::IpGenPrefix> const& ad
   std::set<IpGenAddr> known{setup.primary.ipGenAddr()};
   std::erase_if(setup.secondary,
                 [&known](IpGenAddr const& address) { return !known.insert(address).second; });
+  if (setup.primary != Dova::IpGenPrefix()) requireListable(setup.secondary);
   return setup;
 }
 

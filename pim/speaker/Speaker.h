@@ -146,8 +146,9 @@ class PIM_SPEAKER_API Speaker {
   /// Makes an interface or changes it. Of each family the first address is primary (IPv6: the first
   /// link-local one), the others go into Hellos. A family without a primary address is not served. Another
   /// primary address says goodbye from the old one, and all that neighbors asked for there ends. An address
-  /// that is not unicast, an empty name and a setting that cannot be throw Vel::RangeException that names
-  /// it, and nothing changes.
+  /// that is not unicast, an empty name, more addresses than a Hello can list and a setting that cannot be
+  /// throw Vel::RangeException that names it, and nothing changes. After std::bad_alloc the change is
+  /// complete or not; the same call makes it so.
   void interfaceIs(std::string_view name, std::vector<Dova::IpGenPrefix> const& addresses,
                    InterfaceSettings const& settings = {});
   /// The same from texts. One that is no address with or without a mask length throws Vel::RangeException.

@@ -40,7 +40,9 @@ SpeakerLink::SpeakerLink(Speaker& speaker, Dova::IntfId const& intf, AddressFami
       family_(family),
       downstream_(*this, *this, *speaker.upstream_),
       overrideTimer_(speaker.wheel_, [this] { overrideTimerExpired(); }) {
-  observers_ = {&downstream_, &speaker.upstream_->linkIs(*this)};
+  observers_.reserve(2);  // Nothing may fail once the upstream routes know of this link.
+  observers_.push_back(&downstream_);
+  observers_.push_back(&speaker.upstream_->linkIs(*this));
 }
 
 SpeakerLink::~SpeakerLink() {
@@ -62,18 +64,21 @@ void SpeakerLink::setupIs(LinkSetup setup) {
     SpeakerLink& link_;
     Life::Watch const watch_;
   } const changing(*this);
-  while (!changing.watch_.ended() && !(present_ == wanted_)) {
+  while (!isComplete_ || !(present_ == wanted_)) {
+    isComplete_ = false;
     if (neighbors_ && present_.primary.ipGenAddr() != wanted_.primary.ipGenAddr())
       bringDown();
     else if (!neighbors_ && wanted_.primary != Dova::IpGenPrefix())
       bringUp();
     else
       adjust();
+    if (changing.watch_.ended()) return;
+    isComplete_ = true;
   }
 }
 
 void SpeakerLink::bringUp() {
-  LinkSetup const setup = wanted_;
+  LinkSetup setup = wanted_;
   Life::Watch const watch(life_);
   Engine engine;
   engine.status = Vel::create<Status>();
@@ -97,11 +102,11 @@ void SpeakerLink::bringUp() {
                                 engine.joins, engine.prunes, engine.channel, engine.manager, speaker_.wheel_);
   // A trace sink may have done anything meanwhile.
   if (watch.ended()) return;
-  engine_ = std::move(engine);
   neighbors_ = std::make_unique<Neighbors>(*this, intf_, setup.primary.ipGenAddr(), setup.secondary,
                                            setup.settings.hello, speaker_.wheel_, speaker_.random_);
+  engine_ = std::move(engine);
   downstream_.limitsAre(setup.settings.downstream);
-  present_ = setup;
+  present_ = std::move(setup);
 }
 
 void SpeakerLink::bringDown() {

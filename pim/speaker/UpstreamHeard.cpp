@@ -11,6 +11,8 @@ namespace {
 
 // Of one's own period (RFC 7761, 4.11: t_suppressed).
 constexpr double leastSuppression = 1.1, mostSuppression = 1.4;
+// Between two walks over a group because of a Prune(*,G), in seconds.
+constexpr Seconds leastWalkInterval = 0.1;
 
 }  // namespace
 
@@ -93,16 +95,7 @@ class UpstreamRoutes::Hearing {
     if (wait >= link_->overrideInterval()) takeEntry(link_->overriding(neighbor_), joined->route, true);
   }
 
-  // A prune that would end the join: another one after t_override, unless one is sent earlier.
-  void override(RouteKey const& key) {
-    Joined* const joined = find(key);
-    if (!joined) return;
-    joined->suppressedUntil = joined->heardUntil = -Vel::never;
-    if (hasEntry(link_->triggered(neighbor_), joined->route, true)) return;
-    Writer writer(routes_, key, joined->version);
-    putEntry(link_->overriding(neighbor_), Route(joined->route), true, IpGenAddr(joined->rp),
-             [&] { return writer.current(); });
-  }
+  void override(RouteKey const& key) { routes_.override(slot_, neighbor_, key); }
 
   // A prune of a source that is wanted on the shared tree: Join(S,G,rpt) after t_override, once.
   void overrideRpt(RouteKey const& key) {
@@ -130,16 +123,18 @@ class UpstreamRoutes::Hearing {
   }
   void hearGroupPrunes() {
     for (IpGenAddr const& address : pruned_) {
-      auto const group = routes_.groups_.find(address);
-      if (group == routes_.groups_.end()) continue;
-      std::vector<RouteKey> keys;
-      for (Ring* one = &group->second.sources.next(); one != &group->second.sources; one = &one->next())
-        keys.emplace_back(ofGroup(*one).route.source, address);
-      for (RouteKey const& key : keys) {
-        override(key);
-        if (ended()) return;
-      }
+      if (!mayWalk(address)) continue;
+      routes_.overrideGroup(slot_, neighbor_, address, false);
+      if (ended()) return;
     }
+  }
+  // Not again soon after another walk: then it waits for overrideAgain().
+  bool mayWalk(IpGenAddr const& address) {
+    auto const [walked, isFirst] = slot_.groupsWalked.try_emplace({neighbor_, address}, false);
+    if (!isFirst) walked->second = true;
+    Timer& timer = slot_.timers->walks;
+    if (!timer.armed()) timer.armAt(now_ + std::max(link_->overrideInterval() / 2, leastWalkInterval));
+    return isFirst;
   }
   void forgetGroupPrunes() {
     for (IpGenAddr const& address : pruned_)
@@ -158,6 +153,75 @@ class UpstreamRoutes::Hearing {
 
 void UpstreamRoutes::heard(Slot& slot, Wire::JoinPrune const& message) {
   Hearing(*this, slot, message).hear(message);
+}
+
+// A prune that would end the join: another one after t_override, unless one is sent earlier. Whether there is
+// such a join.
+bool UpstreamRoutes::override(Slot& slot, IpGenAddr const& neighbor, RouteKey const& key) {
+  Joined* const joined = find(key);
+  if (!joined || &joined->target->slot != &slot || joined->target->neighbor != neighbor) return false;
+  joined->suppressedUntil = joined->heardUntil = -Vel::never;
+  if (hasEntry(slot.link->triggered(neighbor), joined->route, true)) return true;
+  Writer writer(*this, key, joined->version);
+  Route const route = joined->route;
+  IpGenAddr const rp = joined->rp;
+  bool const isWritten = attempt("override", [&] {
+    putEntry(slot.link->overriding(neighbor), route, true, rp, [&] { return writer.current(); });
+  });
+  if (!isWritten) writeLater(key);
+  return true;
+}
+
+// The (S,G) joins of a group towards a neighbor, after t_override or, unless that is pending, at once.
+void UpstreamRoutes::overrideGroup(Slot& slot, IpGenAddr const& neighbor, IpGenAddr const& address,
+                                   bool isAtOnce) {
+  Life::Watch const watch(slot.life);
+  Link const* const link = slot.link;
+  auto const group = groups_.find(address);
+  if (group == groups_.end()) return;
+  auto const forEach = [&](auto const& step) {
+    Ring& sources = group->second.sources;
+    for (Ring* one = &sources.next(); one != &sources; one = &one->next()) {
+      Joined& joined = ofGroup(*one);
+      if (&joined.target->slot == &slot && joined.target->neighbor == neighbor) step(joined);
+    }
+  };
+  std::vector<RouteKey> keys;
+  try {
+    forEach([&](Joined& joined) { keys.push_back(keyOf(joined.route)); });
+  } catch (std::bad_alloc const&) {
+    forEach([&](Joined& joined) { writeLater(keyOf(joined.route)); });
+    return;
+  }
+  for (RouteKey const& key : keys) {
+    if (!isAtOnce) {
+      override(slot, neighbor, key);
+    } else if (Joined* const joined = find(key); joined && joined->target->neighbor == neighbor) {
+      joined->suppressedUntil = joined->heardUntil = -Vel::never;
+      if (!hasEntry(link->overriding(neighbor), joined->route, true)) writeJoin(*joined, true);
+    }
+    if (watch.ended() || slot.link != link) return;
+  }
+}
+
+// Of the groups that were walked because of a Prune(*,G), those for which another one was heard. Their joins
+// are sent now: t_override since that prune may have passed by half. A message of a few bytes that is
+// repeated so costs two walks in an override interval.
+void UpstreamRoutes::overrideAgain(Slot& slot) {
+  Life::Watch const watch(slot.life);
+  Link const* const link = slot.link;
+  std::erase_if(slot.groupsWalked, [](auto const& one) { return !one.second; });
+  if (slot.groupsWalked.empty()) return;
+  slot.timers->walks.armAt(slot.now() + std::max(link->overrideInterval() / 2, leastWalkInterval));
+  std::optional<RouteKey> latest;
+  for (;;) {
+    auto const next = latest ? slot.groupsWalked.upper_bound(*latest) : slot.groupsWalked.begin();
+    if (next == slot.groupsWalked.end()) return;
+    latest = next->first;
+    if (!std::exchange(next->second, false)) continue;
+    overrideGroup(slot, latest->source(), latest->group(), true);
+    if (watch.ended() || slot.link != link) return;
+  }
 }
 
 // Of a refresh that is due now. A route is refreshed in slices of the whole, one interval apart, and not by a

@@ -16,18 +16,16 @@ std::string_view text(Sending sending) {
 // --- Links and neighbors -------------------------------------------------------------------------
 
 LinkObserver& UpstreamRoutes::linkIs(Link& link) {
-  auto& place = slots_[{link.intf(), link.family()}];
-  if (!place) place = std::make_unique<Slot>(*this, link.intf());
-  Slot& slot = *place;
+  Slot& slot = slotIs(link.intf(), link.family());
   if (slot.link == &link) return slot;
+  try {
+    slot.timers.emplace(link.wheel(), slot);
+  } catch (...) {  // no memory
+    releaseSlot(slot);
+    throw;
+  }
   slot.link = &link;
-  // What is there already.
-  Life::Watch const watch(slot.life);
-  std::vector<IpGenAddr> neighbors;
-  for (auto const& [address, target] : slot.targets)
-    if (auto const neighbor = link.neighborOf(address)) neighbors.push_back(*neighbor);
-  for (IpGenAddr const& neighbor : neighbors)
-    if (!watch.ended() && slot.link == &link) up(slot, neighbor);
+  slot.told("linkIs", [&] { followAddresses(slot); });  // What is there already.
   return slot;
 }
 
@@ -36,45 +34,104 @@ void UpstreamRoutes::linkDel(Link& link) {
   if (!slot || slot->link != &link) return;
   ++changes_;
   slot->link = nullptr;
-  for (auto& [address, target] : slot->targets) {
-    target.neighbor = IpGenAddr();
-    if (target.timer) target.timer->timeMinIs(Vel::never);
-  }
-  if (slot->targets.empty()) slots_.erase(slots_.find({link.intf(), link.family()}));
+  slot->timers.reset();
+  slot->groupsWalked.clear();
+  slot->forTargets([](Target& target) { target.neighborIs({}); });
+  releaseSlot(*slot);
 }
 
-void UpstreamRoutes::up(Slot& slot, IpGenAddr const& neighbor) {
+// Targets whose address belongs to another neighbor than it did, or to one at last, or to none.
+void UpstreamRoutes::followAddresses(Slot& slot) {
   Life::Watch const watch(slot.life);
-  std::vector<IpGenAddr> waiting;
+  Link const* const link = slot.link;
+  std::vector<IpGenAddr> moving;
   for (auto const& [address, target] : slot.targets)
-    if (!target.isUp() && slot.link->neighborOf(address) == neighbor) waiting.push_back(address);
-  std::sort(waiting.begin(), waiting.end());
-  for (IpGenAddr const& address : waiting) {
-    auto const found = slot.targets.find(address);
-    if (found == slot.targets.end() || found->second.isUp()) continue;
-    found->second.neighbor = neighbor;
-    found->second.restarted = -Vel::never;
-    ++changes_;
-    forEachRoute(found->second, [this](Joined& joined) {
-      joined.suppressedUntil = joined.heardUntil = -Vel::never;
-      writeJoin(joined, true);
-    });
-    if (watch.ended() || !slot.link || !slot.link->neighborUp(neighbor)) return;
+    if (target.neighbor != ownerOf(target)) moving.push_back(address);
+  for (auto const& [address, target] : slot.departing) moving.push_back(address);
+  std::sort(moving.begin(), moving.end());
+  for (IpGenAddr const& address : moving) {
+    follow(slot, address);
+    if (watch.ended() || slot.link != link) return;
   }
+}
+
+void UpstreamRoutes::follow(Slot& slot, IpGenAddr const& address) {
+  Life::Watch const watch(slot.life);
+  auto const found = slot.targets.find(address);
+  if (found != slot.targets.end() && found->second.neighbor != ownerOf(found->second)) {
+    Target& target = found->second;
+    if (!target.isUp()) {
+      target.neighborIs(ownerOf(target));
+      ++changes_;
+      target.routes.takeAll(target.unwritten);
+      forEachRoute(target.routes, [this](Joined& joined) {
+        joined.suppressedUntil = joined.heardUntil = -Vel::never;
+        writeJoin(joined, true);
+      });
+      return;
+    }
+    // Another target takes its place. Until the last route has moved there, both exist: a callback may change
+    // any of them.
+    slot.departing.reserve(slot.departing.size() + 1);  // so that nothing after this needs memory
+    auto const departing = slot.departing.insert(slot.targets.extract(found));
+    try {
+      targetIs({slot.intf, address});
+    } catch (...) {
+      slot.targets.insert(slot.departing.extract(departing));
+      throw;
+    }
+  }
+  // Of several, in any order: each route moves once.
+  auto const isDue = [](auto const& one) {
+    return !one.second.routes.alone() || !one.second.unwritten.alone();
+  };
+  for (;;) {
+    auto const [begin, end] = slot.departing.equal_range(address);
+    auto const due = std::find_if(begin, end, isDue);
+    if (due == end) break;
+    Target& departing = due->second;
+    departing.routes.takeAll(departing.unwritten);
+    // One that has ended is told nothing, though this may be told of it later.
+    bool const isPruned = departing.isUp() && slot.link && slot.link->neighborUp(departing.neighbor);
+    forEachRoute(departing.routes, [&](Joined& joined) {
+      move(joined, {slot.intf, address}, joined.rp, {isPruned, true});
+    });
+    if (watch.ended()) return;
+  }
+  if (Target* const target = findTarget({slot.intf, address})) releaseTarget(*target);
+}
+
+// What had no memory.
+void UpstreamRoutes::catchUp(Slot& slot) {
+  Life::Watch const watch(slot.life);
+  Link const* const link = slot.link;
+  slot.told("catchUp", [&] {
+    if (std::exchange(slot.isBehind, false)) followAddresses(slot);
+    if (watch.ended() || !link || slot.link != link) return;
+    std::vector<IpGenAddr> behind;
+    for (auto const& [address, target] : slot.targets)
+      if (!target.unwritten.alone()) behind.push_back(address);
+    std::sort(behind.begin(), behind.end());
+    for (IpGenAddr const& address : behind) {
+      auto const found = slot.targets.find(address);
+      if (found == slot.targets.end()) continue;
+      forEachRoute(found->second.unwritten, [this](Joined& joined) { writeJoin(joined, true); });
+      if (watch.ended() || slot.link != link) return;
+    }
+  });
 }
 
 void UpstreamRoutes::down(Slot& slot, IpGenAddr const& neighbor) {
   bool wasUp = false;
-  for (auto& [address, target] : slot.targets) {
-    if (!(target.neighbor == neighbor)) continue;
+  slot.forTargets([&](Target& target) {
+    if (target.neighbor != neighbor) return;
     wasUp = true;
-    target.neighbor = IpGenAddr();
-    if (target.timer) target.timer->timeMinIs(Vel::never);
-  }
-  if (!wasUp) return;
+    target.neighborIs({});
+  });
+  if (!wasUp) return followAddresses(slot);
   ++changes_;
   // The engine keeps the neighbor's machine until there is nothing to refresh.
-  Life::Watch const watch(life_);
+  Life::Watch const watch(slot.life);
   Place const place = placeOf(slot, neighbor);
   // If what is called lets the neighbor come back, the routes towards it have been written by then.
   auto const mayTake = [&](Route const& route) {
@@ -84,6 +141,7 @@ void UpstreamRoutes::down(Slot& slot, IpGenAddr const& neighbor) {
   auto const current = [&] { return !watch.ended(); };
   for (auto const& data : {place.triggered, place.overriding, place.periodic})
     if (!drain(data, mayTake, current)) return;
+  if (slot.link) followAddresses(slot);  // Another one may list its addresses.
 }
 
 void UpstreamRoutes::restarted(Slot& slot, IpGenAddr const& neighbor) {
@@ -115,7 +173,8 @@ void UpstreamRoutes::restarted(Slot& slot, IpGenAddr const& neighbor) {
 void UpstreamRoutes::restart(Target& target) {
   if (!target.isUp()) return;
   target.restarted = target.slot.now();
-  forEachRoute(target, [this](Joined& joined) {
+  target.routes.takeAll(target.unwritten);
+  forEachRoute(target.routes, [this](Joined& joined) {
     joined.suppressedUntil = joined.heardUntil = -Vel::never;
     writeJoin(joined, false);
   });

@@ -14,8 +14,6 @@ Route routeOf(RouteKey const& key) {
                                : Route{RouteKind::source, key.source(), key.group()};
 }
 
-RouteKey keyOf(Route const& route) { return {route.source, route.group}; }
-
 // With the unspecified address of the family as the source of a (*,G), whatever the caller has.
 RouteKey normal(RouteKey const& key) { return key.source().isZero() ? anySource(key.group()) : key; }
 
@@ -50,7 +48,7 @@ void UpstreamRoutes::joinIs(RouteKey const& wanted, UpstreamNeighbor const& upst
   IpGenAddr const kept = isWildcard ? rp : IpGenAddr();
   Joined* const joined = find(key);
   if (!joined) return create(key, upstream, kept);
-  if (findTarget(upstream) != joined->target) return move(*joined, upstream, kept, because);
+  if (findTarget(upstream) != joined->target) return move(*joined, upstream, kept, mannerOf(because));
   if (joined->rp == kept) return;
   joined->rp = kept;
   joined->version = ++changes_;
@@ -104,7 +102,7 @@ bool UpstreamRoutes::joinDel(RouteKey const& wanted) {
 }
 
 void UpstreamRoutes::move(Joined& joined, UpstreamNeighbor const& upstream, IpGenAddr const& rp,
-                          UpstreamMove because) {
+                          Manner manner) {
   Target& target = targetIs(upstream);
   Target& old = *joined.target;
   Place const place = placeOf(old);
@@ -119,8 +117,8 @@ void UpstreamRoutes::move(Joined& joined, UpstreamNeighbor const& upstream, IpGe
   --old.joined;
   releaseTarget(old);
   Writer writer(*this, keyOf(route), joined.version);
-  writeLeave(place, route, oldRp, because == UpstreamMove::routing);
-  if (writer.current()) writeJoin(joined, because == UpstreamMove::routing);
+  writeLeave(place, route, oldRp, manner.isPruned);
+  if (writer.current()) writeJoin(joined, manner.isAtOnce);
 }
 
 std::size_t UpstreamRoutes::moveAll(UpstreamNeighbor const& from, UpstreamNeighbor const& to,
@@ -131,9 +129,10 @@ std::size_t UpstreamRoutes::moveAll(UpstreamNeighbor const& from, UpstreamNeighb
     throw Vel::RangeException("upstream neighbor " + toText(to.address) +
                               ": cannot take over the routes of " + toText(from.address));
   std::size_t moved = 0;
-  forEachRoute(*target, [&](Joined& joined) {
+  target->routes.takeAll(target->unwritten);
+  forEachRoute(target->routes, [&](Joined& joined) {
     ++moved;
-    move(joined, to, joined.rp, because);
+    move(joined, to, joined.rp, mannerOf(because));
   });
   return moved;
 }
@@ -171,6 +170,19 @@ bool UpstreamRoutes::pruneDel(RouteKey const& key) {
 // A wish for a join: at once, or after t_override.
 void UpstreamRoutes::writeJoin(Joined& joined, bool isAtOnce) {
   if (!joined.target->isUp()) return;
+  RouteKey const key = keyOf(joined.route);
+  if (!attempt("writeJoin", [&] { putJoin(joined, isAtOnce); })) writeLater(key);
+}
+
+// Needs no memory.
+void UpstreamRoutes::writeLater(RouteKey const& key) {
+  Joined* const joined = find(key);
+  if (!joined) return;
+  joined->TargetHook::join(joined->target->unwritten);
+  joined->target->slot.catchUpLater();
+}
+
+void UpstreamRoutes::putJoin(Joined& joined, bool isAtOnce) {
   Place const place = placeOf(*joined.target);
   if (!place.periodic) return;
   Route const route = joined.route;
@@ -202,6 +214,10 @@ void UpstreamRoutes::writeJoin(Joined& joined, bool isAtOnce) {
 // The end of a join, with or without a prune. The prune is sent even if the join was not: an earlier join may
 // be known to the neighbor. Ends early if what is called wants the route from that neighbor again.
 void UpstreamRoutes::writeLeave(Place const& place, Route const& route, IpGenAddr const& rp, bool isPruned) {
+  attempt("writeLeave", [&] { putLeave(place, route, rp, isPruned); });
+}
+
+void UpstreamRoutes::putLeave(Place const& place, Route const& route, IpGenAddr const& rp, bool isPruned) {
   Life::Watch const watch(life_);
   auto const current = [&, key = keyOf(route)] { return !watch.ended() && !isWantedFrom(place, key); };
   for (auto const& data : {place.periodic, place.overriding, place.triggered}) {
@@ -213,9 +229,15 @@ void UpstreamRoutes::writeLeave(Place const& place, Route const& route, IpGenAdd
 }
 
 // An (S,G,rpt) prune that is wanted, or no longer. Stored alone as long as the (*,G) is not joined.
+// Without memory its join is written later, which has the prunes of the group.
 void UpstreamRoutes::writePrune(Group& group, IpGenAddr const& source, bool isPruned) {
+  if (!group.wildcard || !group.wildcard->target->isUp()) return;
+  RouteKey const key = keyOf(group.wildcard->route);
+  if (!attempt("writePrune", [&] { putPrune(group, source, isPruned); })) writeLater(key);
+}
+
+void UpstreamRoutes::putPrune(Group& group, IpGenAddr const& source, bool isPruned) {
   Joined const* const wildcard = group.wildcard;
-  if (!wildcard || !wildcard->target->isUp()) return;
   Place const place = placeOf(*wildcard->target);
   Route const route{RouteKind::sourceRpt, source, group.address};
   Writer writer(*this, keyOf(wildcard->route), wildcard->version);
@@ -255,25 +277,51 @@ UpstreamRoutes::Target* UpstreamRoutes::findTarget(UpstreamNeighbor const& upstr
   return found == slot->targets.end() ? nullptr : &found->second;
 }
 
+UpstreamRoutes::Slot& UpstreamRoutes::slotIs(Dova::IntfId const& intf, AddressFamily family) {
+  if (Slot* const slot = findSlot(intf, family)) return *slot;
+  auto made = std::make_unique<Slot>(*this, intf);
+  return *slots_.try_emplace({intf, family}, std::move(made)).first->second;
+}
+
+// A slot that nobody needs ends.
+void UpstreamRoutes::releaseSlot(Slot& slot) {
+  if (slot.targets.empty() && slot.departing.empty() && !slot.link)
+    std::erase_if(slots_, [&](auto const& one) { return one.second.get() == &slot; });
+}
+
 UpstreamRoutes::Target& UpstreamRoutes::targetIs(UpstreamNeighbor const& upstream) {
-  auto& slot = slots_[{upstream.intf, upstream.address.af()}];
-  if (!slot) slot = std::make_unique<Slot>(*this, upstream.intf);
-  auto const [place, isNew] = slot->targets.try_emplace(upstream.address, *slot, upstream.address);
+  Slot& slot = slotIs(upstream.intf, upstream.address.af());
+  decltype(slot.targets)::iterator place;
+  bool isNew = false;
+  try {
+    std::tie(place, isNew) = slot.targets.try_emplace(upstream.address, slot, upstream.address);
+  } catch (...) {  // no memory
+    releaseSlot(slot);
+    throw;
+  }
   Target& target = place->second;
-  if (isNew && slot->link)
-    // A neighbor without data sets is about to be told of.
-    if (auto const neighbor = slot->link->neighborOf(upstream.address);
-        neighbor && slot->link->periodic(*neighbor))
-      target.neighbor = *neighbor;
+  if (isNew) target.neighbor = ownerOf(target);
   return target;
 }
 
 void UpstreamRoutes::releaseTarget(Target& target) {
   if (target.joined != 0) return;
   Slot& slot = target.slot;
-  slot.targets.erase(slot.targets.find(target.address));
-  if (slot.targets.empty() && !slot.link)
-    std::erase_if(slots_, [&](auto const& one) { return one.second.get() == &slot; });
+  auto const isThat = [&](auto const& one) { return &one.second == &target; };
+  auto const found = slot.targets.find(target.address);
+  if (found != slot.targets.end() && isThat(*found))
+    slot.targets.erase(found);
+  else
+    std::erase_if(slot.departing, isThat);
+  releaseSlot(slot);
+}
+
+// The neighbor that has a target's address, of unknown family if there is none. One without data sets is
+// about to be told of.
+IpGenAddr UpstreamRoutes::ownerOf(Target const& target) const {
+  Link const* const link = target.slot.link;
+  auto const neighbor = link ? link->neighborOf(target.address) : std::nullopt;
+  return neighbor && link->periodic(*neighbor) ? *neighbor : IpGenAddr();
 }
 
 UpstreamRoutes::Group& UpstreamRoutes::groupIs(IpGenAddr const& address) {

@@ -12,8 +12,15 @@
 // another router's prune or an upstream neighbor's restart calls for, periodic for what is wanted. Each route
 // has one upstream neighbor, on any link; an (S,G,rpt) has that of its (*,G).
 //
+// A route that names its neighbor by an address in the neighbor's Hellos follows the address: when another
+// neighbor has it, as its own or in its Hellos, the route moves as if routing had changed; when none has it,
+// the route waits.
+//
 // A change costs O(1), beside the (S,G,rpt) prunes of a (*,G). What a neighbor's coming, end or restart costs
-// is linear in the routes towards it.
+// is linear in the routes towards it, beside the neighbors that are named. A Prune(*,G) that is heard costs a
+// walk over the routes of its group, up to four times in an override interval however often it is repeated.
+//
+// A wish that is stored is written: what has no memory for it is written a second later, and so on.
 //
 // The files:
 //
@@ -85,7 +92,8 @@ struct UpstreamTarget {
 inline RouteKey anySource(IpGenAddr const& group) { return {IpGenAddr::zero(group.af()), group}; }
 
 /// The upstream routes of a speaker. Every change may call out (trace lines); what is called may do anything,
-/// the destruction of this object included, and a wish that it changes is as it left it.
+/// the destruction of this object included, and a wish that it changes is as it left it. A change that throws
+/// std::bad_alloc has not been made.
 class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoins {
  public:
   UpstreamRoutes();
@@ -93,7 +101,7 @@ class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoi
   UpstreamRoutes(UpstreamRoutes const&) = delete;
 
   /// Takes up a link. The observer that is returned is to be told what happens on it; it is valid until
-  /// linkDel().
+  /// linkDel(). Throws std::bad_alloc, and then the link is not known.
   LinkObserver& linkIs(Link& link);
   /// The link ends. Nothing is sent; the routes stay wanted.
   void linkDel(Link& link);
@@ -104,7 +112,8 @@ class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoi
   /// neighbor.
   void joinIs(RouteKey const& route, UpstreamNeighbor const& upstream, IpGenAddr const& rp = {},
               UpstreamMove move = UpstreamMove::routing);
-  /// Wants it no longer. False if it was not wanted.
+  /// Wants it no longer. False if it was not wanted. A prune for which there is no memory is not sent; the
+  /// neighbor forgets the join with its hold time.
   bool joinDel(RouteKey const& route);
 
   /// Wants a source pruned off the shared tree of its group, as long as that is joined. False if it was
@@ -113,7 +122,7 @@ class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoi
   /// Wants it no longer. False if it was not wanted.
   bool pruneDel(RouteKey const& route);
 
-  /// Moves all (*,G) and (S,G) routes of a neighbor. How many.
+  /// Moves all (*,G) and (S,G) routes of a neighbor. How many. After std::bad_alloc some have moved.
   std::size_t moveAll(UpstreamNeighbor const& from, UpstreamNeighbor const& to,
                       UpstreamMove move = UpstreamMove::routing);
 
@@ -177,6 +186,8 @@ class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoi
   Target* findTarget(UpstreamNeighbor const& upstream) const;
   Target& targetIs(UpstreamNeighbor const& upstream);
   void releaseTarget(Target& target);
+  Slot& slotIs(Dova::IntfId const& intf, AddressFamily family);
+  void releaseSlot(Slot& slot);
   Group& groupIs(IpGenAddr const& group);
   void releaseGroup(IpGenAddr const& group);
   static Place placeOf(Target const& target);
@@ -184,20 +195,40 @@ class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoi
   bool isWantedFrom(Place const& place, RouteKey const& key) const;
 
   void create(RouteKey const& route, UpstreamNeighbor const& upstream, IpGenAddr const& rp);
-  void move(Joined& joined, UpstreamNeighbor const& upstream, IpGenAddr const& rp, UpstreamMove move);
+  // How a route moves: with a prune to the old neighbor, with a join to the new one at once.
+  struct Manner {
+    bool isPruned, isAtOnce;
+  };
+  static Manner mannerOf(UpstreamMove because) {
+    bool const isRouting = because == UpstreamMove::routing;
+    return {isRouting, isRouting};
+  }
+  void move(Joined& joined, UpstreamNeighbor const& upstream, IpGenAddr const& rp, Manner manner);
   void writeJoin(Joined& joined, bool isAtOnce);
+  void putJoin(Joined& joined, bool isAtOnce);
   void writeLeave(Place const& place, Route const& route, IpGenAddr const& rp, bool isPruned);
+  void putLeave(Place const& place, Route const& route, IpGenAddr const& rp, bool isPruned);
   void writePrune(Group& group, IpGenAddr const& source, bool isPruned);
+  void putPrune(Group& group, IpGenAddr const& source, bool isPruned);
+  template <class Step>
+  bool attempt(char const* function, Step const& step);
+  void writeLater(RouteKey const& key);
+  void catchUp(Slot& slot);
 
   template <class Step>
-  void forEachRoute(Target& target, Step const& step);
-  void up(Slot& slot, IpGenAddr const& neighbor);
+  void forEachRoute(Ring& routes, Step const& step);
+  IpGenAddr ownerOf(Target const& target) const;
+  void followAddresses(Slot& slot);
+  void follow(Slot& slot, IpGenAddr const& address);
   void down(Slot& slot, IpGenAddr const& neighbor);
   void restarted(Slot& slot, IpGenAddr const& neighbor);
   void restart(Target& target);
 
   class Hearing;
   void heard(Slot& slot, Wire::JoinPrune const& message);
+  bool override(Slot& slot, IpGenAddr const& neighbor, RouteKey const& key);
+  void overrideGroup(Slot& slot, IpGenAddr const& neighbor, IpGenAddr const& group, bool isAtOnce);
+  void overrideAgain(Slot& slot);
   bool isLeftOut(Joined const& joined) const;
   Sending sendingOf(Joined const& joined) const;
 

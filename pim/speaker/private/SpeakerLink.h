@@ -51,6 +51,9 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
     return {engine_.joins, engine_.prunes};
   }
 
+  /// The engine's interface; null while the link is down.
+  Vel::Ptr<Intf const> engineIntf() const { return engine_.intf; }
+
   Dova::IntfId const& intf() const override { return intf_; }
   AddressFamily family() const override { return family_; }
   IpGenAddr primaryAddress() const override { return present_.primary.ipGenAddr(); }
@@ -114,6 +117,7 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
   AddressFamily const family_;
 
   LinkSetup wanted_, present_;
+  bool isComplete_ = true;  // All of the present setup was taken over.
   bool isChanging_ = false;
   Engine engine_;
   std::unique_ptr<Neighbors> neighbors_;

@@ -2,9 +2,13 @@
 #pragma once
 
 #include "pim/speaker/UpstreamRoutes.h"
+#include "pim/speaker/detail/Timer.h"
+#include "pim/speaker/private/CallOut.h"
 #include "pim/speaker/private/UpstreamData.h"
 
 namespace Routing::Pim::Speaker {
+
+inline RouteKey keyOf(Route const& route) { return {route.source, route.group}; }
 
 /// Expires when a restart of a neighbor, which came soon after another one, is to be acted on.
 class UpstreamRoutes::RestartTimer final : public Zanth::TimerWheel::Notifiee {
@@ -36,11 +40,19 @@ struct UpstreamRoutes::Target {
   IpGenAddr
       neighbor;  // the primary address of the neighbor that has that address; of unknown family while down
   U32 joined = 0;
-  Ring routes;
+  // All routes towards it. Those for which there was no memory are apart: the data sets may lack something of
+  // them.
+  Ring routes, unwritten;
   Seconds restarted = -Vel::never;  // when its last restart was acted on
   Vel::Ptr<RestartTimer> timer;     // null until a restart has to wait
 
   bool isUp() const { return neighbor.af() != AddressFamily::unknown; }
+  /// Another one, or none. What was to be done about a restart of the previous one is not.
+  void neighborIs(IpGenAddr const& present) {
+    neighbor = present;
+    restarted = -Vel::never;
+    if (timer) timer->timeMinIs(Vel::never);
+  }
 };
 
 /// An interface and address family on which something is wanted, or which has a link.
@@ -48,22 +60,65 @@ class UpstreamRoutes::Slot final : public LinkObserver {
  public:
   Slot(UpstreamRoutes& ofRoutes, Dova::IntfId const& ofIntf) : routes(ofRoutes), intf(ofIntf) {}
 
-  void neighborUp(IpGenAddr const& neighbor) override { routes.up(*this, neighbor); }
-  // Routes that wait for one of the addresses are joined; those of another neighbor that is up stay with it.
-  void neighborAddressesChanged(IpGenAddr const& neighbor) override { routes.up(*this, neighbor); }
-  void neighborDown(IpGenAddr const& neighbor) override { routes.down(*this, neighbor); }
-  void neighborRestarted(IpGenAddr const& neighbor) override { routes.restarted(*this, neighbor); }
+  /// Before anything that had no memory is tried again, in seconds.
+  static constexpr Seconds retryDelay = 1;
+
+  struct Timers {
+    Timers(Vel::Ptr<Zanth::TimerWheel> const& wheel, Slot& slot)
+        : catchUp(wheel, [&slot] { slot.routes.catchUp(slot); }),
+          walks(wheel, [&slot] { slot.routes.overrideAgain(slot); }) {}
+    Timer catchUp, walks;
+  };
+
+  void neighborUp(IpGenAddr const&) override {
+    told("neighborUp", [this] { routes.followAddresses(*this); });
+  }
+  void neighborAddressesChanged(IpGenAddr const&) override {
+    told("neighborAddressesChanged", [this] { routes.followAddresses(*this); });
+  }
+  void neighborDown(IpGenAddr const& neighbor) override {
+    told("neighborDown", [&] { routes.down(*this, neighbor); });
+  }
+  void neighborRestarted(IpGenAddr const& neighbor) override {
+    Life::Watch const watch(life);
+    if (routes.attempt("neighborRestarted", [&] { routes.restarted(*this, neighbor); }) || watch.ended())
+      return;
+    for (auto& [address, target] : targets)
+      if (target.neighbor == neighbor) target.unwritten.takeAll(target.routes);
+    catchUpLater();
+  }
   void joinPruneReceived(ReceivedJoinPrune const& received) override {
-    if (!received.isForUs && !targets.empty()) routes.heard(*this, received.message);
+    if (!received.isForUs && !targets.empty() && link->neighborUp(received.message.upstreamNeighbor()))
+      routes.heard(*this, received.message);
   }
 
+  /// Does what a change of the link calls for. What has no memory for it is done later.
+  template <class Step>
+  void told(char const* function, Step const& step) {
+    Life::Watch const watch(life);
+    if (routes.attempt(function, step) || watch.ended()) return;
+    isBehind = true;
+    catchUpLater();
+  }
+  void catchUpLater() {
+    if (link && !timers->catchUp.armed()) timers->catchUp.armAt(now() + retryDelay);
+  }
+  template <class Step>
+  void forTargets(Step const& step) {
+    for (auto& [address, target] : targets) step(target);
+    for (auto& [address, target] : departing) step(target);
+  }
   Seconds now() const { return link->wheel()->now(); }
 
   UpstreamRoutes& routes;
   Dova::IntfId const intf;
   Link* link = nullptr;
+  std::optional<Timers> timers;  // There with the link.
   std::unordered_map<IpGenAddr, Target> targets;
+  std::unordered_multimap<IpGenAddr, Target> departing;  // Their routes are moving to others of that address.
+  bool isBehind = false;                  // A target may have another neighbor than its address has.
   Seconds suppressedUntil = -Vel::never;  // no route is suppressed for longer
+  std::map<RouteKey, bool> groupsWalked;  // see UpstreamRoutes::overrideAgain(); by neighbor and group
   Life life;
 };
 
@@ -93,10 +148,22 @@ class UpstreamRoutes::Writer {
   U64 seen_;
 };
 
-/// A step for each route towards a target. Routes may come and leave meanwhile; those that were there at the
-/// beginning are visited once, unless they leave.
+/// Whether a step was completed. What it throws is traced. False if this object has ended, too.
 template <class Step>
-void UpstreamRoutes::forEachRoute(Target& target, Step const& step) {
+bool UpstreamRoutes::attempt(char const* function, Step const& step) {
+  Life::Watch const watch(life_);
+  bool isComplete = false;
+  callOut("UpstreamRoutes", function, [&] {
+    step();
+    isComplete = true;
+  });
+  return isComplete || watch.ended();
+}
+
+/// A step for each route in a ring of a target; it is then among the target's routes. Routes may come and
+/// leave meanwhile; those that were there at the beginning are visited once, unless they leave.
+template <class Step>
+void UpstreamRoutes::forEachRoute(Ring& routes, Step const& step) {
   Life::Watch const watch(life_);
   struct Todo : Ring {
     explicit Todo(Life::Watch const& life) : watch(life) {}
@@ -110,7 +177,7 @@ void UpstreamRoutes::forEachRoute(Target& target, Step const& step) {
     }
     Life::Watch const& watch;
   } todo(watch);
-  todo.takeAll(target.routes);
+  todo.takeAll(routes);
   while (!todo.alone()) {
     step(todo.takeFirst());
     if (watch.ended()) return;

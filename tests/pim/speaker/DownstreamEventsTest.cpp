@@ -46,6 +46,15 @@ TEST_P(DownstreamEventsTest, TheRoutesAreShownInOrder) {
                                  "(S2,G2) joined N2"));
 }
 
+TEST_P(DownstreamEventsTest, ARouteThatIsPrunedIsToldOfThoughItsPruneEchoHadNoMemory) {
+  receive("join (S1,G1)");
+  receive("prune (S1,G1)");
+  take();
+  onEcho = [] { throw std::bad_alloc(); };
+  runUntil(4);
+  EXPECT_THAT(take(), ElementsAre("echo (S1,G1)", "pruned (S1,G1) by N1"));
+}
+
 // --- Limits ----------------------------------------------------------------------------------------
 
 TEST_P(DownstreamEventsTest, BeyondTheLimitOfTheInterfaceNewRoutesAreRefusedAndOthersRefreshed) {

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "runtime/vel/Exception.h"
+#include "runtime/vel/Trace.h"
 
 namespace Routing::Pim::Speaker {
 namespace {
@@ -78,7 +79,11 @@ class NeighborsTest : public testing::Test, public NeighborsOwner {
          << (values.suppressionAllowed() ? "" : " no suppression");
     log_.push_back(line.str());
   }
-  void onNeighborUp(IpGenAddr const& neighbor) override { tell("routes: up", neighbor); }
+  void onNeighborUp(IpGenAddr const& neighbor) override {
+    if (std::exchange(hasNoMemory_, false)) throw std::bad_alloc();
+    tell("routes: up", neighbor);
+  }
+  void onNeighborAddresses(IpGenAddr const& neighbor) override { tell("routes: addresses", neighbor); }
   void onNeighborDown(IpGenAddr const& neighbor) override {
     EXPECT_FALSE(neighbors_->isUp(neighbor));
     tell("routes: down", neighbor);
@@ -106,7 +111,7 @@ class NeighborsTest : public testing::Test, public NeighborsOwner {
   std::vector<Seconds> times_;
   Wire::Hello latest_;
   Sent answer_ = Sent::done;
-  bool isLogged_ = true;
+  bool isLogged_ = true, hasNoMemory_ = false;
   std::function<void()> onSend_, onEvent_;
   std::unique_ptr<Neighbors> neighbors_;
 };
@@ -170,7 +175,7 @@ TEST_F(NeighborsTest, AnAnswerThatIsPendingIsNotMoved) {
   hear("10.0.0.2", helloOf());
   Seconds const answer = wheel_->timeMin();
   EXPECT_LE(answer, now_ + 5);
-  for (int n = 3; n < 30; ++n) {
+  for (int n = 3; n < 12; ++n) {
     hear("10.0.0." + std::to_string(100 + n), helloOf());
     ASSERT_EQ(wheel_->timeMin(), answer);
   }
@@ -201,6 +206,33 @@ TEST_F(NeighborsTest, AHelloThatTheSinkWantsLaterIsTriedAgainAfterATenthOfASecon
   pass(0.2);
   EXPECT_EQ(takeTimes().size(), 1u);
   EXPECT_FALSE(neighbors_->helloDueBefore(IpGenAddr("10.0.0.2")));
+}
+
+TEST_F(NeighborsTest, AHelloThatCouldNotBeMadeForWantOfMemoryIsTriedAgain) {
+  onSend_ = [] { throw std::bad_alloc(); };
+  Vel::traceSinkIs([](Vel::TraceLine const&) {});
+  pass(6);
+  Vel::traceSinkIs({});
+  EXPECT_GT(takeTimes().size(), 10u);
+  EXPECT_EQ(neighbors_->counters().sent, 0u);
+  onSend_ = nullptr;
+  pass(0.2);
+  EXPECT_EQ(takeTimes().size(), 1u);
+  EXPECT_EQ(neighbors_->counters().sent, 1u);
+  pass(30);
+  EXPECT_EQ(takeTimes().size(), 1u);
+}
+
+TEST_F(NeighborsTest, AnAnnouncementAtOnceThatHadNoMemoryIsMadeLater) {
+  settle();
+  takeTimes();
+  onSend_ = [] { throw std::bad_alloc(); };
+  EXPECT_THROW(neighbors_->secondaryAddressesIs({IpGenAddr("10.0.1.5")}), std::bad_alloc);
+  onSend_ = nullptr;
+  takeTimes();
+  pass(0.2);
+  EXPECT_EQ(takeTimes().size(), 1u);
+  EXPECT_THAT(latest_.addresses(), ElementsAre(IpGenAddr("10.0.1.5")));
 }
 
 TEST_F(NeighborsTest, AHelloThatFailsCountsAsSent) {
@@ -385,7 +417,8 @@ TEST_F(NeighborsTest, AnotherGenerationIdIsARestartAndDiscardsTheOldOptions) {
   Wire::Hello bare;
   bare.generationIdIs(2);
   hear("10.0.0.2", bare);
-  EXPECT_THAT(take(), ElementsAre("routes: restarted 10.0.0.2", "restarted 10.0.0.2"));
+  EXPECT_THAT(take(),
+              ElementsAre("routes: restarted 10.0.0.2", "routes: addresses 10.0.0.2", "restarted 10.0.0.2"));
   auto const info = neighbors_->snapshot().at(0);
   EXPECT_EQ(info.options, LanOptions());
   EXPECT_THAT(info.addresses, IsEmpty());
@@ -458,7 +491,7 @@ TEST_F(NeighborsTest, OfAnAddressThatTwoNeighborsListTheLatestCountsAndThatIsTol
               ElementsAre("routes: up 10.0.0.3", "address conflict 10.0.0.3 10.0.1.2", "up 10.0.0.3"));
   EXPECT_EQ(neighbors_->neighborOf(IpGenAddr("10.0.1.2")), IpGenAddr("10.0.0.3"));
   hear("10.0.0.2", hello);
-  EXPECT_THAT(take(), ElementsAre("address conflict 10.0.0.2 10.0.1.2"));
+  EXPECT_THAT(take(), ElementsAre("routes: addresses 10.0.0.2", "address conflict 10.0.0.2 10.0.1.2"));
   EXPECT_EQ(neighbors_->neighborOf(IpGenAddr("10.0.1.2")), IpGenAddr("10.0.0.2"));
   hear("10.0.0.3", helloOf(0));
   EXPECT_EQ(neighbors_->neighborOf(IpGenAddr("10.0.1.2")), IpGenAddr("10.0.0.2"));
@@ -611,6 +644,177 @@ TEST_F(NeighborsTest, ARestartThatWasNotToldAtOnceIsToldLater) {
   EXPECT_THAT(take(), ElementsAre("routes: restarted 10.0.0.2"));
   pass(60);
   EXPECT_THAT(take(), IsEmpty());
+}
+
+TEST_F(NeighborsTest, ANeighborThatSaysGoodbyeAndHelloInTurnEndsThreeTimesAtOnceAndThenOnceInAHelloPeriod) {
+  settle();
+  isLogged_ = false;
+  int const seconds = 60;
+  for (int n = 0; n < 100 * seconds; ++n) {
+    hear("10.0.0.2", helloOf());
+    hear("10.0.0.2", helloOf(0));
+    pass(0.01);
+  }
+  hear("10.0.0.2", helloOf());
+  auto const lines = take();
+  auto const count = [&](std::string_view start) {
+    return std::count_if(lines.begin(), lines.end(),
+                         [&](auto const& line) { return line.starts_with(start); });
+  };
+  EXPECT_LE(count("routes: down"), 3 + seconds / 30);
+  EXPECT_GE(count("routes: down"), 3);
+  EXPECT_LE(count("routes: up"), 1 + 3 + seconds / 30);
+  EXPECT_LE(count("routes: restarted"), (1 + 3 + seconds / 30) * (3 + 1));
+  EXPECT_EQ(count("up"), count("goodbye") + 1) << "and the last one says that it is there";
+  EXPECT_TRUE(neighbors_->isUp(IpGenAddr("10.0.0.2")));
+}
+
+TEST_F(NeighborsTest, AnEndThatIsPutOffCountsWhenItHasATurnUnlessAHelloComesWhichIsARestart) {
+  settle();
+  isLogged_ = false;
+  for (int n = 0; n < 3; ++n) {
+    hear("10.0.0.2", helloOf());
+    hear("10.0.0.2", helloOf(0));
+  }
+  hear("10.0.0.2", helloOf());
+  take();
+  hear("10.0.0.2", helloOf(0));
+  EXPECT_THAT(take(), IsEmpty());
+  EXPECT_TRUE(neighbors_->isUp(IpGenAddr("10.0.0.2")));
+  hear("10.0.0.2", helloOf());
+  EXPECT_THAT(take(), ElementsAre("routes: restarted 10.0.0.2", "restarted 10.0.0.2"));
+  EXPECT_EQ(neighbors_->snapshot().at(0).restarts, 1u);
+  pass(29);
+  hear("10.0.0.2", helloOf(0));
+  EXPECT_THAT(take(), IsEmpty());
+  pass(1);
+  EXPECT_THAT(take(), ElementsAre("routes: down 10.0.0.2", "goodbye 10.0.0.2", alone));
+}
+
+TEST_F(NeighborsTest, EndsOfVeryManyNeighborsAreRememberedWithinTheLimitAndHaveABoundBeyondIt) {
+  start({.maxNeighbors = 20});
+  settle();
+  isLogged_ = false;
+  U32 ends = 0;
+  for (int n = 0; n < 20'000; ++n) {
+    auto const neighbor = "10.1." + std::to_string(n / 250 % 250) + "." + std::to_string(1 + n % 250);
+    hear(neighbor, helloOf());
+    hear(neighbor, helloOf(0));
+    pass(0.003);
+    for (auto const& line : take()) ends += line.starts_with("routes: down");
+  }
+  EXPECT_GE(ends, 20u);
+  EXPECT_LE(ends, 3 * 2 * 20u) << "in two Hello_Periods";
+}
+
+TEST_F(NeighborsTest, OfUpAndEndedTenEventsASecondAreToldAndTheLastOneOfEachNeighborSaysWhatIsTrue) {
+  settle();
+  isLogged_ = false;
+  auto const name = [](int n) { return "10.0.2." + std::to_string(n); };
+  for (int n = 1; n <= 50; ++n) hear(name(n), helloOf(1000));
+  auto const isEvent = [](std::string const& line) {
+    return line.starts_with("up ") || line.starts_with("goodbye ") || line.starts_with("expired ");
+  };
+  std::map<std::string, std::string> latest;  // by neighbor
+  U64 told = 0, leftOut = 0;
+  auto const read = [&] {
+    for (auto const& line : take()) {
+      if (!isEvent(line)) continue;
+      ++told;
+      std::istringstream words(line);
+      std::string kind, neighbor, open;
+      words >> kind >> neighbor;
+      latest[neighbor] = kind;
+      if (words >> open) leftOut += std::stoull(open.substr(1));
+    }
+  };
+  read();
+  EXPECT_EQ(told, 10u);
+  for (int n = 20; n <= 40; ++n) hear(name(n), helloOf(0));
+  hear(name(1), helloOf(0));
+  for (int second = 0; second < 8; ++second) {
+    pass(1);
+    U64 const before = told;
+    read();
+    EXPECT_LE(told - before, 20u) << "ten of each kind";
+  }
+  EXPECT_EQ(latest.size(), 29u) << "without those that came and went untold";
+  for (auto const& [neighbor, kind] : latest)
+    EXPECT_EQ(kind == "up", neighbors_->isUp(IpGenAddr(neighbor))) << neighbor << " " << kind;
+  hear(name(99), helloOf());
+  hear(name(99), helloOf(0));
+  read();
+  EXPECT_EQ(leftOut, 42u);
+  neighbors_->end();
+  EXPECT_EQ(neighbors_->count(), 0u);
+}
+
+TEST_F(NeighborsTest, ALinkThatEndsTellsFirstOfTheNeighborsThatHaveEndedUntold) {
+  settle();
+  isLogged_ = false;
+  for (int n = 1; n <= 15; ++n) {
+    hear("10.0.2." + std::to_string(n), helloOf(1000));
+    if (n == 10) pass(1);
+  }
+  for (int n = 1; n <= 14; ++n) hear("10.0.2." + std::to_string(n), helloOf(0));
+  auto lines = take();
+  auto const goodbyes = [&] {
+    return std::count_if(lines.begin(), lines.end(),
+                         [](auto const& line) { return line.starts_with("goodbye 10"); });
+  };
+  EXPECT_EQ(goodbyes(), 10);
+  neighbors_->end();
+  lines = take();
+  EXPECT_EQ(goodbyes(), 4);
+  EXPECT_EQ(lines.back(), "link down 10.0.2.15");
+}
+
+TEST_F(NeighborsTest, ANeighborOfWhoseComingNobodyWasToldForWantOfMemoryIsToldOfWithItsNextHello) {
+  settle();
+  isLogged_ = false;
+  hasNoMemory_ = true;
+  EXPECT_THROW(hear("10.0.0.2", helloOf()), std::bad_alloc);
+  take();
+  hear("10.0.0.2", helloOf());
+  EXPECT_THAT(take(), ElementsAre("routes: up 10.0.0.2", "up 10.0.0.2"));
+  hear("10.0.0.2", helloOf());
+  EXPECT_THAT(take(), IsEmpty());
+  hasNoMemory_ = true;
+  EXPECT_THROW(hear("10.0.0.3", helloOf()), std::bad_alloc);
+  take();
+  hear("10.0.0.3", helloOf(0));
+  EXPECT_THAT(take(), IsEmpty()) << "who was not told of it is not told of its end";
+}
+
+TEST_F(NeighborsTest, OfChangedAddressListsThreeAreToldAtOnceAndThenOneInAHelloPeriod) {
+  settle();
+  isLogged_ = false;
+  hear("10.0.0.2", helloOf());
+  take();
+  int const seconds = 60;
+  for (int n = 0; n < 100 * seconds; ++n) {
+    auto listing = helloOf();
+    if (n % 2 == 0) listing.addressAdd(IpGenAddr("10.0.1.2"));
+    hear("10.0.0.2", listing);
+    pass(0.01);
+  }
+  auto const lines = take();
+  auto const told = std::count(lines.begin(), lines.end(), "routes: addresses 10.0.0.2");
+  EXPECT_LE(told, 3 + seconds / 30);
+  EXPECT_GE(told, 3 + seconds / 30 - 1);
+}
+
+TEST_F(NeighborsTest, MoreAddressesThanAHelloCanListAreRefusedAndChangeNothing) {
+  std::vector<IpGenAddr> addresses;
+  for (U32 n = 0; n < 10'912; ++n) addresses.push_back(IpGenAddr::ipv4(0x0a100000u + n));
+  EXPECT_NO_THROW(neighbors_->secondaryAddressesIs(addresses));
+  addresses.push_back(IpGenAddr("10.99.0.1"));
+  EXPECT_THAT([&] { neighbors_->secondaryAddressesIs(addresses); },
+              ThrowsMessage<Vel::RangeException>(
+                  "a Hello with 10913 secondary addresses does not fit an IP datagram"));
+  pass(6);
+  EXPECT_EQ(latest_.addresses().size(), 10'912u);
+  EXPECT_THROW(start({}, addresses), Vel::RangeException);
 }
 
 // --- Callbacks -----------------------------------------------------------------------------------

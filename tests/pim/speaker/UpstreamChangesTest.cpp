@@ -48,7 +48,8 @@ class UpstreamChangesTest : public UpstreamScene {
       IpGenAddr const neighbor = names.address(name);
       std::set<std::string> wanted;
       for (auto const& route : upstream->routes())
-        if (eth0.link.neighborUp(neighbor) && route.upstream == at(name))
+        if (eth0.link.neighborUp(neighbor) && route.upstream &&
+            eth0.link.neighborOf(route.upstream->address) == neighbor)
           wanted.insert((route.route.kind == RouteKind::sourceRpt ? "prune " : "join ") +
                         names.name(route.route));
       EXPECT_EQ(entriesOf(eth0.link.periodic(neighbor), names), wanted) << name;
@@ -64,18 +65,33 @@ class UpstreamChangesTest : public UpstreamScene {
     }
   }
 
+  /// An address that is nobody's own: another neighbor has it, or none.
+  void moveAddress(std::string const& neighbor, bool isLost) {
+    auto& secondary = eth0.link.secondary;
+    if (isLost)
+      secondary.erase(names.address("N4"));
+    else
+      secondary[names.address("N4")] = names.address(neighbor);
+    if (eth0.link.neighborUp(names.address(neighbor)))
+      eth0.observer->neighborAddressesChanged(names.address(neighbor));
+    else if (auto const up = eth0.link.neighbors.begin(); up != eth0.link.neighbors.end())
+      eth0.observer->neighborAddressesChanged(IpGenAddr(*up));
+  }
+
   /// A change that is taken from a random number.
   void change(U32 random) {
     std::string const neighbor = "N" + std::to_string(1 + random % 3);
+    std::string const upstreamOf = random / 2880 % 3 == 0 ? "N4" : neighbor;
     std::string const source = "S" + std::to_string(1 + random / 3 % 2),
                       group = "G" + std::to_string(1 + random / 6 % 2);
     std::string const sg = "(" + source + "," + group + ")", wildcard = "(*," + group + ")";
     bool const other = random / 12 % 2 != 0;
+    if (random / 240 % 12 == 0) return moveAddress(neighbor, other);
     U32 const step = random / 24 % 10;
     switch (step) {
       case 0:
       case 1:
-        return join(other ? sg : wildcard, neighbor, step == 0 ? "R1" : "R2",
+        return join(other ? sg : wildcard, upstreamOf, step == 0 ? "R1" : "R2",
                     step == 0 ? UpstreamMove::routing : UpstreamMove::assert);
       case 2:
         return leave(other ? sg : wildcard);
@@ -122,7 +138,7 @@ TEST_P(UpstreamChangesTest, AChangeFromInsideAnotherOneIsTheOneThatCounts) {
     U32 const outer = static_cast<U32>(random()), inner = static_cast<U32>(random());
     // Time does not move inside, and a neighbor that comes up or goes down twice at once is no change of a
     // wish.
-    bool const isWish = inner / 24 % 10 < 4;
+    bool const isWish = inner / 240 % 12 == 0 || inner / 24 % 10 < 4;
     atLine(1 + static_cast<U32>(random()) % 12, [&] {
       if (!isWish) return;
       ++changedInside;
@@ -183,6 +199,47 @@ TEST_P(UpstreamChangesTest, AMessageThatRepeatsAGroupPruneWalksTheGroupOnce) {
   sentUntil(5);
   EXPECT_LE(linesOf(many), ofOne + 10);
   EXPECT_THAT(sentUntil(9), testing::Not(IsEmpty()));
+}
+
+TEST_P(UpstreamChangesTest,
+       AGroupPruneThatIsRepeatedInEachMessageWalksTheGroupFourTimesInAnOverrideInterval) {
+  join("(*,G1)", "N1");
+  for (int n = 1; n <= 99; ++n) join("(S" + std::to_string(n) + ",G1)", "N1");
+  sentUntil(1);
+  // A walk is seen by what it does to a route of the group that is suppressed.
+  U32 walks = 0;
+  Seconds const begin = time;
+  while (time < begin + 10) {
+    hear("N1", "join (S7,G1)");
+    bool const wasSuppressed = sending("(S7,G1)") == "suppressed";
+    hear("N1", "prune (*,G1) R1");
+    walks += wasSuppressed && sending("(S7,G1)") != "suppressed";
+    sentUntil(time + 0.01);
+  }
+  EXPECT_GE(walks, 1u);
+  EXPECT_LE(walks, 4u * 10 / 2.5);
+}
+
+TEST_P(UpstreamChangesTest, AGroupPruneAfterTheOverrideOfAnotherOneIsOverriddenInTime) {
+  join("(S1,G1)", "N1");
+  sentUntil(1);
+  for (Seconds const gap : {0.3, 0.7, 1.2, 1.3, 2.0, 2.6, 3.4}) {
+    Seconds const begin = time;
+    hear("N1", "prune (*,G1) R1");
+    Seconds heard = begin, joined = -1;
+    while (time < begin + 10) {
+      if (time >= begin + gap && heard == begin) {
+        hear("N1", "prune (*,G1) R1");
+        heard = time;
+        joined = -1;
+      }
+      for (auto const& line : sentUntil(time + 0.05))
+        if (line.find("join (S1,G1)") != line.npos && joined < 0) joined = time;
+    }
+    EXPECT_GT(heard, begin);
+    EXPECT_GE(joined, heard) << "gap " << gap;
+    EXPECT_LE(joined, heard + 3) << "J/P_Override_Interval; gap " << gap;
+  }
 }
 
 }  // namespace

@@ -165,6 +165,46 @@ TEST_P(UpstreamRoutesTest, ARouteMayNameItsNeighborByASecondaryAddress) {
   EXPECT_EQ(sending("(S1,G1)"), "neighbor down");
 }
 
+TEST_P(UpstreamRoutesTest, ARouteFollowsTheAddressThatItNamesToTheNeighborThatHasIt) {
+  eth0.link.secondary[names.address("N77")] = names.address("N1");
+  join("(S1,G1)", "N77");
+  join("(*,G1)", "N77");
+  join("(S2,G1)", "N1");
+  EXPECT_THAT(sentUntil(1), ElementsAre("N1: join (*,G1) R1, join (S1,G1), join (S2,G1)"));
+  eth0.link.secondary[names.address("N77")] = names.address("N2");
+  eth0.observer->neighborAddressesChanged(names.address("N2"));
+  EXPECT_THAT(sentUntil(2),
+              UnorderedElementsAre("N1: prune (*,G1) R1, prune (S1,G1)", "N2: join (*,G1) R1, join (S1,G1)"));
+  EXPECT_THAT(sentUntil(62), UnorderedElementsAre("N1: join (S2,G1)", "N2: join (*,G1) R1, join (S1,G1)"));
+}
+
+TEST_P(UpstreamRoutesTest, ARouteWhoseAddressNoNeighborListsAnyMoreIsPrunedAndWaits) {
+  eth0.link.secondary[names.address("N77")] = names.address("N1");
+  join("(S1,G1)", "N77");
+  sentUntil(1);
+  eth0.link.secondary.clear();
+  eth0.observer->neighborAddressesChanged(names.address("N1"));
+  EXPECT_EQ(sending("(S1,G1)"), "neighbor down");
+  EXPECT_THAT(sentUntil(2), ElementsAre("N1: prune (S1,G1)"));
+  EXPECT_THAT(sentUntil(200), IsEmpty());
+  eth0.link.secondary[names.address("N77")] = names.address("N1");
+  eth0.observer->neighborAddressesChanged(names.address("N1"));
+  EXPECT_THAT(sentUntil(201), ElementsAre("N1: join (S1,G1)"));
+}
+
+TEST_P(UpstreamRoutesTest, ARouteMovesToTheNeighborWhoseOwnAddressItNamesAndBackWhenThatHasEnded) {
+  eth0.link.secondary[names.address("N3")] = names.address("N1");
+  join("(S1,G1)", "N3");
+  EXPECT_THAT(sentUntil(1), ElementsAre("N1: join (S1,G1)"));
+  eth0.link.secondary.clear();  // N3 is its own address first
+  neighborUp("N3");
+  EXPECT_THAT(sentUntil(2), UnorderedElementsAre("N1: prune (S1,G1)", "N3: join (S1,G1)"));
+  eth0.link.secondary[names.address("N3")] = names.address("N1");
+  neighborDown("N3");
+  EXPECT_THAT(sentUntil(3), ElementsAre("N1: join (S1,G1)"));
+  EXPECT_THAT(sentUntil(200), testing::Each("N1: join (S1,G1)"));
+}
+
 TEST_P(UpstreamRoutesTest, ALinkThatComesLaterIsTakenUpWithTheNeighborsThatItHas) {
   upstream->linkDel(eth1.link);
   upstream->joinIs(key("(S1,G1)"), at("N4", "eth1"));
