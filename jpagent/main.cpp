@@ -10,6 +10,7 @@
 #include "jpagent/capture/Sample.h"
 #include "jpagent/common/Ending.h"
 #include "jpagent/common/Output.h"
+#include "jpagent/live/Performance.h"
 #include "jpagent/replay/ReplayRun.h"
 #include "jpagent/simulate/Conversation.h"
 #include "jpagent/simulate/SimulateRun.h"
@@ -178,7 +179,7 @@ int perform(CommandLine const& line) {
     writeSample(line.file);
     return allFine;
   }
-  if (*line.simulate) return runSimulate(line.file, line.simulateOptions);
+  if (*line.simulate) return runSimulate(line.file, line.simulateOptions, Live::recordings());
   TextReport textReport(std::cout);
   JsonReport jsonReport(std::cout, std::cerr);
   return runReplay(line.file, line.replayOptions, line.json ? static_cast<Report&>(jsonReport) : textReport);

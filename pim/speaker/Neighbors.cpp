@@ -13,9 +13,15 @@ namespace {
 
 // After a Hello that was not sent, in seconds.
 constexpr Seconds retryDelay = 0.1;
+// What one neighbor can have written again and again.
+constexpr Seconds routesASecond = 10'000;
 
 void requireSeconds(std::string_view what, Seconds seconds, bool isAllowed) {
   if (!isAllowed) throw Vel::RangeException(Wire::concatenated(what, " of ", std::to_string(seconds), " s"));
+}
+
+NeighborSaid saidBy(NeighborInfo const& info) {
+  return {info.holdTime, info.generationId, info.options.drPriority};
 }
 
 LanOptions ownOptions(HelloSettings const& settings) { return {settings.lanPruneDelay, settings.drPriority}; }
@@ -70,8 +76,7 @@ Neighbors::Neighbors(NeighborsOwner& owner, Dova::IntfId const& intf, IpGenAddr 
       values_(primaryAddress, ownOptions(settings)),
       toldValues_(current()),
       toldRouter_(primaryAddress),
-      helloTimer_(wheel, [this] { helloTimerExpired(); }),
-      untoldTimer_(wheel, [this] { tellUntold(); }) {
+      helloTimer_(wheel, [this] { helloTimerExpired(); }) {
   arm();
 }
 
@@ -183,21 +188,9 @@ void Neighbors::end() {
     goodbye.holdTimeIs(0);
     ended_ = true;
     arm();
-    untoldTimer_.stop();
     ++counters_.sent;
     owner_.sendHello(goodbye);
     if (watch.ended()) return;
-  }
-  // Those that have ended before.
-  for (auto next = untold_.begin(); next != untold_.end();) {
-    if (next->second == Kind::up) {
-      ++next;
-      continue;
-    }
-    auto const [neighbor, kind] = *next;
-    untold_.erase(next);
-    if (!tell(kind, neighbor)) return;
-    next = untold_.upper_bound(neighbor);
   }
   while (!watch.ended() && !entries_.empty()) remove(entries_.begin()->second, Kind::linkDown);
 }
@@ -255,9 +248,9 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
   info.expires = holdTime == Wire::endlessHoldTime ? Vel::never : now + holdTime;
   bool const upIsDue = entry.upIsDue;
   if (hasRestarted) ++info.restarts;
-  bool const restartIsTold = hasRestarted && takeTurn(entry.restarts, entry.restartDue);
-  bool const addressesAreTold =
-      !upIsDue && (listing.isFound || listing.changed) && takeTurn(entry.addressLists, entry.addressesDue);
+  bool const restartIsTold = hasRestarted && takeTurn(entry, entry.restarts, entry.restartDue);
+  bool const addressesAreTold = !upIsDue && (listing.isFound || listing.changed) &&
+                                takeTurn(entry, entry.addressLists, entry.addressesDue);
   armEntry(entry);
   if (isNew || hasRestarted) {
     entry.heardAfter = hellosSent_;
@@ -266,22 +259,23 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
 
   // From here on the neighbor may end at any moment.
   IpGenAddr const neighbor = sender;
+  NeighborSaid const said = saidBy(info);
   Life::Watch const watch(life_);
   if (!tellChanges() || !tellUp(neighbor) || ended_) return true;
   if (restartIsTold && isUp(neighbor)) owner_.onNeighborRestarted(neighbor);
   if (watch.ended() || ended_) return true;
   if (addressesAreTold && isUp(neighbor)) owner_.onNeighborAddresses(neighbor);
   if (watch.ended() || ended_) return true;
-  if (listing.conflict && !tell(Kind::addressConflict, neighbor, *listing.conflict)) return true;
+  if (listing.conflict && !tell(Kind::addressConflict, neighbor, *listing.conflict, said)) return true;
   if (auto const there = entries_.find(neighbor); there != entries_.end() && there->second.eventIsDue) {
     there->second.eventIsDue = false;
-    tellState(Kind::up, neighbor);
+    tell(Kind::up, neighbor, {}, said);
   } else if (isNew) {
     return true;  // It has ended meanwhile.
   } else if (hasRestarted) {
-    tell(Kind::restarted, neighbor);
+    tell(Kind::restarted, neighbor, {}, said);
   } else if (changed) {
-    tell(Kind::changed, neighbor);
+    tell(Kind::changed, neighbor, {}, said);
   }
   return true;
 }
@@ -342,10 +336,18 @@ void Neighbors::forgetAddresses(Entry const& entry, std::vector<IpGenAddr> const
   }
 }
 
+// How long it takes until the routes towards a neighbor may be written again.
+Seconds Neighbors::turnInterval(Entry const& entry) const {
+  U64 routes = owner_.routesTowards(entry.info.address);
+  for (auto const& address : entry.info.addresses) routes += owner_.routesTowards(address);
+  return std::min(settings_.period, static_cast<Seconds>(routes) / routesASecond);
+}
+
 // Whether it is to be told now; otherwise it is due later.
-bool Neighbors::takeTurn(Turns& turns, Seconds& due) {
-  bool const isNow = turns.take(wheel_->now(), settings_.period);
-  due = isNow ? Vel::never : turns.next(settings_.period);
+bool Neighbors::takeTurn(Entry const& entry, Turns& turns, Seconds& due) {
+  Seconds const interval = turnInterval(entry);
+  bool const isNow = turns.take(wheel_->now(), interval);
+  due = isNow ? Vel::never : turns.next(interval);
   return isNow;
 }
 
@@ -356,8 +358,9 @@ void Neighbors::armEntry(Entry& entry) {
 void Neighbors::entryTimerExpired(Entry& entry) {
   Seconds const now = wheel_->now();
   if (entry.info.expires <= now) return endOrPutOff(entry, entry.endPutOff.value_or(Kind::expired));
-  bool const restartIsTold = entry.restartDue <= now && takeTurn(entry.restarts, entry.restartDue);
-  bool const addressesAreTold = entry.addressesDue <= now && takeTurn(entry.addressLists, entry.addressesDue);
+  bool const restartIsTold = entry.restartDue <= now && takeTurn(entry, entry.restarts, entry.restartDue);
+  bool const addressesAreTold =
+      entry.addressesDue <= now && takeTurn(entry, entry.addressLists, entry.addressesDue);
   armEntry(entry);
   IpGenAddr const neighbor = entry.info.address;
   Life::Watch const watch(life_);
@@ -368,16 +371,16 @@ void Neighbors::entryTimerExpired(Entry& entry) {
 
 // A neighbor that ends too often stays until it has a turn.
 void Neighbors::endOrPutOff(Entry& entry, Kind why) {
-  Seconds const now = wheel_->now(), period = settings_.period;
+  Seconds const now = wheel_->now(), interval = turnInterval(entry);
   bool const isRemembered = hasRoomForDeparted();
-  Seconds turn = entry.ends.next(period);
-  if (!isRemembered) turn = std::max(turn, entry.info.upSince + period);
+  Seconds turn = entry.ends.next(interval);
+  if (!isRemembered) turn = std::max(turn, entry.info.upSince + interval);
   if (turn > now) {
     entry.endPutOff = why;
     entry.info.expires = turn;
     return armEntry(entry);
   }
-  entry.ends.take(now, period);
+  entry.ends.take(now, interval);
   if (isRemembered) departed_.insert_or_assign(entry.info.address, entry.ends);
   remove(entry, why);
 }
@@ -394,12 +397,13 @@ bool Neighbors::hasRoomForDeparted() {
 void Neighbors::remove(Entry& entry, Kind why) {
   Life::Watch const watch(life_);
   IpGenAddr const neighbor = entry.info.address;
+  NeighborSaid const said = saidBy(entry.info);
   bool const wasUp = !entry.upIsDue, wasTold = !entry.eventIsDue;
   forgetAddresses(entry);
   values_.remove(neighbor, entry.info.options);
   entries_.erase(neighbor);
   if (wasUp) owner_.onNeighborDown(neighbor);
-  if (watch.ended() || (wasTold && !tellState(why, neighbor))) return;
+  if (watch.ended() || (wasTold && !tell(why, neighbor, {}, said))) return;
   tellChanges();
 }
 
@@ -455,48 +459,11 @@ bool Neighbors::tellUp(IpGenAddr const& neighbor) {
   return !watch.ended();
 }
 
-// That a neighbor is up, or has ended. One that has no room waits; two that wait undo each other, and are
-// left out.
-bool Neighbors::tellState(Kind kind, IpGenAddr const& neighbor) {
-  if (auto const waiting = untold_.find(neighbor); waiting != untold_.end()) {
-    budgetOf(waiting->second).leaveOut();
-    budgetOf(kind).leaveOut();
-    untold_.erase(waiting);
-    return true;
-  }
-  if (kind == Kind::linkDown) return tell(kind, neighbor);
-  EventBudget& budget = budgetOf(kind);
-  if (untold_.empty() && budget.isOpen(wheel_->now())) {
-    budget.admits(wheel_->now());
-    return tell(kind, neighbor);
-  }
-  untold_.emplace(neighbor, kind);
-  if (!untoldTimer_.armed()) untoldTimer_.armAt(std::max(budget.opensAt(), wheel_->now()));
-  return true;
-}
-
-// In turn, so that none waits longer than all others.
-void Neighbors::tellUntold() {
-  Seconds const now = wheel_->now();
-  for (std::size_t left = untold_.size(); left != 0 && !untold_.empty(); --left) {
-    auto next = untold_.upper_bound(latestOfUntold_);
-    if (next == untold_.end()) next = untold_.begin();
-    auto const [neighbor, kind] = *next;
-    latestOfUntold_ = neighbor;
-    if (!budgetOf(kind).isOpen(now)) continue;
-    budgetOf(kind).admits(now);
-    untold_.erase(next);
-    if (!tell(kind, neighbor) || ended_) return;
-  }
-  if (!untold_.empty()) untoldTimer_.armAt(now + 1);
-}
-
-// Of a kind that tellState() has not asked its budget for, it may be left out.
-bool Neighbors::tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other) {
-  EventBudget& budget = budgetOf(kind);
+bool Neighbors::tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other, NeighborSaid const& said) {
+  EventBudget& budget = budgets_[static_cast<std::size_t>(kind)];
   if (kind >= Kind::restarted && !budget.admits(wheel_->now())) return true;
   Life::Watch const watch(life_);
-  owner_.onNeighborEvent({kind, intf_, neighbor, other, budget.takeLeftOut()});
+  owner_.onNeighborEvent({kind, intf_, neighbor, other, budget.takeLeftOut(), said});
   return !watch.ended();
 }
 

@@ -18,9 +18,9 @@
 // A Hello that the sink wants later, or for which there is no memory, is tried again after 0.1 s.
 //
 // What a neighbor can have done again and again has a bound: of its restarts, of its changed address lists
-// and of its ends three count at once and then one of each in a Hello_Period. What is in between counts once,
-// later. A neighbor that ends and comes again more often so stays up meanwhile, and its next Hello counts as
-// a restart.
+// and of its ends three count at once and then so many that 10,000 routes towards it are written in a second,
+// but one of each in a Hello_Period. What is in between counts once, later. A neighbor that ends and comes
+// again more often so stays up meanwhile, and its next Hello counts as a restart.
 #pragma once
 
 #include <array>
@@ -79,6 +79,13 @@ struct NeighborInfo {
                                      ///< before its end counted.
 };
 
+/// What a neighbor said of itself in its latest Hello, apart from one with hold time 0.
+struct NeighborSaid {
+  U16 holdTime = 0;                 ///< In seconds, the default without option 1; 65535 never ends.
+  std::optional<U32> generationId;  ///< Option 20.
+  std::optional<U32> drPriority;    ///< Option 19.
+};
+
 /// Something that happened to a neighbor, for people and logs.
 struct NeighborEvent {
   /// What happened.
@@ -98,10 +105,11 @@ struct NeighborEvent {
   Dova::IntfId intf;   ///< The interface.
   IpGenAddr neighbor;  ///< The neighbor, or the designated router.
   IpGenAddr other;     ///< addressConflict: the address; designatedRouter: the previous one.
-  /// How many of this kind were left out before it. At most 10 a second come for each kind but `linkDown`. Of
-  /// `up`, `expired` and `goodbye` one that has no room comes later, unless the neighbor is by then as it was
-  /// told last: the last one says whether it is there.
+  /// How many of this kind were left out before it. At most 10 a second come for each kind from `restarted`
+  /// on. That a neighbor is up or has ended is always told.
   U64 leftOut = 0;
+  /// The last that the neighbor said; nothing with `designatedRouter` and `tooMany`.
+  NeighborSaid said{};
 };
 
 /// "up", "expired", ..., in the order of the enumeration.
@@ -130,11 +138,13 @@ class PIM_SPEAKER_API NeighborsOwner {
   /// A neighbor that was there before has another address list, or one of its addresses leads to it again:
   /// neighborOf() may find others than before, or nobody. It comes as often as onNeighborRestarted().
   virtual void onNeighborAddresses(IpGenAddr const& /*neighbor*/) {}
-  /// A neighbor has ended. Three ends of a neighbor come at once and then one in a Hello_Period.
+  /// A neighbor has ended. Three ends of a neighbor come at once; for more of them see the top of this file.
   virtual void onNeighborDown(IpGenAddr const& neighbor) = 0;
-  /// A neighbor sent another generation ID. Three come at once and then one in a Hello_Period for each
-  /// neighbor; what is in between is told once, later. So what a restart makes others send has a bound.
+  /// A neighbor sent another generation ID. Three restarts come at once; for more of them see the top of this
+  /// file. What is in between is told once, later.
   virtual void onNeighborRestarted(IpGenAddr const& neighbor) = 0;
+  /// How many routes are written again when a neighbor with this address ends or restarts; O(1).
+  virtual U32 routesTowards(IpGenAddr const& address) const = 0;
   /// For people and logs.
   virtual void onNeighborEvent(NeighborEvent const& event) = 0;
 };
@@ -242,17 +252,15 @@ class PIM_SPEAKER_API Neighbors {
   };
   Listing takeAddresses(Entry& entry, Wire::Hello const& hello);
   void forgetAddresses(Entry const& entry, std::vector<IpGenAddr> const& stay = {});
-  bool takeTurn(Turns& turns, Seconds& due);
+  Seconds turnInterval(Entry const& entry) const;
+  bool takeTurn(Entry const& entry, Turns& turns, Seconds& due);
   void endOrPutOff(Entry& entry, Kind why);
   bool hasRoomForDeparted();
   void remove(Entry& entry, Kind why);
   Values current() const;
   bool tellChanges();
   bool tellUp(IpGenAddr const& neighbor);
-  bool tellState(Kind kind, IpGenAddr const& neighbor);
-  void tellUntold();
-  EventBudget& budgetOf(Kind kind) { return budgets_[static_cast<std::size_t>(kind)]; }
-  bool tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other = {});
+  bool tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other = {}, NeighborSaid const& said = {});
 
   // Fixed at construction.
   NeighborsOwner& owner_;
@@ -287,11 +295,8 @@ class PIM_SPEAKER_API Neighbors {
   std::optional<Values> toldValues_;  // Nothing after an exception.
   IpGenAddr toldRouter_;
   std::array<EventBudget, neighborEventNames.size()> budgets_;
-  // Neighbors that are up or have ended, but were told last not to be so.
-  std::map<IpGenAddr, Kind> untold_;
-  IpGenAddr latestOfUntold_;  // That was told.
 
-  Timer helloTimer_, untoldTimer_;
+  Timer helloTimer_;
   Life life_;
 };
 

@@ -14,23 +14,17 @@ class EventBudget {
 
   /// Whether the event may be told.
   bool admits(Vel::Seconds now) {
-    if (!isOpen(now)) {
-      ++leftOut_;
-      return false;
-    }
-    if (isOver(now)) {
+    if (now >= since_ + 1 || now < since_) {
       since_ = now;
       told_ = 0;
+    }
+    if (told_ == eventsInASecond) {
+      ++leftOut_;
+      return false;
     }
     ++told_;
     return true;
   }
-  /// Whether admits() would be true.
-  bool isOpen(Vel::Seconds now) const { return told_ < eventsInASecond || isOver(now); }
-  /// When it is open again, if it is not.
-  Vel::Seconds opensAt() const { return since_ + 1; }
-  /// Counts one that is left out though admits() was not asked.
-  void leaveOut() { ++leftOut_; }
   /// How many were left out since this was asked last.
   Vel::U64 takeLeftOut() {
     Vel::U64 const number = leftOut_;
@@ -39,8 +33,6 @@ class EventBudget {
   }
 
  private:
-  bool isOver(Vel::Seconds now) const { return now >= since_ + 1 || now < since_; }
-
   Vel::Seconds since_ = -Vel::never;
   Vel::U32 told_ = 0;
   Vel::U64 leftOut_ = 0;

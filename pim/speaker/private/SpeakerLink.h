@@ -46,6 +46,9 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
   /// What neighbors have asked for here.
   DownstreamRoutes const& downstream() const { return downstream_; }
 
+  /// Of the neighbor that has this address; Vel::never without a refresh.
+  Seconds nextRefresh(IpGenAddr const& address) const;
+
   /// Of joins and prunes; null while the link is down.
   std::pair<Vel::Ptr<JoinPruneMessageInfo>, Vel::Ptr<JoinPruneMessageInfo>> records() const {
     return {engine_.joins, engine_.prunes};
@@ -96,6 +99,7 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
   void onNeighborAddresses(IpGenAddr const& neighbor) override;
   void onNeighborDown(IpGenAddr const& neighbor) override;
   void onNeighborRestarted(IpGenAddr const& neighbor) override;
+  Vel::U32 routesTowards(IpGenAddr const& address) const override;
   void onNeighborEvent(NeighborEvent const& event) override;
   void send(OutgoingPacket const& packet) override;
   void downstreamChanged(DownstreamEvent const& event) override;
@@ -110,6 +114,7 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
   void updateOverrideInterval();
   void overrideTimerExpired();
   void remakeMachine(IpGenAddr const& neighbor);
+  void refreshesNoLaterThan(Seconds time);
 
   // Fixed at construction.
   Speaker& speaker_;
