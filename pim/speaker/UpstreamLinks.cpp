@@ -45,8 +45,15 @@ void UpstreamRoutes::followAddresses(Slot& slot) {
   Life::Watch const watch(slot.life);
   Link const* const link = slot.link;
   std::vector<IpGenAddr> moving;
-  for (auto const& [address, target] : slot.targets)
-    if (target.neighbor != ownerOf(target)) moving.push_back(address);
+  for (auto const& [address, target] : slot.targets) {
+    IpGenAddr const owner = ownerOf(target);
+    if (target.neighbor != owner) moving.push_back(address);
+    // The engine had no memory for the neighbor's data sets, say. It makes them later.
+    if (owner == IpGenAddr() && link && link->neighborOf(address)) {
+      slot.isBehind = true;
+      slot.catchUpLater();
+    }
+  }
   for (auto const& [address, target] : slot.departing) moving.push_back(address);
   std::sort(moving.begin(), moving.end());
   for (IpGenAddr const& address : moving) {
