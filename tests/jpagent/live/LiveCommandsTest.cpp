@@ -319,7 +319,8 @@ TEST_F(LiveCommandsTest, EventsTraceAndHelpAreForTheAskerToCarryOut) {
   EXPECT_THAT(*speaker_->command("trace off")->traceLevels, IsEmpty());
   EXPECT_THAT(error("trace 99"), HasSubstr("trace levels"));
   std::string words;
-  for (auto const& row : command("help")["result"]) words += row["command"].get<std::string>() + "\n";
+  Json const help = command("help");
+  for (auto const& row : help["result"]) words += row["command"].get<std::string>() + "\n";
   for (auto const* word :
        {"join", "leave", "prune", "unprune", "interface", "show", "events", "trace", "help", "quit"})
     EXPECT_THAT("\n" + words, testing::ContainsRegex("\n" + std::string(word) + "[ \n]")) << word;
@@ -352,8 +353,10 @@ TEST_F(LiveCommandsTest, QuitSendsPrunesForAllThatIsJoinedAndThenGoodbyes) {
   while (!speaker_->isDone()) passTo(speaker_->timeMin());
   EXPECT_LE(now_ - begun, 2);
   std::size_t prunes = 0;
-  for (auto const& line : take("sent"))
-    for (auto const& one : Json::parse(line)["entries"]) prunes += one["kind"] == "prune" ? 1 : 0;
+  for (auto const& line : take("sent")) {
+    Json const sent = Json::parse(line);
+    for (auto const& one : sent["entries"]) prunes += one["kind"] == "prune" ? 1 : 0;
+  }
   EXPECT_EQ(prunes, 3001u);
   EXPECT_EQ(takeSent().back(), "eth0 10.0.0.1: goodbye");
   EXPECT_EQ(speaker_->timeMin(), Vel::never);

@@ -186,7 +186,7 @@ TEST_F(LiveEventsTest, AMessageThatIsNotAcceptedIsRefusedWithItsReasonAndAtMostT
   interface();
   interface("eth1", {"10.0.1.1/24"});
   take();
-  std::vector<U8> const bad = {0x23, 0, 0, 0};
+  std::vector<U8> const bad = {0x20, 0, 0, 0};
   for (int i = 0; i < 12; ++i) receive("eth0", "10.0.0.2", bad);
   joinPrune("10.0.0.9", "10.0.0.1", {{join, "10.9.0.1", "239.1.1.1"}});
   receive("eth0", "10.0.0.2", bad, 2);

@@ -40,7 +40,7 @@ TEST_F(LiveShowTest, InterfacesHaveTheirStateSettingsAndEffectiveDelays) {
       R"j({"address":"10.0.0.1/24","dr":"10.0.0.2","neighbors":1,"effective_propagation":0.9,)j"
       R"j("effective_override":4.0,"suppression":true},)j"
       R"j({"address":"fe80::1/64","dr":"fe80::1","neighbors":0,"effective_propagation":0.5,)j"
-      R"j("effective_override":2.5,"suppression":true}]})j");
+      R"j("effective_override":2.5,"suppression":false}]})j");
   EXPECT_EQ(rows[1]["state"], "down");
   EXPECT_EQ(rows[1]["mtu"], nullptr);
   EXPECT_EQ(rows[1]["dr"], nullptr);
