@@ -131,10 +131,10 @@ using OwnCommand = std::shared_ptr<ExtraCommand const>;
 struct SpeakerStartCommand {
   U32 seed = 0;
 };
-class SpeakerWorld;
+class SpeakerCommands;
 /// A command to a speaker. What cannot be done throws std::range_error with the reason.
 struct SpeakerCommand {
-  std::function<void(SpeakerWorld&)> perform;
+  std::function<void(SpeakerCommands&)> perform;
 };
 
 using Command = std::variant<InterfaceCommand, NeighborCommand, RpCommand, PolicyCommand, DataCommand,
@@ -146,8 +146,8 @@ struct Form;
 /// Rows of a table of commands that come before jpagent's own. They must outlive what was parsed with them.
 using OwnForms = std::span<Form const>;
 
-/// What a command speaks to. The two have tables of their own.
-enum class Subject : U8 { engine, speaker };
+/// What a command speaks to: which tables it is looked up in. `own` is the caller's table alone.
+enum class Subject : U8 { engine, speaker, own };
 
 /// Parses one command. Throws ConversationError, with the given line, that says what was expected.
 Command commandFromText(std::string_view text, U32 line = 0, OwnForms own = {},

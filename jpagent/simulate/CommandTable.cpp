@@ -115,8 +115,11 @@ constexpr Form forms[] = {
 
 std::array<OwnForms, 2> tablesOf(Words const& words) {
   if (words.subject() == Subject::speaker) return {speakerForms(), {}};
+  if (words.subject() == Subject::own) return {words.own(), {}};
   return {words.own(), forms};
 }
+
+}  // namespace
 
 std::string reference(OwnForms table) {
   std::string text;
@@ -125,8 +128,6 @@ std::string reference(OwnForms table) {
                         form.about);
   return text;
 }
-
-}  // namespace
 
 Command commandFrom(Words& words) {
   for (OwnForms const table : tablesOf(words)) {

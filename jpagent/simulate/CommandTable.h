@@ -17,6 +17,9 @@ struct Form {
   std::string_view about;
 };
 
+/// The forms of a table with a few words on each, for help texts.
+std::string reference(OwnForms table);
+
 /// Takes a whole line. Throws ConversationError.
 Command commandFrom(Words& words);
 

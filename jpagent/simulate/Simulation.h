@@ -29,6 +29,7 @@
 
 namespace Routing::Pim::Jpagent {
 
+class SpeakerWorld;
 enum class TimerEvent : U8;
 
 /// A program with commands of its own derives from it.

@@ -19,6 +19,10 @@ void requireSeconds(std::string_view what, Seconds seconds, bool isAllowed) {
   if (!isAllowed) throw Vel::RangeException(Wire::concatenated(what, " of ", std::to_string(seconds), " s"));
 }
 
+NeighborSaid saidBy(NeighborInfo const& info) {
+  return {info.holdTime, info.generationId, info.options.drPriority};
+}
+
 LanOptions ownOptions(HelloSettings const& settings) { return {settings.lanPruneDelay, settings.drPriority}; }
 
 }  // namespace
@@ -230,6 +234,7 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
 
   // From here on the neighbor may end at any moment.
   IpGenAddr const neighbor = sender;
+  NeighborSaid const said = saidBy(info);
   Life::Watch const watch(life_);
   if (!tellChanges(previousValues)) return true;
   if (isNew && isUp(neighbor)) owner_.onNeighborUp(neighbor);
@@ -238,13 +243,13 @@ bool Neighbors::receive(IpGenAddr const& sender, Wire::Hello const& hello) {
   if (watch.ended() || ended_) return true;
   if (!isNew && listing.isFound && isUp(neighbor)) owner_.onNeighborAddresses(neighbor);
   if (watch.ended() || ended_) return true;
-  if (listing.conflict && !tell(Kind::addressConflict, neighbor, *listing.conflict)) return true;
+  if (listing.conflict && !tell(Kind::addressConflict, neighbor, *listing.conflict, said)) return true;
   if (isNew)
-    tell(Kind::up, neighbor);
+    tell(Kind::up, neighbor, {}, said);
   else if (hasRestarted)
-    tell(Kind::restarted, neighbor);
+    tell(Kind::restarted, neighbor, {}, said);
   else if (changed)
-    tell(Kind::changed, neighbor);
+    tell(Kind::changed, neighbor, {}, said);
   return true;
 }
 
@@ -315,11 +320,12 @@ void Neighbors::remove(Entry& entry, Kind why) {
   Life::Watch const watch(life_);
   Values const previous = current();
   IpGenAddr const neighbor = entry.info.address;
+  NeighborSaid const said = saidBy(entry.info);
   forgetAddresses(entry);
   values_.remove(neighbor, entry.info.options);
   entries_.erase(neighbor);
   owner_.onNeighborDown(neighbor);
-  if (watch.ended() || !tell(why, neighbor)) return;
+  if (watch.ended() || !tell(why, neighbor, {}, said)) return;
   tellChanges(previous);
 }
 
@@ -354,11 +360,11 @@ bool Neighbors::tellChanges(Values const& previous) {
   return before == router || ended_ || tell(Kind::designatedRouter, router, before);
 }
 
-bool Neighbors::tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other) {
+bool Neighbors::tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other, NeighborSaid const& said) {
   EventBudget& budget = budgets_[static_cast<std::size_t>(kind)];
   if (kind >= Kind::restarted && !budget.admits(wheel_->now())) return true;
   Life::Watch const watch(life_);
-  owner_.onNeighborEvent({kind, intf_, neighbor, other, budget.takeLeftOut()});
+  owner_.onNeighborEvent({kind, intf_, neighbor, other, budget.takeLeftOut(), said});
   return !watch.ended();
 }
 

@@ -68,6 +68,13 @@ struct NeighborInfo {
   U64 restarts = 0;                  ///< How often it sent another generation ID.
 };
 
+/// What a neighbor said of itself in its latest Hello, apart from one with hold time 0.
+struct NeighborSaid {
+  U16 holdTime = 0;                 ///< In seconds, the default without option 1; 65535 never ends.
+  std::optional<U32> generationId;  ///< Option 20.
+  std::optional<U32> drPriority;    ///< Option 19.
+};
+
 /// Something that happened to a neighbor, for people and logs.
 struct NeighborEvent {
   /// What happened.
@@ -90,6 +97,8 @@ struct NeighborEvent {
   /// How many of this kind were left out before it. At most 10 a second come for each kind from `restarted`
   /// on.
   U64 leftOut = 0;
+  /// The last that the neighbor said; nothing with `designatedRouter` and `tooMany`.
+  NeighborSaid said{};
 };
 
 /// "up", "expired", ..., in the order of the enumeration.
@@ -219,7 +228,7 @@ class PIM_SPEAKER_API Neighbors {
   void remove(Entry& entry, Kind why);
   Values current() const;
   bool tellChanges(Values const& previous);
-  bool tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other = {});
+  bool tell(Kind kind, IpGenAddr const& neighbor, IpGenAddr const& other = {}, NeighborSaid const& said = {});
 
   // Fixed at construction.
   NeighborsOwner& owner_;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <span>
+#include <string_view>
 
 #include "pim/wire/PimHeader.h"
 #include "runtime/dova/IntfId.h"
@@ -30,6 +31,9 @@ class PIM_SPEAKER_API Sink {
   virtual ~Sink() = default;
   /// Sends a packet. It may do anything else, the destruction of the speaker included.
   virtual Sent send(Outgoing const& packet) = 0;
+  /// Why the latest packet failed, as "Message too long"; asked as soon as send() has returned `failed`, and
+  /// valid until the next call.
+  virtual std::string_view failure() const { return {}; }
 };
 
 }  // namespace Routing::Pim::Speaker

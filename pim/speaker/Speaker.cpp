@@ -262,7 +262,10 @@ void Speaker::count(Incoming const& packet, Verdict verdict, std::optional<Wire:
   if (refusal) ++counters_.refusals[static_cast<std::size_t>(refusal->reason)];
   SpeakerObserver* const observer = settings_.observer;
   if (verdict <= Verdict::heard || !observer) return;
-  EventBudget& budget = budgets_[static_cast<std::size_t>(verdict)];
+  auto const interface = interfaces_.find(packet.intf);
+  auto const reason = refusal ? std::optional(refusal->reason) : std::nullopt;
+  EventBudget& budget =
+      interface == interfaces_.end() ? unknownInterfaces_ : interface->second.undelivered[{verdict, reason}];
   if (!budget.admits(wheel_->now())) return;
   UndeliveredPacket const undelivered{packet, verdict, refusal ? &*refusal : nullptr, budget.takeLeftOut()};
   callOut("Speaker", "receive", [&] { observer->packetUndelivered(undelivered); });
@@ -284,15 +287,39 @@ Sent Speaker::send(Wire::PimType type, Dova::IntfId const& intf, IpGenAddr const
   Life::Watch const watch(life_);
   Sent sent = Sent::failed;
   Dova::IntfId const name = intf;
+  Outgoing const packet{name, source, Wire::allPimRouters(source.af()), bytes};
+  std::string reason;
   callOut("Speaker", "send", [&] {
-    sent = sink_.send({name, source, Wire::allPimRouters(source.af()), bytes});
+    try {
+      sent = sink_.send(packet);
+    } catch (std::exception const& error) {
+      reason = error.what();
+      throw;
+    }
+    if (sent == Sent::failed && !watch.ended()) reason = sink_.failure();
   });
   if (watch.ended()) return sent;
   ++(sent == Sent::later            ? counters_.sentLater
      : sent == Sent::failed         ? counters_.sendingFailed
      : type == Wire::PimType::hello ? counters_.hellosSent
                                     : counters_.joinPrunesSent);
+  if (sent == Sent::failed) countFailure(packet, reason);
   return sent;
+}
+
+void Speaker::countFailure(Outgoing const& packet, std::string_view reason) {
+  constexpr std::size_t mostReasons = 32;
+  if (auto const known = counters_.failures.find(reason); known != counters_.failures.end())
+    ++known->second;
+  else if (counters_.failures.size() < mostReasons)
+    counters_.failures.emplace(reason, 1);
+  SpeakerObserver* const observer = settings_.observer;
+  auto const interface = interfaces_.find(packet.intf.name());
+  if (!observer || interface == interfaces_.end()) return;
+  EventBudget& budget = interface->second.failures;
+  if (!budget.admits(wheel_->now())) return;
+  FailedPacket const failed{packet, reason, budget.takeLeftOut()};
+  callOut("Speaker", "send", [&] { observer->sendingFailed(failed); });
 }
 
 int Speaker::pollTimeout() const {
@@ -327,6 +354,16 @@ std::pair<Dova::IntfId, IpGenAddr> Speaker::neighborNamed(std::string_view name)
   }
   if (!found) throw Vel::RangeException(Wire::concatenated("no neighbor ", name));
   return *found;
+}
+
+IpGenAddr Speaker::designatedRouter(std::string_view intf, AddressFamily family) const {
+  SpeakerLink const* const link = linkOf(intf, family);
+  return link && link->neighbors() ? link->neighbors()->designatedRouter() : IpGenAddr();
+}
+
+Seconds Speaker::nextRefresh(UpstreamNeighbor const& upstream) const {
+  SpeakerLink const* const link = linkOf(upstream.intf.name(), upstream.address.af());
+  return link ? link->nextRefresh(upstream.address) : Vel::never;
 }
 
 std::vector<NeighborOnInterface> Speaker::neighbors() const {

@@ -58,7 +58,14 @@ struct UndeliveredPacket {
   Incoming const& packet;        ///< Where it came from.
   Verdict verdict;               ///< Why.
   Wire::Refusal const* refusal;  ///< With Verdict::refused: which field. Null otherwise.
-  U64 leftOut;                   ///< With this verdict, since the last one that was told.
+  U64 leftOut;                   ///< Of this interface, verdict and reason, since the last one that was told.
+};
+
+/// A packet that was not sent and will not be; valid during the call.
+struct FailedPacket {
+  Outgoing const& packet;   ///< What was to be sent.
+  std::string_view reason;  ///< What the sink says, or what it threw; may be empty.
+  U64 leftOut;              ///< On this interface, since the last one that was told.
 };
 
 /// Who is told of what a speaker does. It may do anything, the speaker's destruction included. What it
@@ -78,8 +85,11 @@ class PIM_SPEAKER_API SpeakerObserver {
   virtual void joinPruneReceived(Dova::IntfId const&, ReceivedJoinPrune const&) {}
   /// A Join/Prune was sent.
   virtual void joinPruneSent(OutgoingPacket const&) {}
-  /// A packet was not delivered. At most ten times a second for each verdict.
+  /// A packet was not delivered. At most ten times a second for each interface, verdict and, of a refused
+  /// one, reason.
   virtual void packetUndelivered(UndeliveredPacket const&) {}
+  /// A packet could not be sent. At most ten times a second for each interface.
+  virtual void sendingFailed(FailedPacket const&) {}
 };
 
 /// What is the same on all interfaces.
@@ -114,6 +124,7 @@ struct SpeakerCounters {
   U64 joinPrunesSent = 0;                                ///< Join/Prune messages, failed ones not.
   U64 sentLater = 0;                                     ///< How often the sink wanted a packet later.
   U64 sendingFailed = 0;                                 ///< How often it failed.
+  std::map<std::string, U64, std::less<>> failures;      ///< The same by the sink's reason, 32 at most.
   U64 overrideIntervalChanges = 0;                       ///< How often an engine was given another one.
 
   /// How many packets had this verdict.
@@ -180,6 +191,12 @@ class PIM_SPEAKER_API Speaker {
   /// neighbor 10.0.0.2"), or if there are several and the interface is not named ("neighbor fe80::2 is on
   /// eth0 and eth1").
   std::pair<Dova::IntfId, IpGenAddr> neighborNamed(std::string_view name) const;
+  /// The designated router of an interface and family, which may be this router: its primary address there.
+  /// Of unknown family while the link is down or without such an interface.
+  IpGenAddr designatedRouter(std::string_view intf, AddressFamily family) const;
+  /// When the next refresh towards a neighbor begins, by any of its addresses: on the wheel's clock, and
+  /// Vel::never if there is nothing to refresh or no such neighbor. O(1).
+  Seconds nextRefresh(UpstreamNeighbor const& upstream) const;
   /// All neighbors, by interface, family and address.
   std::vector<NeighborOnInterface> neighbors() const;
   /// What this router wants from its upstream neighbors; what is written there is sent.
@@ -210,6 +227,8 @@ class PIM_SPEAKER_API Speaker {
 
   struct Interface {
     std::unique_ptr<SpeakerLink> ipv4, ipv6;
+    std::map<std::pair<Verdict, std::optional<Wire::Reason>>, EventBudget> undelivered{};
+    EventBudget failures{};
     U64 change = 0;          // Which change of an interface was its latest.
     bool isRemoved = false;  // Ends when the change of a link that is going on is complete.
   };
@@ -218,6 +237,7 @@ class PIM_SPEAKER_API Speaker {
   Verdict deliver(Incoming const& packet, std::span<U8 const> bytes, std::optional<Wire::Refusal>& refusal);
   void count(Incoming const& packet, Verdict verdict, std::optional<Wire::Refusal> const& refusal);
   Sent send(Wire::PimType type, Dova::IntfId const& intf, IpGenAddr const& source, std::span<U8 const> bytes);
+  void countFailure(Outgoing const& packet, std::string_view reason);
   void endIfRemoved(std::string const& name);
 
   // Fixed at construction.
@@ -228,9 +248,9 @@ class PIM_SPEAKER_API Speaker {
 
   Random random_;
   SpeakerCounters counters_;
-  std::array<EventBudget, verdictNames.size()> budgets_;  // Of packetUndelivered().
-  U64 changes_ = 0;                                       // Of interfaces.
-  std::unique_ptr<UpstreamRoutes> const upstream_;        // ends after the links
+  EventBudget unknownInterfaces_;                   // Of packetUndelivered(); the interfaces have their own.
+  U64 changes_ = 0;                                 // Of interfaces.
+  std::unique_ptr<UpstreamRoutes> const upstream_;  // ends after the links
   std::map<std::string, Interface, std::less<>> interfaces_;
   Life life_;
 };

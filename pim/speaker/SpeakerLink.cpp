@@ -128,8 +128,11 @@ void SpeakerLink::adjust() {
   Engine const engine = engine_;
   engine.intf->usedAddressWithMaskIs(setup.primary);  // with another mask length
   engine.intf->joinPruneHoldTimeIs(setup.settings.joinPruneHoldTime);
+  bool const isShorter = setup.settings.joinPruneInterval < engine.intf->joinPruneInterval();
   engine.intf->joinPruneIntervalIs(setup.settings.joinPruneInterval);
   engine.manager->mtuIs(intf_, setup.settings.mtu);
+  if (watch.ended() || !neighbors_) return;
+  if (isShorter) refreshesNoLaterThan(speaker_.wheel_->now() + setup.settings.joinPruneInterval);
   if (watch.ended() || !neighbors_) return;
   neighbors_->settingsIs(setup.settings.hello);
   if (watch.ended() || !neighbors_) return;
@@ -256,6 +259,24 @@ void SpeakerLink::remakeMachine(IpGenAddr const& neighbor) {
   noLater(made->triggeredTimer(), triggered);
   noLater(made->overrideTimer(), overriding);
   noLater(refresh(*made), periodic);
+}
+
+// A running timer of the engine does not follow a shorter interval, but it takes an earlier time as it is.
+void SpeakerLink::refreshesNoLaterThan(Seconds time) {
+  for (auto const& neighbor : neighbors_->snapshot()) {
+    auto const machine = engine_.machine->joinPruneNeighborSm(neighbor.address);
+    auto const periodic = machine ? machine->joinPrunePeriodicTimerSm() : nullptr;
+    auto const timer = periodic ? periodic->periodicTimer() : nullptr;
+    if (timer && timer->armed() && timer->timeMin() > time) timer->timeMinIs(time);
+  }
+}
+
+Seconds SpeakerLink::nextRefresh(IpGenAddr const& address) const {
+  auto const neighbor = neighborOf(address);
+  auto const machine = neighbor ? engine_.machine->joinPruneNeighborSm(*neighbor) : nullptr;
+  auto const periodic = machine ? machine->joinPrunePeriodicTimerSm() : nullptr;
+  auto const timer = periodic ? periodic->periodicTimer() : nullptr;
+  return timer ? timer->timeMin() : Vel::never;
 }
 
 std::optional<IpGenAddr> SpeakerLink::neighborOf(IpGenAddr const& address) const {

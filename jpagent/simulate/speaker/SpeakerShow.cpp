@@ -18,6 +18,21 @@ std::string delayText(std::optional<Wire::LanPruneDelay> const& delay) {
 
 }  // namespace
 
+void SpeakerWorld::show(SpeakerSubject subject) {
+  switch (subject) {
+    case SpeakerSubject::interfaces:
+      return showInterfaces();
+    case SpeakerSubject::neighbors:
+      return showNeighbors();
+    case SpeakerSubject::upstream:
+      return showUpstream();
+    case SpeakerSubject::downstream:
+      return showDownstream();
+    case SpeakerSubject::counters:
+      return showCounters();
+  }
+}
+
 void SpeakerWorld::showInterfaces() {
   if (interfaces_.empty()) line("show no interfaces");
   for (auto const& [name, interface] : interfaces_)

@@ -7,20 +7,6 @@ namespace Routing::Pim::Jpagent {
 
 namespace {
 
-// Speaks of the route that a command names, whatever its entry would be.
-Speaker::Route named(RouteEntry const& entry) {
-  if (isWildcard(entry.kind)) return Speaker::Route::wildcard(entry.group);
-  return {Speaker::routeKindOf(entry.kind), entry.source, entry.group};
-}
-
-RouteKey keyOf(Speaker::Route const& route) { return {route.source, route.group}; }
-
-Routes each(RouteRange const& range) {
-  Routes routes;
-  routes.add(range);
-  return routes;
-}
-
 std::string leftOutText(U64 leftOut) {
   return leftOut == 0 ? "" : fmt::format(" ({} left out before)", leftOut);
 }
@@ -62,63 +48,21 @@ void SpeakerWorld::interfaceIs(SpeakerInterfaceCommand const& command) {
   interfaces_[command.name] = std::move(interface);
 }
 
-// By any address of a neighbor. One that is not there yet is on the interface whose addresses it fits, or on
-// the only one.
-Speaker::UpstreamNeighbor SpeakerWorld::upstreamOf(SpeakerNeighborName const& name) const {
-  if (!name.intf.empty()) return {Dova::IntfId(name.intf), name.address};
-  std::vector<std::string> up, fitting;
-  for (auto const& [intf, interface] : interfaces_) {
-    auto const* const link = speaker_.link(intf, name.address.af());
-    if (link != nullptr && link->neighborOf(name.address)) up.push_back(intf);
-    for (auto const& prefix : interface.addresses) {
-      if (!prefix.contains(name.address)) continue;
-      fitting.push_back(intf);
-      break;
-    }
-  }
-  if (up.size() == 1) return {Dova::IntfId(up.front()), name.address};
-  if (up.empty() && fitting.size() == 1) return {Dova::IntfId(fitting.front()), name.address};
-  if (up.empty() && fitting.empty() && interfaces_.size() == 1)
-    return {Dova::IntfId(interfaces_.begin()->first), name.address};
-  refuse("{} may be on several interfaces or on none: name it as {}%INTERFACE", toText(name.address),
-         toText(name.address));
+std::vector<SpeakerCommands::Place> SpeakerWorld::places() const {
+  std::vector<Place> all;
+  for (auto const& [name, interface] : interfaces_) all.push_back({name, interface.addresses});
+  return all;
 }
 
-void SpeakerWorld::join(SpeakerJoinCommand const& command) {
-  auto const upstream = upstreamOf(command.via);
-  auto const move = command.assert ? Speaker::UpstreamMove::assert : Speaker::UpstreamMove::routing;
-  for (auto const& entry : each(command.routes))
-    speaker_.upstream().joinIs(keyOf(named(entry)), upstream,
-                               isWildcard(entry.kind) ? entry.source : IpGenAddr(), move);
-}
+IpGenAddr SpeakerWorld::rpOf(IpGenAddr const& group) const { return simulation_.rps_->table.rp(group, {}); }
 
 void SpeakerWorld::leave(RouteRange const& routes) {
-  auto& upstream = speaker_.upstream();
-  for (auto const& entry : each(routes))
-    if (upstream.sending(named(entry)) == Speaker::Sending::notWanted)
-      refuse("{} is not wanted", toText(named(entry)));
-  for (auto const& entry : each(routes)) {
-    if (isWildcard(entry.kind)) simulation_.lookedAt_ += pruned_;
-    upstream.joinDel(keyOf(named(entry)));
-  }
-}
-
-void SpeakerWorld::prune(RouteRange const& routes) {
-  for (auto const& entry : each(routes))
-    if (speaker_.upstream().pruneIs(keyOf(named(entry)))) ++pruned_;
-}
-
-void SpeakerWorld::unprune(RouteRange const& routes) {
-  auto& upstream = speaker_.upstream();
-  for (auto const& entry : each(routes))
-    if (upstream.sending(named(entry)) == Speaker::Sending::notWanted)
-      refuse("{} is not pruned", toText(named(entry)));
-  for (auto const& entry : each(routes))
-    if (upstream.pruneDel(keyOf(named(entry)))) --pruned_;
+  if (isWildcard(routes.first.kind)) simulation_.lookedAt_ += routes.count * pruned();
+  SpeakerCommands::leave(routes);
 }
 
 // Neighbors and interfaces that come or restart have all their routes written again.
-void SpeakerWorld::lookAtWishes() { simulation_.lookedAt_ += speaker_.upstream().count() + pruned_; }
+void SpeakerWorld::lookAtWishes() { simulation_.lookedAt_ += speaker_.upstream().count() + pruned(); }
 
 void SpeakerWorld::receive(std::string const& intf, IpGenAddr const& source, Wire::Hello const& hello) {
   lookAtWishes();

@@ -7,45 +7,21 @@
 //     3.100   join (10.9.0.1,239.1.1.1)
 //     4.000 downstream (10.9.0.1,239.1.1.1) on eth0: joined, from 10.0.0.3
 //
-//   SpeakerWords.h    the commands
+//   SpeakerWords.h    the words of commands
+//   SpeakerCommands.h what commands do that are not a conversation's alone
 //   SpeakerWorld.cpp  what commands do, and the lines on packets and events
 //   SpeakerShow.cpp   the lines of `show`
 #pragma once
 
-#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "jpagent/simulate/Simulation.h"
-#include "pim/speaker/Speaker.h"
+#include "jpagent/simulate/speaker/SpeakerCommands.h"
 
 namespace Routing::Pim::Jpagent {
-
-/// What `interface` says.
-struct SpeakerInterfaceCommand {
-  using Change = std::function<void(Speaker::InterfaceSettings&)>;
-
-  std::string name;
-  std::vector<IpGenPrefix> addresses;  ///< None: they stay as they are.
-  bool noAddress = false;              ///< They are taken away.
-  std::vector<Change> changes;         ///< Of settings, in order.
-  bool up = false, down = false, gone = false;
-};
-
-/// A neighbor that is named by an address and perhaps by its interface.
-struct SpeakerNeighborName {
-  IpGenAddr address;
-  std::string intf;  ///< Empty if it is not named.
-};
-
-/// What `join` says.
-struct SpeakerJoinCommand {
-  RouteRange routes;
-  SpeakerNeighborName via;
-  bool assert = false;
-};
 
 /// What `receive` says.
 struct SpeakerReceiveCommand {
@@ -54,30 +30,22 @@ struct SpeakerReceiveCommand {
   Wire::JoinPrune message;
 };
 
-/// What a speaker is asked and what comes of it. A command that cannot be performed throws std::range_error
-/// with the reason.
-class SpeakerWorld final : public Speaker::Sink, public Speaker::SpeakerObserver {
+/// What a speaker is asked and what comes of it.
+class SpeakerWorld final : public SpeakerCommands, public Speaker::Sink, public Speaker::SpeakerObserver {
  public:
   /// In a simulation, which must outlive it: its clock, its lines, its RPs and its denied groups.
   SpeakerWorld(Simulation& simulation, U32 seed);
 
-  void interfaceIs(SpeakerInterfaceCommand const& command);
-  void join(SpeakerJoinCommand const& command);
-  void leave(RouteRange const& routes);
-  void prune(RouteRange const& routes);
-  void unprune(RouteRange const& routes);
+  void interfaceIs(SpeakerInterfaceCommand const& command) override;
+  void leave(RouteRange const& routes) override;
+  void show(SpeakerSubject subject) override;
   void receive(std::string const& intf, IpGenAddr const& source, Wire::Hello const& hello);
   void receive(SpeakerReceiveCommand const& command);
-  void showInterfaces();
-  void showNeighbors();
-  void showUpstream();
-  void showDownstream();
-  void showCounters();
 
  private:
   struct Interface {
     std::vector<IpGenPrefix> addresses;
-    Speaker::InterfaceSettings settings;
+    SpeakerInterfaceSettings settings;
     bool isDown = false;
   };
 
@@ -91,13 +59,19 @@ class SpeakerWorld final : public Speaker::Sink, public Speaker::SpeakerObserver
   void tellPacket(std::string_view verb, std::string const& intf, IpGenAddr const& source,
                   std::span<U8 const> bytes);
   void deliver(std::string const& intf, IpGenAddr const& source, std::span<U8 const> bytes);
-  Speaker::UpstreamNeighbor upstreamOf(SpeakerNeighborName const& name) const;
+  Speaker::Speaker& speaker() override { return speaker_; }
+  std::vector<Place> places() const override;
+  IpGenAddr rpOf(IpGenAddr const& group) const override;
   void lookAtWishes();
+  void showInterfaces();
+  void showNeighbors();
+  void showUpstream();
+  void showDownstream();
+  void showCounters();
   void showInterface(std::string const& name, Interface const& interface, Dova::AddressFamily family);
 
   Simulation& simulation_;
   std::map<std::string, Interface> interfaces_;
-  std::size_t pruned_ = 0;  // (S,G,rpt) that are wanted pruned
   Speaker::Speaker speaker_;
 };
 

@@ -46,6 +46,9 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
   /// What neighbors have asked for here.
   DownstreamRoutes const& downstream() const { return downstream_; }
 
+  /// Of the neighbor that has this address; Vel::never without a refresh.
+  Seconds nextRefresh(IpGenAddr const& address) const;
+
   /// Of joins and prunes; null while the link is down.
   std::pair<Vel::Ptr<JoinPruneMessageInfo>, Vel::Ptr<JoinPruneMessageInfo>> records() const {
     return {engine_.joins, engine_.prunes};
@@ -107,6 +110,7 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
   void updateOverrideInterval();
   void overrideTimerExpired();
   void remakeMachine(IpGenAddr const& neighbor);
+  void refreshesNoLaterThan(Seconds time);
 
   // Fixed at construction.
   Speaker& speaker_;

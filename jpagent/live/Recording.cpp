@@ -1,0 +1,65 @@
+#include "jpagent/live/Recording.h"
+
+#include <fmt/format.h>
+
+namespace Routing::Pim::Jpagent::Live {
+
+namespace {
+
+constexpr std::string_view sentNames[] = {"done", "later", "failed"};
+
+}  // namespace
+
+std::vector<std::string> recordingHead(Seconds now, LiveSettings const& settings) {
+  return {"# Recorded by jpagent run.",
+          fmt::format("live seed {} hash {} random {} clock {} time {} {}", settings.seed, settings.hashSeed,
+                      settings.randomSeed, now, settings.microseconds, settings.json ? "json" : "text")};
+}
+
+std::string kernelInput(std::string_view name, KernelInterface const& kernel) {
+  auto text = fmt::format("kernel {} mtu {} {}{}", name, kernel.mtu, kernel.isRunning ? "running" : "stopped",
+                          kernel.pointToPoint ? " point-to-point" : "");
+  for (auto const& prefix : kernel.addresses)
+    text += fmt::format(" {}/{}", toText(prefix.ipGenAddr()), prefix.length());
+  return text;
+}
+
+std::string packetInput(Speaker::Incoming const& packet, std::span<U8 const> bytes) {
+  return fmt::format("packet {} from {} to {} ttl {} {}", packet.intf, toText(packet.source),
+                     toText(packet.destination), packet.ttl, hexOf(bytes));
+}
+
+std::string commandInput(std::string_view line, Asker asker) {
+  return fmt::format("{} {}", askerNames[static_cast<std::size_t>(asker)], line);
+}
+
+std::string policyInput(std::vector<std::string> const& rps, std::vector<std::string> const& denied) {
+  std::string text = "policy";
+  for (auto const& rp : rps) text += " rp " + rp;
+  for (auto const& groups : denied) text += " deny " + groups;
+  return text;
+}
+
+std::string resultInput(SendResult const& result, Seconds now) {
+  auto text = fmt::format("sent {} {}", sentNames[static_cast<std::size_t>(result.sent)], now);
+  if (result.sent == Speaker::Sent::failed) text += ' ' + hexOf(result.reason);
+  return text;
+}
+
+std::string hexOf(std::span<U8 const> bytes) {
+  constexpr char digits[] = "0123456789abcdef";
+  if (bytes.empty()) return "-";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (U8 const byte : bytes) {
+    text += digits[byte >> 4];
+    text += digits[byte & 15];
+  }
+  return text;
+}
+
+std::string hexOf(std::string_view text) {
+  return hexOf(std::span<U8 const>(reinterpret_cast<U8 const*>(text.data()), text.size()));
+}
+
+}  // namespace Routing::Pim::Jpagent::Live
