@@ -118,7 +118,7 @@ LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration
     };
   }
   traceLevelsAre(options_.traceLevels);
-  speaker_.emplace(monotonicSeconds(), *this, std::move(settings));
+  speaker_.emplace(monotonicSeconds(), static_cast<LiveOutside&>(*this), std::move(settings));
   for (auto const& name : options_.interfaces) {
     interfaces_.add(name);
     speaker_->interfaceGiven(name);
