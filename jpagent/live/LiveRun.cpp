@@ -110,6 +110,8 @@ LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration
       stdout_(loop_, "standard output", STDOUT_FILENO),
       interfaces_(loop_, *this) {
   settings.json = json_;
+  // First what another process may have: its files must not be replaced.
+  openControl(options_.control.empty() ? configuration.control : options_.control);
   openOutputs(false);
   if (record_) {
     settings.record = [this](std::string_view line) {
@@ -123,7 +125,6 @@ LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration
     interfaces_.add(name);
     speaker_->interfaceGiven(name);
   }
-  openControl(options_.control.empty() ? configuration.control : options_.control);
   configure(configuration);
 
   stdin_.emplace(loop_.uv(), STDIN_FILENO, [this](int) { readInput(); });
