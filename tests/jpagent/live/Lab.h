@@ -235,6 +235,8 @@ class Agent {
     while (!isAtEnd_) take(1);
     return process_.wait();
   }
+  /// Everything that it has written.
+  std::string const& text() const { return text_; }
   std::string allText() const {
     std::string text = other_;
     for (auto const& event : events_) text += event.dump() + "\n";
@@ -259,6 +261,7 @@ class Agent {
     for (auto at = rest_.find('\n'); at != rest_.npos; at = rest_.find('\n')) {
       auto const line = rest_.substr(0, at);
       rest_.erase(0, at + 1);
+      text_ += line + "\n";
       auto event = Json::parse(line, nullptr, false);
       if (event.is_object())
         events_.push_back(std::move(event));
@@ -272,7 +275,7 @@ class Agent {
   }
 
   Process process_;
-  std::string rest_, other_;
+  std::string rest_, other_, text_;
   std::vector<Json> events_;
   bool isAtEnd_ = false, hasMissed_ = false;
 };

@@ -57,7 +57,8 @@ struct QuickAgent : Agent {
 TEST(LiveRunTest, OneJoinsFromTheOtherAndWhatItLeavesIsPruned) {
   REQUIRE_NAMESPACES();
   Cable const lab;
-  QuickAgent one(lab, "one", "va", {"--pcap", lab.path("pcap"), "--control", lab.path("control")});
+  QuickAgent one(lab, "one", "va",
+                 {"--pcap", lab.path("pcap"), "--control", lab.path("control"), "--record", lab.path("record")});
   QuickAgent two(lab, "two", "vb");
   EXPECT_EQ(one.await(interfaceIs("up", "10.0.0.1/24"))["mtu"], 1500);
   EXPECT_EQ(one.await(neighborUp("10.0.0.2"))["hold"], 3);
@@ -79,6 +80,11 @@ TEST(LiveRunTest, OneJoinsFromTheOtherAndWhatItLeavesIsPruned) {
   one.say("quit");
   EXPECT_EQ(one.wait(), 0) << one.allText();
   EXPECT_FALSE(std::filesystem::exists(lab.path("control")));
+
+  // What was recorded gives the same events again.
+  auto const performed = shell(JPAGENT " simulate " + lab.path("record"));
+  EXPECT_EQ(performed.status, 0) << performed.output;
+  EXPECT_EQ(performed.output, one.text());
 
   // The capture has both directions.
   auto const replayed = shell(JPAGENT " replay --json " + lab.path("pcap"));
@@ -209,11 +215,14 @@ TEST(LiveRunTest, AddressesMtuAndLinkAreFollowed) {
 
   // The link at the other end: no carrier here either.
   begin = one.eventCount();
+  auto const beginOfTwo = two.eventCount();
   lab.in("two", "ip link set vb down");
   one.await(interfaceIs("down", "10.0.0.9/24"), begin);
   lab.in("two", "ip link set vb up");
   one.await(interfaceIs("up", "10.0.0.9/24"), begin);
   one.await(neighborUp("10.0.0.2"), begin);
+  two.await(interfaceIs("up", "10.0.0.2/24"), beginOfTwo);
+  two.await(neighborUp("10.0.0.9"), beginOfTwo);
 
   lab.in("one", "ip link set va mtu 1400");
   for (int i = 0; i < 100 && one.ask("show interfaces")["result"][0]["mtu"] != 1400; ++i) pause(0.05);
@@ -399,17 +408,17 @@ TEST(LiveRunTest, ClientsOfTheControlSocketDoNotDisturbOneAnother) {
   }
 
   // One that never reads is closed, at 1 MB and what the kernel takes; a large reply to one that reads is not.
-  EXPECT_TRUE(one.ask("join 20000 routes from (10.9.0.1,239.2.0.0) via 10.0.0.2")["ok"]);
+  EXPECT_TRUE(one.ask("join 10000 routes from (10.9.0.1,239.2.0.0) via 10.0.0.2")["ok"]);
   quiet.say("show upstream\n");
   EXPECT_THAT(quiet.hear("}]}\n"), testing::EndsWith("}]}\n"));
-  EXPECT_GT(quiet.heard.size(), 2u << 20);
+  EXPECT_GT(quiet.heard.size(), 1u << 20);
   Client deaf(path);
   std::string many;
-  for (int i = 0; i < 20; ++i) many += "show upstream\n";
+  for (int i = 0; i < 8; ++i) many += "show upstream\n";
   deaf.say(many);
   one.ask("show neighbors");  // by now it has been closed
-  deaf.hear("never");
-  EXPECT_LT(deaf.heard.size(), 15u << 20);
+  EXPECT_THAT(deaf.hear("never").substr(deaf.heard.size()), "<end>");
+  EXPECT_LT(deaf.heard.size(), 6u << 20);
 
   // All the while events are told.
   QuickAgent two(lab, "two", "vb");
