@@ -19,6 +19,7 @@
 #include "jpagent/live/Configuration.h"
 #include "jpagent/live/ControlServer.h"
 #include "jpagent/live/Interfaces.h"
+#include "jpagent/live/LiveLog.h"
 #include "jpagent/live/LiveOutput.h"
 #include "jpagent/live/LiveSpeaker.h"
 #include "jpagent/live/Notify.h"
@@ -82,6 +83,7 @@ class LiveRun final : private LiveOutside, private InterfacesOwner {
   void configure(Configuration const& next);
   void reload();
   void quit();
+  std::vector<LiveOutput*> outputs();
   void reportFailures();
   void beforeWaiting();
 
@@ -89,7 +91,8 @@ class LiveRun final : private LiveOutside, private InterfacesOwner {
   bool const json_;
   Configuration configuration_;
   Loop loop_;
-  LiveOutput stdout_;
+  LiveOutput stdout_, stderr_;
+  LiveLog log_;
   std::optional<LiveFile> pcap_, record_;
   Interfaces interfaces_;
   std::optional<LiveSpeaker> speaker_;
@@ -110,6 +113,8 @@ LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration
       json_(options.json),
       loop_([this] { beforeWaiting(); }),
       stdout_(loop_, "standard output", STDOUT_FILENO),
+      stderr_(loop_, "standard error", STDERR_FILENO),
+      log_(options.log, stderr_),
       interfaces_(loop_, *this) {
   settings.json = json_;
   // First what another process may have: its files must not be replaced.
@@ -121,6 +126,9 @@ LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration
       record_->output().flush();
     };
   }
+  Vel::traceSinkIs([this](Vel::TraceLine const& line) {
+    log_.trace(fmt::format("{}[{}] {}", line.handle, line.level, line.text));
+  });
   traceLevelsAre(options_.traceLevels);
   speaker_.emplace(monotonicSeconds(), static_cast<LiveOutside&>(*this), std::move(settings));
   speaker_->counterIs(dropCounter, 0);
@@ -141,7 +149,10 @@ LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration
     watchdog_.emplace(loop_.uv(), *period, [] { notifySystemd("WATCHDOG=1"); });
 }
 
-LiveRun::~LiveRun() { Scrivo::TraceFile::close(); }
+LiveRun::~LiveRun() {
+  Vel::traceSinkIs({});
+  Scrivo::TraceFile::close();
+}
 
 LiveSpeaker& LiveRun::speakerNow() {
   speaker_->nowIs(monotonicSeconds());
@@ -178,11 +189,10 @@ int LiveRun::run() {
   for (auto* const file : {&pcap_, &record_})
     if (*file && !(*file)->close(outputPatience)) hasFailed_ = true;
   if (!stdout_.finish(outputPatience)) hasFailed_ = true;
-  for (auto* const output :
-       {&stdout_, pcap_ ? &pcap_->output() : nullptr, record_ ? &record_->output() : nullptr})
-    if (output && output->hasFailed())
-      if (auto const reason = output->takeFailure(); !reason.empty())
-        cannot(fmt::format("{}: {}", output->name(), reason));
+  if (!stderr_.finish(outputPatience)) hasFailed_ = true;
+  for (auto* const output : outputs())
+    if (auto const reason = output->takeFailure(); !reason.empty())
+      cannot(fmt::format("{}: {}", output->name(), reason));
   return hasFailed_ ? cannotDo : allFine;
 }
 
@@ -214,6 +224,9 @@ std::string LiveRun::textOfEvent(Event const& event, bool json) const {
 
 void LiveRun::event(Event const& event) {
   stdout_.add(textOfEvent(event, json_));
+  auto const kind = event.members.value("event", "");
+  if (kind == "error" || kind == "warning")
+    log_.write(kind == "error" ? LiveLog::error : LiveLog::warning, textOf(event));
   if (!server_) return;
   std::optional<std::string> texts[2];
   server_->tell([&](bool json) -> std::string_view {
@@ -339,10 +352,15 @@ void LiveRun::reload() {
 // A second signal does not wait for the prunes.
 void LiveRun::quit() { speakerNow().quit(speaker_->isQuitting()); }
 
+std::vector<LiveOutput*> LiveRun::outputs() {
+  std::vector<LiveOutput*> all{&stdout_, &stderr_};
+  for (auto* const file : {&pcap_, &record_})
+    if (*file) all.push_back(&(*file)->output());
+  return all;
+}
+
 void LiveRun::reportFailures() {
-  for (auto* const output :
-       {&stdout_, pcap_ ? &pcap_->output() : nullptr, record_ ? &record_->output() : nullptr}) {
-    if (!output) continue;
+  for (auto* const output : outputs()) {
     auto const reason = output->takeFailure();
     if (reason.empty()) continue;
     hasFailed_ = true;
@@ -355,8 +373,7 @@ void LiveRun::beforeWaiting() {
   auto& speaker = speakerNow();
   if (speaker.timeMin() <= speaker.now()) speaker.expire();
   for (int round = 0; round < 2; ++round) {  // what a failure gives rise to is written at once, too
-    stdout_.flush();
-    if (pcap_) pcap_->output().flush();
+    for (auto* const output : outputs()) output->flush();
     reportFailures();
   }
   if (server_) server_->flush();
@@ -382,7 +399,7 @@ int runLive(RunOptions const& options) {
   LiveSettings settings;
   settings.seed = randomNumber<U64>();
   settings.hashSeed = randomNumber<U64>();
-  settings.randomSeed = static_cast<long>(randomNumber<U32>());
+  settings.randomSeed = static_cast<long>(randomNumber<U32>() >> 1);  // srand48() has no more bits
   settings.microseconds = static_cast<std::int64_t>(wallMicroseconds());
   seedProcess(settings);
   for (auto const& name : options.interfaces)
