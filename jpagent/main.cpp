@@ -5,12 +5,16 @@
 #include <cerrno>
 #include <functional>
 #include <iostream>
+#include <memory>
 #include <new>
 
 #include "jpagent/capture/Sample.h"
 #include "jpagent/common/Ending.h"
 #include "jpagent/common/Output.h"
+#include "jpagent/live/LiveRun.h"
+#include "jpagent/live/LiveWords.h"
 #include "jpagent/live/Performance.h"
+#include "jpagent/live/Tell.h"
 #include "jpagent/replay/ReplayRun.h"
 #include "jpagent/simulate/Conversation.h"
 #include "jpagent/simulate/SimulateRun.h"
@@ -57,6 +61,25 @@ constexpr char moreAboutSimulate[] =
     "or an output fails.\n"
     "Commands:\n";
 
+constexpr char aboutRun[] =
+    "Speaks PIM Join/Prune on interfaces: sends and receives Hellos and Join/Prune messages, takes commands "
+    "from standard input and prints a line for every event";
+
+constexpr char moreAboutRun[] =
+    "Addresses, MTU and link state come from the kernel and are followed; an interface may appear later. "
+    "IPv4 "
+    "and "
+    "IPv6 are served. It needs CAP_NET_RAW, and gives up all other capabilities. \"quit\", SIGINT and "
+    "SIGTERM "
+    "send prunes for all that is joined and then goodbyes; a second signal the goodbyes alone. SIGHUP reads "
+    "the configuration again and opens --pcap and --scrivo again.\n"
+    "Exit status: 0 it was told to end and all was written, 2 the call or a file is wrong, memory is short,\n"
+    "or an output fails.\n"
+    "Commands, one a line:\n";
+
+constexpr char moreAboutTell[] =
+    "Exit status: 0 all fine, 1 the command failed, 2 the call is wrong or no \"jpagent run\" answers.";
+
 // Runs a parser of option texts, whose complaint becomes the option's.
 template <class Parse>
 std::function<void(std::string const&)> checked(Parse parse) {
@@ -79,6 +102,8 @@ struct CommandLine {
   CLI::App* trace = nullptr;
   CLI::App* sample = nullptr;
   CLI::App* simulate = nullptr;
+  CLI::App* run = nullptr;
+  CLI::App* tell = nullptr;
 
   std::string file;
   bool json = false;
@@ -88,7 +113,36 @@ struct CommandLine {
   std::string levels;
   bool traceJson = false, traceChrome = false;
   SimulateOptions simulateOptions;
+  Live::RunOptions runOptions;
+  std::string checkFile;
 };
+
+// --rp, --deny and --trace, which more than one command has.
+void addPolicy(CLI::App& command, std::vector<std::string>& rps, std::vector<std::string>& denied,
+               std::function<void(std::string const&)> const& rp,
+               std::function<void(std::string const&)> const& deny) {
+  command
+      .add_option("--rp", rps,
+                  "The RP of these groups; the longest prefix decides. A group that "
+                  "none has: the one in the message. Repeatable")
+      ->type_name("GROUP/LEN=ADDRESS")
+      ->allow_extra_args(false)
+      ->each(checked(rp));
+  command.add_option("--deny", denied, "Groups that the filter denies. Repeatable")
+      ->type_name("GROUP/LEN")
+      ->allow_extra_args(false)
+      ->each(checked(deny));
+}
+
+void addTraceOptions(CLI::App& command, std::string& texts, std::vector<Vel::U32>& levels,
+                     std::string& scrivoFile) {
+  command.add_option("--trace", texts, "Levels of the engine's trace lines, to standard error: 1,2,7 or 1-8")
+      ->type_name("LEVELS")
+      ->each(checked([&levels](std::string const& text) { levels = traceLevelsFromText(text); }));
+  command.add_option("--scrivo", scrivoFile, "Write the engine's ring trace file; see jpagent trace")
+      ->check(fileNamed)
+      ->type_name("FILE");
+}
 
 void addReplay(CommandLine& line) {
   ReplayOptions& options = line.replayOptions;
@@ -96,31 +150,14 @@ void addReplay(CommandLine& line) {
   command->footer(moreAboutReplay);
   command->add_option("FILE", line.file, "The capture")->required()->type_name("");
   command->add_flag("--json", line.json, "One JSON object a line, for each entry and each refused message");
-  command
-      ->add_option("--rp", line.rps,
-                   "The RP of these groups; the longest prefix decides. A group that "
-                   "none has: the one in the message. Repeatable")
-      ->type_name("GROUP/LEN=ADDRESS")
-      ->allow_extra_args(false)
-      ->each(checked([&options](std::string const& text) { options.rps.add(text); }));
-  command->add_option("--deny", line.denied, "Groups that the filter denies. Repeatable")
-      ->type_name("GROUP/LEN")
-      ->allow_extra_args(false)
-      ->each(checked(
-          [&options](std::string const& text) { options.denied.push_back(groupPrefixFromText(text)); }));
+  addPolicy(
+      *command, line.rps, line.denied, [&options](std::string const& text) { options.rps.add(text); },
+      [&options](std::string const& text) { options.denied.push_back(groupPrefixFromText(text)); });
   command->add_flag("--lenient", options.lenient,
                     "Take Join/Prune messages and Hellos also from a source that is not unicast (IPv6: not "
                     "link-local), to another destination than 224.0.0.13 or ff02::d, or with another TTL "
                     "or hop limit than 1; they are refused otherwise");
-  command
-      ->add_option("--trace", line.levels,
-                   "Levels of the engine's trace lines, to standard error: 1,2,7 or 1-8")
-      ->type_name("LEVELS")
-      ->each(
-          checked([&options](std::string const& text) { options.traceLevels = traceLevelsFromText(text); }));
-  command->add_option("--scrivo", options.scrivoFile, "Write the engine's ring trace file; see jpagent trace")
-      ->check(fileNamed)
-      ->type_name("FILE");
+  addTraceOptions(*command, line.levels, options.traceLevels, options.scrivoFile);
 }
 
 void addTrace(CommandLine& line) {
@@ -167,7 +204,59 @@ void addSimulate(CommandLine& line) {
       ->type_name("FILE");
 }
 
+void addRun(CommandLine& line) {
+  Live::RunOptions& options = line.runOptions;
+  auto* const command = line.run = line.app.add_subcommand("run", aboutRun);
+  command->footer(moreAboutRun + Live::liveCommandReference());
+  command->add_option("INTERFACE", options.interfaces, "Interfaces, there or yet to appear")->type_name("");
+  command->add_flag("--json", options.json, "Events and replies as one JSON object a line");
+  auto const file = [command](char const* name, std::string& to, char const* what) {
+    return command->add_option(name, to, what)->check(fileNamed)->type_name("FILE");
+  };
+  file("--control", options.control, "A UNIX socket for commands, with mode 0600; see jpagent tell")
+      ->type_name("PATH");
+  auto* const config = file("--config", options.configFile, "Interfaces, settings, RPs and routes, in TOML");
+  file("--check", line.checkFile, "Only check such a file")->excludes(config);
+  file("--pcap", options.pcapFile, "Write a capture of what is sent and received");
+  file("--record", options.recordFile, "Write all that comes in as a conversation; see jpagent simulate");
+  auto const rps = std::make_shared<RpTable>();
+  addPolicy(
+      *command, options.rps, options.denied, [rps](std::string const& text) { rps->add(text); },
+      [](std::string const& text) { groupPrefixFromText(text); });
+  addTraceOptions(*command, line.levels, options.traceLevels, options.scrivoFile);
+  command->add_option("--log", options.log, "Errors and warnings also to the journal or to standard error")
+      ->check(CLI::IsMember({"journald", "stderr"}))
+      ->type_name("journald|stderr");
+}
+
+void addTell(CommandLine& line) {
+  auto* const command = line.tell = line.app.add_subcommand(
+      "tell", "Gives a command to a \"jpagent run --control PATH\" and prints the reply");
+  command->footer(moreAboutTell);
+  command->prefix_command();  // WORDS may begin with dashes
+  command->add_flag("--json", line.json, "The reply as one JSON object");
+  command->add_option("PATH", line.file, "The UNIX socket")->required()->type_name("");
+}
+
+int performTell(CommandLine const& line) {
+  std::string words;
+  for (auto const& word : line.tell->remaining()) words += (words.empty() ? "" : " ") + word;
+  if (words.empty()) return cannot("tell needs a command (see jpagent tell --help)");
+  return Live::runTell(line.file, words, line.json);
+}
+
+int performRun(CommandLine const& line) {
+  auto options = line.runOptions;
+  options.check = !line.checkFile.empty();
+  if (options.check) options.configFile = line.checkFile;
+  if (!options.check && options.configFile.empty() && options.interfaces.empty())
+    return cannot("run needs an interface (see jpagent run --help)");
+  return Live::runLive(options);
+}
+
 int perform(CommandLine const& line) {
+  if (*line.run) return performRun(line);
+  if (*line.tell) return performTell(line);
   subjectIs(line.file);
   if (*line.trace) {
     return runTrace(line.file, line.traceJson     ? TraceForm::json
@@ -194,6 +283,8 @@ int run(int argc, char** argv) {
   addTrace(line);
   addSample(line);
   addSimulate(line);
+  addRun(line);
+  addTell(line);
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {

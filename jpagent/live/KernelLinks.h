@@ -1,0 +1,81 @@
+// What the kernel says of interfaces, by netlink.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "runtime/dova/IpGenPrefix.h"
+
+struct mnl_socket;
+struct nlmsghdr;
+
+namespace Routing::Pim::Jpagent::Live {
+
+using Dova::IpGenAddr;
+using Dova::IpGenPrefix;
+using Vel::U16;
+using Vel::U32;
+using Vel::U8;
+
+/// An interface as the kernel has it.
+struct KernelLink {
+  unsigned index = 0;
+  std::string name;
+  U32 mtu = 0;
+  bool isRunning = false;  ///< Administratively up and with a carrier.
+  bool isPointToPoint = false;
+  /// Those that may be used: no IPv6 address during duplicate address detection or after it has failed. IPv4
+  /// in the kernel's order, primary ones first; then IPv6, the oldest first, so that a new one displaces none.
+  std::vector<IpGenPrefix> addresses;
+
+  friend bool operator==(KernelLink const& a, KernelLink const& b) = default;
+};
+
+/// Follows all interfaces of the network namespace.
+class KernelLinks {
+ public:
+  /// Asks for all of them. Throws std::system_error.
+  KernelLinks();
+  ~KernelLinks();
+
+  /// Readable when something has changed.
+  int descriptor() const;
+  /// Takes what has changed. If the kernel had to drop some of it, asks for everything again. Throws
+  /// std::system_error.
+  void receive();
+
+  /// The interface of that name, or nothing.
+  std::optional<KernelLink> find(std::string const& name) const;
+
+  /// What tells that there may be a change, for somebody who compares.
+  Vel::U64 changes() const { return changes_; }
+
+ private:
+  struct Address {
+    IpGenPrefix prefix;
+    U32 flags;
+    U8 scope;
+  };
+  struct Link {
+    KernelLink link;  // without addresses
+    std::vector<Address> addresses;
+  };
+  using Socket = std::unique_ptr<mnl_socket, int (*)(mnl_socket*)>;
+
+  static Socket openSocket(U32 groups);
+  void askForAll();
+  bool dump(mnl_socket* socket, U32 number, U8 family, int type);
+  static int dispatch(nlmsghdr const* message, void* self);
+  void take(nlmsghdr const& message);
+  void takeLink(nlmsghdr const& message);
+  void takeAddress(nlmsghdr const& message);
+
+  Socket const news_;
+  std::map<unsigned, Link> links_;  // by index
+  Vel::U64 changes_ = 0;
+};
+
+}  // namespace Routing::Pim::Jpagent::Live

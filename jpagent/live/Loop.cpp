@@ -1,0 +1,167 @@
+#include "jpagent/live/Loop.h"
+
+#include <fcntl.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <ctime>
+#include <system_error>
+
+namespace Routing::Pim::Jpagent::Live {
+
+namespace {
+
+void require(int result, char const* what) {
+  if (result < 0) throw std::system_error(-result, std::generic_category(), what);
+}
+
+template <class State>
+void freeState(uv_handle_t* handle) {
+  delete static_cast<State*>(handle->data);
+}
+
+}  // namespace
+
+Seconds monotonicSeconds() {
+  timespec time;
+  clock_gettime(CLOCK_BOOTTIME, &time);
+  return static_cast<Seconds>(time.tv_sec) + static_cast<Seconds>(time.tv_nsec) / 1e9;
+}
+
+// --- Watch ---------------------------------------------------------------------------------------
+
+struct Watch::State {
+  uv_any_handle handle;
+  bool isPolled = true;
+  bool isLive = true;
+  std::function<void(int)> ready;
+};
+
+Watch::Watch(uv_loop_t& loop, int descriptor, std::function<void(int)> ready) : state_(new State) {
+  state_->ready = std::move(ready);
+  int const flags = fcntl(descriptor, F_GETFL);
+  int result = uv_poll_init(&loop, &state_->handle.poll, descriptor);
+  // Others may have the descriptor open too, as a terminal is, and libuv has made it non-blocking for them.
+  if (flags >= 0) fcntl(descriptor, F_SETFL, flags);
+  if (result == UV_EPERM) {
+    state_->isPolled = false;
+    result = uv_idle_init(&loop, &state_->handle.idle);
+  }
+  if (result < 0) {
+    delete state_;
+    require(result, "watching a descriptor");
+  }
+  state_->handle.handle.data = state_;
+}
+
+Watch::~Watch() {
+  state_->isLive = false;
+  uv_close(&state_->handle.handle, freeState<State>);
+}
+
+void Watch::eventsAre(int events) {
+  if (events == events_) return;
+  events_ = events;
+  if (!state_->isPolled) {
+    if (events == 0)
+      uv_idle_stop(&state_->handle.idle);
+    else
+      uv_idle_start(&state_->handle.idle, [](uv_idle_t* handle) {
+        auto& state = *static_cast<State*>(handle->data);
+        if (state.isLive) state.ready(UV_READABLE);
+      });
+  } else if (events == 0) {
+    uv_poll_stop(&state_->handle.poll);
+  } else {
+    uv_poll_start(&state_->handle.poll, events, [](uv_poll_t* handle, int status, int got) {
+      auto& state = *static_cast<State*>(handle->data);
+      // An error of the descriptor is what the next read or write returns.
+      if (state.isLive) state.ready(status < 0 ? UV_READABLE | UV_WRITABLE : got);
+    });
+  }
+}
+
+// --- Signals and ticks ---------------------------------------------------------------------------
+
+struct SignalWatch::State {
+  uv_signal_t handle;
+  std::function<void()> received;
+};
+
+SignalWatch::SignalWatch(uv_loop_t& loop, int signal, std::function<void()> received) : state_(new State) {
+  state_->received = std::move(received);
+  uv_signal_init(&loop, &state_->handle);
+  state_->handle.data = state_;
+  int const result = uv_signal_start(
+      &state_->handle, [](uv_signal_t* handle, int) { static_cast<State*>(handle->data)->received(); },
+      signal);
+  uv_unref(reinterpret_cast<uv_handle_t*>(&state_->handle));
+  if (result == 0) return;
+  uv_close(reinterpret_cast<uv_handle_t*>(&state_->handle), freeState<State>);
+  require(result, "signals");
+}
+
+SignalWatch::~SignalWatch() { uv_close(reinterpret_cast<uv_handle_t*>(&state_->handle), freeState<State>); }
+
+struct Ticker::State {
+  uv_timer_t handle;
+  std::function<void()> tick;
+};
+
+Ticker::Ticker(uv_loop_t& loop, Seconds period, std::function<void()> tick) : state_(new State) {
+  state_->tick = std::move(tick);
+  uv_timer_init(&loop, &state_->handle);
+  state_->handle.data = state_;
+  auto const milliseconds = static_cast<std::uint64_t>(std::max(1.0, period * 1000));
+  uv_timer_start(
+      &state_->handle, [](uv_timer_t* handle) { static_cast<State*>(handle->data)->tick(); }, milliseconds,
+      milliseconds);
+}
+
+Ticker::~Ticker() { uv_close(reinterpret_cast<uv_handle_t*>(&state_->handle), freeState<State>); }
+
+// --- Loop ----------------------------------------------------------------------------------------
+
+Loop::Loop(std::function<void()> beforeWaiting) : beforeWaiting_(std::move(beforeWaiting)) {
+  require(uv_loop_init(&loop_), "the loop");
+  uv_prepare_init(&loop_, &prepare_);
+  prepare_.data = this;
+  uv_prepare_start(&prepare_,
+                   [](uv_prepare_t* handle) { static_cast<Loop*>(handle->data)->beforeWaiting_(); });
+  alarm_ = timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC);
+  if (alarm_ < 0) throw std::system_error(errno, std::generic_category(), "the loop's alarm");
+  alarmWatch_ = std::make_unique<Watch>(loop_, alarm_, [this](int) {
+    std::uint64_t expirations;
+    [[maybe_unused]] auto const size = read(alarm_, &expirations, sizeof expirations);
+  });
+  alarmWatch_->eventsAre(UV_READABLE);
+}
+
+Loop::~Loop() {
+  alarmWatch_.reset();
+  close(alarm_);
+  uv_close(reinterpret_cast<uv_handle_t*>(&prepare_), nullptr);
+  uv_run(&loop_, UV_RUN_DEFAULT);  // what is closed is freed here
+  uv_loop_close(&loop_);
+}
+
+void Loop::run() { uv_run(&loop_, UV_RUN_DEFAULT); }
+
+void Loop::stop() { uv_stop(&loop_); }
+
+void Loop::wakeAt(Seconds time) {
+  itimerspec at{};  // zero: never
+  constexpr Seconds farthest = 1e9;
+  if (time < farthest) {
+    Seconds const whole = std::floor(std::max(time, 0.0));
+    at.it_value.tv_sec = static_cast<time_t>(whole);
+    // Rounded up: who wakes too early has to wait again.
+    at.it_value.tv_nsec = std::min(static_cast<long>(std::ceil((time - whole) * 1e9)) + 1, 999'999'999l);
+  }
+  timerfd_settime(alarm_, TFD_TIMER_ABSTIME, &at, nullptr);
+}
+
+}  // namespace Routing::Pim::Jpagent::Live

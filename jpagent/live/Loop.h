@@ -1,0 +1,105 @@
+// What the loop of `jpagent run` watches, as objects that may be destroyed at any time, from inside their own
+// callback too. (libuv wants a handle to stay until it says so.)
+//
+//     Watch watch(loop, descriptor, [](int events) { ... });
+//     watch.eventsAre(UV_READABLE);
+//
+//   Loop.h          descriptors and signals that the loop watches, the clock
+//   Pending.h       bytes that wait until a descriptor takes them; lines out of bytes
+//   PimSocket.h     the raw socket of an interface and family
+//   KernelLinks.h   what the kernel says of interfaces
+//   Interfaces.h    the interfaces that were given: their sockets, what the speaker is told of them
+//   ControlServer.h the UNIX socket for commands, and its clients
+//   Tell.h          a client of it
+//   LiveRun.h       all of it as one program
+#pragma once
+
+#include <uv.h>
+
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "runtime/vel/Types.h"
+
+namespace Routing::Pim::Jpagent::Live {
+
+using Vel::Seconds;
+
+/// Seconds since the start of the machine, the time during which it was suspended included: what neighbors
+/// have said expires then, too.
+Seconds monotonicSeconds();
+
+/// Watches a descriptor. A file or device that cannot be polled is always readable.
+class Watch {
+ public:
+  /// The descriptor stays the caller's, and must be open as long as this lives. Its flags do not change.
+  /// Throws std::system_error.
+  Watch(uv_loop_t& loop, int descriptor, std::function<void(int events)> ready);
+  ~Watch();
+  Watch(Watch const&) = delete;
+  Watch& operator=(Watch const&) = delete;
+
+  /// UV_READABLE, UV_WRITABLE, both, or 0.
+  void eventsAre(int events);
+
+ private:
+  struct State;
+  State* const state_;  // freed by the loop
+  int events_ = 0;
+};
+
+/// Calls when the process gets a signal.
+class SignalWatch {
+ public:
+  /// Throws std::system_error.
+  SignalWatch(uv_loop_t& loop, int signal, std::function<void()> received);
+  ~SignalWatch();
+  SignalWatch(SignalWatch const&) = delete;
+  SignalWatch& operator=(SignalWatch const&) = delete;
+
+ private:
+  struct State;
+  State* const state_;  // freed by the loop
+};
+
+/// Calls again and again.
+class Ticker {
+ public:
+  Ticker(uv_loop_t& loop, Seconds period, std::function<void()> tick);
+  ~Ticker();
+  Ticker(Ticker const&) = delete;
+  Ticker& operator=(Ticker const&) = delete;
+
+ private:
+  struct State;
+  State* const state_;  // freed by the loop
+};
+
+/// The loop itself, and the alarm for the next timer of the speaker.
+class Loop {
+ public:
+  /// `beforeWaiting` is called before each time that the loop waits. Throws std::system_error.
+  explicit Loop(std::function<void()> beforeWaiting);
+  /// All watches must have ended.
+  ~Loop();
+  Loop(Loop const&) = delete;
+  Loop& operator=(Loop const&) = delete;
+
+  uv_loop_t& uv() { return loop_; }
+  /// Returns after stop().
+  void run();
+  /// From inside a callback.
+  void stop();
+  /// Has the loop wait no longer than until then, on monotonicSeconds().
+  void wakeAt(Seconds time);
+
+ private:
+  std::function<void()> const beforeWaiting_;
+  uv_loop_t loop_;
+  uv_prepare_t prepare_;
+  int alarm_ = -1;
+  std::unique_ptr<Watch> alarmWatch_;
+};
+
+}  // namespace Routing::Pim::Jpagent::Live
