@@ -28,7 +28,8 @@ struct KernelLink {
   bool isRunning = false;  ///< Administratively up and with a carrier.
   bool isPointToPoint = false;
   /// Those that may be used: no IPv6 address during duplicate address detection or after it has failed. IPv4
-  /// in the kernel's order, primary ones first; then IPv6, the oldest first, so that a new one displaces none.
+  /// in the kernel's order, primary ones first; then IPv6, the oldest first, so that a new one displaces
+  /// none.
   std::vector<IpGenPrefix> addresses;
 
   friend bool operator==(KernelLink const& a, KernelLink const& b) = default;

@@ -1,5 +1,5 @@
-// What systemd is told: the state of a service of Type=notify (see sd_notify(3)) and lines for the journal. Both are a
-// datagram each.
+// What systemd is told: the state of a service of Type=notify (see sd_notify(3)) and lines for the journal.
+// Both are a datagram each.
 #pragma once
 
 #include <optional>

@@ -408,7 +408,8 @@ TEST(LiveRunTest, ClientsOfTheControlSocketDoNotDisturbOneAnother) {
     EXPECT_THAT(tooLong.hear("show neighbors"), HasSubstr("longer than 64 KiB"));
   }
 
-  // One that never reads is closed, at 1 MB and what the kernel takes; a large reply to one that reads is not.
+  // One that never reads is closed, at 1 MB and what the kernel takes; a large reply to one that reads is
+  // not.
   EXPECT_TRUE(one.ask("join 10000 routes from (10.9.0.1,239.2.0.0) via 10.0.0.2")["ok"]);
   quiet.say("show upstream\n");
   EXPECT_THAT(quiet.hear("}]}\n"), testing::EndsWith("}]}\n"));
