@@ -455,8 +455,8 @@ bool Neighbors::tellUp(IpGenAddr const& neighbor) {
   return !watch.ended();
 }
 
-// That a neighbor is up, or has ended. One that has no room waits; two that wait undo each other, and are left
-// out.
+// That a neighbor is up, or has ended. One that has no room waits; two that wait undo each other, and are
+// left out.
 bool Neighbors::tellState(Kind kind, IpGenAddr const& neighbor) {
   if (auto const waiting = untold_.find(neighbor); waiting != untold_.end()) {
     budgetOf(waiting->second).leaveOut();

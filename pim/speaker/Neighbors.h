@@ -17,10 +17,10 @@
 //
 // A Hello that the sink wants later, or for which there is no memory, is tried again after 0.1 s.
 //
-// What a neighbor can have done again and again has a bound: of its restarts, of its changed address lists and
-// of its ends three count at once and then one of each in a Hello_Period. What is in between counts once,
-// later. A neighbor that ends and comes again more often so stays up meanwhile, and its next Hello counts as a
-// restart.
+// What a neighbor can have done again and again has a bound: of its restarts, of its changed address lists
+// and of its ends three count at once and then one of each in a Hello_Period. What is in between counts once,
+// later. A neighbor that ends and comes again more often so stays up meanwhile, and its next Hello counts as
+// a restart.
 #pragma once
 
 #include <array>
@@ -152,7 +152,8 @@ struct HelloCounters {
 class PIM_SPEAKER_API Neighbors {
  public:
   /// The owner and the random source must outlive this. Settings that cannot be throw as requireValid(),
-  /// addresses as requireListable(). Of the generation ID and the first Hello's time the random source decides.
+  /// addresses as requireListable(). Of the generation ID and the first Hello's time the random source
+  /// decides.
   Neighbors(NeighborsOwner& owner, Dova::IntfId const& intf, IpGenAddr const& primaryAddress,
             std::vector<IpGenAddr> secondaryAddresses, HelloSettings const& settings,
             Vel::Ptr<Zanth::TimerWheel> const& wheel, Random& random);
@@ -173,8 +174,9 @@ class PIM_SPEAKER_API Neighbors {
   /// The generation ID of this link.
   U32 generationId() const { return generationId_; }
 
-  /// Takes a Hello that has passed all checks. False if it is refused because of the limit on neighbors. Throws
-  /// std::bad_alloc; a new neighbor is there then or not, and what was not told is told with its next Hello.
+  /// Takes a Hello that has passed all checks. False if it is refused because of the limit on neighbors.
+  /// Throws std::bad_alloc; a new neighbor is there then or not, and what was not told is told with its next
+  /// Hello.
   bool receive(IpGenAddr const& sender, Wire::Hello const& hello);
 
   /// Whether a Hello is to be sent before a Join/Prune to this target. For a target that is no neighbor:
@@ -276,7 +278,8 @@ class PIM_SPEAKER_API Neighbors {
   LanValues values_;
   HelloCounters counters_;
 
-  // Turns of neighbors that have ended, as long as they are of importance; no more than neighbors are allowed.
+  // Turns of neighbors that have ended, as long as they are of importance; no more than neighbors are
+  // allowed.
   std::map<IpGenAddr, Turns> departed_;
   Seconds departedFullUntil_ = -Vel::never;
 

@@ -20,8 +20,8 @@ struct NotSent : std::runtime_error {
 
 }  // namespace
 
-// Whether a link is still what it was before a call out: neither destroyed nor down, nor up again with another
-// address.
+// Whether a link is still what it was before a call out: neither destroyed nor down, nor up again with
+// another address.
 class SpeakerLink::SameLink {
  public:
   explicit SameLink(SpeakerLink const& link)

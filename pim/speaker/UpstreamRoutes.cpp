@@ -316,8 +316,8 @@ void UpstreamRoutes::releaseTarget(Target& target) {
   releaseSlot(slot);
 }
 
-// The neighbor that has a target's address, of unknown family if there is none. One without data sets is about
-// to be told of.
+// The neighbor that has a target's address, of unknown family if there is none. One without data sets is
+// about to be told of.
 IpGenAddr UpstreamRoutes::ownerOf(Target const& target) const {
   Link const* const link = target.slot.link;
   auto const neighbor = link ? link->neighborOf(target.address) : std::nullopt;

@@ -160,8 +160,8 @@ bool UpstreamRoutes::attempt(char const* function, Step const& step) {
   return isComplete || watch.ended();
 }
 
-/// A step for each route in a ring of a target; it is then among the target's routes. Routes may come and leave
-/// meanwhile; those that were there at the beginning are visited once, unless they leave.
+/// A step for each route in a ring of a target; it is then among the target's routes. Routes may come and
+/// leave meanwhile; those that were there at the beginning are visited once, unless they leave.
 template <class Step>
 void UpstreamRoutes::forEachRoute(Ring& routes, Step const& step) {
   Life::Watch const watch(life_);
