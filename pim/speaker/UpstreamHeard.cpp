@@ -206,7 +206,7 @@ void UpstreamRoutes::overrideGroup(Slot& slot, IpGenAddr const& neighbor, IpGenA
 
 // Of the groups that were walked because of a Prune(*,G), those for which another one was heard. Their joins
 // are sent now: t_override since that prune may have passed by half. A message of a few bytes that is
-// repeated so costs two walks in an override interval.
+// repeated so costs up to four walks in an override interval.
 void UpstreamRoutes::overrideAgain(Slot& slot) {
   Life::Watch const watch(slot.life);
   Link const* const link = slot.link;
