@@ -140,12 +140,12 @@ TEST(LiveRunTest, Ipv6WaitsForDuplicateAddressDetectionAndThenJoins) {
   one.await(downstream("joined", "(2001:db8::1,ff0e::1)"));
   EXPECT_TRUE(two.ask("leave (2001:db8::1,ff0e::1)")["ok"]);
   one.await(downstream("pruned", "(2001:db8::1,ff0e::1)"));
+  EXPECT_EQ(one.count({{"event", "refused"}}), 0) << one.allText();
   // The goodbye from an address that the kernel has removed.
   lab.in("one", "ip address del " + up["address"].get<std::string>() + " dev va");
   EXPECT_EQ(one.await(interfaceIs("down", up["address"]))["goodbye"], true);
   two.await({{"event", "neighbor"}, {"state", "down"}, {"address", upstream}});
   EXPECT_EQ(two.end(), 0);
-  EXPECT_EQ(one.count({{"event", "refused"}}), 0) << one.allText();
 }
 
 TEST(LiveRunTest, OnALanAnotherRoutersPruneIsOverridden) {
@@ -415,20 +415,21 @@ TEST(LiveRunTest, ClientsOfTheControlSocketDoNotDisturbOneAnother) {
     EXPECT_THAT(tooLong.hear("show neighbors"), HasSubstr("longer than 64 KiB"));
   }
 
-  // One that never reads is closed, at 1 MB and what the kernel takes; a large reply to one that reads is not.
-  EXPECT_TRUE(one.ask("join 10000 routes from (10.9.0.1,239.2.0.0) via 10.0.0.2")["ok"]);
-  quiet.say("show upstream\n");
-  EXPECT_THAT(quiet.hear("}]}\n"), testing::EndsWith("}]}\n"));
-  EXPECT_GT(quiet.heard.size(), 1'000'000u);
+  // One that never reads is closed, at 1 MB and what the kernel takes.
   Client deaf(path);
   std::string many;
-  for (int i = 0; i < 8; ++i) many += "show upstream\n";
+  for (int i = 0; i < 4000; ++i) many += "help\n";
   deaf.say(many);
-  one.ask("show neighbors");  // by now it has been closed
   EXPECT_THAT(deaf.hear("never").substr(deaf.heard.size()), "<end>");
-  EXPECT_LT(deaf.heard.size(), 6u << 20);
-
-  one.ask("leave 10000 routes from (10.9.0.1,239.2.0.0)");
+  EXPECT_LT(deaf.heard.size(), 3u << 20);
+  // A reply that is larger than that is none of its business.
+  if (thorough()) {
+    EXPECT_TRUE(one.ask("join 10000 routes from (10.9.0.1,239.2.0.0) via 10.0.0.2")["ok"]);
+    quiet.say("show upstream\n");
+    EXPECT_THAT(quiet.hear("}]}\n"), testing::EndsWith("}]}\n"));
+    EXPECT_GT(quiet.heard.size(), 1u << 20);
+    one.ask("leave 10000 routes from (10.9.0.1,239.2.0.0)");
+  }
 
   // All the while events are told.
   QuickAgent two(lab, "two", "vb");
