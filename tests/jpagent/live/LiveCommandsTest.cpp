@@ -15,7 +15,8 @@ constexpr char sourceRoute[] = "(10.9.0.1,239.1.1.1)";
 
 std::string sentJoin(std::string_view entries, std::string_view upstream = "10.0.0.2") {
   return fmt::format(
-      R"j({{"event":"sent","interface":"eth0","source":"10.0.0.1","upstream":"{}","hold":210,"entries":[{}]}})j",
+      R"j({{"event":"sent","interface":"eth0","source":"10.0.0.1","upstream":"{}","hold":210,)j"
+      R"j("entries":[{}]}})j",
       upstream, entries);
 }
 std::string entry(std::string_view kind, std::string_view route) {
