@@ -13,6 +13,7 @@
 #include "jpagent/common/Output.h"
 #include "jpagent/live/LiveRun.h"
 #include "jpagent/live/LiveWords.h"
+#include "jpagent/live/Performance.h"
 #include "jpagent/live/Tell.h"
 #include "jpagent/replay/ReplayRun.h"
 #include "jpagent/simulate/Conversation.h"
@@ -267,7 +268,7 @@ int perform(CommandLine const& line) {
     writeSample(line.file);
     return allFine;
   }
-  if (*line.simulate) return runSimulate(line.file, line.simulateOptions);
+  if (*line.simulate) return runSimulate(line.file, line.simulateOptions, Live::recordings());
   TextReport textReport(std::cout);
   JsonReport jsonReport(std::cout, std::cerr);
   return runReplay(line.file, line.replayOptions, line.json ? static_cast<Report&>(jsonReport) : textReport);

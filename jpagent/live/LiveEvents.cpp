@@ -67,6 +67,7 @@ Event LiveSpeaker::made(std::string_view kind, Json members) const {
 
 void LiveSpeaker::neighborChanged(Speaker::NeighborEvent const& event) {
   using enum Speaker::NeighborEvent::Kind;
+  lookAtWishes();
   std::string const intf = event.intf.name(), neighbor = toText(event.neighbor);
   auto const tellNeighbor = [&](std::string_view kind, std::string_view state) {
     Json members = {{"state", state},

@@ -49,6 +49,7 @@ Json settingsShown(SpeakerInterfaceSettings const& settings) {
 }  // namespace
 
 void LiveSpeaker::show(SpeakerSubject subject) {
+  lookAtWishes();
   Json& result = reply_->event.members["result"];
   switch (subject) {
     case SpeakerSubject::interfaces:

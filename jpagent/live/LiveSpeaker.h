@@ -142,6 +142,9 @@ class LiveSpeaker final : public SpeakerCommands, private Speaker::Sink, private
   /// How many groups wait to be sent for the first time; O(neighbors).
   std::size_t pending() const;
 
+  /// How many routes were looked at as a whole so far, for who bounds what a stranger may cause.
+  U64 routesLookedAt() const { return routesLookedAt_; }
+
   // --- What the configuration and the outside have to say
 
   /// The RPs ("239.0.0.0/8=10.0.0.9") and the groups whose entries are neither taken nor sent, in place of
@@ -226,6 +229,8 @@ class LiveSpeaker final : public SpeakerCommands, private Speaker::Sink, private
   void tell(std::string_view kind, Json members) { outside_.event(made(kind, std::move(members))); }
   std::string timeText() const;
   void record(std::string_view input) const;
+  // At all that is wanted.
+  void lookAtWishes() { routesLookedAt_ += speaker_->upstream().count(); }
 
   LiveOutside& outside_;
   LiveSettings const settings_;
@@ -241,6 +246,7 @@ class LiveSpeaker final : public SpeakerCommands, private Speaker::Sink, private
   Seconds goodbyesDue_ = Vel::never;
   std::optional<Seconds> quitBy_;
   bool hasEnded_ = false;
+  U64 routesLookedAt_ = 0;
   Reply* reply_ = nullptr;  // of the command that is performed
 
   Vel::Ptr<Zanth::TimerWheel> const wheel_;

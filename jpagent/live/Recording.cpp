@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "jpagent/simulate/Words.h"
+
 namespace Routing::Pim::Jpagent::Live {
 
 namespace {
@@ -44,6 +46,17 @@ std::string resultInput(SendResult const& result, Seconds now) {
   auto text = fmt::format("sent {} {}", sentNames[static_cast<std::size_t>(result.sent)], now);
   if (result.sent == Speaker::Sent::failed) text += ' ' + hexOf(result.reason);
   return text;
+}
+
+bool isRecording(std::string_view text) {
+  while (!text.empty()) {
+    auto const end = std::min(text.find('\n'), text.size());
+    auto const line = trimmed(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+    if (line.empty() || line.front() == '#') continue;
+    return line == "live" || line.starts_with("live ");
+  }
+  return false;
 }
 
 std::string hexOf(std::span<U8 const> bytes) {

@@ -1,5 +1,5 @@
 // Recordings of `jpagent run`: the inputs of a LiveSpeaker as a conversation, which `jpagent simulate`
-// performs.
+// performs (see Performance.h).
 //
 //     # Recorded by jpagent run.
 //     live seed 7 hash 9 random 1 clock 100.25 time 1795413600000000 json
@@ -16,13 +16,11 @@
 // not write what it had still to write. Under a rule (`simulate --rewrite`) it is kept.
 #pragma once
 
-#include <iosfwd>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "jpagent/live/LiveSpeaker.h"
-#include "jpagent/simulate/Conversation.h"
 
 namespace Routing::Pim::Jpagent::Live {
 
@@ -45,13 +43,5 @@ std::string hexOf(std::string_view text);
 
 /// Whether a conversation is a recording: its first command is `live`.
 bool isRecording(std::string_view text);
-
-/// Performs a recording: what `jpagent run` printed comes out. Seeds the process, so REQUIRES that no hash
-/// table has an element yet. Each packet is also given to `alsoTo`, if there is one. What cannot be done
-/// throws ConversationError with its line.
-void performRecording(Conversation const& recording, std::ostream& out, LiveOutside* alsoTo = nullptr);
-
-/// The table of what a recording's lines are, for Conversation.
-OwnForms recordedForms();
 
 }  // namespace Routing::Pim::Jpagent::Live

@@ -42,7 +42,7 @@ class Lines {
 
 }  // namespace
 
-Conversation::Conversation(std::string_view text, OwnForms own)
+Conversation::Conversation(std::string_view text, OwnForms own, Subject subject)
     : text_(std::make_shared<std::string const>(text)) {
   Lines lines(*text_);
   std::string_view line;
@@ -51,7 +51,6 @@ Conversation::Conversation(std::string_view text, OwnForms own)
   }
   story_ = trimmed(line.substr(1));
   U32 routes = 0;
-  Subject subject = Subject::engine;
   for (U32 at = 2; !hasRule() && lines.next(line); ++at) {
     line = trimmed(line);
     if (isRule(line)) {
@@ -74,6 +73,10 @@ Conversation::Conversation(std::string_view text, OwnForms own)
 }
 
 Conversation Conversation::fromFile(std::string const& path, OwnForms own) {
+  return Conversation(textOf(path), own);
+}
+
+std::string Conversation::textOf(std::string const& path) {
   std::string text;
   errno = 0;
   try {
@@ -84,7 +87,7 @@ Conversation Conversation::fromFile(std::string const& path, OwnForms own) {
   } catch (std::ios_base::failure const&) {  // a folder is refused only when it is read
     throw ConversationError(0, errno == 0 ? "cannot be read" : std::generic_category().message(errno));
   }
-  return Conversation(text, own);
+  return text;
 }
 
 std::string Conversation::difference(std::string_view name, std::string_view output) const {

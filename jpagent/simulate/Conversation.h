@@ -43,8 +43,10 @@ class Conversation {
   };
 
   /// Throws ConversationError.
-  explicit Conversation(std::string_view text, OwnForms own = {});
+  explicit Conversation(std::string_view text, OwnForms own = {}, Subject subject = Subject::engine);
   static Conversation fromFile(std::string const& path, OwnForms own = {});
+  /// What is in a file.
+  static std::string textOf(std::string const& path);
 
   /// The first line, without the sign of a comment.
   std::string const& story() const { return story_; }

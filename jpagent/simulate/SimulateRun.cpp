@@ -15,7 +15,7 @@
 
 namespace Routing::Pim::Jpagent {
 
-int runSimulate(std::string const& file, SimulateOptions const& options) {
+int runSimulate(std::string const& file, SimulateOptions const& options, OtherConversations const& others) {
   std::vector<NamedFile> files = {{"the conversation", file}};
   if (!options.pcapFile.empty()) files.push_back({"--pcap", options.pcapFile});
   if (!options.scrivoFile.empty()) files.push_back({"--scrivo", options.scrivoFile});
@@ -23,18 +23,29 @@ int runSimulate(std::string const& file, SimulateOptions const& options) {
   std::ostringstream output;
   bool const toFile = options.check || options.rewrite;
   try {
-    auto const conversation = Conversation::fromFile(file);
+    auto text = Conversation::textOf(file);
+    bool const isOther = others.areThese != nullptr && others.areThese(text);
+    // What a process writes until it is killed may end in the middle of a line.
+    if (isOther) text.resize(text.rfind('\n') + 1);
+    auto const conversation = isOther ? Conversation(text, others.forms, Subject::own) : Conversation(text);
     if (options.check && !conversation.hasRule())
       throw ConversationError(0, "expected a rule (----) and under it what is to come out");
     std::optional<FileOutput> rewritten;
     if (options.rewrite) rewritten.emplace(file, Scrivo::OutputFile::Use::file);
     ScrivoRecording const scrivo(options.scrivoFile);
     Simulation const* clock = nullptr;
-    auto const microseconds = [&clock] { return static_cast<U64>(std::llround(clock->now() * 1e6)); };
+    U64 microseconds = 0;
     std::optional<PcapPackets> packets;
-    if (!options.pcapFile.empty()) packets.emplace(options.pcapFile, microseconds);
-    {
-      Simulation simulation(toFile ? output : std::cout, packets ? &*packets : nullptr);
+    if (!options.pcapFile.empty()) {
+      packets.emplace(options.pcapFile, [&clock, &microseconds] {
+        return clock != nullptr ? static_cast<U64>(std::llround(clock->now() * 1e6)) : microseconds;
+      });
+    }
+    std::ostream& out = toFile ? output : std::cout;
+    if (isOther) {
+      others.perform(conversation, out, packets ? &*packets : nullptr, microseconds);
+    } else {
+      Simulation simulation(out, packets ? &*packets : nullptr);
       clock = &simulation;
       simulate(conversation, simulation);
     }
