@@ -29,6 +29,8 @@ namespace Routing::Pim::Jpagent::Live {
 
 namespace {
 
+constexpr char dropCounter[] = "dropped_by_kernel";
+
 constexpr Seconds quitPatience = 4;    // for prunes and goodbyes, which take 2 s at most
 constexpr Seconds outputPatience = 2;  // for readers of outputs at the end
 
@@ -121,6 +123,7 @@ LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration
   }
   traceLevelsAre(options_.traceLevels);
   speaker_.emplace(monotonicSeconds(), static_cast<LiveOutside&>(*this), std::move(settings));
+  speaker_->counterIs(dropCounter, 0);
   for (auto const& name : options_.interfaces) {
     interfaces_.add(name);
     speaker_->interfaceGiven(name);
@@ -266,8 +269,7 @@ std::optional<Reply> LiveRun::reply(ControlClient* client, std::string_view line
     reply->event.members.erase("result");
     return reply;
   }
-  if (line.starts_with("show ") && interfaces_.dropped() != dropped_)
-    speaker.counterIs("packets dropped by the kernel", dropped_ = interfaces_.dropped());
+  if (interfaces_.dropped() != dropped_) speaker.counterIs(dropCounter, dropped_ = interfaces_.dropped());
   return speaker.command(line, asker);
 }
 

@@ -1,9 +1,9 @@
 // Network namespaces with cables between them, and agents that run there.
 //
 //     Lab lab({"one", "two"});
-//     lab.cable("one", "a", "two", "b");                       // up, without addresses
-//     lab.in("one", "ip address add 10.0.0.1/24 dev a");
-//     Agent agent(lab, "one", {"a"});
+//     lab.cable("one", "va", "two", "vb");                       // up, without addresses
+//     lab.in("one", "ip address add 10.0.0.1/24 dev va");
+//     Agent agent(lab, "one", {"va"});
 //     agent.await({{"event", "neighbor"}, {"state", "up"}});   // at most 10 s
 //     EXPECT_TRUE(agent.ask("show neighbors")["ok"]);
 //     EXPECT_EQ(agent.end(), 0);
@@ -51,7 +51,7 @@ inline void pause(double seconds) { std::this_thread::sleep_for(std::chrono::dur
 /// Why there can be no namespaces here, or nothing.
 inline std::string const& noNamespaces() {
   static std::string const reason = [] {
-    auto const tried = shell("unshare --user --map-root-user --net ip link add a type veth peer name b");
+    auto const tried = shell("unshare --user --map-root-user --net ip link add one type veth peer name two");
     return tried.status == 0 ? std::string() : "no network namespaces here: " + tried.output;
   }();
   return reason;
@@ -151,9 +151,11 @@ class Lab {
     EXPECT_EQ(outcome.status, 0) << script << '\n' << outcome.output;
     return outcome;
   }
-  void cable(std::string const& one, std::string const& a, std::string const& two, std::string const& b) const {
+  void cable(std::string const& one, std::string const& a, std::string const& two,
+             std::string const& b) const {
     auto const process = std::to_string(spaces_.at(two)->id());
-    in(one, "ip link add " + a + " type veth peer name " + b + " netns " + process + "\nip link set " + a + " up");
+    in(one,
+       "ip link add " + a + " type veth peer name " + b + " netns " + process + "\nip link set " + a + " up");
     in(two, "ip link set " + b + " up");
   }
 
@@ -196,10 +198,12 @@ class Agent {
   }
   /// The first event, from number `begin` on, that has these members, or null after 10 s.
   Json await(Json const& members, std::size_t begin = 0, double patience = 10) {
+    if (hasMissed_) patience = 0.2;  // the test has failed, and is to end soon
     auto const until = std::chrono::steady_clock::now() + std::chrono::duration<double>(patience);
     for (std::size_t at = begin;; ++at) {
       while (at >= events_.size()) {
         if (std::chrono::steady_clock::now() >= until || isAtEnd_) {
+          hasMissed_ = true;
           ADD_FAILURE() << "no event " << members << " among:\n" << allText();
           return nullptr;
         }
@@ -231,6 +235,8 @@ class Agent {
     while (!isAtEnd_) take(1);
     return process_.wait();
   }
+  /// Everything that it has written.
+  std::string const& text() const { return text_; }
   std::string allText() const {
     std::string text = other_;
     for (auto const& event : events_) text += event.dump() + "\n";
@@ -252,11 +258,10 @@ class Agent {
   }
   void take(double patience) {
     for (auto bytes = process_.read(patience); !bytes.empty(); bytes = process_.read(0)) rest_ += bytes;
-    pollfd end{};
-    (void)end;
     for (auto at = rest_.find('\n'); at != rest_.npos; at = rest_.find('\n')) {
       auto const line = rest_.substr(0, at);
       rest_.erase(0, at + 1);
+      text_ += line + "\n";
       auto event = Json::parse(line, nullptr, false);
       if (event.is_object())
         events_.push_back(std::move(event));
@@ -270,9 +275,9 @@ class Agent {
   }
 
   Process process_;
-  std::string rest_, other_;
+  std::string rest_, other_, text_;
   std::vector<Json> events_;
-  bool isAtEnd_ = false;
+  bool isAtEnd_ = false, hasMissed_ = false;
 };
 
 }  // namespace Routing::Pim::Jpagent::Live
