@@ -1,0 +1,40 @@
+#!/usr/bin/env python3
+"""Whether the README shows what scripts/demo-live prints, but for times and generation IDs: docs/demo.py [--write] JPAGENT
+
+--write has the README show it. Ends with 77, which ctest takes for "skipped", where there can be no network namespaces.
+"""
+import os
+import re
+import subprocess
+import sys
+
+TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+BLOCK = re.compile(r'(?<=<!-- scripts/demo-live -->\n```text\n)[^`]*(?=```\n)')
+TIME = re.compile(r'\d{4}-\d\d-\d\dT[\d:.]+Z')
+
+
+def plain(text):
+    return re.sub(r'generation \d+', 'generation N', TIME.sub('T', text))
+
+
+def main(arguments):
+    write = arguments[:1] == ['--write']
+    printed = subprocess.run([TOP + '/scripts/demo-live', arguments[write]], stdout=subprocess.PIPE, text=True,
+                             check=True, timeout=50).stdout.lstrip('\n')
+    if printed.startswith('left out'):
+        print('skipped: ' + printed)
+        return 77
+    with open(TOP + '/README.md') as file:
+        readme = file.read()
+    shown = BLOCK.findall(readme)
+    if write:
+        # One hour for all, so that the README does not change by the hour in which it is written.
+        printed = re.sub(r'\d{4}-\d\d-\d\dT\d\d:\d\d:', '2026-11-22T06:00:', printed)
+        with open(TOP + '/README.md', 'w') as file:
+            file.write(BLOCK.sub(lambda _: printed, readme))
+    elif [plain(text) for text in shown] != [plain(printed)]:
+        sys.exit('FAILED: the README does not show what is printed:\n' + printed)
+    return 0
+
+
+sys.exit(main(sys.argv[1:]))
