@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""Whether the README shows what scripts/demo-live prints, but for times and generation IDs: docs/demo.py [--write] JPAGENT
+"""Compares the README with what scripts/demo-live prints: docs/demo.py [--write] JPAGENT
 
---write has the README show it. Ends with 77, which ctest takes for "skipped", where there can be no network namespaces.
+Times and generation IDs may differ. --write has the README show what is printed. Ends with 77, which ctest takes
+for "skipped", where there can be no network namespaces.
 """
 import os
 import re
@@ -19,8 +20,8 @@ def plain(text):
 
 def main(arguments):
     write = arguments[:1] == ['--write']
-    printed = subprocess.run([TOP + '/scripts/demo-live', arguments[write]], stdout=subprocess.PIPE, text=True,
-                             check=True, timeout=50).stdout.lstrip('\n')
+    program = [TOP + '/scripts/demo-live', arguments[write]]
+    printed = subprocess.run(program, stdout=subprocess.PIPE, text=True, check=True, timeout=50).stdout.lstrip('\n')
     if printed.startswith('left out'):
         print('skipped: ' + printed)
         return 77

@@ -1,13 +1,16 @@
 #!/usr/bin/env python3
 """Performs a task of a page on jpagent run: docs/live_tasks.py JPAGENT PAGE TASK
 
-TASK is the text of a heading "## TASK". Its blocks are performed in their order, in network namespaces with a LAN:
-  ```sh       commands for a shell. One that begins with "sudo jpagent run" keeps the terminal: what follows is typed there
-  ```jpagent  lines that are typed there, each with a good reply
+TASK is the text of a heading "## TASK". Its blocks are performed in order, in network namespaces with a LAN:
+  ```sh       commands for a shell. One that begins with "sudo jpagent run" keeps the terminal
+  ```jpagent  lines that are typed in that terminal
   ```python   the whole of examples/live_client.py, which lies in the folder where the commands are performed
-  ```text     what is printed then, in this order, perhaps with other lines between: there, or by the block before
-Routers of the LAN are jpagents too: <!-- lan: 10.0.0.2 10.0.0.3 --> says which there are (10.0.0.2 if nothing is said),
-<!-- 10.0.0.2: LINE --> is typed there, <!-- 10.0.0.2 says 3 times: TEXT --> and "once" wait until it is printed there, so many times in all.
+  ```text     what the block before has printed, or the terminal prints, perhaps with other lines between
+Routers of the LAN are jpagents too. Comments of the page say what they do:
+  <!-- lan: 10.0.0.2 10.0.0.3 -->           which there are; 10.0.0.2 if nothing is said
+  <!-- 10.0.0.2: LINE -->                   is typed there
+  <!-- 10.0.0.2 says once: TEXT -->         waits until it is printed there
+  <!-- 10.0.0.2 says 3 times: TEXT -->      waits until it has been printed there so many times
 sudo, systemctl and journalctl are stand-ins, and files below /etc, /run and /usr are in a folder of the test.
 Ends with 77, which ctest takes for "skipped", where there can be no network namespaces.
 """
@@ -22,8 +25,8 @@ import time
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 CLIENT = os.path.join(TOP, 'examples/live_client.py')
 PATIENCE = 20  # s
-STEP = re.compile(r'^<!-- (?P<place>[\w.]+)(?: says (?P<times>[\d,]+ times|once))?: (?P<text>[^\n]*) -->$|^```(?P<kind>\w*)\n(?P<block>.*?)^```$',
-                  re.S | re.M)
+STEP = re.compile(r'^<!-- (?P<place>[\w.]+)(?: says (?P<times>[\d,]+ times|once))?: (?P<text>[^\n]*) -->$|'
+                  r'^```(?P<kind>\w*)\n(?P<block>.*?)^```$', re.S | re.M)
 # What is another one each time.
 VARYING = [(re.compile(pattern), r'\1') for pattern in (
     r'\d{4}-\d\d-\d\dT[\d:.]+Z()', r'(generation"?[ :])\d+', r'(expires"?[ :])[\d.]+', r'(next"?[ :])[\d.]+')]
@@ -33,7 +36,10 @@ STAND_INS = {
     # Starts the program of the unit, and waits until it says that it is ready.
     'systemctl': r'''
 unit=$ROOT/jpagent.service
-call() { sed -n "s#^$1=##p" "$unit" | sed "s#/etc/#$ROOT/etc/#; s#/run/#$ROOT/run/#; s#\$MAINPID#$(cat "$ROOT/main" 2>/dev/null)#"; }
+call() {
+  sed -n "s#^$1=##p" "$unit" |
+    sed "s#/etc/#$ROOT/etc/#; s#/run/#$ROOT/run/#; s#\$MAINPID#$(cat "$ROOT/main" 2>/dev/null)#"
+}
 case "$*" in
   "enable --now jpagent")
     mkdir -p "$ROOT/run/$(call RuntimeDirectory)" && mkfifo "$ROOT/started"
@@ -46,7 +52,9 @@ while b"READY=1" not in said.recv(4096).split(b"\n"): pass' & waiting=$!
     NOTIFY_SOCKET=$ROOT/notify setsid $(call ExecStart) </dev/null >"$ROOT/journal" 2>&1 & echo $! >"$ROOT/main"
     wait $waiting ;;
   "reload jpagent") $(call ExecReload) ;;
-  "stop jpagent") kill $(cat "$ROOT/main"); while kill -0 $(cat "$ROOT/main") 2>/dev/null; do sleep 0.1; done ;;
+  "stop jpagent")
+    kill $(cat "$ROOT/main")
+    while kill -0 $(cat "$ROOT/main") 2>/dev/null; do sleep 0.1; done ;;
   *) echo "systemctl stand-in: $*?" >&2; exit 1 ;;
 esac''',
     'journalctl': 'test "$*" = "-u jpagent" && cat "$ROOT/journal"',
@@ -64,7 +72,8 @@ class Failed(Exception):
 
 
 def missing(text, lines):
-    return '"%s" is not printed. What is printed last:\n%s' % (text, '\n'.join(line[:200] for line in lines[-30:]))
+    last = '\n'.join(line[:200] for line in lines[-30:])
+    return '"%s" is not printed. What is printed last:\n%s' % (text, last)
 
 
 class Terminal:
@@ -73,7 +82,8 @@ class Terminal:
     def __init__(self, words, path, **options):
         self.path, self.seen = path, 0
         with open(path, 'w') as output:
-            self.process = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=output, stderr=subprocess.STDOUT, **options)
+            self.process = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=output,
+                                            stderr=subprocess.STDOUT, **options)
 
     def lines(self):
         with open(self.path) as file:
@@ -133,8 +143,8 @@ class Task:
     def shell(self, script):
         for place in ('/etc/jpagent', '/run/jpagent', '/usr/share/PimJoinPrune'):
             script = script.replace(place, self.root + place)
-        run = subprocess.run(['bash', '-e', '-c', script], cwd=self.work, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                             text=True, timeout=60)
+        run = subprocess.run(['bash', '-e', '-c', script], cwd=self.work, stdout=subprocess.PIPE,
+                             stderr=subprocess.STDOUT, text=True, timeout=60)
         if run.returncode != 0:
             raise Failed('%s\nends with %d:\n%s' % (script, run.returncode, run.stdout))
         return run.stdout.split('\n')[:-1]
@@ -153,7 +163,8 @@ class Task:
         with open(path, 'w') as file:
             file.write(CONFIGURATION)
         for address in listed[0] if listed else ['10.0.0.2']:
-            holder = subprocess.Popen(['unshare', '--net', 'sh', '-c', 'echo; exec sleep 600'], stdout=subprocess.PIPE)
+            holder = subprocess.Popen(['unshare', '--net', 'sh', '-c', 'echo; exec sleep 600'],
+                                      stdout=subprocess.PIPE)
             self.holders.append(holder)
             holder.stdout.readline()
             there = 'nsenter --target %d --net ' % holder.pid
@@ -163,7 +174,8 @@ class Task:
               ip link set port%s up master lan
               %sip address add %s/24 dev eth0
               %sip link set eth0 up''' % (there, address, holder.pid, address, there, address, there))
-            router = Terminal(there.split() + ['jpagent', 'run', '--config', path], os.path.join(self.root, address))
+            router = Terminal(there.split() + ['jpagent', 'run', '--config', path],
+                              os.path.join(self.root, address))
             router.awaits('interface up', whole=False)
             self.routers[address] = router
 
@@ -177,9 +189,10 @@ class Task:
                 self.routers[step['place']].type(step['text'])
             elif kind == 'sh' and block.startswith('sudo jpagent run'):
                 self.endTerminal()
-                # A list of words and perhaps a file for the output, so that there is no shell between.
+                # The shell is there for a file that the output goes to, and becomes jpagent.
                 words = ['bash', '-c', 'exec ' + block.strip()]
-                self.terminal, self.output = Terminal(words, os.path.join(self.root, 'terminal'), cwd=self.work), None
+                self.terminal = Terminal(words, os.path.join(self.root, 'terminal'), cwd=self.work)
+                self.output = None
             elif kind == 'sh':
                 self.output = self.shell(block)
             elif kind == 'jpagent':
