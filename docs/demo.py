@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Compares the README with what scripts/demo-live prints: docs/demo.py [--write] JPAGENT
 
-Times and generation IDs may differ. --write has the README show what is printed. Ends with 77, which ctest takes
-for "skipped", where there can be no network namespaces.
+Times and generation IDs may differ. --write has the README show what is printed. Ends with 77, which ctest
+takes for "skipped", where there can be no network namespaces.
 """
 import os
 import re
@@ -21,7 +21,8 @@ def plain(text):
 def main(arguments):
     write = arguments[:1] == ['--write']
     program = [TOP + '/scripts/demo-live', arguments[write]]
-    printed = subprocess.run(program, stdout=subprocess.PIPE, text=True, check=True, timeout=50).stdout.lstrip('\n')
+    run = subprocess.run(program, stdout=subprocess.PIPE, text=True, check=True, timeout=50)
+    printed = run.stdout.lstrip('\n')
     if printed.startswith('left out'):
         print('skipped: ' + printed)
         return 77

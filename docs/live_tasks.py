@@ -49,7 +49,8 @@ said.bind(os.environ["ROOT"] + "/notify")
 open(os.environ["ROOT"] + "/started", "w").close()
 while b"READY=1" not in said.recv(4096).split(b"\n"): pass' & waiting=$!
     cat "$ROOT/started"
-    NOTIFY_SOCKET=$ROOT/notify setsid $(call ExecStart) </dev/null >"$ROOT/journal" 2>&1 & echo $! >"$ROOT/main"
+    NOTIFY_SOCKET=$ROOT/notify setsid $(call ExecStart) </dev/null >"$ROOT/journal" 2>&1 &
+    echo $! >"$ROOT/main"
     wait $waiting ;;
   "reload jpagent") $(call ExecReload) ;;
   "stop jpagent")
