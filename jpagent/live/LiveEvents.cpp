@@ -136,10 +136,11 @@ void LiveSpeaker::joinPruneSent(Speaker::OutgoingPacket const& packet) {
 void LiveSpeaker::packetUndelivered(Speaker::UndeliveredPacket const& packet) {
   using enum Speaker::Verdict;
   if (packet.verdict == otherType) return;  // counted
-  auto const source = toText(packet.packet.source);
+  auto const& from = packet.packet.source;
+  Json const source = from == IpGenAddr() ? Json(nullptr) : Json(toText(from));  // not even an IP header
   if (packet.verdict == ownPacket) {
     Json members = {
-        {"what", fmt::format("a packet on {} from {}", packet.packet.intf, source)},
+        {"what", fmt::format("a packet on {} from {}", packet.packet.intf, toText(from))},
         {"reason", "the address is this router's own: another daemon, or an address that is there twice"}};
     leftOutIs(members, packet.leftOut);
     return tell("warning", std::move(members));

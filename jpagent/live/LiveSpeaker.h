@@ -14,7 +14,7 @@
 //   LiveSpeaker.h     its inputs; what the kernel says of interfaces, sending, the quitting (LiveSpeaker.cpp)
 //   LiveCommands.cpp  what commands do
 //   LiveEvents.cpp    what the speaker tells, as events
-//   LiveShow.cpp      what `show` shows
+//   LiveShow.cpp      what `show` shows; LiveCounters.cpp the counters
 //   LiveWords.h       the table of commands
 //   Event.h           one event as JSON or as text
 //   Recording.h       the lines of a recording, and its performance
@@ -160,6 +160,7 @@ class LiveSpeaker final : public SpeakerCommands, private Speaker::Sink, private
  private:
   friend struct LiveForms;
   class Denied;
+  struct Counter;
 
   // What the events have told of a family of an interface that is up.
   struct Told {
@@ -216,6 +217,7 @@ class LiveSpeaker final : public SpeakerCommands, private Speaker::Sink, private
   // The other commands, and what `show` shows.
   void perform(std::string_view line);
   Reply reply(std::string_view line, std::string_view error);
+  std::vector<Counter> counters() const;
   void showPrometheus();
   Json interfacesShown() const;
   Json neighborsShown() const;
