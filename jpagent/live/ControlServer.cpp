@@ -1,5 +1,6 @@
 #include "jpagent/live/ControlServer.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "jpagent/live/Tell.h"
 
@@ -73,6 +75,7 @@ ControlServer::ControlServer(uv_loop_t& loop, std::string path, bool json, Comma
     : loop_(loop), path_(std::move(path)), json_(json), command_(std::move(command)) {
   try {
     listenAt();
+    spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
     watch_.emplace(loop_, descriptor_, [this](int) { accept(); });
   } catch (...) {
     if (descriptor_ >= 0) close(descriptor_);
@@ -86,6 +89,7 @@ ControlServer::~ControlServer() {
   clients_.clear();
   watch_.reset();
   close(descriptor_);
+  close(spare_);
   struct stat status;
   if (lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_)
     unlink(path_.c_str());
@@ -128,9 +132,16 @@ void ControlServer::removeStale() {
 }
 
 void ControlServer::accept() {
-  int const descriptor = accept4(descriptor_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-  if (descriptor < 0) return;
-  clients_.emplace_back(*this, descriptor, json_);
+  int descriptor = accept4(descriptor_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (descriptor < 0 && (errno == EMFILE || errno == ENFILE)) {
+    // Who waits would wake the loop again and again.
+    close(spare_);
+    descriptor = accept4(descriptor_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (descriptor >= 0) close(std::exchange(descriptor, -1));
+    spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
+  if (descriptor >= 0 && clients_.size() >= mostClients) close(std::exchange(descriptor, -1));
+  if (descriptor >= 0) clients_.emplace_back(*this, descriptor, json_);
 }
 
 void ControlServer::tell(std::function<std::string_view(bool)> const& text) {

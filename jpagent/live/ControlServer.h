@@ -60,6 +60,9 @@ class ControlClient {
 /// The socket, with mode 0600.
 class ControlServer {
  public:
+  /// More are closed at once.
+  static constexpr std::size_t mostClients = 100;
+
   /// `isWhole` is false for the beginning of a line that is too long or has no end.
   using Command = std::function<void(ControlClient& client, std::string_view line, bool isWhole)>;
 
@@ -90,6 +93,7 @@ class ControlServer {
   bool const json_;
   Command const command_;
   int descriptor_ = -1;
+  int spare_ = -1;  // given up for a moment if no other descriptor is left
   dev_t device_ = 0;
   ino_t inode_ = 0;
   std::optional<Watch> watch_;

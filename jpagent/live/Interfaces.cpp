@@ -33,7 +33,11 @@ Interfaces::Socket::Socket(Loop& loop, KernelLink const& link, AddressFamily fam
 
 Interfaces::Interfaces(Loop& loop, InterfacesOwner& owner)
     : loop_(loop), owner_(owner), watch_(loop.uv(), kernel_.descriptor(), [this](int) {
-        kernel_.receive();
+        try {
+          kernel_.receive();
+        } catch (std::system_error const& e) {
+          owner_.onSocketFailed("netlink", e.what());  // what is known stays
+        }
         compareAll();
       }) {}
 

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <iostream>
@@ -19,10 +18,9 @@
 #include "jpagent/live/Configuration.h"
 #include "jpagent/live/ControlServer.h"
 #include "jpagent/live/Interfaces.h"
-#include "jpagent/live/LiveOutput.h"
+#include "jpagent/live/LiveOutputs.h"
 #include "jpagent/live/LiveSpeaker.h"
 #include "jpagent/live/Notify.h"
-#include "runtime/scrivo/TraceFile.h"
 #include "runtime/vel/Trace.h"
 
 namespace Routing::Pim::Jpagent::Live {
@@ -31,13 +29,7 @@ namespace {
 
 constexpr char dropCounter[] = "dropped_by_kernel";
 
-constexpr Seconds quitPatience = 4;    // for prunes and goodbyes, which take 2 s at most
-constexpr Seconds outputPatience = 2;  // for readers of outputs at the end
-
-U64 wallMicroseconds() {
-  auto const sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<U64>(std::chrono::duration_cast<std::chrono::microseconds>(sinceEpoch).count());
-}
+constexpr Seconds quitPatience = 4;  // for prunes and goodbyes, which take 2 s at most
 
 template <class Number>
 Number randomNumber() {
@@ -56,7 +48,6 @@ void traceLevelsAre(std::vector<U32> const& levels) {
 class LiveRun final : private LiveOutside, private InterfacesOwner {
  public:
   LiveRun(RunOptions const& options, LiveSettings settings, Configuration configuration);
-  ~LiveRun() override;
 
   int run();
 
@@ -72,9 +63,7 @@ class LiveRun final : private LiveOutside, private InterfacesOwner {
   void onSocketFailed(std::string const& name, std::string const& reason) override;
 
   LiveSpeaker& speakerNow();
-  void openOutputs(bool again);
   void openControl(std::string const& path);
-  void capture(Speaker::Incoming const& packet, std::span<U8 const> message);
   std::string textOfEvent(Event const& event, bool json) const;
   void readInput();
   void command(ControlClient* client, std::string_view line, bool isWhole);
@@ -89,8 +78,7 @@ class LiveRun final : private LiveOutside, private InterfacesOwner {
   bool const json_;
   Configuration configuration_;
   Loop loop_;
-  LiveOutput stdout_;
-  std::optional<LiveFile> pcap_, record_;
+  std::optional<LiveOutputs> outputs_;
   Interfaces interfaces_;
   std::optional<LiveSpeaker> speaker_;
   std::optional<ControlServer> server_;
@@ -99,28 +87,19 @@ class LiveRun final : private LiveOutside, private InterfacesOwner {
   std::optional<SignalWatch> onInterrupt_, onTerminate_, onHangup_;
   std::optional<Ticker> watchdog_;
   std::optional<Seconds> quitBy_;
-  U64 dropped_ = 0;  // as it was told last
-  bool hasFailed_ = false;
+  U64 dropped_ = 0;         // as it was told last
+  bool hasFailed_ = false;  // an output, when it was opened again
 };
 
 // --- The beginning -------------------------------------------------------------------------------
 
 LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration configuration)
-    : options_(options),
-      json_(options.json),
-      loop_([this] { beforeWaiting(); }),
-      stdout_(loop_, "standard output", STDOUT_FILENO),
-      interfaces_(loop_, *this) {
+    : options_(options), json_(options.json), loop_([this] { beforeWaiting(); }), interfaces_(loop_, *this) {
   settings.json = json_;
   // First what another process may have: its files must not be replaced.
   openControl(options_.control.empty() ? configuration.control : options_.control);
-  openOutputs(false);
-  if (record_) {
-    settings.record = [this](std::string_view line) {
-      record_->output().add(std::string(line) + '\n');
-      record_->output().flush();
-    };
-  }
+  outputs_.emplace(loop_, options_);
+  if (outputs_->isRecording()) settings.record = [this](std::string_view line) { outputs_->record(line); };
   traceLevelsAre(options_.traceLevels);
   speaker_.emplace(monotonicSeconds(), static_cast<LiveOutside&>(*this), std::move(settings));
   speaker_->counterIs(dropCounter, 0);
@@ -141,24 +120,9 @@ LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration
     watchdog_.emplace(loop_.uv(), *period, [] { notifySystemd("WATCHDOG=1"); });
 }
 
-LiveRun::~LiveRun() { Scrivo::TraceFile::close(); }
-
 LiveSpeaker& LiveRun::speakerNow() {
   speaker_->nowIs(monotonicSeconds());
   return *speaker_;
-}
-
-// A recording is not opened again: the beginning would be missing.
-void LiveRun::openOutputs(bool again) {
-  if (!options_.recordFile.empty() && !again) record_.emplace(loop_, options_.recordFile, "");
-  if (!options_.pcapFile.empty()) {
-    if (pcap_) pcap_->close(0);
-    pcap_.emplace(loop_, options_.pcapFile, captureHeader());
-  }
-  if (!options_.scrivoFile.empty()) {
-    traceFileIs(options_.scrivoFile);
-    Scrivo::TraceFile::open(options_.scrivoFile);
-  }
 }
 
 void LiveRun::openControl(std::string const& path) {
@@ -175,28 +139,16 @@ int LiveRun::run() {
   loop_.run();
   notifySystemd("STOPPING=1");
   server_.reset();
-  for (auto* const file : {&pcap_, &record_})
-    if (*file && !(*file)->close(outputPatience)) hasFailed_ = true;
-  if (!stdout_.finish(outputPatience)) hasFailed_ = true;
-  for (auto* const output :
-       {&stdout_, pcap_ ? &pcap_->output() : nullptr, record_ ? &record_->output() : nullptr})
-    if (output && output->hasFailed())
-      if (auto const reason = output->takeFailure(); !reason.empty())
-        cannot(fmt::format("{}: {}", output->name(), reason));
-  return hasFailed_ ? cannotDo : allFine;
+  return outputs_->finish() && !hasFailed_ ? allFine : cannotDo;
 }
 
 // --- Packets, events, interfaces -----------------------------------------------------------------
-
-void LiveRun::capture(Speaker::Incoming const& packet, std::span<U8 const> message) {
-  if (pcap_) pcap_->output().add(capturedPacket(wallMicroseconds(), packet, message));
-}
 
 SendResult LiveRun::send(Speaker::Outgoing const& packet) {
   int const error = interfaces_.send(packet);
   SendResult result{.sent = Speaker::Sent::done, .now = monotonicSeconds(), .reason = {}};
   if (error == 0) {
-    capture(
+    outputs_->capture(
         {.intf = packet.intf.name(), .source = packet.source, .destination = packet.destination, .ttl = 1},
         packet.bytes);
   } else if (error == EAGAIN || error == ENOBUFS || error == ENOMEM || error == EINTR) {
@@ -213,7 +165,10 @@ std::string LiveRun::textOfEvent(Event const& event, bool json) const {
 }
 
 void LiveRun::event(Event const& event) {
-  stdout_.add(textOfEvent(event, json_));
+  outputs_->print(textOfEvent(event, json_));
+  auto const kind = event.members.value("event", "");
+  if (kind == "error" || kind == "warning")
+    outputs_->log(kind == "error" ? LiveOutputs::error : LiveOutputs::warning, textOf(event));
   if (!server_) return;
   std::optional<std::string> texts[2];
   server_->tell([&](bool json) -> std::string_view {
@@ -233,7 +188,7 @@ void LiveRun::onInterface(KernelLink const& link) {
 void LiveRun::onInterfaceGone(std::string const& name) { speakerNow().kernelInterfaceDel(name); }
 
 void LiveRun::onPacket(Speaker::Incoming const& packet, std::span<U8 const> message) {
-  capture(packet, message);
+  outputs_->capture(packet, message);
   speakerNow().receive(packet, message);
 }
 
@@ -278,7 +233,7 @@ void LiveRun::command(ControlClient* client, std::string_view line, bool isWhole
   if (!answer) return;
   if (answer->traceLevels) traceLevelsAre(*answer->traceLevels);
   auto const text = textOfEvent(answer->event, client ? client->json : json_);
-  if (!client) return stdout_.add(text);
+  if (!client) return outputs_->print(text);
   client->write(text);
   if (answer->events) client->wantsEvents = *answer->events;
 }
@@ -316,7 +271,7 @@ void LiveRun::configure(Configuration const& next) {
 void LiveRun::reload() {
   notifySystemd(fmt::format("RELOADING=1\nMONOTONIC_USEC={}", uv_hrtime() / 1000));
   try {
-    openOutputs(true);
+    outputs_->reopen();
   } catch (std::exception const& e) {
     speakerNow().error("output", e.what());
     hasFailed_ = true;
@@ -340,23 +295,17 @@ void LiveRun::reload() {
 void LiveRun::quit() { speakerNow().quit(speaker_->isQuitting()); }
 
 void LiveRun::reportFailures() {
-  for (auto* const output :
-       {&stdout_, pcap_ ? &pcap_->output() : nullptr, record_ ? &record_->output() : nullptr}) {
-    if (!output) continue;
-    auto const reason = output->takeFailure();
-    if (reason.empty()) continue;
-    hasFailed_ = true;
-    speakerNow().error(output->name(), reason);
-    cannot(fmt::format("{}: {}", output->name(), reason));
-  }
+  outputs_->takeFailures([this](std::string const& name, std::string const& reason) {
+    speakerNow().error(name, reason);
+    cannot(fmt::format("{}: {}", name, reason));
+  });
 }
 
 void LiveRun::beforeWaiting() {
   auto& speaker = speakerNow();
   if (speaker.timeMin() <= speaker.now()) speaker.expire();
   for (int round = 0; round < 2; ++round) {  // what a failure gives rise to is written at once, too
-    stdout_.flush();
-    if (pcap_) pcap_->output().flush();
+    outputs_->flush();
     reportFailures();
   }
   if (server_) server_->flush();
@@ -382,7 +331,7 @@ int runLive(RunOptions const& options) {
   LiveSettings settings;
   settings.seed = randomNumber<U64>();
   settings.hashSeed = randomNumber<U64>();
-  settings.randomSeed = static_cast<long>(randomNumber<U32>());
+  settings.randomSeed = static_cast<long>(randomNumber<U32>() >> 1);  // srand48() has no more bits
   settings.microseconds = static_cast<std::int64_t>(wallMicroseconds());
   seedProcess(settings);
   for (auto const& name : options.interfaces)

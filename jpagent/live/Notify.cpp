@@ -1,5 +1,6 @@
 #include "jpagent/live/Notify.h"
 
+#include <fmt/format.h>
 #include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -7,28 +8,45 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <system_error>
 
 #include "runtime/vel/Text.h"
 
 namespace Routing::Pim::Jpagent::Live {
 
-void notifySystemd(std::string_view state) {
-  char const* const path = std::getenv("NOTIFY_SOCKET");
+namespace {
+
+// A name that begins with @ is an abstract one.
+bool sendDatagram(std::string_view path, std::string_view text) {
   sockaddr_un address{};
-  if (!path || std::strlen(path) < 2 || std::strlen(path) >= sizeof address.sun_path) return;
+  if (path.size() < 2 || path.size() >= sizeof address.sun_path) return false;
   address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path, std::strlen(path));
-  if (address.sun_path[0] == '@') address.sun_path[0] = 0;  // an abstract one
+  std::copy(path.begin(), path.end(), address.sun_path);
+  if (address.sun_path[0] == '@') address.sun_path[0] = 0;
   int const descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (descriptor < 0) return;
-  auto const size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(path));
-  sendto(descriptor, state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr const*>(&address),
-         size);
+  if (descriptor < 0) return false;
+  auto const size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+  auto const sent = sendto(descriptor, text.data(), text.size(), MSG_NOSIGNAL,
+                           reinterpret_cast<sockaddr const*>(&address), size);
   close(descriptor);
+  return sent >= 0;
+}
+
+}  // namespace
+
+void notifySystemd(std::string_view state) {
+  if (char const* const path = std::getenv("NOTIFY_SOCKET")) sendDatagram(path, state);
+}
+
+bool writeToJournal(int priority, std::string_view line) {
+  std::string message(line);
+  std::replace(message.begin(), message.end(), '\n', ' ');  // one ends the field
+  return sendDatagram("/run/systemd/journal/socket",
+                      fmt::format("PRIORITY={}\nSYSLOG_IDENTIFIER=jpagent\nMESSAGE={}\n", priority, message));
 }
 
 std::optional<Vel::Seconds> watchdogPeriod() {

@@ -57,8 +57,9 @@ struct QuickAgent : Agent {
 TEST(LiveRunTest, OneJoinsFromTheOtherAndWhatItLeavesIsPruned) {
   REQUIRE_NAMESPACES();
   Cable const lab;
-  QuickAgent one(lab, "one", "va",
-                 {"--pcap", lab.path("pcap"), "--control", lab.path("control"), "--record", lab.path("record")});
+  QuickAgent one(
+      lab, "one", "va",
+      {"--pcap", lab.path("pcap"), "--control", lab.path("control"), "--record", lab.path("record")});
   QuickAgent two(lab, "two", "vb");
   EXPECT_EQ(one.await(interfaceIs("up", "10.0.0.1/24"))["mtu"], 1500);
   EXPECT_EQ(one.await(neighborUp("10.0.0.2"))["hold"], 3);
@@ -411,7 +412,7 @@ TEST(LiveRunTest, ClientsOfTheControlSocketDoNotDisturbOneAnother) {
   EXPECT_TRUE(one.ask("join 10000 routes from (10.9.0.1,239.2.0.0) via 10.0.0.2")["ok"]);
   quiet.say("show upstream\n");
   EXPECT_THAT(quiet.hear("}]}\n"), testing::EndsWith("}]}\n"));
-  EXPECT_GT(quiet.heard.size(), 1u << 20);
+  EXPECT_GT(quiet.heard.size(), 1'000'000u);
   Client deaf(path);
   std::string many;
   for (int i = 0; i < 8; ++i) many += "show upstream\n";
@@ -419,6 +420,8 @@ TEST(LiveRunTest, ClientsOfTheControlSocketDoNotDisturbOneAnother) {
   one.ask("show neighbors");  // by now it has been closed
   EXPECT_THAT(deaf.hear("never").substr(deaf.heard.size()), "<end>");
   EXPECT_LT(deaf.heard.size(), 6u << 20);
+
+  one.ask("leave 10000 routes from (10.9.0.1,239.2.0.0)");
 
   // All the while events are told.
   QuickAgent two(lab, "two", "vb");
@@ -511,6 +514,7 @@ TEST(LiveRunTest, AConfigurationIsCheckedAppliedAndItsDifferenceTakenOver) {
   Agent two(lab, "two", {"--config", file});
   one.await(downstream("joined", "(10.9.0.1,239.1.1.1)"));
   EXPECT_EQ(one.await(downstream("joined", "(*,239.1.1.2)"))["rp"], "10.255.0.1");
+  two.ask("show upstream");  // by now all that was sent has been told
   auto const sent = two.eventCount();
   write("[rp]\n\"239.0.0.0/8\" = \"10.255.0.1\"\n" + settings + second +
         "[[route]]\njoin = \"(10.9.0.3,239.1.1.3)\"\nvia = \"10.0.0.1\"\n");
