@@ -119,7 +119,9 @@ class Terminal:
 
     def end(self):
         self.process.terminate()
-        self.process.wait(PATIENCE)
+        status = self.process.wait(PATIENCE)
+        if status != 0:
+            raise Failed('jpagent run ends with %d' % status)
 
 
 class Task:
@@ -212,9 +214,7 @@ class Task:
         for line in lines:
             self.terminal.type(line)
         if 'quit' in lines:
-            status = self.terminal.process.wait(PATIENCE)
-            if status != 0:
-                raise Failed('jpagent run ends with %d' % status)
+            self.terminal.process.wait(PATIENCE)
 
     def expect(self, lines):
         if self.output is None:
