@@ -1,5 +1,6 @@
 // The check of all events and replies of this program's tests against the schema that is documented.
 #include <fstream>
+#include <map>
 #include <set>
 
 #include "tests/jpagent/Support.h"
@@ -9,9 +10,19 @@ namespace Routing::Pim::Jpagent::Live::Test {
 
 namespace {
 
-std::set<std::string>& schemaLines() {
-  static std::set<std::string> lines;
+// One line of each shape: those that differ in numbers alone have the same.
+std::map<std::string, std::string>& schemaLines() {
+  static std::map<std::string, std::string> lines;
   return lines;
+}
+
+std::string shapeOf(std::string_view line) {
+  std::string shape;
+  for (char const c : line) {
+    bool const isDigit = c >= '0' && c <= '9';
+    if (!isDigit || shape.empty() || shape.back() != '0') shape += isDigit ? '0' : c;
+  }
+  return shape;
 }
 
 // What check_events.py says of these lines.
@@ -30,7 +41,9 @@ class SchemaCheck final : public testing::Environment {
  public:
   void TearDown() override {
     if (schemaLines().empty()) return;
-    auto const outcome = checked(schemaLines());
+    std::set<std::string> events;
+    for (auto const& [shape, line] : schemaLines()) events.insert(line);
+    auto const outcome = checked(events);
     EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
   }
 };
@@ -39,7 +52,7 @@ auto* const schemaCheck = testing::AddGlobalTestEnvironment(new SchemaCheck);
 
 }  // namespace
 
-void schemaLineIs(std::string const& line) { schemaLines().insert(line); }
+void schemaLineIs(std::string const& line) { schemaLines().try_emplace(shapeOf(line), line); }
 
 TEST(EventSchemaTest, TheCheckFindsALineThatIsNotAsTheSchemaSays) {
   std::string const time = R"j({"time":"2026-11-22T06:00:00.000000Z",)j";
