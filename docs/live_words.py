@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Whether the page on jpagent run has each command, event and member: docs/live_words.py JPAGENT PAGE SCHEMA
 
-A row of a table has the name of the event, or of what is shown, in its first cell, and its members in the rest.
+A row of a table has the name of the event, or of what is shown, in its first cell, and its members in others.
 """
 import json
 import re

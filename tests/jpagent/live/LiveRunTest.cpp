@@ -73,6 +73,8 @@ TEST(LiveRunTest, OneJoinsFromTheOtherAndWhatItLeavesIsPruned) {
   one.await(downstream("pruned", "(10.9.0.1,239.1.1.1)"));
   EXPECT_EQ(two.ask("leave (10.9.0.1,239.1.1.1)")["ok"], false);
 
+  EXPECT_THAT(one.ask("show counters").dump(), HasSubstr("dropped_by_kernel"));
+
   // What is joined is pruned before the goodbye.
   EXPECT_EQ(two.end(), 0) << two.allText();
   one.await(downstream("pruned", "(*,239.2.0.5)"));
@@ -136,8 +138,13 @@ TEST(LiveRunTest, Ipv6WaitsForDuplicateAddressDetectionAndThenJoins) {
       up["address"].get<std::string>().substr(0, up["address"].get<std::string>().find('/'));
   EXPECT_TRUE(two.ask("join (2001:db8::1,ff0e::1) via " + upstream + "%vb")["ok"]);
   one.await(downstream("joined", "(2001:db8::1,ff0e::1)"));
-  EXPECT_EQ(two.end(), 0);
+  EXPECT_TRUE(two.ask("leave (2001:db8::1,ff0e::1)")["ok"]);
   one.await(downstream("pruned", "(2001:db8::1,ff0e::1)"));
+  // The goodbye from an address that the kernel has removed.
+  lab.in("one", "ip address del " + up["address"].get<std::string>() + " dev va");
+  EXPECT_EQ(one.await(interfaceIs("down", up["address"]))["goodbye"], true);
+  two.await({{"event", "neighbor"}, {"state", "down"}, {"address", upstream}});
+  EXPECT_EQ(two.end(), 0);
   EXPECT_EQ(one.count({{"event", "refused"}}), 0) << one.allText();
 }
 
@@ -469,6 +476,45 @@ TEST(LiveRunTest, TheEndOfStandardInputIsNoQuitAndALongLineIsAnError) {
   EXPECT_EQ(one.count({{"event", "reply"}}), 3);
   one.await(interfaceIs("up", "10.0.0.1/24"));
   EXPECT_EQ(one.end(), 0);
+}
+
+TEST(LiveRunTest, SystemdIsToldOfReadinessReloadsAndTheEndAndIsAnswered) {
+  REQUIRE_NAMESPACES();
+  Cable const lab;
+  int const notified = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  auto const path = lab.path("notify");
+  std::copy(path.begin(), path.end(), address.sun_path);
+  ASSERT_EQ(bind(notified, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  timeval const patience{10, 0};
+  setsockopt(notified, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  auto const next = [&] {
+    char text[200];
+    auto const size = recv(notified, text, sizeof text, 0);
+    return std::string(text, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+  };
+  auto const nextOther = [&](std::string const& passedOver) {
+    auto text = next();
+    while (text == passedOver) text = next();
+    return text;
+  };
+
+  setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  setenv("WATCHDOG_USEC", "400000", 1);
+  Agent one(lab, "one", {"va", "--pcap", lab.path("pcap"), "--log", "stderr"});
+  unsetenv("NOTIFY_SOCKET");
+  unsetenv("WATCHDOG_USEC");
+  EXPECT_EQ(next(), "READY=1");
+  EXPECT_EQ(next(), "WATCHDOG=1");
+  std::filesystem::rename(lab.path("pcap"), lab.path("pcap.1"));
+  one.process().signal(SIGHUP);
+  EXPECT_THAT(nextOther("WATCHDOG=1"), testing::StartsWith("RELOADING=1\nMONOTONIC_USEC="));
+  EXPECT_EQ(nextOther("WATCHDOG=1"), "READY=1");
+  EXPECT_TRUE(std::filesystem::exists(lab.path("pcap")));  // as after the work of logrotate
+  EXPECT_EQ(one.end(), 0);
+  EXPECT_EQ(nextOther("WATCHDOG=1"), "STOPPING=1");
+  close(notified);
 }
 
 TEST(LiveRunTest, WhatItCannotBeginWithItSays) {
