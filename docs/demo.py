@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """Compares the README with what scripts/demo-live prints: docs/demo.py [--write] JPAGENT
 
+And whether that succeeds, and says why it prints nothing else, where there can be no network namespaces.
+
 Times and generation IDs may differ. --write has the README show what is printed. Ends with 77, which ctest
 takes for "skipped", where there can be no network namespaces.
 """
@@ -8,6 +10,7 @@ import os
 import re
 import subprocess
 import sys
+import tempfile
 
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BLOCK = re.compile(r'(?<=<!-- scripts/demo-live -->\n```text\n)[^`]*(?=```\n)')
@@ -18,11 +21,27 @@ def plain(text):
     return re.sub(r'generation \d+', 'generation N', TIME.sub('T', text))
 
 
+def printed_by(jpagent, **options):
+    run = subprocess.run([TOP + '/scripts/demo-live', jpagent], stdout=subprocess.PIPE, text=True, check=True,
+                         timeout=50, **options)
+    return run.stdout.lstrip('\n')
+
+
+def printed_without_namespaces(jpagent):
+    with tempfile.TemporaryDirectory() as folder:
+        with open(folder + '/unshare', 'w') as file:
+            file.write('#!/bin/sh\necho not permitted >&2\nexit 1\n')
+        os.chmod(folder + '/unshare', 0o755)
+        return printed_by(jpagent, env={**os.environ, 'PATH': folder + ':' + os.environ['PATH']})
+
+
 def main(arguments):
     write = arguments[:1] == ['--write']
-    program = [TOP + '/scripts/demo-live', arguments[write]]
-    run = subprocess.run(program, stdout=subprocess.PIPE, text=True, check=True, timeout=50)
-    printed = run.stdout.lstrip('\n')
+    jpagent = arguments[write]
+    without = printed_without_namespaces(jpagent)
+    if without != 'left out, since there can be no network namespaces here: not permitted\n':
+        sys.exit('FAILED: without network namespaces it prints:\n' + without)
+    printed = printed_by(jpagent)
     if printed.startswith('left out'):
         print('skipped: ' + printed)
         return 77
