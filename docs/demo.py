@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
 """Compares the README with what scripts/demo-live prints: docs/demo.py [--write] JPAGENT
 
-And whether that succeeds, and says why it prints nothing else, where there can be no network namespaces.
-
-Times and generation IDs may differ. --write has the README show what is printed. Ends with 77, which ctest
-takes for "skipped", where there can be no network namespaces.
+Times and generation IDs may differ. --write has the README show what is printed. Where there are no network
+namespaces, scripts/demo-live succeeds and says so, which is looked at everywhere; the rest then ends with 77,
+which ctest takes for "skipped".
 """
 import os
 import re
