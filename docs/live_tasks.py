@@ -58,7 +58,10 @@ while b"READY=1" not in said.recv(4096).split(b"\n"): pass' & waiting=$!
     while kill -0 $(cat "$ROOT/main") 2>/dev/null; do sleep 0.1; done ;;
   *) echo "systemctl stand-in: $*?" >&2; exit 1 ;;
 esac''',
-    'journalctl': 'test "$*" = "-u jpagent" && cat "$ROOT/journal"',
+    'journalctl': r'''
+test "$*" = "-u jpagent"
+for _ in $(seq 200); do test -s "$ROOT/journal" && break; sleep 0.05; done
+cat "$ROOT/journal"''',
 }
 
 
@@ -78,7 +81,7 @@ def missing(text, lines):
 
 
 class Terminal:
-    """A program whose input is typed, and whose output goes to a file."""
+    """A program whose input is typed, and whose output is put into a file."""
 
     def __init__(self, words, path, **options):
         self.path, self.seen = path, 0
@@ -192,7 +195,7 @@ class Task:
                 self.routers[step['place']].type(step['text'])
             elif kind == 'sh' and block.startswith('sudo jpagent run'):
                 self.endTerminal()
-                # The shell is there for a file that the output goes to, and becomes jpagent.
+                # The shell opens the file that the output may be for, and becomes jpagent.
                 words = ['bash', '-c', 'exec ' + block.strip()]
                 self.terminal = Terminal(words, os.path.join(self.root, 'terminal'), cwd=self.work)
                 self.output = None
