@@ -201,6 +201,8 @@ class Task:
                 self.output = None
             elif kind == 'sh':
                 self.output = self.shell(block)
+                if 'jpagent tell control quit' in block:
+                    self.terminal.process.wait(PATIENCE)
             elif kind == 'jpagent':
                 self.type(block.strip().split('\n'))
             elif kind == 'text':
