@@ -1,6 +1,7 @@
 # What cmake --install puts where: the libraries, their headers as they lie in the tree but those in folders named
-# private, which only source files include, the CMake package, the
-# pkg-config files, and jpagent with its manual page. All of it can be moved together with its prefix.
+# private, which only source files include, the CMake package, the pkg-config files, and jpagent with its manual page, the
+# completion of bash, and a systemd unit with a configuration to start from. All of it can be moved together with its prefix;
+# systemd itself only looks for units, and for the programs that they name, below /usr and /usr/local.
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 set(include_dir ${CMAKE_INSTALL_INCLUDEDIR}/PimJoinPrune)
@@ -51,5 +52,9 @@ if(TARGET jpagent)
   configure_file(jpagent/jpagent.1 jpagent.1 @ONLY)
   compressed(${PROJECT_BINARY_DIR}/jpagent.1 ${PROJECT_BINARY_DIR}/jpagent.1.gz)
   install(FILES ${PROJECT_BINARY_DIR}/jpagent.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-  install(FILES docs/trace-viewer.html DESTINATION ${CMAKE_INSTALL_DATADIR}/PimJoinPrune COMPONENT tools)
+  install(FILES docs/trace-viewer.html packaging/jpagent.toml DESTINATION ${CMAKE_INSTALL_DATADIR}/PimJoinPrune
+          COMPONENT tools)
+  install(FILES packaging/jpagent.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME jpagent
+          COMPONENT tools)
+  install(FILES packaging/jpagent.service DESTINATION lib/systemd/system COMPONENT tools)
 endif()

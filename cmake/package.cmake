@@ -44,7 +44,8 @@ pkg-config files.")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Join/Prune engine of PIM sparse mode - reference agent\n${about}
 .
 This package has jpagent, which replays the Join/Prune messages of a capture
-through the engine and performs conversations with it on a virtual clock.")
+through the engine, performs conversations with it on a virtual clock, and
+runs as a speaker on the interfaces of this machine, also as a systemd service.")
 
 # What a program that is built against the library depends on: with an additional symbol the second number has risen.
 # There is nothing to run when the library is installed but the trigger, for which cpack would otherwise write scripts;

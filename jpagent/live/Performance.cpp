@@ -173,7 +173,7 @@ Command liveBegins(Words& words) {
   words.require("hash");
   settings.hashSeed = words.number<U64>(0, most, "a number");
   words.require("random");
-  settings.randomSeed = words.number<long>(0, 0x7fffffff, "a number");
+  settings.randomSeed = words.number<long>(0, 0xffffffff, "a number");
   words.require("clock");
   Seconds const now = takeTime(words);
   words.require("time");
