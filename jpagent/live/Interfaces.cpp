@@ -128,10 +128,4 @@ Vel::U64 Interfaces::dropped() const {
   return sum;
 }
 
-std::vector<std::string> Interfaces::names() const {
-  std::vector<std::string> result;
-  for (auto const& [name, interface] : interfaces_) result.push_back(name);
-  return result;
-}
-
 }  // namespace Routing::Pim::Jpagent::Live

@@ -43,8 +43,6 @@ class Interfaces {
   int send(Speaker::Outgoing const& packet);
   /// How many packets the kernel has dropped on the sockets that are open now.
   Vel::U64 dropped() const;
-  /// The names that were given.
-  std::vector<std::string> names() const;
 
  private:
   struct Socket {

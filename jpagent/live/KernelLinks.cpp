@@ -69,7 +69,6 @@ void KernelLinks::askForAll() {
                                    [](auto const& each) { return each.prefix.ipGenAddr().isIpv6(); });
     std::reverse(ipv6, link.addresses.end());
   }
-  ++changes_;
 }
 
 // False if something changed meanwhile: then the answer may be neither the old nor the new state.
@@ -134,7 +133,6 @@ void KernelLinks::takeLink(nlmsghdr const& message) {
   // A bridge tells of its ports by messages of its own family, their removal from it included.
   if (info.ifi_family != AF_UNSPEC) return;
   auto const index = static_cast<unsigned>(info.ifi_index);
-  ++changes_;
   if (message.nlmsg_type == RTM_DELLINK) {
     links_.erase(index);
     return;
@@ -159,7 +157,6 @@ void KernelLinks::takeAddress(nlmsghdr const& message) {
   auto const address = IpGenAddr::fromBytes(
       {static_cast<U8 const*>(mnl_attr_get_payload(own)), mnl_attr_get_payload_len(own)});
   if (info.ifa_prefixlen > address.width()) return;
-  ++changes_;
   Address const told{IpGenPrefix(address, info.ifa_prefixlen),
                      found[IFA_FLAGS] ? mnl_attr_get_u32(found[IFA_FLAGS]) : info.ifa_flags, info.ifa_scope};
   auto& addresses = link->second.addresses;

@@ -51,9 +51,6 @@ class KernelLinks {
   /// The interface of that name, or nothing.
   std::optional<KernelLink> find(std::string const& name) const;
 
-  /// What tells that there may be a change, for somebody who compares.
-  Vel::U64 changes() const { return changes_; }
-
  private:
   struct Address {
     IpGenPrefix prefix;
@@ -76,7 +73,6 @@ class KernelLinks {
 
   Socket const news_;
   std::map<unsigned, Link> links_;  // by index
-  Vel::U64 changes_ = 0;
 };
 
 }  // namespace Routing::Pim::Jpagent::Live

@@ -11,7 +11,10 @@
 //   Interfaces.h    the interfaces that were given: their sockets, what the speaker is told of them
 //   ControlServer.h the UNIX socket for commands, and its clients
 //   Tell.h          a client of it
-//   LiveRun.h       all of it as one program
+//   LiveOutputs.h   what is written to: LiveOutput.h is one of them
+//   Configuration.h the configuration file
+//   Notify.h        systemd, the journal, capabilities
+//   LiveRun.h       all of it as one program, around a LiveSpeaker (LiveSpeaker.h)
 #pragma once
 
 #include <uv.h>
