@@ -2,6 +2,7 @@
 // also kept for the check against docs/live-events.schema.json at the end of the program.
 #pragma once
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

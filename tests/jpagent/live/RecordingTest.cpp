@@ -31,7 +31,7 @@ class Session final : public LiveOutside {
                           .json = isJson,
                           .record = [this](std::string_view line) { record_ << line << std::endl; }};
     seedProcess(settings);
-    now_ = 0.1 * (random_() % 1000);
+    now_ = 0.1 * static_cast<double>(random_() % 1000);
     speaker_ = std::make_unique<LiveSpeaker>(now_, *this, std::move(settings));
   }
 
