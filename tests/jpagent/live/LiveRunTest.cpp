@@ -140,12 +140,12 @@ TEST(LiveRunTest, Ipv6WaitsForDuplicateAddressDetectionAndThenJoins) {
   one.await(downstream("joined", "(2001:db8::1,ff0e::1)"));
   EXPECT_TRUE(two.ask("leave (2001:db8::1,ff0e::1)")["ok"]);
   one.await(downstream("pruned", "(2001:db8::1,ff0e::1)"));
+  EXPECT_EQ(one.count({{"event", "refused"}}), 0) << one.allText();
   // The goodbye from an address that the kernel has removed.
   lab.in("one", "ip address del " + up["address"].get<std::string>() + " dev va");
   EXPECT_EQ(one.await(interfaceIs("down", up["address"]))["goodbye"], true);
   two.await({{"event", "neighbor"}, {"state", "down"}, {"address", upstream}});
   EXPECT_EQ(two.end(), 0);
-  EXPECT_EQ(one.count({{"event", "refused"}}), 0) << one.allText();
 }
 
 TEST(LiveRunTest, OnALanAnotherRoutersPruneIsOverridden) {
@@ -264,13 +264,15 @@ TEST(LiveRunTest, AnInterfaceMayAppearLaterDisappearComeAgainAndBeRenamed) {
   one.await(interfaceIs("up", "10.0.0.1/24"), begin);
   two.await({{"event", "neighbor"}, {"address", "10.0.0.1"}, {"state", "restarted"}}, beginOfTwo);
 
-  // Another interface of that name has another index.
+  // Another interface of that name has another index, also if both are told at once.
   begin = one.eventCount();
+  one.process().signal(SIGSTOP);
   lab.in("one", "ip link del late");
-  one.await(interfaceIs("down", "10.0.0.1/24"), begin);
   lab.cable("one", "late", "two", "vb");
   lab.in("one", "ip address add 10.0.0.1/24 dev late");
   lab.in("two", "ip address add 10.0.0.2/24 dev vb");
+  one.process().signal(SIGCONT);
+  one.await(interfaceIs("down", "10.0.0.1/24"), begin);
   one.await(interfaceIs("up", "10.0.0.1/24"), begin);
   one.await({{"event", "sent"}, {"upstream", "10.0.0.2"}}, begin);
   EXPECT_EQ(one.end(), 0);
@@ -372,7 +374,9 @@ struct Client {
   }
   // Until this is in it, the connection ends or 5 s have passed.
   std::string hear(std::string const& what) {
-    while (heard.find(what) == heard.npos) {
+    std::size_t from = 0;
+    while (heard.find(what, from) == heard.npos) {
+      from = heard.size() - std::min(heard.size(), what.size());
       char bytes[64 << 10];
       auto const size = recv(descriptor, bytes, sizeof bytes, 0);
       if (size <= 0) return heard + (size == 0 ? "<end>" : "<silence>");
@@ -415,20 +419,22 @@ TEST(LiveRunTest, ClientsOfTheControlSocketDoNotDisturbOneAnother) {
     EXPECT_THAT(tooLong.hear("show neighbors"), HasSubstr("longer than 64 KiB"));
   }
 
-  // One that never reads is closed, at 1 MB and what the kernel takes; a large reply to one that reads is not.
-  EXPECT_TRUE(one.ask("join 10000 routes from (10.9.0.1,239.2.0.0) via 10.0.0.2")["ok"]);
-  quiet.say("show upstream\n");
-  EXPECT_THAT(quiet.hear("}]}\n"), testing::EndsWith("}]}\n"));
-  EXPECT_GT(quiet.heard.size(), 1'000'000u);
+  // One that never reads is closed, at 1 MB and what the kernel takes.
   Client deaf(path);
   std::string many;
-  for (int i = 0; i < 8; ++i) many += "show upstream\n";
+  for (int i = 0; i < 4000; ++i) many += "help\n";
   deaf.say(many);
-  one.ask("show neighbors");  // by now it has been closed
+  one.ask("show counters");  // by now it has been closed
   EXPECT_THAT(deaf.hear("never").substr(deaf.heard.size()), "<end>");
-  EXPECT_LT(deaf.heard.size(), 6u << 20);
-
-  one.ask("leave 10000 routes from (10.9.0.1,239.2.0.0)");
+  EXPECT_LT(deaf.heard.size(), 3u << 20);
+  // A reply that is larger than that is none of its business.
+  if (thorough()) {
+    EXPECT_TRUE(one.ask("join 10000 routes from (10.9.0.1,239.2.0.0) via 10.0.0.2")["ok"]);
+    quiet.say("show upstream\n");
+    EXPECT_THAT(quiet.hear("}]}\n"), testing::EndsWith("}]}\n"));
+    EXPECT_GT(quiet.heard.size(), 1u << 20);
+    one.ask("leave 10000 routes from (10.9.0.1,239.2.0.0)");
+  }
 
   // All the while events are told.
   QuickAgent two(lab, "two", "vb");
