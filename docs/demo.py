@@ -7,6 +7,7 @@ which ctest takes for "skipped".
 """
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -18,6 +19,18 @@ TIME = re.compile(r'\d{4}-\d\d-\d\dT[\d:.]+Z')
 
 def plain(text):
     return re.sub(r'generation \d+', 'generation N', TIME.sub('T', text))
+
+
+def left_over(jpagent):
+    """The processes of this program, by their IDs."""
+    found = []
+    for process in filter(str.isdigit, os.listdir('/proc')):
+        try:
+            with open('/proc/%s/cmdline' % process) as file:
+                found += [process] if file.read().split('\0')[0] == jpagent else []
+        except OSError:
+            pass  # it has ended
+    return found
 
 
 def printed_by(jpagent, **options):
@@ -40,7 +53,13 @@ def main(arguments):
     without = printed_without_namespaces(jpagent)
     if without != 'left out, since there can be no network namespaces here: not permitted\n':
         sys.exit('FAILED: without network namespaces it prints:\n' + without)
-    printed = printed_by(jpagent)
+    with tempfile.TemporaryDirectory() as folder:
+        # A copy, so that its processes can be told from others.
+        copy = shutil.copy(jpagent, folder)
+        printed = printed_by(copy)
+        left = left_over(copy)
+    if left:
+        sys.exit('FAILED: processes are left over: ' + ' '.join(left))
     if printed.startswith('left out'):
         print('skipped: ' + printed)
         return 77

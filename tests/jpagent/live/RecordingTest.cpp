@@ -26,7 +26,7 @@ class Session final : public LiveOutside {
       : random_(seed), isJson_(isJson), record_(record), printed_(printed) {
     LiveSettings settings{.seed = random_(),
                           .hashSeed = random_(),
-                          .randomSeed = static_cast<long>(random_() >> 1),
+                          .randomSeed = static_cast<long>(random_()),
                           .microseconds = 1'795'327'200'123'456,
                           .json = isJson,
                           .record = [this](std::string_view line) { record_ << line << std::endl; }};
@@ -288,6 +288,18 @@ TEST(RecordingTest, ALineThatIsNoneOfARecordingIsRefusedWithItsNumber) {
   std::ofstream(file) << "# S.\nlive seed 1\n";
   EXPECT_THAT(run(JPAGENT, {"simulate", file}).err,
               HasSubstr(":2: expected \"hash\" at the end of the line"));
+}
+
+TEST(RecordingTest, ItsSeedOfDrand48HasAll32Bits) {
+  TemporaryFolder const folder;
+  auto const file = folder.file("recorded");
+  auto const statusOf = [&file](std::string const& random) {
+    std::ofstream(file) << "# S.\nlive seed 1 hash 2 random " << random
+                        << " clock 10 time 1795327200000000 json\nat 10 given eth0\n";
+    return run(JPAGENT, {"simulate", file}).status;
+  };
+  EXPECT_EQ(statusOf("4294967295"), 0);
+  EXPECT_EQ(statusOf("4294967296"), 2);
 }
 
 TEST(RecordingTest, WhatARecordingMakesTheSpeakerDoHasALimit) {
