@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the benchmarks share: how one is written, and how a row of the table comes about.
 //
 // A file measures one subject against its floor (the least that such work can cost) or its peers, all in the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The codec: encoding and decoding a Join/Prune message, checksum included, in nanoseconds an entry (a
 // source). The floor is a straight-line loop that does the same into and out of the same kind of structure
 // and believes every byte: no family, mask length, count or address is looked at.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Five operations on a container of addresses and its bytes, for ours and for a peer alike.
 //
 // A container under test is a class that is made empty and has insert(i), erase(i), contains(address) and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A collection of entities (Vel::EntityMap) against boost::intrusive::unordered_set, which links elements
 // through a hook in each and is given its buckets: in nanoseconds an element, and in bytes beyond the entity.
 // The entities exist beforehand. The peer's buckets are doubled when there are more elements than buckets.

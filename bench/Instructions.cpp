@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixed scenarios, for scripts/instructions, which counts their instructions under valgrind's callgrind and
 // compares them with bench/instructions.json. A count does not depend on what else the machine does, so that
 // it shows a change of a few per cent, which a time cannot.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The LTTng-UST peer of Ring.cpp, in a module of its own that is loaded when it is measured: the library
 // starts threads when it is loaded, and a process with threads allocates memory more slowly, which is no
 // matter of ours.

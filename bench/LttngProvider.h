@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tracepoints of the LTTng-UST peer; lttng/tracepoint-event.h includes this file several times. The
 // arguments are the cheapest form of what the ring message takes: an address as one integer, a short text, a
 // number.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes a route at a million of them: one source a group in triggered data, with the machine's reactors; and
 // one group of a million sources. malloc's own share included. The reference is the size of a key and its
 // flags.

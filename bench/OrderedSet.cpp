@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ordered set of sources (Vel::OrderedSet) against std::set, in nanoseconds an element.
 #include <set>
 

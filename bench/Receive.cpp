@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Receiving a message: from the decoded groups to the two records that the agent watches, in nanoseconds an
 // entry. The floor walks the same data into a plain structure and compares each field in the same way before
 // it stores it.

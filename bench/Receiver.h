@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A machine that receives, and messages for it.
 #pragma once
 

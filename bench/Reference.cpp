@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A counted reference that is copied and dropped, in nanoseconds. The floor is a plain integer that goes up
 // and down. In the thread-safe mode the peer is std::shared_ptr, which counts atomically once a process has
 // threads.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The refresh of periodic routes, packet manager included, in nanoseconds a route. The floor is a
 // straight-line encoder over an array of the same routes, packed into messages of the same size.
 //

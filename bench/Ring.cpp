@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A ring message with three arguments and a block timer, in nanoseconds, with a trace file open. The floor
 // reads the cycle counter and stores the arguments into a buffer, once for a message, and twice and the
 // difference for a timer. The peers of the message are LTTng-UST, recording into its own ring (a snapshot

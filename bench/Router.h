@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine between an interface and a neighbor, on a clock that the benchmark moves; and the same with a
 // packet manager, for what is sent.
 //

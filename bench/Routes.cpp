@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What it costs to add and remove a route: triggered, from being added to being sent by a packet manager that
 // does nothing but take it out; and periodic, from being added to being removed among many that stay. In
 // nanoseconds a route. The floor inserts the route into an absl::flat_hash_set, erases it, and makes two

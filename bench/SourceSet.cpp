@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The set of sources (Vel::HashSet) against absl::flat_hash_set of the same key and the same hash, in
 // nanoseconds an element, and in bytes.
 #include <absl/container/flat_hash_set.h>

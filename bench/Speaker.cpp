@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a speaker adds to the engine, in nanoseconds a route: beside the engine alone with the same packet
 // manager and codec, for an agent that writes the data sets and reads the records itself.
 #include "bench/Speaker.h"

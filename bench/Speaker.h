@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a speaker does, beside the same with the engine alone and the same packet manager and codec: a
 // thousand routes wanted to their bytes, and a message received to its state.
 #pragma once

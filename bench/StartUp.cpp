@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Starting a machine over 1,000 neighbors with 1,000 periodic routes each (one source a group), in
 // milliseconds. The floor fills maps of the same keys, by neighbor and by group, with a count for each group.
 #include <absl/container/flat_hash_map.h>

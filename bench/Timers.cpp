@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Timers (Zanth::TimerWheel) against an indexed 4-ary heap and against libevent, in nanoseconds an operation,
 // with delays from 1 ms to 210 s. The heap is the floor of what is usual: one array of times and indexes, and
 // in each timer the place where it is. libevent keeps a binary heap.

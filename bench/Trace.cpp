@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A trace line that is off, in nanoseconds. The floor is a relaxed read of a flag; both stand in the same
 // loop, and the empty loop is measured beside them. The peer, for comparison alone, is spdlog with its level
 // off.

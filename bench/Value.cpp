@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A value that changes while 0, 1, 4 or 16 reactors watch it, in nanoseconds a change. The floor is a plain
 // object that compares, stores, and calls a vector of virtual pointers; it neither survives a reactor that
 // ends in the middle nor contains what one throws. The peer is Boost.Signals2.

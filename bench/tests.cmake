@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Writes the test of each subject of PROGRAM to OUT: a small run gives a figure for ours, for the floor and for each peer.
 execute_process(COMMAND ${PROGRAM} --benchmark_list_tests OUTPUT_VARIABLE names COMMAND_ERROR_IS_FATAL ANY)
 string(REGEX MATCHALL "[^\n]+" names "${names}")

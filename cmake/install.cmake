@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What cmake --install puts where: the libraries, their headers as they lie in the tree but those in folders named
 # private, which only source files include, the CMake package, the pkg-config files, and jpagent with its manual page, the
 # completion of bash, and a systemd unit with a configuration to start from. All of it can be moved together with its prefix;

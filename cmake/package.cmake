@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What cpack -G DEB makes: the two libraries, what is needed to build against them, and jpagent. scripts/package does it as
 # Debian does, with its compiler flags and its folder of libraries.
 set(CPACK_GENERATOR DEB)

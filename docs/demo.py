@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Compares the README with what scripts/demo-live prints: docs/demo.py [--write] JPAGENT
 
 Times and generation IDs may differ. --write has the README show what is printed. Where there are no network

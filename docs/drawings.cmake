@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Fails unless each drawing of FOLDER carries the checksum of its source.
 file(GLOB sources ${FOLDER}/*.dot)
 if(NOT sources)

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Compares the list of files at the top of a folder's main header with the folder: docs/folders.py [TOP]
 
 The list has a line `//   NAME.h  what it does` for each header below the folder, and no other; a longer text continues

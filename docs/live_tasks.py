@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Performs a task of a page on jpagent run: docs/live_tasks.py JPAGENT PAGE TASK
 
 TASK is the text of a heading "## TASK". Its blocks are performed in order, in network namespaces with a LAN:

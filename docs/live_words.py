@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Whether the page on jpagent run has each command, event and member: docs/live_words.py JPAGENT PAGE SCHEMA
 
 A row of a table has the name of the event, or of what is shown, in its first cell, and its members in others.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Shows a header to Doxygen as its reader sees it; see docs/Doxyfile. Lines keep their numbers.
 
     docs/reference_filter.py HEADER                         to standard output

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Compares the C++ in a guide with the compiled files that it comes from: docs/snippets.py [--write] GUIDE...
 
 Each ```cpp block has `<!-- FILE MARK -->` in the line before it, and is the text in FILE (from the top of the tree)

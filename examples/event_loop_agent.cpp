@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two routers with a real event loop and a packet manager of their own, over a pair of sockets.
 //
 // A is downstream of B. A route of A's wants a source: A joins it at B at once, and refreshes the join every

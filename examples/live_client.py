@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Joins (10.9.0.1,239.1.1.1) from each neighbor that there is or appears: live_client.py CONTROL, where
 "jpagent run --control CONTROL" runs. Ends when the first join has been sent."""
 import json

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A PIM speaker on one interface: prints its neighbors and what they ask for, and joins a source from one.
 //
 //     small_speaker eth0 10.0.0.1/24                                the interface and its address

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The smallest agent: it builds the engine, gives it one received message, and prints the record.
 #include <iostream>
 

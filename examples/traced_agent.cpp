@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An agent that traces: trace lines to its own log, and a ring trace file to read later.
 #include <iostream>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the fuzz targets share.
 //
 // A target is a file *Fuzz.cpp with one function, LLVMFuzzerTestOneInput. It is built twice: with libFuzzer,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a target over the inputs that are kept: each file of the folders named as arguments. A failure ends
 // the process behind the line with the input's name.
 #include <filesystem>

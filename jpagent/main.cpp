@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // jpagent, the reference agent: reads the command line, and runs what it asks for. See --help.
 #include <fmt/format.h>
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Bash completion of jpagent: its commands, their options, interface names, and the words that "tell" takes.
 # Where it has nothing to say, bash completes the names of files.
 

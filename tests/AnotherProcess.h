@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A copy of this process, for what may crash, abort or leave something behind.
 #pragma once
 

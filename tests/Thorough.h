@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How much of a long test is run: a share of its cases by scripts/test, all of them by scripts/prove.
 #pragma once
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Fails if an include points the wrong way, or if a library includes what is neither its own nor of the standard
 # libraries:
 #

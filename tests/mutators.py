@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Lists the mutators of the library as its headers declare them, and finds those that lack a const overload.
 
     tests/mutators.py --output FILE -- COMPILER FLAG... < SOURCE

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What docs/conventions.md shows: each piece between two marks like `// [entity]` is there as it is here, and
 // what is said about it is tested below. docs/snippets.py --write takes changes over into the page.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What docs/guide.md shows: each piece between two marks like `// [inputs]` is there as it is here, and the
 // tests around it check what is said about it. docs/snippets.py --write takes changes over into the guide.
 #include <gmock/gmock.h>

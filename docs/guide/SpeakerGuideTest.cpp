@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What docs/guide.md shows of an agent around a speaker: each piece between two marks is there as it is here,
 // and the tests around it check what is said about it.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes as a capture file.
 #include "jpagent/capture/Capture.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Text as a conversation. What is understood can be rewritten, and then expects what it was rewritten to.
 #include "jpagent/simulate/Conversation.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Frames of all link types into a replay: through the IP headers, the decoder, the conversion and the
 // engine. Each entry of a message that is well formed comes out once, or again if the message repeats it;
 // without leniency, only if the message came by the right way.

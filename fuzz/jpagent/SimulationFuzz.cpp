@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes as commands to a simulation, with the real packet manager: every packet keeps to the rules, and the
 // same commands give the same lines when they are performed again.
 #include "tests/conversations/own/OwnSimulation.h"

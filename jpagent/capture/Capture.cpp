@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "jpagent/capture/Capture.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Captured frames in files: pcap and pcapng to read, pcap to write.
 //
 //     Capture capture("lan.pcap");

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From a captured frame to the IP datagram in it: Ethernet with any number of VLAN tags, LLC and PPP over
 // Ethernet, raw IP, Linux cooked frames and PPP; IPv4 with options, IPv6 with extension headers, both with
 // an authentication header; and the same again inside GRE or IP.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IP datagrams and Ethernet frames around PIM messages, for captures that are made and not caught.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The packets that a packet manager sends, in a capture file.
 //
 //     PcapPackets packets("sent.pcap");

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Packets from a pcapng file, block by block. libpcap stops at an interface whose link type or snap length
 // differs from the first one's; here each packet has the link type of its own.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "jpagent/capture/Sample.h"
 
 #include "jpagent/capture/Capture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small capture to try the agent on: every kind of entry over IPv4 and IPv6, Hellos, VLAN tags, and two
 // broken messages among the good ones. It is the same bytes every time.
 #pragma once

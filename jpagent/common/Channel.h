@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The three sets of joins and prunes that an upstream target has.
 #pragma once
 

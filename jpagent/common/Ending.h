@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How jpagent ends when it cannot go on: with a line that names the file and the system's reason, and status
 // 2; never by a signal of its own making, and never as if all was well.
 //

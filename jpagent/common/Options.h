@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What command lines and conversations say about groups and traces, in the domain's types. Texts that do not
 // parse throw OptionError with one line that quotes them.
 #pragma once

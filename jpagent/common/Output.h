@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where what jpagent writes ends up: standard output, and files that are named on the command line. A stream
 // here knows the system's reason when writing fails, and says it when it is closed.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is said of prefixes, and which of them have an address.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a simulation writes into the ring trace file, beside what the engine writes: what it does to the
 // engine, what the engine does to its timers and sends, and what time it is. The engine's own messages are
 // documented with these in docs/tracing.md.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ring trace file of a run.
 #pragma once
 

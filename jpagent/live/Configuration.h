@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration file of `jpagent run`, in TOML:
 //
 //     control = "/run/jpagent/control"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The UNIX socket for commands, and its clients.
 //
 //     ControlServer server(loop, "/run/jpagent.sock", json, [](ControlClient& client, ...) { ... });

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Events and replies of `jpagent run`: JSON objects, and lines for people made from them.
 #pragma once
 

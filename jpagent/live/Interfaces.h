@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The interfaces that `jpagent run` was given: followed in the kernel, each with its sockets.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the kernel says of interfaces, by netlink.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the speaker tells, as events.
 #include <fmt/chrono.h>
 

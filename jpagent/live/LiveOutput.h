@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where `jpagent run` writes: standard output and files. None of them ever makes it wait.
 #pragma once
 

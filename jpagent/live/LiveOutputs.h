@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // All that `jpagent run` writes to: standard output and error, the files of the command line, the journal.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `jpagent run`: a LiveSpeaker with everything outside of it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What `jpagent run` is without I/O: a speaker, the commands of people and programs, and events. Its inputs
 // are the calls below and nothing else; the same inputs at the same times give the same packets, replies and
 // events. So a recording of the inputs can be performed again.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the loop of `jpagent run` watches, as objects that may be destroyed at any time, from inside their own
 // callback too. (libuv wants a handle to stay until it says so.)
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What systemd is told: the state of a service of Type=notify (see sd_notify(3)) and lines for the journal.
 // Both are a datagram each.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes on their way in and out of descriptors that may be slow.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The raw socket for the PIM messages of one interface and address family. (One socket for all interfaces
 // could join ALL-PIM-ROUTERS on 20 of them only: net.ipv4.igmp_max_memberships.)
 #pragma once

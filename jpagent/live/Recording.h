@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Recordings of `jpagent run`: the inputs of a LiveSpeaker as a conversation, which `jpagent simulate`
 // performs (see Performance.h).
 //

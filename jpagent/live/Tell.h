@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `jpagent tell`: a client of the control socket of `jpagent run`.
 //
 // It asks for replies in the form that it prints by a command of the connection, "json on" or "json off". In

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The reference agent in its simplest form: it hears captured frames, hands the Join/Prune messages in them
 // to a machine, and tells what the machine recorded.
 //

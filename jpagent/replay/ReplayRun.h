@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A run of `jpagent replay`, from the capture to the exit status.
 #pragma once
 

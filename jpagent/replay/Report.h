@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a replay tells: entries, refusals and totals, as lines for people or as JSON objects for machines.
 #pragma once
 

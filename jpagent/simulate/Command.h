@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the lines of a conversation say, one structure for each command; what was left out is empty.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The table of all commands: by which word each begins, who reads the rest of its line, and what help says
 // about it. A program that has commands of its own puts a table before it (see Command.h: OwnForms).
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conversations: a text file with commands and, under a rule, everything that came out.
 //
 //     # A triggered join is sent 0.1 s after the route changed.

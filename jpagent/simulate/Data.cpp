@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands on what is pending for an upstream target, and on what is received.
 #include <set>
 #include <tuple>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the files of the simulation share: its parts, and how they write.
 #pragma once
 

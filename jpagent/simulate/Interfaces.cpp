@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands on interfaces, neighbors, RPs and policies.
 #include "jpagent/simulate/Inside.h"
 

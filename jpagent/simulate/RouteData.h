@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Single routes in the data of the model.
 #pragma once
 

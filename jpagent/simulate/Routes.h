@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Routes as commands give them and the output shows them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the engine sends and records.
 #include <algorithm>
 #include <ostream>

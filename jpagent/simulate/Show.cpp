@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is shown of machines and of what is pending.
 #include <algorithm>
 #include <set>

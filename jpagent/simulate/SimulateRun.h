@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A run of `jpagent simulate`, from the conversation's file to the exit status.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine in a world in which nothing happens until a command says so: interfaces, neighbors, a packet
 // manager, and a clock that begins at 0. Commands go in; everything that comes out becomes a line of text:
 //

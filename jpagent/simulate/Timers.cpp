@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Machines that are made and removed, and their timers.
 #include <algorithm>
 #include <ostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine's trace lines, with names for the addresses of objects.
 #include <ostream>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The words of a command, and what they may stand for. Used by the parsers of commands alone.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A ring trace file in the forms in which one looks at it.
 //
 //     Scrivo::TraceReader const reader("/var/run/jpagent.trace");

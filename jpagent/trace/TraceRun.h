@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A run of `jpagent trace`, from the ring trace file to the exit status.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kinds of entry that Join/Prune messages have. The lowest header of pim/: the wire form, the model and
 // all that is above them name entries by it.
 #pragma once

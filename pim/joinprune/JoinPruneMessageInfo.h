@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record of the latest received Join/Prune entry.
 #pragma once
 

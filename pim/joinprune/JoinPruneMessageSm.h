@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Join/Prune engine: the object that the agent makes.
 //
 // Which file does what:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The interfaces and neighbors that the message machine hears of, and the machine of each interface's own
 // address.
 #include "pim/joinprune/private/JoinPruneMessageTarget.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Received messages: taken apart, entry by entry, into the two records.
 #include <exception>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Everything that is sent to one upstream target.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The three ways in which a neighbor machine sends: triggered, override and periodic. Not part of the
 // library's interface; JoinPruneNeighborSm.h is.
 //

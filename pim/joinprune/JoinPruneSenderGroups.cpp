@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The reactors of a sender's groups: how they come and go with the groups of its data set.
 #include "pim/joinprune/JoinPruneNeighborSm.h"
 #include "pim/joinprune/JoinPruneSender.h"

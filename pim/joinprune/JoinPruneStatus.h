@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the agent's route state machines and the Join/Prune machines meet.
 #pragma once
 

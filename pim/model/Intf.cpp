@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "pim/model/Intf.h"
 
 namespace Routing::Pim {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pacing of periodic refreshes.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What PIM knows about its surroundings.
 //
 // Which file of this folder does what:

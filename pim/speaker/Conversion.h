@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From the wire's order to the model's sets.
 #pragma once
 

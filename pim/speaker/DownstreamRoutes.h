@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the neighbors on one interface have asked of this router (RFC 7761, 4.5.1 to 4.5.3).
 //
 //     class Printer final : public DownstreamObserver {

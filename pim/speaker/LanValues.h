@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What all neighbors of a link come to: the effective delays, join suppression, the designated router.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One interface and address family of a speaker, as the classes see it that keep its routes.
 //
 //     Link                  what they ask: the neighbors, the effective delays, the engine's data sets

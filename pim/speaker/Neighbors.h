@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hellos and neighbors of one link: one interface and address family (RFC 7761, 4.3).
 //
 //   Neighbors.h     sends Hellos, keeps the neighbors

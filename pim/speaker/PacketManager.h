@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The packet manager: from the machines' data sets to packets.
 //
 //     CapturedPackets packets;                       // or any other PacketSink

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the packet manager's packets can be sent.
 //
 //     CapturedPackets packets;                    // into memory

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Routes as the speaker names them.
 #pragma once
 

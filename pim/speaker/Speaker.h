@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A PIM speaker without I/O: the one object that an agent makes.
 //
 //     class Socket final : public Sink { Sent send(Outgoing const& packet) override { ... } } sink;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Joins and Prunes that other routers have sent to our upstream neighbors (RFC 7761, 4.5.4 to 4.5.7).
 #include <algorithm>
 

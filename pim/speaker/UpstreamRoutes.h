@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What this router wants from its upstream neighbors (RFC 7761, 4.5.4 to 4.5.7).
 //
 //     UpstreamRoutes upstream;

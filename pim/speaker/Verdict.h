@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What became of a packet that a speaker received.
 #pragma once
 

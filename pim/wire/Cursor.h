@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A cursor over bytes from the network. It can stand before any bytes whatever; each read says whether there
 // was enough left, and one that fails moves nothing.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "pim/wire/Hello.h"
 
 #include "pim/wire/private/Encoding.h"

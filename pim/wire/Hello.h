@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The wire form of PIM version 2 Hello messages (RFC 7761, 4.9.2).
 //
 //     Hello hello;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The header of PIM version 2 messages (RFC 7761, 4.9), and what all of them share.
 //
 // Which file of this folder does what:

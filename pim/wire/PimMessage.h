@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The wire form of PIM version 2 Join/Prune messages (RFC 7761, 4.9.5). Hello.h has that of Hellos.
 //
 // Bytes are looked at through a Cursor; what comes out is a JoinPrune, which can only be valid, or the

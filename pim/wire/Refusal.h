@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Why a message was not applied. A refusal names one reason from a fixed list, which is what totals are
 // counted by, and may add a detail for the person who reads it.
 #pragma once

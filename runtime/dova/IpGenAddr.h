@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Network addresses.
 //
 // Which file of this folder does what:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "runtime/dova/IpGenPrefix.h"
 
 #include <algorithm>

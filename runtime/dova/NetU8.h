@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Integers in the form that they have on the wire.
 #pragma once
 

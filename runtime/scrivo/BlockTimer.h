@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How long a block takes.
 //
 //     void JoinPruneMessageSm::handleInitialized() {

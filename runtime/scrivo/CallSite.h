@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Trace messages.
 //
 //     SCRIVO_MESSAGE("JoinPruneSm", "Sending triggered joins/prunes to ", neighbor, ", Intf: ", intf.name(),

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The processor's cycle counter: the cheapest clock there is, without a unit of its own.
 #pragma once
 

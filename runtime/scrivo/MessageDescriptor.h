@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a trace file knows about a call site.
 //
 //     U32 const id = (MessageDescriptor(file, "JoinPruneSm", __LINE__)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A file to write, under a name that a person gave.
 //
 //     Scrivo::OutputFile file("/var/run/jpagent.trace", Scrivo::OutputFile::Use::file);

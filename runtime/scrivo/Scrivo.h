@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tracing into a file that outlives its writer.
 //
 // When a join is missing at three in the morning, the question is what the machines did in the second before.

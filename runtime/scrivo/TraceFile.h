@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The trace file that this process writes.
 //
 //     Scrivo::TraceFile::open("/var/run/jpagent.trace", {.messageBytes = 4 << 20});

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From a trace file back to events.
 //
 //     Scrivo::TraceReader const reader("/var/run/jpagent.trace");

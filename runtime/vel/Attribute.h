@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attributes: one line for each in an entity class.
 //
 // Which file of this folder does what:

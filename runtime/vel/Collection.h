@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keyed collections, and iterators that survive every change.
 //
 //   EntityMap<Key, Element>   counted elements that carry their key (Element::velKey())

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Entities: counted objects whose attributes can be watched.
 //
 // What an entity class looks like, top to bottom, is shown in Attribute.h. This header has what the generated

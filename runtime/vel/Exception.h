@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The framework's exceptions. They reach the caller of the mutator; inside a notification the delivery
 // catches them and hands them to the reactor's `onNotificationException`.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hashing of collection keys. Keys come from the network, so the hash is seeded: who cannot guess the seed
 // cannot choose addresses that collide.
 #pragma once

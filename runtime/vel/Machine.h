@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // State machines: entities that consist of reactors.
 #pragma once
 

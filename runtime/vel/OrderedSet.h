@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A set of keys in ascending order.
 //
 // The keys lie side by side in leaves of up to 64; where there is more than one leaf, a list of separators

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counted objects and the references that keep them alive.
 //
 //   Vel::Ptr<Intf> intf = Vel::create<Intf>(Dova::IntfId("eth0"));   // count 1

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reactors: objects that are told when an entity changes.
 //
 // Every entity type T has a reactor base T::NotifieeConst with one callback per attribute (see Attribute.h),

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attribute values to and from text, for access by name.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Level-filtered text traces.
 //
 // A trace handle is found by its name and is off until levels are switched on, one by one:

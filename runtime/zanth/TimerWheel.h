@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The timer wheel: all timers of a process on one clock.
 //
 // A timer is a reactor on the wheel. It sets the absolute time at which it wants to be called:

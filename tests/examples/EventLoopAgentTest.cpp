@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The packet manager of examples/event_loop_agent.cpp, on what its own run does not show.
 #define main exampleMain
 #include "examples/event_loop_agent.cpp"

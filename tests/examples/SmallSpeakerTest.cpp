@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // examples/small_speaker.cpp, two of it, in network namespaces that a cable connects.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

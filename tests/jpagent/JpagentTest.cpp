@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program from outside: what it prints, where, and how it exits.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What jpagent's tests share: folders that clean up after themselves, captures of any link
 // type, and running a program to its end.
 #pragma once

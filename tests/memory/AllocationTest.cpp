@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library takes from the heap, and where it takes nothing.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The heap of this program: every request is counted, and any of them can be made to fail. The operators are
 // in CountedHeapTest.cpp.
 #pragma once

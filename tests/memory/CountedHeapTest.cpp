@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The counting heap itself. It replaces operator new, so what is tested on it is a program of its own.
 #include "tests/memory/CountedHeap.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The end, in every order.
 #include <algorithm>
 #include <numeric>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What very many downstream routes cost.
 #include <memory>
 

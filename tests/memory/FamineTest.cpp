@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every request for memory fails once, and then that one and all that follow it: nothing that is
 // there may be lost, and with memory again everything continues.
 #include "tests/Thorough.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is added and removed again and again leaves nothing behind.
 #include "tests/Thorough.h"
 #include "tests/memory/Scene.h"

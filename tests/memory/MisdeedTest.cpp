@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every callback that an outsider can put in meets every misdeed, in a router in full traffic. The callbacks
 // are a table, the misdeeds are a table, the test is their product; a scan of the headers says whether the
 // first is complete.

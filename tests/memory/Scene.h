@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A router in full traffic, for tests that break into it: two interfaces, two neighbors, something to be sent
 // in every way, a message to be received, timers armed, all traces formatted.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A speaker that is short of memory: no request that fails leaves anything half done that is not completed
 // later.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening a trace file while memory runs out.
 #include "tests/memory/CountedHeap.h"
 #include "tests/runtime/scrivo/TraceFixture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What reading a trace file takes, whatever the file says.
 #include "tests/memory/CountedHeap.h"
 #include "tests/runtime/scrivo/CraftedRing.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One LAN with many routers: what it costs, and how many messages suppression saves.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

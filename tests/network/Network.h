@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A network of speakers in one process, on a virtual clock: routers on LANs that lose, delay, duplicate
 // and reorder packets and are cut in two, routers that restart and routers that vanish. All random values
 // come from one seed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Networks of speakers: what each router has stored is what is wanted from it, at once while no packet is
 // lost, and after a bounded time when faults have ended.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a world does to the library.
 #include <cstdlib>
 #include <sstream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The packet manager of the random worlds: one script for the library and for the model, so that whatever
 // they do differently is not the manager's doing.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library told a second time, with maps and plain calls: nothing is watched, every change says itself
 // whom it concerns. It is slow, and short enough to be checked by reading; the worlds of this folder
 // compare the two after each step.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The names that a small world uses: few, so that states collide. Some are used twice on purpose: a neighbor
 // may sit on an interface's address.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What can be done to a world: one structure for all operations, so that they can be drawn at random, cut out
 // of a sequence, and written down.
 #pragma once

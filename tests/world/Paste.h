@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A sequence of operations as a conversation for conversation_runner (tests/conversations/own).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a failing world prints is worth something only if it does the same when it is pasted.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Random sequences of operations on small worlds: after each one the library and the model agree in
 // everything that can be seen. What differs is made short and printed as a conversation.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sequences of operations that fail: run apart from this process, so that a crash is a failure like any
 // other, and made short.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small worlds, all of them: a neighbor and an interface, two groups, two sources, and every order of up to
 // five of twenty events. After each event the library and the model agree in everything that can be seen.
 //

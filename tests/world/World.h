@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small world twice: around the library and around the model. Each operation is done to both, and then
 // everything that can be seen must be the same: what was traced and sent, and the whole state.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is freed stays for a while before its memory is used again, as under ASan: the worlds tell objects
 // apart by their addresses. For LD_PRELOAD, where there is no sanitizer.
 enum { count = 1 << 18 };

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes as a sequence of operations on the machines: interfaces, neighbors, data, received messages, time,
 // removal. Any callback may perform more of them in the middle of another, or throw; the packet manager does
 // what it likes. What the agent's rules in the README forbid is not done. After each operation the machines

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Data sets of any content and MTUs of any size into the packet manager: every packet keeps to the rules, and
 // every entry is sent, left out for a reason that is reported, or stays because it cannot be encoded.
 #include "pim/speaker/PacketManager.h"

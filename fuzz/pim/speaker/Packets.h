@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every Join/Prune message that this agent sends must keep to.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes into the decoder of Hellos. What is taken for a Hello is the same Hello again after it was encoded,
 // and the view of the options shows as many as are in it.
 #include "pim/wire/Hello.h"

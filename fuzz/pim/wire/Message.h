@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A PIM message from the input of a fuzz target: IPv4 or IPv6, with a right checksum or the one that comes.
 #pragma once
 

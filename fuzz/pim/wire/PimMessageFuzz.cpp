@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes into the decoder. What is accepted as a message is encoded to the same bytes, but for
 // those that a receiver ignores, and is again the same message.
 #include "pim/wire/PimMessage.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes as a trace file. Of an input that does not begin like one, a file is made whose header is mostly
 // right, so that inputs reach the descriptors and the rings; then it is torn.
 #include "runtime/scrivo/TraceReader.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What commands to a speaker do, whatever world it is in: that of a conversation or that of `jpagent run`.
 //
 //   SpeakerCommands.h   the commands

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The words of commands that speak to a speaker, in a conversation or in `jpagent run`. Used by the tables of
 // the two alone.
 #pragma once

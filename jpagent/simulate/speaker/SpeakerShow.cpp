@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is shown of a speaker.
 #include "jpagent/simulate/Inside.h"
 #include "jpagent/simulate/speaker/SpeakerWorld.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "jpagent/simulate/speaker/SpeakerWorld.h"
 
 #include "jpagent/simulate/Inside.h"

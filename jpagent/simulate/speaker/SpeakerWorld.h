@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A speaker in the world of a simulation: commands go in, and each packet, event and refusal is a line:
 //
 //     2.118 sent Hello on eth0 from 10.0.0.1: hold 105, delay 500 ms, override 2500 ms, DR priority 1, ...

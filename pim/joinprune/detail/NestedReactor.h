@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the machines of this folder do with their nested reactors. Not part of the library's interface.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the message machine makes and removes what belongs to an upstream target. Not part of the library's
 // interface.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the message machine and its neighbor machines ask of each other. Not part of the library's interface.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the machines of this folder trace. Not part of the library's interface.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the status and the record of received entries show to the message machine alone. Not part of the
 // library's interface.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One message handed to the packet manager, as both sending machines do it. Not part of the library's
 // interface.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The way of the engine to what a class keeps for it. Not part of the library's interface.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The entries of a group by their kind.
 #pragma once
 

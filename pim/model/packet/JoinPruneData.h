@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The joins and prunes for one upstream neighbor.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The flags of an encoded source address.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the model shows to the engine and to the packet manager alone. Not part of the library's interface.
 #pragma once
 

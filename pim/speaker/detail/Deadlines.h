@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The times at which very many objects want to be looked at.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How often an event of one kind is told.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether an object still exists after it has called out.
 //
 //     class Caller {

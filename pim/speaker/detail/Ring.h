@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Doubly linked rings of objects that are elsewhere.
 #pragma once
 

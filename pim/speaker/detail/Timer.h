@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A timer as a member of an object.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How often something costly is done that a neighbor can cause without end.
 #pragma once
 

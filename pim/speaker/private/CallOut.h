@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Calls of a user's code that must not throw into the speaker.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One message from a data set. Not part of the library's interface.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The order of a group's entries in messages, and a place in it. Not part of the library's interface.
 #pragma once
 

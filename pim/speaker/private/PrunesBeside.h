@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The (S,G,rpt) prunes of a group, in all data sets for an upstream neighbor. Not part of the library's
 // interface.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One interface and address family of a speaker: its engine, its neighbors, what is sent and what is
 // received.
 //

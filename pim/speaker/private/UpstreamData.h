@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Single entries in the engine's data sets. Not part of the library's interface.
 //
 // Every change calls out: the engine's reactors write trace lines. The caller of these asks afterwards what

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The parts of UpstreamRoutes that its source files share. Not part of the library's interface.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the coders of this folder share: the numbers and sizes of encoded addresses (RFC 7761, 4.9.1), and
 // how a whole message is opened and closed.
 #pragma once

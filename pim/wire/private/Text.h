@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Texts put together from words and numbers.
 #pragma once
 

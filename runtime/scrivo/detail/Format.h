@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The layout of a trace file, shared by writer and reader alone. Not part of the library's interface.
 //
 //     offset 0     FileHeader, in a page of its own

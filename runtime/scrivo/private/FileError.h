@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The refusal of a file, as its text is everywhere: "<path>: <reason>".
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The table behind all hashed collections. Not part of the library's interface.
 //
 // An array in one order: ascending bit-reversed hash, then key. Up to 8 entries lie side by side. A larger

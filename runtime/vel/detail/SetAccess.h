@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a set of keys keeps for classes that are made of sets. Not part of the library's interface.
 #pragma once
 

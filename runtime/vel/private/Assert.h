@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Assertions that hold in every build type: an invariant that is broken must not forward packets. Not part of
 // the library's interface.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands that conversations of the tests have beside those of jpagent: what breaks the rules for
 // agents, and packet managers that misbehave (a temper).
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A simulation that performs the commands of OwnCommands.h, too.
 #pragma once
 

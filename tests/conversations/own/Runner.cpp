@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Performs a conversation with the tests' own commands:
 //
 //     conversation_runner FILE            prints the first difference from what is expected, with status 1

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program outside the tree that uses the second library: it writes a Join/Prune message, reads it back, and
 // hands it to the model.
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Capture files, made by libpcap or by hand, good and bad.
 #include "jpagent/capture/Capture.h"
 

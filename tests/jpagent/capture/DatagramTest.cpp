@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Frames of every link type, written by hand, down to the datagram in them.
 #include "jpagent/capture/Datagram.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What tshark reads in our Hellos, option by option.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A capture of what a packet manager sends, and what others read there.
 #include "jpagent/capture/PcapPackets.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the program ends when it cannot go on: in copies of this process, which has the same handlers.
 #include "jpagent/common/Ending.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The check of all events and replies of this program's tests against the schema that is documented.
 #include <fstream>
 #include <map>

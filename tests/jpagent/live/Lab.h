@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Network namespaces with cables between them, and agents that run there.
 //
 //     Lab lab({"one", "two"});

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Each command of a live speaker.
 #include "tests/jpagent/live/LiveScene.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Each event of a live speaker, with its members in their order.
 #include "tests/jpagent/live/LiveScene.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a live speaker ends.
 #include "tests/jpagent/live/LiveScene.h"
 

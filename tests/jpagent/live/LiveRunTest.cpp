@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `jpagent run` in network namespaces: real sockets, a real kernel.
 #include <gmock/gmock.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A live speaker in a test: its clock, what it sends, its events and its recording. Each event and reply is
 // also kept for the check against docs/live-events.schema.json at the end of the program.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // jpagent/live/Pending.h: bytes on their way in and out of descriptors.
 #include "jpagent/live/Pending.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Recordings of a live speaker and their performance.
 #include <sys/wait.h>
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Checks events and replies of jpagent run --json, one object a line, against their schema.
 
     check_events.py SCHEMA FILE

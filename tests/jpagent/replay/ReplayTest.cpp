@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Frames into a replay, and everything that comes out of it, as text.
 #include "jpagent/replay/Replay.h"
 

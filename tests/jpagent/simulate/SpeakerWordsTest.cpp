@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The words of conversations with a speaker.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A ring trace file in other forms. The files are what simulations and statements of this test have written.
 #include "jpagent/trace/TraceExport.h"
 

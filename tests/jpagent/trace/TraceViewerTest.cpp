@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // docs/trace-viewer.html in a browser without a window: what it has drawn is in the page afterwards.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

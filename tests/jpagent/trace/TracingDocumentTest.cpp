@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // docs/tracing.md names what the code has: each level, each ring message, each block timer.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What could not be followed while memory was short is followed afterwards, without a notification.
 #include "pim/model/private/ModelAccess.h"
 #include "tests/pim/joinprune/FailingHeap.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The attribute table of each entity type against what its class declares: what is written by hand in several
 // places must agree.
 #include <algorithm>

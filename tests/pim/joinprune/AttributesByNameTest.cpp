@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The attributes of each class in order, by number and name. "=" is one that can only be read, ":=" one that
 // can be set by name as well; "0x" is an address in this process.
 #include <regex>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every mutator of every entity type through a const view.
 #include "tests/pim/joinprune/Examples.h"
 

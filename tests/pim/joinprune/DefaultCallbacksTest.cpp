@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reactors that override no callback: they hear of every attribute by its number and of every collection by
 // its name.
 #include "tests/pim/joinprune/World.h"

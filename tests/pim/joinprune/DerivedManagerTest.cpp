@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An agent's packet manager with an attribute of its own.
 #include "tests/pim/joinprune/World.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An object of each entity type, and what the headers declare of the types. Mutators.h is made by
 // tests/mutators.py from the headers when this is built: what is new is in it.
 #pragma once

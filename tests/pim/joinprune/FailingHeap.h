@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A heap of which requests can be made to fail. The operators are in FailingHeap.cpp.
 #pragma once
 

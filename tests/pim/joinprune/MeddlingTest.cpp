@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The same story again and again: each time, somebody who is called on the way changes the world. However it
 // ends, the machine, the status and what is listed agree.
 #include "tests/pim/joinprune/World.h"

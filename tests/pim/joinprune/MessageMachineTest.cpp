@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The message machine at the edges: what is changed inside its lines and callbacks, and what is missing.
 #include "pim/joinprune/private/RecordAccess.h"
 #include "tests/pim/joinprune/FailingHeap.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What callbacks do at the worst moment: they replace the machine under its own handler, change data inside a
 // trace line, make machines that are being removed, and call handlers by hand.
 #include <type_traits>

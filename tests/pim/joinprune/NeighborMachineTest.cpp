@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The neighbor machine at the edges: reactors and timers that watch nothing, callbacks that retire it, traces
 // switched off.
 #include <unordered_map>

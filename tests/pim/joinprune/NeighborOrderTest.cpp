@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // In which order a neighbor machine starts, catches up and tells of what it does: its trace lines, its data
 // sets and its attributes, in one record.
 #include <regex>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // newFoo() of a key that is there already.
 #include "tests/pim/joinprune/World.h"
 

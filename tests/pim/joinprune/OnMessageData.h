@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A way into the middle of an expiry.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the top machine does, in one record: its trace lines, the data sets and machines that come and go, and
 // the attributes that change, in the order in which others hear of them.
 #include <regex>

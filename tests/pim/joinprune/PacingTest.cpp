@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How far apart the refreshes of a route are when sending takes a part of the interval, or more than all of
 // it. scripts/pacing prints the table.
 #include <cstdio>

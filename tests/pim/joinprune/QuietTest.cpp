@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The machines take short cuts while no reactor watches and nothing is traced. Both ways have one outcome.
 #include <cstdlib>
 #include <map>

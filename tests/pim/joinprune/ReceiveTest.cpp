@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Received messages, from the channel into the two records.
 #include "pim/model/packet/JoinPruneMessage.h"
 #include "tests/pim/joinprune/World.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the engine writes into the ring trace file.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The triggered and override channels, from the first change to the last message.
 #include <cmath>
 

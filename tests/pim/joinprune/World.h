@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Everything that a Join/Prune machine needs around it, with a clock that only a test moves.
 #pragma once
 

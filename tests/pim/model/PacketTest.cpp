@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The packet entities: what a message carries and what is pending.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

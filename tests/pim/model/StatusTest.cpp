@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Interfaces, neighbors, the packet manager and the RP hash.
 #include "pim/model/Status.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // From wire messages to model messages. Expectations are the model messages in text, one a line.
 #include "pim/speaker/Conversion.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The link, the limits and the callbacks of downstream routes.
 #include <stdexcept>
 

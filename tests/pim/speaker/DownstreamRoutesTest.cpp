@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Received messages and time into downstream routes: each cell of their tables.
 #include "tests/pim/speaker/DownstreamScene.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Downstream routes on a link, on a clock that the test moves, and what is told of them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rules of RFC 7761, 4.3, on a clock of the test's own.
 #include "pim/speaker/Neighbors.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A packet for tests of what packets are handed to.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A packet manager with data sets of the test's, and what comes out of it.
 #pragma once
 

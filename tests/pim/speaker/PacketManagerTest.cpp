@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Data sets into a packet manager, and what comes out of it: packets, reports, and what is left in the data.
 #include "pim/speaker/PacketManager.h"
 

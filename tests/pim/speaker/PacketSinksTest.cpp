@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Packets that are kept in memory or handed to a function.
 #include "pim/speaker/PacketSinks.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Groups of (S,G) joins, where no hook is asked about an entry, are added to a message by a short cut. It
 // ends as the long way does.
 #include <gtest/gtest.h>

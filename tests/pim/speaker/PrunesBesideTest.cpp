@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The (S,G,rpt) prunes that go with a (*,G) join, and the periodic joins that are left out.
 #include "tests/pim/speaker/PacketManagerScene.h"
 

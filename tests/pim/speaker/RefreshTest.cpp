@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The whole of it, engine and packet manager, over long stretches of virtual time.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of routes share: addresses by short names, messages and routes as text, and a link.
 #pragma once
 

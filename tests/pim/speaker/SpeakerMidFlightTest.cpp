@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A speaker whose interfaces are changed, removed or taken down from inside its own callbacks, and the
 // speaker itself destroyed there.
 #include <gmock/gmock.h>

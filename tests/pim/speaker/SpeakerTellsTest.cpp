@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a speaker tells its observer and its user: what neighbors said last, what was left out, why sending
 // failed, and when the next refresh is.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A speaker as its user sees it: interfaces, packets and time in, packets and events out.
 #include "pim/speaker/Speaker.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Upstream routes under changes in any order, and under changes from inside their own changes.
 #include <random>
 #include <set>

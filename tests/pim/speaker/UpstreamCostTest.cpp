@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What upstream routes cost when there are very many of them.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What other routers ask of our upstream neighbors, and the (S,G,rpt) prunes beside a (*,G) join.
 #include "tests/pim/speaker/UpstreamScene.h"
 

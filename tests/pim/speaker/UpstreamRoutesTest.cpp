@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What this router wants, as it is sent: (*,G) and (S,G) towards neighbors that come and end.
 #include "tests/pim/speaker/UpstreamScene.h"
 

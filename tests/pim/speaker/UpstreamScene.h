@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Upstream routes over an engine and a packet manager, on a clock that the test moves.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What tests of bytes share: bytes from hex, and their checksum.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The coder of Hellos against bytes written by hand from RFC 7761, 4.9.2, and against itself.
 #include "pim/wire/Hello.h"
 

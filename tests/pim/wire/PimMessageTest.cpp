@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The codec against bytes written by hand from RFC 7761, 4.9, and against itself.
 #include "pim/wire/PimMessage.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Trace files that Scrivo would not write, byte by byte.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A temporary directory for trace files, and what they contain as text.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attributes by name, and values in text.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What callbacks do to the entity that calls them, for every kind of attribute: each kind meets each misdeed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The operations of collection attributes, and what they deliver.
 #include "runtime/vel/Collection.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An entity class that others derive from, and one that derives from it as Attribute.h shows.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Senders choose their addresses: an attacker who picked them knows the hash function, but not the
 // seed.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The containers behind the collections, against the standard ones.
 #include "runtime/vel/detail/HashTable.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A small world for the tests of the framework: a lamp has an attribute of every kind, a recorder notes in
 // text what it hears of one.
 #pragma once

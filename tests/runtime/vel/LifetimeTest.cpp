@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ends in the middle of things, and collections that are filled and emptied in their own order.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

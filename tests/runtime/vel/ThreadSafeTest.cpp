@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counting by several threads. Also built by itself under TSan; see tests/CMakeLists.txt.
 #include <gtest/gtest.h>
 

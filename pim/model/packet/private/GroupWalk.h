@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A walk over very many groups. Not part of the library's interface.
 #pragma once
 
