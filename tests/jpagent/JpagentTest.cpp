@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "jpagent/capture/FrameBuilder.h"
+#include "tests/Thorough.h"
 #include "tests/jpagent/Support.h"
 #include "tests/jpagent/TsharkJson.h"
 
@@ -595,7 +596,7 @@ std::vector<TimedFrame> hellosOfManySenders(unsigned count, bool crowd) {
 }
 
 TEST_F(JpagentTest, SendersChosenForTheFixedSeedOfTheHashTakeNoLongerThanOthers) {
-  constexpr unsigned count = 16'000;
+  unsigned const count = thorough() ? 16'000 : 4'000;
   TemporaryFolder const other;
   auto const crowding = writeCapture(folder_, DLT_RAW, hellosOfManySenders(count, true));
   auto const usual = writeCapture(other, DLT_RAW, hellosOfManySenders(count, false));
