@@ -4,6 +4,32 @@
 
 namespace Routing::Pim::Jpagent::Live {
 
+namespace {
+
+// What a metric counts.
+std::string_view helpOf(std::string_view metric) {
+  constexpr std::pair<std::string_view, std::string_view> texts[] = {
+      {"hellos_sent", "Hello messages sent."},
+      {"join_prunes_sent", "Join/Prune messages sent."},
+      {"sent_later", "Messages that the system wanted later."},
+      {"sending_failed", "Messages that could not be sent."},
+      {"override_interval_changes", "Changes of the override interval of an interface."},
+      {"upstream_routes", "Routes that are wanted from upstream neighbors."},
+      {"neighbors", "PIM neighbors that are up."},
+      {"downstream_routes", "Routes that neighbors have asked of this router."},
+      {"entries_ignored", "Entries of Join/Prune messages that were not taken, by the reason."},
+      {"sending_failures", "Messages that could not be sent, by the reason."},
+      {"received", "PIM messages received, by what became of them."},
+      {"refused", "PIM messages refused, by the reason."},
+      {"system", "What the system counts."},
+  };
+  for (auto const& [name, text] : texts)
+    if (name == metric) return text;
+  return "A number of this program.";
+}
+
+}  // namespace
+
 // Several of one metric differ by a label: how often packets were refused, by the reason.
 struct LiveSpeaker::Counter {
   std::string_view metric;
@@ -86,8 +112,10 @@ void LiveSpeaker::showPrometheus() {
   std::string_view latest;
   for (auto const& counter : counters()) {
     auto const name = fmt::format("jpagent_{}{}", counter.metric, counter.isGauge ? "" : "_total");
-    if (std::exchange(latest, counter.metric) != counter.metric)
+    if (std::exchange(latest, counter.metric) != counter.metric) {
+      lines.push_back(fmt::format("# HELP {} {}", name, helpOf(counter.metric)));
       lines.push_back(fmt::format("# TYPE {} {}", name, counter.isGauge ? "gauge" : "counter"));
+    }
     auto const label = counter.label.empty()
                            ? std::string()
                            : fmt::format("{{{}=\"{}\"}}", counter.label, escaped(counter.labelled));

@@ -136,7 +136,8 @@ void LiveSpeaker::joinPruneSent(Speaker::OutgoingPacket const& packet) {
 
 void LiveSpeaker::packetUndelivered(Speaker::UndeliveredPacket const& packet) {
   using enum Speaker::Verdict;
-  if (packet.verdict == otherType) return;  // counted
+  // Counted alone. What neighbors send while this router does not serve the family is no fault of theirs.
+  if (packet.verdict == otherType || packet.verdict == noLink) return;
   auto const& from = packet.packet.source;
   Json const source = from == IpGenAddr() ? Json(nullptr) : Json(toText(from));  // not even an IP header
   if (packet.verdict == ownPacket) {

@@ -46,6 +46,15 @@ void traceLevelsAre(std::vector<U32> const& levels) {
   for (U32 const level : levels) handle.levelIs(level, true);
 }
 
+// From now on to the end of the process: what watched them is about to end, and a signal that asks for the
+// end must not replace the exit status.
+void keepSignalsOut() {
+  sigset_t ending;
+  sigemptyset(&ending);
+  for (int const signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, signal);
+  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+}
+
 class LiveRun final : private LiveOutside, private InterfacesOwner {
  public:
   LiveRun(RunOptions const& options, LiveSettings settings, Configuration configuration);
@@ -97,7 +106,11 @@ class LiveRun final : private LiveOutside, private InterfacesOwner {
 LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration configuration)
     : options_(options), json_(options.json), loop_([this] { beforeWaiting(); }), interfaces_(loop_, *this) {
   settings.json = json_;
-  // First what another process may have: its files must not be replaced.
+  // Who finds the control socket may send a signal.
+  onInterrupt_.emplace(loop_.uv(), SIGINT, [this] { quit(); });
+  onTerminate_.emplace(loop_.uv(), SIGTERM, [this] { quit(); });
+  onHangup_.emplace(loop_.uv(), SIGHUP, [this] { reload(); });
+  // Now what another process may have: its files must not be replaced.
   openControl(options_.control.empty() ? configuration.control : options_.control);
   outputs_.emplace(loop_, options_);
   if (outputs_->isRecording()) settings.record = [this](std::string_view line) { outputs_->record(line); };
@@ -112,9 +125,6 @@ LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration
 
   stdin_.emplace(loop_.uv(), STDIN_FILENO, [this](int) { readInput(); });
   stdin_->eventsAre(UV_READABLE);
-  onInterrupt_.emplace(loop_.uv(), SIGINT, [this] { quit(); });
-  onTerminate_.emplace(loop_.uv(), SIGTERM, [this] { quit(); });
-  onHangup_.emplace(loop_.uv(), SIGHUP, [this] { reload(); });
   keepOnlyNetRaw();
   notifySystemd("READY=1");
   if (auto const period = watchdogPeriod())
@@ -138,6 +148,7 @@ void LiveRun::openControl(std::string const& path) {
 
 int LiveRun::run() {
   loop_.run();
+  keepSignalsOut();
   notifySystemd("STOPPING=1");
   server_.reset();
   return outputs_->finish() && !hasFailed_ ? allFine : cannotDo;

@@ -31,12 +31,18 @@ std::string_view stateOf(Speaker::UpstreamRoute const& route) {
   return "waiting";
 }
 
+// Without a fraction if there is none.
+Json secondsShown(Seconds seconds) {
+  if (seconds == std::floor(seconds)) return static_cast<U64>(seconds);
+  return seconds;
+}
+
 Json settingsShown(SpeakerInterfaceSettings const& settings) {
   auto const& delay = settings.hello.lanPruneDelay;
   return {{"hello", settings.hello.period},
           {"hello_hold", Speaker::announcedHoldTime(settings.hello)},
           {"hello_delay", settings.hello.triggeredDelay},
-          {"interval", settings.joinPruneInterval},
+          {"interval", secondsShown(settings.joinPruneInterval)},
           {"hold", settings.joinPruneHoldTime},
           {"override", delay.overrideInterval / 1000.0},
           {"propagation", delay.propagationDelay / 1000.0},

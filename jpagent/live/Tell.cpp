@@ -71,6 +71,7 @@ int runTell(std::string const& path, std::string const& command, bool json) {
   if (!sendAll(descriptor, fmt::format("json {}\n{}\n", json ? "on" : "off", command)))
     return cannot(fmt::format("{}: {}", path, std::strerror(errno)));
   bool const stays = command == "events on";
+  bool const isForScraper = !json && command.ends_with("--prometheus");  // which takes no "ok"
   bool isChosen = false, isAnswered = false;
   int status = allFine;
   Lines lines;
@@ -84,7 +85,7 @@ int runTell(std::string const& path, std::string const& command, bool json) {
       bool const isForm = !isChosen;  // the reply to "json"
       if (isForm) isChosen = kind != LineKind::more;
       if (isForm || (isAnswered && !stays)) return;
-      std::cout << line << '\n';
+      if (!isForScraper || kind != LineKind::good) std::cout << line << '\n';
       if (isAnswered || kind == LineKind::more) return;
       isAnswered = true;
       if (kind == LineKind::bad) status = somethingRefused;

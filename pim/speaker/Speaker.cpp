@@ -14,6 +14,8 @@ namespace Routing::Pim::Speaker {
 
 namespace {
 
+constexpr Seconds mostInterval = 1e9;
+
 // The engine must not see an address of unknown family, so what the hook does not know is the message's RP.
 class RpOfHook final : public RpHashComputeStatus {
  public:
@@ -46,8 +48,11 @@ void requireValid(std::string_view name, std::vector<Dova::IpGenPrefix> const& a
     if (!isUnicast(address.ipGenAddr()))
       throw Vel::RangeException(Wire::concatenated(name, ": address ", toText(address), " is not unicast"));
   }
-  if (settings.joinPruneInterval == 0)
-    throw Vel::RangeException(Wire::concatenated(name, ": Join/Prune interval of 0 s"));
+  Seconds const interval = settings.joinPruneInterval;
+  if (!(interval > 0 && interval <= mostInterval)) {
+    throw Vel::RangeException(Wire::concatenated(name, ": Join/Prune interval of ",
+                                                 interval == 0 ? "0" : std::to_string(interval), " s"));
+  }
   requireValid(settings.hello);
 }
 

@@ -107,12 +107,12 @@ struct SpeakerSettings {
 
 /// What an interface is configured with. The defaults are those of RFC 7761, 4.11.
 struct InterfaceSettings {
-  U32 mtu = 1500;                 ///< Bytes of a whole IP packet.
-  bool pointToPoint = false;      ///< A Join/Prune to the unspecified address is for this router.
-  U32 joinPruneInterval = 60;     ///< t_periodic, in seconds, not 0.
-  U16 joinPruneHoldTime = 210;    ///< J/P_HoldTime, in seconds.
-  HelloSettings hello{};          ///< Hellos and the limit on neighbors.
-  DownstreamLimits downstream{};  ///< Of each family.
+  U32 mtu = 1500;                  ///< Bytes of a whole IP packet.
+  bool pointToPoint = false;       ///< A Join/Prune to the unspecified address is for this router.
+  Seconds joinPruneInterval = 60;  ///< t_periodic, in seconds, greater than 0.
+  U16 joinPruneHoldTime = 210;     ///< J/P_HoldTime, in seconds.
+  HelloSettings hello{};           ///< Hellos and the limit on neighbors.
+  DownstreamLimits downstream{};   ///< Of each family.
 
   friend bool operator==(InterfaceSettings const& a, InterfaceSettings const& b) = default;
 };

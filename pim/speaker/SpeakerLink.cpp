@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "pim/speaker/private/SpeakerLink.h"
 
+#include <algorithm>
+#include <cmath>
 #include <stdexcept>
 
 #include "pim/joinprune/private/RecordAccess.h"
@@ -13,6 +15,12 @@ namespace {
 
 // How often the engine's override interval is raised at once in a Hello_Period, before it waits for the next.
 constexpr U32 raisesAtOnce = 3;
+
+// After a refresh that is due, so that it is through.
+constexpr Seconds paceDelay = 0.001;
+
+// The engine's interval is in whole seconds; what a fraction is less than that, keepPace() sees to.
+U32 wholeInterval(Seconds interval) { return static_cast<U32>(std::ceil(interval)); }
 
 // What tells the packet manager that nothing was sent.
 struct NotSent : std::runtime_error {
@@ -40,7 +48,8 @@ SpeakerLink::SpeakerLink(Speaker& speaker, Dova::IntfId const& intf, AddressFami
       intf_(intf),
       family_(family),
       downstream_(*this, *this, *speaker.upstream_),
-      overrideTimer_(speaker.wheel_, [this] { overrideTimerExpired(); }) {
+      overrideTimer_(speaker.wheel_, [this] { overrideTimerExpired(); }),
+      paceTimer_(speaker.wheel_, [this] { keepPace(); }) {
   observers_.reserve(2);  // Nothing may fail once the upstream routes know of this link.
   observers_.push_back(&downstream_);
   observers_.push_back(&speaker.upstream_->linkIs(*this));
@@ -86,7 +95,7 @@ void SpeakerLink::bringUp() {
   engine.intf = engine.status->pimIntfIs(intf_);
   engine.intf->usedAddressWithMaskIs(setup.primary);
   engine.intf->joinPruneHoldTimeIs(setup.settings.joinPruneHoldTime);
-  engine.intf->joinPruneIntervalIs(setup.settings.joinPruneInterval);
+  engine.intf->joinPruneIntervalIs(wholeInterval(setup.settings.joinPruneInterval));
   engine.intf->usedOverrideIntervalInSecondsIs(setup.settings.hello.lanPruneDelay.overrideInterval / 1000.0);
   engine.dataSets = joinPruneStatusFactory();
   engine.dataSets->periodicGroupStatusIs(Vel::create<Packet::JoinPruneStatus>());
@@ -117,6 +126,7 @@ void SpeakerLink::bringDown() {
   forObservers([](LinkObserver& observer) { observer.linkDown(); });
   if (watch.ended()) return;
   overrideTimer_.stop();
+  paceTimer_.stop();
   raises_ = 0;
   present_ = {};
   neighbors_.reset();
@@ -135,10 +145,12 @@ void SpeakerLink::adjust() {
   engine.intf->usedAddressWithMaskIs(setup.primary);  // with another mask length
   engine.intf->joinPruneHoldTimeIs(setup.settings.joinPruneHoldTime);
   bool const isShorter = setup.settings.joinPruneInterval < engine.intf->joinPruneInterval();
-  engine.intf->joinPruneIntervalIs(setup.settings.joinPruneInterval);
+  engine.intf->joinPruneIntervalIs(wholeInterval(setup.settings.joinPruneInterval));
   engine.manager->mtuIs(intf_, setup.settings.mtu);
   if (watch.ended() || !neighbors_) return;
-  if (isShorter) refreshesNoLaterThan(speaker_.wheel_->now() + setup.settings.joinPruneInterval);
+  if (isShorter || hasFraction())
+    refreshesNoLaterThan(speaker_.wheel_->now() + setup.settings.joinPruneInterval);
+  keepPace();
   if (watch.ended() || !neighbors_) return;
   neighbors_->settingsIs(setup.settings.hello);
   if (watch.ended() || !neighbors_) return;
@@ -163,7 +175,10 @@ void SpeakerLink::send(OutgoingPacket const& packet) {
   if (hello == Sent::later || same.ended()) throw NotSent();
   Sent const sent = speaker_.send(Wire::PimType::joinPrune, intf_, packet.source, packet.bytes);
   if (sent == Sent::later) throw NotSent();
-  if (watch.ended() || sent == Sent::failed) return;
+  if (watch.ended()) return;
+  // The machine arms its timer once this is sent.
+  if (!same.ended() && hasFraction()) paceTimer_.armAt(speaker_.wheel_->now());
+  if (sent == Sent::failed) return;
   if (SpeakerObserver* const observer = speaker_.settings_.observer)
     callOut("SpeakerLink", "send", [&] { observer->joinPruneSent(packet); });
 }
@@ -279,6 +294,28 @@ void SpeakerLink::refreshesNoLaterThan(Seconds time) {
     auto const timer = periodic ? periodic->periodicTimer() : nullptr;
     if (timer && timer->armed() && timer->timeMin() > time) timer->timeMinIs(time);
   }
+}
+
+bool SpeakerLink::hasFraction() const {
+  return neighbors_ && present_.settings.joinPruneInterval < engine_.intf->joinPruneInterval();
+}
+
+// Has each machine refresh its next slice by the fraction earlier, and looks again after the first of them.
+void SpeakerLink::keepPace() {
+  if (!hasFraction()) return paceTimer_.stop();
+  Seconds const part = present_.settings.joinPruneInterval / engine_.intf->joinPruneInterval();
+  Seconds const now = speaker_.wheel_->now();
+  Seconds earliest = Vel::never;
+  for (auto const& neighbor : neighbors_->snapshot()) {
+    auto const machine = engine_.machine->joinPruneNeighborSm(neighbor.address);
+    auto const periodic = machine ? machine->joinPrunePeriodicTimerSm() : nullptr;
+    auto const timer = periodic ? periodic->periodicTimer() : nullptr;
+    if (!timer || !timer->armed()) continue;
+    Seconds const latest = now + periodic->periodicParams().interval * part;
+    if (timer->timeMin() > latest) timer->timeMinIs(latest);
+    earliest = std::min(earliest, timer->timeMin());
+  }
+  paceTimer_.armAt(earliest == Vel::never ? Vel::never : std::max(earliest, now) + paceDelay);
 }
 
 Seconds SpeakerLink::nextRefresh(IpGenAddr const& address) const {

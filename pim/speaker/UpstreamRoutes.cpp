@@ -106,6 +106,8 @@ void UpstreamRoutes::move(Joined& joined, UpstreamNeighbor const& upstream, IpGe
                           Manner manner) {
   Target& target = targetIs(upstream);
   Target& old = *joined.target;
+  bool const isSameNeighbor = &old.slot == &target.slot && old.neighbor == target.neighbor;
+  if (isSameNeighbor && rp == joined.rp && isSettled(old)) return rename(joined, target);
   Place const place = placeOf(old);
   Route const route = joined.route;
   IpGenAddr const oldRp = joined.rp;
@@ -120,6 +122,21 @@ void UpstreamRoutes::move(Joined& joined, UpstreamNeighbor const& upstream, IpGe
   Writer writer(*this, keyOf(route), joined.version);
   writeLeave(place, route, oldRp, manner.isPruned);
   if (writer.current()) writeJoin(joined, manner.isAtOnce);
+}
+
+// Whether its neighbor has been told of all routes towards it, or is about to be.
+bool UpstreamRoutes::isSettled(Target const& target) {
+  return target.isUp() && target.unwritten.alone() && !(target.timer && target.timer->armed());
+}
+
+// Another address of the neighbor that has the join: there is nothing to send.
+void UpstreamRoutes::rename(Joined& joined, Target& target) {
+  Target& old = *joined.target;
+  joined.TargetHook::join(target.routes);
+  joined.target = &target;
+  ++target.joined;
+  --old.joined;
+  releaseTarget(old);
 }
 
 std::size_t UpstreamRoutes::moveAll(UpstreamNeighbor const& from, UpstreamNeighbor const& to,

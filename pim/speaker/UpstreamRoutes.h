@@ -205,6 +205,8 @@ class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoi
     return {isRouting, isRouting};
   }
   void move(Joined& joined, UpstreamNeighbor const& upstream, IpGenAddr const& rp, Manner manner);
+  static bool isSettled(Target const& target);
+  void rename(Joined& joined, Target& target);
   void writeJoin(Joined& joined, bool isAtOnce);
   void putJoin(Joined& joined, bool isAtOnce);
   void writeLeave(Place const& place, Route const& route, IpGenAddr const& rp, bool isPruned);

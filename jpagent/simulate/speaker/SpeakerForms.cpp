@@ -28,12 +28,6 @@ U16 takeHoldTime(Words& words) {
       std::max(1.0, std::floor(words.number<Seconds>(0.001, 65535, "a hold time in seconds"))));
 }
 
-// The engine's interval is in whole seconds.
-U32 takeInterval(Words& words) {
-  return static_cast<U32>(
-      std::max(1L, std::lround(words.number<Seconds>(0.001, 65535, "an interval in seconds"))));
-}
-
 // A setting of Hellos, or nothing.
 SpeakerInterfaceCommand::Change takeHelloSetting(Words& words) {
   if (words.taken("hello")) {
@@ -79,9 +73,8 @@ SpeakerInterfaceCommand::Change takeHelloSetting(Words& words) {
 // A setting of Join/Prunes, or nothing.
 SpeakerInterfaceCommand::Change takeJoinPruneSetting(Words& words) {
   if (words.taken("interval")) {
-    return [interval = takeInterval(words)](InterfaceSettings& settings) {
-      settings.joinPruneInterval = interval;
-    };
+    return [interval = words.number<Seconds>(0.001, 65535, "an interval in seconds")](
+               InterfaceSettings& settings) { settings.joinPruneInterval = interval; };
   }
   if (words.taken("hold")) {
     return [hold = takeHoldTime(words)](InterfaceSettings& settings) {

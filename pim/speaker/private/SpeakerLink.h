@@ -116,6 +116,8 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
   void overrideTimerExpired();
   void remakeMachine(IpGenAddr const& neighbor);
   void refreshesNoLaterThan(Seconds time);
+  bool hasFraction() const;
+  void keepPace();
 
   // Fixed at construction.
   Speaker& speaker_;
@@ -132,7 +134,8 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
 
   // The engine's override interval: it was changed last within this Hello_Period while the timer is armed.
   Timer overrideTimer_;
-  U32 raises_ = 0;  // Within it.
+  U32 raises_ = 0;   // Within it.
+  Timer paceTimer_;  // Of an interval that is not in whole seconds.
   Life life_;
 };
 

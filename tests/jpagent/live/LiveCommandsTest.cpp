@@ -198,7 +198,7 @@ TEST_F(LiveCommandsTest, SettingsHoldForBothFamiliesAndSecondsMayHaveFractions) 
   Json const row = show("interfaces")[0];
   EXPECT_EQ(row["hello"], 2.5);
   EXPECT_EQ(row["hello_hold"], 9);
-  EXPECT_EQ(row["interval"], 7);
+  EXPECT_EQ(row["interval"], 7.4);
   EXPECT_EQ(row["hold"], 20);
   EXPECT_EQ(row["override"], 1.25);
   EXPECT_EQ(row["propagation"], 0.3);
@@ -224,8 +224,10 @@ TEST_F(LiveCommandsTest, HoldTimesFollowTheirIntervalsUnlessTheyWereGivenAndAreA
   EXPECT_EQ(shown("hold"), 3);
   ok("interface eth0 hello 0.1 interval 0.1");
   EXPECT_EQ(shown("hello_hold"), 1);
-  EXPECT_EQ(shown("interval"), 1);
-  EXPECT_EQ(shown("hold"), 3);
+  EXPECT_EQ(shown("interval"), 0.1);
+  EXPECT_EQ(shown("hold"), 1);
+  ok("interface eth0 interval 2.5");
+  EXPECT_EQ(shown("hold"), 8);
   ok("interface eth0 hello-hold 50 hold 0.5");
   EXPECT_EQ(shown("hold"), 1);
   ok("interface eth0 hello 10 interval 10");

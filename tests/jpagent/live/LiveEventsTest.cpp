@@ -105,6 +105,18 @@ TEST_F(LiveEventsTest, AnAddressThatCannotBeIsAnErrorAndTheInterfaceStaysAsItWas
 
 // --- neighbor
 
+TEST_F(LiveEventsTest, WhileAnInterfaceDoesNotServeAFamilyItsPacketsAreCountedAndNoEvent) {
+  interface();
+  take();
+  joinPrune("fe80::2", "fe80::1", {{join, "2001:db8::9", "ff3e::1"}});
+  hello("fe80::2");
+  ok("interface eth0 down");
+  take();
+  hello("10.0.0.2");
+  EXPECT_THAT(take(), IsEmpty());
+  EXPECT_EQ(counter("received: no primary address of the family"), 3u);
+}
+
 TEST_F(LiveEventsTest, ANeighborIsUpWithWhatItSaidAndNullForWhatItDidNot) {
   interface();
   take();

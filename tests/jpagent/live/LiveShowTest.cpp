@@ -107,9 +107,22 @@ TEST_F(LiveShowTest, CountersAreNamesAndNumbersAlsoInTheFormatOfPrometheus) {
   std::string const text = textOf(reply->event);
   EXPECT_TRUE(text.ends_with("\nok")) << text;
   std::set<std::string> samples;
+  std::string described;  // HELP and TYPE come before the samples of a metric, which are in one place
+  std::set<std::string> metrics;
   std::istringstream lines(text.substr(0, text.size() - 3));
   for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with("# TYPE ")) continue;
+    if (line.starts_with("# HELP ")) {
+      EXPECT_THAT(line, testing::MatchesRegex(R"j(# HELP jpagent_[a-z_]+ [A-Z][A-Za-z/, ]+\.)j"));
+      described = line.substr(7, line.find(' ', 7) - 7);
+      EXPECT_TRUE(metrics.insert(described).second) << described << " comes twice";
+      EXPECT_THAT(line, testing::Not(HasSubstr("A number of this program")));
+      continue;
+    }
+    if (line.starts_with("# TYPE ")) {
+      EXPECT_THAT(line, testing::MatchesRegex("# TYPE " + described + " (counter|gauge)"));
+      continue;
+    }
+    EXPECT_EQ(line.substr(0, line.find_first_of("{ ")), described) << line;
     EXPECT_THAT(line, testing::MatchesRegex(R"j([a-z_]+(\{[a-z]+="[^"]*"\})? [0-9]+)j"));
     EXPECT_TRUE(samples.insert(line.substr(0, line.rfind(' '))).second) << line << " comes twice";
   }

@@ -220,6 +220,32 @@ TEST_F(SpeakerTellsTest, AShorterIntervalIsTakenOverByTheRefreshThatIsUnderWay) 
   EXPECT_EQ(speaker_->nextRefresh({Dova::IntfId("eth1"), IpGenAddr("10.0.0.2")}), Vel::never);
 }
 
+TEST_F(SpeakerTellsTest, AnIntervalMayHaveAFraction) {
+  hello(65535, 7, 3);
+  join();
+  pass(10);
+  for (Seconds const interval : {2.5, 0.5, 61.25}) {
+    InterfaceSettings settings;
+    settings.joinPruneInterval = interval;
+    interface("eth0", settings);
+    Seconds const changed = now_;
+    joinPruneTimes_.clear();
+    pass(4.1 * interval);
+    ASSERT_GE(joinPruneTimes_.size(), 4u) << interval;
+    for (int i = 0; i < 4; ++i) {
+      // The first one, of a longer interval than before, was due already.
+      EXPECT_LE(joinPruneTimes_[i], changed + (i + 1) * interval + 0.01) << interval;
+      if (i > 0) EXPECT_NEAR(joinPruneTimes_[i] - joinPruneTimes_[i - 1], interval, 0.01) << interval;
+    }
+  }
+  // That of a route that is joined while it holds.
+  speaker_->upstream().joinDel({IpGenAddr("10.9.0.1"), IpGenAddr("239.1.1.1")});
+  pass(200);
+  join(7);
+  pass(0.1);
+  EXPECT_LE(speaker_->nextRefresh(upstream_), now_ - 0.1 + 61.25 + 0.01);
+}
+
 TEST_F(SpeakerTellsTest, AShorterIntervalIsThatOfEachSliceOfManyRoutes) {
   hello(65535, 7, 3);
   for (int i = 0; i < 5000; ++i) join(i);

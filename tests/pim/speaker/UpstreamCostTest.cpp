@@ -135,7 +135,7 @@ class HelloCostTest : public testing::Test, public Sink {
   void settle(U32 routes) {
     sent.assign(routes, -1);
     speaker = std::make_unique<Speaker>(wheel, *this);
-    speaker->interfaceIs("eth0", {"10.0.0.1/24"}, {.joinPruneInterval = static_cast<U32>(interval)});
+    speaker->interfaceIs("eth0", {"10.0.0.1/24"}, {.joinPruneInterval = static_cast<Seconds>(interval)});
     pass(6);
     hello(number);
     for (U32 n = 0; n < routes; ++n)

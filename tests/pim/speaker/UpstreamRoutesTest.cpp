@@ -166,6 +166,24 @@ TEST_P(UpstreamRoutesTest, ARouteMayNameItsNeighborByASecondaryAddress) {
   EXPECT_EQ(sending("(S1,G1)"), "neighbor down");
 }
 
+TEST_P(UpstreamRoutesTest, AnotherAddressOfTheSameNeighborIsNoMove) {
+  eth0.link.secondary[names.address("N77")] = names.address("N1");
+  join("(S1,G1)", "N1");
+  join("(*,G1)", "N1");
+  EXPECT_THAT(sentUntil(1), ElementsAre("N1: join (*,G1) R1, join (S1,G1)"));
+  join("(S1,G1)", "N77");
+  join("(*,G1)", "N77");
+  EXPECT_THAT(sentUntil(2), IsEmpty());
+  EXPECT_THAT(sentUntil(62), ElementsAre("N1: join (*,G1) R1, join (S1,G1)"));
+  // It is the address that counts from now on.
+  eth0.link.secondary[names.address("N77")] = names.address("N2");
+  eth0.observer->neighborAddressesChanged(names.address("N2"));
+  EXPECT_THAT(sentUntil(63),
+              UnorderedElementsAre("N1: prune (*,G1) R1, prune (S1,G1)", "N2: join (*,G1) R1, join (S1,G1)"));
+  join("(S1,G1)", "N1");
+  EXPECT_THAT(sentUntil(64), UnorderedElementsAre("N2: prune (S1,G1)", "N1: join (S1,G1)"));
+}
+
 TEST_P(UpstreamRoutesTest, ARouteFollowsTheAddressThatItNamesToTheNeighborThatHasIt) {
   eth0.link.secondary[names.address("N77")] = names.address("N1");
   join("(S1,G1)", "N77");
