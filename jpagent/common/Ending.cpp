@@ -14,6 +14,7 @@
 #include <new>
 
 #include "jpagent/common/Output.h"
+#include "jpagent/common/Progress.h"
 #include "runtime/scrivo/OutputFile.h"
 #include "runtime/scrivo/TraceFile.h"
 
@@ -92,7 +93,17 @@ void handle(int signal, void (*handler)(int)) {
   sigaction(signal, &action, nullptr);
 }
 
+volatile std::sig_atomic_t hasInterrupt = 0;
+
+void interruptedOnce(int) {
+  hasInterrupt = 1;
+  handle(SIGINT, toldToEnd);
+}
+
 }  // namespace
+
+void awaitInterrupt() { handle(SIGINT, interruptedOnce); }
+bool interrupted() { return hasInterrupt != 0; }
 
 int cannot(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');
