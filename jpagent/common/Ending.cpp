@@ -93,17 +93,14 @@ void handle(int signal, void (*handler)(int)) {
   sigaction(signal, &action, nullptr);
 }
 
-volatile std::sig_atomic_t hasInterrupt = 0;
-
 void interruptedOnce(int) {
-  hasInterrupt = 1;
+  interruptIs();
   handle(SIGINT, toldToEnd);
 }
 
 }  // namespace
 
 void awaitInterrupt() { handle(SIGINT, interruptedOnce); }
-bool interrupted() { return hasInterrupt != 0; }
 
 int cannot(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');

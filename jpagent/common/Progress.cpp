@@ -4,9 +4,20 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <iostream>
 
 namespace Routing::Pim::Jpagent {
+
+namespace {
+
+volatile std::sig_atomic_t hasInterrupt = 0;
+
+}  // namespace
+
+// Not with the handler in Ending.cpp: that has all programs that it is linked into end when memory runs out.
+void interruptIs() noexcept { hasInterrupt = 1; }
+bool interrupted() { return hasInterrupt != 0; }
 
 Progress* Progress::shown_ = nullptr;
 

@@ -43,6 +43,8 @@ class Progress {
 
 /// From here on a first SIGINT only makes interrupted() true. A second one ends the process.
 void awaitInterrupt();
+/// There was one. Async-signal-safe.
+void interruptIs() noexcept;
 /// Whether there was one since awaitInterrupt().
 bool interrupted();
 
