@@ -84,6 +84,8 @@ Capture::Capture(std::string const& path) : path_(path), pcap_(nullptr, pcap_clo
   if (S_ISDIR(status.st_mode)) fail(path, std::strerror(EISDIR));
   if (S_ISREG(status.st_mode) && status.st_size == 0) fail(path, "the file is empty");
 
+  if (S_ISREG(status.st_mode)) size_ = static_cast<U64>(status.st_size);
+
   int const firstByte = std::fgetc(file.get());
   if (firstByte != EOF) std::ungetc(firstByte, file.get());
   if (firstByte == firstOfPcapng) {
@@ -108,6 +110,11 @@ Capture::Capture(std::string const& path) : path_(path), pcap_(nullptr, pcap_clo
 }
 
 Capture::~Capture() = default;
+
+U64 Capture::bytesRead() const {
+  long const at = pcapng_ ? pcapng_->position() : std::ftell(pcap_file(pcap_.get()));
+  return at < 0 ? 0 : static_cast<U64>(at);
+}
 
 bool Capture::next(Frame& frame) { return pcapng_ ? nextOfPcapng(frame) : nextOfPcap(frame); }
 

@@ -50,12 +50,17 @@ class Capture {
   /// all frames are such, CaptureError is thrown at the end.
   bool next(Frame& frame);
 
+  /// How many bytes of the file have been read, and how many there are; 0 if it is no regular file.
+  U64 bytesRead() const;
+  U64 size() const { return size_; }
+
  private:
   bool nextOfPcap(Frame& frame);
   bool nextOfPcapng(Frame& frame);
   Vel::Seconds sinceFirst(long long seconds, long long nanoseconds);
 
   std::string path_;
+  U64 size_ = 0;
   std::unique_ptr<pcap, void (*)(pcap*)> pcap_;  // null for a pcapng file
   std::unique_ptr<PcapngReader> pcapng_;
   LinkType link_ = LinkType::ethernet;

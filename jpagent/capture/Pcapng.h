@@ -48,6 +48,9 @@ class PcapngReader {
   /// False after the last packet. Throws PcapngError if the file is damaged there, or cannot be read.
   bool next(Packet& packet);
 
+  /// In the file, in bytes; negative in a pipe.
+  long position() const { return std::ftell(file_.get()); }
+
  private:
   struct Interface {
     U16 linkType;

@@ -15,6 +15,7 @@
 #include <new>
 
 #include "jpagent/common/Output.h"
+#include "jpagent/common/Progress.h"
 #include "runtime/scrivo/OutputFile.h"
 #include "runtime/scrivo/TraceFile.h"
 
@@ -93,7 +94,14 @@ void handle(int signal, void (*handler)(int)) {
   sigaction(signal, &action, nullptr);
 }
 
+void interruptedOnce(int) {
+  interruptIs();
+  handle(SIGINT, toldToEnd);
+}
+
 }  // namespace
+
+void awaitInterrupt() { handle(SIGINT, interruptedOnce); }
 
 int cannot(std::string text) {
   std::replace(text.begin(), text.end(), '\n', ' ');

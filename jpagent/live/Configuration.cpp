@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "jpagent/common/Options.h"
+#include "jpagent/common/Progress.h"
 #include "jpagent/live/Interfaces.h"
 #include "jpagent/live/LiveSpeaker.h"
 
@@ -224,7 +225,11 @@ void check(Configuration const& configuration, std::vector<std::string> const& o
     for (auto const& setting : settings)
       perform(fmt::format("interface {} {}", name, setting.words), setting.place);
   }
-  for (auto const& [route, rest] : configuration.routes) perform(commandOf(route, rest), rest.place);
+  U64 done = 0;
+  for (auto const& [route, rest] : configuration.routes) {
+    Progress::at(done++, configuration.routes.size());
+    perform(commandOf(route, rest), rest.place);
+  }
 }
 
 }  // namespace Routing::Pim::Jpagent::Live

@@ -16,6 +16,7 @@
 
 #include "jpagent/common/Ending.h"
 #include "jpagent/common/Output.h"
+#include "jpagent/common/Progress.h"
 #include "jpagent/live/Configuration.h"
 #include "jpagent/live/ControlServer.h"
 #include "jpagent/live/Interfaces.h"
@@ -264,7 +265,10 @@ void LiveRun::configure(Configuration const& next) {
     speaker.interfaceGiven(name);
     interfaces_.add(name);
   }
-  for (auto const& command : commandsBetween(configuration_, next)) {
+  auto const commands = commandsBetween(configuration_, next);
+  U64 done = 0;
+  for (auto const& command : commands) {
+    Progress::at(done++, commands.size());
     auto const reply = speaker.command(command, Asker::configuration);
     if (reply && !reply->ok)
       speaker.error("configuration", command + ": " + reply->event.members.value("error", ""));
@@ -351,6 +355,7 @@ int runLive(RunOptions const& options) {
       throw std::runtime_error(fmt::format("\"{}\" cannot be the name of an interface", name));
   Configuration configuration;
   if (!options.configFile.empty()) {
+    Progress const progress("run: checking the configuration", Progress::Beside::nothing);
     configuration = Configuration::fromFile(options.configFile);
     check(configuration, options.interfaces);
   }
@@ -359,7 +364,10 @@ int runLive(RunOptions const& options) {
     throw std::runtime_error("run needs an interface");
   refuseSharedFiles(outputsOf(options));
   requireRawSockets();
+  std::optional<Progress> progress(std::in_place, "run: routes of the configuration",
+                                   Progress::Beside::nothing);
   LiveRun run(options, std::move(settings), std::move(configuration));
+  progress.reset();
   return run.run();
 }
 

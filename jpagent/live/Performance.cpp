@@ -6,6 +6,7 @@
 #include <cmath>
 #include <ostream>
 
+#include "jpagent/common/Progress.h"
 #include "jpagent/live/Recording.h"
 #include "jpagent/simulate/CommandTable.h"
 #include "jpagent/simulate/Inside.h"
@@ -94,7 +95,9 @@ void Performance::begin(Seconds now, LiveSettings const& settings) {
 
 void Performance::perform() {
   while (next_ < steps_.size()) {
-    auto const& step = steps_[next_++];
+    auto const& step = steps_[next_];
+    if (interrupted()) throw ConversationError(step.line, "interrupted");
+    Progress::at(next_++, steps_.size());
     try {
       auto const recorded = recordedOf(step);
       if (recorded->result) refuse("expected an input: nothing was sent before this line");

@@ -10,6 +10,7 @@
 
 #include "jpagent/common/Ending.h"
 #include "jpagent/common/Output.h"
+#include "jpagent/common/Progress.h"
 #include "jpagent/common/ScrivoRecording.h"
 #include "runtime/vel/Hash.h"
 #include "runtime/vel/Trace.h"
@@ -40,11 +41,17 @@ int runReplay(std::string const& file, ReplayOptions const& options, Report& rep
   Replay machine(options, report);
   std::string damage;
   try {
+    Progress const progress("replay", Progress::Beside::output);
+    awaitInterrupt();
     Frame frame;
-    while (std::cout && capture.next(frame)) machine.frameIs(frame);
+    while (std::cout && !interrupted() && capture.next(frame)) {
+      machine.frameIs(frame);
+      if (frame.number % 64 == 0) Progress::at(capture.bytesRead(), capture.size());
+    }
   } catch (CaptureError const& e) {
     damage = e.what();
   }
+  if (interrupted()) damage = fmt::format("{}: interrupted after frame {}", file, machine.totals().frames);
   report.totals(machine.totals());
   if (!damage.empty()) {
     std::cout.flush();

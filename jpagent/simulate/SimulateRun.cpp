@@ -11,6 +11,7 @@
 #include "jpagent/capture/PcapPackets.h"
 #include "jpagent/common/Ending.h"
 #include "jpagent/common/Output.h"
+#include "jpagent/common/Progress.h"
 #include "jpagent/common/ScrivoRecording.h"
 #include "jpagent/simulate/Simulation.h"
 
@@ -42,6 +43,8 @@ int runSimulate(std::string const& file, SimulateOptions const& options, OtherCo
         return clock != nullptr ? static_cast<U64>(std::llround(clock->now() * 1e6)) : microseconds;
       });
     }
+    Progress const progress("simulate", toFile ? Progress::Beside::nothing : Progress::Beside::output);
+    awaitInterrupt();
     std::ostream& out = toFile ? output : std::cout;
     if (isOther) {
       others.perform(conversation, out, packets ? &*packets : nullptr, microseconds);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "jpagent/simulate/Simulation.h"
+#include "jpagent/common/Progress.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -219,7 +220,10 @@ void Simulation::on(SpeakerCommand const& command) {
 }
 
 void simulate(Conversation const& conversation, Simulation& simulation) {
+  U64 done = 0;
   for (auto const& step : conversation.steps()) {
+    if (interrupted()) throw ConversationError(step.line, "interrupted");
+    Progress::at(done++, conversation.steps().size());
     try {
       simulation.perform(step.command());
     } catch (std::range_error const& e) {

@@ -259,9 +259,10 @@ class Agent {
   }
   void take(double patience) {
     for (auto bytes = process_.read(patience); !bytes.empty(); bytes = process_.read(0)) rest_ += bytes;
-    for (auto at = rest_.find('\n'); at != rest_.npos; at = rest_.find('\n')) {
-      auto const line = rest_.substr(0, at);
-      rest_.erase(0, at + 1);
+    std::size_t begin = 0;
+    for (auto at = rest_.find('\n'); at != rest_.npos; at = rest_.find('\n', begin)) {
+      auto const line = rest_.substr(begin, at - begin);
+      begin = at + 1;
       text_ += line + "\n";
       auto event = Json::parse(line, nullptr, false);
       if (event.is_object())
@@ -269,6 +270,7 @@ class Agent {
       else
         other_ += line + "\n";
     }
+    rest_.erase(0, begin);
     siginfo_t info{};
     if (waitid(P_PID, static_cast<id_t>(process_.id()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
         info.si_pid != 0 && process_.read(0).empty())

@@ -1,0 +1,47 @@
+// Two namespaces with a cable between them, an agent for a test that does not wait long, and what it tells.
+#pragma once
+
+#include "tests/jpagent/live/Lab.h"
+
+#define REQUIRE_NAMESPACES() \
+  if (!noNamespaces().empty()) GTEST_SKIP() << noNamespaces()
+
+namespace Routing::Pim::Jpagent::Live {
+
+inline std::string const quick = " hello 1 hello-delay 0.1";  // settings by which a test need not wait
+
+inline Json neighborUp(std::string const& address) {
+  return {{"event", "neighbor"}, {"state", "up"}, {"address", address}};
+}
+inline Json interfaceIs(std::string const& state, std::string const& address) {
+  return {{"event", "interface"}, {"state", state}, {"address", address}};
+}
+inline Json downstream(std::string const& state, std::string const& route) {
+  return {{"event", "downstream"}, {"state", state}, {"route", route}};
+}
+
+/// Two namespaces, "one" with 10.0.0.1 on its end va of a cable, "two" with 10.0.0.2 on its end vb. No IPv6.
+struct Cable : Lab {
+  Cable() : Lab({"one", "two"}) {
+    for (auto const* const space : {"one", "two"})
+      in(space, "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6");
+    cable("one", "va", "two", "vb");
+    in("one", "ip address add 10.0.0.1/24 dev va");
+    in("two", "ip address add 10.0.0.2/24 dev vb");
+  }
+};
+
+/// An agent with such settings on an interface.
+struct QuickAgent : Agent {
+  QuickAgent(Lab const& lab, std::string const& space, std::string const& intf,
+             std::vector<std::string> arguments = {}, std::string const& settings = "")
+      : Agent(lab, space, with(intf, std::move(arguments))) {
+    say("interface " + intf + quick + settings);
+  }
+  static std::vector<std::string> with(std::string const& intf, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), intf);
+    return arguments;
+  }
+};
+
+}  // namespace Routing::Pim::Jpagent::Live
