@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How far long work is, on a terminal: "simulate: 45 %, 123456 of 270000, 98000 a second, 1 s left".
 //
 //     Progress const progress("simulate", Progress::Beside::output);

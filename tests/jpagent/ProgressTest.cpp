@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Progress on a terminal, and Ctrl-C there.
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two namespaces with a cable between them, an agent for a test that does not wait long, and what it tells.
 #pragma once
 

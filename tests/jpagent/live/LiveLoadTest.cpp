@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `jpagent run` under load, in network namespaces.
 #include <sys/mman.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A recording of random live traffic performs what was printed.
 #include <fstream>
 #include <random>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a test does in a namespace itself: copies of this process there, raw packets, and a cable that loses
 // some of what it carries.
 #pragma once
