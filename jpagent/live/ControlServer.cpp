@@ -115,7 +115,7 @@ void ControlServer::listenAt() {
   inode_ = status.st_ino;
 }
 
-// Only a socket at which nobody listens is removed.
+// Only a socket at which no process listens is removed.
 void ControlServer::removeStale() {
   struct stat status;
   if (lstat(path_.c_str(), &status) != 0) return;

@@ -35,7 +35,7 @@ class Interfaces {
 
   /// REQUIRES: canBeInterface().
   void add(std::string const& name);
-  /// What is there of it is told to be gone.
+  /// Tells the speaker that what was there of it was removed.
   void remove(std::string const& name);
   /// Tells of the interfaces as they are now; from then on changes come by themselves.
   void start();

@@ -36,7 +36,7 @@ class PIM_SPEAKER_API LinkObserver {
   /// false already.
   virtual void neighborDown(IpGenAddr const&) {}
   /// A neighbor that is up has another address list, or one of its addresses leads to it again: neighborOf()
-  /// may find others than before, or nobody.
+  /// may find others than before, or none.
   virtual void neighborAddressesChanged(IpGenAddr const&) {}
   /// A neighbor that is up sent another generation ID.
   virtual void neighborRestarted(IpGenAddr const&) {}

@@ -137,7 +137,7 @@ class PIM_SPEAKER_API NeighborsOwner {
   /// A neighbor is there.
   virtual void onNeighborUp(IpGenAddr const& neighbor) = 0;
   /// A neighbor that was there before has another address list, or one of its addresses leads to it again:
-  /// neighborOf() may find others than before, or nobody. It comes as often as onNeighborRestarted().
+  /// neighborOf() may find others than before, or none. It comes as often as onNeighborRestarted().
   virtual void onNeighborAddresses(IpGenAddr const& /*neighbor*/) {}
   /// A neighbor has ended. Three ends of a neighbor come at once; for more of them see the top of this file.
   virtual void onNeighborDown(IpGenAddr const& neighbor) = 0;

@@ -301,7 +301,7 @@ UpstreamRoutes::Slot& UpstreamRoutes::slotIs(Dova::IntfId const& intf, AddressFa
   return *slots_.try_emplace({intf, family}, std::move(made)).first->second;
 }
 
-// A slot that nobody needs ends.
+// A slot that is not needed ends.
 void UpstreamRoutes::releaseSlot(Slot& slot) {
   if (slot.targets.empty() && slot.departing.empty() && !slot.link)
     std::erase_if(slots_, [&](auto const& one) { return one.second.get() == &slot; });

@@ -184,7 +184,7 @@ class OrderedSet {
     }
 
     // Joins a leaf with the one behind it, or before it, if the two leave room to grow. An empty one always
-    // goes. No memory is needed: where there are several leaves, each has room for `most`.
+    // is removed. No memory is needed: where there are several leaves, each has room for `most`.
     void merge(std::size_t index) {
       if (index < more.size() && join(index)) return;
       if (index > 0) join(index - 1);

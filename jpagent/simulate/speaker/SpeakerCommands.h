@@ -73,7 +73,7 @@ class SpeakerCommands {
 
   virtual Speaker::Speaker& speaker() = 0;
   virtual std::vector<Place> places() const = 0;
-  /// Of unknown family if nobody knows it.
+  /// Of unknown family if it is not known.
   virtual IpGenAddr rpOf(IpGenAddr const& group) const = 0;
   /// Throws if there is no such interface and may be none.
   virtual void requireInterface(std::string const&) const {}

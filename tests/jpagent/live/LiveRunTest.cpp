@@ -174,7 +174,7 @@ TEST(LiveRunTest, AddressesMtuAndLinkAreFollowed) {
   two.ask("join (10.9.0.1,239.1.1.1) via 10.0.0.1");
   one.await(downstream("joined", "(10.9.0.1,239.1.1.1)"));
 
-  // The old address is gone from the kernel, and its goodbye is sent all the same.
+  // The kernel has removed the old address, and its goodbye is sent all the same.
   auto begin = two.eventCount(), beginOfOne = one.eventCount();
   lab.in("one", "ip address del 10.0.0.1/24 dev va; ip address add 10.0.0.9/24 dev va");
   two.await({{"event", "neighbor"}, {"state", "down"}, {"address", "10.0.0.1"}}, begin);

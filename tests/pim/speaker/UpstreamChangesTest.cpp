@@ -66,7 +66,7 @@ class UpstreamChangesTest : public UpstreamScene {
     }
   }
 
-  /// An address that is nobody's own: another neighbor has it, or none.
+  /// An address that no neighbor has as its own: another one lists it, or none.
   void moveAddress(std::string const& neighbor, bool isLost) {
     auto& secondary = eth0.link.secondary;
     if (isLost)
