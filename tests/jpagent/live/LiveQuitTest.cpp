@@ -10,7 +10,7 @@ using testing::IsEmpty;
 
 using LiveQuitTest = LiveScene;
 
-constexpr char join[] = "join (10.9.0.1,239.1.1.1) via 10.0.0.2";
+constexpr char joinCommand[] = "join (10.9.0.1,239.1.1.1) via 10.0.0.2";
 
 TEST_F(LiveQuitTest, QuitSendsPrunesForAllThatIsJoinedAndThenGoodbyes) {
   interface();
@@ -24,7 +24,7 @@ TEST_F(LiveQuitTest, QuitSendsPrunesForAllThatIsJoinedAndThenGoodbyes) {
   ok("quit");
   EXPECT_TRUE(speaker_->isQuitting());
   EXPECT_FALSE(speaker_->isDone());
-  EXPECT_EQ(error(join), "it is quitting");
+  EXPECT_EQ(error(joinCommand), "it is quitting");
   auto const begun = now_;
   while (!speaker_->isDone()) passTo(speaker_->timeMin());
   EXPECT_LE(now_ - begun, 2);
@@ -41,7 +41,7 @@ TEST_F(LiveQuitTest, QuitSendsPrunesForAllThatIsJoinedAndThenGoodbyes) {
 TEST_F(LiveQuitTest, QuitWaitsAtMostTwoSecondsForASystemThatTakesNoPrunes) {
   interface();
   hello("10.0.0.2");
-  ok(join);
+  ok(joinCommand);
   pass(5);
   takeSent();
   onSend_ = [this](Speaker::Outgoing const& packet) {
@@ -60,7 +60,7 @@ TEST_F(LiveQuitTest, QuitWaitsAtMostTwoSecondsForASystemThatTakesNoPrunes) {
 TEST_F(LiveQuitTest, QuitNowSendsGoodbyesAloneAlsoAfterAQuitThatIsNotThrough) {
   interface();
   hello("10.0.0.2");
-  ok(join);
+  ok(joinCommand);
   pass(5);
   takeSent();
   speaker_->quit(false);

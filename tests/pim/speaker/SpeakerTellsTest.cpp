@@ -235,7 +235,9 @@ TEST_F(SpeakerTellsTest, AnIntervalMayHaveAFraction) {
     for (int i = 0; i < 4; ++i) {
       // The first one, of a longer interval than before, was due already.
       EXPECT_LE(joinPruneTimes_[i], changed + (i + 1) * interval + 0.01) << interval;
-      if (i > 0) EXPECT_NEAR(joinPruneTimes_[i] - joinPruneTimes_[i - 1], interval, 0.01) << interval;
+      if (i > 0) {
+        EXPECT_NEAR(joinPruneTimes_[i] - joinPruneTimes_[i - 1], interval, 0.01) << interval;
+      }
     }
   }
   // That of a route that is joined while it holds.
