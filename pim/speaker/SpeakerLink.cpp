@@ -148,8 +148,10 @@ void SpeakerLink::adjust() {
   engine.intf->joinPruneIntervalIs(wholeInterval(setup.settings.joinPruneInterval));
   engine.manager->mtuIs(intf_, setup.settings.mtu);
   if (watch.ended() || !neighbors_) return;
-  if (isShorter || hasFraction())
-    refreshesNoLaterThan(speaker_.wheel_->now() + setup.settings.joinPruneInterval);
+  if (isShorter || hasFraction()) {
+    Seconds const latest = speaker_.wheel_->now() + setup.settings.joinPruneInterval;
+    for (auto const& neighbor : neighbors_->snapshot()) refreshNoLaterThan(neighbor.address, latest);
+  }
   keepPace();
   if (watch.ended() || !neighbors_) return;
   neighbors_->settingsIs(setup.settings.hello);
@@ -176,6 +178,9 @@ void SpeakerLink::send(OutgoingPacket const& packet) {
   Sent const sent = speaker_.send(Wire::PimType::joinPrune, intf_, packet.source, packet.bytes);
   if (sent == Sent::later) throw NotSent();
   if (watch.ended()) return;
+  // The first routes have the refresh begin an interval later. If more than a slice of them have followed, it
+  // would come to the last of them after two intervals.
+  if (!same.ended()) hastenRefresh(packet.message.upstreamNeighbor(), 1);
   // The machine arms its timer once this is sent.
   if (!same.ended() && hasFraction()) paceTimer_.armAt(speaker_.wheel_->now());
   if (sent == Sent::failed) return;
@@ -268,12 +273,8 @@ void SpeakerLink::remakeMachine(IpGenAddr const& neighbor) {
   Vel::Ptr<JoinPruneNeighborSm> const old = machine->joinPruneNeighborSm(address);
   if (!old || !old->neighbor() || old->overrideInterval() == intf->usedOverrideIntervalInSeconds()) return;
   auto const timeOf = [](auto const& timer) { return timer ? timer->timeMin() : Vel::never; };
-  auto const refresh = [](JoinPruneNeighborSm const& sm) {
-    auto const periodic = sm.joinPrunePeriodicTimerSm();
-    return periodic ? periodic->periodicTimer() : nullptr;
-  };
   Seconds const triggered = timeOf(old->triggeredTimer()), overriding = timeOf(old->overrideTimer());
-  Seconds const periodic = timeOf(refresh(*old));
+  Seconds const refresh = nextRefreshOf(address);
   machine->joinPruneNeighborSmDel(address);
   machine->handleNeighbor(address);
   Vel::Ptr<JoinPruneNeighborSm> const made = machine->joinPruneNeighborSm(address);
@@ -283,17 +284,33 @@ void SpeakerLink::remakeMachine(IpGenAddr const& neighbor) {
   };
   noLater(made->triggeredTimer(), triggered);
   noLater(made->overrideTimer(), overriding);
-  noLater(refresh(*made), periodic);
+  refreshNoLaterThan(address, refresh);
 }
 
-// A running timer of the engine does not follow a shorter interval, but it takes an earlier time as it is.
-void SpeakerLink::refreshesNoLaterThan(Seconds time) {
-  for (auto const& neighbor : neighbors_->snapshot()) {
-    auto const machine = engine_.machine->joinPruneNeighborSm(neighbor.address);
-    auto const periodic = machine ? machine->joinPrunePeriodicTimerSm() : nullptr;
-    auto const timer = periodic ? periodic->periodicTimer() : nullptr;
-    if (timer && timer->armed() && timer->timeMin() > time) timer->timeMinIs(time);
-  }
+// Null without one. Its timer follows no change of the interval or of the number of routes while it runs, but
+// takes an earlier time as it is.
+Vel::Ptr<PeriodicTimerSm> SpeakerLink::refreshOf(IpGenAddr const& neighbor) const {
+  auto const machine = engine_.machine->joinPruneNeighborSm(neighbor);
+  if (!machine) return nullptr;
+  return machine->joinPrunePeriodicTimerSm();
+}
+
+// Never without a refresh.
+Seconds SpeakerLink::nextRefreshOf(IpGenAddr const& neighbor) const {
+  auto const refresh = refreshOf(neighbor);
+  auto const timer = refresh ? refresh->periodicTimer() : nullptr;
+  return timer ? timer->timeMin() : Vel::never;
+}
+
+void SpeakerLink::refreshNoLaterThan(IpGenAddr const& neighbor, Seconds time) {
+  if (Seconds const next = nextRefreshOf(neighbor); next == Vel::never || next <= time) return;
+  refreshOf(neighbor)->periodicTimer()->timeMinIs(time);
+}
+
+// Has the next slice come within this part of a slice's interval.
+void SpeakerLink::hastenRefresh(IpGenAddr const& neighbor, double part) {
+  if (auto const refresh = refreshOf(neighbor))
+    refreshNoLaterThan(neighbor, speaker_.wheel_->now() + refresh->periodicParams().interval * part);
 }
 
 bool SpeakerLink::hasFraction() const {
@@ -304,26 +321,18 @@ bool SpeakerLink::hasFraction() const {
 void SpeakerLink::keepPace() {
   if (!hasFraction()) return paceTimer_.stop();
   Seconds const part = present_.settings.joinPruneInterval / engine_.intf->joinPruneInterval();
-  Seconds const now = speaker_.wheel_->now();
   Seconds earliest = Vel::never;
   for (auto const& neighbor : neighbors_->snapshot()) {
-    auto const machine = engine_.machine->joinPruneNeighborSm(neighbor.address);
-    auto const periodic = machine ? machine->joinPrunePeriodicTimerSm() : nullptr;
-    auto const timer = periodic ? periodic->periodicTimer() : nullptr;
-    if (!timer || !timer->armed()) continue;
-    Seconds const latest = now + periodic->periodicParams().interval * part;
-    if (timer->timeMin() > latest) timer->timeMinIs(latest);
-    earliest = std::min(earliest, timer->timeMin());
+    hastenRefresh(neighbor.address, part);
+    earliest = std::min(earliest, nextRefreshOf(neighbor.address));
   }
-  paceTimer_.armAt(earliest == Vel::never ? Vel::never : std::max(earliest, now) + paceDelay);
+  paceTimer_.armAt(earliest == Vel::never ? Vel::never
+                                          : std::max(earliest, speaker_.wheel_->now()) + paceDelay);
 }
 
 Seconds SpeakerLink::nextRefresh(IpGenAddr const& address) const {
   auto const neighbor = neighborOf(address);
-  auto const machine = neighbor ? engine_.machine->joinPruneNeighborSm(*neighbor) : nullptr;
-  auto const periodic = machine ? machine->joinPrunePeriodicTimerSm() : nullptr;
-  auto const timer = periodic ? periodic->periodicTimer() : nullptr;
-  return timer ? timer->timeMin() : Vel::never;
+  return neighbor ? nextRefreshOf(*neighbor) : Vel::never;
 }
 
 std::optional<IpGenAddr> SpeakerLink::neighborOf(IpGenAddr const& address) const {

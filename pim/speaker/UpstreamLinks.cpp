@@ -141,9 +141,11 @@ void UpstreamRoutes::down(Slot& slot, IpGenAddr const& neighbor) {
   // The engine keeps the neighbor's machine until there is nothing to refresh.
   Life::Watch const watch(slot.life);
   Place const place = placeOf(slot, neighbor);
-  // If what is called lets the neighbor come back, the routes towards it have been written by then.
-  auto const mayTake = [&](Route const& route) {
-    return !isWantedFrom(place, route.kind == RouteKind::wildcard ? anySource(route.group)
+  // If what is called lets the neighbor come back, the routes towards it have been written by then. Until
+  // something has changed, nothing is wanted from it.
+  auto const mayTake = [&, seen = changes_](Route const& route) {
+    return changes_ == seen ||
+           !isWantedFrom(place, route.kind == RouteKind::wildcard ? anySource(route.group)
                                                                   : RouteKey(route.source, route.group));
   };
   auto const current = [&] { return !watch.ended(); };
