@@ -72,7 +72,7 @@ void UpstreamRoutes::follow(Slot& slot, IpGenAddr const& address) {
       target.neighborIs(ownerOf(target));
       ++changes_;
       target.routes.takeAll(target.unwritten);
-      forEachRoute(target.routes, [this](Joined& joined) {
+      forEachRoute(target, target.routes, [this](Joined& joined) {
         joined.suppressedUntil = joined.heardUntil = -Vel::never;
         writeJoin(joined, true);
       });
@@ -89,21 +89,16 @@ void UpstreamRoutes::follow(Slot& slot, IpGenAddr const& address) {
       throw;
     }
   }
-  // Of several, in any order: each route moves once.
-  auto const isDue = [](auto const& one) {
-    return !one.second.routes.alone() || !one.second.unwritten.alone();
-  };
+  // Of several, in any order: each route moves once. What is being moved elsewhere is left alone.
   for (;;) {
     auto const [begin, end] = slot.departing.equal_range(address);
-    auto const due = std::find_if(begin, end, isDue);
+    auto const due = std::find_if(begin, end, [](auto const& one) { return one.second.first(false); });
     if (due == end) break;
-    Target& departing = due->second;
-    departing.routes.takeAll(departing.unwritten);
+    Target const& departing = due->second;
     // One that has ended is told nothing, though this may be told of it later.
     bool const isPruned = departing.isUp() && slot.link && slot.link->neighborUp(departing.neighbor);
-    forEachRoute(departing.routes, [&](Joined& joined) {
-      move(joined, {slot.intf, address}, joined.rp, {isPruned, true});
-    });
+    Joined& joined = *departing.first(false);
+    move(joined, {slot.intf, address}, joined.rp, {isPruned, true});
     if (watch.ended()) return;
   }
   if (Target* const target = findTarget({slot.intf, address})) releaseTarget(*target);
@@ -123,7 +118,8 @@ void UpstreamRoutes::catchUp(Slot& slot) {
     for (IpGenAddr const& address : behind) {
       auto const found = slot.targets.find(address);
       if (found == slot.targets.end()) continue;
-      forEachRoute(found->second.unwritten, [this](Joined& joined) { writeJoin(joined, true); });
+      Target& target = found->second;
+      forEachRoute(target, target.unwritten, [this](Joined& joined) { writeJoin(joined, true); });
       if (watch.ended() || slot.link != link) return;
     }
   });
@@ -184,7 +180,7 @@ void UpstreamRoutes::restart(Target& target) {
   if (!target.isUp()) return;
   target.restarted = target.slot.now();
   target.routes.takeAll(target.unwritten);
-  forEachRoute(target.routes, [this](Joined& joined) {
+  forEachRoute(target, target.routes, [this](Joined& joined) {
     joined.suppressedUntil = joined.heardUntil = -Vel::never;
     writeJoin(joined, false);
   });

@@ -141,17 +141,24 @@ void UpstreamRoutes::rename(Joined& joined, Target& target) {
 
 std::size_t UpstreamRoutes::moveAll(UpstreamNeighbor const& from, UpstreamNeighbor const& to,
                                     UpstreamMove because) {
-  Target* const target = findTarget(from);
-  if (!target || from == to) return 0;
+  if (from == to || (!findTarget(from) && !findLeftBehind(from))) return 0;
   if (from.address.af() != to.address.af() || Wire::upstreamFault(to.address) || to.intf.name().empty())
     throw Vel::RangeException("upstream neighbor " + toText(to.address) +
                               ": cannot take over the routes of " + toText(from.address));
+  Life::Watch const watch(life_);
   std::size_t moved = 0;
-  target->routes.takeAll(target->unwritten);
-  forEachRoute(target->routes, [&](Joined& joined) {
+  auto const step = [&](Joined& joined) {
     ++moved;
     move(joined, to, joined.rp, mannerOf(because));
-  });
+  };
+  while (Joined* const joined = findLeftBehind(from)) {
+    step(*joined);
+    if (watch.ended()) return moved;
+  }
+  if (Target* const target = findTarget(from)) {
+    target->routes.takeAll(target->unwritten);
+    forEachRoute(*target, target->routes, step, true);
+  }
   return moved;
 }
 
@@ -293,6 +300,18 @@ UpstreamRoutes::Target* UpstreamRoutes::findTarget(UpstreamNeighbor const& upstr
   if (!slot) return nullptr;
   auto const found = slot->targets.find(upstream.address);
   return found == slot->targets.end() ? nullptr : &found->second;
+}
+
+// A route that names this neighbor, but is among the routes of its target at the end of a walk in progress or
+// when that has moved it there. Or null.
+UpstreamRoutes::Joined* UpstreamRoutes::findLeftBehind(UpstreamNeighbor const& upstream) const {
+  Slot const* const slot = findSlot(upstream.intf, upstream.address.af());
+  if (!slot) return nullptr;
+  auto const [begin, end] = slot->departing.equal_range(upstream.address);
+  for (auto one = begin; one != end; ++one)
+    if (Joined* const joined = one->second.first(true)) return joined;
+  Target const* const target = findTarget(upstream);
+  return target ? target->firstToCome(true) : nullptr;
 }
 
 UpstreamRoutes::Slot& UpstreamRoutes::slotIs(Dova::IntfId const& intf, AddressFamily family) {

@@ -185,6 +185,7 @@ class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoi
   Joined* find(RouteKey const& route) const;
   Slot* findSlot(Dova::IntfId const& intf, AddressFamily family) const;
   Target* findTarget(UpstreamNeighbor const& upstream) const;
+  Joined* findLeftBehind(UpstreamNeighbor const& upstream) const;
   Target& targetIs(UpstreamNeighbor const& upstream);
   void releaseTarget(Target& target);
   Slot& slotIs(Dova::IntfId const& intf, AddressFamily family);
@@ -219,7 +220,7 @@ class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoi
   void catchUp(Slot& slot);
 
   template <class Step>
-  void forEachRoute(Ring& routes, Step const& step);
+  void forEachRoute(Target& target, Ring& routes, Step const& step, bool areMoving = false);
   IpGenAddr ownerOf(Target const& target) const;
   void followAddresses(Slot& slot);
   void follow(Slot& slot, IpGenAddr const& address);

@@ -33,6 +33,7 @@ struct UpstreamRoutes::Target {
   Target(Slot& ofSlot, IpGenAddr const& named) : slot(ofSlot), address(named) {}
   ~Target() {
     if (timer) timer->retire();
+    while (!walks.alone()) walks.next().leave();
   }
   Target(Target const&) = delete;
 
@@ -41,13 +42,34 @@ struct UpstreamRoutes::Target {
   IpGenAddr
       neighbor;  // the primary address of the neighbor that has that address; of unknown family while down
   U32 joined = 0;
-  // All routes towards it. Those for which there was no memory are apart: the data sets may lack something of
-  // them.
+  // All routes towards it, but those that a walk has still to come to. Those for which there was no memory
+  // are apart: the data sets may lack something of them.
   Ring routes, unwritten;
+  Ring walks;                       // Those in progress.
   Seconds restarted = -Vel::never;  // when its last restart was acted on
   Vel::Ptr<RestartTimer> timer;     // null until a restart has to wait
 
+  /// A walk over the routes, in progress.
+  struct Walk : Ring {
+    Ring routes;             // It has still to come to them.
+    bool areMoving = false;  // It moves them to another target.
+  };
+
   bool isUp() const { return neighbor.af() != AddressFamily::unknown; }
+  /// A route that a walk has still to come to, or null.
+  Joined* firstToCome(bool canBeMoving) const {
+    for (Ring* one = &walks.next(); one != &walks; one = &one->next()) {
+      auto const& walk = static_cast<Walk const&>(*one);
+      if (!walk.routes.alone() && (canBeMoving || !walk.areMoving)) return &ofTarget(walk.routes.next());
+    }
+    return nullptr;
+  }
+  /// Any route, or null.
+  Joined* first(bool canBeMoving) const {
+    for (Ring const* const ring : {&routes, &unwritten})
+      if (!ring->alone()) return &ofTarget(ring->next());
+    return firstToCome(canBeMoving);
+  }
   /// Another one, or none. What was to be done about a restart of the previous one is not.
   void neighborIs(IpGenAddr const& present) {
     neighbor = present;
@@ -164,22 +186,30 @@ bool UpstreamRoutes::attempt(char const* function, Step const& step) {
 /// A step for each route in a ring of a target; it is then among the target's routes. Routes may come and
 /// leave meanwhile; those that were there at the beginning are visited once, unless they leave.
 template <class Step>
-void UpstreamRoutes::forEachRoute(Ring& routes, Step const& step) {
+void UpstreamRoutes::forEachRoute(Target& target, Ring& routes, Step const& step, bool areMoving) {
   Life::Watch const watch(life_);
-  struct Todo : Ring {
+  struct Todo : Target::Walk {
     explicit Todo(Life::Watch const& life) : watch(life) {}
     ~Todo() {
-      while (!watch.ended() && !alone()) takeFirst();
+      // After an exception: the target may have another owner by now, which a walk that moves leaves alone.
+      while (!watch.ended() && !routes.alone()) {
+        Slot& slot = takeFirst().target->slot;
+        slot.isBehind = true;
+        slot.catchUpLater();
+      }
+      leave();
     }
     Joined& takeFirst() {
-      Joined& first = ofTarget(next());
+      Joined& first = ofTarget(routes.next());
       first.TargetHook::join(first.target->routes);
       return first;
     }
     Life::Watch const& watch;
   } todo(watch);
-  todo.takeAll(routes);
-  while (!todo.alone()) {
+  todo.areMoving = areMoving;
+  todo.join(target.walks);
+  todo.routes.takeAll(routes);
+  while (!todo.routes.alone()) {
     step(todo.takeFirst());
     if (watch.ended()) return;
   }

@@ -153,6 +153,67 @@ TEST_P(UpstreamChangesTest, AChangeFromInsideAnotherOneIsTheOneThatCounts) {
   EXPECT_GT(changedInside, 200);
 }
 
+// Each walk over four routes that name N4, and at each of its trace lines a change of all of them.
+TEST_P(UpstreamChangesTest, AChangeOfAllRoutesFromInsideAWalkOverThemChangesThoseStillToCome) {
+  using Call = std::function<void()>;
+  auto const listBy = [this](std::string const& neighbor) { moveAddress(neighbor, false); };
+  auto const moveTo = [this](std::string_view to) { upstream->moveAll(at("N4"), at(to)); };
+  struct {
+    char const* name;
+    bool isDown, isMove;  // Before it and by it.
+    Call begin;
+  } const walks[] = {
+      {"another owner", false, false, [=] { listBy("N2"); }},
+      {"owner up", true, false, [=, this] { listBy("N1"), neighborUp("N1"); }},
+      {"restart", false, false, [this] { eth0.observer->neighborRestarted(names.address("N1")); }},
+      {"move", false, true, [=] { moveTo("N2"); }},
+  };
+  struct {
+    char const* name;
+    bool isMove;
+    Call call;
+  } const changes[] = {
+      {"move", true, [=] { moveTo("N3"); }},
+      {"another owner", false, [=] { listBy("N3"); }},
+      {"another owner and move", true, [=] { listBy("N3"), moveTo("N3"); }},
+      {"two owners", false, [=] { listBy("N3"), listBy("N2"); }},
+  };
+  std::string const routes[] = {"(S1,G1)", "(S2,G1)", "(S3,G1)", "(S4,G1)"};
+  neighborUp("N3");
+  for (auto const& walk : walks)
+    for (auto const& change : changes) {
+      bool isInside = true;
+      for (U32 line = 1; isInside; ++line) {
+        SCOPED_TRACE(std::string(change.name) + " inside " + walk.name + ", line " + std::to_string(line));
+        listBy("N1");
+        for (auto const& route : routes) join(route, "N4");
+        sentUntil(time + 10);
+        if (walk.isDown) {
+          neighborDown("N1");
+          moveAddress("N1", true);
+        }
+        isInside = false;
+        atLine(line, [&] {
+          isInside = true;
+          change.call();
+        });
+        walk.begin();
+        Vel::traceSinkIs({});
+        engineTrace().levelsDel();
+        expectConsistent();
+        // A move leaves none of them behind; one inside it takes those that it has not come to.
+        std::set<std::string> allowed;
+        if (walk.isMove) allowed.insert("N2");
+        if (isInside && change.isMove) allowed.insert("N3");
+        if (allowed.empty()) allowed.insert("N4");
+        for (auto const& route : upstream->routes())
+          EXPECT_TRUE(allowed.contains(names.name(route.upstream->address))) << names.name(route.route);
+        if (HasFailure()) return;
+        for (auto const& route : routes) leave(route);
+      }
+    }
+}
+
 TEST_P(UpstreamChangesTest, AnyTraceLineMayDestroyTheRoutes) {
   std::mt19937 random(1);
   int destroyed = 0;
