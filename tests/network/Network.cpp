@@ -137,6 +137,7 @@ void Network::runFor(Seconds time) {
 }
 
 Sent Network::Router::send(Speaker::Outgoing const& packet) {
+  if (network.alsoTo_) network.alsoTo_(packet);
   network.deliver(static_cast<U32>(std::stoul(packet.intf.name().substr(3))), number, packet);
   return Sent::done;
 }
@@ -292,9 +293,19 @@ std::set<Route> Network::storedBy(U32 lan, U32 upstream) const {
   return stored;
 }
 
+std::set<U32> Network::upstreamsOn(U32 lan) const {
+  std::set<U32> upstreams;
+  for (U32 const router : lans_[lan].routers)
+    for (Wish const& wish : routers_[router]->wishes)
+      if (wish.lan == lan) upstreams.insert(wish.upstream);
+  return upstreams;
+}
+
 std::vector<std::string> Network::differences() const {
   std::vector<std::string> found;
-  for (U32 lan = 0; lan < lanCount(); ++lan)
+  for (U32 lan = 0; lan < lanCount(); ++lan) {
+    // Of the others nothing is wanted, and a LAN may have very many of them.
+    std::set<U32> const upstreams = upstreamsOn(lan);
     for (U32 const router : lans_[lan].routers) {
       if (!isThere(router)) continue;
       auto const say = [&](char const* what, std::string const& which) {
@@ -307,7 +318,8 @@ std::vector<std::string> Network::differences() const {
           if (other != router && isKnown != isThere(other))
             say(isKnown ? " still knows " : " does not know ", "router " + std::to_string(other));
         }
-      auto const wanted = wantedFrom(lan, router), stored = storedBy(lan, router);
+      auto const wanted = upstreams.contains(router) ? wantedFrom(lan, router) : std::set<Route>();
+      auto const stored = storedBy(lan, router);
       for (Route const& route : wanted)
         if (!stored.contains(route)) say(" lacks ", toText(route));
       for (Route const& route : stored) {
@@ -315,6 +327,7 @@ std::vector<std::string> Network::differences() const {
         if (!isIdle && !wanted.contains(route)) say(" has in excess ", toText(route));
       }
     }
+  }
   return found;
 }
 

@@ -85,6 +85,9 @@ class Network {
   void end(U32 router);
   bool isThere(U32 router) const { return routers_.at(router)->speaker != nullptr; }
 
+  /// Called with each packet that is sent from now on.
+  void packetsAlsoGoTo(std::function<void(Speaker::Outgoing const&)> call) { alsoTo_ = std::move(call); }
+
   void runFor(Seconds time);
   Seconds now() const { return now_; }
 
@@ -169,6 +172,7 @@ class Network {
   void noteDelivered(Router& router, Packet const& packet);
   void noteLoss(Router const& router, Speaker::DownstreamEvent const& event);
   std::set<Route> wantedFrom(U32 lan, U32 upstream) const;
+  std::set<U32> upstreamsOn(U32 lan) const;
   std::set<Route> storedBy(U32 lan, U32 upstream) const;
   bool happens(double probability) { return random_.between(0, 1) < probability; }
 
@@ -177,6 +181,7 @@ class Network {
   Speaker::Random random_;
   Faults faults_;
   Totals totals_;
+  std::function<void(Speaker::Outgoing const&)> alsoTo_;
   Seconds now_ = 1000;
   U64 packets_ = 0;
   Vel::Ptr<Zanth::TimerWheel> const wheel_;
