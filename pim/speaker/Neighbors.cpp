@@ -193,7 +193,11 @@ void Neighbors::end() {
     owner_.sendHello(goodbye);
     if (watch.ended()) return;
   }
-  while (!watch.ended() && !entries_.empty()) remove(entries_.begin()->second, Kind::linkDown);
+  for (NeighborInfo const& info : snapshot()) {
+    auto const entry = entries_.find(info.address);
+    if (entry != entries_.end()) remove(entry->second, Kind::linkDown);
+    if (watch.ended()) return;
+  }
 }
 
 // --- Receiving -----------------------------------------------------------------------------------
@@ -418,6 +422,8 @@ std::vector<NeighborInfo> Neighbors::snapshot() const {
   std::vector<NeighborInfo> all;
   all.reserve(entries_.size());
   for (auto const& [address, entry] : entries_) all.push_back(entry.info);
+  std::sort(all.begin(), all.end(),
+            [](NeighborInfo const& a, NeighborInfo const& b) { return a.address < b.address; });
   return all;
 }
 

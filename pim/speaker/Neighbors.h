@@ -26,6 +26,7 @@
 
 #include <array>
 #include <map>
+#include <unordered_map>
 #include <vector>
 
 #include "pim/speaker/LanValues.h"
@@ -226,7 +227,7 @@ class PIM_SPEAKER_API Neighbors {
 
     Timer timer;  // For its expiry, or for what is to be told.
   };
-  using Entries = std::map<IpGenAddr, Entry>;
+  using Entries = std::unordered_map<IpGenAddr, Entry>;
   using Kind = NeighborEvent::Kind;
   // What others are told of when it changes.
   struct Values {

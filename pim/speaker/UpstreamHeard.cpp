@@ -83,8 +83,9 @@ class UpstreamRoutes::Hearing {
   // The same join: one's own can wait. The RFC has a Join Timer for each route, which is raised to
   // t_joinsuppress; here a refresh is left out while this is running, see isLeftOut().
   void hearJoin(RouteKey const& key) {
+    if (!link_->suppressionAllowed()) return;
     Joined* const joined = find(key);
-    if (!joined || !link_->suppressionAllowed()) return;
+    if (!joined) return;
     Seconds const suppressed =
         link_->random().between(leastSuppression, mostSuppression) * link_->joinPruneInterval();
     Seconds const wait = std::min(suppressed, holdTime_);
