@@ -286,6 +286,12 @@ Body received() {
   };
 }
 
+template <class Router>
+Body refreshed() {
+  auto const routes = std::make_shared<Bench::Refreshed<Router>>(10'000);
+  return [=] { routes->receive(); };
+}
+
 Body startUp() {
   auto const router = std::make_shared<Bench::StartingRouter>(20, 50);
   auto const machine = std::make_shared<Vel::Ptr<Routing::Pim::JoinPruneMessageSm>>();
@@ -322,6 +328,8 @@ std::vector<Scenario> scenarios() {
   all.push_back({"joins to bytes, speaker", joinsOfSpeaker});
   all.push_back({"bytes to records, engine alone", received<Bench::DecodingReceiver>});
   all.push_back({"bytes to downstream state, speaker", received<Bench::SpeakingRouter>});
+  all.push_back({"records of 10k routes, engine alone", refreshed<Bench::DecodingReceiver>});
+  all.push_back({"refresh of 10k downstream, speaker", refreshed<Bench::SpeakingRouter>});
   all.push_back({"start-up, 20 neighbors x 50 routes", startUp});
   return all;
 }

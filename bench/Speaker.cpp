@@ -29,7 +29,20 @@ void measureReceived(std::string const& who) {
     return [=](Bench::Stopwatch& watch) {
       watch.start();
       for (int i = 0; i < 30; ++i) router->receive(message);
-      watch.stop(30 * 70);
+      watch.stop(30 * Bench::groupsOfAMessage);
+    };
+  });
+}
+
+template <class Router>
+void measureRefreshed(std::string const& name, Vel::U32 size) {
+  Bench::prepared(name, [=]() -> Bench::Run {
+    auto const refreshed = std::make_shared<Bench::Refreshed<Router>>(size);
+    return [=](Bench::Stopwatch& watch) {
+      watch.start();
+      refreshed->receive();
+      watch.stop(refreshed->routes);
+      refreshed->pass();
     };
   });
 }
@@ -45,6 +58,18 @@ bool const registered = [] {
   measureReceived<Bench::DecodingReceiver>("engine");
   for (auto const* what : {"joins to bytes", "bytes to state"})
     Bench::row({.subject = "speaker", .what = what, .reference = "engine", .atMost = 1.5});
+  for (Vel::U32 const size : {1'000u, 1'000'000u}) {
+    if (!Bench::wanted(size)) continue;
+    std::string const what = Bench::sizeText(size) + " downstream routes refreshed";
+    measureRefreshed<Bench::SpeakingRouter>("speaker/" + what + "/ours", size);
+    measureRefreshed<Bench::DecodingReceiver>("speaker/" + what + "/engine", size);
+    if (size == 1'000) {
+      Bench::row({.subject = "speaker", .what = what, .reference = "engine", .atMost = 1.5});
+    } else {
+      // The engine alone stores nothing; a million stored routes are beyond the caches.
+      Bench::row({.subject = "speaker", .what = what, .reference = "engine", .atMostAbsolute = 2'000});
+    }
+  }
   return true;
 }();
 

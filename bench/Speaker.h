@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a speaker does, beside the same with the engine alone and the same packet manager and codec: a
-// thousand routes wanted to their bytes, and a message received to its state.
+// thousand routes wanted to their bytes, a message received to its state, and very many routes refreshed by
+// messages.
 #pragma once
 
 #include <algorithm>
@@ -78,17 +79,41 @@ inline void want(SpeakingRouter& router) {
   if (router.bytes < before + wantedRoutes * 20) std::abort();  // a group of one source
 }
 
-/// The neighbor's joins for 70 groups of one source.
-inline std::vector<Vel::U8> messageToReceive() {
+constexpr U32 groupsOfAMessage = 70;
+
+/// The neighbor's joins for 70 groups of one source, from this group on.
+inline std::vector<Vel::U8> messageToReceive(U32 first = 0) {
   namespace Wire = Routing::Pim::Wire;
   Wire::JoinPrune message{IpGenAddr("10.0.0.1"), 210};
-  for (U32 g = 0; g < 70; ++g) {
-    message.groupAdd(groupOf(g));
+  for (U32 g = 0; g < groupsOfAMessage; ++g) {
+    message.groupAdd(groupOf(first + g));
     message.entryAdd(Routing::Pim::EntryKind::sourceJoin, IpGenAddr::ipv4(0x0a090001u + g));
   }
   IpGenAddr const neighbor("10.0.0.2");
   return Wire::encodeJoinPrune(message, neighbor, Wire::allPimRouters(neighbor.af()));
 }
+
+/// As many joins, or up to 69 fewer, in messages of 70. They have been received once, some time ago.
+template <class Router>
+struct Refreshed {
+  explicit Refreshed(U32 size) {
+    for (; routes + groupsOfAMessage <= size; routes += groupsOfAMessage)
+      messages.push_back(messageToReceive(routes));
+    receive();
+    pass();
+  }
+  void receive() {
+    for (auto const& message : messages) router.receive(message);
+  }
+  /// Moves the clock on, if there is one, so that the next refresh has another time.
+  void pass() {
+    if constexpr (requires { router.pass(1); }) router.pass(1);
+  }
+
+  Router router;
+  U32 routes = 0;
+  std::vector<std::vector<Vel::U8>> messages;
+};
 
 /// The engine's two records are watched, and there is no state.
 struct DecodingReceiver {
