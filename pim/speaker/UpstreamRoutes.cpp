@@ -126,7 +126,8 @@ void UpstreamRoutes::move(Joined& joined, UpstreamNeighbor const& upstream, IpGe
 
 // Whether its neighbor has been told of all routes towards it, or is about to be.
 bool UpstreamRoutes::isSettled(Target const& target) {
-  return target.isUp() && target.unwritten.alone() && !(target.timer && target.timer->armed());
+  return target.isUp() && target.unwritten.alone() && !target.firstToCome(true) &&
+         !(target.timer && target.timer->armed());
 }
 
 // Another address of the neighbor that has the join: there is nothing to send.
@@ -302,8 +303,8 @@ UpstreamRoutes::Target* UpstreamRoutes::findTarget(UpstreamNeighbor const& upstr
   return found == slot->targets.end() ? nullptr : &found->second;
 }
 
-// A route that names this neighbor, but is among the routes of its target at the end of a walk in progress or
-// when that has moved it there. Or null.
+// A route that names this neighbor and is not among the routes of its target: a walk in progress has still to
+// come to it. Or null.
 UpstreamRoutes::Joined* UpstreamRoutes::findLeftBehind(UpstreamNeighbor const& upstream) const {
   Slot const* const slot = findSlot(upstream.intf, upstream.address.af());
   if (!slot) return nullptr;
