@@ -50,8 +50,9 @@ void LanValues::add(IpGenAddr const& neighbor, LanOptions const& options) {
   auto overrideInterval = nodeOf<std::multiset<U16>>(overrideIntervalOf(options));
   auto ranked = nodeOf<std::set<Ranked>>(Ranked(options.drPriority.value_or(0), neighbor));
   auto address = nodeOf<std::set<IpGenAddr>>(neighbor);
-  propagationDelays_.insert(std::move(propagationDelay));
-  overrideIntervals_.insert(std::move(overrideInterval));
+  // Most have the same value, and then the place is at the end.
+  propagationDelays_.insert(propagationDelays_.end(), std::move(propagationDelay));
+  overrideIntervals_.insert(overrideIntervals_.end(), std::move(overrideInterval));
   byPriority_.insert(std::move(ranked));
   byAddress_.insert(std::move(address));
   count(options, 1);
