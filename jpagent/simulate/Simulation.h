@@ -81,7 +81,7 @@ class Simulation {
     void const* machine;
     void const* periodicTimerSm;
     std::string intf;
-    std::array<Seconds, channelNames.size()> timers;
+    std::array<Seconds, sendKindNames.size()> timers;
   };
 
   void on(InterfaceCommand const& command);
@@ -115,29 +115,29 @@ class Simulation {
   virtual void serveRecord();
   void changeInterface(InterfaceCommand const& command);
   Vel::Ptr<Packet::JoinPruneData> changingData(DataCommand const& command);
-  void makeData(Channel channel, IpGenAddr const& target);
-  void removeData(Channel channel, IpGenAddr const& target);
+  void makeData(SendKind sendKind, IpGenAddr const& target);
+  void removeData(SendKind sendKind, IpGenAddr const& target);
   void retireGroup(Packet::JoinPruneData& data, IpGenAddr const& target,
                    Packet::JoinPruneGroupData const& group);
   void removeEntries(Packet::JoinPruneData& data, DataCommand const& command);
   void removeWildcard(Packet::JoinPruneData& data, DataCommand const& command);
   void change(Packet::JoinPruneData& data, DataCommand const& command);
   static void refuseUnlessAllAreThere(Packet::JoinPruneData const& data, DataCommand const& command);
-  std::string_view channelOf(Packet::JoinPruneData const& data) const;
+  std::string_view sendKindOf(Packet::JoinPruneData const& data) const;
   void machineChanged(IpGenAddr const& address);
   void recorded(JoinPruneMessageInfo const& record, bool join);
 
   void nowIs(Seconds now);
   void ringGone(IpGenAddr const& target) const;
-  void ringTimer(TimerEvent event, IpGenAddr const& target, Channel channel, Seconds due) const;
+  void ringTimer(TimerEvent event, IpGenAddr const& target, SendKind sendKind, Seconds due) const;
   void ringSent(Speaker::OutgoingPacket const& packet, std::vector<RouteEntry> const& entries) const;
   void line(std::string_view text);
   void tellEntries(Wire::JoinPrune const& message);
   void expire();
   void timerFires(Zanth::TimerWheel::Notifiee const& timer);
-  void tellFiring(IpGenAddr const& address, Channel channel);
+  void tellFiring(IpGenAddr const& address, SendKind sendKind);
   void tellTimers();
-  Seconds timerIs(IpGenAddr const& address, Target& target, Channel channel, Seconds time);
+  Seconds timerIs(IpGenAddr const& address, Target& target, SendKind sendKind, Seconds time);
   void forget(IpGenAddr const& address, Target const& target);
   void refuseIfLookedAtTooMuch() const;
   void showTarget(IpGenAddr const& address);
@@ -147,7 +147,7 @@ class Simulation {
   std::string const& nameOf(std::string const& pointer);
 
   std::map<IpGenAddr, Vel::Ptr<JoinPruneNeighborSm>> machines() const;
-  std::array<Vel::Ptr<Packet::JoinPruneData>, channelNames.size()> dataOf(IpGenAddr const& target) const;
+  std::array<Vel::Ptr<Packet::JoinPruneData>, sendKindNames.size()> dataOf(IpGenAddr const& target) const;
   Vel::Ptr<Intf> knownIntf(std::string const& name) const;
 
   std::ostream& out_;
@@ -178,14 +178,14 @@ class Simulation {
   Vel::Ptr<ExpiryWatch> const expiryWatch_;
   Vel::Ptr<RecordWatch> const joinWatch_, pruneWatch_;
   bool brief_ = false;
-  std::map<std::pair<IpGenAddr, Channel>, Seconds>
+  std::map<std::pair<IpGenAddr, SendKind>, Seconds>
       due_;  // while timers fire: those of which no line told yet
   std::map<IpGenAddr, Target> targets_;
   std::set<IpGenAddr> touched_;  // targets whose timers may not be as was last told
-  std::set<std::tuple<Seconds, IpGenAddr, Channel>> armed_;  // of targets_, by time
-  std::map<std::string, IpGenAddr, std::less<>> machineAt_;  // of targets_, by the text of their address
-  std::map<std::string, std::string> names_;                 // of objects, by the text of their address
-  std::vector<std::string> passing_;                         // those in names_ that may be of no machine
+  std::set<std::tuple<Seconds, IpGenAddr, SendKind>> armed_;  // of targets_, by time
+  std::map<std::string, IpGenAddr, std::less<>> machineAt_;   // of targets_, by the text of their address
+  std::map<std::string, std::string> names_;                  // of objects, by the text of their address
+  std::vector<std::string> passing_;                          // those in names_ that may be of no machine
   U32 lastName_ = 0;
   std::size_t machinesLookedAt_ = 0;
   std::size_t const mayLookAt_;
