@@ -13,6 +13,8 @@
 //   Replay.h       frames to the engine, and what it records to the report
 //   ReplayRun.h    `jpagent replay`: opens the capture and the outputs, and ends with a status
 //
+// Frames are read from files, and datagrams found in them, by jpagent/capture.
+//
 // The hash of a process that replays is seeded at random, because the senders choose the addresses in a
 // capture. The engine walks its collections in the order of the hash, so the entries of a message are sorted
 // before they are told.

@@ -12,6 +12,24 @@
 //
 // The same commands give the same lines on every computer: the clock is the world's own, the random delay is
 // seeded, and objects are numbered in the order in which traces name them.
+//
+// Which file of this folder does what:
+//
+//   SimulateRun.h              `jpagent simulate`: performs and compares conversation files
+//   Conversation.h             the lines of a conversation: commands, and what is to come out
+//   CommandTable.h             the words of commands, with their texts for help
+//   Words.h                    the words of one line, taken one by one
+//   RouteWords.h               routes in the words of a command
+//   Command.h                  commands as values
+//   Simulation.h               performs commands on an engine (Data.cpp, Interfaces.cpp, Show.cpp and others:
+//                              what each kind does)
+//   Inside.h                   what the source files of Simulation share
+//   Routes.h                   routes as commands give them and the output shows them
+//   RouteData.h                single routes in the data of the model
+//   speaker/SpeakerWorld.h     performs commands on a speaker instead
+//   speaker/SpeakerCommands.h  what commands to a speaker do, in a conversation or in `jpagent run`
+//   speaker/SpeakerForms.h     their words, for the tables of both
+//   speaker/SpeakerWords.h     the table for conversations
 #pragma once
 
 #include <array>
