@@ -153,6 +153,10 @@ class UpstreamRoutes::Hearing {
   std::vector<IpGenAddr> pruned_;
 };
 
+// Not beside forEachRoute(): where g++ 12 sees that a variable's address is stored, it warns of that, though
+// the destructor takes it out again.
+UpstreamRoutes::Target::Walk::Walk(Target& target, bool moves) : isMoving(moves) { join(target.walks); }
+
 void UpstreamRoutes::heard(Slot& slot, Wire::JoinPrune const& message) {
   Hearing(*this, slot, message).hear(message);
 }

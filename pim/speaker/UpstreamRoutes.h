@@ -220,7 +220,7 @@ class PIM_SPEAKER_API UpstreamRoutes final : public PruneEchoes, public HeardJoi
   void catchUp(Slot& slot);
 
   template <class Step>
-  void forEachRoute(Target& target, Ring& routes, Step const& step, bool areMoving = false);
+  void forEachRoute(Target& target, Ring& routes, Step const& step, bool isMoving = false);
   IpGenAddr ownerOf(Target const& target) const;
   void followAddresses(Slot& slot);
   void follow(Slot& slot, IpGenAddr const& address);

@@ -51,8 +51,12 @@ struct UpstreamRoutes::Target {
 
   /// A walk over the routes, in progress.
   struct Walk : Ring {
-    Ring routes;             // It has still to come to them.
-    bool areMoving = false;  // It moves them to another target.
+    /// Begins.
+    Walk(Target& target, bool moves);
+    ~Walk() { leave(); }
+
+    Ring routes;          // It has still to come to them.
+    bool const isMoving;  // It moves them to another target.
   };
 
   bool isUp() const { return neighbor.af() != AddressFamily::unknown; }
@@ -60,7 +64,7 @@ struct UpstreamRoutes::Target {
   Joined* firstToCome(bool canBeMoving) const {
     for (Ring* one = &walks.next(); one != &walks; one = &one->next()) {
       auto const& walk = static_cast<Walk const&>(*one);
-      if (!walk.routes.alone() && (canBeMoving || !walk.areMoving)) return &ofTarget(walk.routes.next());
+      if (!walk.routes.alone() && (canBeMoving || !walk.isMoving)) return &ofTarget(walk.routes.next());
     }
     return nullptr;
   }
@@ -186,10 +190,10 @@ bool UpstreamRoutes::attempt(char const* function, Step const& step) {
 /// A step for each route in a ring of a target; it is then among the target's routes. Routes may come and
 /// leave meanwhile; those that were there at the beginning are visited once, unless they leave.
 template <class Step>
-void UpstreamRoutes::forEachRoute(Target& target, Ring& routes, Step const& step, bool areMoving) {
+void UpstreamRoutes::forEachRoute(Target& target, Ring& routes, Step const& step, bool isMoving) {
   Life::Watch const watch(life_);
   struct Todo : Target::Walk {
-    explicit Todo(Life::Watch const& life) : watch(life) {}
+    Todo(Target& of, bool moves, Life::Watch const& life) : Walk(of, moves), watch(life) {}
     ~Todo() {
       // After an exception: the target may have another owner by now, which a walk that moves leaves alone.
       while (!watch.ended() && !routes.alone()) {
@@ -197,7 +201,6 @@ void UpstreamRoutes::forEachRoute(Target& target, Ring& routes, Step const& step
         slot.isBehind = true;
         slot.catchUpLater();
       }
-      leave();
     }
     Joined& takeFirst() {
       Joined& first = ofTarget(routes.next());
@@ -205,9 +208,7 @@ void UpstreamRoutes::forEachRoute(Target& target, Ring& routes, Step const& step
       return first;
     }
     Life::Watch const& watch;
-  } todo(watch);
-  todo.areMoving = areMoving;
-  todo.join(target.walks);
+  } todo(target, isMoving, watch);
   todo.routes.takeAll(routes);
   while (!todo.routes.alone()) {
     step(todo.takeFirst());
