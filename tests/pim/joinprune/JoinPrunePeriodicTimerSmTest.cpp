@@ -35,6 +35,27 @@ class JoinPrunePeriodicTimerSmTest : public testing::Test, protected World {
     time = timeMin();
     wheel->expire();
   }
+  // An expiry during which the machine is retired when its clock is read for the `which`th time, which takes
+  // long.
+  void expireAndRetireAtReading(int which) {
+    addRoutes(10);
+    manager->perMessage = 1;
+    machine->txMessage()->joinPruneDataIs(nullptr);
+    int readings = -1000;
+    auto const clock = Vel::create<Zanth::TimerWheel>([&] {
+      if (++readings == which) {
+        machine->joinPruneNeighborSmDel(addr(N));
+        time += 1;
+        log.clear();
+      }
+      return time;
+    });
+    periodicSm->periodicTimerIs(clock);
+    readings = 0;
+    periodicSm->handlePeriodicTimerExpiry();
+    EXPECT_GE(readings, which);
+    EXPECT_THAT(log.take(), IsEmpty());
+  }
   std::string line(int level, std::string const& rest) const {
     std::ostringstream os;
     os << "[" << level << "] " << static_cast<void const*>(periodicSm.get()) << rest;
@@ -341,6 +362,17 @@ TEST_F(JoinPrunePeriodicTimerSmTest, AMachineThatIsRetiredWhileTheRecordIsPointe
   periodicSm->handlePeriodicTimerExpiry();
   EXPECT_FALSE(sm(N));
   EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AMachineThatIsRetiredWhileItReadsTheTimeAtTheBeginningSendsNothing) {
+  expireAndRetireAtReading(1);
+  EXPECT_FALSE(machine->txMessage()->joinPruneData());
+  EXPECT_EQ(manager->messages, 0u);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AMachineThatIsRetiredWhileItReadsTheTimeAfterAMessageSaysNothingMore) {
+  expireAndRetireAtReading(2);
+  EXPECT_EQ(manager->messages, 1u);
 }
 
 TEST_F(JoinPrunePeriodicTimerSmTest, AMachineThatIsRetiredInsideTheSendSaysNothingMore) {
