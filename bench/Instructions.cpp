@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "bench/Containers.h"
-#include "bench/PlainRouter.h"
+#include "bench/PlainJobs.h"
 #include "bench/Receiver.h"
 #include "bench/Router.h"
 #include "bench/Speaker.h"
@@ -34,14 +34,12 @@
 namespace {
 
 namespace Wire = Routing::Pim::Wire;
+using Bench::Body;
 using Bench::Keys;
 using Dova::IpGenAddr;
 using Vel::U32;
 
 std::string sizeText(U32 size) { return std::to_string(size / 1'000) + "k"; }
-
-/// What counts. It is called once and holds what it needs.
-using Body = std::function<void()>;
 
 struct Scenario {
   std::string name;
@@ -205,9 +203,8 @@ Body countedReference() {
   };
 }
 
-template <class Receiver>
 Body receive(Bench::Shape const& shape, int observers) {
-  auto const receiver = std::make_shared<Receiver>(shape, observers);
+  auto const receiver = std::make_shared<Bench::Receiver>(shape, observers);
   receiver->receive();  // what only a first message does has been done
   return [=] {
     for (int i = 0; i < 20; ++i) receiver->receive();
@@ -219,15 +216,6 @@ Body routesSent(U32 size) {
   auto const router = std::make_shared<Bench::RefreshingRouter>(0);
   return [=] {
     for (U32 route = 0; route < size; ++route) router->add(*router->triggered, route);
-    router->fireNext();
-    if (router->sent != size) std::abort();
-  };
-}
-
-Body routesSentPlain(U32 size) {
-  auto const router = std::make_shared<Bench::PlainRouter>();
-  return [=] {
-    for (U32 route = 0; route < size; ++route) router->add(Plain::Way::triggered, route);
     router->fireNext();
     if (router->sent != size) std::abort();
   };
@@ -255,19 +243,8 @@ Body periodicRoutes(U32 standing) {
   };
 }
 
-Body periodicRoutesPlain(U32 standing) {
-  auto const router = std::make_shared<Bench::PlainRouter>(standing);
-  return [=] {
-    U32 const end = standing + 1'000;
-    for (U32 route = standing; route < end; ++route) router->add(Plain::Way::periodic, route);
-    for (U32 route = standing; route < end; ++route) router->remove(Plain::Way::periodic, route);
-    if (router->neighbor.periodic.size() != standing) std::abort();
-  };
-}
-
-template <class Router>
 Body refresh(U32 size) {
-  auto const router = std::make_shared<Router>(size);
+  auto const router = std::make_shared<Bench::RefreshingRouter>(size);
   router->round();
   return [=] { router->round(); };
 }
@@ -328,12 +305,6 @@ Body startUp() {
   return [=] { *machine = router->newMachine(); };
 }
 
-Body startUpPlain() {
-  auto const start = std::make_shared<Bench::PlainStart>(20, 50);
-  auto const engine = std::make_shared<std::unique_ptr<Plain::Engine>>();
-  return [=] { *engine = start->newEngine(); };
-}
-
 // Whole jobs, by the library and by the plain engine.
 void addJobs(std::vector<Scenario>& to) {
   auto const add = [&to](std::string const& name, std::function<Body()> const& ours,
@@ -343,8 +314,8 @@ void addJobs(std::vector<Scenario>& to) {
   };
   auto const addReceive = [&add](std::string const& name, Bench::Shape const& shape, int observers) {
     add(
-        name, [=] { return receive<Bench::Receiver>(shape, observers); },
-        [=] { return receive<Bench::PlainReceiver>(shape, observers); });
+        name, [=] { return receive(shape, observers); },
+        [=] { return Bench::plainReceive(shape, observers); });
   };
   Bench::Shape const many{"", 70, 1, 0, 0, false}, large{"", 1, 180, 0, 0, false};
   addReceive("receive, 70 groups of one source", many, 1);
@@ -356,18 +327,19 @@ void addJobs(std::vector<Scenario>& to) {
     std::string const text = sizeText(size);
     add(
         "triggered routes, " + text + " sent", [=] { return routesSent(size); },
-        [=] { return routesSentPlain(size); });
+        [=] { return Bench::plainRoutesSent(size); });
   }
   add(
-      "periodic routes", [] { return periodicRoutes(1'000); }, [] { return periodicRoutesPlain(1'000); });
+      "periodic routes", [] { return periodicRoutes(1'000); },
+      [] { return Bench::plainPeriodicRoutes(1'000); });
   add(
       "periodic routes among 100k", [] { return periodicRoutes(100'000); },
-      [] { return periodicRoutesPlain(100'000); });
+      [] { return Bench::plainPeriodicRoutes(100'000); });
   for (U32 const size : {1'000u, 100'000u})
     add(
-        "refresh of " + sizeText(size), [=] { return refresh<Bench::RefreshingRouter>(size); },
-        [=] { return refresh<Bench::PlainRouter>(size); });
-  add("start-up, 20 neighbors x 50 routes", startUp, startUpPlain);
+        "refresh of " + sizeText(size), [=] { return refresh(size); },
+        [=] { return Bench::plainRefresh(size); });
+  add("start-up, 20 neighbors x 50 routes", startUp, Bench::plainStartUp);
 }
 
 std::vector<Scenario> scenarios() {
