@@ -523,6 +523,41 @@ TEST_F(JoinPrunePeriodicTimerSmTest, AWritableReactorTakesNothingFromAConstViewB
   EXPECT_FALSE(writer->notifier());
 }
 
+TEST_F(JoinPrunePeriodicTimerSmTest, WithoutAWheelNoTimePassesHoweverShortTheQuantum) {
+  addRoutes(3);
+  manager->perMessage = 1;
+  auto const bare = joinPrunePeriodicTimerSmFactory(nullptr, sm(N).get(), 1e-30, periodic(N), eth0, manager,
+                                                    machine->txMessage());
+  bare->doUpdatePeriodicTimer();
+  bare->handlePeriodicTimerExpiry();
+  EXPECT_EQ(manager->messages, 3u);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ARetiredMachineHasNoParentAnyMoreWhenItsWheelEndsWithIt) {
+  class AtTheEnd final : public Zanth::TimerWheel::NotifieeConst {
+   public:
+    AtTheEnd(Vel::Ptr<Zanth::TimerWheel const> const& watched, std::function<void()> const& call)
+        : call_(call) {
+      isNondestructingIs(true);
+      notifierIs(watched);
+    }
+    void onZeroReferences() override { call_(); }
+
+   private:
+    std::function<void()> const call_;
+  };
+  auto another = Vel::create<Zanth::TimerWheel>([] { return 0; });
+  periodicSm->periodicTimerIs(another);
+  bool isAsked = false;
+  auto const ending = Vel::create<AtTheEnd>(another, [&] {
+    isAsked = true;
+    EXPECT_FALSE(periodicSm->parentSm());
+  });
+  another = nullptr;
+  sm(N)->joinPrunePeriodicTimerSmDel();
+  EXPECT_TRUE(isAsked);
+}
+
 TEST_F(JoinPrunePeriodicTimerSmTest, ParametersPrintAsIntervalAndRoutes) {
   PeriodicTimerSm::PeriodicParams const params{60, 12};
   EXPECT_EQ(text(&params), "Interval: 60, Routes/Interval: 12");
