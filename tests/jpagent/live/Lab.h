@@ -122,7 +122,11 @@ class Process {
   int in_ = -1, out_ = -1;
 };
 
-/// Namespaces, which end with this, and a folder.
+/// Keeps the packets of all captures in a folder whose IP source fits a regular expression; tshark must
+/// decode each of them at the end of the program.
+void keepCaptures(std::string const& folder, std::string const& sources);
+
+/// Namespaces, which end with this, and a folder. Captures in the folder are checked.
 class Lab {
  public:
   explicit Lab(std::vector<std::string> const& names) {
@@ -134,10 +138,20 @@ class Lab {
   }
   ~Lab() {
     spaces_.clear();
+    keepCaptures(folder_, agents_);
     std::filesystem::remove_all(folder_);
   }
 
   std::string path(std::string const& name) const { return folder_ + "/" + name; }
+  /// Of a file that is not there yet.
+  std::string newPath(std::string const& name) const {
+    static int number = 0;
+    return path(name + std::to_string(++number));
+  }
+  /// The addresses of agents, as a regular expression; what others send may be broken.
+  void agentsAre(std::string const& addresses) { agents_ = addresses; }
+  /// Of a process in the namespace.
+  pid_t idOf(std::string const& name) const { return spaces_.at(name)->id(); }
   std::string text(std::string const& name) const { return shell("cat " + path(name)).output; }
 
   std::vector<std::string> entering(std::string const& name) const {
@@ -178,7 +192,7 @@ class Lab {
     for (int i = 0; i < 200 && shell(isThere).status != 0; ++i) pause(0.02);
   }
 
-  std::string folder_, first_;
+  std::string folder_, first_, agents_ = ".*";
   std::map<std::string, std::unique_ptr<Process>> spaces_;
 };
 

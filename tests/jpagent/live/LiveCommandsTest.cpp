@@ -230,6 +230,8 @@ TEST_F(LiveCommandsTest, HoldTimesFollowTheirIntervalsUnlessTheyWereGivenAndAreA
   EXPECT_EQ(shown("hold"), 8);
   ok("interface eth0 hello-hold 50 hold 0.5");
   EXPECT_EQ(shown("hold"), 1);
+  ok("interface eth0 hold 10 hold 0");
+  EXPECT_EQ(shown("hold"), 1);
   ok("interface eth0 hello 10 interval 10");
   EXPECT_EQ(shown("hello_hold"), 50);
   EXPECT_EQ(shown("hold"), 1);
@@ -243,8 +245,8 @@ TEST_F(LiveCommandsTest, HoldTimesFollowTheirIntervalsUnlessTheyWereGivenAndAreA
 TEST_F(LiveCommandsTest, AWrongSettingChangesNothing) {
   interface();
   Json const before = show("interfaces");
-  EXPECT_EQ(error("interface eth0 hello 5 hold 0"),
-            "expected a hold time in seconds from 0.001 to 65535, not \"0\"");
+  EXPECT_EQ(error("interface eth0 hello 5 hold 65536"),
+            "expected a hold time in seconds from 0 to 65535, not \"65536\"");
   EXPECT_THAT(error("interface eth0 priority 7 tracking maybe"), HasSubstr("\"on\" or \"off\""));
   EXPECT_THAT(error("interface eth0 hello"), HasSubstr("at the end of the line"));
   EXPECT_EQ(show("interfaces"), before);
