@@ -33,59 +33,20 @@ std::vector<FakeCase> helloCases();
 std::vector<FakeCase> upstreamCases();
 std::vector<FakeCase> downstreamCases();
 
-namespace Inside {
-
-// A packet socket on each of these interfaces of a namespace, made by a process there.
-inline std::vector<int> packetSockets(Lab const& lab, std::string const& space,
-                                      std::vector<std::string> const& names) {
-  int ends[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throw std::runtime_error("no sockets");
-  // One descriptor a message, with a byte that carries it.
-  char byte = 0;
-  iovec part{&byte, 1};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  msghdr header{};
-  header.msg_iov = &part;
-  header.msg_iovlen = 1;
-  header.msg_control = control;
-  header.msg_controllen = sizeof control;
-  Worker worker(lab, space, [&] {
-    for (auto const& name : names) {
-      int const protocol = htons(name[1] == 'c' ? ETH_P_IP : ETH_P_IPV6);
-      int const made = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, protocol);
-      sockaddr_ll address{};
-      address.sll_family = AF_PACKET;
-      address.sll_protocol = static_cast<unsigned short>(protocol);
-      address.sll_ifindex = static_cast<int>(if_nametoindex(name.c_str()));
-      packet_mreq all{};
-      all.mr_ifindex = address.sll_ifindex;
-      all.mr_type = PACKET_MR_ALLMULTI;
-      if (made < 0 || bind(made, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-          setsockopt(made, SOL_PACKET, PACKET_ADD_MEMBERSHIP, &all, sizeof all) != 0)
-        _exit(2);
-      cmsghdr& item = *CMSG_FIRSTHDR(&header);
-      item.cmsg_level = SOL_SOCKET;
-      item.cmsg_type = SCM_RIGHTS;
-      item.cmsg_len = CMSG_LEN(sizeof made);
-      std::memcpy(CMSG_DATA(&item), &made, sizeof made);
-      if (sendmsg(ends[1], &header, 0) != 1) _exit(3);
-      close(made);
-    }
-  });
-  close(ends[1]);
-  std::vector<int> sockets;
-  while (sockets.size() < names.size() && recvmsg(ends[0], &header, MSG_CMSG_CLOEXEC) == 1) {
-    int received;
-    std::memcpy(&received, CMSG_DATA(CMSG_FIRSTHDR(&header)), sizeof received);
-    sockets.push_back(received);
-    header.msg_controllen = sizeof control;
-  }
-  close(ends[0]);
-  if (worker.wait() != 0 || sockets.size() < names.size()) throw std::runtime_error("no packet sockets");
-  return sockets;
+// A packet socket on an interface of this process's namespace, or -1.
+inline int packetSocket(std::string const& intf, bool isIpv4) {
+  int const protocol = htons(isIpv4 ? ETH_P_IP : ETH_P_IPV6);
+  int const made = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, protocol);
+  sockaddr_ll address{};
+  address.sll_family = AF_PACKET;
+  address.sll_protocol = static_cast<unsigned short>(protocol);
+  address.sll_ifindex = static_cast<int>(if_nametoindex(intf.c_str()));
+  packet_mreq all{};
+  all.mr_ifindex = address.sll_ifindex;
+  all.mr_type = PACKET_MR_ALLMULTI;
+  bool const isBound = made >= 0 && bind(made, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  return isBound && setsockopt(made, SOL_PACKET, PACKET_ADD_MEMBERSHIP, &all, sizeof all) == 0 ? made : -1;
 }
-
-}  // namespace Inside
 
 /// The namespaces of cases: in "agent" the agents with their ends of the cables, in "fake" the other ends.
 class FakeLab {
@@ -152,7 +113,9 @@ class FakeLab {
     lab_.in("agent", "ip -batch " + lab_.path("agents"));
     std::ofstream(lab_.path("fakes")) << ofFakes;
     lab_.in("fake", "ip -batch " + lab_.path("fakes"));
-    auto const sockets = Inside::packetSockets(lab_, "fake", names);
+    auto const sockets = descriptorsOf(lab_, "fake", names.size(), [&](std::size_t i) {
+      return packetSocket(names[i], lans_[i]->isIpv4());
+    });
     for (std::size_t i = 0; i < lans_.size(); ++i) lans_[i]->socketIs(sockets[i]);
   }
   void startAgent(std::size_t number) {

@@ -27,25 +27,13 @@
 #include <thread>
 #include <vector>
 
+#include "tests/Shell.h"
+
 namespace Routing::Pim::Jpagent::Live {
 
 using Json = nlohmann::ordered_json;
-
-struct Outcome {
-  int status = -1;
-  std::string output;  // of both streams
-};
-
-inline Outcome shell(std::string const& script) {
-  Outcome run;
-  FILE* const pipe = popen(("{ " + script + "\n} 2>&1").c_str(), "r");
-  if (!pipe) return run;
-  char buffer[4096];
-  while (std::size_t const size = fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, size);
-  int const status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
+using Routing::Outcome;
+using Routing::shell;
 
 inline void pause(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
 
@@ -201,6 +189,8 @@ class Agent {
  public:
   Agent(Lab const& lab, std::string const& space, std::vector<std::string> const& arguments)
       : process_(wordsOf(lab, space, arguments)) {}
+  /// By a command that has it run in the end.
+  explicit Agent(std::vector<std::string> const& words) : process_(words) {}
 
   Process& process() { return process_; }
   void say(std::string const& line) { process_.write(line + "\n"); }

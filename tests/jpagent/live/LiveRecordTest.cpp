@@ -125,7 +125,7 @@ TEST(LiveRecordTest, ARecordingOfRandomTrafficPerformsToTheSameLines) {
   one.await(neighborUp("10.0.0.2"));
   {
     Worker const neighbor(lab, "two", [seed] { sendAnything(seed); });
-    auto const until = std::chrono::steady_clock::now() + std::chrono::seconds(thorough() ? 60 : 1);
+    auto const until = std::chrono::steady_clock::now() + std::chrono::seconds(thorough() ? 60 : 2);
     while (std::chrono::steady_clock::now() < until) {
       for (unsigned i = chance.below(5); i > 0; --i) one.say(randomCommand(chance));
       if (chance.below(4) == 0) two.say("join " + chance.group().insert(0, "(10.9.0.1,") + ") via 10.0.0.1");
