@@ -172,11 +172,9 @@ TEST(LiveLinksTest, OnAPointToPointLinkAMessageToTheUnspecifiedAddressIsForThisR
   };
   send(helloOf(from, {.hold = 105}));
   one.await(neighborUp("10.0.0.2"));
-  send(
-      joinPruneOf(from, IpGenAddr("0.0.0.0"), {{EntryKind::sourceJoin, "10.9.0.1", "239.1.1.1"}}, 210));
+  send(joinPruneOf(from, IpGenAddr("0.0.0.0"), {{EntryKind::sourceJoin, "10.9.0.1", "239.1.1.1"}}, 210));
   one.await(downstream("joined", "(10.9.0.1,239.1.1.1)"));
-  send(joinPruneOf(from, IpGenAddr("10.0.0.1"), {{EntryKind::sourceJoin, "10.9.0.1", "239.1.1.2"}},
-                         210));
+  send(joinPruneOf(from, IpGenAddr("10.0.0.1"), {{EntryKind::sourceJoin, "10.9.0.1", "239.1.1.2"}}, 210));
   one.await(downstream("joined", "(10.9.0.1,239.1.1.2)"));
   EXPECT_TRUE(one.ask("join (10.9.0.1,239.2.0.1) via 10.0.0.2")["ok"]);
   one.await({{"event", "sent"}, {"upstream", "10.0.0.2"}});
