@@ -12,7 +12,10 @@ import sys
 
 TOP = sys.argv[1] if len(sys.argv) > 1 else os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 MAIN = {'runtime/vel': 'Attribute.h', 'runtime/zanth': 'TimerWheel.h', 'runtime/scrivo': 'Scrivo.h',
-        'runtime/dova': 'IpGenAddr.h', 'pim/model': 'Status.h', 'pim/joinprune': 'JoinPruneMessageSm.h'}
+        'runtime/dova': 'IpGenAddr.h', 'pim/model': 'Status.h', 'pim/joinprune': 'JoinPruneMessageSm.h',
+        'pim/wire': 'PimMessage.h', 'pim/speaker': 'Speaker.h', 'jpagent/capture': 'Capture.h',
+        'jpagent/common': 'Options.h', 'jpagent/replay': 'Replay.h', 'jpagent/simulate': 'Simulation.h',
+        'jpagent/live': 'LiveRun.h'}
 ROW = re.compile(r'^//   ([\w/]+\.h) {2,}\S')
 
 errors = []

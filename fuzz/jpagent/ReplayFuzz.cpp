@@ -89,8 +89,8 @@ extern "C" int LLVMFuzzerTestOneInput(U8 const* data, std::size_t size) {
     frame.bytes = copy;
     ++frame.number;
     std::size_t const before = report.entries, strictBefore = strictReport.entries;
-    replay.frameIs(frame);
-    strict.frameIs(frame);
+    replay.receiveFrame(frame);
+    strict.receiveFrame(frame);
     std::size_t const entries = report.entries - before, strictEntries = strictReport.entries - strictBefore;
     FUZZ_REQUIRE(entries == expected(frame.link, frame.bytes));
     FUZZ_REQUIRE(strictEntries == entries || strictEntries == 0);

@@ -138,11 +138,11 @@ Command commandFrom(Input& input) {
     case 7:
     case 8:
     case 9: {
-      auto const channel = static_cast<Channel>(input.below(3));
+      auto const sendKind = static_cast<SendKind>(input.below(3));
       IpGenAddr const target = unicast(input);
       Change const change = input.below(4) == 3 ? Change::remove : Change::add;
       return DataCommand{
-          .channel = channel, .target = target, .change = change, .entries = entriesFrom(input)};
+          .sendKind = sendKind, .target = target, .change = change, .entries = entriesFrom(input)};
     }
     case 10:
       return received(input);

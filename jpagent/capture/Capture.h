@@ -4,6 +4,15 @@
 //     Capture capture("lan.pcap");
 //     Frame frame;
 //     while (capture.next(frame)) show(frame.number, frame.time, frame.bytes);
+//
+// Which file of this folder does what:
+//
+//   Capture.h       frames from a file
+//   Pcapng.h        the blocks of a pcapng file
+//   Datagram.h      from a frame to the IP datagram in it, through tunnels too
+//   FrameBuilder.h  IP datagrams and Ethernet frames around PIM messages
+//   PcapPackets.h   a sink that writes packets to a pcap file
+//   Sample.h        `jpagent sample`: a capture to try the program with
 #pragma once
 
 #include <memory>

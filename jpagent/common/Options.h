@@ -1,6 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // What command lines and conversations say about groups and traces, in the domain's types. Texts that do not
 // parse throw OptionError with one line that quotes them.
+//
+// Which file of this folder does what:
+//
+//   Options.h          groups and trace levels from text
+//   PrefixTable.h      what is said of prefixes, and which of them have an address
+//   Output.h           files and standard output, which know why writing failed
+//   Ending.h           the line and the status with which jpagent ends
+//   Progress.h         how far long work is, on a terminal
+//   ScrivoRecording.h  the ring trace file of a run
+//   RingMessages.h     what a simulation writes into it
+//   SendKind.h         the three sets of joins and prunes of an upstream target
 #pragma once
 
 #include <stdexcept>

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "jpagent/common/Channel.h"
+#include "jpagent/common/SendKind.h"
 #include "runtime/dova/IpGenAddr.h"
 #include "runtime/scrivo/Scrivo.h"
 
@@ -40,43 +40,43 @@ inline void received(std::string const& intf, std::size_t entries) {
   SCRIVO_MESSAGE(SIMULATION_SOURCE, "Received a message, Intf: ", intf, ", Entries: ", entries);
 }
 
-// What differs by channel or event is a literal of the statement, so each has its instance.
+// What differs by send kind or event is a literal of the statement, so each has its instance.
 
 /// `due` is the time at which the timer is to fire, or was; of a timer that was disarmed, there is none.
-template <TimerEvent event, Channel channel>
+template <TimerEvent event, SendKind sendKind>
 void timer(IpGenAddr const& neighbor, std::string const& intf, std::string const& due) {
   if constexpr (event == TimerEvent::disarmed)
-    SCRIVO_MESSAGE(SIMULATION_SOURCE, text(event).data(), " the ", text(channel).data(), " timer of ",
+    SCRIVO_MESSAGE(SIMULATION_SOURCE, text(event).data(), " the ", text(sendKind).data(), " timer of ",
                    neighbor, ", Intf: ", intf);
   else
-    SCRIVO_MESSAGE(SIMULATION_SOURCE, text(event).data(), " the ", text(channel).data(), " timer of ",
+    SCRIVO_MESSAGE(SIMULATION_SOURCE, text(event).data(), " the ", text(sendKind).data(), " timer of ",
                    neighbor, ", Intf: ", intf, ", Due: ", due);
 }
 
-template <Channel channel>
+template <SendKind sendKind>
 void sent(IpGenAddr const& neighbor, std::string const& intf, std::size_t joins, std::size_t prunes,
           std::size_t bytes) {
-  SCRIVO_MESSAGE(SIMULATION_SOURCE, "Sent a message of ", text(channel).data(), " data to ", neighbor,
+  SCRIVO_MESSAGE(SIMULATION_SOURCE, "Sent a message of ", text(sendKind).data(), " data to ", neighbor,
                  ", Intf: ", intf, ", Joins: ", joins, ", Prunes: ", prunes, ", Bytes: ", bytes);
 }
 
 /// `first` is the first of the entries that change.
-template <Channel channel>
+template <SendKind sendKind>
 void changed(IpGenAddr const& neighbor, std::string const& first, std::size_t entries) {
-  SCRIVO_MESSAGE(SIMULATION_SOURCE, "Changed the ", text(channel).data(), " data of ", neighbor,
+  SCRIVO_MESSAGE(SIMULATION_SOURCE, "Changed the ", text(sendKind).data(), " data of ", neighbor,
                  ", First: ", first, ", Entries: ", entries);
 }
 
-/// Calls `message.template operator()<channel>()` for a channel that is known at run time only.
+/// Calls `message.template operator()<sendKind>()` for a send kind that is known at run time only.
 template <class Message>
-void ofChannel(Channel channel, Message const& message) {
-  switch (channel) {
-    case Channel::triggered:
-      return message.template operator()<Channel::triggered>();
-    case Channel::override:
-      return message.template operator()<Channel::override>();
-    case Channel::periodic:
-      return message.template operator()<Channel::periodic>();
+void ofSendKind(SendKind sendKind, Message const& message) {
+  switch (sendKind) {
+    case SendKind::triggered:
+      return message.template operator()<SendKind::triggered>();
+    case SendKind::override:
+      return message.template operator()<SendKind::override>();
+    case SendKind::periodic:
+      return message.template operator()<SendKind::periodic>();
   }
 }
 

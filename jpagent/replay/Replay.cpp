@@ -121,20 +121,20 @@ Replay::~Replay() {
   pruneReactor_->notifierIs(nullptr);
 }
 
-void Replay::frameIs(Frame const& frame) {
+void Replay::receiveFrame(Frame const& frame) {
   ++totals_.frames;
   expireNeighbors(frame.time);
   auto const found = findDatagram(frame.link, frame.bytes);
   if (auto const* const why = std::get_if<PassedOver>(&found)) return passOver(*why);
   auto const& datagram = std::get<Datagram>(found);
   if (datagram.protocol != Wire::pimProtocol) return passOver(PassedOver::otherProtocol);
-  pimIs({frame.number, frame.time}, datagram);
+  receivePim({frame.number, frame.time}, datagram);
 }
 
 void Replay::passOver(PassedOver why) { ++totals_.passedOver[static_cast<std::size_t>(why)]; }
 
 // A message whose type is out of sight may be a Join/Prune: better refused than passed over.
-void Replay::pimIs(Place const& place, Datagram const& datagram) {
+void Replay::receivePim(Place const& place, Datagram const& datagram) {
   if (datagram.state == Datagram::State::laterFragment) return passOver(PassedOver::laterFragment);
   Wire::PimType const type = Wire::isPimType(datagram.payload, Wire::PimType::hello)
                                  ? Wire::PimType::hello
@@ -155,12 +155,13 @@ void Replay::pimIs(Place const& place, Datagram const& datagram) {
   }
   auto const fault = senderFault(datagram);
   if (fault && !lenient_) return refuse(place, type, *fault);
-  bool const taken = type == Wire::PimType::hello ? helloIs(place, datagram) : joinPruneIs(place, datagram);
+  bool const taken =
+      type == Wire::PimType::hello ? takeHello(place, datagram) : takeJoinPrune(place, datagram);
   if (fault && taken) ++totals_.lenient;
 }
 
 // False if it is refused.
-bool Replay::joinPruneIs(Place const& place, Datagram const& datagram) {
+bool Replay::takeJoinPrune(Place const& place, Datagram const& datagram) {
   auto const decoded = Wire::decodeJoinPrune(datagram.payload, datagram.source, datagram.destination);
   if (auto const* refusal = std::get_if<Wire::Refusal>(&decoded)) {
     refuse(place, Wire::PimType::joinPrune, *refusal);
@@ -173,7 +174,7 @@ bool Replay::joinPruneIs(Place const& place, Datagram const& datagram) {
   return true;
 }
 
-bool Replay::helloIs(Place const& place, Datagram const& datagram) {
+bool Replay::takeHello(Place const& place, Datagram const& datagram) {
   auto const decoded = Wire::decodeHello(datagram.payload, datagram.source, datagram.destination);
   if (auto const* refusal = std::get_if<Wire::Refusal>(&decoded)) {
     refuse(place, Wire::PimType::hello, *refusal);

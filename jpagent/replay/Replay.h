@@ -4,7 +4,7 @@
 //
 //     TextReport report(std::cout);
 //     Replay replay(options, report);
-//     while (capture.next(frame)) replay.frameIs(frame);
+//     while (capture.next(frame)) replay.receiveFrame(frame);
 //     report.totals(replay.totals());
 //
 // Design of the folder, from the bottom up:
@@ -12,6 +12,8 @@
 //   Report.h       the report as text or JSON
 //   Replay.h       frames to the engine, and what it records to the report
 //   ReplayRun.h    `jpagent replay`: opens the capture and the outputs, and ends with a status
+//
+// Frames are read from files, and datagrams found in them, by jpagent/capture.
 //
 // The hash of a process that replays is seeded at random, because the senders choose the addresses in a
 // capture. The engine walks its collections in the order of the hash, so the entries of a message are sorted
@@ -56,7 +58,7 @@ class Replay {
 
   /// Hears a frame. Everything in it has been reported on return. Its time is the clock by which senders are
   /// forgotten.
-  void frameIs(Frame const& frame);
+  void receiveFrame(Frame const& frame);
 
   Totals const& totals() const { return totals_; }
 
@@ -67,10 +69,10 @@ class Replay {
  private:
   class EntryReactor;
 
-  void pimIs(Place const& place, Datagram const& datagram);
-  bool joinPruneIs(Place const& place, Datagram const& datagram);
+  void receivePim(Place const& place, Datagram const& datagram);
+  bool takeJoinPrune(Place const& place, Datagram const& datagram);
   void passOver(PassedOver why);
-  bool helloIs(Place const& place, Datagram const& datagram);
+  bool takeHello(Place const& place, Datagram const& datagram);
   void neighborIs(IpGenAddr const& sender, Vel::Seconds now, U16 holdTime);
   void expireNeighbors(Vel::Seconds now);
   void deliver(Place const& place, Wire::JoinPrune const& message);

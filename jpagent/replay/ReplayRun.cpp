@@ -45,7 +45,7 @@ int runReplay(std::string const& file, ReplayOptions const& options, Report& rep
     awaitInterrupt();
     Frame frame;
     while (std::cout && !interrupted() && capture.next(frame)) {
-      machine.frameIs(frame);
+      machine.receiveFrame(frame);
       if (frame.number % 64 == 0) Progress::at(capture.bytesRead(), capture.size());
     }
   } catch (CaptureError const& e) {

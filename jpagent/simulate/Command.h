@@ -12,8 +12,8 @@
 #include <variant>
 #include <vector>
 
-#include "jpagent/common/Channel.h"
 #include "jpagent/common/Options.h"
+#include "jpagent/common/SendKind.h"
 #include "jpagent/simulate/Routes.h"
 #include "pim/model/packet/JoinPruneMessage.h"
 
@@ -70,7 +70,7 @@ enum class Change : U8 {
   ungroup  // removed with all that is in it
 };
 struct DataCommand {
-  Channel channel;
+  SendKind sendKind;
   IpGenAddr target;
   Change change = Change::add;
   Routes entries;

@@ -87,13 +87,13 @@ constexpr Form forms[] = {
     {"suppress", policyOn<Policy::suppress>, "GROUP/LEN [off]", "the packet manager suppresses joins"},
     {"start", start, "", "makes the message machine over what is there"},
     {"drop", drop, "", "drops the message machine"},
-    {"triggered", dataOf<Channel::triggered>, "TARGET [remove] join ROUTE... prune ROUTE...",
+    {"triggered", dataOf<SendKind::triggered>, "TARGET [remove] join ROUTE... prune ROUTE...",
      "changes what is pending for an upstream target"},
-    {"override", dataOf<Channel::override>, "TARGET make | gone | group G | ungroup G | remove wildcard G",
+    {"override", dataOf<SendKind::override>, "TARGET make | gone | group G | ungroup G | remove wildcard G",
      "the same; the data set is made or removed, a group is added empty, or removed with "
      "what "
      "is in it"},
-    {"periodic", dataOf<Channel::periodic>, "TARGET [remove] join ROUTE... prune ROUTE...",
+    {"periodic", dataOf<SendKind::periodic>, "TARGET [remove] join ROUTE... prune ROUTE...",
      "the same; ROUTE is (S,G), (*,G) rp ADDRESS, (S,G,rpt), or N routes from ROUTE (groups are counted "
      "upwards), or N sources from ROUTE (sources are): at most 1000000 in a line and 2000000 in a file"},
     {"receive", receive, "NAME upstream ADDRESS hold S join ROUTE... prune ROUTE...",

@@ -39,10 +39,10 @@ Command policyOn(Words& words) {
   return PolicyCommand{policy, groups, words.taken("off")};
 }
 /// If something else was taken after the target, the entries are left to who took it.
-DataCommand takeData(Words& words, Channel channel, Other const& other = nothingElse);
-template <Channel channel>
+DataCommand takeData(Words& words, SendKind sendKind, Other const& other = nothingElse);
+template <SendKind sendKind>
 Command dataOf(Words& words) {
-  return takeData(words, channel);
+  return takeData(words, sendKind);
 }
 Command receive(Words& words);
 /// "upstream ADDRESS hold S join ROUTE... prune ROUTE...".

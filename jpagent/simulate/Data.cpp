@@ -27,36 +27,36 @@ void Simulation::refuseUnlessAllAreThere(Packet::JoinPruneData const& data, Data
   for (auto const& entry : command.entries) {
     auto const group = data.joinPruneGroupData(entry.group);
     if (!group || !Packet::hasEntry(*group, entry.kind, entry.source))
-      refuse("{} has no {} {}", toText(command.target), text(command.channel), toText(entry));
+      refuse("{} has no {} {}", toText(command.target), text(command.sendKind), toText(entry));
     if (mayRepeat && !removed.emplace(entry.kind, entry.source, entry.group).second)
-      refuse("{} has no second {} {}", toText(command.target), text(command.channel), toText(entry));
+      refuse("{} has no second {} {}", toText(command.target), text(command.sendKind), toText(entry));
   }
 }
 
 // A data set is made, or removed with all that is in it.
-void Simulation::makeData(Channel channel, IpGenAddr const& target) {
-  switch (channel) {
-    case Channel::triggered:
+void Simulation::makeData(SendKind sendKind, IpGenAddr const& target) {
+  switch (sendKind) {
+    case SendKind::triggered:
       status_->triggeredGroupIs(target);
       return;
-    case Channel::override:
+    case SendKind::override:
       status_->overrideGroupIs(target);
       return;
-    case Channel::periodic:
+    case SendKind::periodic:
       status_->periodicGroupStatus()->upJoinPruneIs(target);
       return;
   }
 }
 
-void Simulation::removeData(Channel channel, IpGenAddr const& target) {
-  switch (channel) {
-    case Channel::triggered:
+void Simulation::removeData(SendKind sendKind, IpGenAddr const& target) {
+  switch (sendKind) {
+    case SendKind::triggered:
       status_->triggeredGroupDel(target);
       return;
-    case Channel::override:
+    case SendKind::override:
       status_->overrideGroupDel(target);
       return;
-    case Channel::periodic:
+    case SendKind::periodic:
       status_->periodicGroupStatus()->upJoinPruneDel(target);
       return;
   }
@@ -81,7 +81,7 @@ void Simulation::removeEntries(Packet::JoinPruneData& data, DataCommand const& c
 void Simulation::removeWildcard(Packet::JoinPruneData& data, DataCommand const& command) {
   auto const group = data.joinPruneGroupData(command.group);
   if (!group || !group->wcSourceData())
-    refuse("{} has no {} (*,{})", toText(command.target), text(command.channel), toText(command.group));
+    refuse("{} has no {} (*,{})", toText(command.target), text(command.sendKind), toText(command.group));
   group->wcSourceDataDel();
   retireGroup(data, command.target, *group);
 }
@@ -91,7 +91,7 @@ void Simulation::change(Packet::JoinPruneData& data, DataCommand const& command)
     case Change::make:
       break;
     case Change::gone:
-      return removeData(command.channel, command.target);
+      return removeData(command.sendKind, command.target);
     case Change::group:
       data.joinPruneGroupDataIs(command.group);
       break;
@@ -112,15 +112,15 @@ void Simulation::change(Packet::JoinPruneData& data, DataCommand const& command)
 // What is to be changed. Refused if there is no such data set, or if the change costs too much.
 Vel::Ptr<Packet::JoinPruneData> Simulation::changingData(DataCommand const& command) {
   touched_.insert(command.target);
-  auto const data = dataOf(command.target)[static_cast<std::size_t>(command.channel)];
+  auto const data = dataOf(command.target)[static_cast<std::size_t>(command.sendKind)];
   if (!data) refuse("{} is no upstream target", toText(command.target));
   if (Scrivo::TraceFile::current() != nullptr && !command.entries.empty()) {
-    RingMessages::ofChannel(command.channel, [&]<Channel one>() {
+    RingMessages::ofSendKind(command.sendKind, [&]<SendKind one>() {
       RingMessages::changed<one>(command.target, changeText(command.change, *command.entries.begin()),
                                  command.entries.size());
     });
   }
-  if (command.channel == Channel::periodic && machine_ && machine_->diagUpJoinCount()) {
+  if (command.sendKind == SendKind::periodic && machine_ && machine_->diagUpJoinCount()) {
     // The check of each route looks at all groups.
     lookedAt_ += command.entries.size() * (data->joinPruneGroupDataCount() + command.entries.size());
     refuseIfLookedAtTooMuch();
@@ -131,7 +131,7 @@ Vel::Ptr<Packet::JoinPruneData> Simulation::changingData(DataCommand const& comm
 void Simulation::on(DataCommand const& command) {
   if (command.change == Change::make) {
     touched_.insert(command.target);
-    return makeData(command.channel, command.target);
+    return makeData(command.sendKind, command.target);
   }
   change(*changingData(command), command);
 }

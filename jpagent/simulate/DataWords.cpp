@@ -8,8 +8,8 @@
 
 namespace Routing::Pim::Jpagent {
 
-DataCommand takeData(Words& words, Channel channel, Other const& other) {
-  DataCommand command{channel, words.address("the address of an upstream target"), Change::add, {}};
+DataCommand takeData(Words& words, SendKind sendKind, Other const& other) {
+  DataCommand command{sendKind, words.address("the address of an upstream target"), Change::add, {}};
   auto const group = [&words, &command](Change change) {
     command.change = change;
     command.group = words.address("a group's address");

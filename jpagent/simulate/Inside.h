@@ -34,8 +34,8 @@ inline std::string counted(std::size_t count, std::string_view what) {
 /// The levels of the traces that a conversation shows: bit n is level n.
 void traceLevelsAre(U32 levels);
 
-/// The times of a machine's timers, in the order of the channels.
-std::array<Seconds, channelNames.size()> timersOf(JoinPruneNeighborSm const& sm);
+/// The times of a machine's timers, in the order of `SendKind`.
+std::array<Seconds, sendKindNames.size()> timersOf(JoinPruneNeighborSm const& sm);
 
 // --- The inputs that are the simulation's own, and what tells of the outputs.
 

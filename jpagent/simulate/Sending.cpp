@@ -21,7 +21,7 @@ void Simulation::send(Speaker::OutgoingPacket const& packet) {
   auto const upstream = packet.message.upstreamNeighbor();
   auto const message = manager_->txMessageInfo()->joinPruneMessage();
   line(fmt::format("sent on {} from {}, upstream {}, {}, hold {}, {} bytes", packet.intf.name(),
-                   toText(packet.source), toText(upstream), channelOf(*message->joinPruneData()),
+                   toText(packet.source), toText(upstream), sendKindOf(*message->joinPruneData()),
                    packet.message.holdTime(), packet.bytes.size()));
   // Of the bytes, so that a packet that says anything else than it should is seen here.
   auto const decoded = Wire::decodeJoinPrune(packet.bytes, packet.source, packet.destination);
@@ -52,22 +52,22 @@ void Simulation::ringSent(Speaker::OutgoingPacket const& packet,
                           std::vector<RouteEntry> const& entries) const {
   if (Scrivo::TraceFile::current() == nullptr) return;
   auto const data = manager_->txMessageInfo()->joinPruneMessage()->joinPruneData();
-  auto const channel = std::find(channelNames.begin(), channelNames.end(), channelOf(*data));
-  if (channel == channelNames.end()) return;
+  auto const sendKind = std::find(sendKindNames.begin(), sendKindNames.end(), sendKindOf(*data));
+  if (sendKind == sendKindNames.end()) return;
   auto const joins = static_cast<std::size_t>(std::count_if(
       entries.begin(), entries.end(), [](RouteEntry const& entry) { return isJoin(entry.kind); }));
-  RingMessages::ofChannel(static_cast<Channel>(channel - channelNames.begin()), [&]<Channel one>() {
+  RingMessages::ofSendKind(static_cast<SendKind>(sendKind - sendKindNames.begin()), [&]<SendKind one>() {
     RingMessages::sent<one>(packet.message.upstreamNeighbor(), packet.intf.name(), joins,
                             entries.size() - joins, packet.bytes.size());
   });
 }
 
-std::string_view Simulation::channelOf(Packet::JoinPruneData const& data) const {
-  auto const channels = dataOf(data.upstreamNeighbor());
-  auto const channel =
-      std::find_if(channels.begin(), channels.end(), [&data](auto const& set) { return set.get() == &data; });
-  return channel == channels.end() ? "for a target that is gone"
-                                   : channelNames[static_cast<std::size_t>(channel - channels.begin())];
+std::string_view Simulation::sendKindOf(Packet::JoinPruneData const& data) const {
+  auto const sendKinds = dataOf(data.upstreamNeighbor());
+  auto const sendKind = std::find_if(sendKinds.begin(), sendKinds.end(),
+                                     [&data](auto const& set) { return set.get() == &data; });
+  return sendKind == sendKinds.end() ? "for a target that is gone"
+                                     : sendKindNames[static_cast<std::size_t>(sendKind - sendKinds.begin())];
 }
 
 }  // namespace Routing::Pim::Jpagent

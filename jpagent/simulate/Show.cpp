@@ -28,19 +28,19 @@ void Simulation::showTarget(IpGenAddr const& address) {
                                       sm->neighbor() ? "neighbor" : "interface")
                         : fmt::format("show {} without a machine", toText(address));
   for (std::size_t i = 0; i < data.size(); ++i) {
-    text += fmt::format("; {} ", channelNames[i]);
+    text += fmt::format("; {} ", sendKindNames[i]);
     text += data[i] ? counted(data[i]->joinPruneGroupDataCount(), "group") : "gone";
     if (!sm) continue;
     U32 const watched[] = {sm->triggeredGroupDataCount(), sm->overrideGroupDataCount(),
                            sm->periodicGroupDataCount()};
     if (data[i] && watched[i] != data[i]->joinPruneGroupDataCount())
       text += fmt::format(" ({} watched)", watched[i]);
-    if (static_cast<Channel>(i) == Channel::periodic)
+    if (static_cast<SendKind>(i) == SendKind::periodic)
       text += fmt::format(", {}", counted(sm->numPeriodicRoutes(), "route"));
     Seconds const time = timersOf(*sm)[i];
     if (time == Vel::never) continue;
     text += fmt::format(", at {}", secondsText(time));
-    if (static_cast<Channel>(i) != Channel::periodic) continue;
+    if (static_cast<SendKind>(i) != SendKind::periodic) continue;
     auto const slice = sm->joinPrunePeriodicTimerSm()->periodicParams();
     text += fmt::format(", then {} every {}", slice.routes, secondsText(slice.interval));
   }
@@ -56,12 +56,12 @@ void Simulation::showEntries(IpGenAddr const& address) {
     lookedAt_ += 1 + data[i]->joinPruneGroupDataCount() -
                  std::min<std::size_t>(data[i]->joinPruneGroupDataCount(), entries.size());
     for (auto const& entry : entries)
-      line(fmt::format("show {} {} {}", toText(address), channelNames[i], toText(entry)));
+      line(fmt::format("show {} {} {}", toText(address), sendKindNames[i], toText(entry)));
     std::set<IpGenAddr> empty;
     for (auto const& group : data[i]->joinPruneGroupDataIterator())
       if (group.empty()) empty.insert(group.group());
     for (auto const& group : empty)
-      line(fmt::format("show {} {} group {} without entries", toText(address), channelNames[i],
+      line(fmt::format("show {} {} group {} without entries", toText(address), sendKindNames[i],
                        toText(group)));
   }
 }

@@ -90,7 +90,7 @@ std::map<IpGenAddr, Vel::Ptr<JoinPruneNeighborSm>> Simulation::machines() const 
   return found;
 }
 
-std::array<Vel::Ptr<Packet::JoinPruneData>, channelNames.size()> Simulation::dataOf(
+std::array<Vel::Ptr<Packet::JoinPruneData>, sendKindNames.size()> Simulation::dataOf(
     IpGenAddr const& target) const {
   return {status_->triggeredGroup(target), status_->overrideGroup(target),
           status_->periodicGroupStatus()->upJoinPrune(target)};

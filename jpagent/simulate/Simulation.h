@@ -12,6 +12,24 @@
 //
 // The same commands give the same lines on every computer: the clock is the world's own, the random delay is
 // seeded, and objects are numbered in the order in which traces name them.
+//
+// Which file of this folder does what:
+//
+//   SimulateRun.h              `jpagent simulate`: performs and compares conversation files
+//   Conversation.h             the lines of a conversation: commands, and what is to come out
+//   CommandTable.h             the words of commands, with their texts for help
+//   Words.h                    the words of one line, taken one by one
+//   RouteWords.h               routes in the words of a command
+//   Command.h                  commands as values
+//   Simulation.h               performs commands on an engine (Data.cpp, Interfaces.cpp, Show.cpp and others:
+//                              what each kind does)
+//   Inside.h                   what the source files of Simulation share
+//   Routes.h                   routes as commands give them and the output shows them
+//   RouteData.h                single routes in the data of the model
+//   speaker/SpeakerWorld.h     performs commands on a speaker instead
+//   speaker/SpeakerCommands.h  what commands to a speaker do, in a conversation or in `jpagent run`
+//   speaker/SpeakerForms.h     their words, for the tables of both
+//   speaker/SpeakerWords.h     the table for conversations
 #pragma once
 
 #include <array>
@@ -81,7 +99,7 @@ class Simulation {
     void const* machine;
     void const* periodicTimerSm;
     std::string intf;
-    std::array<Seconds, channelNames.size()> timers;
+    std::array<Seconds, sendKindNames.size()> timers;
   };
 
   void on(InterfaceCommand const& command);
@@ -115,29 +133,29 @@ class Simulation {
   virtual void serveRecord();
   void changeInterface(InterfaceCommand const& command);
   Vel::Ptr<Packet::JoinPruneData> changingData(DataCommand const& command);
-  void makeData(Channel channel, IpGenAddr const& target);
-  void removeData(Channel channel, IpGenAddr const& target);
+  void makeData(SendKind sendKind, IpGenAddr const& target);
+  void removeData(SendKind sendKind, IpGenAddr const& target);
   void retireGroup(Packet::JoinPruneData& data, IpGenAddr const& target,
                    Packet::JoinPruneGroupData const& group);
   void removeEntries(Packet::JoinPruneData& data, DataCommand const& command);
   void removeWildcard(Packet::JoinPruneData& data, DataCommand const& command);
   void change(Packet::JoinPruneData& data, DataCommand const& command);
   static void refuseUnlessAllAreThere(Packet::JoinPruneData const& data, DataCommand const& command);
-  std::string_view channelOf(Packet::JoinPruneData const& data) const;
+  std::string_view sendKindOf(Packet::JoinPruneData const& data) const;
   void machineChanged(IpGenAddr const& address);
   void recorded(JoinPruneMessageInfo const& record, bool join);
 
   void nowIs(Seconds now);
   void ringGone(IpGenAddr const& target) const;
-  void ringTimer(TimerEvent event, IpGenAddr const& target, Channel channel, Seconds due) const;
+  void ringTimer(TimerEvent event, IpGenAddr const& target, SendKind sendKind, Seconds due) const;
   void ringSent(Speaker::OutgoingPacket const& packet, std::vector<RouteEntry> const& entries) const;
   void line(std::string_view text);
   void tellEntries(Wire::JoinPrune const& message);
   void expire();
   void timerFires(Zanth::TimerWheel::Notifiee const& timer);
-  void tellFiring(IpGenAddr const& address, Channel channel);
+  void tellFiring(IpGenAddr const& address, SendKind sendKind);
   void tellTimers();
-  Seconds timerIs(IpGenAddr const& address, Target& target, Channel channel, Seconds time);
+  Seconds timerIs(IpGenAddr const& address, Target& target, SendKind sendKind, Seconds time);
   void forget(IpGenAddr const& address, Target const& target);
   void refuseIfLookedAtTooMuch() const;
   void showTarget(IpGenAddr const& address);
@@ -147,7 +165,7 @@ class Simulation {
   std::string const& nameOf(std::string const& pointer);
 
   std::map<IpGenAddr, Vel::Ptr<JoinPruneNeighborSm>> machines() const;
-  std::array<Vel::Ptr<Packet::JoinPruneData>, channelNames.size()> dataOf(IpGenAddr const& target) const;
+  std::array<Vel::Ptr<Packet::JoinPruneData>, sendKindNames.size()> dataOf(IpGenAddr const& target) const;
   Vel::Ptr<Intf> knownIntf(std::string const& name) const;
 
   std::ostream& out_;
@@ -178,14 +196,14 @@ class Simulation {
   Vel::Ptr<ExpiryWatch> const expiryWatch_;
   Vel::Ptr<RecordWatch> const joinWatch_, pruneWatch_;
   bool brief_ = false;
-  std::map<std::pair<IpGenAddr, Channel>, Seconds>
+  std::map<std::pair<IpGenAddr, SendKind>, Seconds>
       due_;  // while timers fire: those of which no line told yet
   std::map<IpGenAddr, Target> targets_;
   std::set<IpGenAddr> touched_;  // targets whose timers may not be as was last told
-  std::set<std::tuple<Seconds, IpGenAddr, Channel>> armed_;  // of targets_, by time
-  std::map<std::string, IpGenAddr, std::less<>> machineAt_;  // of targets_, by the text of their address
-  std::map<std::string, std::string> names_;                 // of objects, by the text of their address
-  std::vector<std::string> passing_;                         // those in names_ that may be of no machine
+  std::set<std::tuple<Seconds, IpGenAddr, SendKind>> armed_;  // of targets_, by time
+  std::map<std::string, IpGenAddr, std::less<>> machineAt_;   // of targets_, by the text of their address
+  std::map<std::string, std::string> names_;                  // of objects, by the text of their address
+  std::vector<std::string> passing_;                          // those in names_ that may be of no machine
   U32 lastName_ = 0;
   std::size_t machinesLookedAt_ = 0;
   std::size_t const mayLookAt_;

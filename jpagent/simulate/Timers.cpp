@@ -10,21 +10,21 @@ namespace Routing::Pim::Jpagent {
 
 namespace {
 
-// The machine that has a timer, and the channel; null for a timer that is none of a machine's channels.
-std::pair<JoinPruneNeighborSm const*, Channel> ownerOf(Zanth::TimerWheel::Notifiee const& timer) {
+// The machine that has a timer, and what the timer sends; null for a timer that is none of a machine's three.
+std::pair<JoinPruneNeighborSm const*, SendKind> ownerOf(Zanth::TimerWheel::Notifiee const& timer) {
   if (auto const* const triggered = dynamic_cast<JoinPruneNeighborSm::VelTriggeredTimer const*>(&timer))
-    return {triggered->joinPruneNeighborSm(), Channel::triggered};
+    return {triggered->joinPruneNeighborSm(), SendKind::triggered};
   if (auto const* const override = dynamic_cast<JoinPruneNeighborSm::VelOverrideTimer const*>(&timer))
-    return {override->joinPruneNeighborSm(), Channel::override};
+    return {override->joinPruneNeighborSm(), SendKind::override};
   auto const* const periodic = dynamic_cast<PeriodicTimerSm::VelPeriodicTimer const*>(&timer);
   auto const* const sm =
       periodic ? dynamic_cast<JoinPrunePeriodicTimerSm const*>(periodic->periodicTimerSm()) : nullptr;
-  return {sm ? sm->parentSm() : nullptr, Channel::periodic};
+  return {sm ? sm->parentSm() : nullptr, SendKind::periodic};
 }
 
 }  // namespace
 
-std::array<Seconds, channelNames.size()> timersOf(JoinPruneNeighborSm const& sm) {
+std::array<Seconds, sendKindNames.size()> timersOf(JoinPruneNeighborSm const& sm) {
   auto const timeOf = [](auto const& timer) { return timer ? timer->timeMin() : Vel::never; };
   auto const periodic = sm.joinPrunePeriodicTimerSm();
   return {timeOf(sm.triggeredTimer()), timeOf(sm.overrideTimer()),
@@ -66,14 +66,15 @@ void Simulation::machineChanged(IpGenAddr const& address) {
 void Simulation::ringGone(IpGenAddr const& target) const {
   auto const& timers = targets_.at(target).timers;
   for (std::size_t i = 0; i < timers.size(); ++i)
-    if (timers[i] != Vel::never) ringTimer(TimerEvent::disarmed, target, static_cast<Channel>(i), Vel::never);
+    if (timers[i] != Vel::never)
+      ringTimer(TimerEvent::disarmed, target, static_cast<SendKind>(i), Vel::never);
 }
 
-void Simulation::ringTimer(TimerEvent event, IpGenAddr const& target, Channel channel, Seconds due) const {
+void Simulation::ringTimer(TimerEvent event, IpGenAddr const& target, SendKind sendKind, Seconds due) const {
   if (Scrivo::TraceFile::current() == nullptr) return;
   auto const known = targets_.find(target);
   std::string const intf = known == targets_.end() ? "" : known->second.intf;
-  RingMessages::ofChannel(channel, [&]<Channel one>() {
+  RingMessages::ofSendKind(sendKind, [&]<SendKind one>() {
     switch (event) {
       case TimerEvent::armed:
         return RingMessages::timer<TimerEvent::armed, one>(target, intf, secondsText(due));
@@ -88,11 +89,11 @@ void Simulation::ringTimer(TimerEvent event, IpGenAddr const& target, Channel ch
 }
 
 // What it was.
-Seconds Simulation::timerIs(IpGenAddr const& address, Target& target, Channel channel, Seconds time) {
-  Seconds const was = std::exchange(target.timers[static_cast<std::size_t>(channel)], time);
+Seconds Simulation::timerIs(IpGenAddr const& address, Target& target, SendKind sendKind, Seconds time) {
+  Seconds const was = std::exchange(target.timers[static_cast<std::size_t>(sendKind)], time);
   if (was != time) {
-    armed_.erase({was, address, channel});
-    if (time != Vel::never) armed_.emplace(time, address, channel);
+    armed_.erase({was, address, sendKind});
+    if (time != Vel::never) armed_.emplace(time, address, sendKind);
   }
   return was;
 }
@@ -106,7 +107,7 @@ void Simulation::forget(IpGenAddr const& address, Target const& target) {
     passing_.push_back(std::move(pointer));
   }
   for (std::size_t i = 0; i < target.timers.size(); ++i)
-    armed_.erase({target.timers[i], address, static_cast<Channel>(i)});
+    armed_.erase({target.timers[i], address, static_cast<SendKind>(i)});
 }
 
 void Simulation::tellTimers() {
@@ -117,18 +118,18 @@ void Simulation::tellTimers() {
     if (known == targets_.end() || !sm) continue;
     auto const timers = timersOf(*sm);
     for (std::size_t i = 0; i < timers.size(); ++i) {
-      auto const channel = static_cast<Channel>(i);
-      Seconds const was = timerIs(address, known->second, channel, timers[i]);
+      auto const sendKind = static_cast<SendKind>(i);
+      Seconds const was = timerIs(address, known->second, sendKind, timers[i]);
       if (was == timers[i]) continue;
       ringTimer(timers[i] == Vel::never ? TimerEvent::disarmed
                 : was == Vel::never     ? TimerEvent::armed
                                         : TimerEvent::moved,
-                address, channel, timers[i]);
+                address, sendKind, timers[i]);
       auto const change = timers[i] == Vel::never ? "disarmed"
                           : was == Vel::never
                               ? "armed for " + secondsText(timers[i])
                               : fmt::format("moved from {} to {}", secondsText(was), secondsText(timers[i]));
-      line(fmt::format("timer {} {} {}", toText(address), channelNames[i], change));
+      line(fmt::format("timer {} {} {}", toText(address), sendKindNames[i], change));
     }
   }
 }
@@ -143,9 +144,9 @@ bool Simulation::everyTimerIsTold() const {
 
 void Simulation::expire() {
   while (!armed_.empty() && std::get<Seconds>(*armed_.begin()) <= now_) {
-    auto const [time, address, channel] = *armed_.begin();
-    due_.emplace(std::pair(address, channel), time);
-    timerIs(address, targets_.at(address), channel, Vel::never);
+    auto const [time, address, sendKind] = *armed_.begin();
+    due_.emplace(std::pair(address, sendKind), time);
+    timerIs(address, targets_.at(address), sendKind, Vel::never);
     touched_.insert(address);
   }
   wheel_->expire();
@@ -155,16 +156,16 @@ void Simulation::expire() {
 }
 
 void Simulation::timerFires(Zanth::TimerWheel::Notifiee const& timer) {
-  auto const [sm, channel] = ownerOf(timer);
-  if (sm) tellFiring(sm->neighborAddr(), channel);
+  auto const [sm, sendKind] = ownerOf(timer);
+  if (sm) tellFiring(sm->neighborAddr(), sendKind);
 }
 
-void Simulation::tellFiring(IpGenAddr const& address, Channel channel) {
-  auto const fired = due_.extract({address, channel});
+void Simulation::tellFiring(IpGenAddr const& address, SendKind sendKind) {
+  auto const fired = due_.extract({address, sendKind});
   if (!fired) return;
   Seconds const time = fired.mapped();
-  ringTimer(TimerEvent::fired, address, channel, time);
-  line(fmt::format("timer {} {} fires{}", toText(fired.key().first), text(channel),
+  ringTimer(TimerEvent::fired, address, sendKind, time);
+  line(fmt::format("timer {} {} fires{}", toText(fired.key().first), text(sendKind),
                    time < now_ - hair ? ", due " + secondsText(time) : ""));
 }
 

@@ -274,10 +274,10 @@ class ChromeWriter {
   // The time for which a timer runs.
   void putTimer(Message const& message, int track, Nanoseconds time) {
     for (std::size_t i = 0; i < timerEventNames.size(); ++i) {
-      for (auto const channel : channelNames) {
-        if (message.name() != fmt::format("{} the {} timer", timerEventNames[i], channel)) continue;
+      for (auto const sendKind : sendKindNames) {
+        if (message.name() != fmt::format("{} the {} timer", timerEventNames[i], sendKind)) continue;
         auto const what = static_cast<TimerEvent>(i);
-        auto const timer = fmt::format("{} timer of {}", channel, toText(*message.address()));
+        auto const timer = fmt::format("{} timer of {}", sendKind, toText(*message.address()));
         // What ended the time before may have been overwritten.
         if (running_.erase(timer) != 0) putTimerEnd("e", timer, track, time, Json::object());
         if (what == TimerEvent::armed || what == TimerEvent::moved) {

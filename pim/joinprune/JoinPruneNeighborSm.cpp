@@ -63,9 +63,7 @@ Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
 
 void JoinPruneNeighborSm::velStart() {
   Vel::MemoryHold const memory(this);
-  triggered_.reconcile();
-  override_.reconcile();
-  periodic_.reconcile();
+  forEachSender([](JoinPruneSender& sender) { sender.reconcile(); });
   handleInitialized();
 }
 
@@ -95,14 +93,9 @@ void JoinPruneNeighborSm::handleInitialized() {
 
 void JoinPruneNeighborSm::velRetire() {
   retire();
-  auto const unhookAll = [](auto const&... reactors) { ((reactors ? unhook(*reactors) : void()), ...); };
-  triggered_.unhookGroups();
-  override_.unhookGroups();
-  periodic_.unhookGroups();
-  unhookAll(triggered_.dataReactor(), override_.dataReactor(), periodic_.dataReactor(), timerWheel_,
-            pimPamManager_, triggered_.timer(), override_.timer());
-  if (triggered_.timer()) triggered_.timer()->timeMinIs(Vel::never);
-  if (override_.timer()) override_.timer()->timeMinIs(Vel::never);
+  if (timerWheel_) unhook(*timerWheel_);
+  if (pimPamManager_) unhook(*pimPamManager_);
+  forEachSender([](JoinPruneSender& sender) { sender.retire(); });
   if (periodic_.timerSm()) periodic_.timerSm()->handleRetired();
   parentSm_ = nullptr;
 }
@@ -112,12 +105,9 @@ JoinPruneNeighborSm::~JoinPruneNeighborSm() = default;
 void JoinPruneNeighborSm::doTeardown() { velRetire(); }
 
 void JoinPruneNeighborSm::velVisitReactors(ReactorVisitor const& visit) {
-  auto const visitAll = [&visit](auto const... reactors) { ((reactors ? visit(*reactors) : void()), ...); };
-  visitAll(triggered_.dataReactor(), override_.dataReactor(), periodic_.dataReactor(), timerWheel_,
-           pimPamManager_, triggered_.timer(), override_.timer());
-  for (auto i = triggeredGroupDataIterator(); i; ++i) visit(*i);
-  for (auto i = overrideGroupDataIterator(); i; ++i) visit(*i);
-  for (auto i = periodicGroupDataIterator(); i; ++i) visit(*i);
+  if (auto const reactor = timerWheel_) visit(*reactor);
+  if (auto const reactor = pimPamManager_) visit(*reactor);
+  forEachSender([&visit](JoinPruneSender& sender) { sender.visitReactors(visit); });
 }
 
 void JoinPruneNeighborSm::hasNotificationActiveIs(bool active) {
@@ -320,12 +310,8 @@ void JoinPruneNeighborSm::catchUp() {
   behind_ = false;  // before what may fall behind again
   catchingUp_ = true;
   try {
-    triggered_.retireUnfollowedGroups();
-    override_.retireUnfollowedGroups();
-    periodic_.retireUnfollowedGroups();
-    triggered_.reconcile();
-    override_.reconcile();
-    periodic_.reconcile();
+    forEachSender([](JoinPruneSender& sender) { sender.retireUnfollowedGroups(); });
+    forEachSender([](JoinPruneSender& sender) { sender.reconcile(); });
   } catch (...) {
     catchingUp_ = false;
     fallBehind();

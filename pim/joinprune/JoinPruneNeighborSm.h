@@ -442,6 +442,12 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
     else
       return sm ? &sm->periodic_ : nullptr;
   }
+  template <class Visit>
+  void forEachSender(Visit const& visit) {
+    visit(triggered_);
+    visit(override_);
+    visit(periodic_);
+  }
   // A sender's reactor, as what it is.
   template <class Reactor, class Base>
   static Vel::Ptr<Reactor> as(Vel::Ptr<Base> const& reactor) {

@@ -288,6 +288,18 @@ void JoinPruneTimedSender::handleTimerExpiry() {
   updateTimer();
 }
 
+void JoinPruneTimedSender::retire() {
+  JoinPruneSender::retire();
+  if (!timer_) return;
+  unhook(*timer_);
+  timer_->timeMinIs(Vel::never);
+}
+
+void JoinPruneTimedSender::visitReactors(std::function<void(Vel::Reactor&)> const& visit) {
+  JoinPruneSender::visitReactors(visit);
+  if (auto const timer = timer_) visit(*timer);
+}
+
 void JoinPruneTimedSender::timerIs(Vel::Ptr<Zanth::TimerWheel> const& wheel) {
   JoinPruneNeighborSm& sm = machine();
   if (sm.retired() || (timer_ ? timer_->notifier() == wheel : !wheel)) return;

@@ -7,6 +7,8 @@
 // JoinPruneSender.cpp, from the callback to the armed timer.
 #pragma once
 
+#include <functional>
+
 #include "pim/entry/EntryKind.h"
 #include "pim/joinprune/JoinPrunePeriodicTimerSm.h"
 #include "pim/joinprune/detail/NestedReactor.h"
@@ -181,8 +183,10 @@ class JoinPruneSender {
   /// Removes each group that was filled and emptied while it had no reactor, as its reactor would have done.
   /// One that was never filled stays: its entries are still to come.
   void retireUnfollowedGroups();
-  /// Lets go of all reactors.
-  void unhookGroups();
+  /// Lets go of all reactors, of a machine that is retired.
+  virtual void retire();
+  /// Visits the reactor on the data set and those of the groups.
+  virtual void visitReactors(std::function<void(Vel::Reactor&)> const& visit);
 
  protected:
   ~JoinPruneSender() = default;
@@ -220,6 +224,10 @@ class JoinPruneTimedSender final : public JoinPruneSender {
   void updateTimer();
   /// Arms it if it is idle, for so many seconds from now.
   void armIn(Seconds delay);
+  /// Stops the timer, too.
+  void retire() override;
+  /// Visits the timer, too.
+  void visitReactors(std::function<void(Vel::Reactor&)> const& visit) override;
   /// Sends, message by message, until there is none left, nothing progresses, or the quantum has passed.
   void handleTimerExpiry();
 

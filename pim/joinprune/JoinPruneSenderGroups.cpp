@@ -158,9 +158,16 @@ void JoinPruneSender::retireUnfollowedGroups() {
       all->joinPruneGroupDataDel(i.key());
 }
 
-void JoinPruneSender::unhookGroups() {
+void JoinPruneSender::retire() {
   using Iterator = JoinPruneGroupReactorIterator<JoinPruneGroupReactor>;
   for (Iterator i(&sm_, groups_); i; ++i) unhook(*i);
+  if (dataReactor_) unhook(*dataReactor_);
+}
+
+void JoinPruneSender::visitReactors(std::function<void(Vel::Reactor&)> const& visit) {
+  if (auto const reactor = dataReactor_) visit(*reactor);
+  using Iterator = JoinPruneGroupReactorIterator<JoinPruneGroupReactor>;
+  for (Iterator i(&sm_, groups_); i; ++i) visit(*i);
 }
 
 }  // namespace Routing::Pim

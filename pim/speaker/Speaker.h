@@ -17,16 +17,36 @@
 //
 // Which file of this folder does what:
 //
-//   Speaker.h         interfaces, the look-up of neighbors, totals
-//   SpeakerLink.h     one interface and family: its engine, its neighbors, what is sent and received
-//   Link.h            the same as the classes see it that keep routes
-//   Neighbors.h       Hellos and neighbors of a link
-//   UpstreamRoutes.h  what this router wants from its upstream neighbors
+//   Speaker.h           interfaces, the look-up of neighbors, totals
+//   Link.h              one interface and family as the classes that keep routes see it
+//   Neighbors.h         Hellos and neighbors of a link
+//   LanValues.h         what all neighbors of a link come to: effective delays, suppression, the designated
+//                       router
+//   UpstreamRoutes.h    what this router wants from its upstream neighbors
 //   DownstreamRoutes.h  what the neighbors on a link have asked of this router
-//   PacketManager.h   from the engine's data sets to packets
-//   Sink.h            where packets go
-//   Verdict.h         what became of a received packet
-//   Random.h          random values from a seed
+//   PacketManager.h     from the engine's data sets to packets
+//   PacketSinks.h       sinks that keep packets in memory or hand them on
+//   Conversion.h        from messages as they are on the wire to the engine's
+//   Route.h             the name of a route: (*,G), (S,G) or (S,G,rpt)
+//   Sink.h              where packets are sent
+//   Verdict.h           what became of a received packet
+//   Random.h            random values from a seed
+//
+// and what no program includes: in detail/ what these headers need, in private/ what is not installed.
+//
+//   detail/Deadlines.h         the times at which very many objects want to be looked at
+//   detail/EventBudget.h       how often an event of one kind is told
+//   detail/Life.h              whether an object still exists after it has called out
+//   detail/Ring.h              doubly linked rings of objects that are elsewhere
+//   detail/Timer.h             a timer as a member of an object
+//   detail/Turns.h             how often something costly is done that a neighbor can cause without end
+//   private/SpeakerLink.h      one interface and family: its engine, its neighbors, what is sent and received
+//   private/MessageComposer.h  one message from a data set, and how much fits it
+//   private/MessageStages.h    the order of a group's entries in messages, and a place in it
+//   private/PrunesBeside.h     the (S,G,rpt) prunes that are sent along with a (*,G) join
+//   private/UpstreamData.h     single entries in the engine's data sets
+//   private/UpstreamInside.h   what the source files of UpstreamRoutes share
+//   private/CallOut.h          calls of a user's code that must not throw into the speaker
 #pragma once
 
 #include <map>

@@ -60,43 +60,34 @@ class Decoder {
   template <std::size_t Size>
   bool groupSets(unsigned groups, JoinPrune& message) {
     constexpr std::size_t headSize = 8 + Size, sourceSize = 4 + Size;
-    U8 const* const first = in_.rest().data();
-    U8 const* const end = first + in_.left();
-    U8 const* at = first;
+    U8 const* at = in_.rest().data();
+    U8 const* const end = at + in_.left();
     // What the message takes if all is well, and never more than the bytes that are there could hold.
-    std::vector<JoinPrune::Set> sets;
+    std::vector<JoinPrune::Set> sets(std::min<std::size_t>(groups, in_.left() / headSize));
     std::vector<Source> sources;
-    sets.resize(std::min<std::size_t>(groups, in_.left() / headSize));
     sources.reserve((in_.left() - sets.size() * headSize) / sourceSize);
-    JoinPrune::Set* set = sets.data();
-    U32 known = 0;  // sources
-    for (unsigned i = 0; i < groups; ++i) {
+    for (auto& set : sets) {
       std::size_t const left = end - at;
-      if (left < headSize || !isGroup<Size>(at)) [[unlikely]] {
-        if (left == 0) return refuse(Reason::wrongCount, concatenated(i, " of ", groups, " groups"));
-        return in_.skip(at - first) && refuseGroup();
-      }
+      if (left < headSize || !isGroup<Size>(at)) [[unlikely]]
+        return refuseGroup(left, &set - sets.data(), groups);
       U32 const joins = numberAt(at + Size + 4), prunes = numberAt(at + Size + 6);
-      U32 const count = joins + prunes;
       // Asked before the first source: with a count too high, what follows the sources would be taken for
       // one.
-      if (count * sourceSize > left - headSize) [[unlikely]] {
-        return refuse(Reason::wrongCount,
-                      concatenated(joins, " joins and ", prunes, " prunes in ", left - headSize, " bytes"));
-      }
-      *set++ = {addressAt<Size>(at + 4), known, joins, prunes};
-      known += count;
+      if ((joins + prunes) * sourceSize > left - headSize) [[unlikely]]
+        return refuseCounts(joins, prunes, left - headSize);
+      set = {addressAt<Size>(at + 4), static_cast<U32>(sources.size()), joins, prunes};
       at += headSize;
-      U8 const* const firstPrune = at + joins * sourceSize;
-      for (U8 const* const last = at + count * sourceSize; at != last; at += sourceSize) {
+      for (U32 n = 0; n < joins + prunes; ++n, at += sourceSize) {
         if (!isSource<Size>(at)) [[unlikely]]
-          return in_.skip(at - first) && refuseSource();
-        sources.push_back({entryKindOf(at[2], at < firstPrune), addressAt<Size>(at + 4)});
+          return refuseSource(end - at);
+        sources.push_back({entryKindOf(at[2], n < joins), addressAt<Size>(at + 4)});
       }
     }
+    std::size_t const left = end - at;
+    if (sets.size() < groups) return refuseGroup(left, sets.size(), groups);
     message.sets_ = std::move(sets);
     message.sources_ = std::move(sources);
-    return in_.skip(at - first);
+    return in_.skip(in_.left() - left);
   }
 
   static U32 numberAt(U8 const* bytes) {
@@ -138,18 +129,24 @@ class Decoder {
            (bytes[2] & (EntryFlags::wildcard | EntryFlags::rpt)) != EntryFlags::wildcard;
   }
 
-  // The group at the cursor is not as it should be.
-  bool refuseGroup() {
+  // The group in front of the last `left` bytes is not as it should be.
+  bool refuseGroup(std::size_t left, std::size_t number, unsigned groups) {
+    if (left == 0) return refuse(Reason::wrongCount, concatenated(number, " of ", groups, " groups"));
     IpGenAddr group;
-    if (!masked("group", Reason::groupMaskNotFull, group)) return false;
+    if (!in_.skip(in_.left() - left) || !masked("group", Reason::groupMaskNotFull, group)) return false;
     if (auto fault = groupFault(group, family_)) return refuse(*fault, toText(group));
     return truncated("counts of sources");
   }
 
-  // The source at the cursor is not as it should be; all its bytes are there.
-  bool refuseSource() {
+  bool refuseCounts(U32 joins, U32 prunes, std::size_t left) {
+    return refuse(Reason::wrongCount,
+                  concatenated(joins, " joins and ", prunes, " prunes in ", left, " bytes"));
+  }
+
+  // The source in front of the last `left` bytes is not as it should be; all its bytes are there.
+  bool refuseSource(std::size_t left) {
     IpGenAddr address;
-    if (!masked("source", Reason::sourceMaskNotFull, address)) return false;
+    if (!in_.skip(in_.left() - left) || !masked("source", Reason::sourceMaskNotFull, address)) return false;
     if (auto fault = sourceFault(address, family_)) return refuse(*fault, toText(address));
     return refuse(Reason::wildcardWithoutRpt, toText(address));
   }

@@ -12,6 +12,16 @@
 //
 //     auto decoded = decodeJoinPrune(bytes, ownAddress, allPimRouters(AddressFamily::ipv4));
 //     if (auto* again = std::get_if<JoinPrune>(&decoded)) assert(*again == message);
+//
+// Which file of this folder does what:
+//
+//   PimMessage.h        Join/Prune messages, encoded and decoded
+//   Hello.h             Hellos, encoded and decoded
+//   PimHeader.h         the four bytes before every PIM message, and the checksum
+//   Refusal.h           why a message is refused
+//   Cursor.h            bytes that are read from front to back
+//   private/Encoding.h  the numbers and sizes of encoded addresses; the beginning and end of a message
+//   private/Text.h      texts made of values without a formatting library
 #pragma once
 
 #include <cstddef>

@@ -237,12 +237,12 @@ void Library::removeEmptyGroups(DataPtr const& data) {
 
 Library::DataPtr Library::find(Operation const& o) const {
   auto const& target = Names::get().address(Names::get().target[o.a]);
-  switch (o.channel) {
-    case Channel::triggered:
+  switch (o.sendKind) {
+    case SendKind::triggered:
       return status->triggeredGroup(target);
-    case Channel::override:
+    case SendKind::override:
       return status->overrideGroup(target);
-    case Channel::periodic:
+    case SendKind::periodic:
       return status->periodicGroupStatus()->upJoinPrune(target);
   }
   return nullptr;
@@ -368,17 +368,17 @@ void Library::perform(Operation const& o) {
       return;
     }
     case Do::dataMake:
-      if (o.channel == Channel::triggered)
+      if (o.sendKind == SendKind::triggered)
         status->triggeredGroupIs(target);
-      else if (o.channel == Channel::override)
+      else if (o.sendKind == SendKind::override)
         status->overrideGroupIs(target);
       else
         status->periodicGroupStatus()->upJoinPruneIs(target);
       return;
     case Do::dataDel:
-      if (o.channel == Channel::triggered)
+      if (o.sendKind == SendKind::triggered)
         status->triggeredGroupDel(target);
-      else if (o.channel == Channel::override)
+      else if (o.sendKind == SendKind::override)
         status->overrideGroupDel(target);
       else
         status->periodicGroupStatus()->upJoinPruneDel(target);

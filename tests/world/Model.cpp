@@ -10,7 +10,7 @@ namespace {
 
 std::string const& text(Addr a) { return Names::get().text(a); }
 
-constexpr char const* channelWords[] = {"Triggered", "Override", "Periodic"};
+constexpr char const* sendKindWords[] = {"Triggered", "Override", "Periodic"};
 
 constexpr char const* sourceHandlers[] = {"handleJoinedSource", "handlePrunedSource", "handleJoinedRptSource",
                                           "handlePrunedRptSource", "handleWcSource"};
@@ -23,7 +23,7 @@ std::string printed(Seconds value) {
   return digits;
 }
 
-U32 index(Channel channel) { return static_cast<U32>(channel); }
+U32 index(SendKind sendKind) { return static_cast<U32>(sendKind); }
 
 }  // namespace
 
@@ -87,8 +87,8 @@ std::string Model::form(Machine const& m) const {
               std::to_string(m.number), "\2::");
 }
 
-std::string Model::form(Machine const& m, Channel channel, Addr group) const {
-  return said(form(m), channelWords[index(channel)], "(", text(group), ")::");
+std::string Model::form(Machine const& m, SendKind sendKind, Addr group) const {
+  return said(form(m), sendKindWords[index(sendKind)], "(", text(group), ")::");
 }
 
 std::string Model::periodicForm(Machine const& m) const {
@@ -117,7 +117,7 @@ void Model::start() {
   trace(8, "JoinPruneMessageSm::handleInitialized()");
   trace(2, "JoinPruneMessageSm::handleNeighbor()");
   for (auto const& [address, n] : statusNeighbors) handleNeighbor(address);
-  auto& periodic = status[index(Channel::periodic)];
+  auto& periodic = status[index(SendKind::periodic)];
   for (auto i = periodic.begin(); i != periodic.end();) {
     Addr const address = i->first;
     auto const m = e->machines.find(address);
@@ -143,8 +143,8 @@ void Model::drop() {
 
 // --- The message machine
 
-Model::DataPtr Model::dataIs(U32 channel, Addr target) {
-  auto& data = status[channel][target];
+Model::DataPtr Model::dataIs(U32 sendKind, Addr target) {
+  auto& data = status[sendKind][target];
   if (!data) data = std::make_shared<Data>(Data{.upstream = target, .groups = {}});
   return data;
 }
@@ -199,7 +199,7 @@ void Model::handleUsedAddress(IntfPtr const& i) {
 
 void Model::deleteTarget(Engine& e, Addr target) {
   machineDel(e, target);
-  for (auto& channel : status) channel.erase(target);
+  for (auto& sendKind : status) sendKind.erase(target);
 }
 
 void Model::handleNeighbor(Addr address) {
@@ -227,7 +227,7 @@ void Model::doMaybeDeleteNeighbor(Addr address) {
   if (statusNeighbors.contains(address)) return;
   auto const m = engine->machines.find(address);
   if (m != engine->machines.end() && !m->second->neighbor) return;
-  if (!dataIs(index(Channel::periodic), address)->groups.empty()) return;
+  if (!dataIs(index(SendKind::periodic), address)->groups.empty()) return;
   trace(2, begin, ", deleting neighbor");
   deleteTarget(*engine, address);
 }
@@ -238,7 +238,7 @@ void Model::machineIs(Engine& e, Addr address, NeighborPtr const& n, IntfPtr con
   m->address = address;
   m->neighbor = n;
   m->intf = i;
-  for (U32 channel = 0; channel < channels; ++channel) m->data[channel] = dataIs(channel, address);
+  for (U32 sendKind = 0; sendKind < sendKinds; ++sendKind) m->data[sendKind] = dataIs(sendKind, address);
   m->overrideInterval = i->overrideInterval;
   m->message = e.message;
   e.machines[address] = m;
@@ -321,19 +321,19 @@ std::optional<Model::Concerned> Model::concerned(DataPtr const& data) const {
   if (!engine) return {};
   auto const m = engine->machines.find(data->upstream);
   if (m == engine->machines.end()) return {};
-  for (U32 channel = 0; channel < channels; ++channel)
-    if (m->second->data[channel] == data) return Concerned{m->second, static_cast<Channel>(channel)};
+  for (U32 sendKind = 0; sendKind < sendKinds; ++sendKind)
+    if (m->second->data[sendKind] == data) return Concerned{m->second, static_cast<SendKind>(sendKind)};
   return {};
 }
 
 void Model::initialize(MachinePtr const& m) {
-  for (U32 channel = 0; channel < channels; ++channel) reconcile(*m, static_cast<Channel>(channel));
-  auto const& data = m->data[index(Channel::periodic)];
+  for (U32 sendKind = 0; sendKind < sendKinds; ++sendKind) reconcile(*m, static_cast<SendKind>(sendKind));
+  auto const& data = m->data[index(SendKind::periodic)];
   data->periodic = true;
-  doUpdateTimer(*m, Channel::triggered);
-  doUpdateTimer(*m, Channel::override);
+  doUpdateTimer(*m, SendKind::triggered);
+  doUpdateTimer(*m, SendKind::override);
   for (auto const& [address, g] : data->groups) {
-    if (g->wildcard) m->followers[index(Channel::periodic)].at(address).wildcardCounted = true;
+    if (g->wildcard) m->followers[index(SendKind::periodic)].at(address).wildcardCounted = true;
     routesInc(*m, g->routes());
   }
   trace(2, form(*m), "handleInitialized(), total number of periodic joins and prunes is ",
@@ -342,33 +342,33 @@ void Model::initialize(MachinePtr const& m) {
 }
 
 // A follower that is there already is pointed at the group; what it has counted stays.
-void Model::follow(Machine& m, Channel channel, GroupPtr const& group) {
-  m.followers[index(channel)][group->address].group = group;
+void Model::follow(Machine& m, SendKind sendKind, GroupPtr const& group) {
+  m.followers[index(sendKind)][group->address].group = group;
 }
 
-void Model::reconcile(Machine& m, Channel channel) {
-  auto const& groups = m.data[index(channel)]->groups;
-  for (auto const& [address, g] : groups) follow(m, channel, g);
-  std::erase_if(m.followers[index(channel)],
+void Model::reconcile(Machine& m, SendKind sendKind) {
+  auto const& groups = m.data[index(sendKind)]->groups;
+  for (auto const& [address, g] : groups) follow(m, sendKind, g);
+  std::erase_if(m.followers[index(sendKind)],
                 [&groups](auto const& follower) { return !groups.contains(follower.first); });
 }
 
 // Whatever group was added or removed, it is the neighbor's address that is looked up.
-void Model::handleGroup(MachinePtr const& m, Channel channel) {
+void Model::handleGroup(MachinePtr const& m, SendKind sendKind) {
   std::string const begin =
-      said(form(*m), "handle", channelWords[index(channel)], "Group(", text(m->address), ")");
+      said(form(*m), "handle", sendKindWords[index(sendKind)], "Group(", text(m->address), ")");
   trace(7, begin);
-  auto const& groups = m->data[index(channel)]->groups;
+  auto const& groups = m->data[index(sendKind)]->groups;
   if (auto const found = groups.find(m->address); found != groups.end()) {
     if (found->second->routes() == 0) return;
-    if (channel == Channel::periodic)
+    if (sendKind == SendKind::periodic)
       routesInc(*m, found->second->routes());
     else
-      doUpdateTimer(*m, channel);
+      doUpdateTimer(*m, sendKind);
     return;
   }
   trace(7, begin, ": Deleted");
-  if (channel != Channel::periodic || !groups.empty()) return;
+  if (sendKind != SendKind::periodic || !groups.empty()) return;
   if (m->routes != 0) {
     trace(1, begin, ", Num routes: ", std::to_string(m->routes));
     throw Stopped{"false"};
@@ -392,7 +392,7 @@ void Model::validate(Machine& m) {
   trace(8, form(m), "validateNumPeriodicRoutes(", std::to_string(m.routes), ")");
   if (!m.initialized || !engine->diag) return;
   U32 sum = 0;
-  for (auto const& [address, g] : m.data[index(Channel::periodic)]->groups) sum += g->routes();
+  for (auto const& [address, g] : m.data[index(SendKind::periodic)]->groups) sum += g->routes();
   if (sum == m.routes) return;
   trace(1, form(m), "validateNumPeriodicRoutes, expected: ", std::to_string(sum),
         ", got: ", std::to_string(m.routes));
@@ -403,17 +403,17 @@ void Model::groupChanged(DataPtr const& data, Addr group) {
   auto const who = concerned(data);
   if (!who) return;
   if (auto const g = data->groups.find(group); g != data->groups.end())
-    follow(*who->machine, who->channel, g->second);
+    follow(*who->machine, who->sendKind, g->second);
   else
-    who->machine->followers[index(who->channel)].erase(group);
-  handleGroup(who->machine, who->channel);
+    who->machine->followers[index(who->sendKind)].erase(group);
+  handleGroup(who->machine, who->sendKind);
 }
 
 void Model::groupsChanged(DataPtr const& data) {
   auto const who = concerned(data);
   if (!who) return;
-  reconcile(*who->machine, who->channel);
-  if (who->channel == Channel::periodic) trace(7, form(*who->machine), "handlePeriodicGroup()");
+  reconcile(*who->machine, who->sendKind);
+  if (who->sendKind == SendKind::periodic) trace(7, form(*who->machine), "handlePeriodicGroup()");
 }
 
 Model::GroupPtr Model::groupIs(DataPtr const& data, Addr group) {
@@ -433,34 +433,35 @@ void Model::groupDel(DataPtr const& data, Addr group) {
 void Model::sourceChanged(DataPtr const& data, GroupPtr const& group, Kind kind, Addr source) {
   auto const who = concerned(data);
   if (!who) return;
-  auto const& followers = who->machine->followers[index(who->channel)];
+  auto const& followers = who->machine->followers[index(who->sendKind)];
   auto const follower = followers.find(group->address);
   if (follower == followers.end() || follower->second.group != group) return;
-  if (who->channel == Channel::periodic)
+  if (who->sendKind == SendKind::periodic)
     handlePeriodic(who->machine, group, kind, source);
   else
-    handleOnce(who->machine, who->channel, group, kind, source);
+    handleOnce(who->machine, who->sendKind, group, kind, source);
 }
 
-void Model::handleOnce(MachinePtr const& m, Channel channel, GroupPtr const& group, Kind kind, Addr source) {
-  std::string const begin = said(form(*m, channel, group->address), sourceHandler(kind));
+void Model::handleOnce(MachinePtr const& m, SendKind sendKind, GroupPtr const& group, Kind kind,
+                       Addr source) {
+  std::string const begin = said(form(*m, sendKind, group->address), sourceHandler(kind));
   std::string const key = kind == Kind::wildcard ? "(*,G)" : "(" + text(source) + ")";
   if (kind != Kind::wildcard) trace(7, begin, key);
   if (group->has(kind, source)) {
-    doUpdateTimer(*m, channel);
+    doUpdateTimer(*m, sendKind);
     return;
   }
   trace(7, begin, key, ", Sent");
   if (group->routes() != 0) return;
-  bool const unsaid = channel == Channel::triggered && (kind == Kind::join || kind == Kind::rptJoin);
+  bool const unsaid = sendKind == SendKind::triggered && (kind == Kind::join || kind == Kind::rptJoin);
   if (!unsaid) trace(7, begin, "(): Finished group ", text(group->address));
-  groupDel(m->data[index(channel)], group->address);
+  groupDel(m->data[index(sendKind)], group->address);
 }
 
 void Model::handlePeriodic(MachinePtr const& m, GroupPtr const& group, Kind kind, Addr source) {
-  std::string const begin = said(form(*m, Channel::periodic, group->address), sourceHandler(kind));
+  std::string const begin = said(form(*m, SendKind::periodic, group->address), sourceHandler(kind));
   bool const wildcard = kind == Kind::wildcard;
-  auto& follower = m->followers[index(Channel::periodic)].at(group->address);
+  auto& follower = m->followers[index(SendKind::periodic)].at(group->address);
   if (group->has(kind, source)) {
     if (wildcard && follower.wildcardCounted) return;
     routesInc(*m, 1);
@@ -474,7 +475,7 @@ void Model::handlePeriodic(MachinePtr const& m, GroupPtr const& group, Kind kind
   routesInc(*m, ~U32{0});
   if (group->routes() != 0) return;
   trace(7, begin, "(): Deleted group ", text(group->address));
-  groupDel(m->data[index(Channel::periodic)], group->address);
+  groupDel(m->data[index(SendKind::periodic)], group->address);
 }
 
 // --- Timers
@@ -495,21 +496,23 @@ U32 Model::armedCount() const {
   return count;
 }
 
-void Model::arm(Machine& m, Channel channel, Seconds time) { m.timers[index(channel)] = {time, ++armings_}; }
+void Model::arm(Machine& m, SendKind sendKind, Seconds time) {
+  m.timers[index(sendKind)] = {time, ++armings_};
+}
 
-void Model::doUpdateTimer(Machine& m, Channel channel) {
-  std::string const begin = said(form(m), "doUpdate", channelWords[index(channel)], "Timer");
-  auto const& data = *m.data[index(channel)];
-  if (m.timers[index(channel)].time != never) {
+void Model::doUpdateTimer(Machine& m, SendKind sendKind) {
+  std::string const begin = said(form(m), "doUpdate", sendKindWords[index(sendKind)], "Timer");
+  auto const& data = *m.data[index(sendKind)];
+  if (m.timers[index(sendKind)].time != never) {
     trace(7, begin, "(): Timer running");
   } else if (data.groups.empty()) {
     trace(7, begin, "(): Disarming timer");
   } else {
     U16 const holdTime = m.intf->holdTime;
     trace(7, begin, "(): Arming timer, setting holdtime to ", std::to_string(holdTime));
-    m.data[index(channel)]->holdTime = holdTime;
-    arm(m, channel,
-        now + (channel == Channel::triggered ? m.triggeredInterval : randomDelay(m.overrideInterval)));
+    m.data[index(sendKind)]->holdTime = holdTime;
+    arm(m, sendKind,
+        now + (sendKind == SendKind::triggered ? m.triggeredInterval : randomDelay(m.overrideInterval)));
   }
 }
 
@@ -528,30 +531,30 @@ void Model::expire() {
     Seconds time;
     U64 armedAs;
     MachinePtr machine;
-    Channel channel;
+    SendKind sendKind;
   };
   std::vector<Due> due;
   for (auto const& [address, m] : engine->machines)
-    for (U32 channel = 0; channel < channels; ++channel)
-      if (auto const& timer = m->timers[channel]; timer.time <= now)
-        due.push_back({timer.time, timer.armedAs, m, static_cast<Channel>(channel)});
+    for (U32 sendKind = 0; sendKind < sendKinds; ++sendKind)
+      if (auto const& timer = m->timers[sendKind]; timer.time <= now)
+        due.push_back({timer.time, timer.armedAs, m, static_cast<SendKind>(sendKind)});
   std::sort(due.begin(), due.end(), [](Due const& a, Due const& b) {
     return std::pair(a.time, a.armedAs) < std::pair(b.time, b.armedAs);
   });
   for (auto const& one : due) {
-    auto& timer = one.machine->timers[index(one.channel)];
+    auto& timer = one.machine->timers[index(one.sendKind)];
     if (timer.armedAs != one.armedAs) continue;
     timer = {};
-    if (one.channel == Channel::periodic)
+    if (one.sendKind == SendKind::periodic)
       handlePeriodicExpiry(one.machine);
     else
-      handleOnceExpiry(one.machine, one.channel);
+      handleOnceExpiry(one.machine, one.sendKind);
   }
   expiring_ = false;
 }
 
-Model::RecordPtr Model::prepare(Machine& m, Channel channel) {
-  m.message->data = m.data[index(channel)];
+Model::RecordPtr Model::prepare(Machine& m, SendKind sendKind) {
+  m.message->data = m.data[index(sendKind)];
   if (!record) return nullptr;
   record->message = m.message;
   record->intf = m.intf->name;
@@ -569,16 +572,16 @@ void Model::send(RecordPtr const& r) {
   }
 }
 
-void Model::handleOnceExpiry(MachinePtr const& m, Channel channel) {
-  std::string const begin = said(form(*m), "handle", channelWords[index(channel)], "TimerExpiry");
+void Model::handleOnceExpiry(MachinePtr const& m, SendKind sendKind) {
+  std::string const begin = said(form(*m), "handle", sendKindWords[index(sendKind)], "TimerExpiry");
   trace(7, begin, "()");
   Seconds const deadline = now + m->loopQuantum;
-  prepare(*m, channel);
-  auto const& groups = m->data[index(channel)]->groups;
+  prepare(*m, sendKind);
+  auto const& groups = m->data[index(sendKind)]->groups;
   bool done = false;
   while (!groups.empty() && !done) {
     m->message->report = {};
-    send(prepare(*m, channel));  // the record that there is now
+    send(prepare(*m, sendKind));  // the record that there is now
     if (m->retired) return;
     auto const& report = m->message->report;
     done = (report.sources == 0 && report.filteredSources == 0) || now >= deadline;
@@ -586,7 +589,7 @@ void Model::handleOnceExpiry(MachinePtr const& m, Channel channel) {
       trace(7, begin, "(): Suspending TX after ", std::to_string(report.sources), " sources, ",
             std::to_string(report.filteredSources), " filtered sources");
   }
-  doUpdateTimer(*m, channel);
+  doUpdateTimer(*m, sendKind);
 }
 
 void Model::doUpdatePeriodicTimer(Machine& m, bool atEndOfExpiry) {
@@ -597,30 +600,30 @@ void Model::doUpdatePeriodicTimer(Machine& m, bool atEndOfExpiry) {
   U64 const slices = std::clamp<U64>((routes + 999) / 1000, 1, interval * 10);
   m.sliceInterval = static_cast<Seconds>(interval) / static_cast<Seconds>(slices);
   m.sliceRoutes = static_cast<U32>((routes + slices - 1) / slices);
-  auto& timer = m.timers[index(Channel::periodic)];
+  auto& timer = m.timers[index(SendKind::periodic)];
   if (m.sending || timer.time != never) return;
   m.left.reset();
   if (routes == 0) return;
   Seconds next = m.deadline + m.sliceInterval;
   if (next <= now) next = atEndOfExpiry ? now : now + m.sliceInterval;
   m.deadline = next;
-  arm(m, Channel::periodic, next);
+  arm(m, SendKind::periodic, next);
 }
 
 void Model::handlePeriodicExpiry(MachinePtr const& m) {
   std::string const begin = said(periodicForm(*m), "handlePeriodicTimerExpiry");
   trace(8, periodicForm(*m), "doResetHoldTime()");
-  m->data[index(Channel::periodic)]->holdTime = m->intf->holdTime;
+  m->data[index(SendKind::periodic)]->holdTime = m->intf->holdTime;
   trace(8, begin, "()");
   constexpr Seconds quantum = 0.1;  // what the neighbor machine was made with
   Seconds const deadline = now + quantum;
-  prepare(*m, Channel::periodic);
+  prepare(*m, SendKind::periodic);
   auto const bound = [&m] { return std::min<U64>(m->sliceRoutes, m->left.value_or(~U64{0})); };
   m->sending = true;
   U64 count = 0, dealtWith = 0;
   while (count < bound()) {
     m->message->report = {};
-    send(prepare(*m, Channel::periodic));
+    send(prepare(*m, SendKind::periodic));
     if (m->retired) return;
     auto const& report = m->message->report;
     U64 const step = report.sources + report.skipped();
@@ -639,7 +642,7 @@ void Model::handlePeriodicExpiry(MachinePtr const& m) {
     doUpdatePeriodicTimer(*m, true);
   } else {
     m->left = bound() - std::min(bound(), dealtWith);
-    arm(*m, Channel::periodic, now + 0.1);
+    arm(*m, SendKind::periodic, now + 0.1);
   }
 }
 
@@ -689,7 +692,7 @@ void Model::removeEmptyGroups(DataPtr const& data) {
 // --- Operations
 
 Model::DataPtr Model::find(Operation const& o) const {
-  auto const& targets = status[index(o.channel)];
+  auto const& targets = status[index(o.sendKind)];
   auto const found = targets.find(Names::get().target[o.a]);
   return found == targets.end() ? nullptr : found->second;
 }
@@ -886,18 +889,18 @@ void Model::perform(Operation const& o) {
       auto const g = findGroup(o);
       if (!g || o.kind == Kind::wildcard) return;
       auto const who = concerned(data);
-      if (!who || who->channel != Channel::periodic) return;
-      auto const& followers = who->machine->followers[index(Channel::periodic)];
+      if (!who || who->sendKind != SendKind::periodic) return;
+      auto const& followers = who->machine->followers[index(SendKind::periodic)];
       auto const follower = followers.find(group);
       if (follower != followers.end() && follower->second.group == g)
-        trace(7, form(*who->machine, Channel::periodic, group), sourceHandler(o.kind), "()");
+        trace(7, form(*who->machine, SendKind::periodic, group), sourceHandler(o.kind), "()");
       return;
     }
     case Do::dataMake:
-      dataIs(index(o.channel), names.target[o.a]);
+      dataIs(index(o.sendKind), names.target[o.a]);
       return;
     case Do::dataDel:
-      status[index(o.channel)].erase(names.target[o.a]);
+      status[index(o.sendKind)].erase(names.target[o.a]);
       return;
     case Do::receive: {
       std::map<Addr, GroupPtr> groups;

@@ -116,12 +116,12 @@ class Model {
     Addr address;
     NeighborPtr neighbor;
     IntfPtr intf;
-    DataPtr data[channels];
+    DataPtr data[sendKinds];
     Seconds overrideInterval;
     MessagePtr message;
     Seconds loopQuantum = 0.1, triggeredInterval = 0.1;
-    Timer timers[channels];
-    std::map<Addr, Follower> followers[channels];
+    Timer timers[sendKinds];
+    std::map<Addr, Follower> followers[sendKinds];
     U32 routes = 0;
     bool initialized = false;
     bool retired = false;
@@ -167,7 +167,7 @@ class Model {
   IntfPtr intf[Names::intfs];               // by name: the latest object, whether it is up or not
   std::map<IntfName, IntfPtr> statusIntfs;  // those that are up
   std::map<Addr, NeighborPtr> statusNeighbors;
-  std::map<Addr, DataPtr> status[channels];  // by target
+  std::map<Addr, DataPtr> status[sendKinds];  // by target
   Received rxJoin, rxPrune;
   RecordPtr record;
   RecordPtr servedRecord;  // by the manager
@@ -213,14 +213,14 @@ class Model {
     if (!silent) events.push_back({level, said(pieces...)});
   }
   std::string form(Machine const& m) const;
-  std::string form(Machine const& m, Channel channel, Addr group) const;
+  std::string form(Machine const& m, SendKind sendKind, Addr group) const;
   std::string periodicForm(Machine const& m) const;
 
   // --- The message machine
 
   void start();
   void drop();
-  DataPtr dataIs(U32 channel, Addr target);
+  DataPtr dataIs(U32 sendKind, Addr target);
   void followIntf(Engine& e, IntfPtr const& i);
   void unfollowIntf(Engine& e, IntfName name);
   void handleNew(Engine& e, IntfPtr const& i);
@@ -239,13 +239,13 @@ class Model {
 
   struct Concerned {
     MachinePtr machine;
-    Channel channel;
+    SendKind sendKind;
   };
   std::optional<Concerned> concerned(DataPtr const& data) const;
   void initialize(MachinePtr const& m);
-  void follow(Machine& m, Channel channel, GroupPtr const& group);
-  void reconcile(Machine& m, Channel channel);
-  void handleGroup(MachinePtr const& m, Channel channel);
+  void follow(Machine& m, SendKind sendKind, GroupPtr const& group);
+  void reconcile(Machine& m, SendKind sendKind);
+  void handleGroup(MachinePtr const& m, SendKind sendKind);
   void retire(Machine& m);
   void routesInc(Machine& m, U32 n);
   void validate(Machine& m);
@@ -254,18 +254,18 @@ class Model {
   void groupsChanged(DataPtr const& data);
   void groupDel(DataPtr const& data, Addr group);
   void sourceChanged(DataPtr const& data, GroupPtr const& group, Kind kind, Addr source);
-  void handleOnce(MachinePtr const& m, Channel channel, GroupPtr const& group, Kind kind, Addr source);
+  void handleOnce(MachinePtr const& m, SendKind sendKind, GroupPtr const& group, Kind kind, Addr source);
   void handlePeriodic(MachinePtr const& m, GroupPtr const& group, Kind kind, Addr source);
 
   // --- Timers
 
-  void arm(Machine& m, Channel channel, Seconds time);
-  void doUpdateTimer(Machine& m, Channel channel);
+  void arm(Machine& m, SendKind sendKind, Seconds time);
+  void doUpdateTimer(Machine& m, SendKind sendKind);
   Seconds randomDelay(Seconds interval);
   void expire();
-  RecordPtr prepare(Machine& m, Channel channel);
+  RecordPtr prepare(Machine& m, SendKind sendKind);
   void send(RecordPtr const& r);
-  void handleOnceExpiry(MachinePtr const& m, Channel channel);
+  void handleOnceExpiry(MachinePtr const& m, SendKind sendKind);
   void handlePeriodicExpiry(MachinePtr const& m);
   void doUpdatePeriodicTimer(Machine& m, bool atEndOfExpiry = false);
 

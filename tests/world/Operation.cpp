@@ -40,7 +40,7 @@ std::string toText(Operation const& o) {
       "temper",       "record"};
   static_assert(std::size(words) == static_cast<std::size_t>(Do::count_));
   std::string text = words[static_cast<U32>(o.what)];
-  text += " a=" + std::to_string(o.a) + " channel=" + std::to_string(static_cast<U32>(o.channel)) +
+  text += " a=" + std::to_string(o.a) + " sendKind=" + std::to_string(static_cast<U32>(o.sendKind)) +
           " group=" + std::to_string(o.group) + " kind=" + std::to_string(static_cast<U32>(o.kind)) +
           " source=" + std::to_string(o.source) + " n=" + std::to_string(o.n) + " x=" + std::to_string(o.x);
   if (o.what == Do::temper) {

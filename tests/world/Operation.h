@@ -13,8 +13,8 @@ namespace Routing::Pim::Worlds {
 
 using Packet::JoinPruneMessage;
 
-enum class Channel : U8 { triggered, override, periodic };
-inline constexpr U32 channels = 3;
+enum class SendKind : U8 { triggered, override, periodic };
+inline constexpr U32 sendKinds = 3;
 
 /// The five kinds of entries that a group can have.
 enum class Kind : U8 { join, prune, rptJoin, rptPrune, wildcard };
@@ -34,7 +34,7 @@ enum class Do : U8 {
   neighborDown,   // which
   neighborAgain,  // which: told of without a change
   resync,         // the status tells of its interfaces as a whole
-  // Data: target, channel, group, kind, source (or RP, and n for a wildcard join).
+  // Data: target, send kind, group, kind, source (or RP, and n for a wildcard join).
   add,
   remove,
   groupAdd,      // an empty group
@@ -43,8 +43,8 @@ enum class Do : U8 {
   groupsAgain,   // told of as a whole
   sourceAgain,   // told of without a change
   sourcesAgain,  // told of as a whole
-  dataMake,      // target, channel
-  dataDel,       // target, channel
+  dataMake,      // target, send kind
+  dataDel,       // target, send kind
   // Receipt.
   receive,  // upstream target, n: bits of the entries, x: hold time
   rp,       // group, source: which of the RPs, or none at all; a group is given one once
@@ -90,7 +90,7 @@ struct Temper {
 struct Operation {
   Do what = Do::resync;
   U8 a = 0;  // interface, neighbor or target
-  Channel channel = Channel::triggered;
+  SendKind sendKind = SendKind::triggered;
   U8 group = 0;
   Kind kind = Kind::join;
   U8 source = 0;

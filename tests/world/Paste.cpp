@@ -31,7 +31,7 @@ std::string route(Kind kind, U8 group, U8 source, bool join) {
 
 std::string data(Operation const& o, std::string const& what) {
   static constexpr char const* words[] = {"triggered ", "override ", "periodic "};
-  return words[static_cast<U32>(o.channel)] + target(o) + " " + what;
+  return words[static_cast<U32>(o.sendKind)] + target(o) + " " + what;
 }
 
 std::string command(Operation const& o, Model const* before);

@@ -87,7 +87,7 @@ void Random::data(Operation& o) {
   o.what = oneOf({Do::add, Do::add, Do::add, Do::add, Do::remove, Do::remove, Do::groupAdd});
   if (oneIn(40)) o.what = Do::dataMake;
   o.a = static_cast<U8>(oneIn(2) ? 0 : below(Names::targets));
-  o.channel = oneOf({Channel::triggered, Channel::override, Channel::periodic, Channel::periodic});
+  o.sendKind = oneOf({SendKind::triggered, SendKind::override, SendKind::periodic, SendKind::periodic});
   o.group = static_cast<U8>(below(Names::groups));
   o.kind = static_cast<Kind>(below(5));
   o.source = static_cast<U8>(below(Names::sources));
@@ -103,7 +103,7 @@ void Random::unruly(Operation& o) {
     o.x = below(2);
   }
   // In periodic data most of this ends the world at the next opportunity.
-  if (o.channel == Channel::periodic && !oneIn(2)) o.channel = Channel::triggered;
+  if (o.sendKind == SendKind::periodic && !oneIn(2)) o.sendKind = SendKind::triggered;
 }
 
 void Random::time(Operation& o) {

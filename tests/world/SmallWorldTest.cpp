@@ -47,10 +47,10 @@ Operation doing(Do what, U8 a = 0) {
   return o;
 }
 
-SmallEvent toggled(char const* name, Channel channel, U8 target, Kind kind, U8 source, U8 group) {
+SmallEvent toggled(char const* name, SendKind sendKind, U8 target, Kind kind, U8 source, U8 group) {
   return {name, [=](Model const& model) {
             Operation o = doing(Do::remove, target);
-            o.channel = channel;
+            o.sendKind = sendKind;
             o.kind = kind;
             o.source = source;
             o.group = group;
@@ -102,15 +102,15 @@ std::vector<SmallEvent> const& smallEvents() {
          return o;
        }},
       {"MachineStartsOrDrops", [](Model const& model) { return doing(model.engine ? Do::drop : Do::start); }},
-      toggled("TriggeredJoin", Channel::triggered, neighborTarget, Kind::join, 0, 0),
-      toggled("TriggeredRptPrune", Channel::triggered, neighborTarget, Kind::rptPrune, 1, 0),
-      toggled("TriggeredWildcard", Channel::triggered, neighborTarget, Kind::wildcard, 0, 1),
-      toggled("OverrideJoin", Channel::override, neighborTarget, Kind::join, 0, 0),
-      toggled("PeriodicJoin", Channel::periodic, neighborTarget, Kind::join, 0, 0),
-      toggled("PeriodicPrune", Channel::periodic, neighborTarget, Kind::prune, 1, 0),
-      toggled("PeriodicWildcard", Channel::periodic, neighborTarget, Kind::wildcard, 0, 1),
-      toggled("TriggeredPruneOfTheIntf", Channel::triggered, intfTarget, Kind::prune, 0, 0),
-      toggled("PeriodicJoinOfTheIntf", Channel::periodic, intfTarget, Kind::join, 1, 1),
+      toggled("TriggeredJoin", SendKind::triggered, neighborTarget, Kind::join, 0, 0),
+      toggled("TriggeredRptPrune", SendKind::triggered, neighborTarget, Kind::rptPrune, 1, 0),
+      toggled("TriggeredWildcard", SendKind::triggered, neighborTarget, Kind::wildcard, 0, 1),
+      toggled("OverrideJoin", SendKind::override, neighborTarget, Kind::join, 0, 0),
+      toggled("PeriodicJoin", SendKind::periodic, neighborTarget, Kind::join, 0, 0),
+      toggled("PeriodicPrune", SendKind::periodic, neighborTarget, Kind::prune, 1, 0),
+      toggled("PeriodicWildcard", SendKind::periodic, neighborTarget, Kind::wildcard, 0, 1),
+      toggled("TriggeredPruneOfTheIntf", SendKind::triggered, intfTarget, Kind::prune, 0, 0),
+      toggled("PeriodicJoinOfTheIntf", SendKind::periodic, intfTarget, Kind::join, 1, 1),
       waiting("NextTimer", Do::waitNext, 0),
       waiting("AMinute", Do::wait, 61),
       waiting("Busy", Do::busy, 0.15),

@@ -114,11 +114,11 @@ std::string differs(std::map<Addr, Model::DataPtr> const& expected, Targets got,
 // The followers of a machine's groups: whom they watch, by the data that holds the groups. A group that is in
 // no data any more is told by its content.
 template <class Followers>
-std::string differs(Model::Machine const& m, Channel channel, Packet::JoinPruneData const& data,
+std::string differs(Model::Machine const& m, SendKind sendKind, Packet::JoinPruneData const& data,
                     Followers got, U32 count) {
   auto const& names = Names::get();
-  auto const& expected = m.followers[static_cast<U32>(channel)];
-  auto const& groups = m.data[static_cast<U32>(channel)]->groups;
+  auto const& expected = m.followers[static_cast<U32>(sendKind)];
+  auto const& groups = m.data[static_cast<U32>(sendKind)]->groups;
   Comparison compare;
   compare("followers", expected.size(), count);
   for (auto const& [address, follower] : expected) {
@@ -389,8 +389,8 @@ std::string World::differs(Model::Machine const& expected, JoinPruneNeighborSm c
   auto const& status = *library_.status;
   auto const& periodicStatus = *status.periodicGroupStatus();
   auto const address = got.neighborAddr();
-  auto const data = [&](Channel channel, auto const& reactor, auto const& listed) {
-    U32 const c = static_cast<U32>(channel);
+  auto const data = [&](SendKind sendKind, auto const& reactor, auto const& listed) {
+    U32 const c = static_cast<U32>(sendKind);
     auto const known = model_.status[c].find(expected.address);
     bool const isListed = known != model_.status[c].end() && known->second == expected.data[c];
     auto const watched = reactor->notifier();
@@ -400,15 +400,15 @@ std::string World::differs(Model::Machine const& expected, JoinPruneNeighborSm c
     if (compare && !isListed)
       compare.also("data that is not listed", Worlds::differs(*expected.data[c], *watched));
   };
-  data(Channel::triggered, got.triggeredGroup(), status.triggeredGroup(address));
-  data(Channel::override, got.overrideGroup(), status.overrideGroup(address));
-  data(Channel::periodic, got.periodicGroup(), periodicStatus.upJoinPrune(address));
+  data(SendKind::triggered, got.triggeredGroup(), status.triggeredGroup(address));
+  data(SendKind::override, got.overrideGroup(), status.overrideGroup(address));
+  data(SendKind::periodic, got.periodicGroup(), periodicStatus.upJoinPrune(address));
   if (!compare) return compare.first();
-  compare.also("triggered", Worlds::differs(expected, Channel::triggered, *got.triggeredGroup()->notifier(),
+  compare.also("triggered", Worlds::differs(expected, SendKind::triggered, *got.triggeredGroup()->notifier(),
                                             got.triggeredGroupDataIterator(), got.triggeredGroupDataCount()));
-  compare.also("override", Worlds::differs(expected, Channel::override, *got.overrideGroup()->notifier(),
+  compare.also("override", Worlds::differs(expected, SendKind::override, *got.overrideGroup()->notifier(),
                                            got.overrideGroupDataIterator(), got.overrideGroupDataCount()));
-  compare.also("periodic", Worlds::differs(expected, Channel::periodic, *got.periodicGroup()->notifier(),
+  compare.also("periodic", Worlds::differs(expected, SendKind::periodic, *got.periodicGroup()->notifier(),
                                            got.periodicGroupDataIterator(), got.periodicGroupDataCount()));
 
   compare("override interval", expected.overrideInterval, got.overrideInterval());
@@ -421,16 +421,16 @@ std::string World::differs(Model::Machine const& expected, JoinPruneNeighborSm c
   compare("manager", true, got.pimPamManager() && got.pimPamManager()->notifier() == library_.pam);
 
   // A retired machine may have let go of its timers.
-  auto const timer = [&](char const* what, Channel channel, auto const& ptr) {
+  auto const timer = [&](char const* what, SendKind sendKind, auto const& ptr) {
     compare(what, true, ptr != nullptr || expected.retired);
-    if (compare && ptr) compare(what, expected.timers[static_cast<U32>(channel)].time, ptr->timeMin());
+    if (compare && ptr) compare(what, expected.timers[static_cast<U32>(sendKind)].time, ptr->timeMin());
   };
-  timer("triggered timer", Channel::triggered, got.triggeredTimer());
-  timer("override timer", Channel::override, got.overrideTimer());
+  timer("triggered timer", SendKind::triggered, got.triggeredTimer());
+  timer("override timer", SendKind::override, got.overrideTimer());
   auto const periodic = got.joinPrunePeriodicTimerSm();
   compare("periodic machine", true, periodic != nullptr);
   if (!compare) return compare.first();
-  timer("periodic timer", Channel::periodic, periodic->periodicTimer());
+  timer("periodic timer", SendKind::periodic, periodic->periodicTimer());
   auto const slice = periodic->periodicParams();
   compare("slice's interval", expected.sliceInterval, slice.interval);
   compare("slice's routes", expected.sliceRoutes, slice.routes);

@@ -31,10 +31,10 @@ Command neighbor(Words& words) {
   return made;
 }
 
-template <Channel channel>
+template <SendKind sendKind>
 Command data(Words& words) {
   bool filled = false, again = false;
-  auto command = takeData(words, channel, [&] {
+  auto command = takeData(words, sendKind, [&] {
     filled = words.taken("filled");
     again = !filled && words.taken("again");
     return filled || again;
@@ -105,9 +105,9 @@ Command temper(Words& words) {
 constexpr Form forms[] = {
     {"interface", interface, "", ""},
     {"neighbor", neighbor, "", ""},
-    {"triggered", data<Channel::triggered>, "", ""},
-    {"override", data<Channel::override>, "", ""},
-    {"periodic", data<Channel::periodic>, "", ""},
+    {"triggered", data<SendKind::triggered>, "", ""},
+    {"override", data<SendKind::override>, "", ""},
+    {"periodic", data<SendKind::periodic>, "", ""},
     {"temper", temper, "", ""},
 };
 

@@ -175,7 +175,7 @@ void OwnSimulation::sendTempered(IO::MessageInfo const& record) {
   };
   auto const pending = inOrderOfWalk(*data);
   lookedAt_ += data->joinPruneGroupDataCount() + pending.size();
-  auto const channel = channelOf(*data);
+  auto const sendKind = sendKindOf(*data);
   auto const holdTime = data->holdTime();
   throws(Moment::first);
   moment(Moment::first);
@@ -192,7 +192,7 @@ void OwnSimulation::sendTempered(IO::MessageInfo const& record) {
   }
   if (temper.tidy) removeEmptyGroups(*data);
   line(fmt::format("taken on {}, upstream {}, {}, hold {}, of {}: {}, {} suppressed, {} filtered",
-                   intf.name(), toText(data->upstreamNeighbor()), channel, holdTime, pending.size(),
+                   intf.name(), toText(data->upstreamNeighbor()), sendKind, holdTime, pending.size(),
                    counted(report.sources, "source"), report.suppressedSources, report.filteredSources));
   for (auto const& entry : taken) line(fmt::format("  {}", toText(entry)));
   nowIs(now_ + temper.cost);

@@ -50,7 +50,7 @@ class ReplayTest : public testing::Test {
     for (auto const& datagram : datagrams) {
       ++frame.number;
       frame.bytes = datagram;
-      replay_->frameIs(frame);
+      replay_->receiveFrame(frame);
     }
     return recorder_.text;
   }
@@ -67,7 +67,7 @@ class ReplayTest : public testing::Test {
     frame.link = LinkType::rawIp;
     frame.time = time;
     frame.bytes = datagram;
-    replay_->frameIs(frame);
+    replay_->receiveFrame(frame);
     return neighbors();
   }
 
@@ -400,7 +400,7 @@ TEST_F(ReplayTest, FramesOfAnUnknownLinkAreCounted) {
   frame.link = LinkType::unknown;
   auto const good = datagram(oneJoin());
   frame.bytes = good;
-  replay_->frameIs(frame);
+  replay_->receiveFrame(frame);
   EXPECT_EQ(recorder_.text, "");
   EXPECT_EQ(replay_->totals().passedOver[static_cast<std::size_t>(PassedOver::unknownLink)], 1u);
 }
@@ -491,7 +491,7 @@ TEST_F(ReplayTest, NoMoreThanTheMostNeighborsAreKept) {
   for (U32 n = 0; n < Replay::maxNeighbors + 2; ++n) {
     auto const bytes = hello(IpGenAddr::ipv4(0x0a000001 + n), routers);
     frame.bytes = bytes;
-    replay_->frameIs(frame);
+    replay_->receiveFrame(frame);
   }
   EXPECT_THAT(neighbors(), testing::SizeIs(Replay::maxNeighbors));
   EXPECT_EQ(replay_->totals().strangers, 2u);
@@ -536,7 +536,7 @@ TEST_F(ReplayTest, OfADamagedCaptureEveryMessageIsCountedOnce) {
     try {
       Capture capture(path);
       Frame frame;
-      while (capture.next(frame)) replay.frameIs(frame);
+      while (capture.next(frame)) replay.receiveFrame(frame);
       ++readToTheEnd;
     } catch (CaptureError const& e) {
       EXPECT_EQ(std::string(e.what()).rfind(path + ": after frame ", 0), 0u) << e.what();

@@ -59,14 +59,14 @@ TEST(ConversationTest, EachKindOfRouteIsReadAndWrittenInTheSameForm) {
   auto const command = parsed<DataCommand>(
       "triggered 10.0.0.2 join (10.9.0.1,239.1.1.1) (*,239.1.1.1) rp 10.0.0.9 prune "
       "(10.9.0.2,239.1.1.1,rpt)");
-  EXPECT_EQ(command.channel, Channel::triggered);
+  EXPECT_EQ(command.sendKind, SendKind::triggered);
   EXPECT_EQ(command.target, IpGenAddr("10.0.0.2"));
   EXPECT_EQ(command.change, Change::add);
   EXPECT_THAT(texts(command.entries),
               ElementsAre("join (10.9.0.1,239.1.1.1)", "join (*,239.1.1.1) rp 10.0.0.9",
                           "prune (10.9.0.2,239.1.1.1,rpt)"));
   auto const again = parsed<DataCommand>("override fe80::2 remove prune (2001:db8::1,ff3e::1)");
-  EXPECT_EQ(again.channel, Channel::override);
+  EXPECT_EQ(again.sendKind, SendKind::override);
   EXPECT_EQ(again.change, Change::remove);
   EXPECT_THAT(texts(again.entries), ElementsAre("prune (2001:db8::1,ff3e::1)"));
 }

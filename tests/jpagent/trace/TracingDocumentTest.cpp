@@ -74,8 +74,8 @@ class TracingDocumentRingTest : public testing::Test {
     RingMessages::clock(0);
     RingMessages::remark("");
     RingMessages::received("", 0);
-    for (auto const channel : {Channel::triggered, Channel::override, Channel::periodic}) {
-      RingMessages::ofChannel(channel, [&address]<Channel one>() {
+    for (auto const sendKind : {SendKind::triggered, SendKind::override, SendKind::periodic}) {
+      RingMessages::ofSendKind(sendKind, [&address]<SendKind one>() {
         RingMessages::timer<TimerEvent::armed, one>(address, "", "");
         RingMessages::timer<TimerEvent::moved, one>(address, "", "");
         RingMessages::timer<TimerEvent::disarmed, one>(address, "", "");

@@ -35,6 +35,27 @@ class JoinPrunePeriodicTimerSmTest : public testing::Test, protected World {
     time = timeMin();
     wheel->expire();
   }
+  // An expiry during which the machine is retired when its clock is read for the `which`th time, which takes
+  // long.
+  void expireAndRetireAtReading(int which) {
+    addRoutes(10);
+    manager->perMessage = 1;
+    machine->txMessage()->joinPruneDataIs(nullptr);
+    int readings = -1000;
+    auto const clock = Vel::create<Zanth::TimerWheel>([&] {
+      if (++readings == which) {
+        machine->joinPruneNeighborSmDel(addr(N));
+        time += 1;
+        log.clear();
+      }
+      return time;
+    });
+    periodicSm->periodicTimerIs(clock);
+    readings = 0;
+    periodicSm->handlePeriodicTimerExpiry();
+    EXPECT_GE(readings, which);
+    EXPECT_THAT(log.take(), IsEmpty());
+  }
   std::string line(int level, std::string const& rest) const {
     std::ostringstream os;
     os << "[" << level << "] " << static_cast<void const*>(periodicSm.get()) << rest;
@@ -343,6 +364,17 @@ TEST_F(JoinPrunePeriodicTimerSmTest, AMachineThatIsRetiredWhileTheRecordIsPointe
   EXPECT_THAT(log.take(), IsEmpty());
 }
 
+TEST_F(JoinPrunePeriodicTimerSmTest, AMachineThatIsRetiredWhileItReadsTheTimeAtTheBeginningSendsNothing) {
+  expireAndRetireAtReading(1);
+  EXPECT_FALSE(machine->txMessage()->joinPruneData());
+  EXPECT_EQ(manager->messages, 0u);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, AMachineThatIsRetiredWhileItReadsTheTimeAfterAMessageSaysNothingMore) {
+  expireAndRetireAtReading(2);
+  EXPECT_EQ(manager->messages, 1u);
+}
+
 TEST_F(JoinPrunePeriodicTimerSmTest, AMachineThatIsRetiredInsideTheSendSaysNothingMore) {
   addRoutes(10);
   manager->perMessage = 1;
@@ -489,6 +521,41 @@ TEST_F(JoinPrunePeriodicTimerSmTest, AWritableReactorTakesNothingFromAConstViewB
   writer->notifierIs(made);
   seenFromBelow.notifierIs(Vel::Ptr<PeriodicTimerSm const>());
   EXPECT_FALSE(writer->notifier());
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, WithoutAWheelNoTimePassesHoweverShortTheQuantum) {
+  addRoutes(3);
+  manager->perMessage = 1;
+  auto const bare = joinPrunePeriodicTimerSmFactory(nullptr, sm(N).get(), 1e-30, periodic(N), eth0, manager,
+                                                    machine->txMessage());
+  bare->doUpdatePeriodicTimer();
+  bare->handlePeriodicTimerExpiry();
+  EXPECT_EQ(manager->messages, 3u);
+}
+
+TEST_F(JoinPrunePeriodicTimerSmTest, ARetiredMachineHasNoParentAnyMoreWhenItsWheelEndsWithIt) {
+  class AtTheEnd final : public Zanth::TimerWheel::NotifieeConst {
+   public:
+    AtTheEnd(Vel::Ptr<Zanth::TimerWheel const> const& watched, std::function<void()> const& call)
+        : call_(call) {
+      isNondestructingIs(true);
+      notifierIs(watched);
+    }
+    void onZeroReferences() override { call_(); }
+
+   private:
+    std::function<void()> const call_;
+  };
+  auto another = Vel::create<Zanth::TimerWheel>([] { return 0; });
+  periodicSm->periodicTimerIs(another);
+  bool isAsked = false;
+  auto const ending = Vel::create<AtTheEnd>(another, [&] {
+    isAsked = true;
+    EXPECT_FALSE(periodicSm->parentSm());
+  });
+  another = nullptr;
+  sm(N)->joinPrunePeriodicTimerSmDel();
+  EXPECT_TRUE(isAsked);
 }
 
 TEST_F(JoinPrunePeriodicTimerSmTest, ParametersPrintAsIntervalAndRoutes) {

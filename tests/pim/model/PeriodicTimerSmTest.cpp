@@ -54,6 +54,8 @@ class Refresher final : public PeriodicTimerSm {
     if (afterwards) afterwards();
   }
 
+  void sentMore(U64 routes) { routesDoneInc(routes); }
+
   U32 seconds = 60;
   U32 routes = 0;
   U64 perExpiry = ~U64{0};
@@ -161,6 +163,7 @@ TEST_F(PeriodicTimerSmTest, RoutesAreCutIntoSlicesOfAThousandAtLeastATenthOfASec
       {1, 10'000, 10, 1000},
       {1, 10'001, 10, 1001},
       {1, 4'294'967'295, 10, 429'496'730},
+      {0, 2'500, 1, 2'500},
       {4'294'967'295, 4'294'967'295, 4'294'968, 1000},
   };
   for (Row const& row : rows) {
@@ -245,6 +248,17 @@ TEST_F(PeriodicTimerSmTest, ASliceThatWasCutShortGoesOnATenthOfASecondLaterWithW
   sm->perExpiry = 200;
   runUntil(1120);
   EXPECT_THAT(log, ElementsAre("hold time", "sent 100 of 100"));  // a whole slice again
+}
+
+TEST_F(PeriodicTimerSmTest, ASliceThatSentMoreThanItHadAndIsCutShortHasNothingLeft) {
+  routesAre(100);
+  sm->perExpiry = 30;
+  sm->whileSending = [this] { sm->sentMore(200); };
+  expireAt(1060);
+  sm->whileSending = nullptr;
+  runUntil(1060.1);
+  EXPECT_THAT(log, ElementsAre("hold time", "sent 30 of 100", "hold time", "sent 0 of 0"));
+  EXPECT_EQ(armedFor(), 1120);
 }
 
 TEST_F(PeriodicTimerSmTest, AChangedCountNeitherRestartsNorPostponesASliceThatIsUnderWay) {

@@ -11,8 +11,10 @@
 namespace Routing::Pim::Jpagent {
 
 /// What a set of joins and prunes is sent as.
-enum class Channel : Vel::U8 { triggered, override, periodic };
-inline constexpr std::array<std::string_view, 3> channelNames = {"triggered", "override", "periodic"};
-constexpr std::string_view text(Channel channel) { return channelNames[static_cast<std::size_t>(channel)]; }
+enum class SendKind : Vel::U8 { triggered, override, periodic };
+inline constexpr std::array<std::string_view, 3> sendKindNames = {"triggered", "override", "periodic"};
+constexpr std::string_view text(SendKind sendKind) {
+  return sendKindNames[static_cast<std::size_t>(sendKind)];
+}
 
 }  // namespace Routing::Pim::Jpagent
