@@ -2,7 +2,8 @@
 // What the benchmarks share: how one is written, and how a row of the table comes about.
 //
 // A file measures one subject against its floor (the least that such work can cost) or its peers, all in the
-// same process. Each variant is a benchmark of its own, registered under "subject/variant/who":
+// same process; whole jobs are measured against the plain engine (bench/plain). Each variant is a benchmark
+// of its own, registered under "subject/variant/who":
 //
 //     Bench::timed("codec/encode IPv4/ours", [=](Bench::Stopwatch& watch) {
 //       watch.start();
@@ -74,6 +75,11 @@ void timed(std::string const& name, Run run);
 /// begins, and what it gives is dropped when it ends. A peer that is not to be had here throws NotMeasured.
 void prepared(std::string const& name, std::function<Run()> prepare);
 
+/// The same for ours and the plain engine, which take turns: the figures "<name>/ours" and "<name>/plain".
+/// Both are prepared before either runs, and each repetition has a ratio of its own, so that there is a
+/// spread.
+void inTurns(std::string const& name, std::function<Run()> prepareOurs, std::function<Run()> preparePlain);
+
 /// Registers a figure that needs no repetition, such as bytes.
 void figure(std::string const& name, std::function<double()> measure);
 
@@ -82,7 +88,7 @@ void figure(std::string const& name, std::function<double()> measure);
 struct Row {
   std::string subject;
   std::string what;
-  std::string reference;      ///< "floor" or a peer's name.
+  std::string reference;      ///< "plain", "floor" or a peer's name.
   double atMost = 0;          ///< The bar: ours is at most so many times the reference.
   double atLeastFaster = 0;   ///< Or: the reference takes at least so many times what ours does.
   double atMostBeyond = 0;    ///< Or: ours is at most so much more than the reference, in its own unit.
@@ -94,7 +100,7 @@ struct Row {
 };
 void row(Row row);
 
-/// Rows without a bar, of the benchmarks "<name>/ours" and "<name>/floor": the points of the curve of that
+/// Rows without a bar, of the benchmarks "<name>/ours" and "<name>/plain": the points of the curve of that
 /// series.
 void growth(std::string const& series, std::size_t size, std::string const& name);
 

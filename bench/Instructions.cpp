@@ -6,8 +6,8 @@
 //     joinprune_instructions         lists the scenarios
 //     joinprune_instructions NAME    runs one; what counts is between two client requests
 //
-// Seeds and clocks are fixed. Each scenario runs in a process of its own, so that none sees the heap that
-// another left.
+// "<NAME>, plain" is the same job done by the plain engine (bench/plain). Seeds and clocks are fixed. Each
+// scenario runs in a process of its own, so that none sees the heap that another left.
 #include <unistd.h>
 #include <valgrind/callgrind.h>
 
@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "bench/Containers.h"
+#include "bench/PlainJobs.h"
 #include "bench/Receiver.h"
 #include "bench/Router.h"
 #include "bench/Speaker.h"
@@ -33,12 +34,12 @@
 namespace {
 
 namespace Wire = Routing::Pim::Wire;
+using Bench::Body;
 using Bench::Keys;
 using Dova::IpGenAddr;
 using Vel::U32;
 
-/// What counts. It is called once and holds what it needs.
-using Body = std::function<void()>;
+std::string sizeText(U32 size) { return std::to_string(size / 1'000) + "k"; }
 
 struct Scenario {
   std::string name;
@@ -210,6 +211,16 @@ Body receive(Bench::Shape const& shape, int observers) {
   };
 }
 
+// From being wanted to being sent, packets included.
+Body routesSent(U32 size) {
+  auto const router = std::make_shared<Bench::RefreshingRouter>(0);
+  return [=] {
+    for (U32 route = 0; route < size; ++route) router->add(*router->triggered, route);
+    router->fireNext();
+    if (router->sent != size) std::abort();
+  };
+}
+
 Body triggeredRoutes() {
   auto const router = std::make_shared<Bench::TakingRouter>();
   return [=] {
@@ -220,18 +231,20 @@ Body triggeredRoutes() {
   };
 }
 
-Body periodicRoutes() {
+// A thousand come and go.
+Body periodicRoutes(U32 standing) {
   auto const router = std::make_shared<Bench::TakingRouter>();
-  for (U32 route = 0; route < 1'000; ++route) router->add(*router->periodic, route);
+  for (U32 route = 0; route < standing; ++route) router->add(*router->periodic, route);
   return [=] {
-    for (U32 route = 1'000; route < 2'000; ++route) router->add(*router->periodic, route);
-    for (U32 route = 1'000; route < 2'000; ++route) router->remove(*router->periodic, route);
-    if (router->periodic->joinPruneGroupDataCount() != 1'000) std::abort();
+    U32 const end = standing + 1'000;
+    for (U32 route = standing; route < end; ++route) router->add(*router->periodic, route);
+    for (U32 route = standing; route < end; ++route) router->remove(*router->periodic, route);
+    if (router->periodic->joinPruneGroupDataCount() != standing) std::abort();
   };
 }
 
-Body refresh() {
-  auto const router = std::make_shared<Bench::RefreshingRouter>(1'000);
+Body refresh(U32 size) {
+  auto const router = std::make_shared<Bench::RefreshingRouter>(size);
   router->round();
   return [=] { router->round(); };
 }
@@ -292,6 +305,43 @@ Body startUp() {
   return [=] { *machine = router->newMachine(); };
 }
 
+// Whole jobs, by the library and by the plain engine.
+void addJobs(std::vector<Scenario>& to) {
+  auto const add = [&to](std::string const& name, std::function<Body()> const& ours,
+                         std::function<Body()> const& plain) {
+    to.push_back({name, ours});
+    to.push_back({name + ", plain", plain});
+  };
+  auto const addReceive = [&add](std::string const& name, Bench::Shape const& shape, int observers) {
+    add(
+        name, [=] { return receive(shape, observers); },
+        [=] { return Bench::plainReceive(shape, observers); });
+  };
+  Bench::Shape const many{"", 70, 1, 0, 0, false}, large{"", 1, 180, 0, 0, false};
+  addReceive("receive, 70 groups of one source", many, 1);
+  addReceive("receive, 70 groups, not watched", many, 0);
+  addReceive("receive, one group of 180", large, 1);
+  addReceive("receive, one group of 180, not watched", large, 0);
+  to.push_back({"triggered routes", triggeredRoutes});
+  for (U32 const size : {1'000u, 100'000u}) {
+    std::string const text = sizeText(size);
+    add(
+        "triggered routes, " + text + " sent", [=] { return routesSent(size); },
+        [=] { return Bench::plainRoutesSent(size); });
+  }
+  add(
+      "periodic routes", [] { return periodicRoutes(1'000); },
+      [] { return Bench::plainPeriodicRoutes(1'000); });
+  add(
+      "periodic routes among 100k", [] { return periodicRoutes(100'000); },
+      [] { return Bench::plainPeriodicRoutes(100'000); });
+  for (U32 const size : {1'000u, 100'000u})
+    add(
+        "refresh of " + sizeText(size), [=] { return refresh(size); },
+        [=] { return Bench::plainRefresh(size); });
+  add("start-up, 20 neighbors x 50 routes", startUp, Bench::plainStartUp);
+}
+
 std::vector<Scenario> scenarios() {
   std::vector<Scenario> all;
   for (int const reactors : {0, 1, 4, 16})
@@ -310,19 +360,13 @@ std::vector<Scenario> scenarios() {
   all.push_back({"disabled trace line", disabledTraceLine});
   all.push_back({"ring message and block timer", ringMessage});
   all.push_back({"counted reference", countedReference});
-  all.push_back({"receive, 70 groups of one source", [] { return receive({"", 70, 1, 0, 0, false}, 1); }});
-  all.push_back({"receive, 70 groups, not watched", [] { return receive({"", 70, 1, 0, 0, false}, 0); }});
-  all.push_back({"receive, one group of 180", [] { return receive({"", 1, 180, 0, 0, false}, 1); }});
-  all.push_back({"triggered routes", triggeredRoutes});
-  all.push_back({"periodic routes", periodicRoutes});
-  all.push_back({"refresh of 1k", refresh});
+  addJobs(all);
   all.push_back({"codec, encode", encode});
   all.push_back({"codec, decode", decode});
   all.push_back({"joins to bytes, engine alone", joinsOfEngine});
   all.push_back({"joins to bytes, speaker", joinsOfSpeaker});
   all.push_back({"bytes to records, engine alone", received<Bench::DecodingReceiver>});
   all.push_back({"bytes to downstream state, speaker", received<Bench::SpeakingRouter>});
-  all.push_back({"start-up, 20 neighbors x 50 routes", startUp});
   return all;
 }
 

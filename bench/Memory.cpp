@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bytes a route at a million of them: one source a group in triggered data, with the machine's reactors; and
-// one group of a million sources. malloc's own share included. The reference is the size of a key and its
-// flags.
+// Bytes a route at a million of them: one source a group in triggered data, with the machine's reactors,
+// beside the plain engine; and one group of a million sources, beside the size of a key and its flags.
+// malloc's own share included.
 #include <algorithm>
 
 #include "bench/Containers.h"
-#include "bench/Router.h"
+#include "bench/PlainRouter.h"
 
 namespace {
 
@@ -27,6 +27,13 @@ double groups(std::size_t routes) {
   });
 }
 
+double plainGroups(std::size_t routes) {
+  Bench::PlainRouter router;
+  return bytesOf(routes, [&] {
+    for (U32 i = 0; i < routes; ++i) router.add(Plain::Way::triggered, i);
+  });
+}
+
 double sources(std::size_t routes) {
   auto const group = Vel::create<Packet::JoinPruneGroupData>(IpGenAddr("239.1.1.1"));
   return bytesOf(routes, [&] {
@@ -38,12 +45,12 @@ bool const registered = [] {
   std::size_t const routes = Bench::wanted(1'000'000) ? 1'000'000 : 1'000;
   Bench::figure("memory/a group with a source/ours", [=] { return groups(routes); });
   Bench::figure("memory/a source of one group/ours", [=] { return sources(routes); });
-  for (char const* const what : {"a group with a source", "a source of one group"})
-    Bench::figure(std::string("memory/") + what + "/key and flags",
-                  [] { return static_cast<double>(sizeof(RouteKey) + sizeof(Packet::SourceFlags)); });
+  Bench::figure("memory/a group with a source/plain", [=] { return plainGroups(routes); });
+  Bench::figure("memory/a source of one group/key and flags",
+                [] { return static_cast<double>(sizeof(RouteKey) + sizeof(Packet::SourceFlags)); });
   Bench::row({.subject = "memory",
               .what = "a group with a source",
-              .reference = "key and flags",
+              .reference = "plain",
               .atMostAbsolute = 400,
               .unit = "bytes"});
   Bench::row({.subject = "memory",

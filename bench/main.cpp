@@ -55,6 +55,23 @@ void prepared(std::string const& name, std::function<Run()> prepare) {
   });
 }
 
+void inTurns(std::string const& name, std::function<Run()> prepareOurs, std::function<Run()> preparePlain) {
+  registered(name + "/in turns", [=](benchmark::State& state) {
+    Run const runs[] = {prepareOurs(), preparePlain()};
+    Stopwatch watches[2];
+    std::size_t first = 0;
+    for ([[maybe_unused]] auto _ : state) {
+      double const before = watches[0].spent() + watches[1].spent();
+      runs[first](watches[first]);
+      runs[1 - first](watches[1 - first]);
+      first = 1 - first;
+      state.SetIterationTime(watches[0].spent() + watches[1].spent() - before);
+    }
+    for (std::size_t who = 0; who < 2; ++who)
+      state.counters[who == 0 ? "ours" : "plain"] = watches[who].spent() * 1e9 / watches[who].operations();
+  });
+}
+
 void figure(std::string const& name, std::function<double()> measureOnce) {
   benchmark::RegisterBenchmark(name.c_str(),
                                [measureOnce = std::move(measureOnce)](benchmark::State& state) {
@@ -74,9 +91,9 @@ void row(Row row) { rows().push_back(std::move(row)); }
 void growth(std::string const& series, std::size_t size, std::string const& name) {
   row({.subject = "growth",
        .what = series + " " + std::to_string(size),
-       .reference = "floor",
+       .reference = "plain",
        .ours = name + "/ours",
-       .theirs = name + "/floor"});
+       .theirs = name + "/plain"});
 }
 
 bool wanted(std::size_t size) {

@@ -294,5 +294,107 @@ TEST_F(NeighborMachineTest, MarksTheWildcardsAtTheStartAlsoOfGroupsThatCollideOr
   }
 }
 
+TEST_F(NeighborMachineTest, WhatItsTimersMissedIsSentInTheOrderTriggeredOverride) {
+  group(triggered(N), G)->joinedSourceIs(addr(S));
+  group(override_(N), G)->joinedSourceIs(addr(S));
+  own->hasNotificationActiveIs(false);
+  time += 10;
+  wheel->expire();
+  log.clear();
+  own->hasNotificationActiveIs(true);
+  wheel->expire();
+  Lines expiries;
+  for (auto const& line : log.texts)
+    if (line.ends_with("TimerExpiry()")) expiries.push_back(line.substr(line.rfind("handle")));
+  EXPECT_THAT(expiries, ElementsAre("handleTriggeredTimerExpiry()", "handleOverrideTimerExpiry()"));
+}
+
+TEST_F(NeighborMachineTest, TheReactorOfAGroupSaysInWhichDataItIs) {
+  for (auto const& data : {triggered(N), override_(N), periodic(N)}) group(data, G);
+  auto const form = [this](auto const& reactor) {
+    std::string const machine = text(own.get()), whole = text(reactor.get());
+    EXPECT_TRUE(whole.starts_with(machine)) << whole;
+    return whole.substr(machine.size());
+  };
+  EXPECT_EQ(form(own->triggeredGroupData(addr(G))), "Triggered(239.1.1.1)::");
+  EXPECT_EQ(form(own->overrideGroupData(addr(G))), "Override(239.1.1.1)::");
+  EXPECT_EQ(form(own->periodicGroupData(addr(G))), "Periodic(239.1.1.1)::");
+}
+
+TEST_F(NeighborMachineTest, ATimerThatIsReplacedIsSilentWhereSomebodyHoldsIt) {
+  auto const held = own->triggeredTimer();
+  own->triggeredTimerIs(Vel::create<Zanth::TimerWheel>([] { return 0; }));
+  EXPECT_TRUE(held->isZombie());
+  EXPECT_FALSE(held->joinPruneNeighborSm());
+  group(triggered(N), G)->joinedSourceIs(addr(S));
+  held->timeMinIs(time);
+  wheel->expire();
+  EXPECT_THAT(manager->sent, IsEmpty());
+}
+
+TEST_F(NeighborMachineTest, WhatATimerMissedIsDueAtOnceOnAnotherWheel) {
+  group(triggered(N), G)->joinedSourceIs(addr(S));
+  own->hasNotificationActiveIs(false);
+  time += 10;
+  wheel->expire();
+  own->triggeredTimerIs(Vel::create<Zanth::TimerWheel>([] { return 500; }));
+  EXPECT_EQ(own->triggeredTimer()->timeMin(), 500);
+}
+
+TEST_F(NeighborMachineTest, ThatIsRetiredWhileItReadsTheTimeAtTheBeginningOfAnExpirySendsNothing) {
+  bool ends = false;
+  own->triggeredTimerIs(Vel::create<Zanth::TimerWheel>([&] {
+    if (std::exchange(ends, false)) machine->joinPruneNeighborSmDel(addr(N));
+    return time;
+  }));
+  group(triggered(N), G)->joinedSourceIs(addr(S));
+  machine->txMessage()->joinPruneDataIs(nullptr);
+  ends = true;
+  own->handleTriggeredTimerExpiry();
+  EXPECT_TRUE(own->retired());
+  EXPECT_FALSE(machine->txMessage()->joinPruneData());
+}
+
+TEST_F(NeighborMachineTest, ThatIsRetiredByTheCountOfAWildcardSaysNothingMore) {
+  class AtTheCount final : public JoinPruneNeighborSm::NotifieeConst {
+   public:
+    AtTheCount(Vel::Ptr<JoinPruneNeighborSm> const& sm, std::function<void()> const& act) : act_(act) {
+      notifierIs(sm);
+    }
+    void onNumPeriodicRoutes() override { act_(); }
+
+   private:
+    std::function<void()> const act_;
+  };
+  auto const ending = Vel::create<AtTheCount>(own, [&] {
+    machine->joinPruneNeighborSmDel(addr(N));
+    log.clear();
+  });
+  group(periodic(N), G)->wcSourceDataIs(wildcard("10.255.0.1"));
+  EXPECT_TRUE(own->retired());
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(NeighborMachineTest, ThatIsRetiredByTheHoldTimeOfItsDataArmsNothing) {
+  class AtTheHoldTime final : public Packet::JoinPruneData::NotifieeConst {
+   public:
+    AtTheHoldTime(Vel::Ptr<Packet::JoinPruneData> const& data, std::function<void()> const& act) : act_(act) {
+      notifierIs(data);
+    }
+    void onHoldTime() override { act_(); }
+
+   private:
+    std::function<void()> const act_;
+  };
+  auto const ending =
+      Vel::create<AtTheHoldTime>(triggered(N), [&] { machine->joinPruneNeighborSmDel(addr(N)); });
+  triggered(N)->holdTimeIs(77);
+  machine->handleNeighbor(addr(N));
+  own = sm(N);
+  group(triggered(N), G)->joinedSourceIs(addr(S));
+  EXPECT_TRUE(own->retired());
+  EXPECT_EQ(wheel->armedCount(), 0u);
+}
+
 }  // namespace
 }  // namespace Routing::Pim
