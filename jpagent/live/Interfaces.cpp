@@ -86,7 +86,7 @@ void Interfaces::compare(std::string const& name, Interface& interface) {
 }
 
 void Interfaces::end(std::string const& name, Interface& interface) {
-  if (interface.told) owner_.onInterfaceGone(name);
+  if (interface.told) owner_.onInterfaceRemoved(name);
   interface.kernel.reset();
   interface.told.reset();
   interface.ipv4.reset();

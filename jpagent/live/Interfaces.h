@@ -19,7 +19,7 @@ class InterfacesOwner {
   /// It appears or changes. Addresses of a family are left out while there is no socket for it.
   virtual void onInterface(KernelLink const& link) = 0;
   /// It has disappeared, or another one takes its name. Packets may still be sent.
-  virtual void onInterfaceGone(std::string const& name) = 0;
+  virtual void onInterfaceRemoved(std::string const& name) = 0;
   virtual void onPacket(Speaker::Incoming const& packet, std::span<U8 const> message) = 0;
   /// A socket cannot be had or has failed; it is tried again. Once for each reason.
   virtual void onSocketFailed(std::string const& name, std::string const& reason) = 0;

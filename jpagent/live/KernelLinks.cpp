@@ -98,17 +98,20 @@ bool KernelLinks::dump(mnl_socket* socket, U32 number, U8 family, int type) {
 
 void KernelLinks::receive() {
   std::vector<char> buffer(bufferSize);
+  bool isIncomplete = false;
   for (;;) {
     auto const size = mnl_socket_recvfrom(news_.get(), buffer.data(), buffer.size());
     if (size < 0 && errno == EINTR) continue;
-    if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+    if (size < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
     if (size < 0 && errno == ENOBUFS)
-      askForAll();
+      isIncomplete = true;
     else if (size < 0)
       fail();
     else
       mnl_cb_run(buffer.data(), static_cast<std::size_t>(size), 0, 0, dispatch, this);
   }
+  // Only now: what had still been told is older than what was dropped.
+  if (isIncomplete) askForAll();
 }
 
 int KernelLinks::dispatch(nlmsghdr const* message, void* self) {

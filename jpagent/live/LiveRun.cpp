@@ -69,7 +69,7 @@ class LiveRun final : private LiveOutside, private InterfacesOwner {
 
   // InterfacesOwner
   void onInterface(KernelLink const& link) override;
-  void onInterfaceGone(std::string const& name) override;
+  void onInterfaceRemoved(std::string const& name) override;
   void onPacket(Speaker::Incoming const& packet, std::span<U8 const> message) override;
   void onSocketFailed(std::string const& name, std::string const& reason) override;
 
@@ -198,7 +198,7 @@ void LiveRun::onInterface(KernelLink const& link) {
                                              .pointToPoint = link.isPointToPoint});
 }
 
-void LiveRun::onInterfaceGone(std::string const& name) { speakerNow().kernelInterfaceDel(name); }
+void LiveRun::onInterfaceRemoved(std::string const& name) { speakerNow().kernelInterfaceDel(name); }
 
 void LiveRun::onPacket(Speaker::Incoming const& packet, std::span<U8 const> message) {
   outputs_->capture(packet, message);

@@ -57,24 +57,11 @@ Json settingsShown(SpeakerInterfaceSettings const& settings) {
 
 void LiveSpeaker::show(SpeakerSubject subject) {
   lookAtWishes();
-  Json& result = reply_->event.members["result"];
-  switch (subject) {
-    case SpeakerSubject::interfaces:
-      result = interfacesShown();
-      break;
-    case SpeakerSubject::neighbors:
-      result = neighborsShown();
-      break;
-    case SpeakerSubject::upstream:
-      result = upstreamShown();
-      break;
-    case SpeakerSubject::downstream:
-      result = downstreamShown();
-      break;
-    case SpeakerSubject::counters:
-      result = countersShown();
-      break;
-  }
+  // In the order of SpeakerSubject.
+  constexpr Json (LiveSpeaker::*shown[])()
+      const = {&LiveSpeaker::interfacesShown, &LiveSpeaker::neighborsShown, &LiveSpeaker::upstreamShown,
+               &LiveSpeaker::downstreamShown, &LiveSpeaker::countersShown};
+  reply_->event.members["result"] = (this->*shown[static_cast<std::size_t>(subject)])();
 }
 
 // An interface has the values of its first family that is up, beside those of each.

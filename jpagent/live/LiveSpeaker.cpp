@@ -113,7 +113,7 @@ void LiveSpeaker::kernelInterfaceIs(std::string const& name, KernelInterface con
 void LiveSpeaker::kernelInterfaceDel(std::string const& name) {
   auto const found = interfaces_.find(name);
   if (hasEnded_ || found == interfaces_.end() || !found->second.kernel) return;
-  record(fmt::format("gone {}", name));
+  record(fmt::format("removed {}", name));
   found->second.kernel.reset();
   apply(name, found->second);
   goOnQuitting();

@@ -38,8 +38,19 @@ struct Watch::State {
   uv_any_handle handle;
   bool isPolled = true;
   bool isLive = true;
+  int events = 0;
   std::function<void(int)> ready;
+
+  static void polled(uv_poll_t* handle, int status, int events);
 };
+
+// An error of the descriptor is what the next read or write returns; libuv has stopped polling then.
+void Watch::State::polled(uv_poll_t* handle, int status, int events) {
+  auto& state = *static_cast<State*>(handle->data);
+  if (!state.isLive) return;
+  if (status < 0) uv_poll_start(handle, state.events, polled);
+  state.ready(status < 0 ? UV_READABLE | UV_WRITABLE : events);
+}
 
 Watch::Watch(uv_loop_t& loop, int descriptor, std::function<void(int)> ready) : state_(new State) {
   state_->ready = std::move(ready);
@@ -64,8 +75,8 @@ Watch::~Watch() {
 }
 
 void Watch::eventsAre(int events) {
-  if (events == events_) return;
-  events_ = events;
+  if (events == state_->events) return;
+  state_->events = events;
   if (!state_->isPolled) {
     if (events == 0)
       uv_idle_stop(&state_->handle.idle);
@@ -77,52 +88,34 @@ void Watch::eventsAre(int events) {
   } else if (events == 0) {
     uv_poll_stop(&state_->handle.poll);
   } else {
-    uv_poll_start(&state_->handle.poll, events, [](uv_poll_t* handle, int status, int got) {
-      auto& state = *static_cast<State*>(handle->data);
-      // An error of the descriptor is what the next read or write returns.
-      if (state.isLive) state.ready(status < 0 ? UV_READABLE | UV_WRITABLE : got);
-    });
+    uv_poll_start(&state_->handle.poll, events, State::polled);
   }
 }
 
 // --- Signals and ticks ---------------------------------------------------------------------------
 
-struct SignalWatch::State {
-  uv_signal_t handle;
-  std::function<void()> received;
-};
-
-SignalWatch::SignalWatch(uv_loop_t& loop, int signal, std::function<void()> received) : state_(new State) {
-  state_->received = std::move(received);
-  uv_signal_init(&loop, &state_->handle);
-  state_->handle.data = state_;
-  int const result = uv_signal_start(
-      &state_->handle, [](uv_signal_t* handle, int) { static_cast<State*>(handle->data)->received(); },
-      signal);
-  uv_unref(reinterpret_cast<uv_handle_t*>(&state_->handle));
-  if (result == 0) return;
-  uv_close(reinterpret_cast<uv_handle_t*>(&state_->handle), freeState<State>);
-  require(result, "signals");
+Caller::Caller(std::function<void()> call) : state_(new State) {
+  state_->call = std::move(call);
+  state_->handle.handle.data = state_;
 }
 
-SignalWatch::~SignalWatch() { uv_close(reinterpret_cast<uv_handle_t*>(&state_->handle), freeState<State>); }
+Caller::~Caller() { uv_close(&state_->handle.handle, freeState<State>); }
 
-struct Ticker::State {
-  uv_timer_t handle;
-  std::function<void()> tick;
-};
+SignalWatch::SignalWatch(uv_loop_t& loop, int signal, std::function<void()> received)
+    : Caller(std::move(received)) {
+  uv_signal_init(&loop, &state_->handle.signal);
+  uv_unref(&state_->handle.handle);
+  require(uv_signal_start(
+              &state_->handle.signal, [](uv_signal_t* handle, int) { called(handle); }, signal),
+          "signals");
+}
 
-Ticker::Ticker(uv_loop_t& loop, Seconds period, std::function<void()> tick) : state_(new State) {
-  state_->tick = std::move(tick);
-  uv_timer_init(&loop, &state_->handle);
-  state_->handle.data = state_;
+Ticker::Ticker(uv_loop_t& loop, Seconds period, std::function<void()> tick) : Caller(std::move(tick)) {
+  uv_timer_init(&loop, &state_->handle.timer);
   auto const milliseconds = static_cast<std::uint64_t>(std::max(1.0, period * 1000));
   uv_timer_start(
-      &state_->handle, [](uv_timer_t* handle) { static_cast<State*>(handle->data)->tick(); }, milliseconds,
-      milliseconds);
+      &state_->handle.timer, [](uv_timer_t* handle) { called(handle); }, milliseconds, milliseconds);
 }
-
-Ticker::~Ticker() { uv_close(reinterpret_cast<uv_handle_t*>(&state_->handle), freeState<State>); }
 
 // --- Loop ----------------------------------------------------------------------------------------
 

@@ -50,34 +50,42 @@ class Watch {
  private:
   struct State;
   State* const state_;  // freed by the loop
-  int events_ = 0;
+};
+
+/// A handle of the loop that calls a function.
+class Caller {
+ public:
+  Caller(Caller const&) = delete;
+  Caller& operator=(Caller const&) = delete;
+
+ protected:
+  struct State {
+    uv_any_handle handle;
+    std::function<void()> call;
+  };
+
+  /// REQUIRES: a derived class initializes the handle at once.
+  explicit Caller(std::function<void()> call);
+  ~Caller();
+  template <class Handle>
+  static void called(Handle* handle) {
+    static_cast<State*>(handle->data)->call();
+  }
+
+  State* const state_;  // freed by the loop
 };
 
 /// Calls when the process gets a signal.
-class SignalWatch {
+class SignalWatch final : public Caller {
  public:
   /// Throws std::system_error.
   SignalWatch(uv_loop_t& loop, int signal, std::function<void()> received);
-  ~SignalWatch();
-  SignalWatch(SignalWatch const&) = delete;
-  SignalWatch& operator=(SignalWatch const&) = delete;
-
- private:
-  struct State;
-  State* const state_;  // freed by the loop
 };
 
 /// Calls again and again.
-class Ticker {
+class Ticker final : public Caller {
  public:
   Ticker(uv_loop_t& loop, Seconds period, std::function<void()> tick);
-  ~Ticker();
-  Ticker(Ticker const&) = delete;
-  Ticker& operator=(Ticker const&) = delete;
-
- private:
-  struct State;
-  State* const state_;  // freed by the loop
 };
 
 /// The loop itself, and the alarm for the next timer of the speaker.

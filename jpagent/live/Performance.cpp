@@ -238,7 +238,7 @@ Input takeOutside(Words& words) {
     return [name, bytes = takeBytes(words)](LiveSpeaker& speaker) { speaker.receiveIpv4(name, bytes); };
   }
   if (words.taken("kernel")) return takeKernel(words);
-  if (words.taken("gone"))
+  if (words.taken("removed"))
     return [name = takeName(words)](LiveSpeaker& speaker) { speaker.kernelInterfaceDel(name); };
   if (words.taken("given"))
     return [name = takeName(words)](LiveSpeaker& speaker) { speaker.interfaceGiven(name); };

@@ -123,6 +123,8 @@ void PimSocket::open(std::string const& intf) {
   if (setsockopt(descriptor_, SOL_SOCKET, SO_BINDTODEVICE, intf.data(),
                  static_cast<socklen_t>(intf.size())) != 0)
     fail("SO_BINDTODEVICE");
+  // Until then it has received the packets of all interfaces.
+  for (U8 byte; recv(descriptor_, &byte, sizeof byte, MSG_DONTWAIT) >= 0 || errno == EINTR;) continue;
   // Many neighbors may answer one Hello at once. Only an administrator may exceed the system's limit.
   if (setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0)
     setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);

@@ -2,9 +2,7 @@
 // examples/small_speaker.cpp, two of it, in network namespaces that a cable connects.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -12,25 +10,13 @@
 #include <sstream>
 #include <string>
 
+#include "tests/Shell.h"
+
 namespace {
 
+using Routing::Outcome;
+using Routing::shell;
 using testing::HasSubstr;
-
-struct Outcome {
-  int status;
-  std::string output;  // of both streams
-};
-
-Outcome shell(std::string const& script) {
-  Outcome run{-1, ""};
-  FILE* const pipe = popen(("{ " + script + "\n} 2>&1").c_str(), "r");
-  if (!pipe) return run;
-  char buffer[4096];
-  while (std::size_t const size = fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, size);
-  int const status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
 
 // A folder that ends with the test.
 struct Folder {

@@ -32,7 +32,6 @@ class ProgressTest : public testing::Test {
 
   // Ctrl-C is typed once this is on the terminal.
   void onTerminal(std::vector<std::string> words, std::string const& typedAt = "") {
-    words.insert(words.begin(), JPAGENT);
     std::vector<char*> arguments;
     for (auto& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
@@ -42,7 +41,7 @@ class ProgressTest : public testing::Test {
     if (process == 0) {
       std::signal(SIGINT, SIG_DFL);
       dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-      execv(JPAGENT, arguments.data());
+      execvp(arguments[0], arguments.data());
       _exit(127);
     }
     bool hasTyped = typedAt.empty();
@@ -59,6 +58,14 @@ class ProgressTest : public testing::Test {
     std::ostringstream text;
     text << std::ifstream(output).rdbuf();
     output_ = text.str();
+  }
+
+  // It has shown how far it was, and ended with whole lines of output.
+  void expectInterrupted(std::string const& progress) const {
+    EXPECT_EQ(status_, 2) << screen_;
+    EXPECT_THAT(screen_, HasSubstr(progress));
+    EXPECT_FALSE(output_.empty());
+    EXPECT_THAT(output_, testing::EndsWith("\n"));
   }
 
   // A conversation that takes seconds.
@@ -81,29 +88,48 @@ class ProgressTest : public testing::Test {
 
 TEST_F(ProgressTest, CtrlCEndsAReplayAfterAFrameWithItsTotals) {
   writeCapture();
-  onTerminal({"replay", path("pcap")}, " a second");
-  EXPECT_EQ(status_, 2) << screen_;
-  EXPECT_THAT(screen_, HasSubstr("replay: "));
+  onTerminal({JPAGENT, "replay", path("pcap")}, " a second");
+  expectInterrupted("replay: ");
   EXPECT_THAT(screen_, HasSubstr(" s left"));
   EXPECT_THAT(screen_, HasSubstr("\r\033[K"));
   EXPECT_THAT(screen_, HasSubstr("interrupted after frame "));
-  EXPECT_FALSE(output_.empty());  // the totals
-  EXPECT_THAT(output_, testing::EndsWith("\n"));
 }
 
 TEST_F(ProgressTest, CtrlCEndsASimulationAfterWholeLines) {
   writeConversation();
-  onTerminal({"simulate", path("story")}, " a second");
-  EXPECT_EQ(status_, 2) << screen_;
-  EXPECT_THAT(screen_, HasSubstr("simulate: "));
+  onTerminal({JPAGENT, "simulate", path("story")}, " a second");
+  expectInterrupted("simulate: ");
   EXPECT_THAT(screen_, HasSubstr(": interrupted"));
-  EXPECT_FALSE(output_.empty());
-  EXPECT_THAT(output_, testing::EndsWith("\n"));
+}
+
+TEST_F(ProgressTest, TheStartOfRunWithManyRoutesShowsHowFarItIs) {
+  {
+    std::ofstream file(path("toml"));
+    file << "[interface.nowhere]\n";
+    for (int i = 0; i < 3000; ++i)
+      file << "[[route]]\njoin = \"(10.9.0.1,239.1." << i / 256 << "." << i % 256
+           << ")\"\nvia = \"10.0.0.2%nowhere\"\n";
+  }
+  onTerminal({JPAGENT, "run", "--check", path("toml")});
+  EXPECT_EQ(status_, 0) << screen_;
+  EXPECT_THAT(screen_, HasSubstr("run: checking the configuration: "));
+  EXPECT_THAT(screen_, testing::EndsWith("\r\033[K"));
+  // Without a terminal there is nothing on standard error.
+  auto const command = std::string(JPAGENT) + " run --check " + path("toml") + " 2>" + path("error");
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  EXPECT_EQ(std::filesystem::file_size(path("error")), 0u);
+
+  std::vector<std::string> words = {"unshare", "--user", "--map-root-user", "--net"};
+  if (std::system("unshare --user --map-root-user --net true") != 0) GTEST_SKIP() << "no namespaces here";
+  words.insert(words.end(), {JPAGENT, "run", "--config", path("toml")});
+  onTerminal(words, "run: routes of the configuration: ");
+  EXPECT_EQ(status_, 0) << screen_;  // quits once it has started
+  EXPECT_THAT(screen_, HasSubstr(" of 3000, "));
 }
 
 TEST_F(ProgressTest, WhatIsDoneAtOnceAndWhatHasNoTerminalShowsNone) {
   std::ofstream(path("story")) << "# A story.\ninterface eth0 10.0.0.1/24\nstart\nwait 1\n";
-  onTerminal({"simulate", path("story")});
+  onTerminal({JPAGENT, "simulate", path("story")});
   EXPECT_EQ(screen_, "");
   EXPECT_EQ(status_, 0);
   writeCapture();

@@ -25,7 +25,7 @@ bool takeOnOrOff(Words& words) {
 // On the wire a hold time is in whole seconds, and 0 would end what it is for.
 U16 takeHoldTime(Words& words) {
   return static_cast<U16>(
-      std::max(1.0, std::floor(words.number<Seconds>(0.001, 65535, "a hold time in seconds"))));
+      std::max(1.0, std::floor(words.number<Seconds>(0, 65535, "a hold time in seconds"))));
 }
 
 // A setting of Hellos, or nothing.

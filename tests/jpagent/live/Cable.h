@@ -9,7 +9,8 @@
 
 namespace Routing::Pim::Jpagent::Live {
 
-inline std::string const quick = " hello 1 hello-delay 0.1";  // settings by which a test need not wait
+inline std::string const quick =
+    " hello 0.3 hello-hold 3 hello-delay 0.1";  // settings by which a test need not wait
 
 inline Json neighborUp(std::string const& address) {
   return {{"event", "neighbor"}, {"state", "up"}, {"address", address}};
@@ -32,15 +33,18 @@ struct Cable : Lab {
   }
 };
 
-/// An agent with such settings on an interface.
+/// An agent with such settings on an interface, whose packets are captured.
 struct QuickAgent : Agent {
   QuickAgent(Lab const& lab, std::string const& space, std::string const& intf,
              std::vector<std::string> arguments = {}, std::string const& settings = "")
-      : Agent(lab, space, with(intf, std::move(arguments))) {
+      : Agent(lab, space, with(lab, intf, std::move(arguments))) {
     say("interface " + intf + quick + settings);
   }
-  static std::vector<std::string> with(std::string const& intf, std::vector<std::string> arguments) {
+  static std::vector<std::string> with(Lab const& lab, std::string const& intf,
+                                       std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), intf);
+    if (std::find(arguments.begin(), arguments.end(), "--pcap") == arguments.end())
+      arguments.insert(arguments.end(), {"--pcap", lab.newPath("capture")});
     return arguments;
   }
 };

@@ -27,25 +27,13 @@
 #include <thread>
 #include <vector>
 
+#include "tests/Shell.h"
+
 namespace Routing::Pim::Jpagent::Live {
 
 using Json = nlohmann::ordered_json;
-
-struct Outcome {
-  int status = -1;
-  std::string output;  // of both streams
-};
-
-inline Outcome shell(std::string const& script) {
-  Outcome run;
-  FILE* const pipe = popen(("{ " + script + "\n} 2>&1").c_str(), "r");
-  if (!pipe) return run;
-  char buffer[4096];
-  while (std::size_t const size = fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, size);
-  int const status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
+using Routing::Outcome;
+using Routing::shell;
 
 inline void pause(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
 
@@ -122,7 +110,11 @@ class Process {
   int in_ = -1, out_ = -1;
 };
 
-/// Namespaces, which end with this, and a folder.
+/// Keeps the packets of all captures in a folder whose IP source fits a regular expression; tshark must
+/// decode each of them at the end of the program.
+void keepCaptures(std::string const& folder, std::string const& sources);
+
+/// Namespaces, which end with this, and a folder. Captures in the folder are checked.
 class Lab {
  public:
   explicit Lab(std::vector<std::string> const& names) {
@@ -134,10 +126,20 @@ class Lab {
   }
   ~Lab() {
     spaces_.clear();
+    keepCaptures(folder_, agents_);
     std::filesystem::remove_all(folder_);
   }
 
   std::string path(std::string const& name) const { return folder_ + "/" + name; }
+  /// Of a file that is not there yet.
+  std::string newPath(std::string const& name) const {
+    static int number = 0;
+    return path(name + std::to_string(++number));
+  }
+  /// The addresses of agents, as a regular expression; what others send may be broken.
+  void agentsAre(std::string const& addresses) { agents_ = addresses; }
+  /// Of a process in the namespace.
+  pid_t idOf(std::string const& name) const { return spaces_.at(name)->id(); }
   std::string text(std::string const& name) const { return shell("cat " + path(name)).output; }
 
   std::vector<std::string> entering(std::string const& name) const {
@@ -178,7 +180,7 @@ class Lab {
     for (int i = 0; i < 200 && shell(isThere).status != 0; ++i) pause(0.02);
   }
 
-  std::string folder_, first_;
+  std::string folder_, first_, agents_ = ".*";
   std::map<std::string, std::unique_ptr<Process>> spaces_;
 };
 
@@ -187,6 +189,8 @@ class Agent {
  public:
   Agent(Lab const& lab, std::string const& space, std::vector<std::string> const& arguments)
       : process_(wordsOf(lab, space, arguments)) {}
+  /// By a command that has it run in the end.
+  explicit Agent(std::vector<std::string> const& words) : process_(words) {}
 
   Process& process() { return process_; }
   void say(std::string const& line) { process_.write(line + "\n"); }

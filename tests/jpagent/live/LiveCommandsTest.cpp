@@ -216,35 +216,33 @@ TEST_F(LiveCommandsTest, SettingsHoldForBothFamiliesAndSecondsMayHaveFractions) 
 
 TEST_F(LiveCommandsTest, HoldTimesFollowTheirIntervalsUnlessTheyWereGivenAndAreAtLeastASecond) {
   interface();
-  auto const shown = [this](char const* member) { return show("interfaces")[0][member]; };
-  EXPECT_EQ(shown("hello_hold"), 105);
-  EXPECT_EQ(shown("hold"), 210);
-  ok("interface eth0 hello 1 interval 1");
-  EXPECT_EQ(shown("hello_hold"), 3);
-  EXPECT_EQ(shown("hold"), 3);
-  ok("interface eth0 hello 0.1 interval 0.1");
-  EXPECT_EQ(shown("hello_hold"), 1);
-  EXPECT_EQ(shown("interval"), 0.1);
-  EXPECT_EQ(shown("hold"), 1);
-  ok("interface eth0 interval 2.5");
-  EXPECT_EQ(shown("hold"), 8);
-  ok("interface eth0 hello-hold 50 hold 0.5");
-  EXPECT_EQ(shown("hold"), 1);
-  ok("interface eth0 hello 10 interval 10");
-  EXPECT_EQ(shown("hello_hold"), 50);
-  EXPECT_EQ(shown("hold"), 1);
-  ok("interface eth0 defaults");
-  EXPECT_EQ(shown("hello_hold"), 105);
-  EXPECT_EQ(shown("hold"), 210);
-  ok("interface eth0 defaults interval 20");
-  EXPECT_EQ(shown("hold"), 70);
+  struct Row {
+    char const* settings;
+    int helloHold, hold;
+  };
+  for (auto const& [settings, helloHold, hold] : {
+           Row{"hello 30", 105, 210},
+           {"hello 1 interval 1", 3, 3},
+           {"hello 0.1 interval 0.1", 1, 1},
+           {"interval 2.5", 1, 8},
+           {"hello-hold 50 hold 0.5", 50, 1},
+           {"hold 10 hold 0", 50, 1},
+           {"hello 10 interval 10", 50, 1},
+           {"defaults", 105, 210},
+           {"defaults interval 20", 105, 70},
+       }) {
+    ok(std::string("interface eth0 ") + settings);
+    Json const row = show("interfaces")[0];
+    EXPECT_EQ(row["hello_hold"], helloHold) << settings;
+    EXPECT_EQ(row["hold"], hold) << settings;
+  }
 }
 
 TEST_F(LiveCommandsTest, AWrongSettingChangesNothing) {
   interface();
   Json const before = show("interfaces");
-  EXPECT_EQ(error("interface eth0 hello 5 hold 0"),
-            "expected a hold time in seconds from 0.001 to 65535, not \"0\"");
+  EXPECT_EQ(error("interface eth0 hello 5 hold 65536"),
+            "expected a hold time in seconds from 0 to 65535, not \"65536\"");
   EXPECT_THAT(error("interface eth0 priority 7 tracking maybe"), HasSubstr("\"on\" or \"off\""));
   EXPECT_THAT(error("interface eth0 hello"), HasSubstr("at the end of the line"));
   EXPECT_EQ(show("interfaces"), before);
@@ -309,6 +307,38 @@ TEST_F(LiveCommandsTest, DownSaysGoodbyeAndUpHasANewGenerationIdAndTheWishesStay
   hello("10.0.0.2");
   pass(1);
   EXPECT_EQ(show("upstream")[0]["state"], "joined");
+}
+
+TEST_F(LiveCommandsTest, DownAndUpOfAnInterfaceLeaveTheOthersAlone) {
+  for (std::string const name : {"eth0", "eth1", "eth2"}) {
+    interface(name, {"10.0.0.1/24", "fe80::1/64"});
+    hello("10.0.0.2", {}, name);
+    hello("fe80::2", {}, name);
+    joinPrune("fe80::2", "fe80::1", {{EntryKind::sourceJoin, "2001:db8::9", "ff0e::9"}}, 210, name);
+    ok("join (2001:db8::1,ff0e::" + name.substr(3) + ") via fe80::2%" + name);
+  }
+  pass(10);
+  take();
+  takeSent();
+  ok("interface eth1 down");
+  EXPECT_THAT(takeSent(), ElementsAre("eth1 10.0.0.1: goodbye", "eth1 fe80::1: goodbye"));
+  for (auto const& event : take()) EXPECT_THAT(event, HasSubstr(R"j("interface":"eth1")j"));
+  auto const states = [this](char const* subject) {
+    std::string all;
+    for (auto const& row : show(subject)) all += row["state"].get<std::string>() + " ";
+    return all;
+  };
+  EXPECT_EQ(states("upstream"), "joined waiting joined ");
+  EXPECT_EQ(states("interfaces"), "up down up ");
+  EXPECT_EQ(states("downstream"), "joined joined ");
+  EXPECT_EQ(states("neighbors"), "up up up up ");
+  ok("interface eth0 down");
+  ok("interface eth1 up");
+  EXPECT_EQ(states("interfaces"), "down up up ");
+  pass(1);
+  hello("fe80::2", {}, "eth1");
+  pass(1);
+  EXPECT_EQ(states("upstream"), "waiting joined joined ");
 }
 
 // --- The others

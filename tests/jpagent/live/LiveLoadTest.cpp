@@ -91,8 +91,10 @@ struct Refusals {
 
 void loseNothingToJunk(double seconds, std::vector<int> const& rates, std::size_t routes) {
   Cable const lab;
-  QuickAgent one(lab, "one", "va", {}, " interval 1 hold 60 hello-hold 60");
-  QuickAgent two(lab, "two", "vb", {}, " interval 1 hold 60 hello-hold 60");
+  // A capture of it all would be large.
+  Agent one(lab, "one", {"va"}), two(lab, "two", {"vb"});
+  one.say("interface va" + quick + " interval 1 hold 60 hello-hold 60");
+  two.say("interface vb" + quick + " interval 1 hold 60 hello-hold 60");
   one.await(neighborUp("10.0.0.2"));
   two.await(neighborUp("10.0.0.1"));
   // Everything that grows with the routes is there before memory is looked at.

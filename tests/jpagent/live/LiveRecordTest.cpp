@@ -117,7 +117,8 @@ TEST(LiveRecordTest, ARecordingOfRandomTrafficPerformsToTheSameLines) {
   unsigned const seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   Chance chance(seed);
-  Cable const lab;
+  Cable lab;
+  lab.agentsAre("10\\.0\\.0\\.[18]");
   QuickAgent one(lab, "one", "va", {"--record", lab.path("record")});
   QuickAgent two(lab, "two", "vb");
   lab.in("two", "ip address add 10.0.0.3/24 dev vb");

@@ -14,20 +14,12 @@
 #include <vector>
 
 #include "jpagent/live/LiveSpeaker.h"
-#include "pim/wire/Hello.h"
+#include "tests/jpagent/live/Messages.h"
 
 namespace Routing::Pim::Jpagent::Live::Test {
 
 /// Keeps a line for the check.
 void schemaLineIs(std::string const& line);
-
-struct Hellos {
-  std::optional<U16> hold{};
-  std::optional<U32> generation{};
-  std::optional<U32> priority{};
-  std::vector<std::string> addresses{};
-  std::optional<Wire::LanPruneDelay> delay{};
-};
 
 class LiveScene : public testing::Test, public LiveOutside {
  protected:
@@ -81,29 +73,11 @@ class LiveScene : public testing::Test, public LiveOutside {
         {.intf = intf, .source = source, .destination = Wire::allPimRouters(source.af()), .ttl = ttl}, bytes);
   }
   void hello(std::string_view from, Hellos const& said = {}, std::string_view intf = "eth0") {
-    Wire::Hello hello;
-    if (said.hold) hello.holdTimeIs(*said.hold);
-    if (said.generation) hello.generationIdIs(*said.generation);
-    if (said.priority) hello.drPriorityIs(*said.priority);
-    if (said.delay) hello.lanPruneDelayIs(*said.delay);
-    for (auto const& address : said.addresses) hello.addressAdd(IpGenAddr(address));
-    IpGenAddr const source(from);
-    receive(intf, from, Wire::encodeHello(hello, source, Wire::allPimRouters(source.af())));
+    receive(intf, from, helloOf(IpGenAddr(from), said));
   }
-  struct Entry {
-    EntryKind kind;
-    char const *source, *group;
-  };
   void joinPrune(std::string_view from, std::string_view to, std::vector<Entry> const& entries,
                  U16 hold = 210, std::string_view intf = "eth0") {
-    Wire::JoinPrune message(IpGenAddr(to), hold);
-    for (auto const& entry : entries) {
-      IpGenAddr const group(entry.group);
-      if (message.groups().empty() || message.groups().back().group() != group) message.groupAdd(group);
-      message.entryAdd(entry.kind, IpGenAddr(entry.source));
-    }
-    IpGenAddr const source(from);
-    receive(intf, from, Wire::encodeJoinPrune(message, source, Wire::allPimRouters(source.af())));
+    receive(intf, from, joinPruneOf(IpGenAddr(from), IpGenAddr(to), entries, hold));
   }
 
   // --- Commands

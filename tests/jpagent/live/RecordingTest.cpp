@@ -276,7 +276,7 @@ TEST(RecordingTest, ALineThatIsNoneOfARecordingIsRefusedWithItsNumber) {
       {"sent done 11\n", ":3: expected an input: nothing was sent before this line"},
       {"at 10 given eth0\nat 10 kernel eth0 mtu 1500 running 10.0.0.1/24\nat 20 expire\nat 20 command help\n",
        ":6: expected what became of a packet, \"sent ...\""},
-      {"at 10 refuse nobody 00 00\n", ":3: expected who has asked, not \"nobody\""},
+      {"at 10 refuse printer 00 00\n", ":3: expected who has asked, not \"printer\""},
   };
   TemporaryFolder const folder;
   auto const file = folder.file("recorded");

@@ -13,8 +13,10 @@
 #include <sys/socket.h>
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <random>
+#include <stdexcept>
 
 #include "tests/jpagent/live/Lab.h"
 
@@ -52,6 +54,45 @@ class Worker {
  private:
   pid_t process_ = -1;
 };
+
+/// Descriptors that a process in a namespace makes, each by its number. One that is -1 throws
+/// std::runtime_error.
+inline std::vector<int> descriptorsOf(Lab const& lab, std::string const& space, std::size_t count,
+                                      std::function<int(std::size_t number)> const& make) {
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throw std::runtime_error("no sockets");
+  // One descriptor a message, with a byte that carries it.
+  char byte = 0;
+  iovec part{&byte, 1};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr header{};
+  header.msg_iov = &part;
+  header.msg_iovlen = 1;
+  header.msg_control = control;
+  header.msg_controllen = sizeof control;
+  Worker worker(lab, space, [&] {
+    for (std::size_t i = 0; i < count; ++i) {
+      int const made = make(i);
+      if (made < 0) _exit(2);
+      cmsghdr& item = *CMSG_FIRSTHDR(&header);
+      item.cmsg_level = SOL_SOCKET;
+      item.cmsg_type = SCM_RIGHTS;
+      item.cmsg_len = CMSG_LEN(sizeof made);
+      std::memcpy(CMSG_DATA(&item), &made, sizeof made);
+      if (sendmsg(ends[1], &header, 0) != 1) _exit(3);
+      close(made);
+    }
+  });
+  close(ends[1]);
+  std::vector<int> descriptors;
+  while (descriptors.size() < count && recvmsg(ends[0], &header, MSG_CMSG_CLOEXEC) == 1) {
+    std::memcpy(&descriptors.emplace_back(), CMSG_DATA(CMSG_FIRSTHDR(&header)), sizeof(int));
+    header.msg_controllen = sizeof control;
+  }
+  close(ends[0]);
+  if (worker.wait() != 0 || descriptors.size() < count) throw std::runtime_error("no descriptors there");
+  return descriptors;
+}
 
 using Bytes = std::vector<std::uint8_t>;
 
