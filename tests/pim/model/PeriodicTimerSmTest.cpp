@@ -54,7 +54,7 @@ class Refresher final : public PeriodicTimerSm {
     if (afterwards) afterwards();
   }
 
-  void sentMore(U64 routes) { routesDoneInc(routes); }
+  void sentMore(U64 more) { routesDoneInc(more); }
 
   U32 seconds = 60;
   U32 routes = 0;
