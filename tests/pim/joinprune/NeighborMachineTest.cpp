@@ -312,9 +312,9 @@ TEST_F(NeighborMachineTest, WhatItsTimersMissedIsSentInTheOrderTriggeredOverride
 TEST_F(NeighborMachineTest, TheReactorOfAGroupSaysInWhichDataItIs) {
   for (auto const& data : {triggered(N), override_(N), periodic(N)}) group(data, G);
   auto const form = [this](auto const& reactor) {
-    std::string const machine = text(own.get()), whole = text(reactor.get());
-    EXPECT_TRUE(whole.starts_with(machine)) << whole;
-    return whole.substr(machine.size());
+    std::string const owner = text(own.get()), whole = text(reactor.get());
+    EXPECT_TRUE(whole.starts_with(owner)) << whole;
+    return whole.substr(owner.size());
   };
   EXPECT_EQ(form(own->triggeredGroupData(addr(G))), "Triggered(239.1.1.1)::");
   EXPECT_EQ(form(own->overrideGroupData(addr(G))), "Override(239.1.1.1)::");
