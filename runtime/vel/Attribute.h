@@ -231,6 +231,7 @@
   /** Removes an element of `foo`, tells the reactors, returns it; null if it is absent. */ \
   ::Vel::Ptr<Element> foo##Del(Key const& key) {                                            \
     ::Vel::Ptr<Element> removed = foo##_.remove(key);                                       \
+    ::Vel::Leaving const leaving(this, foo##_, removed.get());                              \
     if (removed) foo##Notify(removed->velKey());                                            \
     return removed;                                                                         \
   }                                                                                         \
@@ -266,6 +267,7 @@
       displaced = foo##_.replace(element);                                                              \
     else                                                                                                \
       foo##_.insert(element);                                                                           \
+    ::Vel::Leaving const leaving(this, foo##_, displaced.get());                                        \
     foo##Notify(element->velKey());                                                                     \
   }                                                                                                     \
   /** The same with the key; another than the element's throws; null removes what is there. */          \

@@ -130,6 +130,9 @@ class EntityMap {
   U32 size() const { return table_.size(); }
   Table const& table() const { return table_; }
 
+  /// What has just left, while the owner's reactors are told, or null; see Leaving.
+  Element* leaving() const { return leaving_; }
+
   /// Counted copies of all elements, for operations on "what is here now".
   std::vector<Ptr<Element>> elements() const {
     std::vector<Ptr<Element>> all;
@@ -140,7 +143,40 @@ class EntityMap {
   }
 
  private:
+  template <class K, class E>
+  friend class Leaving;
+
   Table table_;
+  Element* leaving_ = nullptr;
+};
+
+/// What a mutator has on its stack while it tells of an element that has been removed or replaced: it is
+/// followed meanwhile, so that who made that so can find it and act in its turn, and not followed afterwards.
+/// For null, and for elements that cannot be followed: nothing.
+template <class Key, class Element>
+class Leaving {
+  static constexpr bool matters = std::is_base_of_v<FollowedEntity, Element>;
+
+ public:
+  Leaving(Entity const* owner, EntityMap<Key, Element>& map, Element* element)
+      : owner_(matters && element ? owner : nullptr), map_(map), element_(element) {
+    if (matters && element_) before_ = std::exchange(map_.leaving_, element_);
+  }
+  Leaving(Leaving const&) = delete;
+  Leaving& operator=(Leaving const&) = delete;
+  ~Leaving() {
+    if constexpr (matters) {
+      if (!element_) return;
+      element_->velFollowerIs(nullptr);
+      map_.leaving_ = before_;
+    }
+  }
+
+ private:
+  MemoryHold const owner_;
+  EntityMap<Key, Element>& map_;
+  Element* const element_;
+  Element* before_ = nullptr;
 };
 
 /// Where a key belongs that `mutator` is about to insert for `owner`. A key that is there already throws

@@ -59,9 +59,11 @@ struct SnapshotPart {
   SnapshotPart* following = nullptr;
 };
 
-// Each call has a part on its stack and makes the next call if there is more; the last one walks them all.
-template <class Take, class Act>
-void walkOnStack(Take const& take, Act const& act, SnapshotPart* first, SnapshotPart* last) {
+// Each call has a part on its stack and makes the next call if there is more; the last one begins, and walks
+// them all.
+template <class Take, class Begin, class Act>
+void walkOnStack(Take const& take, Begin const& begin, Act const& act, SnapshotPart* first,
+                 SnapshotPart* last) {
   SnapshotPart part;
   SnapshotPart*& before = last ? last->following : first;
   before = &part;
@@ -70,27 +72,31 @@ void walkOnStack(Take const& take, Act const& act, SnapshotPart* first, Snapshot
     if (!reactor) break;
     part.reactors[part.count++] = reactor;
   }
-  if (part.count == SnapshotPart::capacity)
-    walkOnStack(take, act, first, &part);
-  else
+  if (part.count == SnapshotPart::capacity) {
+    walkOnStack(take, begin, act, first, &part);
+  } else {
+    begin();
     for (SnapshotPart const* p = first; p; p = p->following)
       for (U32 i = 0; i < p->count; ++i) act(*p->reactors[i]);
+  }
   before = nullptr;
 }
 
 }  // namespace
 
 // Whatever has changed must be told: where there is no memory for the snapshot, it is taken on the stack.
-void Entity::velForEachOfSnapshot(Act act, void const* context) {
+void Entity::velForEachOfSnapshot(Act act, void const* context, Reactor* follower) {
   MemoryHold const memory(this);
   try {
-    for (SnapshotIterator i(*this); i; ++i) act(*this, *i, context);
+    SnapshotIterator i(*this);
+    if (follower) act(*this, *follower, context);
+    for (; i; ++i) act(*this, *i, context);
   } catch (std::bad_alloc const&) {
-    velForEachWithoutHeap(act, context);
+    velForEachWithoutHeap(act, context, follower);
   }
 }
 
-void Entity::velForEachWithoutHeap(Act act, void const* context) {
+void Entity::velForEachWithoutHeap(Act act, void const* context, Reactor* follower) {
   Reactor* next = notifiees_;
   auto const take = [this, &next]() -> Reactor* {
     while (next) {
@@ -102,11 +108,14 @@ void Entity::velForEachWithoutHeap(Act act, void const* context) {
     }
     return nullptr;
   };
+  auto const begin = [&] {
+    if (follower) act(*this, *follower, context);
+  };
   auto const call = [&](Reactor& reactor) {
     act(*this, reactor, context);
     reactor.deleteRef();
   };
-  walkOnStack(take, call, nullptr, nullptr);
+  walkOnStack(take, begin, call, nullptr, nullptr);
 }
 
 // doDetach() has normally been called; a constructor that threw has not come so far.
@@ -121,6 +130,13 @@ void Entity::doDetach() noexcept {
 
 void Entity::zeroReferencesIs(bool zero) {
   if (zero) velDeliver<Reactor, zeroReferencesId>([](Reactor& reactor) { reactor.onZeroReferences(); });
+}
+
+bool FollowedEntity::velFollowerIs(Ptr<Reactor> const& follower) {
+  if (follower && velFollower_ && !velFollower_->isZombie()) return velFollower_ == follower;
+  if (follower) follower->flagsAndHolds_ |= Reactor::follows;
+  velFollower_ = follower;
+  return true;
 }
 
 AttributeTable const& Entity::attributeTable() const {

@@ -114,19 +114,17 @@ class VEL_API Entity : public Counted {
   /// keeps this entity alive meanwhile. `id` is what a throwing reactor is told. `call` is copied.
   template <class R, AttributeId id, class Call>
   VEL_INLINE void velDeliver(Call const& call) {
-    if (notifiees_)
-      velForEachReactor<R>([call]<bool sure>(Entity const&, Reactor& reactor)
-                               VEL_INLINE { velCall<R, id, sure>(reactor, call); });
+    velTell<R>([call]<bool sure>(Entity const&, Reactor& reactor)
+                   VEL_INLINE { velCall<R, id, sure>(reactor, call); });
   }
 
   /// The same for a key of a collection: two callbacks on each reactor, each under its own guard.
   template <class R, AttributeId id, class KeyCall, class Call>
   VEL_INLINE void velDeliverKey(KeyCall const& keyCall, Call const& call) {
-    if (notifiees_)
-      velForEachReactor<R>([keyCall, call]<bool sure>(Entity const& self, Reactor& reactor) VEL_INLINE {
-        velCall<R, id, sure>(reactor, keyCall);
-        if (reactor.velAccepts(&self)) velCall<R, id, sure>(reactor, call);
-      });
+    velTell<R>([keyCall, call]<bool sure>(Entity const& self, Reactor& reactor) VEL_INLINE {
+      velCall<R, id, sure>(reactor, keyCall);
+      if (reactor.velAccepts(&self)) velCall<R, id, sure>(reactor, call);
+    });
   }
 
   /// Sets a value or pointer attribute: equal is nothing, different is stored, then delivered. True if
@@ -146,13 +144,35 @@ class VEL_API Entity : public Counted {
 
   using Act = void (*)(Entity const& self, Reactor& reactor, void const* context);
 
+  template <class F>
+  static void velAct(Entity const& self, Reactor& reactor, void const* act) {
+    if (reactor.velAccepts(&self)) static_cast<F const*>(act)->template operator()<false>(self, reactor);
+  }
+
   // `act` does not throw. It is told whether the reactor is an R for sure, which nearly all are. It is copied
   // to where it is passed on by its address: in the loop it needs no memory.
   template <class R, class F>
+  VEL_INLINE void velTell(F const& act) {
+    if (Reactor* const follower = R::velFollowerOf(*this)) return velTellFollowed(*follower, act);
+    if (notifiees_) velForEachReactor<R>(act);
+  }
+
+  // The follower comes first, and belongs to this entity meanwhile. Whatever it registers here belongs to a
+  // later pass.
+  template <class F>
+  void velTellFollowed(Reactor& follower, F act) {
+    MemoryHold const memory(this), followerMemory(&follower);
+    Entity* const other = std::exchange(follower.notifier_, this);
+    if (notifiees_) [[unlikely]]
+      velForEachOfSnapshot(&velAct<F>, &act, &follower);
+    else
+      velAct<F>(*this, follower, &act);
+    follower.notifier_ = other;
+  }
+
+  template <class R, class F>
   void velForEachReactor(F act) {
-    Act const any = [](Entity const& self, Reactor& reactor, void const* f) {
-      if (reactor.velAccepts(&self)) static_cast<F const*>(f)->template operator()<false>(self, reactor);
-    };
+    Act const any = &velAct<F>;
     if (reactors_ > Delivery::capacity || delivery_ || threadSafe()) [[unlikely]] {
       F const copy = act;
       return velForEachOfSnapshot(any, &copy);
@@ -179,8 +199,8 @@ class VEL_API Entity : public Counted {
     delivery_ = nullptr;
   }
   void velActIfListening(Act act, Reactor& reactor, void const* context);
-  void velForEachOfSnapshot(Act act, void const* context);
-  void velForEachWithoutHeap(Act act, void const* context);
+  void velForEachOfSnapshot(Act act, void const* context, Reactor* follower = nullptr);
+  void velForEachWithoutHeap(Act act, void const* context, Reactor* follower);
   void velFinish(Act act, void const* context);
 
   // Called before the list changes or a reactor in it ends.
@@ -202,6 +222,25 @@ class VEL_API Entity : public Counted {
   Reactor* notifiees_ = nullptr;  // the first of a ring in the order of registration
   Delivery* delivery_ = nullptr;  // the one that walks the ring
   U32 reactors_ = 0;              // in the ring
+};
+
+/// Base of entities of which there are so many that a reactor of its own for each costs too much. Such an
+/// entity can have a follower: one reactor that is told of the changes of all that it follows, as if it were
+/// the first in the list of each. In its callbacks, and only there, its notifier is the entity that changed.
+///
+/// Following needs no memory and counts nothing: an entity keeps its follower, the follower keeps none. An
+/// element of a collection is followed until it leaves that; see Leaving in Collection.h.
+class VEL_API FollowedEntity : public Entity {
+ public:
+  /// The follower, or null.
+  Reactor* velFollower() const { return velFollower_.get(); }
+  /// Sets or, by null, removes the follower. False, and nothing has changed, if there is another one; one
+  /// that is retired gives way. REQUIRES: a reactor on this entity's type that is pointed at none by hand.
+  bool velFollowerIs(Vel::Ptr<Vel::Reactor> const& follower);
+  bool velFollowerIs(Vel::Ptr<Vel::Reactor> const&) const { throwConstInstance(); }
+
+ private:
+  Ptr<Reactor> velFollower_;
 };
 
 }  // namespace Vel

@@ -77,6 +77,8 @@ void Reactor::link() {
   previous_->next_ = next_->previous_ = this;
 }
 
+void Reactor::velBecomeFirst() { notifier_->notifiees_ = this; }
+
 void Reactor::unlink() {
   if (!next_) return;
   notifier_->velDisturb();
@@ -144,7 +146,7 @@ void Reactor::onZeroReferences() {}
 
 void Reactor::velDoZombieReactors(bool zombie) {
   if (zombie == isZombie()) return;
-  if (notifier_) hasNotificationActiveIs(!zombie);
+  if (notifier_ || (flagsAndHolds_ & follows) != 0) hasNotificationActiveIs(!zombie);
   zombieIs(zombie);
   flagsAndHolds_ = zombie ? flagsAndHolds_ | retired : flagsAndHolds_ & ~retired;
 }

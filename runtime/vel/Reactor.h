@@ -30,6 +30,7 @@
 namespace Vel {
 
 class Entity;
+class FollowedEntity;
 
 /// What all reactors have in common. Names with `on` are for overriding, names with `handle` are the
 /// framework's side of them.
@@ -104,6 +105,10 @@ class VEL_API Reactor : public Counted {
   /// Points the reactor at another entity or at none, and registers it there. The same one again is nothing.
   void velNotifierIs(Entity* notifier);
 
+  /// Moves this reactor to the front of its notifier's list; a pass that has begun calls it no more than
+  /// before. REQUIRES: it is registered, and was registered last.
+  void velBecomeFirst();
+
   /// A flag for the derived class, false at first: a member of its own would make each reactor a word larger.
   bool velSpareFlag() const { return (flagsAndHolds_ & spare) != 0; }
   /// Sets the flag.
@@ -111,6 +116,7 @@ class VEL_API Reactor : public Counted {
 
  private:
   friend class Entity;
+  friend class FollowedEntity;
   friend class SnapshotIterator;
   friend class Delivery;
   template <class T>
@@ -122,6 +128,7 @@ class VEL_API Reactor : public Counted {
   static constexpr U32 retired = 8;       // a zombie: here as well, so that a delivery asks once
   static constexpr U32 onOpenType = 16;   // other types of reactors may be in the list; never changes
   static constexpr U32 spare = 32;        // see velSpareFlag()
+  static constexpr U32 follows = 64;      // is or was an entity's follower
 
   // What is told to all reactors alike: see ReactorOn.
   template <class R>
@@ -129,6 +136,7 @@ class VEL_API Reactor : public Counted {
     return &reactor;
   }
   static bool velListensForSure(Reactor const& reactor) { return reactor.velListens(); }
+  static Reactor* velFollowerOf(Entity const&) { return nullptr; }
 
   using Counted::zombieIs;  // by velDoZombieReactors() alone, which keeps `retired` in step
 
@@ -175,6 +183,14 @@ class ReactorOn : public Reactor {
   // Whether it is to be called, and is known to be on T without a look at its type.
   static bool velListensForSure(Reactor const& reactor) {
     return !velIsOpen() && (reactor.flagsAndHolds_ & (inactive | unregistered | retired | onOpenType)) == 0;
+  }
+
+  // What follows a T; null for none, and where a T has no followers.
+  static Reactor* velFollowerOf(Entity const& entity) {
+    if constexpr (std::is_base_of_v<FollowedEntity, T>)
+      return static_cast<T const&>(entity).velFollower();
+    else
+      return nullptr;
   }
 
   // The reactor as an R; null if it is on another type and does not know R's attributes.

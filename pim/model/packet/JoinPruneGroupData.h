@@ -30,7 +30,7 @@ class VEL_API WcSourceData final : public Vel::Entity {
 
 /// One group set of a Join/Prune message (RFC 7761, 4.9.5.1), or what is pending for a group: the sources of
 /// each kind of entry, and at most one wildcard entry.
-class VEL_API JoinPruneGroupData final : public Vel::Entity {
+class VEL_API JoinPruneGroupData final : public Vel::FollowedEntity {
  public:
   enum Attribute : Vel::AttributeId {
     groupId = Vel::firstAttributeId,

@@ -57,6 +57,7 @@ class Examples : protected World {
 
   // One of each type.
   Vel::Entity const& example(Type<Vel::Entity>) { return *pim; }
+  Vel::FollowedEntity const& example(Type<Vel::FollowedEntity>) { return *groupData; }
   Vel::Machine const& example(Type<Vel::Machine>) { return *machine; }
   Zanth::TimerWheel const& example(Type<Zanth::TimerWheel>) { return *wheel; }
   Zanth::TimerExpiry const& example(Type<Zanth::TimerExpiry>) { return *wheel->expiry(); }
