@@ -86,7 +86,7 @@ void JoinPruneMessageSm::doTeardown() {
     unhook(*catchUpTimer_);
   }
   // By iterators, which need no memory: what is short must not keep anything live.
-  for (auto i = joinPruneNeighborSmIterator(); i; ++i) JoinPruneNeighborLink::retire(*i);
+  for (auto i = joinPruneNeighborSmIterator(); i; ++i) JoinPruneNeighborLink::retire(*i, 2);
   for (auto i = pimIntfIterator(); i; ++i) removePimIntf(i.key());
   for (auto i = joinPruneNeighborSmIterator(); i; ++i) removeJoinPruneNeighborSm(i.key());
   if (pimPamManager_) unhook(*pimPamManager_);

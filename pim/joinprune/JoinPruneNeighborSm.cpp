@@ -46,7 +46,9 @@ Vel::Ptr<JoinPruneNeighborSm> JoinPruneNeighborLink::construct(JoinPruneNeighbor
 
 void JoinPruneNeighborLink::start(JoinPruneNeighborSm& sm) { sm.velStart(); }
 
-void JoinPruneNeighborLink::retire(JoinPruneNeighborSm& sm) { sm.velRetire(); }
+void JoinPruneNeighborLink::retire(JoinPruneNeighborSm& sm, U32 references) {
+  sm.velRetire(sm.references() > references);
+}
 
 Vel::Ptr<JoinPruneNeighborSm> joinPruneNeighborSmFactory(
     JoinPruneMessageSm* parentSm, Dova::IpGenAddr const& neighborAddr, Vel::Ptr<Neighbor const> neighbor,
@@ -91,18 +93,18 @@ void JoinPruneNeighborSm::handleInitialized() {
   if (!retired()) initializedIs(true);
 }
 
-void JoinPruneNeighborSm::velRetire() {
+void JoinPruneNeighborSm::velRetire(bool held) {
   retire();
   if (timerWheel_) unhook(*timerWheel_);
   if (pimPamManager_) unhook(*pimPamManager_);
-  forEachSender([](JoinPruneSender& sender) { sender.retire(); });
+  forEachSender([held](JoinPruneSender& sender) { sender.retire(held); });
   if (periodic_.timerSm()) periodic_.timerSm()->handleRetired();
   parentSm_ = nullptr;
 }
 
 JoinPruneNeighborSm::~JoinPruneNeighborSm() = default;
 
-void JoinPruneNeighborSm::doTeardown() { velRetire(); }
+void JoinPruneNeighborSm::doTeardown() { velRetire(false); }
 
 void JoinPruneNeighborSm::velVisitReactors(ReactorVisitor const& visit) {
   if (auto const reactor = timerWheel_) visit(*reactor);
@@ -242,11 +244,8 @@ void JoinPruneNeighborSm::handlePeriodicGroup(Dova::IpGenAddr const& group) {
     return;
   }
   JOIN_PRUNE_TRACE(Level::activity, this, '(' << group << "): Deleted");
-  auto const drained = [&] { return !retired() && (!groups || groups->joinPruneGroupDataCount() == 0); };
-  if (!drained()) return;
-  catchUp();
-  if (!drained()) return;
-  if (periodic_.isCounted() && !behind_ && !catchingUp_ && numPeriodicRoutes() != 0) {
+  if (retired() || (groups && groups->joinPruneGroupDataCount() != 0)) return;
+  if (periodic_.isCounted() && numPeriodicRoutes() != 0) {
     // A group was removed before its sources: what this machine counts is no longer what there is.
     JOIN_PRUNE_TRACE(Level::error, this, '(' << group << "), Num routes: " << numPeriodicRoutes());
     VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
@@ -283,7 +282,7 @@ void JoinPruneNeighborSm::validateNumPeriodicRoutes() {
   JOIN_PRUNE_BLOCK_TIMER();
   Vel::MemoryHold const memory(this);
   JOIN_PRUNE_TRACE(Level::entry, this, '(' << numPeriodicRoutes() << ')');
-  if (!initialized_ || retired() || behind_ || catchingUp_) return;
+  if (!initialized_ || retired()) return;
   if (parentSm_ && !JoinPruneNeighborLink::checksRouteCounts(*parentSm_)) return;
   U32 sum = 0;
   if (Vel::Ptr<Packet::JoinPruneData> const groups = periodic_.data())
@@ -291,39 +290,6 @@ void JoinPruneNeighborSm::validateNumPeriodicRoutes() {
   if (sum == numPeriodicRoutes()) return;
   JOIN_PRUNE_TRACE(Level::error, this, ", expected: " << sum << ", got: " << numPeriodicRoutes());
   VEL_ASSERT(JOIN_PRUNE_SOURCE, false);
-}
-
-// --- Want of memory ------------------------------------------------------------------------------
-
-// A group has no reactor: its sources are neither counted nor do they arm a timer, until this machine has
-// caught up.
-void JoinPruneNeighborSm::fallBehind() {
-  behind_ = true;
-  if (triggered_.timer() && !triggered_.timer()->armed()) triggered_.armIn(triggeredInterval_);
-}
-
-// Follows what could not be followed, counts anew and arms what is pending. Asked at each expiry, and when
-// the periodic data has run empty.
-void JoinPruneNeighborSm::catchUp() {
-  if (!behind_ || catchingUp_) return;
-  Vel::MemoryHold const memory(this);
-  behind_ = false;  // before what may fall behind again
-  catchingUp_ = true;
-  try {
-    forEachSender([](JoinPruneSender& sender) { sender.retireUnfollowedGroups(); });
-    forEachSender([](JoinPruneSender& sender) { sender.reconcile(); });
-  } catch (...) {
-    catchingUp_ = false;
-    fallBehind();
-    throw;
-  }
-  catchingUp_ = false;
-  periodic_.count();
-  override_.updateTimer();
-  // The owner may have been told of nothing since the data ran empty.
-  Vel::Ptr<Packet::JoinPruneData> const periodic = periodic_.data();
-  if (parentSm_ && (!periodic || periodic->joinPruneGroupDataCount() == 0))
-    JoinPruneNeighborLink::maybeDeleteNeighbor(*parentSm_, neighborAddr_);
 }
 
 // --- Text ----------------------------------------------------------------------------------------

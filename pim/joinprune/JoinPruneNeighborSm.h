@@ -244,57 +244,59 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   /// next.
   VEL_SECONDS(triggeredInterval, TriggeredInterval, 0.1);
 
-  // The reactors of the groups, by group address.
-#define JOIN_PRUNE_GROUP_DATA(foo, Foo, sender)                                                              \
-  VEL_COLLECTION_NOTIFY(Dova::IpGenAddr, foo, Foo)                                                           \
-  /** Walks `foo`, and stays valid whatever changes meanwhile. */                                            \
-  using Foo##Iterator = JoinPruneGroupReactorIterator<Vel##Foo>;                                             \
-  /** The same, for reading. */                                                                              \
-  using Foo##IteratorConst = JoinPruneGroupReactorIterator<Vel##Foo const>;                                  \
-  /** The reactor of a group, or null. */                                                                    \
-  Vel::Ptr<Vel##Foo> foo(Dova::IpGenAddr const& group) { return as<Vel##Foo>(sender.groups().find(group)); } \
-  /** The same, for reading. */                                                                              \
-  Vel::Ptr<Vel##Foo const> foo(Dova::IpGenAddr const& group) const {                                         \
-    return as<Vel##Foo const>(sender.groups().find(group));                                                  \
-  }                                                                                                          \
-  /** How many reactors `foo` has; O(1). */                                                                  \
-  U32 foo##Count() const { return sender.groups().size(); }                                                  \
-  /** At the first reactor of `foo`. */                                                                      \
-  Foo##Iterator foo##Iterator() { return {this, sender.groups()}; }                                          \
-  /** The same, for reading. */                                                                              \
-  Foo##IteratorConst foo##Iterator() const { return {this, sender.groups()}; }                               \
-  /** At the first reactor of `foo`, for reading. */                                                         \
-  Foo##IteratorConst foo##IteratorConst() const { return {this, sender.groups()}; }                          \
-  /** At the first reactor behind a group, which need not be there. */                                       \
-  Foo##Iterator foo##IteratorAfter(Dova::IpGenAddr const& group) { return {this, sender.groups(), group}; }  \
-  /** The same, for reading. */                                                                              \
-  Foo##IteratorConst foo##IteratorAfter(Dova::IpGenAddr const& group) const {                                \
-    return {this, sender.groups(), group};                                                                   \
-  }                                                                                                          \
-  /** The group's reactor, made or pointed at it; null throws InvalidArgumentException. */                   \
-  Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData) {                        \
-    return as<Vel##Foo>(sender.groupDataIs(groupData));                                                      \
-  }                                                                                                          \
-  Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {                            \
-    Vel::throwConstInstance();                                                                               \
-  }                                                                                                          \
-  /** Makes it, silently; one that is there throws RangeException. */                                        \
-  Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData) {                       \
-    return as<Vel##Foo>(sender.newGroupData(groupData));                                                     \
-  }                                                                                                          \
-  Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {                           \
-    Vel::throwConstInstance();                                                                               \
-  }                                                                                                          \
-  /** Unhooks, removes and returns a group's reactor, or null; the route count stays. */                     \
-  Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const& group) {                                                \
-    return as<Vel##Foo>(sender.groupDataDel(group));                                                         \
-  }                                                                                                          \
-  Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const&) const { Vel::throwConstInstance(); }                   \
-  /** The same for the reactor at an iterator's position. */                                                 \
-  Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }                          \
-  Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const&) const { Vel::throwConstInstance(); }                     \
-  /** The same for all that are there now. */                                                                \
-  void foo##DelAll() { sender.groupDataDelAll(); }                                                           \
+  // The reactors of the groups, by group address. Each is there from the moment that the machine takes notice
+  // of the group, but made when it is asked for first, which throws std::bad_alloc where there is no memory,
+  // and then changes nothing.
+#define JOIN_PRUNE_GROUP_DATA(foo, Foo, sender)                                                             \
+  VEL_COLLECTION_NOTIFY(Dova::IpGenAddr, foo, Foo)                                                          \
+  /** Walks `foo`, and stays valid whatever changes meanwhile. */                                           \
+  using Foo##Iterator = JoinPruneGroupReactorIterator<Vel##Foo>;                                            \
+  /** The same, for reading. */                                                                             \
+  using Foo##IteratorConst = JoinPruneGroupReactorIterator<Vel##Foo const>;                                 \
+  /** The reactor of a group, or null. */                                                                   \
+  Vel::Ptr<Vel##Foo> foo(Dova::IpGenAddr const& group) { return as<Vel##Foo>(sender.find(group)); }         \
+  /** The same, for reading. */                                                                             \
+  Vel::Ptr<Vel##Foo const> foo(Dova::IpGenAddr const& group) const {                                        \
+    return as<Vel##Foo const>(sender.find(group));                                                          \
+  }                                                                                                         \
+  /** How many reactors `foo` has; O(1). */                                                                 \
+  U32 foo##Count() const { return sender.groupCount(); }                                                    \
+  /** At the first reactor of `foo`. */                                                                     \
+  Foo##Iterator foo##Iterator() { return {this, sender.groups()}; }                                         \
+  /** The same, for reading. */                                                                             \
+  Foo##IteratorConst foo##Iterator() const { return {this, sender.groups()}; }                              \
+  /** At the first reactor of `foo`, for reading. */                                                        \
+  Foo##IteratorConst foo##IteratorConst() const { return {this, sender.groups()}; }                         \
+  /** At the first reactor behind a group, which need not be there. */                                      \
+  Foo##Iterator foo##IteratorAfter(Dova::IpGenAddr const& group) { return {this, sender.groups(), group}; } \
+  /** The same, for reading. */                                                                             \
+  Foo##IteratorConst foo##IteratorAfter(Dova::IpGenAddr const& group) const {                               \
+    return {this, sender.groups(), group};                                                                  \
+  }                                                                                                         \
+  /** The group's reactor, made or pointed at it; null throws InvalidArgumentException. */                  \
+  Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData) {                       \
+    return as<Vel##Foo>(sender.groupDataIs(groupData));                                                     \
+  }                                                                                                         \
+  Vel::Ptr<Vel##Foo> foo##Is(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {                           \
+    Vel::throwConstInstance();                                                                              \
+  }                                                                                                         \
+  /** Makes it, silently; one that is there throws RangeException. */                                       \
+  Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData) {                      \
+    return as<Vel##Foo>(sender.newGroupData(groupData));                                                    \
+  }                                                                                                         \
+  Vel::Ptr<Vel##Foo> new##Foo(Vel::Ptr<Packet::JoinPruneGroupData> const&) const {                          \
+    Vel::throwConstInstance();                                                                              \
+  }                                                                                                         \
+  /** Unhooks, removes and returns a group's reactor, or null; the route count stays. */                    \
+  Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const& group) {                                               \
+    return as<Vel##Foo>(sender.groupDataDel(group));                                                        \
+  }                                                                                                         \
+  Vel::Ptr<Vel##Foo> foo##Del(Dova::IpGenAddr const&) const { Vel::throwConstInstance(); }                  \
+  /** The same for the reactor at an iterator's position. */                                                \
+  Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const& i) { return foo##Del(i.key()); }                         \
+  Vel::Ptr<Vel##Foo> foo##Del(Foo##Iterator const&) const { Vel::throwConstInstance(); }                    \
+  /** The same for all that are there now. */                                                               \
+  void foo##DelAll() { sender.groupDataDelAll(); }                                                          \
   void foo##DelAll() const { Vel::throwConstInstance(); }
   JOIN_PRUNE_GROUP_DATA(triggeredGroupData, TriggeredGroupData, triggered_)
   JOIN_PRUNE_GROUP_DATA(overrideGroupData, OverrideGroupData, override_)
@@ -423,14 +425,15 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
 
   explicit JoinPruneNeighborSm(JoinPruneNeighborInputs const& inputs);
 
-  // The second half of construction, apart because it calls out: a reactor for each group that is there, then
+  // The second half of construction, apart because it calls out: follows each group that is there, then
   // handleInitialized(). The owner has put the machine into its collection before, so that what is called can
   // find it, and take it away.
   void velStart();
 
   // Lets go of everything that could call this machine: timers are disarmed, reactors lose their back
-  // pointer, and the parent is forgotten. What the owner does when it removes the machine.
-  void velRetire();
+  // pointer, and the parent is forgotten. What the owner does when it removes the machine. `held`: somebody
+  // else can still look at it.
+  void velRetire(bool held);
 
   // A sender, of the type that its reactors point back to; null for null.
   template <JoinPruneSenderKind kind>
@@ -467,8 +470,6 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   void forwardGroup(JoinPruneSenderKind kind, Dova::IpGenAddr const& group);
   void tellOfCount();
 
-  void fallBehind();
-  void catchUp();
   void bringTimersUpToDate();
 
   JoinPruneMessageSm* parentSm_;
@@ -482,8 +483,6 @@ class VEL_API JoinPruneNeighborSm final : public Vel::Machine {
   JoinPruneTimedSender triggered_{*this, JoinPruneSenderKind::triggered};
   JoinPruneTimedSender override_{*this, JoinPruneSenderKind::override};
   JoinPrunePeriodicSender periodic_{*this};
-  bool behind_ = false;      // a group could not be followed, for want of memory; see catchUp()
-  bool catchingUp_ = false;  // catchUp() is running: the count is not right yet
 };
 
 /// A delay for t_override: at least a tenth of the interval, below the whole of it, drawn from `drand48()`,

@@ -248,8 +248,6 @@ void JoinPruneTimedSender::handleTimerExpiry() {
   Vel::MemoryHold const memory(&sm);
   JOIN_PRUNE_TRACE_AS(Level::activity, &sm, function.name, "()");
   if (!sm.initialized() || sm.retired()) return;
-  sm.catchUp();
-  if (sm.retired()) return;
 
   Vel::Ptr<Packet::JoinPruneData> const pending = data();
   auto const groups = [&pending] { return pending ? pending->joinPruneGroupDataCount() : 0; };
@@ -288,8 +286,8 @@ void JoinPruneTimedSender::handleTimerExpiry() {
   updateTimer();
 }
 
-void JoinPruneTimedSender::retire() {
-  JoinPruneSender::retire();
+void JoinPruneTimedSender::retire(bool held) {
+  JoinPruneSender::retire(held);
   if (!timer_) return;
   unhook(*timer_);
   timer_->timeMinIs(Vel::never);
@@ -343,15 +341,14 @@ void JoinPrunePeriodicSender::handleWildcard(JoinPruneGroupReactor& reactor) {
   Handling const handling(machine(), reactor, texts(), EntryKind::wildcardJoin);
   if (!handling.groupData) return;
   if (Vel::Ptr<Packet::WcSourceData> const wildcard = handling.groupData->wcSourceData()) {
-    if (reactor.wcSourceSet_) return;
-    reactor.wcSourceSet_ = true;  // before the count calls out
+    if (std::exchange(reactor.wildcardCounted(), true)) return;  // before the count calls out
     tellOfCount(move(1));
     if (machine().retired()) return;
     JOIN_PRUNE_TRACE_AS(Level::activity, handling.subject, handling.function.name,
                         '(' << wildcard->address() << "), added, sources: " << routes_);
     return;
   }
-  reactor.wcSourceSet_ = false;
+  reactor.wildcardCounted() = false;
   U32 const before = move(-1);  // Kept: also if the entry itself was never counted.
   JOIN_PRUNE_TRACE_AS(Level::activity, handling.subject, handling.function.name, "(*,G), Deleted");
   tellOfCount(before);
@@ -391,22 +388,13 @@ void JoinPrunePeriodicSender::count() {
   Vel::Ptr<Packet::JoinPruneData> const periodic = data();
   if (!periodic || machine().retired()) return;
   U32 sum = 0;
-  auto const& all = EngineAccess<Packet::JoinPruneData>::groups(*periodic);
-  auto const& reactors = groups().table();
-  // Both are in one order, so they are walked side by side.
-  auto reactor = reactors.first();
-  for (auto place = all.first(); place.position != all.end(); place = all.next(place)) {
-    GroupData const& group = *all.at(place.position);
-    sum += group.routes();
-    U32 const mark = all.markAt(place.position);
-    auto const isBefore = [&](U32 at) {
-      U32 const other = reactors.markAt(at);
-      return other < mark || (other == mark && reactors.keyAt(at) < group.group());
-    };
-    while (reactor.position != reactors.end() && isBefore(reactor.position)) reactor = reactors.next(reactor);
-    if (reactor.position == reactors.end()) continue;
-    JoinPruneGroupReactor* const candidate = reactors.at(reactor.position);
-    if (candidate->velKey() == group.group()) candidate->wcSourceSet_ = group.wcSourceData() != nullptr;
+  for (Packet::GroupWalk group(*periodic); group; ++group) {
+    sum += group->routes();
+    bool const wildcard = group->wcSourceData() != nullptr;
+    if (follows(*group))
+      EngineAccess<GroupData>::wcSourceSet(*group) = wildcard;
+    else if (JoinPruneGroupReactor* const reactor = own(group->group()))
+      reactor->wcSourceSet_ = wildcard;
   }
   routesIs(sum);
 }
@@ -430,14 +418,14 @@ void JoinPruneTimedSender::handleGroup(Dova::IpGenAddr const& changed) {
 
 void JoinPruneSender::retireGroup(JoinPruneGroupReactor& reactor, char const* handler, bool traced) {
   Vel::Ptr<GroupData> const groupData = reactor.notifier();
-  if (!reactor.velOwner() || !groupData || !groupData->empty()) return;
+  if (!reactor.joinPruneNeighborSm() || !groupData || !groupData->empty()) return;
   if (traced)
     JOIN_PRUNE_TRACE_AS(Level::activity, (GroupForm{reactor, texts().name}), handler,
                         (kind_ == Kind::periodic ? "(): Deleted group " : "(): Finished group ")
                             << groupData->group());
   // The line may have led to another entry in the group, to another group in its place, or to the end of the
   // machine.
-  if (!reactor.velOwner() || !groupData->empty()) return;
+  if (!reactor.joinPruneNeighborSm() || !groupData->empty()) return;
   Vel::Ptr<Packet::JoinPruneData> const all = data();
   if (all && all->joinPruneGroupData(groupData->group()) == groupData)
     all->joinPruneGroupDataDel(groupData->group());

@@ -2,8 +2,8 @@
 // The three ways in which a neighbor machine sends: triggered, override and periodic. Not part of the
 // library's interface; JoinPruneNeighborSm.h is.
 //
-// Each way is a sender: an object in the machine, with the data set that others fill, a reactor on the set, a
-// reactor on each of its groups, and a timer. What happens when a source is added or removed is in
+// Each way is a sender: an object in the machine, with the data set that others fill, a reactor on the set,
+// one that follows all of its groups, and a timer. What happens when a source is added or removed is in
 // JoinPruneSender.cpp, from the callback to the armed timer.
 #pragma once
 
@@ -25,8 +25,7 @@ struct JoinPruneSenderTexts;
 /// The ways to send.
 enum class JoinPruneSenderKind : U8 { triggered, override, periodic };
 
-/// Follows the groups of a sender's data set. Adding a group makes a reactor for it, removing it removes the
-/// reactor.
+/// Watches which groups a sender's data set has. The sources of one that is added are followed from then on.
 class VEL_API JoinPruneDataReactor : public NestedReactor<Packet::JoinPruneData::Notifiee, JoinPruneSender> {
  public:
   using NestedReactor::notifierIs;
@@ -42,7 +41,8 @@ class VEL_API JoinPruneDataReactor : public NestedReactor<Packet::JoinPruneData:
   JoinPruneNeighborSm* joinPruneNeighborSm() const;
 };
 
-/// Follows the sources of one group. Made for a filled group it does nothing until the next change.
+/// Watches the sources of one group, or as a sender's follower those of many. For a group that is filled
+/// already it does nothing until the next change.
 ///
 /// A source that comes arms the sender's timer or is counted; one that is removed was sent or is no longer
 /// wanted. A group that is empty then is removed. Without a machine: nothing.
@@ -54,10 +54,10 @@ class VEL_API JoinPruneGroupReactor
   using NestedReactor::onPrunedRptSource;
   using NestedReactor::onPrunedSource;
 
-  /// Watches a group.
+  /// Watches a group; null for a follower.
   JoinPruneGroupReactor(Vel::Ptr<Packet::JoinPruneGroupData> const& groupData, JoinPruneSender* sender);
 
-  /// The machine, or null once it has let go; not counted.
+  /// The machine, or null once it has let go of this or of the group; not counted.
   JoinPruneNeighborSm* joinPruneNeighborSm() const;
   /// The group under which the machine holds this.
   Dova::IpGenAddr const& velKey() const { return group_; }
@@ -82,6 +82,9 @@ class VEL_API JoinPruneGroupReactor
  private:
   friend class JoinPruneSender;
   friend class JoinPrunePeriodicSender;
+
+  // Of the group that has changed: its (*,G) entry is counted.
+  bool& wildcardCounted();
 
   Dova::IpGenAddr const group_;
 
@@ -133,8 +136,12 @@ class VEL_API JoinPruneTimer : public NestedReactor<Zanth::TimerWheel::Notifiee,
   void onTime() override;
 };
 
-/// What the three have in common: a data set, and the reactors of its groups. Lives as long as its machine,
-/// and holds the machine's memory while it calls out.
+/// What the three have in common: a data set, and what watches its groups. Lives as long as its machine, and
+/// holds the machine's memory while it calls out.
+///
+/// A group of the set is watched by the one follower, which needs no memory for it. It is given a
+/// reactor of its own when somebody asks for that, in the place and the state of the follower, so that
+/// nobody can tell that it has not been there before.
 class JoinPruneSender {
  public:
   /// Which of the three.
@@ -156,8 +163,8 @@ class JoinPruneSender {
 
   /// The reactor on the data set; null without one.
   Vel::Ptr<JoinPruneDataReactor> const& dataReactor() const { return dataReactor_; }
-  /// Sets it; the machine makes and unhooks it.
-  void dataReactorIs(Vel::Ptr<JoinPruneDataReactor> const& reactor) { dataReactor_ = reactor; }
+  /// Sets it, once; the machine makes it.
+  void dataReactorIs(Vel::Ptr<JoinPruneDataReactor> const& reactor);
   /// What is sent, or null.
   Vel::Ptr<Packet::JoinPruneData> data() const { return notifierOf(dataReactor_); }
 
@@ -167,8 +174,12 @@ class JoinPruneSender {
   /// The (*,G) entry of a group was set or removed.
   virtual void handleWildcard(JoinPruneGroupReactor& reactor) = 0;
 
-  /// The reactors of the groups, by group.
-  Groups const& groups() const { return groups_; }
+  /// The reactors of the groups, by group. Those that are missing are made: std::bad_alloc.
+  Groups const& groups() const;
+  /// The reactor of a group, or null. Made if it is missing: std::bad_alloc.
+  JoinPruneGroupReactor* find(Dova::IpGenAddr const& group) const;
+  /// How many groups are watched; O(1).
+  U32 groupCount() const { return own_.size() + (follower_ ? follower_->references() - 1 : 0); }
   /// Finds the group's reactor, points it at the group data, or makes it; tells the machine's reactors.
   Vel::Ptr<JoinPruneGroupReactor> groupDataIs(Vel::Ptr<GroupData> const& groupData);
   /// Makes it, silently. One that is there throws RangeException.
@@ -178,13 +189,16 @@ class JoinPruneSender {
   /// The same for all that are there now.
   void groupDataDelAll();
 
-  /// Brings the group reactors into line with the data.
+  /// Watches a group of the data set from now on; tells the machine's reactors, if that is new.
+  void follow(GroupData& group);
+  /// A group has left the data set: the reverse.
+  void leave(Dova::IpGenAddr const& group);
+  /// Brings what is watched into line with the data.
   void reconcile();
-  /// Removes each group that was filled and emptied while it had no reactor, as its reactor would have done.
-  /// One that was never filled stays: its entries are still to come.
-  void retireUnfollowedGroups();
-  /// Lets go of all reactors, of a machine that is retired.
-  virtual void retire();
+  /// Whether a reactor that is being called still watches its group for the machine.
+  bool concerns(JoinPruneGroupReactor const& reactor) const;
+  /// Lets go of all reactors, of a machine that is retired. `held`: somebody can still look at it.
+  virtual void retire(bool held);
   /// Visits the reactor on the data set and those of the groups.
   virtual void visitReactors(std::function<void(Vel::Reactor&)> const& visit);
 
@@ -193,15 +207,22 @@ class JoinPruneSender {
 
   /// How it is named in traces and ring messages.
   JoinPruneSenderTexts& texts() const;
-  /// If nothing is left in the group, takes it out of the data set, which takes the reactor out of the
-  /// sender.
+  /// Whether the group is followed, without a reactor of its own.
+  bool follows(GroupData const& group) const { return follower_ && group.velFollower() == follower_.get(); }
+  /// The reactors that were asked for, or null; nothing is made.
+  JoinPruneGroupReactor* own(Dova::IpGenAddr const& group) const { return own_.find(group); }
+  /// If nothing is left in the group, takes it out of the data set, which ends the watch.
   void retireGroup(JoinPruneGroupReactor& reactor, char const* handler, bool traced);
 
  private:
+  JoinPruneGroupReactor* makeOwn(GroupData& group) const;
+  GroupData* leaving(Dova::IpGenAddr const& group) const;
+
   JoinPruneNeighborSm& sm_;
   Kind const kind_;
   Vel::Ptr<JoinPruneDataReactor> dataReactor_;
-  Groups groups_;
+  Vel::Ptr<JoinPruneGroupReactor> follower_;  // held by the groups that it follows, and by nothing else
+  mutable Groups own_;                        // the reactors that were asked for
 };
 
 /// Triggered and override: sends what is pending once, some time after the first change. What was sent is
@@ -225,7 +246,7 @@ class JoinPruneTimedSender final : public JoinPruneSender {
   /// Arms it if it is idle, for so many seconds from now.
   void armIn(Seconds delay);
   /// Stops the timer, too.
-  void retire() override;
+  void retire(bool held) override;
   /// Visits the timer, too.
   void visitReactors(std::function<void(Vel::Reactor&)> const& visit) override;
   /// Sends, message by message, until there is none left, nothing progresses, or the quantum has passed.

@@ -107,9 +107,6 @@ class EntityMap {
     element->newRef();
   }
 
-  /// Makes room for so many elements in all. Throws std::bad_alloc, and then nothing has changed.
-  void reserve(U32 count) { table_.reserve(count); }
-
   /// Puts an element where another one with the same key is. REQUIRES: there is one. The displaced element.
   Ptr<Element> replace(Ptr<Element> const& element) {
     U32 const at = table_.find(element->velKey());
@@ -331,7 +328,6 @@ class HashSet {
  private:
   friend struct Detail::SetAccess;
 
-  bool wasFilled() const { return table_.epoch() != 0; }
   void prefetch() const { table_.prefetch(); }
 
   Table table_;

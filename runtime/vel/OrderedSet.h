@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "runtime/vel/Types.h"
-#include "runtime/vel/detail/SetAccess.h"
 
 namespace Vel {
 
@@ -136,10 +135,6 @@ class OrderedSet {
   U32 size() const { return size_; }
 
  private:
-  friend struct Detail::SetAccess;
-
-  bool wasFilled() const { return epoch_ != 0; }
-
   static constexpr std::size_t most = 64;  // in a leaf
 
   // How many keys from the front on fulfil a condition that those behind do not. Which way the search takes

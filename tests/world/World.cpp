@@ -166,6 +166,7 @@ std::string differs(Model::Intf const& expected, Intf const& got) {
 }  // namespace
 
 std::string World::step(Operation const& operation) {
+  ++steps_;
   try {
     model_.step(operation);
   } catch (Stopped const& stopped) {
@@ -190,6 +191,7 @@ void World::keepFewTraces() {
 }
 
 void World::repeat(Operation const& operation) {
+  ++steps_;
   library_.tracesIs(false);
   model_.silent = true;
   model_.step(operation);
@@ -404,12 +406,22 @@ std::string World::differs(Model::Machine const& expected, JoinPruneNeighborSm c
   data(SendKind::override, got.overrideGroup(), status.overrideGroup(address));
   data(SendKind::periodic, got.periodicGroup(), periodicStatus.upJoinPrune(address));
   if (!compare) return compare.first();
-  compare.also("triggered", Worlds::differs(expected, SendKind::triggered, *got.triggeredGroup()->notifier(),
-                                            got.triggeredGroupDataIterator(), got.triggeredGroupDataCount()));
-  compare.also("override", Worlds::differs(expected, SendKind::override, *got.overrideGroup()->notifier(),
-                                           got.overrideGroupDataIterator(), got.overrideGroupDataCount()));
-  compare.also("periodic", Worlds::differs(expected, SendKind::periodic, *got.periodicGroup()->notifier(),
-                                           got.periodicGroupDataIterator(), got.periodicGroupDataCount()));
+  // To look at a follower makes it; half of the time the machine works without.
+  auto const followers = [&expected](SendKind kind) {
+    return expected.followers[static_cast<U32>(kind)].size();
+  };
+  compare("triggered followers", followers(SendKind::triggered), got.triggeredGroupDataCount())(
+      "override followers", followers(SendKind::override), got.overrideGroupDataCount())(
+      "periodic followers", followers(SendKind::periodic), got.periodicGroupDataCount());
+  if (steps_ % 2 == 0) {
+    compare.also("triggered",
+                 Worlds::differs(expected, SendKind::triggered, *got.triggeredGroup()->notifier(),
+                                 got.triggeredGroupDataIterator(), got.triggeredGroupDataCount()));
+    compare.also("override", Worlds::differs(expected, SendKind::override, *got.overrideGroup()->notifier(),
+                                             got.overrideGroupDataIterator(), got.overrideGroupDataCount()));
+    compare.also("periodic", Worlds::differs(expected, SendKind::periodic, *got.periodicGroup()->notifier(),
+                                             got.periodicGroupDataIterator(), got.periodicGroupDataCount()));
+  }
 
   compare("override interval", expected.overrideInterval, got.overrideInterval());
   compare("loop quantum", expected.loopQuantum, got.loopQuantum());

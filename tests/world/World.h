@@ -131,6 +131,7 @@ class World {
   Model model_;
   Library library_;
   bool stopped_ = false;
+  U32 steps_ = 0;
   std::vector<std::pair<std::string, std::string>> names_;  // of objects: in the model, in the library
 };
 

@@ -44,12 +44,12 @@ class JoinPruneNeighborLink {
   /// Makes one that is not started. An override interval that is NaN or negative throws
   /// Vel::InvalidArgumentException.
   static Vel::Ptr<JoinPruneNeighborSm> construct(JoinPruneNeighborInputs const& inputs);
-  /// The second half of construction, apart because it calls out: a reactor for each group that is there,
-  /// then handleInitialized(). The owner has put the machine into its collection before, so that what is
+  /// The second half of construction, apart because it calls out: follows each group that is there, then
+  /// handleInitialized(). The owner has put the machine into its collection before, so that what is
   /// called can find it, and take it away.
   static void start(JoinPruneNeighborSm& sm);
-  /// Ends the machine, which its owner has removed.
-  static void retire(JoinPruneNeighborSm& sm);
+  /// Ends the machine, which its owner has removed. `references`: how many of those on it are the owner's.
+  static void retire(JoinPruneNeighborSm& sm, U32 references = 1);
 };
 
 }  // namespace Routing::Pim

@@ -8,7 +8,7 @@ namespace Routing::Pim {
 /// they leave out what makes an operation safe to call. T has this as a friend, and what is in it is written
 /// in a header in private/, which is not installed:
 ///
-///     if (EngineAccess<Packet::JoinPruneGroupData>::wasFilled(*group)) ...
+///     if (EngineAccess<Packet::JoinPruneGroupData>::joinsAlone(*group)) ...
 template <class T>
 struct EngineAccess;
 

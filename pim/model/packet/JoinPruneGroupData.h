@@ -79,7 +79,6 @@ class VEL_API JoinPruneGroupData final : public Vel::FollowedEntity {
   Vel::Ptr<WcSourceData> wcSourceData() const { return wcSourceData_; }
   /// Sets or, by null, removes it, and tells the reactors; the same one is nothing.
   void wcSourceDataIs(Vel::Ptr<WcSourceData> const& wildcard) {
-    hadWcSourceData_ = hadWcSourceData_ || wildcard;
     velValueIs<NotifieeConst, wcSourceDataId>(wcSourceData_, wildcard,
                                               [](NotifieeConst& r) { r.onWcSourceData(); });
   }
@@ -111,7 +110,7 @@ class VEL_API JoinPruneGroupData final : public Vel::FollowedEntity {
   }
 
   Vel::Ptr<WcSourceData> wcSourceData_;
-  bool hadWcSourceData_ = false;
+  bool wcSourceSet_ = false;  // for the follower; see EngineAccess
 };
 
 }  // namespace Routing::Pim::Packet

@@ -20,13 +20,11 @@ struct EngineAccess<Packet::JoinPruneGroupData> {
                                                                                  : nullptr;
   }
 
-  /// True once there was an entry of any kind, whatever was removed since.
-  static bool wasFilled(GroupData const& group) {
-    using Sets = Vel::Detail::SetAccess;
-    return Sets::wasFilled(group.joinedSource_) || Sets::wasFilled(group.prunedSource_) ||
-           Sets::wasFilled(group.joinedRptSource_) || Sets::wasFilled(group.prunedRptSource_) ||
-           group.hadWcSourceData_;
-  }
+  /// True if there is a reactor that the follower would be called before.
+  static bool watched(GroupData const& group) { return group.velWatched(); }
+
+  /// What a reactor of the group's own has for itself: its (*,G) entry is counted. False without a follower.
+  static bool& wcSourceSet(GroupData& group) { return group.wcSourceSet_; }
 
   /// For walks over many groups.
   static void prefetch(GroupData const& group) { group.velPrefetch(); }
@@ -39,6 +37,8 @@ struct EngineAccess<Packet::JoinPruneData> {
 
   /// The groups' own table, for a walk that calls nothing; see GroupWalk.h. It is there as long as the data.
   static GroupTable const& groups(Data const& data) { return data.joinPruneGroupData_.table(); }
+  /// The group that is leaving, or null; see Vel::Leaving.
+  static Packet::JoinPruneGroupData* leaving(Data const& data) { return data.joinPruneGroupData_.leaving(); }
   /// A group, or null; not held.
   static Packet::JoinPruneGroupData* group(Data const& data, Dova::IpGenAddr const& group) {
     return data.joinPruneGroupData_.find(group);

@@ -160,14 +160,6 @@ class HashTable {
     return removed;
   }
 
-  /// Makes room for so many in all, for somebody who knows how many will come; few are not worth it. Throws
-  /// std::bad_alloc, and then nothing has changed.
-  void reserve(U32 count) {
-    if (count <= mostInSmall) return;
-    Shape const wanted = shapeOf(std::max(2 * mostInSmall, count + count / 7 + 1));
-    if (wanted.buckets > shape().buckets) rehash(allocated(wanted), wanted);
-  }
-
   /// A place in a walk through an unchanged table: a position, and which of those behind it up to the next
   /// multiple of eight are used. At `end()` the walk is over.
   struct Place {

@@ -4,13 +4,8 @@
 
 namespace Vel::Detail {
 
-/// The only friend of HashSet and OrderedSet.
+/// The only friend of HashSet.
 struct SetAccess {
-  /// True once a key was inserted, whatever was removed since.
-  template <class Set>
-  static bool wasFilled(Set const& set) {
-    return set.wasFilled();
-  }
   /// Asks for the memory of the first keys, before a walk.
   template <class Set>
   static void prefetch(Set const& set) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// In which order a neighbor machine starts, catches up and tells of what it does: its trace lines, its data
+// In which order a neighbor machine starts and tells of what it does: its trace lines, its data
 // sets and its attributes, in one record.
 #include <regex>
 #include <tuple>
@@ -85,28 +85,6 @@ class NeighborOrderTest : public testing::Test, protected World {
   Vel::Ptr<Packet::JoinPruneData> dataOf(int way) {
     return way == 0 ? triggered(N) : way == 1 ? override_(N) : periodic(N);
   }
-  bool follows(int way, char const* g) {
-    return way == 0   ? own->triggeredGroupData(addr(g)) != nullptr
-           : way == 1 ? own->overrideGroupData(addr(g)) != nullptr
-                      : own->periodicGroupData(addr(g)) != nullptr;
-  }
-  /// Adds a group of which the machine could not take notice for want of memory.
-  Vel::Ptr<Packet::JoinPruneGroupData> addUnfollowed(int way, char const* g) {
-    for (std::size_t n = 1; n < 100; ++n) {
-      {
-        FailingHeap::Failure const failure(n);
-        try {
-          dataOf(way)->joinPruneGroupDataIs(addr(g));
-        } catch (std::bad_alloc const&) {
-        }
-      }
-      auto const added = dataOf(way)->joinPruneGroupData(addr(g));
-      if (added && !follows(way, g)) return added;
-      dataOf(way)->joinPruneGroupDataDel(addr(g));
-    }
-    throw std::logic_error("no request was that of the reactor");
-  }
-
   TraceLog trace;
   Lines story;
   Vel::Ptr<Intf> eth0 = intf("eth0", "10.0.0.1/24");
@@ -139,89 +117,9 @@ TEST_F(NeighborOrderTest, AMachineStartsWithItsTimersInTheOrderOfTheChannelsAndC
                          "initialized"));
 }
 
-TEST_F(NeighborOrderTest, CatchingUpRemovesThenFollowsChannelByChannelAndCountsBeforeItArms) {
-  startWithNeighbor();
-  for (int const way : {0, 1, 2}) {
-    auto const emptied = addUnfollowed(way, G);
-    emptied->joinedSourceIs(addr(S));
-    emptied->joinedSourceDel(addr(S));
-    addUnfollowed(way, H)->joinedSourceIs(addr(S));
-  }
-  std::vector<Vel::Ptr<DataLog>> logs;
-  for (auto const& [way, name] :
-       {std::pair(0, "triggered"), std::pair(1, "override"), std::pair(2, "periodic")}) {
-    logs.push_back(Vel::create<DataLog>(name, story));
-    logs.back()->notifierIs(dataOf(way));
-  }
-  watch();
-  record();
-  manager->perMessage = 0;
-  own->handleTriggeredTimerExpiry();
-  EXPECT_THAT(story,
-              ElementsAre("handleTriggeredTimerExpiry()", "handleTriggeredGroup(10.0.0.2)",
-                          "handleTriggeredGroup(10.0.0.2): Deleted", "triggered group 239.1.1.1 removed",
-                          "handleOverrideGroup(10.0.0.2)", "handleOverrideGroup(10.0.0.2): Deleted",
-                          "override group 239.1.1.1 removed", "handlePeriodicGroup(10.0.0.2)",
-                          "handlePeriodicGroup(10.0.0.2): Deleted", "periodic group 239.1.1.1 removed",
-                          "triggered reactor of 239.1.1.2", "override reactor of 239.1.1.2",
-                          "periodic reactor of 239.1.1.2", "routes 1",
-                          "doUpdateOverrideTimer(): Arming timer, setting holdtime to 210",
-                          "handleTriggeredTimerExpiry(): Suspending TX after 0 sources, 0 filtered sources",
-                          "doUpdateTriggeredTimer(): Timer running"));
-  EXPECT_TRUE(own->overrideTimer()->armed());
-}
-
-TEST_F(NeighborOrderTest, AMachineThatFallsBehindArmsItsTriggeredTimerAlone) {
-  startWithNeighbor();
-  for (int const way : {0, 1, 2}) {
-    SCOPED_TRACE(way);
-    addUnfollowed(way, G);
-    EXPECT_EQ(own->triggeredTimer()->timeMin(), time + 0.1);
-    EXPECT_FALSE(own->overrideTimer()->armed());
-    runUntil(time + 1);
-    EXPECT_TRUE(follows(way, G));
-    dataOf(way)->joinPruneGroupDataDel(addr(G));
-    runUntil(time + 10);
-  }
-}
-
-TEST_F(NeighborOrderTest, AMachineThatIsBehindCatchesUpWhenItsPeriodicDataRunsEmptyAndNotBefore) {
-  startWithNeighbor();
-  for (bool const traced : {false, true}) {
-    SCOPED_TRACE(traced);
-    group(periodic(N), G);
-    group(periodic(N), H);
-    addUnfollowed(0, G);
-    if (traced) record();
-    periodic(N)->joinPruneGroupDataDel(addr(H));
-    EXPECT_FALSE(follows(0, G));
-    periodic(N)->joinPruneGroupDataDel(addr(G));
-    EXPECT_TRUE(follows(0, G));
-    triggered(N)->joinPruneGroupDataDel(addr(G));
-  }
-}
-
-TEST_F(NeighborOrderTest, APeriodicGroupThatIsAddedWhileAMachineCatchesUpIsCountedAndKeepsIt) {
-  startWithNeighbor();
-  group(periodic(N), G)->joinedSourceIs(addr(S));
-  addUnfollowed(0, G);
-  pim->pimNeighborDel(addr(N));
-  ASSERT_TRUE(sm(N));
-  watch();
-  watcher->act = [&](std::string const& line) {
-    if (line == "triggered reactor of 239.1.1.1") group(periodic(N), H)->joinedSourceIs(addr(S));
-  };
-  periodic(N)->joinPruneGroupData(addr(G))->joinedSourceDel(addr(S));
-  EXPECT_TRUE(sm(N) == own);
-  EXPECT_EQ(own->numPeriodicRoutes(), 1u);
-  periodic(N)->joinPruneGroupData(addr(H))->joinedSourceDel(addr(S));
-  EXPECT_FALSE(sm(N));
-}
-
-TEST_F(NeighborOrderTest, AMachineThatIsRetiredWhileItCatchesUpForItsLastGroupIsNotAskedAboutAnyMore) {
+TEST_F(NeighborOrderTest, AMachineThatIsRetiredWhenItIsToldOfItsLastGroupIsNotAskedAboutAnyMore) {
   startWithNeighbor();
   group(periodic(N), G);
-  addUnfollowed(0, G);
   watch();
   watcher->act = [&](std::string const&) { machine->joinPruneNeighborSmDel(addr(N)); };
   record();
@@ -231,18 +129,15 @@ TEST_F(NeighborOrderTest, AMachineThatIsRetiredWhileItCatchesUpForItsLastGroupIs
   EXPECT_THAT(story, Not(Contains(HasSubstr("doMaybeDeleteNeighbor"))));
 }
 
-TEST_F(NeighborOrderTest, AnOwnerThatCouldNotBeAskedWhenTheDataRanEmptyIsAskedAfterCatchingUp) {
+TEST_F(NeighborOrderTest, AMachineWhoseDataRunsEmptyWhileThereIsNoMemoryIsRemovedAllTheSame) {
   startWithNeighbor();
   auto const last = group(periodic(N), G);
   last->joinedSourceIs(addr(S));
-  addUnfollowed(0, G);
   pim->pimNeighborDel(addr(N));
   {
     FailingHeap::Failure const failure(1, ~std::size_t{0} / 2);
     last->joinedSourceDel(addr(S));
   }
-  EXPECT_EQ(periodic(N)->joinPruneGroupDataCount(), 0u);
-  EXPECT_TRUE(sm(N));
   runUntil(time + 1);
   EXPECT_FALSE(sm(N));
   EXPECT_EQ(sets(N), "-");
@@ -354,43 +249,6 @@ TEST_F(NeighborOrderTest, ATimerThatMissedItsTimeAndIsRemovedIsNotDueAnyMore) {
     dataOf(way)->joinPruneGroupDataDel(addr(G));
     is(wheel);
   }
-}
-
-TEST_F(NeighborOrderTest, AMachineWithoutATimerReportsTheWantOfMemoryAndNothingElse) {
-  trace.levels({});
-  for (bool const overriding : {false, true}) {
-    SCOPED_TRACE(overriding);
-    auto const data = Vel::create<Packet::JoinPruneData>(addr(N));
-    auto const bare = joinPruneNeighborSmFactory(nullptr, addr(N), nullptr, nullptr, nullptr, nullptr, data,
-                                                 nullptr, 2.5, nullptr, nullptr);
-    if (overriding) bare->overrideTimerIs(wheel);
-    U32 reports = 0;
-    for (std::size_t n = 1; n < 30; ++n) {
-      trace.clear();
-      {
-        FailingHeap::Failure const failure(n);
-        try {
-          data->joinPruneGroupDataIs(addr(G));
-        } catch (std::bad_alloc const&) {
-        }
-      }
-      for (auto const& line : trace.take()) {
-        ++reports;
-        EXPECT_THAT(line, HasSubstr("std::bad_alloc"));
-      }
-      data->joinPruneGroupDataDel(addr(G));
-    }
-    EXPECT_GT(reports, 0u);
-    EXPECT_EQ(wheel->armedCount(), 0u);
-  }
-}
-
-TEST_F(NeighborOrderTest, AMachineThatFallsBehindArmsItsTriggeredTimerAlsoWhileItsOverrideTimerIsArmed) {
-  startWithNeighbor();
-  group(override_(N), H)->joinedSourceIs(addr(S));
-  ASSERT_TRUE(own->overrideTimer()->armed());
-  addUnfollowed(2, G);
-  EXPECT_EQ(own->triggeredTimer()->timeMin(), time + 0.1);
 }
 
 TEST_F(NeighborOrderTest, AMachineThatHasOnlyPartOfItsDataHandlesAnyGroupByHandWithoutTraces) {
@@ -629,35 +487,6 @@ TEST_F(NeighborOrderTest, TheTimerFollowsTheCountBeforeTheCountIsValidated) {
     return line.find("interval()") == line.npos && line.find("validate") == line.npos;
   });
   EXPECT_THAT(story, ElementsAre(HasSubstr("interval()"), "validateNumPeriodicRoutes(1)"));
-}
-
-TEST_F(NeighborOrderTest, AMachineThatTheClockMakesCatchUpWhileItFallsBehindDoesSo) {
-  trace.levels({});
-  std::function<void()> onClock;
-  wheel = Vel::create<Zanth::TimerWheel>([&] {
-    if (auto const once = std::exchange(onClock, nullptr)) once();
-    return time;
-  });
-  startWithNeighbor();
-  U32 caughtUp = 0;
-  for (std::size_t n = 1; n < 60; ++n) {
-    onClock = [&] {
-      own->handleTriggeredTimerExpiry();
-      EXPECT_TRUE(follows(2, G));
-      ++caughtUp;
-    };
-    {
-      FailingHeap::Failure const failure(n);
-      try {
-        periodic(N)->joinPruneGroupDataIs(addr(G));
-      } catch (std::bad_alloc const&) {
-      }
-    }
-    onClock = nullptr;
-    periodic(N)->joinPruneGroupDataDel(addr(G));
-    runUntil(time + 1);
-  }
-  EXPECT_GT(caughtUp, 0u);
 }
 
 }  // namespace
