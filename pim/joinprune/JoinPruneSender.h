@@ -94,37 +94,7 @@ class VEL_API JoinPruneGroupReactor
 
 /// Walks the group reactors of a sender, as the reactors of their own class.
 template <class View>
-class JoinPruneGroupReactorIterator : public Vel::IteratorRange<JoinPruneGroupReactorIterator<View>> {
- public:
-  /// What is walked.
-  using Map = Vel::EntityMap<Dova::IpGenAddr, JoinPruneGroupReactor>;
-
-  JoinPruneGroupReactorIterator() = default;
-  /// At the first reactor. Holds the memory of the machine.
-  JoinPruneGroupReactorIterator(Vel::Entity const* machine, Map const& map) : base_(machine, map) {}
-  /// Begins behind a group, which need not be there.
-  JoinPruneGroupReactorIterator(Vel::Entity const* machine, Map const& map, Dova::IpGenAddr const& after)
-      : base_(machine, map, after) {}
-
-  /// False when the walk is over.
-  explicit operator bool() const { return static_cast<bool>(base_); }
-  /// The reactor, also after it was removed. REQUIRES: true.
-  View& operator*() const { return static_cast<View&>(*base_); }
-  /// The reactor. REQUIRES: true.
-  View* operator->() const { return &**this; }
-  /// The reactor, counted; null when the walk is over.
-  Vel::Ptr<View> ptr() const { return base_ ? Vel::Ptr<View>(&**this) : nullptr; }
-  /// The group. REQUIRES: true.
-  Dova::IpGenAddr const& key() const { return base_.key(); }
-  /// On to the next one. REQUIRES: true.
-  JoinPruneGroupReactorIterator& operator++() {
-    ++base_;
-    return *this;
-  }
-
- private:
-  Vel::EntityIterator<Dova::IpGenAddr, JoinPruneGroupReactor, JoinPruneGroupReactor> base_;
-};
+using JoinPruneGroupReactorIterator = Vel::EntityIterator<Dova::IpGenAddr, JoinPruneGroupReactor, View>;
 
 /// The timer of a sender that sends once.
 class VEL_API JoinPruneTimer : public NestedReactor<Zanth::TimerWheel::Notifiee, JoinPruneTimedSender> {

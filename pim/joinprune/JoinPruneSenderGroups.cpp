@@ -23,6 +23,12 @@ JoinPruneNeighborSm* machineOf(JoinPruneSender const* sender) {
   return sender ? &sender->machine() : nullptr;
 }
 
+// Ends that a group is followed. Whether its (*,G) entry was counted.
+bool release(Packet::JoinPruneGroupData& group) {
+  group.velFollowerIs(nullptr);
+  return std::exchange(EngineAccess<Packet::JoinPruneGroupData>::wcSourceSet(group), false);
+}
+
 }  // namespace
 
 // --- The data set ----------------------------------------------------------------------------------
@@ -102,12 +108,8 @@ void JoinPruneSender::follow(GroupData& group) {
     groupDataIs(&group);
     return;
   }
-  // Another one under the same address may be leaving still, whose place this one takes.
-  bool wcSourceSet = false;
-  if (GroupData* const former = leaving(group.group())) {
-    wcSourceSet = std::exchange(Access::wcSourceSet(*former), false);
-    former->velFollowerIs(nullptr);
-  }
+  GroupData* const former = leaving(group.group());  // whose place this one takes
+  bool const wcSourceSet = former && release(*former);
   // Where the difference could be seen, the group has a reactor of its own at once. No group is missed for
   // want of memory.
   bool const apart = Access::watched(group) || follower_->isZombie() ||
@@ -127,8 +129,7 @@ void JoinPruneSender::leave(Dova::IpGenAddr const& group) {
     groupDataDel(group);
     return;
   }
-  EngineAccess<GroupData>::wcSourceSet(*former) = false;
-  former->velFollowerIs(nullptr);
+  release(*former);
   sm_.notifyGroupData(kind_, group);
 }
 
@@ -156,8 +157,7 @@ JoinPruneGroupReactor* JoinPruneSender::makeOwn(GroupData& group) const {
   reactor->velOwnerIs(follower_->velOwner());
   reactor->velDoZombieReactors(follower_->isZombie());
   reactor->hasNotificationActiveIs(follower_->hasNotificationActive());
-  reactor->wcSourceSet_ = std::exchange(EngineAccess<GroupData>::wcSourceSet(group), false);
-  group.velFollowerIs(nullptr);
+  reactor->wcSourceSet_ = release(group);
   return reactor.get();
 }
 

@@ -23,7 +23,6 @@
 #include "runtime/vel/OrderedSet.h"
 #include "runtime/vel/Text.h"
 #include "runtime/vel/detail/HashTable.h"
-#include "runtime/vel/detail/SetAccess.h"
 
 namespace Vel {
 
@@ -127,8 +126,25 @@ class EntityMap {
   U32 size() const { return table_.size(); }
   Table const& table() const { return table_; }
 
-  /// What has just left, while the owner's reactors are told, or null; see Leaving.
+  /// What has just left, while the owner's reactors are told, or null; see leave().
   Element* leaving() const { return leaving_; }
+
+  /// Calls `tell()`, which tells the owner's reactors that an element was removed or replaced. One that is
+  /// followed still is meanwhile, so that who made that so can find it and act in its turn, and is not
+  /// afterwards. For null, and for elements that cannot be followed, no more than the call.
+  template <class Tell>
+  void leave(Entity const& owner, Element* element, Tell const& tell) {
+    if constexpr (std::is_base_of_v<FollowedEntity, Element>) {
+      if (!element) return tell();
+      MemoryHold const memory(&owner);
+      Element* const before = std::exchange(leaving_, element);
+      tell();
+      element->velFollowerIs(nullptr);
+      leaving_ = before;
+    } else {
+      tell();
+    }
+  }
 
   /// Counted copies of all elements, for operations on "what is here now".
   std::vector<Ptr<Element>> elements() const {
@@ -140,40 +156,8 @@ class EntityMap {
   }
 
  private:
-  template <class K, class E>
-  friend class Leaving;
-
   Table table_;
   Element* leaving_ = nullptr;
-};
-
-/// What a mutator has on its stack while it tells of an element that has been removed or replaced: it is
-/// followed meanwhile, so that who made that so can find it and act in its turn, and not followed afterwards.
-/// For null, and for elements that cannot be followed: nothing.
-template <class Key, class Element>
-class Leaving {
-  static constexpr bool matters = std::is_base_of_v<FollowedEntity, Element>;
-
- public:
-  Leaving(Entity const* owner, EntityMap<Key, Element>& map, Element* element)
-      : owner_(matters && element ? owner : nullptr), map_(map), element_(element) {
-    if (matters && element_) before_ = std::exchange(map_.leaving_, element_);
-  }
-  Leaving(Leaving const&) = delete;
-  Leaving& operator=(Leaving const&) = delete;
-  ~Leaving() {
-    if constexpr (matters) {
-      if (!element_) return;
-      element_->velFollowerIs(nullptr);
-      map_.leaving_ = before_;
-    }
-  }
-
- private:
-  MemoryHold const owner_;
-  EntityMap<Key, Element>& map_;
-  Element* const element_;
-  Element* before_ = nullptr;
 };
 
 /// Where a key belongs that `mutator` is about to insert for `owner`. A key that is there already throws
@@ -199,7 +183,7 @@ class IteratorRange {
   friend bool operator==(Iterator const& i, std::default_sentinel_t) { return !i; }
 };
 
-/// Walks an EntityMap in the order of its table. View is Element or Element const.
+/// Walks an EntityMap in the order of its table. View is Element, or what all of its elements are; or const.
 template <class Key, class Element, class View>
 class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> {
  public:
@@ -221,11 +205,11 @@ class EntityIterator : public IteratorRange<EntityIterator<Key, Element, View>> 
   explicit operator bool() const { return static_cast<bool>(current_); }
 
   /// The element, also after it was removed. REQUIRES: true.
-  View& operator*() const { return *current_; }
+  View& operator*() const { return static_cast<View&>(*current_); }
   /// The element. REQUIRES: true.
-  View* operator->() const { return current_.operator->(); }
+  View* operator->() const { return &**this; }
   /// The element, counted; null when the walk is over.
-  Ptr<View> ptr() const { return current_; }
+  Ptr<View> ptr() const { return static_cast<View*>(current_.get()); }
   /// The element's key. REQUIRES: true.
   decltype(auto) key() const { return current_->velKey(); }
 
@@ -325,11 +309,10 @@ class HashSet {
   /// How many keys there are.
   U32 size() const { return table_.size(); }
 
+  /// Asks for the memory of the first keys, before a walk.
+  void velPrefetch() const { table_.prefetch(); }
+
  private:
-  friend struct Detail::SetAccess;
-
-  void prefetch() const { table_.prefetch(); }
-
   Table table_;
 };
 

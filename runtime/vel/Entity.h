@@ -229,7 +229,7 @@ class VEL_API Entity : public Counted {
 /// the first in the list of each. In its callbacks, and only there, its notifier is the entity that changed.
 ///
 /// Following needs no memory and counts nothing: an entity keeps its follower, the follower keeps none. An
-/// element of a collection is followed until it leaves that; see Leaving in Collection.h.
+/// element of a collection is followed until it leaves that; see EntityMap::leave().
 class VEL_API FollowedEntity : public Entity {
  public:
   /// The follower, or null.

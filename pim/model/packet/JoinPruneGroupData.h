@@ -105,9 +105,7 @@ class VEL_API JoinPruneGroupData final : public Vel::FollowedEntity {
   friend class Vel::EntityIterator;
 
   // For walks over many groups: most have one kind of source.
-  void velPrefetch() const {
-    Vel::Detail::SetAccess::prefetch(joinedSource_.size() != 0 ? joinedSource_ : prunedSource_);
-  }
+  void velPrefetch() const { (joinedSource_.size() != 0 ? joinedSource_ : prunedSource_).velPrefetch(); }
 
   Vel::Ptr<WcSourceData> wcSourceData_;
   bool wcSourceSet_ = false;  // for the follower; see EngineAccess

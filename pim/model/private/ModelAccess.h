@@ -37,7 +37,7 @@ struct EngineAccess<Packet::JoinPruneData> {
 
   /// The groups' own table, for a walk that calls nothing; see GroupWalk.h. It is there as long as the data.
   static GroupTable const& groups(Data const& data) { return data.joinPruneGroupData_.table(); }
-  /// The group that is leaving, or null; see Vel::Leaving.
+  /// The group that is leaving, or null; see Vel::EntityMap::leave().
   static Packet::JoinPruneGroupData* leaving(Data const& data) { return data.joinPruneGroupData_.leaving(); }
   /// A group, or null; not held.
   static Packet::JoinPruneGroupData* group(Data const& data, Dova::IpGenAddr const& group) {

@@ -422,6 +422,26 @@ TEST_F(AfterFamineTest, AReactorOfAGroupThatCouldNotBeMadeIsMadeWhenItIsAskedFor
   EXPECT_GT(found, 0u);
 }
 
+TEST_F(AfterFamineTest, AReactorThatIsMadeAfterTheEndOfItsMachineBelongsToNoMachine) {
+  Vel::Ptr<JoinPruneNeighborSm> held;
+  consequences(
+      [&](World& w) {
+        withNeighbor(w);
+        group(w.periodic("10.0.0.2"), "239.9.9.9");
+        held = w.sm("10.0.0.2");
+      },
+      [&](World& w) { w.machine->joinPruneNeighborSmDel(addr("10.0.0.2")); },
+      [&](World& w) {
+        w.machine->joinPruneNeighborSmDel(addr("10.0.0.2"));
+        EXPECT_TRUE(held->retired());
+        auto const reactor = held->periodicGroupData(addr("239.9.9.9"));
+        EXPECT_TRUE(reactor && reactor->isZombie());
+        EXPECT_FALSE(reactor && reactor->joinPruneNeighborSm());
+        held = nullptr;
+        return false;
+      });
+}
+
 TEST_F(AfterFamineTest, TheMachineOfAnAddressThatChangesWhileTheMachineOfTheOneBeforeIsMadeIsMade) {
   class Mover final : public JoinPruneStatus::NotifieeConst {
    public:
