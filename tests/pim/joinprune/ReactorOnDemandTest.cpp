@@ -290,8 +290,8 @@ TEST_P(ReactorOnDemandTest, StaysWithWhoHoldsTheMachineAfterItsEnd) {
 }
 
 TEST_P(ReactorOnDemandTest, OfTheNextMachineFollowsTheSameGroup) {
-  machine->joinPruneNeighborSmDel(addr(N));
   own = nullptr;
+  machine->joinPruneNeighborSmDel(addr(N));
   group_->joinedSourceIs(addr(S));
   machine->handleNeighbor(addr(N));
   own = sm(N);
@@ -341,6 +341,7 @@ TEST_P(ReactorOnDemandTest, FollowsAGroupThatIsAddedAgainWhileItLeaves) { addsAg
 TEST_P(ReactorOnDemandTest, OfAGroupThatIsAddedAgainWhileItLeavesIsTheSame) { addsAgain(true); }
 
 void ReactorOnDemandTest::addsAgain(bool asks) {
+  own = nullptr;  // which would keep the reactors of the machine before
   machine->joinPruneNeighborSmDel(addr(N));
   auto const earlier = Vel::create<DataListener>();
   earlier->notifierIs(data);
