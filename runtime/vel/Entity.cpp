@@ -59,11 +59,9 @@ struct SnapshotPart {
   SnapshotPart* following = nullptr;
 };
 
-// Each call has a part on its stack and makes the next call if there is more; the last one begins, and walks
-// them all.
-template <class Take, class Begin, class Act>
-void walkOnStack(Take const& take, Begin const& begin, Act const& act, SnapshotPart* first,
-                 SnapshotPart* last) {
+// Each call has a part on its stack and makes the next call if there is more; the last one walks them all.
+template <class Take, class Act>
+void walkOnStack(Take const& take, Act const& act, SnapshotPart* first, SnapshotPart* last) {
   SnapshotPart part;
   SnapshotPart*& before = last ? last->following : first;
   before = &part;
@@ -72,13 +70,11 @@ void walkOnStack(Take const& take, Begin const& begin, Act const& act, SnapshotP
     if (!reactor) break;
     part.reactors[part.count++] = reactor;
   }
-  if (part.count == SnapshotPart::capacity) {
-    walkOnStack(take, begin, act, first, &part);
-  } else {
-    begin();
+  if (part.count == SnapshotPart::capacity)
+    walkOnStack(take, act, first, &part);
+  else
     for (SnapshotPart const* p = first; p; p = p->following)
       for (U32 i = 0; i < p->count; ++i) act(*p->reactors[i]);
-  }
   before = nullptr;
 }
 
@@ -108,14 +104,12 @@ void Entity::velForEachWithoutHeap(Act act, void const* context, Reactor* follow
     }
     return nullptr;
   };
-  auto const begin = [&] {
-    if (follower) act(*this, *follower, context);
-  };
   auto const call = [&](Reactor& reactor) {
+    if (follower) act(*this, *std::exchange(follower, nullptr), context);
     act(*this, reactor, context);
     reactor.deleteRef();
   };
-  walkOnStack(take, begin, call, nullptr, nullptr);
+  walkOnStack(take, call, nullptr, nullptr);
 }
 
 // doDetach() has normally been called; a constructor that threw has not come so far.

@@ -422,6 +422,42 @@ TEST_F(AfterFamineTest, AReactorOfAGroupThatCouldNotBeMadeIsMadeWhenItIsAskedFor
   EXPECT_GT(found, 0u);
 }
 
+TEST_F(AfterFamineTest, AChangeOfAGroupIsCountedOnceAndFirstWhereManyReactorsCannotBeListed) {
+  class Counter final : public Packet::JoinPruneGroupData::Notifiee {
+   public:
+    explicit Counter(std::function<void()> const& act) : act_(act) {}
+    void onJoinedSource(Dova::IpGenAddr) override { act_(); }
+
+   private:
+    std::function<void()> const& act_;
+  };
+  for (U32 const count : {1u, 17u, 63u, 64u, 200u}) {
+    SCOPED_TRACE(count);
+    World w;
+    withNeighbor(w);
+    auto const g = group(w.periodic("10.0.0.2"), "239.9.9.9");
+    U32 calls = 0;
+    std::function<void()> const act = [&] {
+      ++calls;
+      EXPECT_EQ(w.sm("10.0.0.2")->numPeriodicRoutes(), 1u);
+    };
+    std::vector<Vel::Ptr<Counter>> counters;
+    for (U32 i = 0; i < count; ++i) {
+      counters.push_back(Vel::create<Counter>(act));
+      counters.back()->notifierIs(g);
+    }
+    {
+      FailingHeap::Failure const failure(1, ~std::size_t{0} / 2);
+      g->joinedSourceIs(addr("10.9.0.1"));
+      EXPECT_EQ(failure.happened(), count > 16);
+    }
+    EXPECT_EQ(calls, count);
+    for (auto const& counter : counters) counter->notifierIs(nullptr);
+    w.manager->stop();
+    w.machine = nullptr;
+  }
+}
+
 TEST_F(AfterFamineTest, AReactorThatIsMadeAfterTheEndOfItsMachineBelongsToNoMachine) {
   Vel::Ptr<JoinPruneNeighborSm> held;
   consequences(
