@@ -320,7 +320,7 @@ class MachineTest : public testing::Test {
   Vel::Ptr<Packet::JoinPruneData> periodic, triggered;
 };
 
-TEST_F(MachineTest, AGroupWithOneSourceTakesAtMostThreeHundredBytes) {
+TEST_F(MachineTest, AGroupWithOneSourceTakesAtMostTwoHundredAndFortyBytes) {
   ASSERT_TRUE(periodic);
   constexpr U32 count = 100'000;
   std::size_t const before = liveBytes;
@@ -331,7 +331,7 @@ TEST_F(MachineTest, AGroupWithOneSourceTakesAtMostThreeHundredBytes) {
   ASSERT_EQ(machine->periodicGroupDataCount(), count);
   double const bytesPerGroup = static_cast<double>(liveBytes - before) / count;
   RecordProperty("bytesPerGroup", std::to_string(bytesPerGroup));
-  EXPECT_LE(bytesPerGroup, 300);
+  EXPECT_LE(bytesPerGroup, 240);
   EXPECT_GE(bytesPerGroup, sizeof(Packet::JoinPruneGroupData));
 }
 
