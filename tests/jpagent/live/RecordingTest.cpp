@@ -153,6 +153,20 @@ TEST(RecordingTest, WhatARecordingMakesTheSpeakerDoHasALimit) {
   EXPECT_THAT(performed.err, HasSubstr("more than 200000000 routes have been looked at as a whole"));
 }
 
+TEST(RecordingTest, WhatIsWantedInARecordingHasALimit) {
+  if (!thorough()) GTEST_SKIP() << "left to scripts/prove";
+  TemporaryFolder const folder;
+  auto const file = folder.file("recorded");
+  std::ofstream(file)
+      << "# S.\nlive seed 1 hash 2 random 3 clock 10 time 1795327200000000 json\nat 10 given eth0\n"
+         "at 10 command join 1000000 routes from (10.9.0.1,233.0.0.0) via 10.0.0.2\n"
+         "at 10 command join 1000000 routes from (10.9.0.2,233.0.0.0) via 10.0.0.2\n"
+         "at 10 command join (10.9.0.3,233.0.0.0) via 10.0.0.2\n";
+  auto const performed = run(JPAGENT, {"simulate", file});
+  EXPECT_EQ(performed.status, 2);
+  EXPECT_THAT(performed.err, HasSubstr(":6: expected at most 2000000 routes that are wanted at a time"));
+}
+
 using RecordingSceneTest = LiveScene;
 
 TEST_F(RecordingSceneTest, EachInputIsALineBeforeItHasAnEffectAndWhatHasNoneIsNotRecorded) {
