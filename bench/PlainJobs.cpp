@@ -17,13 +17,13 @@ Body plainRoutesSent(U32 size) {
   };
 }
 
-Body plainPeriodicRoutes(U32 standing) {
-  auto const router = std::make_shared<PlainRouter>(standing);
+Body plainPeriodicRoutes(U32 staying) {
+  auto const router = std::make_shared<PlainRouter>(staying);
   return [=] {
-    U32 const end = standing + 1'000;
-    for (U32 route = standing; route < end; ++route) router->add(Plain::Way::periodic, route);
-    for (U32 route = standing; route < end; ++route) router->remove(Plain::Way::periodic, route);
-    if (router->neighbor.periodic.size() != standing) std::abort();
+    U32 const end = staying + 1'000;
+    for (U32 route = staying; route < end; ++route) router->add(Plain::Way::periodic, route);
+    for (U32 route = staying; route < end; ++route) router->remove(Plain::Way::periodic, route);
+    if (router->neighbor.periodic.size() != staying) std::abort();
   };
 }
 

@@ -14,8 +14,8 @@ using Body = std::function<void()>;
 
 /// From being wanted to being sent.
 Body plainRoutesSent(U32 size);
-/// A thousand come and go among those that stand.
-Body plainPeriodicRoutes(U32 standing);
+/// A thousand routes are added and removed among those that stay.
+Body plainPeriodicRoutes(U32 staying);
 /// One round.
 Body plainRefresh(U32 size);
 /// 20 neighbors with 50 routes each.

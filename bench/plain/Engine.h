@@ -13,7 +13,7 @@
 //
 // It does not:
 //
-//   - tell anybody of a change of what is wanted, of the number of routes, or of a timer;
+//   - report a change of what is wanted, of the number of routes, or of a timer;
 //   - let a hook or an observer call it, or survive want of memory;
 //   - check what it is given: an address of another family, or a source that is a group, is the caller's
 //     fault;

@@ -131,7 +131,7 @@ class Message {
   IpGenAddr const* group_ = nullptr;
   U8* counts_ = nullptr;  // where those of the group are; null until it has an entry
   std::size_t joins_ = 0;
-  std::vector<Entry> prunes_;  // of the group, for its joins stand before them
+  std::vector<Entry> prunes_;  // of the group; a message has its joins first
 };
 
 }  // namespace Plain

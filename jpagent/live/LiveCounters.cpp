@@ -14,6 +14,7 @@ std::string_view helpOf(std::string_view metric) {
       {"sent_later", "Messages that the system wanted later."},
       {"sending_failed", "Messages that could not be sent."},
       {"override_interval_changes", "Changes of the override interval of an interface."},
+      {"rpt_prunes_left_out", "(S,G,rpt) prunes that had no room in the message of their (*,G) join."},
       {"upstream_routes", "Routes that are wanted from upstream neighbors."},
       {"neighbors", "PIM neighbors that are up."},
       {"downstream_routes", "Routes that neighbors have asked of this router."},
@@ -64,6 +65,7 @@ std::vector<LiveSpeaker::Counter> LiveSpeaker::counters() const {
       {"sent_later", totals.sentLater},
       {"sending_failed", totals.sendingFailed},
       {"override_interval_changes", totals.overrideIntervalChanges},
+      {"rpt_prunes_left_out", totals.prunesLeftOut},
       {.metric = "upstream_routes", .value = speaker_->upstream().count(), .isGauge = true},
       {.metric = "neighbors", .value = speaker_->neighbors().size(), .isGauge = true},
       {.metric = "downstream_routes", .isGauge = true}};

@@ -57,11 +57,23 @@ Json settingsShown(SpeakerInterfaceSettings const& settings) {
 
 void LiveSpeaker::show(SpeakerSubject subject) {
   lookAtWishes();
-  // In the order of SpeakerSubject.
-  constexpr Json (LiveSpeaker::*shown[])()
-      const = {&LiveSpeaker::interfacesShown, &LiveSpeaker::neighborsShown, &LiveSpeaker::upstreamShown,
-               &LiveSpeaker::downstreamShown, &LiveSpeaker::countersShown};
-  reply_->event.members["result"] = (this->*shown[static_cast<std::size_t>(subject)])();
+  reply_->event.members["result"] = shown(subject);
+}
+
+Json LiveSpeaker::shown(SpeakerSubject subject) const {
+  switch (subject) {
+    case SpeakerSubject::interfaces:
+      return interfacesShown();
+    case SpeakerSubject::neighbors:
+      return neighborsShown();
+    case SpeakerSubject::upstream:
+      return upstreamShown();
+    case SpeakerSubject::downstream:
+      return downstreamShown();
+    case SpeakerSubject::counters:
+      return countersShown();
+  }
+  return nullptr;
 }
 
 // An interface has the values of its first family that is up, beside those of each.

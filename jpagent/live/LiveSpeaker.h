@@ -222,6 +222,7 @@ class LiveSpeaker final : public SpeakerCommands, private Speaker::Sink, private
   Reply reply(std::string_view line, std::string_view error);
   std::vector<Counter> counters() const;
   void showPrometheus();
+  Json shown(SpeakerSubject subject) const;
   Json interfacesShown() const;
   Json neighborsShown() const;
   Json upstreamShown() const;

@@ -42,6 +42,9 @@ class PIM_SPEAKER_API LanValues {
   /// A neighbor has ended.
   void remove(IpGenAddr const& neighbor, LanOptions const& previous);
 
+  /// All neighbors. The reference is valid as long as this object.
+  std::set<IpGenAddr> const& neighbors() const { return byAddress_; }
+
   /// Effective_Propagation_Delay, in seconds: the largest of all, or the default if a neighbor lacks option
   /// 2.
   Seconds propagationDelay() const;

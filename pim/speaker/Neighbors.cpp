@@ -85,11 +85,13 @@ Neighbors::~Neighbors() = default;
 
 // --- Sending -------------------------------------------------------------------------------------
 
-Wire::Hello Neighbors::hello() const {
+Wire::Hello Neighbors::hello() const { return helloWith(settings_); }
+
+Wire::Hello Neighbors::helloWith(HelloSettings const& settings) const {
   Wire::Hello hello;
-  hello.holdTimeIs(announcedHoldTime(settings_));
-  hello.lanPruneDelayIs(settings_.lanPruneDelay);
-  hello.drPriorityIs(settings_.drPriority);
+  hello.holdTimeIs(announcedHoldTime(settings));
+  hello.lanPruneDelayIs(settings.lanPruneDelay);
+  hello.drPriorityIs(settings.drPriority);
   hello.generationIdIs(generationId_);
   for (auto const& address : secondaryAddresses_) hello.addressAdd(address);
   return hello;
@@ -170,16 +172,18 @@ void Neighbors::secondaryAddressesIs(std::vector<IpGenAddr> addresses) {
 
 void Neighbors::settingsIs(HelloSettings const& settings) {
   requireValid(settings);
-  if (ended_ || settings == settings_) return;
+  if (ended_) return;
   Life::Watch const watch(life_);
-  Wire::Hello const announced = hello();
-  settings_ = settings;
-  values_.ownIs(ownOptions(settings));
-  periodicDue_ = std::min(periodicDue_, wheel_->now() + settings_.period);
-  arm();
-  if (hellosSent_ != 0 && hello() != announced) sendAtOnce();
-  if (watch.ended() || ended_) return;
-  tellChanges();
+  if (settings != settings_) {
+    bool const isAnnounced = hellosSent_ != 0 && helloWith(settings) != hello();
+    settings_ = settings;
+    values_.ownIs(ownOptions(settings));
+    periodicDue_ = std::min(periodicDue_, wheel_->now() + settings_.period);
+    arm();
+    if (isAnnounced) sendAtOnce();
+    if (watch.ended() || ended_) return;
+  }
+  tellChanges();  // those, too, that the same call could not tell before, for want of memory
 }
 
 void Neighbors::end() {
@@ -193,11 +197,8 @@ void Neighbors::end() {
     owner_.sendHello(goodbye);
     if (watch.ended()) return;
   }
-  for (NeighborInfo const& info : snapshot()) {
-    auto const entry = entries_.find(info.address);
-    if (entry != entries_.end()) remove(entry->second, Kind::linkDown);
-    if (watch.ended()) return;
-  }
+  while (!watch.ended() && !values_.neighbors().empty())
+    remove(entries_.find(*values_.neighbors().begin())->second, Kind::linkDown);
 }
 
 // --- Receiving -----------------------------------------------------------------------------------
@@ -421,9 +422,7 @@ std::optional<IpGenAddr> Neighbors::neighborOf(IpGenAddr const& address) const {
 std::vector<NeighborInfo> Neighbors::snapshot() const {
   std::vector<NeighborInfo> all;
   all.reserve(entries_.size());
-  for (auto const& [address, entry] : entries_) all.push_back(entry.info);
-  std::sort(all.begin(), all.end(),
-            [](NeighborInfo const& a, NeighborInfo const& b) { return a.address < b.address; });
+  for (auto const& address : values_.neighbors()) all.push_back(entries_.find(address)->second.info);
   return all;
 }
 

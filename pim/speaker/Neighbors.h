@@ -172,8 +172,9 @@ class PIM_SPEAKER_API Neighbors {
   ~Neighbors();
 
   /// The link goes down or changes its primary address: sends a Hello with hold time 0; then all neighbors
-  /// end, with their events. Nothing is taken or sent any more. The second time: nothing, except after an
-  /// exception.
+  /// end, with their events. Only the goodbye
+  /// needs memory. Nothing is taken or sent any more. The second time:
+  /// nothing, except after an exception.
   void end();
 
   /// The other addresses of the interface, announced at once if they changed. Throws as requireListable() and
@@ -238,6 +239,7 @@ class PIM_SPEAKER_API Neighbors {
   };
 
   Wire::Hello hello() const;
+  Wire::Hello helloWith(HelloSettings const& settings) const;
   Sent send();
   Sent sendAtOnce();
   void answer();

@@ -144,7 +144,8 @@ MessageReport PacketManager::send(Dova::IntfId const& intf, Vel::Ptr<Data> const
       if (!transmitter_) return {};  // the filter or the suppression has ended this
       std::vector<U8> bytes =
           Wire::encodeJoinPrune(composer.message(), envelope.source, envelope.destination);
-      sink_.send({intf, envelope.source, envelope.destination, composer.takeMessage(), std::move(bytes)});
+      sink_.send({intf, envelope.source, envelope.destination, composer.takeMessage(), std::move(bytes),
+                  composer.prunesLeftOut()});
     }
   } catch (std::exception const& error) {
     AGENT_TRACE(intf << " to " << data->upstreamNeighbor() << ": not sent: " << error.what());

@@ -66,6 +66,7 @@ struct OutgoingPacket {
   IpGenAddr destination;    ///< ALL-PIM-ROUTERS of the family.
   Wire::JoinPrune message;  ///< What the bytes say.
   std::vector<U8> bytes;    ///< The PIM message, without the IP header.
+  U64 prunesLeftOut = 0;    ///< (S,G,rpt) prunes that it has no room for beside their (*,G) join.
 };
 
 /// Where packets go. What it throws means that the packet was not sent.

@@ -147,6 +147,7 @@ struct SpeakerCounters {
   U64 sendingFailed = 0;                                 ///< How often it failed.
   std::map<std::string, U64, std::less<>> failures;      ///< The same by the sink's reason, 32 at most.
   U64 overrideIntervalChanges = 0;                       ///< How often an engine was given another one.
+  U64 prunesLeftOut = 0;  ///< (S,G,rpt) prunes that had no room in the message of their (*,G) join.
 
   /// How many packets had this verdict.
   U64 of(Verdict verdict) const { return verdicts[static_cast<std::size_t>(verdict)]; }

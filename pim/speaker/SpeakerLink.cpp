@@ -22,6 +22,11 @@ constexpr Seconds paceDelay = 0.001;
 // The engine's interval is in whole seconds; what a fraction is less than that, keepPace() sees to.
 U32 wholeInterval(Seconds interval) { return static_cast<U32>(std::ceil(interval)); }
 
+// An idle timer is armed too.
+void noLater(Vel::Ptr<Zanth::TimerWheel::Notifiee> const& timer, Seconds time) {
+  if (timer && timer->timeMin() > time) timer->timeMinIs(time);
+}
+
 // What tells the packet manager that nothing was sent.
 struct NotSent : std::runtime_error {
   NotSent() : std::runtime_error("the sink wants it later") {}
@@ -144,14 +149,12 @@ void SpeakerLink::adjust() {
   Engine const engine = engine_;
   engine.intf->usedAddressWithMaskIs(setup.primary);  // with another mask length
   engine.intf->joinPruneHoldTimeIs(setup.settings.joinPruneHoldTime);
-  bool const isShorter = setup.settings.joinPruneInterval < engine.intf->joinPruneInterval();
   engine.intf->joinPruneIntervalIs(wholeInterval(setup.settings.joinPruneInterval));
   engine.manager->mtuIs(intf_, setup.settings.mtu);
   if (watch.ended() || !neighbors_) return;
-  if (isShorter || hasFraction()) {
-    Seconds const latest = speaker_.wheel_->now() + setup.settings.joinPruneInterval;
-    for (auto const& neighbor : neighbors_->snapshot()) refreshNoLaterThan(neighbor.address, latest);
-  }
+  Seconds const latest = speaker_.wheel_->now() + setup.settings.joinPruneInterval;
+  for (auto const& neighbor : neighbors_->values().neighbors())
+    if (auto const refresh = runningRefresh(neighbor)) noLater(refresh->periodicTimer(), latest);
   keepPace();
   if (watch.ended() || !neighbors_) return;
   neighbors_->settingsIs(setup.settings.hello);
@@ -178,6 +181,7 @@ void SpeakerLink::send(OutgoingPacket const& packet) {
   Sent const sent = speaker_.send(Wire::PimType::joinPrune, intf_, packet.source, packet.bytes);
   if (sent == Sent::later) throw NotSent();
   if (watch.ended()) return;
+  speaker_.counters_.prunesLeftOut += packet.prunesLeftOut;
   // The first routes have the refresh begin an interval later. If more than a slice of them have followed, it
   // would come to the last of them after two intervals.
   if (!same.ended()) hastenRefresh(packet.message.upstreamNeighbor(), 1);
@@ -275,42 +279,36 @@ void SpeakerLink::remakeMachine(IpGenAddr const& neighbor) {
   auto const timeOf = [](auto const& timer) { return timer ? timer->timeMin() : Vel::never; };
   Seconds const triggered = timeOf(old->triggeredTimer()), overriding = timeOf(old->overrideTimer());
   Seconds const refresh = nextRefreshOf(address);
+  SameLink const same(*this);
   machine->joinPruneNeighborSmDel(address);
-  machine->handleNeighbor(address);
+  if (!same.ended()) machine->handleNeighbor(address);
+  if (same.ended()) return;
   Vel::Ptr<JoinPruneNeighborSm> const made = machine->joinPruneNeighborSm(address);
   if (!made || made == old) return;
-  auto const noLater = [](auto const& timer, Seconds time) {
-    if (timer && timer->timeMin() > time) timer->timeMinIs(time);
-  };
   noLater(made->triggeredTimer(), triggered);
   noLater(made->overrideTimer(), overriding);
-  refreshNoLaterThan(address, refresh);
+  if (auto const running = runningRefresh(address)) noLater(running->periodicTimer(), refresh);
 }
 
-// Null without one. Its timer follows no change of the interval or of the number of routes while it runs, but
-// takes an earlier time as it is.
-Vel::Ptr<PeriodicTimerSm> SpeakerLink::refreshOf(IpGenAddr const& neighbor) const {
+// Null unless its timer is armed. While it is armed, the timer follows no change of the interval or of the
+// number of routes, but takes an earlier time as it is.
+Vel::Ptr<PeriodicTimerSm> SpeakerLink::runningRefresh(IpGenAddr const& neighbor) const {
   auto const machine = engine_.machine->joinPruneNeighborSm(neighbor);
-  if (!machine) return nullptr;
-  return machine->joinPrunePeriodicTimerSm();
+  auto const refresh = machine ? machine->joinPrunePeriodicTimerSm() : nullptr;
+  auto const timer = refresh ? refresh->periodicTimer() : nullptr;
+  return timer && timer->timeMin() != Vel::never ? refresh : nullptr;
 }
 
 // Never without a refresh.
 Seconds SpeakerLink::nextRefreshOf(IpGenAddr const& neighbor) const {
-  auto const refresh = refreshOf(neighbor);
-  auto const timer = refresh ? refresh->periodicTimer() : nullptr;
-  return timer ? timer->timeMin() : Vel::never;
-}
-
-void SpeakerLink::refreshNoLaterThan(IpGenAddr const& neighbor, Seconds time) {
-  if (Seconds const next = nextRefreshOf(neighbor); next == Vel::never || next <= time) return;
-  refreshOf(neighbor)->periodicTimer()->timeMinIs(time);
+  auto const refresh = runningRefresh(neighbor);
+  return refresh ? refresh->periodicTimer()->timeMin() : Vel::never;
 }
 
 // Has the next slice come within this part of a slice's interval.
 void SpeakerLink::hastenRefresh(IpGenAddr const& neighbor, double part) {
-  if (auto const refresh = refreshOf(neighbor))
-    refreshNoLaterThan(neighbor, speaker_.wheel_->now() + refresh->periodicParams().interval * part);
+  if (auto const refresh = runningRefresh(neighbor))
+    noLater(refresh->periodicTimer(), speaker_.wheel_->now() + refresh->periodicParams().interval * part);
 }
 
 bool SpeakerLink::hasFraction() const {
@@ -322,9 +320,9 @@ void SpeakerLink::keepPace() {
   if (!hasFraction()) return paceTimer_.stop();
   Seconds const part = present_.settings.joinPruneInterval / engine_.intf->joinPruneInterval();
   Seconds earliest = Vel::never;
-  for (auto const& neighbor : neighbors_->snapshot()) {
-    hastenRefresh(neighbor.address, part);
-    earliest = std::min(earliest, nextRefreshOf(neighbor.address));
+  for (auto const& neighbor : neighbors_->values().neighbors()) {
+    hastenRefresh(neighbor, part);
+    earliest = std::min(earliest, nextRefreshOf(neighbor));
   }
   paceTimer_.armAt(earliest == Vel::never ? Vel::never
                                           : std::max(earliest, speaker_.wheel_->now()) + paceDelay);

@@ -126,7 +126,7 @@ void UpstreamRoutes::move(Joined& joined, UpstreamNeighbor const& upstream, IpGe
 
 // Whether its neighbor has been told of all routes towards it, or is about to be.
 bool UpstreamRoutes::isSettled(Target const& target) {
-  return target.isUp() && target.unwritten.alone() && !target.firstToCome(true) &&
+  return target.isUp() && target.unwritten.alone() && !target.firstToCome(false) &&
          !(target.timer && target.timer->armed());
 }
 
@@ -156,10 +156,12 @@ std::size_t UpstreamRoutes::moveAll(UpstreamNeighbor const& from, UpstreamNeighb
     step(*joined);
     if (watch.ended()) return moved;
   }
-  if (Target* const target = findTarget(from)) {
-    target->routes.takeAll(target->unwritten);
-    forEachRoute(*target, target->routes, step, true);
+  Target* target = findTarget(from);
+  for (; target && !target->unwritten.alone(); target = findTarget(from)) {
+    step(ofTarget(target->unwritten.next()));
+    if (watch.ended()) return moved;
   }
+  if (target) forEachRoute(*target, target->routes, step, true);
   return moved;
 }
 

@@ -111,9 +111,46 @@ class Filter final : public JoinPruneFilter {
   bool deny(IpGenAddr const& group) const override { return deniesGroup(group); }
 };
 
-class Library {
+// A clock, and what was sent.
+class Side {
  public:
-  Library(Shape const& shape, U32 neighbors) : addresses_(shape.family), shape_(shape) {
+  explicit Side(Shape const& shape) : addresses_(shape.family), shape_(shape) {}
+  virtual ~Side() = default;
+
+  virtual void add(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group,
+                   IpGenAddr const& source) = 0;
+  virtual void remove(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group,
+                      IpGenAddr const& source) = 0;
+  // Late: all that is due by then comes at the end.
+  void advance(Seconds end, bool late = false) {
+    if (late) time_ = end;
+    while (nextDeadline() <= end) {
+      time_ = std::max(time_, nextDeadline());
+      expire();
+    }
+    time_ = end;
+  }
+
+  Log log;
+
+ protected:
+  virtual Seconds nextDeadline() const = 0;
+  virtual void expire() = 0;
+  // False while the link fails.
+  bool send(std::span<U8 const> bytes, IpGenAddr const& source) {
+    if (shape_.fails && isDown(time_)) return false;
+    log.add(time_, bytes, source, shape_.mtu - (addresses_.isIpv4 ? 20 : 40));
+    return true;
+  }
+
+  Addresses const addresses_;
+  Shape const shape_;
+  Seconds time_ = 0;
+};
+
+class Library final : public Side {
+ public:
+  Library(Shape const& shape, U32 neighbors) : Side(shape) {
     auto const pim = Vel::create<Status>();
     auto const eth0 = Vel::create<Intf>(Dova::IntfId("eth0"));
     eth0->usedAddressWithMaskIs(Dova::IpGenPrefix(addresses_.own(), addresses_.isIpv4 ? 24 : 64));
@@ -136,39 +173,27 @@ class Library {
                                          wheel_);
   }
 
-  void add(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group, IpGenAddr const& source) {
+  void add(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group, IpGenAddr const& source) override {
     auto const found = data(neighbor, way)->joinPruneGroupDataIs(group);
     if (!Packet::hasEntry(*found, kind, source)) Packet::addEntry(*found, kind, source);
   }
-  void remove(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group, IpGenAddr const& source) {
+  void remove(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group,
+              IpGenAddr const& source) override {
     if (auto const found = data(neighbor, way)->joinPruneGroupData(group))
       Packet::removeEntry(*found, kind, source);
   }
-  // Late: all that is due by then comes at the end.
-  void advance(Seconds end, bool late = false) {
-    if (late) time_ = end;
-    while (wheel_->timeMin() <= end) {
-      time_ = std::max(time_, wheel_->timeMin());
-      wheel_->expire();
-    }
-    time_ = end;
-  }
-
-  Log log;
 
  private:
+  Seconds nextDeadline() const override { return wheel_->timeMin(); }
+  void expire() override { wheel_->expire(); }
   Vel::Ptr<Packet::JoinPruneData> data(U32 neighbor, Way way) const {
     IpGenAddr const address = addresses_.neighbor(neighbor);
     return way == Way::triggered ? status_->triggeredGroup(address)
                                  : status_->periodicGroupStatus()->upJoinPrune(address);
   }
 
-  Addresses const addresses_;
-  Shape const shape_;
-  Seconds time_ = 0;
   Speaker::ForwardedPackets sink_{[this](Speaker::OutgoingPacket const& packet) {
-    if (shape_.fails && isDown(time_)) throw std::runtime_error("the link is down");
-    log.add(time_, packet.bytes, packet.source, shape_.mtu - (addresses_.isIpv4 ? 20 : 40));
+    if (!send(packet.bytes, packet.source)) throw std::runtime_error("the link is down");
   }};
   Vel::Ptr<Zanth::TimerWheel> wheel_ = Vel::create<Zanth::TimerWheel>([this] { return time_; });
   Vel::Ptr<JoinPruneStatus> status_ = joinPruneStatusFactory();
@@ -176,16 +201,12 @@ class Library {
   Vel::Ptr<JoinPruneMessageSm> machine_;
 };
 
-class PlainOne {
+class PlainOne final : public Side {
  public:
-  PlainOne(Shape const& shape, U32 neighbors) : addresses_(shape.family), shape_(shape) {
+  PlainOne(Shape const& shape, U32 neighbors) : Side(shape) {
     Plain::Hooks hooks;
     hooks.now = [this] { return time_; };
-    hooks.send = [this](std::span<U8 const> bytes) {
-      if (shape_.fails && isDown(time_)) return false;
-      log.add(time_, bytes, addresses_.own(), shape_.mtu - (addresses_.isIpv4 ? 20 : 40));
-      return true;
-    };
+    hooks.send = [this](std::span<U8 const> bytes) { return send(bytes, addresses_.own()); };
     if (shape.filters) hooks.deny = deniesGroup;
     if (shape.suppresses) hooks.suppress = suppressesEntry;
     engine_ =
@@ -197,27 +218,18 @@ class PlainOne {
     for (U32 i = 0; i < neighbors; ++i) neighbors_.push_back(&engine_->neighborIs(addresses_.neighbor(i)));
   }
 
-  void add(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group, IpGenAddr const& source) {
+  void add(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group, IpGenAddr const& source) override {
     engine_->add(*neighbors_[neighbor], way, kind, group, source);
   }
-  void remove(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group, IpGenAddr const& source) {
+  void remove(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group,
+              IpGenAddr const& source) override {
     engine_->remove(*neighbors_[neighbor], way, kind, group, source);
   }
-  void advance(Seconds end, bool late = false) {
-    if (late) time_ = end;
-    while (engine_->nextDeadline() <= end) {
-      time_ = std::max(time_, engine_->nextDeadline());
-      engine_->expire();
-    }
-    time_ = end;
-  }
-
-  Log log;
 
  private:
-  Addresses const addresses_;
-  Shape const shape_;
-  Seconds time_ = 0;
+  Seconds nextDeadline() const override { return engine_->nextDeadline(); }
+  void expire() override { engine_->expire(); }
+
   std::unique_ptr<Plain::Engine> engine_;
   std::vector<Plain::Engine::Neighbor*> neighbors_;
 };
@@ -225,40 +237,39 @@ class PlainOne {
 // Both, given the same.
 class Both {
  public:
-  explicit Both(Shape const& shape, U32 neighbors = 3) : library(shape, neighbors), plain(shape, neighbors) {}
+  explicit Both(Shape const& shape, U32 neighbors = 3) : ours(shape, neighbors), plain(shape, neighbors) {}
 
   void add(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group, IpGenAddr const& source) {
-    library.add(neighbor, way, kind, group, source);
+    ours.add(neighbor, way, kind, group, source);
     plain.add(neighbor, way, kind, group, source);
   }
   void remove(U32 neighbor, Way way, EntryKind kind, IpGenAddr const& group, IpGenAddr const& source) {
-    library.remove(neighbor, way, kind, group, source);
+    ours.remove(neighbor, way, kind, group, source);
     plain.remove(neighbor, way, kind, group, source);
   }
   void advance(Seconds end, bool late = false) {
-    library.advance(end, late);
+    ours.advance(end, late);
     plain.advance(end, late);
   }
 
   // The same entries at each expiry.
   void compareExpiries() {
-    ASSERT_EQ(library.log.all.size(), plain.log.all.size());
-    for (std::size_t i = 0; i < library.log.all.size(); ++i) {
-      Expiry &ours = library.log.all[i], &theirs = plain.log.all[i];
-      ASSERT_NEAR(ours.time, theirs.time, 1e-6);
-      std::sort(ours.entries.begin(), ours.entries.end());
-      std::sort(theirs.entries.begin(), theirs.entries.end());
-      ASSERT_EQ(ours.entries, theirs.entries) << "at " << ours.time;
+    ASSERT_EQ(ours.log.all.size(), plain.log.all.size());
+    for (std::size_t i = 0; i < ours.log.all.size(); ++i) {
+      Expiry &mine = ours.log.all[i], &other = plain.log.all[i];
+      ASSERT_NEAR(mine.time, other.time, 1e-6);
+      std::sort(mine.entries.begin(), mine.entries.end());
+      std::sort(other.entries.begin(), other.entries.end());
+      ASSERT_EQ(mine.entries, other.entries) << "at " << mine.time;
     }
   }
   // Each has its own order of groups, and so other gaps at the messages' ends.
   void comparePackets() const {
-    double const ours = static_cast<double>(library.log.packets()),
-                 theirs = static_cast<double>(plain.log.packets());
-    EXPECT_NEAR(theirs, ours, 0.02 * ours);
+    double const packets = static_cast<double>(ours.log.packets());
+    EXPECT_NEAR(static_cast<double>(plain.log.packets()), packets, 0.02 * packets);
   }
 
-  Library library;
+  Library ours;
   PlainOne plain;
 };
 
@@ -299,7 +310,7 @@ TEST_P(PlainEngine, SendsWhatTheLibrarySendsAtEachExpiryInAsManyPackets) {
   }
   both.compareExpiries();
   both.comparePackets();
-  for (Expiry const& expiry : both.library.log.all)
+  for (Expiry const& expiry : both.ours.log.all)
     for (Sent const& sent : expiry.entries) ++sentKinds[std::get<EntryKind>(sent)];
   for (EntryKind const kind : entryKinds) EXPECT_GT(sentKinds[kind], 100u) << text(kind);
 }
@@ -327,7 +338,7 @@ TEST(PlainEngineSlices, RefreshManyRoutesWithTheLibrarysPace) {
   for (U32 i = 0; i < 5'300; ++i)
     both.add(0, Way::periodic, EntryKind::sourceJoin, addresses.group(i), addresses.source(i % 3));
   both.advance(45);
-  auto const &ours = both.library.log.all, &theirs = both.plain.log.all;
+  auto const &ours = both.ours.log.all, &theirs = both.plain.log.all;
   ASSERT_GT(ours.size(), 5u);
   // Each has its own order of groups, so a slice is of other routes, but of as many.
   ASSERT_EQ(ours.size(), theirs.size());

@@ -252,6 +252,54 @@ TEST_F(SpeakerFamineTest, AWishOnAnInterfaceThatIsNotThereIsStoredWhollyOrNotAtA
                  });
 }
 
+TEST_F(SpeakerFamineTest, ARouteThatCouldNotBeWrittenIsWrittenWhenAllMoveToAnotherAddressOfItsNeighbor) {
+  auto listing = helloOf();
+  listing.addressAdd(IpGenAddr("10.0.7.2"));
+  forEachRequest(
+      [&] {
+        settle({"10.0.0.3"});
+        hello("10.0.0.2", listing);
+        pass(6);
+      },
+      [&] {
+        speaker->upstream().joinIs({source1, group1}, at("10.0.0.2"));
+      },
+      [&] {
+        bool const isWanted = speaker->upstream().count() != 0;
+        EXPECT_EQ(speaker->upstream().moveAll(at("10.0.0.2"), at("10.0.7.2")), isWanted ? 1u : 0u);
+        EXPECT_EQ(entriesOf(link().periodic(IpGenAddr("10.0.0.2"))).size(), isWanted ? 1u : 0u);
+      });
+}
+
+TEST_F(SpeakerFamineTest, AnIntervalThatCouldNotBeMadeShorterIsMadeSoByTheSameCall) {
+  InterfaceSettings often;
+  often.joinPruneInterval = 5;
+  auto const change = [&] { speaker->interfaceIs("eth0", {"10.0.0.1/24"}, often); };
+  forEachRequest(
+      [&] {
+        settle({"10.0.0.2"});
+        speaker->upstream().joinIs({source1, group1}, at("10.0.0.2"));
+        pass(1);
+      },
+      change,
+      [&] {
+        change();
+        EXPECT_LE(speaker->nextRefresh(at("10.0.0.2")), now + 5);
+      });
+}
+
+TEST_F(SpeakerFamineTest, AnotherOverrideIntervalThatCouldNotBeToldIsToldByTheSameCall) {
+  InterfaceSettings slow;
+  slow.hello.lanPruneDelay.overrideInterval = 9000;
+  auto const change = [&] { speaker->interfaceIs("eth0", {"10.0.0.1/24", "10.0.5.1/24"}, slow); };
+  forEachRequest([&] { settle({"10.0.0.2"}); }, change,
+                 [&] {
+                   change();
+                   EXPECT_EQ(link().overrideInterval(), 9);
+                   EXPECT_EQ(speaker->counters().overrideIntervalChanges, 1u) << "of the engine";
+                 });
+}
+
 TEST_F(SpeakerFamineTest, WhatIsRefreshedIsWhatIsWantedWhicheverRequestsHaveFailed) {
   std::mt19937 random(7761);
   std::size_t failures = 0;
@@ -317,6 +365,68 @@ TEST_F(SpeakerFamineTest, WhatIsRefreshedIsWhatIsWantedWhicheverRequestsHaveFail
     }
   }
   EXPECT_GT(failures, 200u);
+}
+
+// Of a link that ends while every request of memory fails.
+class EndingInFamine : public NeighborsOwner {
+ public:
+  Sent sendHello(Wire::Hello const& hello) override {
+    if (hello.holdTime() == 0) famine.emplace(1, untilEnd);
+    return Sent::done;
+  }
+  void onLanValues() override {}
+  void onNeighborUp(IpGenAddr const&) override {}
+  void onNeighborDown(IpGenAddr const& neighbor) override { ended[ends++ % ended.size()] = neighbor; }
+  void onNeighborRestarted(IpGenAddr const&) override {}
+  U32 routesTowards(IpGenAddr const&) const override { return 0; }
+  void onNeighborEvent(NeighborEvent const&) override {}
+
+  std::optional<Famine> famine;
+  std::array<IpGenAddr, 3> ended;
+  std::size_t ends = 0;
+};
+
+TEST(NeighborsFamineTest, AllNeighborsEndInTheOrderOfTheirAddressesThoughNoRequestOfMemorySucceeds) {
+  EndingInFamine owner;
+  Random random(7761);
+  auto const wheel = Vel::create<Zanth::TimerWheel>([] { return 1000.0; });
+  Neighbors neighbors(owner, Dova::IntfId("eth0"), IpGenAddr("10.0.0.1"), {}, {}, wheel, random);
+  Wire::Hello hello;
+  hello.generationIdIs(1);
+  for (auto const* neighbor : {"10.0.0.9", "10.0.0.2", "10.0.0.4"})
+    neighbors.receive(IpGenAddr(neighbor), hello);
+  neighbors.end();
+  std::size_t const failures = owner.famine->failures();
+  owner.famine.reset();
+  EXPECT_EQ(failures, 0u);
+  EXPECT_EQ(owner.ends, 3u);
+  EXPECT_EQ(owner.ended, (std::array{IpGenAddr("10.0.0.2"), IpGenAddr("10.0.0.4"), IpGenAddr("10.0.0.9")}));
+  EXPECT_EQ(neighbors.count(), 0u);
+}
+
+TEST_F(SpeakerFamineTest, AFloodOfHellosFromDifferentSendersTakesNoMoreMemoryThanTheMostNeighborsDo) {
+  start();
+  InterfaceSettings settings;
+  settings.hello.maxNeighbors = 100;
+  speaker->interfaceIs("eth0", {"10.0.0.1/8"}, settings);
+  auto const flood = [&](U32 from, U32 end) {
+    for (U32 i = from; i < end; ++i) {
+      auto const sender = IpGenAddr::ipv4(0x0a010000u + i);
+      auto const packet = Wire::encodeHello(helloOf(i), sender, Wire::allPimRouters(AddressFamily::ipv4));
+      speaker->receive({.intf = "eth0",
+                        .source = sender,
+                        .destination = Wire::allPimRouters(AddressFamily::ipv4),
+                        .ttl = 1},
+                       packet);
+    }
+  };
+  flood(1, 200);
+  std::size_t const before = CountedHeap::liveBytes;
+  U32 const senders = thorough() ? 1'000'000 : 20'000;
+  flood(200, senders);
+  EXPECT_LE(CountedHeap::liveBytes, before + 1'000);
+  EXPECT_EQ(link().neighborCount(), 100u);
+  EXPECT_EQ(speaker->counters().of(Verdict::tooManyNeighbors), senders - 101);
 }
 
 TEST(LanValuesFamineTest, ANeighborIsAddedWhollyOrNotAtAll) {

@@ -107,6 +107,7 @@ void SpeakerWorld::showCounters() {
   tell("Hellos sent", counters.hellosSent);
   tell("Join/Prunes sent", counters.joinPrunesSent);
   tell("override interval changes", counters.overrideIntervalChanges);
+  tell("(S,G,rpt) prunes left out", counters.prunesLeftOut);
   for (std::size_t i = 0; i < counters.verdicts.size(); ++i)
     tell(fmt::format("received, {}", Speaker::verdictNames[i]), counters.verdicts[i]);
   for (std::size_t i = 0; i < counters.refusals.size(); ++i)

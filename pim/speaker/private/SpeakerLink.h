@@ -115,9 +115,8 @@ class SpeakerLink final : public Link, public NeighborsOwner, public PacketSink,
   void updateOverrideInterval();
   void overrideTimerExpired();
   void remakeMachine(IpGenAddr const& neighbor);
-  Vel::Ptr<PeriodicTimerSm> refreshOf(IpGenAddr const& neighbor) const;
+  Vel::Ptr<PeriodicTimerSm> runningRefresh(IpGenAddr const& neighbor) const;
   Seconds nextRefreshOf(IpGenAddr const& neighbor) const;
-  void refreshNoLaterThan(IpGenAddr const& neighbor, Seconds time);
   void hastenRefresh(IpGenAddr const& neighbor, double part);
   bool hasFraction() const;
   void keepPace();

@@ -26,6 +26,16 @@ void joined(FakeLan& lan, std::string const& route = "(S,G)") {
   lan.sends("B: join " + route);
 }
 
+// A route is joined at B, and what C sends to B is answered by one join.
+auto overrides(std::string const& route, std::string const& heard) {
+  return [=](FakeLan& lan) {
+    joined(lan, route);
+    lan.send("CB", heard);
+    lan.sends("B: join " + route);
+    lan.quiet(afterOverride);
+  };
+}
+
 }  // namespace
 
 std::vector<FakeCase> upstreamCases() {
@@ -145,30 +155,10 @@ std::vector<FakeCase> upstreamCases() {
       // --- What others send to the same neighbor
 
       {"A prune of another router is overridden within the override interval",
-       [](FakeLan& lan) {
-         joined(lan);
-         lan.send("CB", "prune (S,G)");
-         lan.sends("B: join (S,G)");
-         lan.quiet(afterOverride);
-       }},
-      {"A source is joined after a prune of it on the shared tree",
-       [](FakeLan& lan) {
-         joined(lan);
-         lan.send("CB", "prune (S,G,rpt)");
-         lan.sends("B: join (S,G)");
-       }},
-      {"A source is joined after a prune of the shared tree",
-       [](FakeLan& lan) {
-         joined(lan);
-         lan.send("CB", "prune (*,G) rp R");
-         lan.sends("B: join (S,G)");
-       }},
-      {"The prune of a shared tree is overridden with its RP",
-       [](FakeLan& lan) {
-         joined(lan, "(*,G) rp R");
-         lan.send("CB", "prune (*,G) rp R");
-         lan.sends("B: join (*,G) rp R");
-       }},
+       overrides("(S,G)", "prune (S,G)")},
+      {"A source is joined after a prune of it on the shared tree", overrides("(S,G)", "prune (S,G,rpt)")},
+      {"A source is joined after a prune of the shared tree", overrides("(S,G)", "prune (*,G) rp R")},
+      {"The prune of a shared tree is overridden with its RP", overrides("(*,G) rp R", "prune (*,G) rp R")},
       {"A prune to another router, of another route or of what is not wanted is not overridden",
        [](FakeLan& lan) {
          joined(lan);

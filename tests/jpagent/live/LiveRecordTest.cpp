@@ -163,9 +163,11 @@ TEST(LiveRecordTest, ARecordingOfRandomTrafficPerformsToTheSameLines) {
   auto const difference = shell("cmp " + lab.path("seen") + " " + lab.path("again"));
   EXPECT_EQ(difference.status, 0) << difference.output;
   EXPECT_EQ(one.other(), "");
-  if (HasFailure())
-    std::filesystem::copy_file(lab.path("record"), "live-recording.txt",
-                               std::filesystem::copy_options::overwrite_existing);
+  if (HasFailure()) {
+    auto const kept = testing::TempDir() + "live-recording.txt";
+    std::filesystem::copy_file(lab.path("record"), kept, std::filesystem::copy_options::overwrite_existing);
+    ADD_FAILURE() << "the recording is kept: " << kept;
+  }
 }
 
 }  // namespace

@@ -35,12 +35,16 @@ class NeighborMachineTest : public testing::Test, protected World {
 class NeighborLog final : public JoinPruneNeighborSm::NotifieeConst {
  public:
   explicit NeighborLog(Vel::Ptr<JoinPruneNeighborSm> const& sm) { notifierIs(sm); }
-  void onNumPeriodicRoutes() override { lines.push_back("routes " + text(notifier()->numPeriodicRoutes())); }
+  void onNumPeriodicRoutes() override {
+    lines.push_back("routes " + text(notifier()->numPeriodicRoutes()));
+    if (atCount) atCount();
+  }
   void onTriggeredGroupData(Dova::IpGenAddr g) override { note("triggered " + text(g), g); }
   void onOverrideGroupData(Dova::IpGenAddr g) override { note("override " + text(g), g); }
   void onPeriodicGroupData(Dova::IpGenAddr g) override { note("periodic " + text(g), g); }
   Lines lines;
   std::function<void(Dova::IpGenAddr)> act;
+  std::function<void()> atCount;
 
  private:
   void note(std::string const& line, Dova::IpGenAddr const& g) {
@@ -356,20 +360,11 @@ TEST_F(NeighborMachineTest, ThatIsRetiredWhileItReadsTheTimeAtTheBeginningOfAnEx
 }
 
 TEST_F(NeighborMachineTest, ThatIsRetiredByTheCountOfAWildcardSaysNothingMore) {
-  class AtTheCount final : public JoinPruneNeighborSm::NotifieeConst {
-   public:
-    AtTheCount(Vel::Ptr<JoinPruneNeighborSm> const& sm, std::function<void()> const& act) : act_(act) {
-      notifierIs(sm);
-    }
-    void onNumPeriodicRoutes() override { act_(); }
-
-   private:
-    std::function<void()> const act_;
-  };
-  auto const ending = Vel::create<AtTheCount>(own, [&] {
+  auto const ending = Vel::create<NeighborLog>(own);
+  ending->atCount = [&] {
     machine->joinPruneNeighborSmDel(addr(N));
     log.clear();
-  });
+  };
   group(periodic(N), G)->wcSourceDataIs(wildcard("10.255.0.1"));
   EXPECT_TRUE(own->retired());
   EXPECT_THAT(log.take(), IsEmpty());

@@ -250,6 +250,29 @@ TEST_F(SpeakerMidFlightTest, AnyTraceLineMayTakeTheAddressesAwayOrReplaceThem) {
   }
 }
 
+TEST_F(SpeakerMidFlightTest, AnyTraceLineMayDestroyTheSpeaker) {
+  int n = 0;
+  do {
+    start();
+    settle();
+    want({"239.1.1.1"});
+    atLine(++n, [&] { speaker.reset(); });
+    auto slow = plainHello();
+    slow.lanPruneDelayIs(Wire::LanPruneDelay{.overrideInterval = 9000});
+    auto const step = [&](auto const& act) {
+      if (speaker) act();
+    };
+    step([&] { hello("10.0.0.4", slow); });
+    step([&] { join("10.0.0.2", "10.0.0.1", {"239.1.1.1"}); });
+    step([&] { hello("10.0.0.2", plainHello(0)); });
+    step([&] { hello("10.0.0.2"); });
+    pass(1);
+    traceNothing();
+    EXPECT_EQ(speaker == nullptr, isReached);
+  } while (isReached && !HasFailure());
+  EXPECT_GT(n, 20);
+}
+
 TEST_F(SpeakerMidFlightTest, AJoinPruneIsNotSentFromAnAddressThatItsHelloHasTakenAway) {
   start();
   settle();

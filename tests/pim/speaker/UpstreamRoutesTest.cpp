@@ -184,6 +184,16 @@ TEST_P(UpstreamRoutesTest, AnotherAddressOfTheSameNeighborIsNoMove) {
   EXPECT_THAT(sentUntil(64), UnorderedElementsAre("N2: prune (S1,G1)", "N1: join (S1,G1)"));
 }
 
+TEST_P(UpstreamRoutesTest, AMoveOfAllRoutesToAnotherAddressOfTheSameNeighborSendsNothing) {
+  eth0.link.secondary[names.address("N77")] = names.address("N1");
+  join("(S1,G1)", "N1");
+  join("(S2,G1)", "N1");
+  join("(*,G1)", "N1");
+  EXPECT_THAT(sentUntil(1), SizeIs(1));
+  EXPECT_EQ(upstream->moveAll(at("N1"), at("N77")), 3u);
+  EXPECT_THAT(sentUntil(2), IsEmpty());
+}
+
 TEST_P(UpstreamRoutesTest, ARouteFollowsTheAddressThatItNamesToTheNeighborThatHasIt) {
   eth0.link.secondary[names.address("N77")] = names.address("N1");
   join("(S1,G1)", "N77");
