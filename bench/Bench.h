@@ -90,10 +90,8 @@ struct Row {
   std::string what;
   std::string reference;      ///< "plain", "floor" or a peer's name.
   double atMost = 0;          ///< The bar: ours is at most so many times the reference.
-  double atLeastFaster = 0;   ///< Or: the reference takes at least so many times what ours does.
-  double atMostBeyond = 0;    ///< Or: ours is at most so much more than the reference, in its own unit.
   double atMostAbsolute = 0;  ///< Or: ours is at most so much; the reference is there for comparison.
-                              ///< With none of these the row is for comparison alone.
+                              ///< With neither the row is for comparison alone.
   std::string unit = "ns";
   std::string ours = {};  ///< Another name of a benchmark.
   std::string theirs = {};

@@ -127,8 +127,6 @@ std::string textOf(std::vector<Row> const& all) {
                      {"what", row.what},
                      {"reference", row.reference},
                      {"atMost", row.atMost},
-                     {"atLeastFaster", row.atLeastFaster},
-                     {"atMostBeyond", row.atMostBeyond},
                      {"atMostAbsolute", row.atMostAbsolute},
                      {"unit", row.unit},
                      {"ours", row.ours.empty() ? common + "ours" : row.ours},
