@@ -44,9 +44,9 @@ TEST(RecordingTest, ARandomRunIsPerformedAgainWithTheSameOutputToTheByte) {
   for (U32 seed = thorough() ? 1 : 2; seed <= (thorough() ? 60u : 3u); ++seed) {
     SCOPED_TRACE(seed);
     bool const isJson = seed % 3 != 0;
-    record(seed, isJson, recorded, printed, thorough() ? 1500 : 700);
+    record(seed, isJson, recorded, printed, thorough() ? 1500 : 500);
     auto const output = readText(printed);
-    ASSERT_GT(lines(output).size(), 500u);
+    ASSERT_GT(lines(output).size(), 300u);
     auto const performed = run(JPAGENT, {"simulate", recorded});
     EXPECT_EQ(performed.status, 0) << performed.err;
     ASSERT_TRUE(performed.out == output)
@@ -60,7 +60,7 @@ TEST(RecordingTest, ARandomRunIsPerformedAgainWithTheSameOutputToTheByte) {
 TEST(RecordingTest, WhatIsLeftOfAKilledProcessIsPerformedUpToItsLastInput) {
   TemporaryFolder const folder;
   auto const recorded = folder.file("recorded"), printed = folder.file("printed");
-  record(7, true, recorded, printed, 300, true);
+  record(7, true, recorded, printed, 150, true);
   auto const text = readText(recorded);
   // Wherever it is cut, what was printed until then comes out.
   auto const output = readText(printed);
