@@ -10,9 +10,11 @@ TASK is the text of a heading "## TASK". Its blocks are performed in order, in n
 Routers of the LAN are jpagents too. Comments of the page say what they do:
   <!-- lan: 10.0.0.2 10.0.0.3 -->           which there are; 10.0.0.2 if nothing is said
   <!-- 10.0.0.2: LINE -->                   is typed there
+  <!-- here: LINE -->                       is typed in the terminal: the test has no time for usual delays
   <!-- 10.0.0.2 says once: TEXT -->         waits until it is printed there
   <!-- 10.0.0.2 says 3 times: TEXT -->      waits until it has been printed there so many times
 sudo, systemctl and journalctl are stand-ins, and files below /etc, /run and /usr are in a folder of the test.
+Unless JOINPRUNE_THOROUGH is set, as scripts/prove does, there are a tenth of the 10,000 routes.
 Ends with 77, which ctest takes for "skipped", where there can be no network namespaces.
 """
 import os
@@ -31,6 +33,8 @@ STEP = re.compile(r'^<!-- (?P<place>[\w.]+)(?: says (?P<times>[\d,]+ times|once)
 # What is another one each time.
 VARYING = [(re.compile(pattern), r'\1') for pattern in (
     r'\d{4}-\d\d-\d\dT[\d:.]+Z()', r'(generation"?[ :])\d+', r'(expires"?[ :])[\d.]+', r'(next"?[ :])[\d.]+')]
+# Fewer routes, and the last of them.
+FEWER = {'10000': '1000', '10,000': '1,000', '5000': '500', '5,000': '500', '239.1.39.15': '239.1.3.231'}
 CONFIGURATION = '[interface.eth0]\nhello = 1\nhello-hold = 105\nhello-delay = 0\n'
 STAND_INS = {
     'sudo': 'exec "$@"',
@@ -192,6 +196,8 @@ class Task:
             if step['times']:
                 times = 1 if step['times'] == 'once' else int(step['times'].split()[0].replace(',', ''))
                 self.routers[step['place']].counts(times, step['text'])
+            elif step['place'] == 'here':
+                self.terminal.type(step['text'])
             elif step['place'] and step['place'] != 'lan':
                 self.routers[step['place']].type(step['text'])
             elif kind == 'sh' and block.startswith('sudo jpagent run'):
@@ -262,8 +268,12 @@ def main(jpagent, page, title):
     with open(page) as file:
         parts = re.split(r'^##? (.*)\n', file.read(), flags=re.M)
     sections = dict(zip(parts[1::2], parts[2::2]))
-    steps = list(STEP.finditer(sections[title]))
-    if sections[title].count('\n```') != 2 * sum(step['kind'] is not None for step in steps):
+    section = sections[title]
+    if not os.environ.get('JOINPRUNE_THOROUGH'):
+        few = r'(?<![\d.])(%s)(?![\d.])' % '|'.join(map(re.escape, FEWER))
+        section = re.sub(few, lambda many: FEWER[many[0]], section)
+    steps = list(STEP.finditer(section))
+    if section.count('\n```') != 2 * sum(step['kind'] is not None for step in steps):
         raise Failed('blocks that are not understood')
     if not any(step['kind'] in ('sh', 'jpagent') for step in steps):
         raise Failed('a task without a command')

@@ -26,10 +26,10 @@ U16 headerChecksum(std::span<U8 const> header) {
 }
 
 std::vector<U8> ipv4Header(IpGenAddr const& source, IpGenAddr const& destination, U8 protocol,
-                           std::size_t size) {
+                           std::size_t size, U8 ttl) {
   std::vector<U8> header = {0x45, networkControl};
   put16(header, 20 + size);
-  put(header, std::vector<U8>{0, 0, 0, 0, 1, protocol, 0, 0});
+  put(header, std::vector<U8>{0, 0, 0, 0, ttl, protocol, 0, 0});
   put(header, source.bytes());
   put(header, destination.bytes());
   U16 const checksum = headerChecksum(header);
@@ -39,10 +39,10 @@ std::vector<U8> ipv4Header(IpGenAddr const& source, IpGenAddr const& destination
 }
 
 std::vector<U8> ipv6Header(IpGenAddr const& source, IpGenAddr const& destination, U8 protocol,
-                           std::size_t size) {
+                           std::size_t size, U8 ttl) {
   std::vector<U8> header = {0x60 | networkControl >> 4, 0, 0, 0};
   put16(header, size);
-  put(header, std::vector<U8>{protocol, 1});
+  put(header, std::vector<U8>{protocol, ttl});
   put(header, source.bytes());
   put(header, destination.bytes());
   return header;
@@ -62,9 +62,9 @@ void putMulticastStation(std::vector<U8>& to, std::span<U8 const> datagram) {
 }  // namespace
 
 std::vector<U8> ipDatagram(IpGenAddr const& source, IpGenAddr const& destination, U8 protocol,
-                           std::span<U8 const> payload) {
-  auto datagram = source.isIpv4() ? ipv4Header(source, destination, protocol, payload.size())
-                                  : ipv6Header(source, destination, protocol, payload.size());
+                           std::span<U8 const> payload, U8 ttl) {
+  auto datagram = source.isIpv4() ? ipv4Header(source, destination, protocol, payload.size(), ttl)
+                                  : ipv6Header(source, destination, protocol, payload.size(), ttl);
   put(datagram, payload);
   return datagram;
 }

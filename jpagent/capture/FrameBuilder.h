@@ -14,10 +14,10 @@ using Dova::IpGenAddr;
 using Vel::U16;
 using Vel::U8;
 
-/// An IP datagram with a hop limit of 1, as PIM messages to neighbors have (RFC 7761, 4.9). REQUIRES: both
-/// addresses are of one known family; the payload fits.
+/// An IP datagram, with the TTL or hop limit of PIM messages to neighbors (RFC 7761, 4.9) unless another is
+/// given. REQUIRES: both addresses are of one known family; the payload fits.
 std::vector<U8> ipDatagram(IpGenAddr const& source, IpGenAddr const& destination, U8 protocol,
-                           std::span<U8 const> payload);
+                           std::span<U8 const> payload, U8 ttl = 1);
 
 /// An Ethernet frame around a datagram, padded to the 60 bytes that a wire demands. Tags are VLAN
 /// identifiers, the outermost first: one makes an 802.1Q frame, several make QinQ. REQUIRES: the destination

@@ -23,7 +23,7 @@ ControlClient::ControlClient(ControlServer& server, int descriptor, bool asJson)
     : json(asJson),
       server_(server),
       descriptor_(descriptor),
-      watch_(server.loop_, descriptor, [this](int) { onReady(); }) {
+      watch_(server.loop_, descriptor, [this] { onReady(); }) {
   watch_.eventsAre(UV_READABLE);
 }
 
@@ -77,7 +77,7 @@ ControlServer::ControlServer(uv_loop_t& loop, std::string path, bool json, Comma
   try {
     listenAt();
     spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    watch_.emplace(loop_, descriptor_, [this](int) { accept(); });
+    watch_.emplace(loop_, descriptor_, [this] { accept(); });
   } catch (...) {
     if (descriptor_ >= 0) close(descriptor_);
     throw;

@@ -29,6 +29,12 @@ class LiveSpeaker::Denied final : public JoinPruneFilter {
   PrefixTable<bool> groups_;
 };
 
+/// JSON's null for nothing.
+template <class Value>
+Json orNull(std::optional<Value> const& value) {
+  return value ? Json(*value) : Json(nullptr);
+}
+
 /// A route as events and `show` name it, with the RP of a (*,G).
 Json routeMembers(Speaker::Route const& route, std::optional<IpGenAddr> const& rp);
 

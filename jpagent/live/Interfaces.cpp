@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "jpagent/live/Interfaces.h"
 
-#include <net/if.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
@@ -18,22 +16,14 @@ bool hasFamily(KernelLink const& link, AddressFamily family) {
 
 }  // namespace
 
-bool canBeInterface(std::string_view name) {
-  if (name.empty() || name.size() >= IFNAMSIZ || name == "." || name == "..") return false;
-  return std::none_of(name.begin(), name.end(), [](char c) {
-    return c == '/' || c == ':' || c == '%' || static_cast<unsigned char>(c) <= ' ';
-  });
-}
-
 Interfaces::Socket::Socket(Loop& loop, KernelLink const& link, AddressFamily family,
                            std::function<void()> readable)
-    : socket(link.name, link.index, family),
-      watch(loop.uv(), socket.descriptor(), [readable = std::move(readable)](int) { readable(); }) {
+    : socket(link.name, link.index, family), watch(loop.uv(), socket.descriptor(), std::move(readable)) {
   watch.eventsAre(UV_READABLE);
 }
 
 Interfaces::Interfaces(Loop& loop, InterfacesOwner& owner)
-    : loop_(loop), owner_(owner), watch_(loop.uv(), kernel_.descriptor(), [this](int) {
+    : loop_(loop), owner_(owner), watch_(loop.uv(), kernel_.descriptor(), [this] {
         try {
           kernel_.receive();
         } catch (std::system_error const& e) {

@@ -25,9 +25,6 @@ class InterfacesOwner {
   virtual void onSocketFailed(std::string const& name, std::string const& reason) = 0;
 };
 
-/// Whether the kernel could have an interface of that name.
-bool canBeInterface(std::string_view name);
-
 class Interfaces {
  public:
   /// Throws std::system_error if the kernel cannot be asked.

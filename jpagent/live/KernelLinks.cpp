@@ -147,7 +147,7 @@ void KernelLinks::takeLink(nlmsghdr const& message) {
   if (found[IFLA_IFNAME]) link.name = mnl_attr_get_str(found[IFLA_IFNAME]);
   if (found[IFLA_MTU]) link.mtu = mnl_attr_get_u32(found[IFLA_MTU]);
   link.isRunning = (info.ifi_flags & IFF_UP) != 0 && (info.ifi_flags & IFF_RUNNING) != 0;
-  link.isPointToPoint = (info.ifi_flags & IFF_POINTOPOINT) != 0;
+  link.pointToPoint = (info.ifi_flags & IFF_POINTOPOINT) != 0;
 }
 
 void KernelLinks::takeAddress(nlmsghdr const& message) {

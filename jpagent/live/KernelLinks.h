@@ -8,30 +8,18 @@
 #include <string>
 #include <vector>
 
-#include "runtime/dova/IpGenPrefix.h"
+#include "jpagent/live/LiveSpeaker.h"
 
 struct mnl_socket;
 struct nlmsghdr;
 
 namespace Routing::Pim::Jpagent::Live {
 
-using Dova::IpGenAddr;
-using Dova::IpGenPrefix;
-using Vel::U16;
-using Vel::U32;
-using Vel::U8;
-
-/// An interface as the kernel has it.
-struct KernelLink {
+/// An interface as the kernel has it. Of its addresses IPv4 is first, in the kernel's order, primary ones
+/// first; then IPv6, the oldest first, so that a new one displaces none.
+struct KernelLink : KernelInterface {
   unsigned index = 0;
   std::string name;
-  U32 mtu = 0;
-  bool isRunning = false;  ///< Administratively up and with a carrier.
-  bool isPointToPoint = false;
-  /// Those that may be used: no IPv6 address during duplicate address detection or after it has failed. IPv4
-  /// in the kernel's order, primary ones first; then IPv6, the oldest first, so that a new one displaces
-  /// none.
-  std::vector<IpGenPrefix> addresses;
 
   friend bool operator==(KernelLink const& a, KernelLink const& b) = default;
 };

@@ -53,7 +53,8 @@ Reply LiveSpeaker::reply(std::string_view line, std::string_view error) {
 void LiveSpeaker::perform(std::string_view line) {
   Words words(line, 0, liveForms(), Subject::own);
   auto const command = commandFrom(words);
-  routesLookedAt_ += words.routes();
+  constexpr U64 costOfChange = 10;  // of a route, in looks at one
+  routesLookedAt_ += costOfChange * words.routes();
   constexpr std::string_view changing[] = {"join", "leave", "prune", "unprune", "interface"};
   auto const word = line.substr(0, line.find_first_of(" \t"));
   if (isQuitting() && std::find(std::begin(changing), std::end(changing), word) != std::end(changing))

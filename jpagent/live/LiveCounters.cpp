@@ -14,7 +14,7 @@ std::string_view helpOf(std::string_view metric) {
       {"sent_later", "Messages that the system wanted later."},
       {"sending_failed", "Messages that could not be sent."},
       {"override_interval_changes", "Changes of the override interval of an interface."},
-      {"rpt_prunes_left_out", "(S,G,rpt) prunes that had no room in the message of their (*,G) join."},
+      {"rpt_prunes_left_out", "Prunes of a source on a shared tree that had no room beside its join."},
       {"upstream_routes", "Routes that are wanted from upstream neighbors."},
       {"neighbors", "PIM neighbors that are up."},
       {"downstream_routes", "Routes that neighbors have asked of this router."},

@@ -12,15 +12,6 @@ namespace Routing::Pim::Jpagent::Live {
 
 namespace {
 
-template <class Number>
-Json orNull(std::optional<Number> const& number) {
-  return number ? Json(*number) : Json(nullptr);
-}
-
-void leftOutIs(Json& members, U64 leftOut) {
-  if (leftOut != 0) members["left_out"] = leftOut;
-}
-
 Json entriesOfMessage(Wire::JoinPrune const& message) {
   Json entries = Json::array();
   for (auto const& entry : entriesOf(message)) {
@@ -58,6 +49,11 @@ std::string LiveSpeaker::timeText() const {
   return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z", fmt::gmtime(seconds), microseconds % million);
 }
 
+void LiveSpeaker::tell(std::string_view kind, Json members, U64 leftOut) {
+  if (leftOut != 0) members["left_out"] = leftOut;
+  outside_.event(made(kind, std::move(members)));
+}
+
 Event LiveSpeaker::made(std::string_view kind, Json members) const {
   Event event{.members = {{"time", timeText()}, {"event", kind}}, .lines = {}};
   event.members.update(members);
@@ -71,14 +67,14 @@ void LiveSpeaker::neighborChanged(Speaker::NeighborEvent const& event) {
   lookAtWishes();
   std::string const intf = event.intf.name(), neighbor = toText(event.neighbor);
   auto const tellNeighbor = [&](std::string_view kind, std::string_view state) {
-    Json members = {{"state", state},
-                    {"interface", intf},
-                    {"address", neighbor},
-                    {"hold", event.said.holdTime},
-                    {"generation", orNull(event.said.generationId)},
-                    {"dr_priority", orNull(event.said.drPriority)}};
-    leftOutIs(members, event.leftOut);
-    tell(kind, std::move(members));
+    tell(kind,
+         {{"state", state},
+          {"interface", intf},
+          {"address", neighbor},
+          {"hold", event.said.holdTime},
+          {"generation", orNull(event.said.generationId)},
+          {"dr_priority", orNull(event.said.drPriority)}},
+         event.leftOut);
   };
   switch (event.kind) {
     case up:
@@ -92,18 +88,16 @@ void LiveSpeaker::neighborChanged(Speaker::NeighborEvent const& event) {
       return tellNeighbor("neighbor", "restarted");
     case changed:
       return tellNeighbor("neighbor_changed", "up");
-    case designatedRouter: {
-      Json members = {{"interface", intf}, {"address", neighbor}, {"previous", toText(event.other)}};
-      leftOutIs(members, event.leftOut);
-      return tell("designated_router", std::move(members));
-    }
-    case addressConflict: {
-      Json members = {
-          {"what", fmt::format("neighbor {} on {}", neighbor, intf)},
-          {"reason", fmt::format("it lists {}, which another neighbor has listed", toText(event.other))}};
-      leftOutIs(members, event.leftOut);
-      return tell("warning", std::move(members));
-    }
+    case designatedRouter:
+      return tell("designated_router",
+                  {{"interface", intf}, {"address", neighbor}, {"previous", toText(event.other)}},
+                  event.leftOut);
+    case addressConflict:
+      return tell(
+          "warning",
+          {{"what", fmt::format("neighbor {} on {}", neighbor, intf)},
+           {"reason", fmt::format("it lists {}, which another neighbor has listed", toText(event.other))}},
+          event.leftOut);
     case tooMany:
       break;  // It is told as a packet that was refused.
   }
@@ -118,12 +112,11 @@ void LiveSpeaker::downstreamChanged(Speaker::DownstreamEvent const& event) {
 }
 
 void LiveSpeaker::downstreamLimited(Speaker::DownstreamLimitEvent const& event) {
-  Json members = {
-      {"what", fmt::format("downstream {} on {} from {}", toText(event.route), event.intf.name(),
-                           toText(event.sender))},
-      {"reason", fmt::format("beyond the limit of the {}", event.ofNeighbor ? "neighbor" : "interface")}};
-  leftOutIs(members, event.leftOut);
-  tell("warning", std::move(members));
+  tell("warning",
+       {{"what", fmt::format("downstream {} on {} from {}", toText(event.route), event.intf.name(),
+                             toText(event.sender))},
+        {"reason", fmt::format("beyond the limit of the {}", event.ofNeighbor ? "neighbor" : "interface")}},
+       event.leftOut);
 }
 
 void LiveSpeaker::joinPruneReceived(Dova::IntfId const& intf, Speaker::ReceivedJoinPrune const& received) {
@@ -141,26 +134,25 @@ void LiveSpeaker::packetUndelivered(Speaker::UndeliveredPacket const& packet) {
   auto const& from = packet.packet.source;
   Json const source = from == IpGenAddr() ? Json(nullptr) : Json(toText(from));  // not even an IP header
   if (packet.verdict == ownPacket) {
-    Json members = {
-        {"what", fmt::format("a packet on {} from {}", packet.packet.intf, toText(from))},
-        {"reason", "the address is this router's own: another daemon, or an address that is there twice"}};
-    leftOutIs(members, packet.leftOut);
-    return tell("warning", std::move(members));
+    return tell(
+        "warning",
+        {{"what", fmt::format("a packet on {} from {}", packet.packet.intf, toText(from))},
+         {"reason", "the address is this router's own: another daemon, or an address that is there twice"}},
+        packet.leftOut);
   }
-  Json members = {
-      {"interface", packet.packet.intf},
-      {"source", source},
-      {"reason", packet.refusal ? toText(*packet.refusal) : std::string(Speaker::text(packet.verdict))}};
-  leftOutIs(members, packet.leftOut);
-  tell("refused", std::move(members));
+  tell("refused",
+       {{"interface", packet.packet.intf},
+        {"source", source},
+        {"reason", packet.refusal ? toText(*packet.refusal) : std::string(Speaker::text(packet.verdict))}},
+       packet.leftOut);
 }
 
 void LiveSpeaker::sendingFailed(Speaker::FailedPacket const& failed) {
-  Json members = {
-      {"what", fmt::format("sending on {} from {}", failed.packet.intf.name(), toText(failed.packet.source))},
-      {"reason", failed.reason}};
-  leftOutIs(members, failed.leftOut);
-  tell("error", std::move(members));
+  tell("error",
+       {{"what",
+         fmt::format("sending on {} from {}", failed.packet.intf.name(), toText(failed.packet.source))},
+        {"reason", failed.reason}},
+       failed.leftOut);
 }
 
 }  // namespace Routing::Pim::Jpagent::Live

@@ -32,7 +32,7 @@ void LiveOutput::flush() {
   if (error != 0) return fail(std::strerror(error));
   if (pending_.size() == 0) return watch_.reset();
   if (watch_) return;
-  watch_.emplace(loop_.uv(), descriptor_, [this](int) { flush(); });
+  watch_.emplace(loop_.uv(), descriptor_, [this] { flush(); });
   watch_->eventsAre(UV_WRITABLE);
 }
 
@@ -76,8 +76,6 @@ bool LiveFile::close(Seconds patience) {
 
 namespace {
 
-using Vel::U32;
-
 template <class Value>
 void put(std::string& to, Value const& value) {
   to.append(reinterpret_cast<char const*>(&value), sizeof value);
@@ -94,19 +92,8 @@ std::string captureHeader() {
 }
 
 std::string capturedPacket(U64 microseconds, Speaker::Incoming const& packet, std::span<U8 const> message) {
-  auto datagram = ipDatagram(packet.source, packet.destination, Wire::pimProtocol, message);
-  auto const ttl = static_cast<U8>(packet.ttl);
-  if (packet.source.isIpv6()) {
-    datagram[7] = ttl;
-  } else if (datagram[8] != ttl) {
-    // RFC 1624: the checksum changes with what it is of.
-    U32 sum = static_cast<U32>(~(datagram[10] << 8 | datagram[11])) & 0xffff;
-    sum += (static_cast<U32>(~(datagram[8] << 8)) & 0xffff) + (U32{ttl} << 8);
-    while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
-    datagram[8] = ttl;
-    datagram[10] = static_cast<U8>(~sum >> 8);
-    datagram[11] = static_cast<U8>(~sum);
-  }
+  auto const datagram =
+      ipDatagram(packet.source, packet.destination, Wire::pimProtocol, message, static_cast<U8>(packet.ttl));
   std::string record;
   for (U64 const number :
        {microseconds / 1'000'000, microseconds % 1'000'000, U64{datagram.size()}, U64{datagram.size()}})

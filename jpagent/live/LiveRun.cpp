@@ -124,7 +124,7 @@ LiveRun::LiveRun(RunOptions const& options, LiveSettings settings, Configuration
   }
   configure(configuration);
 
-  stdin_.emplace(loop_.uv(), STDIN_FILENO, [this](int) { readInput(); });
+  stdin_.emplace(loop_.uv(), STDIN_FILENO, [this] { readInput(); });
   stdin_->eventsAre(UV_READABLE);
   keepOnlyNetRaw();
   notifySystemd("READY=1");
@@ -191,12 +191,7 @@ void LiveRun::event(Event const& event) {
   });
 }
 
-void LiveRun::onInterface(KernelLink const& link) {
-  speakerNow().kernelInterfaceIs(link.name, {.addresses = link.addresses,
-                                             .mtu = link.mtu,
-                                             .isRunning = link.isRunning,
-                                             .pointToPoint = link.isPointToPoint});
-}
+void LiveRun::onInterface(KernelLink const& link) { speakerNow().kernelInterfaceIs(link.name, link); }
 
 void LiveRun::onInterfaceRemoved(std::string const& name) { speakerNow().kernelInterfaceDel(name); }
 

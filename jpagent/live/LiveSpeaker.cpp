@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "jpagent/live/Inside.h"
@@ -26,14 +27,15 @@ bool isGoodbye(Speaker::Outgoing const& packet) {
   return hello != nullptr && hello->effectiveHoldTime() == 0;
 }
 
-void requireName(std::string const& name) {
-  constexpr std::size_t longest = 15;  // the kernel's
-  bool const isName = !name.empty() && name.size() <= longest && name != "." && name != ".." &&
-                      name.find_first_of("/: \t\n\r\v\f") == name.npos;
-  if (!isName) refuse("\"{}\" cannot be the name of an interface", name);
-}
-
 }  // namespace
+
+bool canBeInterface(std::string_view name) {
+  constexpr std::size_t longest = 15;  // the kernel's
+  return !name.empty() && name.size() <= longest && name != "." && name != ".." &&
+         std::none_of(name.begin(), name.end(), [](char c) {
+           return c == '/' || c == ':' || c == '%' || static_cast<unsigned char>(c) <= ' ';
+         });
+}
 
 void seedProcess(LiveSettings const& settings) {
   Vel::hashSeedIs(settings.hashSeed);
@@ -86,7 +88,7 @@ void LiveSpeaker::expire() {
 // --- Interfaces
 
 void LiveSpeaker::interfaceGiven(std::string const& name) {
-  requireName(name);
+  if (!canBeInterface(name)) refuse("\"{}\" cannot be the name of an interface", name);
   if (hasEnded_ || interfaces_.contains(name)) return;
   record(fmt::format("given {}", name));
   interfaces_[name];
@@ -178,14 +180,6 @@ Speaker::Verdict LiveSpeaker::receive(Speaker::Incoming const& packet, std::span
   if (hasEnded_) return Speaker::Verdict::unknownInterface;
   record(packetInput(packet, pimMessage));
   auto const verdict = speaker_->receive(packet, pimMessage);
-  goOnQuitting();
-  return verdict;
-}
-
-Speaker::Verdict LiveSpeaker::receiveIpv4(std::string_view intf, std::span<U8 const> packet) {
-  if (hasEnded_) return Speaker::Verdict::unknownInterface;
-  record(fmt::format("ipv4 {} {}", intf, hexOf(packet)));
-  auto const verdict = speaker_->receiveIpv4(intf, packet);
   goOnQuitting();
   return verdict;
 }
@@ -296,11 +290,6 @@ void LiveSpeaker::counterIs(std::string const& name, U64 value) {
 void LiveSpeaker::error(std::string_view what, std::string_view reason) {
   record(fmt::format("error {} {}", hexOf(what), hexOf(reason)));
   tell("error", {{"what", what}, {"reason", reason}});
-}
-
-void LiveSpeaker::warning(std::string_view what, std::string_view reason) {
-  record(fmt::format("warning {} {}", hexOf(what), hexOf(reason)));
-  tell("warning", {{"what", what}, {"reason", reason}});
 }
 
 }  // namespace Routing::Pim::Jpagent::Live

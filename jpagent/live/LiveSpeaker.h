@@ -40,13 +40,17 @@ namespace Routing::Pim::Jpagent::Live {
 
 /// What the kernel says of an interface.
 struct KernelInterface {
-  std::vector<IpGenPrefix> addresses;  ///< Usable ones (no tentative IPv6 address), in the kernel's order.
-  U32 mtu = 1500;                      ///< In bytes.
-  bool isRunning = false;              ///< Administratively up and with a carrier.
+  /// Those that may be used: no IPv6 address during duplicate address detection or after it has failed.
+  std::vector<IpGenPrefix> addresses;
+  U32 mtu = 1500;          ///< In bytes.
+  bool isRunning = false;  ///< Administratively up and with a carrier.
   bool pointToPoint = false;
 
   friend bool operator==(KernelInterface const& a, KernelInterface const& b) = default;
 };
+
+/// Whether the kernel could have an interface of that name, and commands name it.
+bool canBeInterface(std::string_view name);
 
 /// What became of a packet, when, and why.
 struct SendResult {
@@ -121,10 +125,8 @@ class LiveSpeaker final : public SpeakerCommands, private Speaker::Sink, private
   /// It disappeared; another name is the end of the one interface and the beginning of another.
   void kernelInterfaceDel(std::string const& name);
 
-  // --- Packets, as Speaker::receive() and Speaker::receiveIpv4() take them.
-
+  /// A packet, as Speaker::receive() takes it.
   Speaker::Verdict receive(Speaker::Incoming const& packet, std::span<U8 const> pimMessage);
-  Speaker::Verdict receiveIpv4(std::string_view intf, std::span<U8 const> packet);
 
   // --- Commands
 
@@ -145,6 +147,8 @@ class LiveSpeaker final : public SpeakerCommands, private Speaker::Sink, private
 
   /// How many routes were looked at as a whole so far, for who bounds what a stranger may cause.
   U64 routesLookedAt() const { return routesLookedAt_; }
+  /// How many routes are wanted now, those that are wanted pruned included.
+  std::size_t routesWanted() const { return speaker_->upstream().count() + pruned(); }
 
   // --- What the configuration and the outside have to say
 
@@ -155,8 +159,6 @@ class LiveSpeaker final : public SpeakerCommands, private Speaker::Sink, private
   void counterIs(std::string const& name, U64 value);
   /// An event `error`: an output or a socket failed.
   void error(std::string_view what, std::string_view reason);
-  /// An event `warning`.
-  void warning(std::string_view what, std::string_view reason);
 
  private:
   friend struct LiveForms;
@@ -230,7 +232,8 @@ class LiveSpeaker final : public SpeakerCommands, private Speaker::Sink, private
 
   // Events
   Event made(std::string_view kind, Json members) const;
-  void tell(std::string_view kind, Json members) { outside_.event(made(kind, std::move(members))); }
+  /// `leftOut` events like this one were not told before it.
+  void tell(std::string_view kind, Json members, U64 leftOut = 0);
   std::string timeText() const;
   void record(std::string_view input) const;
   // At all that is wanted.

@@ -19,11 +19,6 @@ void require(int result, char const* what) {
   if (result < 0) throw std::system_error(-result, std::generic_category(), what);
 }
 
-template <class State>
-void freeState(uv_handle_t* handle) {
-  delete static_cast<State*>(handle->data);
-}
-
 }  // namespace
 
 Seconds monotonicSeconds() {
@@ -32,74 +27,43 @@ Seconds monotonicSeconds() {
   return static_cast<Seconds>(time.tv_sec) + static_cast<Seconds>(time.tv_nsec) / 1e9;
 }
 
-// --- Watch ---------------------------------------------------------------------------------------
-
-struct Watch::State {
-  uv_any_handle handle;
-  bool isPolled = true;
-  bool isLive = true;
-  int events = 0;
-  std::function<void(int)> ready;
-
-  static void polled(uv_poll_t* handle, int status, int events);
-};
-
-// An error of the descriptor is what the next read or write returns; libuv has stopped polling then.
-void Watch::State::polled(uv_poll_t* handle, int status, int events) {
-  auto& state = *static_cast<State*>(handle->data);
-  if (!state.isLive) return;
-  if (status < 0) uv_poll_start(handle, state.events, polled);
-  state.ready(status < 0 ? UV_READABLE | UV_WRITABLE : events);
-}
-
-Watch::Watch(uv_loop_t& loop, int descriptor, std::function<void(int)> ready) : state_(new State) {
-  state_->ready = std::move(ready);
-  int const flags = fcntl(descriptor, F_GETFL);
-  int result = uv_poll_init(&loop, &state_->handle.poll, descriptor);
-  // Others may have the descriptor open too, as a terminal is, and libuv has made it non-blocking for them.
-  if (flags >= 0) fcntl(descriptor, F_SETFL, flags);
-  if (result == UV_EPERM) {
-    state_->isPolled = false;
-    result = uv_idle_init(&loop, &state_->handle.idle);
-  }
-  if (result < 0) {
-    delete state_;
-    require(result, "watching a descriptor");
-  }
-  state_->handle.handle.data = state_;
-}
-
-Watch::~Watch() {
-  state_->isLive = false;
-  uv_close(&state_->handle.handle, freeState<State>);
-}
-
-void Watch::eventsAre(int events) {
-  if (events == state_->events) return;
-  state_->events = events;
-  if (!state_->isPolled) {
-    if (events == 0)
-      uv_idle_stop(&state_->handle.idle);
-    else
-      uv_idle_start(&state_->handle.idle, [](uv_idle_t* handle) {
-        auto& state = *static_cast<State*>(handle->data);
-        if (state.isLive) state.ready(UV_READABLE);
-      });
-  } else if (events == 0) {
-    uv_poll_stop(&state_->handle.poll);
-  } else {
-    uv_poll_start(&state_->handle.poll, events, State::polled);
-  }
-}
-
-// --- Signals and ticks ---------------------------------------------------------------------------
+// --- Watches, signals, ticks ----------------------------------------------------------------------
 
 Caller::Caller(std::function<void()> call) : state_(new State) {
   state_->call = std::move(call);
   state_->handle.handle.data = state_;
 }
 
-Caller::~Caller() { uv_close(&state_->handle.handle, freeState<State>); }
+Caller::~Caller() {
+  uv_close(&state_->handle.handle, [](uv_handle_t* handle) { delete static_cast<State*>(handle->data); });
+}
+
+Watch::Watch(uv_loop_t& loop, int descriptor, std::function<void()> ready) : Caller(std::move(ready)) {
+  int const flags = fcntl(descriptor, F_GETFL);
+  int const result = uv_poll_init(&loop, &state_->handle.poll, descriptor);
+  // Others may have the descriptor open too, as a terminal is, and libuv has made it non-blocking for them.
+  if (flags >= 0) fcntl(descriptor, F_SETFL, flags);
+  if (result >= 0) return;
+  isPolled_ = false;
+  uv_idle_init(&loop, &state_->handle.idle);
+  if (result != UV_EPERM) require(result, "watching a descriptor");
+}
+
+// An error of the descriptor is what the next read or write returns; libuv has stopped polling then.
+void Watch::polled(uv_poll_t* handle, int status, int) {
+  if (status < 0) uv_poll_start(handle, static_cast<State*>(handle->data)->events, polled);
+  called(handle);
+}
+
+void Watch::eventsAre(int events) {
+  if (std::exchange(state_->events, events) == events) return;
+  auto* const poll = &state_->handle.poll;
+  auto* const idle = &state_->handle.idle;
+  if (isPolled_)
+    events == 0 ? uv_poll_stop(poll) : uv_poll_start(poll, events, polled);
+  else
+    events == 0 ? uv_idle_stop(idle) : uv_idle_start(idle, [](uv_idle_t* handle) { called(handle); });
+}
 
 SignalWatch::SignalWatch(uv_loop_t& loop, int signal, std::function<void()> received)
     : Caller(std::move(received)) {
@@ -127,7 +91,7 @@ Loop::Loop(std::function<void()> beforeWaiting) : beforeWaiting_(std::move(befor
                    [](uv_prepare_t* handle) { static_cast<Loop*>(handle->data)->beforeWaiting_(); });
   alarm_ = timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC);
   if (alarm_ < 0) throw std::system_error(errno, std::generic_category(), "the loop's alarm");
-  alarmWatch_ = std::make_unique<Watch>(loop_, alarm_, [this](int) {
+  alarmWatch_ = std::make_unique<Watch>(loop_, alarm_, [this] {
     std::uint64_t expirations;
     [[maybe_unused]] auto const size = read(alarm_, &expirations, sizeof expirations);
   });

@@ -2,20 +2,8 @@
 // What the loop of `jpagent run` watches, as objects that may be destroyed at any time, from inside their own
 // callback too. (libuv wants a handle to stay until it says so.)
 //
-//     Watch watch(loop, descriptor, [](int events) { ... });
+//     Watch watch(loop, descriptor, [] { ... });
 //     watch.eventsAre(UV_READABLE);
-//
-//   Loop.h          descriptors and signals that the loop watches, the clock
-//   Pending.h       bytes that wait until a descriptor takes them; lines out of bytes
-//   PimSocket.h     the raw socket of an interface and family
-//   KernelLinks.h   what the kernel says of interfaces
-//   Interfaces.h    the interfaces that were given: their sockets, what the speaker is told of them
-//   ControlServer.h the UNIX socket for commands, and its clients
-//   Tell.h          a client of it
-//   LiveOutputs.h   what is written to: LiveOutput.h is one of them
-//   Configuration.h the configuration file
-//   Notify.h        systemd, the journal, capabilities
-//   LiveRun.h       all of it as one program, around a LiveSpeaker (LiveSpeaker.h)
 #pragma once
 
 #include <uv.h>
@@ -34,24 +22,6 @@ using Vel::Seconds;
 /// have said expires then, too.
 Seconds monotonicSeconds();
 
-/// Watches a descriptor. A file or device that cannot be polled is always readable.
-class Watch {
- public:
-  /// The descriptor stays the caller's, and must be open as long as this lives. Its flags do not change.
-  /// Throws std::system_error.
-  Watch(uv_loop_t& loop, int descriptor, std::function<void(int events)> ready);
-  ~Watch();
-  Watch(Watch const&) = delete;
-  Watch& operator=(Watch const&) = delete;
-
-  /// UV_READABLE, UV_WRITABLE, both, or 0.
-  void eventsAre(int events);
-
- private:
-  struct State;
-  State* const state_;  // freed by the loop
-};
-
 /// A handle of the loop that calls a function.
 class Caller {
  public:
@@ -61,6 +31,7 @@ class Caller {
  protected:
   struct State {
     uv_any_handle handle;
+    int events = 0;  // of a descriptor that is watched
     std::function<void()> call;
   };
 
@@ -73,6 +44,22 @@ class Caller {
   }
 
   State* const state_;  // freed by the loop
+};
+
+/// Watches a descriptor. A file or device that cannot be polled is always readable.
+class Watch final : public Caller {
+ public:
+  /// The descriptor stays the caller's, and must be open as long as this lives. Its flags do not change.
+  /// Throws std::system_error.
+  Watch(uv_loop_t& loop, int descriptor, std::function<void()> ready);
+
+  /// UV_READABLE, UV_WRITABLE, both, or 0.
+  void eventsAre(int events);
+
+ private:
+  static void polled(uv_poll_t* handle, int status, int events);
+
+  bool isPolled_ = true;
 };
 
 /// Calls when the process gets a signal.

@@ -6,7 +6,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include <cstdlib>
 #include <system_error>
 
+#include "jpagent/live/Tell.h"
 #include "runtime/vel/Text.h"
 
 namespace Routing::Pim::Jpagent::Live {
@@ -23,16 +23,14 @@ namespace {
 
 // A name that begins with @ is an abstract one.
 bool sendDatagram(std::string_view path, std::string_view text) {
-  sockaddr_un address{};
-  if (path.size() < 2 || path.size() >= sizeof address.sun_path) return false;
-  address.sun_family = AF_UNIX;
-  std::copy(path.begin(), path.end(), address.sun_path);
-  if (address.sun_path[0] == '@') address.sun_path[0] = 0;
+  auto address = controlAddress(path);
+  if (!address || path.size() < 2) return false;
+  if (path.front() == '@') address->sun_path[0] = 0;
   int const descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (descriptor < 0) return false;
   auto const size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
   auto const sent = sendto(descriptor, text.data(), text.size(), MSG_NOSIGNAL,
-                           reinterpret_cast<sockaddr const*>(&address), size);
+                           reinterpret_cast<sockaddr const*>(&*address), size);
   close(descriptor);
   return sent >= 0;
 }

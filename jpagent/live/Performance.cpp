@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <charconv>
 #include <cmath>
 #include <ostream>
 
@@ -105,6 +106,8 @@ void Performance::perform() {
       if (wrong_ != 0) throw ConversationError(wrong_, "expected what became of a packet, \"sent ...\"");
       if (speaker().routesLookedAt() > mostRoutesLookedAt)
         refuse("more than {} routes have been looked at as a whole", mostRoutesLookedAt);
+      if (speaker().routesWanted() > mostRoutesOfFile)
+        refuse("expected at most {} routes that are wanted at a time", mostRoutesOfFile);
     } catch (std::range_error const& e) {
       throw ConversationError(step.line, e.what());
     } catch (OptionError const& e) {
@@ -138,21 +141,14 @@ SendResult Performance::send(Speaker::Outgoing const& packet) {
 
 // --- The words
 
-U8 digitOf(Words& words, char c) {
-  if (c >= '0' && c <= '9') return static_cast<U8>(c - '0');
-  if (c >= 'a' && c <= 'f') return static_cast<U8>(c - 'a' + 10);
-  words.fail("bytes in hexadecimal digits, or - for none");
-}
-
 std::vector<U8> takeBytes(Words& words) {
-  auto const word = words.peek();
+  constexpr std::string_view expected = "bytes in hexadecimal digits, or - for none";
   std::vector<U8> bytes;
-  if (word != "-") {
-    if (word.empty() || word.size() % 2 != 0) words.fail("bytes in hexadecimal digits, or - for none");
-    bytes.reserve(word.size() / 2);
-    for (std::size_t i = 0; i < word.size(); i += 2)
-      bytes.push_back(static_cast<U8>(digitOf(words, word[i]) << 4 | digitOf(words, word[i + 1])));
-  }
+  if (words.taken("-")) return bytes;
+  auto const word = words.peek();
+  if (word.empty() || word.size() % 2 != 0) words.fail(expected);
+  for (auto const* at = word.data(); at != word.data() + word.size(); at += 2)
+    if (std::from_chars(at, at + 2, bytes.emplace_back(), 16).ptr != at + 2) words.fail(expected);
   words.take();
   return bytes;
 }
@@ -233,10 +229,6 @@ Input takePolicy(Words& words) {
 Input takeOutside(Words& words) {
   if (words.taken("expire")) return [](LiveSpeaker& speaker) { speaker.expire(); };
   if (words.taken("packet")) return takePacket(words);
-  if (words.taken("ipv4")) {
-    auto const name = takeName(words);
-    return [name, bytes = takeBytes(words)](LiveSpeaker& speaker) { speaker.receiveIpv4(name, bytes); };
-  }
   if (words.taken("kernel")) return takeKernel(words);
   if (words.taken("removed"))
     return [name = takeName(words)](LiveSpeaker& speaker) { speaker.kernelInterfaceDel(name); };
@@ -252,10 +244,9 @@ Input takeOutside(Words& words) {
       speaker.counterIs(name, value);
     };
   }
-  bool const isError = words.taken("error");
-  if (!isError && !words.taken("warning")) return {};
+  if (!words.taken("error")) return {};
   auto const what = takeHexText(words), reason = takeHexText(words);
-  return [=](LiveSpeaker& speaker) { isError ? speaker.error(what, reason) : speaker.warning(what, reason); };
+  return [=](LiveSpeaker& speaker) { speaker.error(what, reason); };
 }
 
 std::optional<Asker> takenAsker(Words& words) {

@@ -10,7 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <memory>
+#include <optional>
 #include <system_error>
 #include <vector>
 
@@ -65,35 +65,45 @@ Batch& batch() {
 
 IpGenAddr addressOf(in6_addr const& address) { return IpGenAddr::fromBytes({address.s6_addr, 16}); }
 
+// The ancillary data of a kind, or nothing.
+template <class Value>
+std::optional<Value> ancillary(msghdr& header, int level, int type) {
+  for (cmsghdr* item = CMSG_FIRSTHDR(&header); item; item = CMSG_NXTHDR(&header, item)) {
+    if (item->cmsg_level != level || item->cmsg_type != type) continue;
+    Value value;
+    std::memcpy(&value, CMSG_DATA(item), sizeof value);
+    return value;
+  }
+  return std::nullopt;
+}
+
 // A packet of an IPv4 raw socket begins with its header, which the kernel has checked and put together from
-// fragments.
-void takeIpv4(std::string_view intf, std::span<U8 const> packet, PimSocket::Receiver const& receiver) {
+// fragments. Until the socket was bound, it has received the packets of all interfaces. So each packet says
+// where it came in; those that say nothing are older than the option that has them say it.
+void takeIpv4(std::string_view intf, unsigned index, std::span<U8 const> packet, msghdr& header,
+              PimSocket::Receiver const& receiver) {
+  auto const arrival = ancillary<in_pktinfo>(header, IPPROTO_IP, IP_PKTINFO);
+  if (!arrival || static_cast<unsigned>(arrival->ipi_ifindex) != index) return;
   if (packet.size() < sizeof(iphdr)) return;
-  std::size_t const header = (packet[0] & 15u) * 4;
-  if (packet.size() < header) return;
+  std::size_t const size = (packet[0] & 15u) * 4;
+  if (packet.size() < size) return;
   receiver({.intf = intf,
             .source = IpGenAddr::fromBytes(packet.subspan(12, 4)),
             .destination = IpGenAddr::fromBytes(packet.subspan(16, 4)),
             .ttl = packet[8]},
-           packet.subspan(header));
+           packet.subspan(size));
 }
 
-void takeIpv6(std::string_view intf, std::span<U8 const> message, msghdr& header, sockaddr_in6 const& source,
-              PimSocket::Receiver const& receiver) {
-  Speaker::Incoming packet{.intf = intf, .source = addressOf(source.sin6_addr), .destination = {}, .ttl = 0};
-  for (cmsghdr* item = CMSG_FIRSTHDR(&header); item; item = CMSG_NXTHDR(&header, item)) {
-    if (item->cmsg_level != IPPROTO_IPV6) continue;
-    if (item->cmsg_type == IPV6_PKTINFO) {
-      in6_pktinfo info;
-      std::memcpy(&info, CMSG_DATA(item), sizeof info);
-      packet.destination = addressOf(info.ipi6_addr);
-    } else if (item->cmsg_type == IPV6_HOPLIMIT) {
-      int limit;
-      std::memcpy(&limit, CMSG_DATA(item), sizeof limit);
-      packet.ttl = static_cast<unsigned>(limit);
-    }
-  }
-  receiver(packet, message);
+void takeIpv6(std::string_view intf, unsigned index, std::span<U8 const> message, msghdr& header,
+              sockaddr_in6 const& source, PimSocket::Receiver const& receiver) {
+  auto const arrival = ancillary<in6_pktinfo>(header, IPPROTO_IPV6, IPV6_PKTINFO);
+  if (!arrival || arrival->ipi6_ifindex != index) return;
+  int const limit = ancillary<int>(header, IPPROTO_IPV6, IPV6_HOPLIMIT).value_or(0);
+  receiver({.intf = intf,
+            .source = addressOf(source.sin6_addr),
+            .destination = addressOf(arrival->ipi6_addr),
+            .ttl = static_cast<unsigned>(limit)},
+           message);
 }
 
 }  // namespace
@@ -123,8 +133,6 @@ void PimSocket::open(std::string const& intf) {
   if (setsockopt(descriptor_, SOL_SOCKET, SO_BINDTODEVICE, intf.data(),
                  static_cast<socklen_t>(intf.size())) != 0)
     fail("SO_BINDTODEVICE");
-  // Until then it has received the packets of all interfaces.
-  for (U8 byte; recv(descriptor_, &byte, sizeof byte, MSG_DONTWAIT) >= 0 || errno == EINTR;) continue;
   // Many neighbors may answer one Hello at once. Only an administrator may exceed the system's limit.
   if (setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0)
     setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
@@ -146,6 +154,7 @@ void PimSocket::openIpv4() {
   option(IP_MULTICAST_TTL, 1, "IP_MULTICAST_TTL");
   option(IP_MULTICAST_ALL, 0, "IP_MULTICAST_ALL");
   option(IP_TOS, networkControl, "IP_TOS");
+  option(IP_PKTINFO, 1, "IP_PKTINFO");
   option(IP_ADD_MEMBERSHIP, routers, "IP_ADD_MEMBERSHIP");
 }
 
@@ -236,12 +245,14 @@ int PimSocket::receive(std::string_view intf, Receiver const& receiver) {
   int const count = recvmmsg(descriptor_, in.headers.data(), packetsAtOnce, MSG_DONTWAIT, nullptr);
   if (count < 0) return errno == EAGAIN || errno == EINTR ? 0 : errno;
   bool const isIpv4 = family_ == AddressFamily::ipv4;  // the receiver may destroy this
+  unsigned const index = index_;
   for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
     auto const packet = std::span<U8 const>(in.bytes).subspan(i * packetBytes, in.headers[i].msg_len);
+    msghdr& header = in.headers[i].msg_hdr;
     if (isIpv4)
-      takeIpv4(intf, packet, receiver);
+      takeIpv4(intf, index, packet, header, receiver);
     else
-      takeIpv6(intf, packet, in.headers[i].msg_hdr, in.sources[i], receiver);
+      takeIpv6(intf, index, packet, header, in.sources[i], receiver);
   }
   return 0;
 }

@@ -2,6 +2,7 @@
 #include "jpagent/live/Recording.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "jpagent/simulate/Words.h"
 
@@ -61,15 +62,7 @@ bool isRecording(std::string_view text) {
 }
 
 std::string hexOf(std::span<U8 const> bytes) {
-  constexpr char digits[] = "0123456789abcdef";
-  if (bytes.empty()) return "-";
-  std::string text;
-  text.reserve(bytes.size() * 2);
-  for (U8 const byte : bytes) {
-    text += digits[byte >> 4];
-    text += digits[byte & 15];
-  }
-  return text;
+  return bytes.empty() ? "-" : fmt::format("{:02x}", fmt::join(bytes, ""));
 }
 
 std::string hexOf(std::string_view text) {

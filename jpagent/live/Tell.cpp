@@ -42,7 +42,7 @@ bool sendAll(int descriptor, std::string_view text) {
 
 }  // namespace
 
-std::optional<sockaddr_un> controlAddress(std::string const& path) {
+std::optional<sockaddr_un> controlAddress(std::string_view path) {
   sockaddr_un address{};
   if (path.empty() || path.size() >= sizeof address.sun_path) return std::nullopt;
   address.sun_family = AF_UNIX;

@@ -10,11 +10,12 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Routing::Pim::Jpagent::Live {
 
 /// The address of a socket; nothing if the path is empty or too long.
-std::optional<sockaddr_un> controlAddress(std::string const& path);
+std::optional<sockaddr_un> controlAddress(std::string_view path);
 /// A connected socket, or -1 with errno.
 int connectToControl(std::string const& path);
 

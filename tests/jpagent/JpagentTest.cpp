@@ -596,7 +596,7 @@ std::vector<TimedFrame> hellosOfManySenders(unsigned count, bool crowd) {
 }
 
 TEST_F(JpagentTest, SendersChosenForTheFixedSeedOfTheHashTakeNoLongerThanOthers) {
-  unsigned const count = thorough() ? 16'000 : 2'500;
+  unsigned const count = thorough() ? 16'000 : 1'500;
   TemporaryFolder const other;
   auto const crowding = writeCapture(folder_, DLT_RAW, hellosOfManySenders(count, true));
   auto const usual = writeCapture(other, DLT_RAW, hellosOfManySenders(count, false));

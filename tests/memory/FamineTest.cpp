@@ -58,7 +58,7 @@ class FamineTest : public testing::TestWithParam<std::tuple<Stage, std::size_t>>
 TEST_P(FamineTest, NothingIsLostForGoodWhicheverRequestFails) {
   EXPECT_FALSE(live(1'000'000));  // once before, for what stays anyway
   std::size_t n = 1 + std::get<1>(GetParam());
-  for (bool failed = true; failed; n += shares * stage.stride * (thorough() ? 1 : 17)) {
+  for (bool failed = true; failed; n += shares * stage.stride * (thorough() ? 1 : 29)) {
     SCOPED_TRACE(n);
     std::size_t const blocks = CountedHeap::liveBlocks, bytes = CountedHeap::liveBytes;
     failed = live(n);

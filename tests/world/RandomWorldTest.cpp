@@ -21,7 +21,7 @@
 namespace Routing::Pim::Worlds {
 namespace {
 
-U64 const usualOperations = thorough() ? 200'000 : 4'000;
+U64 const usualOperations = thorough() ? 200'000 : 2'000;
 constexpr U32 operationsPerWorld = 200;
 
 U64 fromEnvironment(char const* name, U64 otherwise) {

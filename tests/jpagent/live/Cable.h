@@ -10,7 +10,7 @@
 namespace Routing::Pim::Jpagent::Live {
 
 inline std::string const quick =
-    " hello 0.3 hello-hold 3 hello-delay 0.1";  // settings by which a test need not wait
+    " hello 0.1 hello-hold 3 hello-delay 0.02";  // settings by which a test need not wait
 
 inline Json neighborUp(std::string const& address) {
   return {{"event", "neighbor"}, {"state", "up"}, {"address", address}};
@@ -22,14 +22,13 @@ inline Json downstream(std::string const& state, std::string const& route) {
   return {{"event", "downstream"}, {"state", state}, {"route", route}};
 }
 
+/// The interfaces of a namespace that are made from now on have no IPv6.
+inline constexpr char withoutIpv6[] = "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6";
+
 /// Two namespaces, "one" with 10.0.0.1 on its end va of a cable, "two" with 10.0.0.2 on its end vb. No IPv6.
 struct Cable : Lab {
-  Cable() : Lab({"one", "two"}) {
-    for (auto const* const space : {"one", "two"})
-      in(space, "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6");
-    cable("one", "va", "two", "vb");
-    in("one", "ip address add 10.0.0.1/24 dev va");
-    in("two", "ip address add 10.0.0.2/24 dev vb");
+  Cable() : Lab({"one", "two"}, withoutIpv6) {
+    cable("one", "va", "two", "vb", "10.0.0.1/24", "10.0.0.2/24");
   }
 };
 

@@ -36,7 +36,8 @@ std::vector<FakeCase> downstreamCases();
 // A packet socket on an interface of this process's namespace, or -1.
 inline int packetSocket(std::string const& intf, bool isIpv4) {
   int const protocol = htons(isIpv4 ? ETH_P_IP : ETH_P_IPV6);
-  int const made = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, protocol);
+  // Without a protocol until it is bound, which would have to wait for the packets that are on their way.
+  int const made = socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_ll address{};
   address.sll_family = AF_PACKET;
   address.sll_protocol = static_cast<unsigned short>(protocol);
@@ -65,9 +66,14 @@ class FakeLab {
     for (std::size_t i = 0; i < agents_.size(); ++i) startAgent(i);
     std::vector<std::string> failures(lans_.size());
     std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < lans_.size(); ++i)
-      threads.emplace_back([this, i, &failures] { failures[i] = failureOf(i); });
+    for (std::size_t i = 0; i < lans_.size(); ++i) {
+      threads.emplace_back([this, i, &failures] {
+        failures[i] = failureOf(i);
+        lans_[i]->closeSocket();  // takes its time, which the threads spend together
+      });
+    }
     for (auto& thread : threads) thread.join();
+    for (auto const& agent : agents_) agent->quit();
     for (auto const& agent : agents_) EXPECT_EQ(agent->end(), 0);
     for (std::size_t i = 0; i < lans_.size(); ++i) {
       if (!failures[i].empty()) {
@@ -97,13 +103,11 @@ class FakeLab {
     casesOfLans_.push_back(&one);
   }
   void layCables() {
-    auto const fake = std::to_string(lab_.idOf("fake"));
     std::string ofAgents, ofFakes;
     std::vector<std::string> names;
     for (auto const& lan : lans_) {
       names.push_back("p" + lan->intf());
-      ofAgents +=
-          fmt::format("link add {} type veth peer name {} netns {}\n", lan->intf(), names.back(), fake);
+      ofAgents += lab_.newCable(lan->intf(), "fake", names.back()) + "\n";
       ofAgents += fmt::format("address add {} dev {}\n",
                               lan->address('A') + (lan->isIpv4() ? "/24" : "/64 nodad"), lan->intf());
       ofAgents += fmt::format("link set {} up\n", lan->intf());

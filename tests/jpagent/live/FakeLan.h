@@ -58,9 +58,7 @@ class FakeLan {
       arrived_.notify_one();
     });
   }
-  ~FakeLan() {
-    if (socket_ >= 0) close(socket_);
-  }
+  ~FakeLan() { closeSocket(); }
   FakeLan(FakeLan const&) = delete;
   FakeLan& operator=(FakeLan const&) = delete;
 
@@ -72,6 +70,9 @@ class FakeLan {
   std::string const& address(char letter) const { return ofLetters_.at(letter); }
   /// A packet socket on the other end of the cable.
   void socketIs(int descriptor) { socket_ = descriptor; }
+  void closeSocket() {
+    if (socket_ >= 0) close(std::exchange(socket_, -1));
+  }
   /// Everything that the agent has told of the interface.
   std::string all() {
     std::lock_guard const lock(mutex_);

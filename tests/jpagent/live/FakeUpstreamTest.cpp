@@ -170,22 +170,22 @@ std::vector<FakeCase> upstreamCases() {
        [](FakeLan& lan) {
          joined(lan);
          auto said = FakeLan::usual();
-         said.delay->overrideInterval = 2000;  // t_override is 0.2 s at least
+         said.delay->overrideInterval = 1500;  // t_override is 0.15 s at least
          lan.hello('D', said);
          lan.send("CB", "prune (S,G)");
          lan.send("DB", "join (S,G)");
-         lan.quiet(2.1);
+         lan.quiet(1.6);
        }},
       {"A join of another router suppresses the refresh",
        [](FakeLan& lan) {
          lan.hello('B');
          lan.hello('C');
-         lan.say("interface I interval 1 hold 210");
+         lan.say("interface I interval 0.8 hold 210");
          lan.say("join (S,G) via B%I");
          lan.sends("B: join (S,G)");
          for (int i = 0; i < 4; ++i) {
            lan.send("CB", "join (S,G)");
-           lan.quiet(0.5);
+           lan.quiet(0.4);
          }
          lan.equal(lan.shown("upstream", "state"), "suppressed");
          lan.sends("B: join (S,G)");  // when the others are silent
@@ -298,11 +298,11 @@ std::vector<FakeCase> upstreamCases() {
        [](FakeLan& lan) {
          joined(lan, "(*,G) rp R");
          auto said = FakeLan::usual();
-         said.delay->overrideInterval = 2000;
+         said.delay->overrideInterval = 1500;
          lan.hello('D', said);
          lan.send("CB", "prune (S,G,rpt)");
          lan.send("DB", "join (S,G,rpt)");
-         lan.quiet(2.1);
+         lan.quiet(1.6);
        }},
 
       // --- Ranges and errors

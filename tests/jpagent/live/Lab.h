@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -117,12 +118,12 @@ void keepCaptures(std::string const& folder, std::string const& sources);
 /// Namespaces, which end with this, and a folder. Captures in the folder are checked.
 class Lab {
  public:
-  explicit Lab(std::vector<std::string> const& names) {
+  /// `prepare` is what a shell does first in each of them.
+  explicit Lab(std::vector<std::string> const& names, std::string const& prepare = "true") {
     std::string folder = std::filesystem::temp_directory_path() / "live-XXXXXX";
     if (!mkdtemp(folder.data())) throw std::runtime_error("no folder for the test");
     folder_ = folder;
-    for (auto const& name : names) spaceIs(name);
-    for (auto const& name : names) in(name, "ip link set lo up");
+    for (auto const& name : names) spaceIs(name, "ip link set lo up && " + prepare + " && exec cat");
   }
   ~Lab() {
     spaces_.clear();
@@ -154,30 +155,46 @@ class Lab {
     EXPECT_EQ(outcome.status, 0) << script << '\n' << outcome.output;
     return outcome;
   }
-  void cable(std::string const& one, std::string const& a, std::string const& two,
-             std::string const& b) const {
-    auto const process = std::to_string(spaces_.at(two)->id());
-    in(one,
-       "ip link add " + a + " type veth peer name " + b + " netns " + process + "\nip link set " + a + " up");
-    in(two, "ip link set " + b + " up");
+  /// What "ip" takes to make a cable to an interface of another namespace. The ends have different indexes:
+  /// the kernel takes one with the index of its other end for a link of its own, of whose carrier it tells
+  /// only once a second.
+  std::string newCable(std::string const& a, std::string const& two, std::string const& b) const {
+    static int index = 1000;
+    index += 2;
+    return "link add " + a + " index " + std::to_string(index) + " type veth peer name " + b + " index " +
+           std::to_string(index + 1) + " netns " + std::to_string(idOf(two));
+  }
+  /// Between two interfaces, whose addresses may follow.
+  void cable(std::string const& one, std::string const& a, std::string const& two, std::string const& b,
+             std::string const& addressOfA = "", std::string const& addressOfB = "") const {
+    auto const up = [](std::string const& intf, std::string const& address) {
+      return (address.empty() ? "" : "ip address add " + address + " dev " + intf + "\n") + "ip link set " +
+             intf + " up";
+    };
+    in(one, "ip " + newCable(a, two, b) + "\n" + up(a, addressOfA));
+    in(two, up(b, addressOfB));
   }
 
  private:
   // The first has a user namespace of its own, in which the others are.
-  void spaceIs(std::string const& name) {
+  void spaceIs(std::string const& name, std::string const& script) {
     std::vector<std::string> words;
     if (first_.empty()) {
       first_ = name;
-      words = {"unshare", "--user", "--map-root-user", "--net", "cat"};
+      words = {"unshare", "--user", "--map-root-user", "--net", "sh", "-c", script};
     } else {
       words = entering(first_);
-      words.insert(words.end(), {"unshare", "--net", "cat"});
+      words.insert(words.end(), {"unshare", "--net", "sh", "-c", script});
     }
     spaces_[name] = std::make_unique<Process>(words);
-    auto const isThere = "test \"$(readlink /proc/" + std::to_string(spaces_[name]->id()) +
-                         "/ns/net)\" != \"$(readlink /proc/self/ns/net)\" && test \"$(cat /proc/" +
-                         std::to_string(spaces_[name]->id()) + "/comm)\" = cat";
-    for (int i = 0; i < 200 && shell(isThere).status != 0; ++i) pause(0.02);
+    // In the end the process is "cat", which waits for the end of this.
+    auto const isReady = [id = idOf(name)] {
+      std::string program;
+      std::ifstream file("/proc/" + std::to_string(id) + "/comm");
+      return std::getline(file, program) && program == "cat";
+    };
+    for (int i = 0; i < 1000 && !isReady(); ++i) pause(0.005);
+    if (!isReady()) throw std::runtime_error("no namespace after " + script);
   }
 
   std::string folder_, first_, agents_ = ".*";

@@ -226,19 +226,6 @@ TEST_F(LiveEventsTest, AMessageOfAnotherTypeIsCountedAndAnOwnOneIsAWarning) {
               ElementsAre(HasSubstr(R"j("event":"warning","what":"a packet on eth0 from 10.0.0.1")j")));
 }
 
-TEST_F(LiveEventsTest, APacketWithItsIpv4HeaderIsReceivedAsTheHeaderSays) {
-  interface();
-  take();
-  std::vector<U8> packet = {0x45, 0xc0, 0, 28, 0, 0, 0, 0, 1, 103, 0, 0, 10, 0, 0, 2, 224, 0, 0, 13};
-  Wire::Hello const hello;
-  for (U8 const byte :
-       Wire::encodeHello(hello, IpGenAddr("10.0.0.2"), Wire::allPimRouters(Dova::AddressFamily::ipv4)))
-    packet.push_back(byte);
-  packet[3] = static_cast<U8>(packet.size());
-  EXPECT_EQ(speaker_->receiveIpv4("eth0", packet), Speaker::Verdict::hello);
-  EXPECT_THAT(take("neighbor"), SizeIs(1));
-}
-
 // --- downstream
 
 TEST_F(LiveEventsTest, WithASingleNeighborAPruneTakesEffectAtOnce) {
@@ -316,15 +303,12 @@ TEST_F(LiveEventsTest, AnRptPruneIsPendingPrunedAndJoinedAgain) {
               ElementsAre(downstream("prune-pending", route), downstream("joined", route)));
 }
 
-// --- error, warning
+// --- error
 
 TEST_F(LiveEventsTest, WhatTheOutsideSaysIsAnEvent) {
   speaker_->error("--pcap sent.pcap", "No space left on device");
-  speaker_->warning("eth0", "another PIM daemon is at work there");
   EXPECT_THAT(take(), ElementsAre(R"j({"event":"error","what":"--pcap sent.pcap",)j"
-                                  R"j("reason":"No space left on device"})j",
-                                  R"j({"event":"warning","what":"eth0",)j"
-                                  R"j("reason":"another PIM daemon is at work there"})j"));
+                                  R"j("reason":"No space left on device"})j"));
   speaker_->counterIs("eth0: dropped by the kernel", 7);
   EXPECT_EQ(counter("system: eth0: dropped by the kernel"), 7u);
 }

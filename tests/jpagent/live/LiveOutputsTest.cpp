@@ -22,7 +22,7 @@ TEST(LiveOutputsTest, AnOutputThatFailsIsToldOnceAndAllElseContinues) {
   words.insert(words.end(), {"bash", lab.path("script")});
   Process one(words);
   QuickAgent two(lab, "two", "vb");
-  one.write("interface va hello 0.02 hello-hold 3 hello-delay 0.1\n");
+  one.write("interface va hello 0.02 hello-hold 3 hello-delay 0.02\n");
   std::string output;
   for (int i = 0; i < 200 && output.find("\"what\":\"" + lab.path("pcap")) == output.npos; ++i)
     output += one.read(0.1);
@@ -77,7 +77,8 @@ Agent byShell(Lab const& lab, std::string const& space, std::string const& befor
 TEST(LiveOutputsTest, TracesAndErrorsAreWrittenToStandardErrorAndTheRingsToAFile) {
   REQUIRE_NAMESPACES();
   Cable const lab;
-  std::ofstream(lab.path("jpagent.toml")) << "[interface.va]\nhello = 0.3\nhello-delay = 0.1\n";
+  std::ofstream(lab.path("jpagent.toml"))
+      << "[interface.va]\nhello = 0.1\nhello-hold = 3\nhello-delay = 0.02\n";
   auto one = byShell(
       lab, "one", "",
       "--log stderr --trace 1-8 --scrivo " + lab.path("rings") + " --config " + lab.path("jpagent.toml"));

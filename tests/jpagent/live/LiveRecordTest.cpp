@@ -116,7 +116,7 @@ std::string randomCommand(Chance& chance) {
 // How long the traffic lasts, in seconds: scripts/prove says ten minutes.
 int trafficSeconds() {
   if (char const* const text = std::getenv("JOINPRUNE_RECORD_SECONDS")) return std::stoi(text);
-  return thorough() ? 60 : 2;
+  return thorough() ? 60 : 1;
 }
 
 TEST(LiveRecordTest, ARecordingOfRandomTrafficPerformsToTheSameLines) {

@@ -17,7 +17,7 @@ TEST(LiveReloadTest, AConfigurationIsCheckedAppliedAndItsDifferenceTakenOver) {
   Cable const lab;
   auto const file = lab.path("jpagent.toml");
   auto const write = [&](std::string const& text) { std::ofstream(file) << text; };
-  std::string const settings = "[interface.vb]\nhello = 1\nhello-delay = 0.1\n";
+  std::string const settings = "[interface.vb]\nhello = 1\nhello-delay = 0.02\n";
   std::string const first = "[[route]]\njoin = \"(10.9.0.1,239.1.1.1)\"\nvia = \"10.0.0.1\"\n";
   std::string const second = "[[route]]\njoin = \"(*,239.1.1.2)\"\nvia = \"10.0.0.1\"\n";
   write(settings + first + second);
@@ -55,7 +55,7 @@ TEST(LiveReloadTest, InterfacesSettingsPolicyAndTheControlPathChangeWithTheFile)
   auto const file = lab.path("jpagent.toml");
   auto const write = [&](std::string const& text) { std::ofstream(file) << text; };
   auto const control = [&](std::string const& name) { return "control = \"" + lab.path(name) + "\"\n"; };
-  std::string const quickly = "[interface.va]\nhello = 0.3\nhello-hold = 3\nhello-delay = 0.1\n";
+  std::string const quickly = "[interface.va]\nhello = 0.1\nhello-hold = 3\nhello-delay = 0.02\n";
   write(control("before") + "deny = [\"239.9.0.0/16\"]\n" + quickly + "priority = 7\n");
   Agent one(lab, "one", {"--config", file, "--record", lab.path("record")});
   QuickAgent two(lab, "two", "vb");

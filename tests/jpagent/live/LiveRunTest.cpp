@@ -55,7 +55,8 @@ TEST(LiveRunTest, OneJoinsFromTheOtherAndWhatItLeavesIsPruned) {
 
 TEST(LiveRunTest, Ipv6WaitsForDuplicateAddressDetectionAndThenJoins) {
   REQUIRE_NAMESPACES();
-  Lab const lab({"one", "two"});
+  // The detection begins at once instead of within a second.
+  Lab const lab({"one", "two"}, "echo 0 > /proc/sys/net/ipv6/conf/default/router_solicitation_delay");
   lab.cable("one", "va", "two", "vb");
   QuickAgent one(lab, "one", "va"), two(lab, "two", "vb");
   auto const up = one.await({{"event", "interface"}, {"state", "up"}});
@@ -75,15 +76,12 @@ TEST(LiveRunTest, Ipv6WaitsForDuplicateAddressDetectionAndThenJoins) {
 
 TEST(LiveRunTest, OnALanAnotherRoutersPruneIsOverridden) {
   REQUIRE_NAMESPACES();
-  Lab const lab({"switch", "one", "two", "three"});
-  for (auto const* const space : {"switch", "one", "two", "three"})
-    lab.in(space, "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6");
+  Lab const lab({"switch", "one", "two", "three"}, withoutIpv6);
   lab.in("switch", "ip link add lan type bridge mcast_snooping 0; ip link set lan up");
   int number = 0;
   for (std::string const space : {"one", "two", "three"}) {
-    lab.cable("switch", "to" + space, space, "e");
+    lab.cable("switch", "to" + space, space, "e", "", "10.0.0." + std::to_string(++number) + "/24");
     lab.in("switch", "ip link set to" + space + " master lan");
-    lab.in(space, "ip address add 10.0.0." + std::to_string(++number) + "/24 dev e");
   }
   QuickAgent one(lab, "one", "e", {}, " override 0.3 propagation 0.1"),
       two(lab, "two", "e", {}, " override 0.3 propagation 0.1"),

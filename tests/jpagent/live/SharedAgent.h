@@ -48,10 +48,14 @@ class SharedAgent {
     replies_.pop_front();
     return reply;
   }
+  /// Has it begin to end.
+  void quit() {
+    if (!std::exchange(isQuitting_, true)) process_->signal(SIGTERM);
+  }
   /// Ends it, and returns the exit status.
   int end() {
     if (!reader_.joinable()) return 0;
-    process_->signal(SIGTERM);
+    quit();  // a second signal would leave out the prunes
     int const status = process_->wait();
     isEnding_ = true;
     reader_.join();
@@ -98,6 +102,7 @@ class SharedAgent {
   std::condition_variable replied_;
   std::deque<Json> replies_;
   std::thread reader_;
+  bool isQuitting_ = false;
   std::atomic<bool> isEnding_ = false;
 };
 

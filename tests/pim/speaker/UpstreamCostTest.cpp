@@ -14,7 +14,7 @@
 namespace Routing::Pim::Speaker::Test {
 namespace {
 
-U32 const veryMany = thorough() ? 1'000'000 : 100'000;
+U32 const veryMany = thorough() ? 1'000'000 : 50'000;
 constexpr U32 few = 1000;
 // Larger sets do not fit the processor's caches.
 constexpr double largestRatio = 3;

@@ -15,6 +15,7 @@
 
 #include "runtime/scrivo/CycleCounter.h"
 #include "tests/AnotherProcess.h"
+#include "tests/Thorough.h"
 #include "tests/runtime/scrivo/TraceFixture.h"
 
 namespace Scrivo::Test {
@@ -416,7 +417,7 @@ TEST_F(TraceFileTest, KeepsWhatWasWrittenThroughManyKillsAtRandomMoments) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
   int wrapped = 0;
-  for (int round = 0; round < 60; ++round) {
+  for (int round = 0; round < (Routing::thorough() ? 60 : 30); ++round) {
     TraceOptions options = smallest;
     options.messageBytes = 8192 + 8 * (random() % 4000);
     options.timerBytes = 8192 + 8 * (random() % 4000);

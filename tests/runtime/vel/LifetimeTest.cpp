@@ -372,7 +372,7 @@ TEST(LifetimeTest, CopyingAndDrainingInTheOrderOfTheWalkCostsForEachSourceTheSam
   };
   for (double Cost::*cost : {&Cost::copy, &Cost::drain, &Cost::part}) {
     double const few = least([&] { return measure(2000).*cost; });
-    U32 const most = Routing::thorough() ? 200000 : 50000;
+    U32 const most = Routing::thorough() ? 200000 : 30000;
     double const many = std::min(measure(most).*cost, measure(most).*cost);
     EXPECT_LT(many, 10 * few);
   }

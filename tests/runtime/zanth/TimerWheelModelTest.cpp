@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "runtime/zanth/TimerWheel.h"
+#include "tests/Thorough.h"
 
 namespace Zanth {
 namespace {
@@ -299,7 +300,9 @@ class World {
 // JOINPRUNE_WORLD_OPERATIONS says how many operations are performed.
 TEST(TimerWheelModelTest, WhateverIsDoneInsideAndOutsideOfCallbacksAgreesWithSortedLists) {
   char const* const asked = std::getenv("JOINPRUNE_WORLD_OPERATIONS");
-  U64 const operations = asked ? std::strtoull(asked, nullptr, 10) : 2'000'000;
+  U64 const operations = asked                 ? std::strtoull(asked, nullptr, 10)
+                         : Routing::thorough() ? 2'000'000
+                                               : 500'000;
   constexpr int perWorld = 2000;
   for (unsigned seed = 1; seed <= operations / perWorld; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
