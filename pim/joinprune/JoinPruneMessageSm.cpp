@@ -228,8 +228,12 @@ Vel::Ptr<JoinPruneNeighborSm> JoinPruneMessageSm::joinPruneNeighborSmDel(
 
 void JoinPruneMessageSm::joinPruneNeighborSmDelAll() {
   Vel::MemoryHold const memory(this);
-  for (auto const& sm : joinPruneNeighborSm_.elements())
-    if (joinPruneNeighborSm_.find(sm->neighborAddr()) == sm.get()) joinPruneNeighborSmDel(sm->neighborAddr());
+  for (auto& sm : joinPruneNeighborSm_.elements()) {
+    Dova::IpGenAddr const address = sm->neighborAddr();
+    bool const isThere = joinPruneNeighborSm_.find(address) == sm.get();
+    sm = nullptr;  // so that it ends as one that nobody holds
+    if (isThere) joinPruneNeighborSmDel(address);
+  }
 }
 
 void JoinPruneNeighborLink::maybeDeleteNeighbor(JoinPruneMessageSm& owner,
@@ -298,7 +302,7 @@ void JoinPruneMessageSm::doMaybeDeleteNeighbor(Dova::IpGenAddr const& vanished) 
   Vel::MemoryHold const memory(this);
   Dova::IpGenAddr const address = vanished;  // the caller's may end with what is deleted here
   JOIN_PRUNE_TRACE(Level::entry, this, '(' << address << ')');
-  Vel::Ptr<JoinPruneNeighborSm> const sm = joinPruneNeighborSm(address);
+  Vel::Ptr<JoinPruneNeighborSm> sm = joinPruneNeighborSm(address);
   if (sm && !sm->neighbor()) return;  // an interface's own address: its machine is removed with the interface
   try {
     Vel::Ptr<Packet::JoinPruneStatus> const periodic = periodicStatus();
@@ -312,6 +316,7 @@ void JoinPruneMessageSm::doMaybeDeleteNeighbor(Dova::IpGenAddr const& vanished) 
     if (!unneeded() || !unneeded()) return;
     JOIN_PRUNE_TRACE(Level::event, this, '(' << address << "), deleting neighbor");
     if (!unneeded()) return;
+    sm = nullptr;  // so that it ends as one that nobody holds
     closeTarget(address, [&] {
       return retired() || listedNeighbor(address) || joinPruneNeighborSm(address) != nullptr;
     });

@@ -94,7 +94,7 @@ void JoinPruneNeighborSm::handleInitialized() {
 }
 
 void JoinPruneNeighborSm::velRetire(bool held) {
-  retire();
+  held = retire() && held;
   if (timerWheel_) unhook(*timerWheel_);
   if (pimPamManager_) unhook(*pimPamManager_);
   forEachSender([held](JoinPruneSender& sender) { sender.retire(held); });

@@ -110,8 +110,8 @@ void JoinPruneSender::follow(GroupData& group) {
   }
   GroupData* const former = leaving(group.group());  // whose place this one takes
   bool const wcSourceSet = former && release(*former);
-  // Where the difference could be seen, the group has a reactor of its own at once. No group is missed for
-  // want of memory.
+  // Where the difference could be seen, the group has a reactor of its own at once. For want of memory a
+  // group is missed only if another machine follows it.
   bool const apart = Access::watched(group) || follower_->isZombie() ||
                      follower_->hasNotificationActive() != sm_.hasNotificationActive();
   try {
@@ -171,9 +171,11 @@ JoinPruneGroupReactor* JoinPruneSender::find(Dova::IpGenAddr const& group) const
 
 JoinPruneSender::Groups const& JoinPruneSender::groups() const {
   Vel::Ptr<Packet::JoinPruneData> const all = data();
-  if (all && groupCount() != own_.size())
-    for (Packet::GroupWalk group(*all); group; ++group)
-      if (follows(*group)) makeOwn(*group);
+  if (!all || groupCount() == own_.size()) return own_;
+  for (Packet::GroupWalk group(*all); group; ++group)
+    if (follows(*group)) makeOwn(*group);
+  GroupData* const former = EngineAccess<Packet::JoinPruneData>::leaving(*all);
+  if (former && follows(*former)) makeOwn(*former);
   return own_;
 }
 
@@ -240,7 +242,10 @@ void JoinPruneSender::retire(bool held) {
   }
   using Iterator = JoinPruneGroupReactorIterator<JoinPruneGroupReactor>;
   for (Iterator i(&sm_, own_); i; ++i) unhook(*i);
-  if (follower_) unhook(*follower_);
+  if (follower_) {
+    unhook(*follower_);
+    follower_->velFollowNoMore();
+  }
   if (dataReactor_) unhook(*dataReactor_);
 }
 

@@ -127,7 +127,8 @@ void Entity::zeroReferencesIs(bool zero) {
 }
 
 bool FollowedEntity::velFollowerIs(Ptr<Reactor> const& follower) {
-  if (follower && velFollower_ && !velFollower_->isZombie()) return velFollower_ == follower;
+  bool const isFollowed = velFollower_ && (velFollower_->flagsAndHolds_ & Reactor::follows) != 0;
+  if (follower && isFollowed) return velFollower_ == follower;
   if (follower) follower->flagsAndHolds_ |= Reactor::follows;
   velFollower_ = follower;
   return true;

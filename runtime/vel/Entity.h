@@ -229,13 +229,14 @@ class VEL_API Entity : public Counted {
 /// the first in the list of each. In its callbacks, and only there, its notifier is the entity that changed.
 ///
 /// Following needs no memory and counts nothing: an entity keeps its follower, the follower keeps none. An
-/// element of a collection is followed until it leaves that; see EntityMap::leave().
+/// element of a collection (of one at a time) is followed until it leaves that; see EntityMap::leave().
 class VEL_API FollowedEntity : public Entity {
  public:
   /// The follower, or null.
   Reactor* velFollower() const { return velFollower_.get(); }
-  /// Sets or, by null, removes the follower. False, and nothing has changed, if there is another one; one
-  /// that is retired gives way. REQUIRES: a reactor on this entity's type that is pointed at none by hand.
+  /// Sets or, by null, removes the follower. False, and nothing has changed, if there is another one that
+  /// still follows; see Reactor::velFollowNoMore(). REQUIRES: a reactor on this entity's type, whose notifier
+  /// and isNondestructing() nobody sets, in its callbacks neither.
   bool velFollowerIs(Vel::Ptr<Vel::Reactor> const& follower);
   bool velFollowerIs(Vel::Ptr<Vel::Reactor> const&) const { throwConstInstance(); }
 

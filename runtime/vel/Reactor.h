@@ -109,6 +109,9 @@ class VEL_API Reactor : public Counted {
   /// before. REQUIRES: it is registered, and was registered last.
   void velBecomeFirst();
 
+  /// Ends that this follows anything: each entity that it followed may have another follower from here on.
+  void velFollowNoMore() { flagsAndHolds_ &= ~follows; }
+
   /// A flag for the derived class, false at first: a member of its own would make each reactor a word larger.
   bool velSpareFlag() const { return (flagsAndHolds_ & spare) != 0; }
   /// Sets the flag.
@@ -128,7 +131,7 @@ class VEL_API Reactor : public Counted {
   static constexpr U32 retired = 8;       // a zombie: here as well, so that a delivery asks once
   static constexpr U32 onOpenType = 16;   // other types of reactors may be in the list; never changes
   static constexpr U32 spare = 32;        // see velSpareFlag()
-  static constexpr U32 follows = 64;      // is or was an entity's follower
+  static constexpr U32 follows = 64;      // may be an entity's follower; see velFollowNoMore()
 
   // What is told to all reactors alike: see ReactorOn.
   template <class R>

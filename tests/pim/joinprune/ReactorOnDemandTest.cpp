@@ -64,6 +64,19 @@ class ReactorOnDemandTest : public testing::TestWithParam<int>, protected World 
            : way() == 1 ? of.overrideGroupDataCount()
                         : of.periodicGroupDataCount();
   }
+  U32 walked(JoinPruneNeighborSm& of) {
+    U32 sum = 0;
+    auto const walk = [&](auto i) {
+      for (; i; ++i) ++sum;
+    };
+    if (way() == 0)
+      walk(of.triggeredGroupDataIterator());
+    else if (way() == 1)
+      walk(of.overrideGroupDataIterator());
+    else
+      walk(of.periodicGroupDataIterator());
+    return sum;
+  }
   /// Whether there is a reactor already: nothing is asked that would make it.
   bool made() { return group_->references() == 3; }  // the data set's, the test's and its
   /// What a source or a (*,G) entry that was added or removed must have led to.
@@ -287,6 +300,35 @@ TEST_P(ReactorOnDemandTest, StaysWithWhoHoldsTheMachineAfterItsEnd) {
   ASSERT_TRUE(reactor());
   EXPECT_FALSE(reactor()->joinPruneNeighborSm());
   EXPECT_EQ(reactor()->notifier(), group_);
+}
+
+TEST_P(ReactorOnDemandTest, IsWalkedWhileItsGroupIsLeaving) {
+  machine->joinPruneNeighborSmDel(addr(N));
+  own = nullptr;
+  auto const first = Vel::create<DataListener>();  // is called before the next machine, which registers later
+  first->notifierIs(data);
+  machine->handleNeighbor(addr(N));
+  own = sm(N);
+  U32 walks = 0;
+  first->act = [&](Dova::IpGenAddr) {
+    EXPECT_EQ(count(), 1u);
+    walks = walked(*own);
+  };
+  data->joinPruneGroupDataDel(addr(G));
+  EXPECT_EQ(walks, 1u);
+  EXPECT_EQ(count(), 0u);
+}
+
+TEST_P(ReactorOnDemandTest, IsMadeAtNoEndOfAMachineThatNobodyHolds) {
+  for (int i = 2; i < 100; ++i) group(data, ("239.1.2." + std::to_string(i)).c_str());
+  ASSERT_TRUE(group_->velFollower());
+  U32 const references = group_->references();
+  own = nullptr;
+  machine->joinPruneNeighborSmDelAll();
+  EXPECT_EQ(group_->references(), references);
+  machine->handleNeighbor(addr(N));
+  machine = nullptr;
+  EXPECT_EQ(group_->references(), references);
 }
 
 TEST_P(ReactorOnDemandTest, OfTheNextMachineFollowsTheSameGroup) {

@@ -70,6 +70,7 @@ class Listener : public Bead::Notifiee {
   Listener(std::string name, Log& log) : name_(std::move(name)), log_(log) { ++alive; }
   static inline int alive = 0;
   using Reactor::velBecomeFirst;
+  using Reactor::velFollowNoMore;
 
   std::function<void(Listener& self)> then;
 
@@ -260,7 +261,7 @@ TEST_F(FollowerTest, ThatThrowsIsToldSoAndTheOthersAreCalled) {
                                       "l: size of 10.0.0.1"));
 }
 
-TEST_F(FollowerTest, DoesNotGiveWayUntilItIsRetired) {
+TEST_F(FollowerTest, DoesNotGiveWayUntilItFollowsNoMore) {
   auto const second = create<Listener>("g", log);
   EXPECT_TRUE(one->velFollowerIs(follower));
   EXPECT_FALSE(one->velFollowerIs(second));
@@ -269,6 +270,8 @@ TEST_F(FollowerTest, DoesNotGiveWayUntilItIsRetired) {
   follower->velDoZombieReactors(true);
   one->sizeIs(2);
   EXPECT_THAT(taken(log), IsEmpty());
+  EXPECT_FALSE(one->velFollowerIs(second)) << "a zombie may be revived";
+  follower->velFollowNoMore();
   EXPECT_TRUE(one->velFollowerIs(second));
   one->sizeIs(3);
   EXPECT_THAT(taken(log), ElementsAre("g: size of 10.0.0.1"));
