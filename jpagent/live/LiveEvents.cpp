@@ -113,8 +113,9 @@ void LiveSpeaker::downstreamChanged(Speaker::DownstreamEvent const& event) {
 
 void LiveSpeaker::downstreamLimited(Speaker::DownstreamLimitEvent const& event) {
   tell("warning",
-       {{"what", fmt::format("downstream {} on {} from {}", toText(event.route), event.intf.name(),
-                             toText(event.sender))},
+       {{"what",
+         fmt::format("downstream {}{} on {} from {}", toText(event.route),
+                     event.rp ? " rp " + toText(*event.rp) : "", event.intf.name(), toText(event.sender))},
         {"reason", fmt::format("beyond the limit of the {}", event.ofNeighbor ? "neighbor" : "interface")}},
        event.leftOut);
 }

@@ -231,7 +231,7 @@ void JoinPruneMessageSm::joinPruneNeighborSmDelAll() {
   for (auto& sm : joinPruneNeighborSm_.elements()) {
     Dova::IpGenAddr const address = sm->neighborAddr();
     bool const isThere = joinPruneNeighborSm_.find(address) == sm.get();
-    sm = nullptr;  // so that it ends as one that nobody holds
+    sm = nullptr;  // the machine ends without making its reactors if it has no other holder
     if (isThere) joinPruneNeighborSmDel(address);
   }
 }
@@ -316,7 +316,7 @@ void JoinPruneMessageSm::doMaybeDeleteNeighbor(Dova::IpGenAddr const& vanished) 
     if (!unneeded() || !unneeded()) return;
     JOIN_PRUNE_TRACE(Level::event, this, '(' << address << "), deleting neighbor");
     if (!unneeded()) return;
-    sm = nullptr;  // so that it ends as one that nobody holds
+    sm = nullptr;  // the machine ends without making its reactors if it has no other holder
     closeTarget(address, [&] {
       return retired() || listedNeighbor(address) || joinPruneNeighborSm(address) != nullptr;
     });

@@ -111,7 +111,7 @@ class VEL_API JoinPruneTimer : public NestedReactor<Zanth::TimerWheel::Notifiee,
 ///
 /// A group of the set is watched by the one follower, which needs no memory for it. It is given a
 /// reactor of its own when somebody asks for that, in the place and the state of the follower, so that
-/// nobody can tell that it has not been there before.
+/// no caller can tell that it has not been there before.
 class JoinPruneSender {
  public:
   /// Which of the three.

@@ -143,7 +143,7 @@ void DownstreamRoutes::joinWildcard(Route const& route, IpGenAddr const& rp, Mes
 void DownstreamRoutes::join(Route const& route, IpGenAddr const& rp, Message& message) {
   Entry* entry = find(route);
   bool const isNew = !entry;
-  if (isNew && !(entry = create(route, message))) return;
+  if (isNew && !(entry = create(route, rp, message))) return;
   bool const isChanged = isNew || entry->state == DownstreamState::prunePending || !(entry->rp == rp);
   entry->state = DownstreamState::joined;
   entry->pruneEnds = Vel::never;
@@ -175,7 +175,7 @@ void DownstreamRoutes::joinRpt(Route const& route, Message& message) {
 void DownstreamRoutes::pruneRpt(Route const& route, Message& message) {
   Entry* entry = find(route);
   if (!entry) {
-    if (!(entry = create(route, message))) return;
+    if (!(entry = create(route, {}, message))) return;
     restartExpiry(*entry, message.expires);
     if (link_.neighborCount() <= 1) {
       entry->state = DownstreamState::pruned;
@@ -209,8 +209,8 @@ DownstreamRoutes::Entry* DownstreamRoutes::find(Route const& route) {
 }
 
 // The new route, or null if there can be none. Calls out in the second case only.
-DownstreamRoutes::Entry* DownstreamRoutes::create(Route const& route, Message& message) {
-  if (isOverLimit(route, message)) return nullptr;
+DownstreamRoutes::Entry* DownstreamRoutes::create(Route const& route, IpGenAddr const& rp, Message& message) {
+  if (isOverLimit(route, rp, message)) return nullptr;
   try {
     return &insert(route, message);
   } catch (std::bad_alloc const&) {
@@ -219,14 +219,15 @@ DownstreamRoutes::Entry* DownstreamRoutes::create(Route const& route, Message& m
   }
 }
 
-bool DownstreamRoutes::isOverLimit(Route const& route, Message const& message) {
+bool DownstreamRoutes::isOverLimit(Route const& route, IpGenAddr const& rp, Message const& message) {
   bool const ofInterface = routes_.size() >= limits_.routes;
   if (!ofInterface && message.sender.created < limits_.routesOfNeighbor) return false;
   ++(ofInterface ? counters_.overLimit : counters_.overNeighborLimit);
   EventBudget& budget = ofInterface ? interfaceEvents_ : neighborEvents_;
   if (!budget.admits(now())) return true;
-  DownstreamLimitEvent const event{link_.intf(), !ofInterface, route, message.sender.address,
-                                   budget.takeLeftOut()};
+  DownstreamLimitEvent event{link_.intf(),           !ofInterface, route,
+                             message.sender.address, {},           budget.takeLeftOut()};
+  if (route.kind == RouteKind::wildcard) event.rp = rp;
   callOut("DownstreamRoutes", __func__, [&] { observer_.downstreamLimited(event); });
   return true;
 }

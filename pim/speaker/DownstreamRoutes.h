@@ -58,11 +58,12 @@ struct DownstreamEvent {
 
 /// A route that was not taken up because there are as many as are allowed.
 struct DownstreamLimitEvent {
-  Dova::IntfId intf;  ///< The interface.
-  bool ofNeighbor;    ///< Which limit: that of a neighbor, or that of the interface.
-  Route route;        ///< What was refused.
-  IpGenAddr sender;   ///< Who asked for it.
-  U64 leftOut;        ///< How many such events were left out since the last one that was told.
+  Dova::IntfId intf;            ///< The interface.
+  bool ofNeighbor;              ///< Which limit: that of a neighbor, or that of the interface.
+  Route route;                  ///< What was refused.
+  IpGenAddr sender;             ///< Who asked for it.
+  std::optional<IpGenAddr> rp;  ///< Of a (*,G): the RP that the message names.
+  U64 leftOut;                  ///< How many such events were left out since the last one that was told.
 };
 
 /// Who is told. It may do anything, the destruction of the routes and of itself included. What it throws is
@@ -169,8 +170,8 @@ class PIM_SPEAKER_API DownstreamRoutes final : public LinkObserver {
 
   Seconds now() const { return wheel_->now(); }
   Entry* find(Route const& route);
-  Entry* create(Route const& route, Message& message);
-  bool isOverLimit(Route const& route, Message const& message);
+  Entry* create(Route const& route, IpGenAddr const& rp, Message& message);
+  bool isOverLimit(Route const& route, IpGenAddr const& rp, Message const& message);
   Entry& insert(Route const& route, Message& message);
   void remove(Entry& entry);
   void latestIs(Entry& entry, Sender& sender);

@@ -235,8 +235,8 @@ class VEL_API FollowedEntity : public Entity {
   /// The follower, or null.
   Reactor* velFollower() const { return velFollower_.get(); }
   /// Sets or, by null, removes the follower. False, and nothing has changed, if there is another one that
-  /// still follows; see Reactor::velFollowNoMore(). REQUIRES: a reactor on this entity's type, whose notifier
-  /// and isNondestructing() nobody sets, in its callbacks neither.
+  /// still follows; see Reactor::velFollowNoMore(). REQUIRES: a reactor on this entity's type, whose
+  /// notifier and isNondestructing() are not set, also not from inside its callbacks.
   bool velFollowerIs(Vel::Ptr<Vel::Reactor> const& follower);
   bool velFollowerIs(Vel::Ptr<Vel::Reactor> const&) const { throwConstInstance(); }
 

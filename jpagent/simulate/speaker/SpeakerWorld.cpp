@@ -137,8 +137,9 @@ void SpeakerWorld::downstreamChanged(Speaker::DownstreamEvent const& event) {
 }
 
 void SpeakerWorld::downstreamLimited(Speaker::DownstreamLimitEvent const& event) {
-  line(fmt::format("downstream {} on {}: beyond the limit of the {}, from {}{}", toText(event.route),
-                   event.intf.name(), event.ofNeighbor ? "neighbor" : "interface", toText(event.sender),
+  line(fmt::format("downstream {}{} on {}: beyond the limit of the {}, from {}{}", toText(event.route),
+                   event.rp ? " rp " + toText(*event.rp) : "", event.intf.name(),
+                   event.ofNeighbor ? "neighbor" : "interface", toText(event.sender),
                    leftOutText(event.leftOut)));
 }
 

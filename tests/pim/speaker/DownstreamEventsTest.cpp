@@ -88,6 +88,12 @@ TEST_P(DownstreamEventsTest, ANeighborsRoutesAreLimitedByThoseThatItsMessagesCre
   EXPECT_THAT(take(), ElementsAre("joined (S3,G1) by N2"));
 }
 
+TEST_P(DownstreamEventsTest, ARefusedSharedTreeIsToldWithItsRp) {
+  routes->limitsAre({.routes = 0});
+  receive("join (*,G1) R1");
+  EXPECT_THAT(take(), ElementsAre("limit of interface (*,G1) R1 by N1, left out 0"));
+}
+
 TEST_P(DownstreamEventsTest, RefusalsAreToldTenTimesASecondWithTheNumberThatWasLeftOut) {
   routes->limitsAre({.routes = 0});
   for (int i = 0; i < 25; ++i) receive("join (S1,G1)");

@@ -30,8 +30,8 @@ class DownstreamScene : public testing::TestWithParam<AddressFamily>,
   }
   void downstreamLimited(DownstreamLimitEvent const& event) override {
     events.push_back(std::string("limit of ") + (event.ofNeighbor ? "neighbor " : "interface ") +
-                     names.name(event.route) + " by " + names.name(event.sender) + ", left out " +
-                     std::to_string(event.leftOut));
+                     names.name(event.route) + (event.rp ? " " + names.name(*event.rp) : "") + " by " +
+                     names.name(event.sender) + ", left out " + std::to_string(event.leftOut));
     if (auto const call = onLimit) call();
   }
   void pruneEchoIs(Link& on, Route const& route, IpGenAddr const& rp) override {
